@@ -1,0 +1,84 @@
+// Keyed collections with change notification: the shape in which everything is published.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace KilnPlatform {
+
+/// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent when
+/// the call is made, and the current value, which may be absent, is to be read from it.
+template <class K>
+class KeySubscriber {
+ public:
+  virtual void handleChange(const K& key) = 0;
+
+ protected:
+  ~KeySubscriber() = default;
+};
+
+/// The resumable position of a walk over a collection. A default one stands before the first key. Which members
+/// a collection uses is its own affair; a cursor belongs to the collection that moved it.
+template <class K>
+struct ScanCursor {
+  bool started = false;
+  std::size_t index = 0;
+  std::optional<K> last;
+};
+
+/// A collection of key to value. Every real change (insert, replace by another value, delete) notifies every
+/// subscriber with the key; `is` with an equal value and `del` of an absent key change nothing and notify
+/// nobody. One thread only.
+template <class K, class V>
+class KeyedCollection {
+ public:
+  using Key = K;
+  using Value = V;
+
+  virtual ~KeyedCollection() = default;
+
+  /// The value under `key`, or null. Valid until the collection's next change.
+  [[nodiscard]] virtual const V* find(const K& key) const = 0;
+  [[nodiscard]] virtual std::size_t size() const = 0;
+  /// Inserts or replaces. True where that changed the collection.
+  virtual bool is(const K& key, const V& value) = 0;
+  /// Deletes. True where the key was present.
+  virtual bool del(const K& key) = 0;
+  /// Deletes every key, notifying each.
+  virtual void delAll() = 0;
+
+  /// The next key of a walk, or nothing at its end. The walk survives every change made between two calls: a
+  /// key that is present from the first call to the last is visited at least once, and each call makes
+  /// progress. The order is deterministic: the same operations give the same order everywhere.
+  virtual std::optional<K> scanNext(ScanCursor<K>& cursor) const = 0;
+
+  /// Adds a subscriber, which must stay alive until it is removed. Subscribing does not change the content, so a
+  /// reader may do it.
+  virtual void subscribe(KeySubscriber<K>& subscriber) const = 0;
+  virtual void unsubscribe(KeySubscriber<K>& subscriber) const = 0;
+
+  [[nodiscard]] bool has(const K& key) const { return find(key) != nullptr; }
+  [[nodiscard]] bool empty() const { return size() == 0; }
+  /// A copy of the value under `key`.
+  [[nodiscard]] std::optional<V> get(const K& key) const {
+    const V* value = find(key);
+    return value == nullptr ? std::nullopt : std::optional<V>(*value);
+  }
+
+ protected:
+  KeyedCollection() = default;
+  KeyedCollection(const KeyedCollection&) = delete;
+  KeyedCollection& operator=(const KeyedCollection&) = delete;
+};
+
+/// Visits every key and value; the collection must not change meanwhile.
+template <class C, class Visitor>
+void forEachIn(const C& collection, Visitor&& visitor) {
+  ScanCursor<typename C::Key> cursor;
+  while (const auto key = collection.scanNext(cursor)) {
+    if (const auto* value = collection.find(*key)) visitor(*key, *value);
+  }
+}
+
+}  // namespace KilnPlatform

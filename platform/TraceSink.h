@@ -1,0 +1,30 @@
+// Where trace messages go.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace KilnPlatform {
+
+/// One message of the program: its level, 0 (unexpected data) to 9 (scan and reconciliation progress), and its
+/// text with `{}` placeholders, by which a sink can recognise it whatever its arguments.
+struct TraceDescriptor {
+  std::uint8_t level;
+  std::string_view text;
+};
+
+/// One message as it happened. All views end with the call that hands it over.
+struct TraceRecord {
+  const TraceDescriptor& descriptor;
+  std::string_view stage;    ///< name of the stage, or of the component outside the server
+  std::string_view message;  ///< the text with its arguments in place
+};
+
+/// Receives the messages that pass the filters.
+class TraceSink {
+ public:
+  virtual ~TraceSink() = default;
+  virtual void write(const TraceRecord& record) = 0;
+};
+
+}  // namespace KilnPlatform

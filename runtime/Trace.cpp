@@ -1,0 +1,101 @@
+#include "runtime/Trace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <stdexcept>
+#include <utility>
+
+namespace KilnEmServer {
+namespace {
+
+void writeLine(std::FILE* stream, const TraceRecord& record) {
+  fmt::print(stream, "{} {} {}\n", record.descriptor.level, record.stage, record.message);
+}
+
+}  // namespace
+
+Tracer::Tracer(std::string stage) : stage_(std::move(stage)) {
+  TraceFacility& facility = TraceFacility::instance();
+  facility.tracers_.push_back(this);
+  threshold_ = facility.thresholdOf(stage_);
+}
+
+Tracer::~Tracer() { std::erase(TraceFacility::instance().tracers_, this); }
+
+void Tracer::write(const TraceDescriptor& descriptor, fmt::format_args args) const {
+  fmt::memory_buffer buffer;
+  fmt::vformat_to(std::back_inserter(buffer), {descriptor.text.data(), descriptor.text.size()}, args);
+  const TraceRecord record{descriptor, stage_, {buffer.data(), buffer.size()}};
+  for (const auto& sink : TraceFacility::instance().sinks_) sink->write(record);
+}
+
+TraceFacility& TraceFacility::instance() {
+  static TraceFacility facility;
+  return facility;
+}
+
+void TraceFacility::levelIs(int level) {
+  level_ = level;
+  refresh();
+}
+
+void TraceFacility::stageLevelIs(std::string part, int level) {
+  filters_.push_back({std::move(part), level});
+  refresh();
+}
+
+void TraceFacility::stageLevelDelAll() {
+  filters_.clear();
+  refresh();
+}
+
+void TraceFacility::sinkIs(const Ref<TraceSink>& sink) {
+  sinks_.push_back(sink);
+  refresh();
+}
+
+void TraceFacility::sinkDel(const Ref<TraceSink>& sink) {
+  std::erase(sinks_, sink);
+  refresh();
+}
+
+void TraceFacility::refresh() {
+  for (Tracer* tracer : tracers_) tracer->threshold_ = thresholdOf(tracer->stage_);
+}
+
+int TraceFacility::thresholdOf(std::string_view stage) const {
+  if (sinks_.empty()) return -1;
+  int level = level_;
+  for (const StageFilter& filter : filters_) {
+    if (stage.find(filter.part) != std::string_view::npos) level = filter.level;
+  }
+  return level;
+}
+
+void StreamTraceSink::write(const TraceRecord& record) { writeLine(stream_, record); }
+
+FileTraceSink::FileTraceSink(const std::string& path) : file_(std::fopen(path.c_str(), "w")) {
+  if (file_ == nullptr) {
+    throw std::runtime_error(fmt::format("{}: cannot be written: {}", path, std::strerror(errno)));
+  }
+}
+
+FileTraceSink::~FileTraceSink() { std::fclose(file_); }
+
+void FileTraceSink::write(const TraceRecord& record) { writeLine(file_, record); }
+
+void RingTraceSink::write(const TraceRecord& record) {
+  if (messages_.size() == capacity_) messages_.pop_front();
+  messages_.push_back({record.descriptor.level, std::string(record.stage), std::string(record.message),
+                       std::string(record.descriptor.text)});
+}
+
+std::size_t RingTraceSink::count(std::string_view part) const {
+  return static_cast<std::size_t>(std::count_if(messages_.begin(), messages_.end(), [&](const Message& message) {
+    return message.text.find(part) != std::string::npos;
+  }));
+}
+
+}  // namespace KilnEmServer
