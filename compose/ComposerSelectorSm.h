@@ -1,0 +1,35 @@
+// Copies the requested logical keys of one composer type into that type's request set.
+#pragma once
+
+#include <string>
+
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/Output.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// One per composer type. An entry's content plays no part: only whether the key is requested.
+class ComposerSelectorSm final : public Stage {
+ public:
+  ComposerSelectorSm(EmComposerKeyUnionTag composerType, Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                     Ref<EmLogicalKeyConfig> emLogicalKeyConfig, std::string name,
+                     Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+ private:
+  void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
+
+  EmComposerKeyUnionTag composerType_;
+  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
+        "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}">
+      emLogicalKeyToEntry_;
+  Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
+};
+
+Ref<ComposerSelectorSm> composerSelectorSmFactory(EmComposerKeyUnionTag composerType,
+                                                  Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig, std::string name,
+                                                  Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+}  // namespace KilnEmServer

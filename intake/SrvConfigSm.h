@@ -1,0 +1,92 @@
+// The intake of one database: flattens all features' requests into the database's EmSrvConfig. One design for
+// the three databases; LemSrvConfigSm, IsemSrvConfigSm and EsemSrvConfigSm give it their names.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/FixedString.h"
+#include "platform/KilnTunnelNiLib.h"
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/Output.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// Where a database's requests are found, per feature.
+template <class Db>
+struct SrvConfigSource;
+template <>
+struct SrvConfigSource<KilnTunnelNiLib::Lem> {
+  using ByFeature = LemSrvConfigByFeature;
+  using Attr = LemSrvConfigByFeature::lemConfigAttr;
+};
+template <>
+struct SrvConfigSource<KilnTunnelNiLib::Isem> {
+  using ByFeature = IsemSrvConfigByFeature;
+  using Attr = IsemSrvConfigByFeature::isemConfigAttr;
+};
+template <>
+struct SrvConfigSource<KilnTunnelNiLib::Esem> {
+  using ByFeature = EsemSrvConfigByFeature;
+  using Attr = EsemSrvConfigByFeature::esemConfigAttr;
+};
+
+template <class Db>
+class SrvConfigSm : public Stage {
+ public:
+  using ByFeature = typename SrvConfigSource<Db>::ByFeature;
+  using RequestKey = typename Db::EntryKey;
+  using Request = KilnTunnelNiLib::SrvConfigEntry<typename Db::ClientData>;
+
+  SrvConfigSm(std::string_view className, Ref<const ByFeature> configByFeature, Ref<EmSrvConfig> emSrvConfig,
+              std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
+              int priority);
+
+ private:
+  void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);
+  [[nodiscard]] bool ofThisDatabase(const EmLogicalKey& logicalKey) const;
+
+  static constexpr auto kFrom = "Line 26: from( configByFeature." + Db::kPrefix +
+                                "Config[].config[] ): feature={} key={} entryOpt={}";
+
+  NestedInput<typename SrvConfigSource<Db>::Attr, typename KilnTunnelNiLib::SrvConfig<Db>::configAttr,
+              "configByFeature", &SrvConfigSm::handleConfig0, kFrom>
+      configByFeature_;
+  Output<EmSrvConfig::emLogicalKeyToEntryAttr, "emSrvConfig", "logicalKey"> emSrvConfig_;
+};
+
+template <class Db>
+SrvConfigSm<Db>::SrvConfigSm(std::string_view className, Ref<const ByFeature> configByFeature,
+                             Ref<EmSrvConfig> emSrvConfig, std::string name,
+                             Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler, int priority)
+    : Stage(className, std::move(name), std::move(dependencyStatus), {std::move(scheduler), priority},
+            "Line 36: from( this.ready )"),
+      configByFeature_(*this, std::move(configByFeature)),
+      emSrvConfig_(*this, std::move(emSrvConfig)) {}
+
+template <class Db>
+void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt) {
+  using KilnTunnelNiLib::RequestKind;
+  const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
+  const bool admitted = entryOpt != nullptr && ofThisDatabase(logicalKey) &&
+                        (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
+  if (admitted) {
+    emSrvConfig_.insert(logicalKey, {entryOpt->clientData.*Db::kEntryOfClientData, entryOpt->requestVersion});
+  } else {
+    emSrvConfig_.erase(logicalKey);
+  }
+}
+
+template <class Db>
+bool SrvConfigSm<Db>::ofThisDatabase(const EmLogicalKey& logicalKey) const {
+  const EmComposerKeyUnionTag composerType = logicalKey.emComposerKey.tag();
+  if (composerType != EmComposerKeyUnionTag::undefined_ && emTypeOf(composerType) == Db::kEmType) return true;
+  tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}", name(), Db::kEmType,
+                             logicalKey);
+  return false;
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,39 @@
+// Joins, per logical key, the composed hardware key with the requested entry.
+#pragma once
+
+#include <string>
+
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/Output.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// Only a logical key that has both goes on.
+class EmKeyMergeSm final : public Stage {
+ public:
+  EmKeyMergeSm(Ref<const ResolvedKeyColl> resolvedKeyColl, Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+               Ref<EmMergedEntry> emMergedEntry, std::string name, Ref<DependencyStatus> dependencyStatus,
+               StageControl control);
+
+ private:
+  void eventToVok_stream0(const EmLogicalKey& emKey, const EmHwKey* hwKeyOpt);
+  void eventToVok_stream1(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
+  void eventToVok_pipeline0(const EmLogicalKey& emKey);
+
+  Input<ResolvedKeyColl::emLogicalKeyToResolvedKeyAttr, "resolvedKeyColl", &EmKeyMergeSm::eventToVok_stream0,
+        "Line 26: from( resolvedKeyColl.emLogicalKeyToResolvedKey[] ): emKey={}">
+      resolvedKeyColl_;
+  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &EmKeyMergeSm::eventToVok_stream1,
+        "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}">
+      emLogicalKeyToEntry_;
+  Output<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", "emKey"> emMergedEntry_;
+};
+
+Ref<EmKeyMergeSm> emKeyMergeSmFactory(Ref<const ResolvedKeyColl> resolvedKeyColl,
+                                      Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                                      Ref<EmMergedEntry> emMergedEntry, std::string name,
+                                      Ref<DependencyStatus> dependencyStatus, StageControl control);
+
+}  // namespace KilnEmServer

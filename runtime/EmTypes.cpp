@@ -1,0 +1,29 @@
+#include "runtime/EmTypes.h"
+
+namespace KilnEmServer {
+
+EmLogicalKeyState::State translateState(ResolutionState::State state) {
+  KILN_ASSERT(state <= ResolutionState::resolutionSuccess_);
+  return static_cast<EmLogicalKeyState::State>(state);
+}
+
+EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
+  using To = EmLogicalKeyState::State;
+  static constexpr std::array<To, 4> kTable = {To::hwPending, To::hwSuccess, To::hwFail, To::hwKeyConflict};
+  KILN_ASSERT(static_cast<std::size_t>(state) < kTable.size());
+  return kTable[static_cast<std::size_t>(state)];
+}
+
+EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
+  const auto number = static_cast<int>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  return key.tag();
+}
+
+EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key) {
+  const auto number = static_cast<int>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  return key.tag();
+}
+
+}  // namespace KilnEmServer

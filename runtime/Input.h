@@ -1,0 +1,300 @@
+// Inputs of a stage: an event for each key of a collection, from the initial scan and from every later change.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "platform/Collection.h"
+#include "platform/FixedString.h"
+#include "platform/Value.h"
+#include "runtime/PendingKeys.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+using KilnPlatform::FixedString;
+using KilnPlatform::OptionalText;
+
+/// When a change of an input is handled.
+enum class Reaction : std::uint8_t {
+  queued,     ///< on the stage's task, once however often the key changed meanwhile
+  immediate,  ///< inside the call that made the change
+};
+
+namespace detail {
+
+template <class Handler>
+struct HandlerClass;
+template <class S, class... Args>
+struct HandlerClass<void (S::*)(Args...)> {
+  using type = S;
+};
+
+/// The stage class of a handler.
+template <auto Handler>
+using StageOf = typename HandlerClass<decltype(Handler)>::type;
+
+/// Runs one item of a stage's work. A range error that escapes is that item's affair: it is reported, and the
+/// stage goes on with the next.
+template <class Key, class Work>
+void runItem(Stage& stage, const Key& key, Work&& work) {
+  try {
+    work();
+  } catch (const std::range_error& error) {
+    stage.tracer().trace<0>("{}: key {} left out: {}", stage.name(), key, std::string_view(error.what()));
+  }
+}
+
+/// "ConfigByFeatureSm0" for the argument "configByFeature".
+std::string inline childNameOf(std::string_view argument, int number) {
+  std::string name = fmt::format("{}Sm{}", argument, number);
+  if (name[0] >= 'a' && name[0] <= 'z') name[0] = static_cast<char>(name[0] - 'a' + 'A');
+  return name;
+}
+
+[[noreturn]] inline void nullArgument(std::string_view argument, const char* file, int line) {
+  KilnPlatform::assertionFailed(
+      fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"", argument), file,
+      line);
+}
+
+}  // namespace detail
+
+/// The half of an input that knows its key: the pending list and the walk. `Self::handleKey(key)` handles one
+/// key; `Self::collection()` is what is walked.
+template <class Self, class K, Reaction reaction>
+class KeyedInput : public InputBase, public KeySubscriber<K> {
+ public:
+  [[nodiscard]] bool hasPending() const final { return !pending_.empty(); }
+  [[nodiscard]] std::size_t pendingCount() const final { return pending_.size(); }
+  [[nodiscard]] std::uint64_t headArrival() const final { return pending_.headArrival(); }
+
+  std::size_t drain(std::uint64_t limit, bool& yielded) final {
+    std::size_t items = 0;
+    while (!pending_.empty() && pending_.headArrival() < limit) {
+      const K key = pending_.pop();
+      detail::runItem(stage_, key, [&] { self().handlePendingKey(key); });
+      ++items;
+      if (stage_.shouldYield()) {
+        yielded = true;
+        break;
+      }
+    }
+    return items;
+  }
+
+  void handleChange(const K& key) final {
+    if constexpr (reaction == Reaction::immediate) {
+      const KilnPlatform::RunningStageScope scope(stage_.name());
+      handleItem(key);
+    } else {
+      if (pending_.add(key, stage_.arrivals())) stage_.noteArrival();
+    }
+  }
+
+ protected:
+  using InputBase::InputBase;
+
+  bool scanItem() final {
+    const std::optional<K> key = self().collection().scanNext(cursor_);
+    if (!key) return false;
+    handleItem(*key);
+    return true;
+  }
+  [[nodiscard]] std::size_t collectionSize() const final {
+    return static_cast<const Self*>(this)->collection().size();
+  }
+  void subscribe() final { self().collection().subscribe(*this); }
+  void unsubscribe() final { self().collection().unsubscribe(*this); }
+  void handleItem(const K& key) {
+    detail::runItem(stage_, key, [&] { self().handleKey(key); });
+  }
+  Self& self() { return *static_cast<Self*>(this); }
+  void handlePendingKey(const K& key) { self().handleKey(key); }
+  /// Walks the collection once more, from its first key.
+  void restartScan() {
+    cursor_ = {};
+    InputBase::restartScan();
+  }
+
+ private:
+  ScanCursor<K> cursor_;
+  PendingKeys<K> pending_;
+};
+
+/// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
+/// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the value.
+template <class Attr, FixedString Argument, auto Handler, FixedString From, Reaction reaction = Reaction::queued>
+class Input final
+    : public KeyedInput<Input<Attr, Argument, Handler, From, reaction>, typename Attr::Key, reaction> {
+  using Base = KeyedInput<Input, typename Attr::Key, reaction>;
+  using StageClass = detail::StageOf<Handler>;
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+  using EntityRef = Ref<const typename Attr::Entity>;
+
+ public:
+  Input(StageClass& stage, EntityRef entity, std::string_view streamName = "vok_pipeline0")
+      : Base(stage, detail::childNameOf(Argument.view(), stage.takeChildNumber()), stage.takePipelineNumber(),
+             streamName),
+        owner_(stage),
+        entity_(std::move(entity)) {}
+  ~Input() override { this->stop(); }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
+  [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
+
+  void handleKey(const Key& key) {
+    const Value* value = find(key);
+    this->stage_.tracer().template trace<7>(
+        TraceMessage<7, Key, OptionalText<Value>>(From.data), key, OptionalText<Value>{value});
+    (owner_.*Handler)(key, value);
+  }
+
+ private:
+  StageClass& owner_;
+  EntityRef entity_;
+};
+
+/// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
+/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers to
+/// another entity, every key of the old one is looked at again, and handled as absent where no other has it.
+template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From>
+class NestedInput final : public KeyedInput<NestedInput<OuterAttr, InnerAttr, Argument, Handler, From>,
+                                            typename OuterAttr::Key, Reaction::queued> {
+  using Base = KeyedInput<NestedInput, typename OuterAttr::Key, Reaction::queued>;
+  using StageClass = detail::StageOf<Handler>;
+  using OuterKey = typename OuterAttr::Key;
+  using Key = typename InnerAttr::Key;
+  using Value = typename InnerAttr::Value;
+  using EntityRef = Ref<const typename OuterAttr::Entity>;
+  using InnerRef = Ref<const typename InnerAttr::Entity>;
+
+  /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became of
+  /// the keys that it had.
+  class Inner final : public KeyedInput<Inner, Key, Reaction::queued> {
+    using InnerBase = KeyedInput<Inner, Key, Reaction::queued>;
+
+   public:
+    Inner(NestedInput& parent, const OuterKey& outerKey, InnerRef entity)
+        : InnerBase(parent.stage_, parent.innerName_, parent.pipeline(), parent.streamName()),
+          parent_(parent),
+          outerKey_(outerKey),
+          entity_(std::move(entity)) {}
+    ~Inner() override { this->stop(); }
+
+    void checkArgument() const override {}
+    [[nodiscard]] const auto& collection() const { return InnerAttr::of(*entity_); }
+    void handleKey(const Key& key) { parent_.handleInnerKey(outerKey_, key); }
+    void handlePendingKey(const Key& key) {
+      if (retiring_) {
+        this->stage_.tracer().template trace<7>(
+            "We missed notifications that happened to {} before the enclosing entity got deleted",
+            InnerAttr::kName.view());
+      }
+      handleKey(key);
+    }
+    [[nodiscard]] const InnerRef& entity() const { return entity_; }
+
+    /// The outer entry no longer refers to this entity.
+    void retire() {
+      retiring_ = true;
+      this->stage_.reapRequested();
+      this->restartScan();
+    }
+    [[nodiscard]] bool retired() const { return retiring_ && this->inputScanComplete() && !this->hasPending(); }
+
+   private:
+    [[nodiscard]] std::string_view scanKind() const override { return "child"; }
+    [[nodiscard]] bool isChild() const override { return true; }
+    [[nodiscard]] bool parentScanComplete() const override { return parent_.inputScanComplete(); }
+
+    NestedInput& parent_;
+    OuterKey outerKey_;
+    InnerRef entity_;
+    bool retiring_ = false;
+  };
+
+ public:
+  NestedInput(StageClass& stage, EntityRef entity, std::string_view streamName = "vok_pipeline0")
+      : Base(stage, detail::childNameOf(Argument.view(), stage.takeChildNumber()), stage.takePipelineNumber(),
+             streamName),
+        owner_(stage),
+        entity_(std::move(entity)),
+        innerName_(detail::childNameOf(OuterAttr::kName.view(), stage.takeChildNumber())) {}
+  ~NestedInput() override { stop(); }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  [[nodiscard]] const auto& collection() const { return OuterAttr::of(*entity_); }
+  /// The value under an inner key, or null.
+  [[nodiscard]] const Value* find(const OuterKey& outerKey, const Key& key) const {
+    const auto at = inners_.find(outerKey);
+    return at == inners_.end() ? nullptr : at->second->collection().find(key);
+  }
+
+  void stop() override {
+    Base::stop();
+    inners_.clear();
+    retiring_.clear();
+  }
+
+  void reap() override {
+    std::erase_if(retiring_, [](const auto& inner) { return inner->retired(); });
+  }
+
+  /// The outer entry under `outerKey` is new, gone or another one.
+  void handleKey(const OuterKey& outerKey) {
+    const auto* current = collection().find(outerKey);
+    if (current != nullptr) {
+      KILN_ASSERT_MESSAGE(*current != nullptr,
+                          "Sm args can only be null if marked as Optional in the SM type declaration");
+    }
+    const auto at = inners_.find(outerKey);
+    std::unique_ptr<Inner> old;
+    if (at != inners_.end()) {
+      if (current != nullptr && at->second->entity() == *current) return;
+      old = std::move(at->second);
+      inners_.erase(at);
+    }
+    if (current != nullptr) inners_[outerKey] = std::make_unique<Inner>(*this, outerKey, *current);
+    // The old one looks its keys up in the new one, so that a key that both have is never withdrawn between.
+    if (old != nullptr) {
+      retiring_.push_back(std::move(old));
+      retiring_.back()->retire();
+    }
+    if (current != nullptr) inners_.at(outerKey)->start();
+  }
+
+  void handleInnerKey(const OuterKey& outerKey, const Key& key) {
+    const Value* value = find(outerKey, key);
+    this->stage_.tracer().template trace<7>(TraceMessage<7, OuterKey, Key, OptionalText<Value>>(From.data),
+                                            outerKey, key, OptionalText<Value>{value});
+    (owner_.*Handler)(outerKey, key, value);
+  }
+
+ private:
+  StageClass& owner_;
+  EntityRef entity_;
+  std::string innerName_;
+  std::map<OuterKey, std::unique_ptr<Inner>> inners_;
+  std::vector<std::unique_ptr<Inner>> retiring_;
+};
+
+}  // namespace KilnEmServer

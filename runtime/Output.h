@@ -1,0 +1,152 @@
+// Outputs of a stage: where its pipelines' into() statements write.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "platform/FixedString.h"
+#include "platform/Value.h"
+#include "runtime/Collection.h"
+#include "runtime/Input.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// What happens when a value is written under another key than its own.
+enum class KeyMismatch : std::uint8_t { report, fatal };
+
+/// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are written,
+/// and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan. An output that
+/// was empty at start has nothing to compare, so nothing is noted for it.
+template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
+class Output final : public OutputBase {
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+  using EntityRef = Ref<typename Attr::Entity>;
+
+ public:
+  static constexpr auto kPath = Argument + "." + Attr::kName + "[ " + KeyName + " ]";
+  static constexpr auto kOutputName = Argument + upperCamel(Attr::kName) + "Output";
+
+  Output(Stage& stage, EntityRef entity)
+      : OutputBase(stage, std::string(kOutputName.view())), entity_(std::move(entity)) {}
+  ~Output() override { stop(); }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+
+  /// Writes the value, replacing an earlier one.
+  void insert(const Key& key, const Value& value) {
+    if constexpr (requires { Attr::keyOf(value); }) checkOwnKey(key, Attr::keyOf(value));
+    if constexpr (std::is_same_v<Value, KilnPlatform::Unit>) {
+      stage_.tracer().template trace<7>("into( {} ): inserting k1={}", kPath.view(), key);
+    } else {
+      stage_.tracer().template trace<7>("into( {} ): inserting k1={}, value={}", kPath.view(), key, value);
+    }
+    if (reconciling()) [[unlikely]] {
+      insertReconciling(key, value);
+    } else {
+      collection().is(key, value);
+    }
+  }
+
+  /// Deletes the key; later, where reconciliation holds deletions back.
+  void erase(const Key& key) {
+    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    if (reconciliationState() == ReconciliationState::skipNothing) {
+      collection().del(key);
+    } else {
+      seen_.del(key);
+      if (collection().has(key)) heldBack_.is(key, {});
+    }
+  }
+
+  /// Writes the value, or deletes the key where it is null.
+  void write(const Key& key, const Value* value) {
+    if (value != nullptr) {
+      insert(key, *value);
+    } else {
+      erase(key);
+    }
+  }
+
+  /// The key is to stay as it is, though nothing was written under it yet.
+  void markSeen(const Key& key) {
+    if (reconciling() && noteSeen_) seen_.is(key, {});
+  }
+
+  [[nodiscard]] const Value* find(const Key& key) const { return Attr::of(std::as_const(*entity_)).find(key); }
+
+  void deleteAll() override {
+    seen_.delAll();
+    heldBack_.delAll();
+    collection().delAll();
+  }
+
+ private:
+  using KeySet = Collection<Key, KilnPlatform::Unit>;
+
+  [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
+
+  void checkOwnKey(const Key& key, const Key& ownKey) const {
+    if (ownKey == key) [[likely]] return;
+    static constexpr auto kText =
+        "In \"into( " + kPath +
+        " )\" the value inserted in the into statement has internal key: {}, but the key specified in the into is: {}";
+    if constexpr (mismatch == KeyMismatch::fatal) {
+      KILN_ASSERT_MESSAGE(ownKey == key, fmt::runtime(kText.view()), ownKey, key);
+    } else {
+      stage_.tracer().template trace<0>(TraceMessage<0, Key, Key>(kText.data), ownKey, key);
+    }
+  }
+
+  void insertReconciling(const Key& key, const Value& value) {
+    const bool present = collection().has(key);
+    markSeen(key);
+    heldBack_.del(key);
+    countWrite(present, collection().is(key, value));
+  }
+
+  void beginSeen() override {
+    noteSeen_ = !collection().empty();
+    cursor_ = {};
+  }
+
+  bool deletionScanItem(bool& deleted) override {
+    if (noteSeen_) {
+      if (const auto key = collection().scanNext(cursor_)) {
+        deleted = !seen_.has(*key);
+        if (deleted) deleteStale(*key);
+        return true;
+      }
+    }
+    ScanCursor<Key> first;
+    if (const auto key = heldBack_.scanNext(first)) {
+      deleted = collection().has(*key);
+      if (deleted) deleteStale(*key);
+      heldBack_.del(*key);
+      return true;
+    }
+    return false;
+  }
+
+  void deleteStale(const Key& key) {
+    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    heldBack_.del(key);
+    collection().del(key);
+  }
+
+  void endSeen() override { seen_.delAll(); }
+
+  EntityRef entity_;
+  bool noteSeen_ = false;
+  ScanCursor<Key> cursor_;
+  KeySet seen_;
+  KeySet heldBack_;
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,359 @@
+#include "runtime/Stage.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+namespace KilnEmServer {
+
+// --- InputBase ---------------------------------------------------------------------------------------------
+
+InputBase::InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
+    : stage_(stage), childName_(std::move(childName)), streamName_(streamName), pipeline_(pipeline) {
+  stage_.inputIs(*this);
+}
+
+InputBase::~InputBase() { stage_.inputDel(*this); }
+
+void InputBase::start() {
+  subscribe();
+  subscribed_ = true;
+  createScanTask();
+  doInputScan();
+}
+
+void InputBase::restartScan() {
+  scanState_ = ScanState::notStarted;
+  createScanTask();
+  doInputScan();
+}
+
+void InputBase::createScanTask() {
+  task_ = std::make_unique<Task>(
+      stage_.control().scheduler, stage_.control().priority,
+      fmt::format("KilnEmServer::{}-{}InputScanTask{}", stage_.className(), childName_, pipeline_),
+      [](void* owner) {
+        auto& input = *static_cast<InputBase*>(owner);
+        Stage& stage = input.stage_;
+        const KilnPlatform::RunningStageScope scope(stage.name());
+        input.doInputScan();
+        stage.reapInputs();
+      },
+      this);
+}
+
+void InputBase::stop() {
+  if (std::exchange(subscribed_, false)) unsubscribe();
+  task_.reset();
+}
+
+bool InputBase::inputScanComplete() const {
+  return scanState_ == ScanState::complete ||
+         (scanState_ == ScanState::completeBeforeInitialized && stage_.initialized());
+}
+
+void InputBase::doInputScan() {
+  if (scanState_ == ScanState::complete || scanState_ == ScanState::completeBeforeInitialized) return;
+  const bool resumed = scanState_ == ScanState::paused;
+  std::size_t items = 0;
+  while (scanItem()) {
+    ++items;
+    ++totalItems_;
+    if (task_ != nullptr && stage_.shouldYield()) {
+      pauseScan(items);
+      return;
+    }
+  }
+  stage_.control().scheduler->taskWorkCountInc(items);
+  completeScan(resumed);
+}
+
+void InputBase::pauseScan(std::size_t items) {
+  scanState_ = ScanState::paused;
+  stage_.tracer().trace<7>("{} {} yielding after {} iterations ({} total items)", scanKind(), childName_, items,
+                           collectionSize());
+  stage_.control().scheduler->taskWorkCountInc(items);
+  stage_.control().scheduler->taskWorkPendingIs(collectionSize());
+  task_->scheduleTask();
+}
+
+void InputBase::completeScan(bool resumed) {
+  scanState_ = stage_.initialized() ? ScanState::complete : ScanState::completeBeforeInitialized;
+  task_.reset();
+  if (isChild() && parentScanComplete()) {
+    stage_.tracer().trace<9>("{} scan, and parent scan, complete.", childName_);
+  } else {
+    stage_.tracer().trace<9>("{} scan complete. Processed {} children.", childName_, totalItems_);
+  }
+  stage_.tracer().trace<9>("scan complete: {} resumed: {} scan: {}", inputScanComplete(), resumed, childName_);
+  stage_.handleScanComplete();
+}
+
+// --- OutputBase --------------------------------------------------------------------------------------------
+
+OutputBase::OutputBase(Stage& stage, std::string name) : stage_(stage), name_(std::move(name)) {
+  stage_.outputIs(*this);
+}
+
+OutputBase::~OutputBase() = default;
+
+void OutputBase::startReconciling() {
+  reconciling_ = true;
+  beginSeen();
+  task_ = std::make_unique<Task>(
+      stage_.control().scheduler, stage_.control().priority,
+      fmt::format("{}-{}Task", stage_.className(), name_),
+      [](void* owner) {
+        auto& output = *static_cast<OutputBase*>(owner);
+        const KilnPlatform::RunningStageScope scope(output.stage_.name());
+        output.handleInputReady();
+      },
+      this);
+  stage_.tracer().trace<9>("Reconciling {}: {:}", name_, reconciling_);
+  reconciliationStateIs(ReconciliationState::skipDeletions);
+}
+
+void OutputBase::reconciliationStateIs(ReconciliationState state) {
+  reconciliationState_ = state;
+  stage_.tracer().trace<9>("Setting reconciliationState to {} for {}",
+                           state == ReconciliationState::skipDeletions ? "skip deletions" : "skip nothing", name_);
+}
+
+void OutputBase::handleInputReady() {
+  stage_.tracer().trace<9>("Input scans for {} complete", name_);
+  if (ready_) {
+    stage_.tracer().trace<9>("already ready, not reconciling.");
+    return;
+  }
+  if (reconciling_) {
+    if (!deletionScan()) return;
+    reconciling_ = false;
+    endSeen();
+    reconciliationStateIs(ReconciliationState::skipNothing);
+  }
+  ready_ = true;
+  stage_.handleOutputReady();
+}
+
+bool OutputBase::deletionScan() {
+  TaskScheduler& scheduler = *stage_.control().scheduler;
+  std::size_t items = 0;
+  std::size_t deletions = 0;
+  bool deleted = false;
+  while (deletionScanItem(deleted)) {
+    ++items;
+    if (std::exchange(deleted, false)) {
+      ++deletions;
+      ++counts_.deleted;
+    }
+    if (!stage_.synchronous() &&
+        (scheduler.taskCurrentlyRunning() != task_.get() || scheduler.taskShouldYield())) {
+      useBookmark_ = true;
+      stage_.tracer().trace<7>("Yielding in reconciliation processing after processing {} items, including {} deletions .",
+                               items, deletions);
+      scheduler.taskWorkCountInc(items);
+      task_->scheduleTask();
+      return false;
+    }
+  }
+  stage_.tracer().trace<9>("Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.",
+                           items, deletions);
+  scheduler.taskWorkCountInc(items);
+  task_.reset();
+  useBookmark_ = false;
+  return true;
+}
+
+// --- LocalState --------------------------------------------------------------------------------------------
+
+LocalState::LocalState(Stage& stage, std::string_view name) : name_(name) { stage.localStateIs(*this); }
+
+namespace {
+
+/// The built-in machine that watches the stage's own readiness: a collection of one item.
+class ReadyMachine final : public InputBase {
+ public:
+  ReadyMachine(Stage& stage, std::string_view readyText)
+      : InputBase(stage, fmt::format("BuiltinSmAttrNreadySm{}", stage.takeChildNumber()),
+                  stage.takePipelineNumber(), "ready"),
+        readyText_(readyText) {}
+
+  void checkArgument() const override {}
+  [[nodiscard]] bool hasPending() const override { return false; }
+  [[nodiscard]] std::size_t pendingCount() const override { return 0; }
+  [[nodiscard]] std::uint64_t headArrival() const override { return 0; }
+  std::size_t drain(std::uint64_t /*limit*/, bool& /*yielded*/) override { return 0; }
+
+ private:
+  void subscribe() override {}
+  void unsubscribe() override {}
+  bool scanItem() override {
+    if (std::exchange(scanned_, true)) return false;
+    stage_.tracer().trace<7>("{}: ready={}", readyText_, stage_.ready());
+    return true;
+  }
+  [[nodiscard]] std::size_t collectionSize() const override { return 1; }
+
+  std::string_view readyText_;
+  bool scanned_ = false;
+};
+
+}  // namespace
+
+// --- Stage -------------------------------------------------------------------------------------------------
+
+Stage::Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
+             StageControl control, std::string_view readyText)
+    : className_(className),
+      name_(std::move(name)),
+      readyText_(readyText),
+      dependencyStatus_(std::move(dependencyStatus)),
+      control_(std::move(control)),
+      tracer_(name_) {}
+
+Stage::~Stage() = default;
+
+void Stage::initialize() {
+  const KilnPlatform::RunningStageScope scope(name_);
+  KILN_ASSERT_MESSAGE(dependencyStatus_ != nullptr,
+                      "dependencyStatus() && \"Pointer SM args cannot be null unless they are marked Optional\"");
+  KILN_ASSERT_MESSAGE(control_.scheduler != nullptr,
+                      "scheduler() && \"Pointer SM args cannot be null unless they are marked Optional\"");
+  for (const InputBase* input : inputs_) input->checkArgument();
+  for (const OutputBase* output : outputs_) output->checkArgument();
+  eventTask_ = std::make_unique<Task>(
+      control_.scheduler, control_.priority, fmt::format("KilnEmServer::{}-EventTask", className_),
+      [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this);
+  tracer_.trace<9>("initialized");
+  for (OutputBase* output : outputs_) output->startReconciling();
+  handleInitialized();
+  tracer_.trace<9>("create local SMs");
+  const std::vector<InputBase*> children = inputs_;
+  readyMachine_ = std::make_unique<ReadyMachine>(*this, readyText_);
+  readyMachine_->start();
+  for (InputBase* child : children) child->start();
+  tracer_.trace<9>("create non-public arg SMs");
+  initialized_ = true;
+  handleScanComplete();
+}
+
+void Stage::doDeleteAll() {
+  const KilnPlatform::RunningStageScope scope(name_);
+  const std::vector<InputBase*> children = inputs_;
+  for (auto child = children.rbegin(); child != children.rend(); ++child) (*child)->stop();
+  readyMachine_.reset();
+  eventTask_.reset();
+  for (LocalState* state : localStates_) state->clear();
+  for (OutputBase* output : outputs_) {
+    output->stop();
+    output->deleteAll();
+  }
+  dependencyStatus_->completedDel(name_);
+}
+
+std::size_t Stage::pendingCount() const {
+  std::size_t count = 0;
+  for (const InputBase* input : inputs_) count += input->pendingCount();
+  return count;
+}
+
+void Stage::noteArrival() {
+  ++arrivals_;
+  if (initialScanDone_ && eventTask_ != nullptr) eventTask_->scheduleTask();
+}
+
+void Stage::handleScanComplete() {
+  if (!initialized_ || initialScanDone_) return;
+  handleInitialScanDone();
+}
+
+void Stage::handleInitialScanDone() {
+  bool complete = true;
+  for (const InputBase* input : inputs_) {
+    if (input->inputScanComplete()) continue;
+    complete = false;
+    tracer_.trace<9>("{} scan is false", input->streamName());
+  }
+  if (!complete) {
+    tracer_.trace<8>("Initial scan yielding for child SM {}.", className_);
+    return;
+  }
+  tracer_.trace<9>("Initial scan done for child SMs. Now scanning with events triggered.");
+  initialScanDone_ = true;
+  for (int pipeline = 0; pipeline < pipelineNumber_; ++pipeline) {
+    tracer_.trace<9>("pipeline {} scan is done", pipeline);
+  }
+  idle_ = true;
+  handleScansDone();
+  if (pendingCount() > 0) eventTask_->scheduleTask();
+  if (outputs_.empty()) {
+    handleOutputReady();
+    return;
+  }
+  for (OutputBase* output : outputs_) output->handleInputReady();
+}
+
+void Stage::handleOutputReady() {
+  if (ready_ || !std::all_of(outputs_.begin(), outputs_.end(), [](const OutputBase* o) { return o->ready(); })) {
+    return;
+  }
+  readyIs(true);
+  tracer_.trace<9>("Input scans for dependencyStatusCompletedOutput complete");
+  dependencyStatusCompletedOutputReady_ = true;
+  dependencyStatus_->completedIs(name_);
+}
+
+void Stage::readyIs(bool ready) {
+  ready_ = ready;
+  tracer_.trace<7>("{}: ready={}", readyText_, ready_);
+}
+
+void Stage::reapInputs() {
+  if (!reapRequested_) return;
+  const std::vector<InputBase*> inputs = inputs_;
+  for (InputBase* input : inputs) {
+    if (std::find(inputs_.begin(), inputs_.end(), input) != inputs_.end()) input->reap();
+  }
+}
+
+InputBase* Stage::nextInput(std::uint64_t& limit) const {
+  InputBase* first = nullptr;
+  std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
+  limit = arrivals_;
+  for (InputBase* input : inputs_) {
+    if (!input->hasPending()) continue;
+    const std::uint64_t arrival = input->headArrival();
+    if (arrival < least) {
+      limit = std::min(limit, least);
+      least = arrival;
+      first = input;
+    } else {
+      limit = std::min(limit, arrival);
+    }
+  }
+  return first;
+}
+
+void Stage::runEvents() {
+  const KilnPlatform::RunningStageScope scope(name_);
+  std::size_t items = 0;
+  std::uint64_t limit = 0;
+  // Items of different inputs are taken in the order of their arrival, in runs from one input.
+  bool yielded = false;
+  while (!yielded) {
+    InputBase* input = nextInput(limit);
+    if (input == nullptr) break;
+    items += input->drain(limit, yielded);
+  }
+  control_.scheduler->taskWorkCountInc(items);
+  if (const std::size_t pending = pendingCount(); pending > 0) {
+    tracer_.trace<8>("yielding after {} events ({} pending)", items, pending);
+    control_.scheduler->taskWorkPendingIs(pending);
+    eventTask_->scheduleTask();
+  }
+  reapInputs();
+}
+
+}  // namespace KilnEmServer

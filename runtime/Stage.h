@@ -1,0 +1,286 @@
+// The stage runtime: how a stage starts, scans its inputs in slices, brings its outputs back in line after a
+// restart, reports that it is ready, and goes away.
+//
+// A stage is a class derived from Stage whose members declare its dataflow: inputs (runtime/Input.h), outputs
+// (runtime/Output.h), groups and caches (runtime/LocalState.h). Its handlers are ordinary member functions; the
+// same handler serves the initial scan and every later change.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Assert.h"
+#include "platform/DependencyStatus.h"
+#include "platform/Ref.h"
+#include "platform/TaskScheduler.h"
+#include "runtime/Trace.h"
+
+namespace KilnEmServer {
+
+using KilnPlatform::DependencyStatus;
+using KilnPlatform::Task;
+using KilnPlatform::TaskScheduler;
+
+class Stage;
+
+/// How a stage is run.
+struct StageControl {
+  Ref<TaskScheduler> scheduler;
+  int priority = 0;
+  /// Scans never yield.
+  bool synchronous = false;
+};
+
+/// What all inputs of a stage share: the scan's state and its slices.
+class InputBase {
+ public:
+  enum class ScanState : std::uint8_t {
+    notStarted = 0,
+    paused = 1,
+    complete = 2,
+    completeBeforeInitialized = 3,
+  };
+
+  virtual ~InputBase();
+  InputBase(const InputBase&) = delete;
+  InputBase& operator=(const InputBase&) = delete;
+
+  /// Checks the argument that the input reads: a null one is a fatal assertion that names it.
+  virtual void checkArgument() const = 0;
+  /// Subscribes, creates the scan task and scans the first slice.
+  void start();
+  /// Runs a slice of the initial scan, from the bookmark where it was paused.
+  void doInputScan();
+  /// Unsubscribes and deletes the scan task.
+  virtual void stop();
+
+  [[nodiscard]] bool inputScanComplete() const;
+  [[nodiscard]] ScanState scanState() const { return scanState_; }
+  [[nodiscard]] std::string_view streamName() const { return streamName_; }
+  [[nodiscard]] int pipeline() const { return pipeline_; }
+  [[nodiscard]] const std::string& childName() const { return childName_; }
+
+  /// Whether changed keys wait, how many, and the arrival of the first of them.
+  [[nodiscard]] virtual bool hasPending() const = 0;
+  [[nodiscard]] virtual std::size_t pendingCount() const = 0;
+  [[nodiscard]] virtual std::uint64_t headArrival() const = 0;
+  /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share, which
+  /// sets `yielded`. Returns how many it handled.
+  virtual std::size_t drain(std::uint64_t limit, bool& yielded) = 0;
+  /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested.
+  virtual void reap() {}
+
+ protected:
+  InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName);
+
+  virtual void subscribe() = 0;
+  virtual void unsubscribe() = 0;
+  /// Handles the scan's next item; false at the end.
+  virtual bool scanItem() = 0;
+  [[nodiscard]] virtual std::size_t collectionSize() const = 0;
+  /// "child" for the input of an inner collection, empty otherwise.
+  [[nodiscard]] virtual std::string_view scanKind() const { return ""; }
+  /// Whether the scan of the enclosing collection is complete as well; only an inner input has one.
+  [[nodiscard]] virtual bool parentScanComplete() const { return false; }
+  [[nodiscard]] virtual bool isChild() const { return false; }
+  void restartScan();
+
+  Stage& stage_;
+
+ private:
+  void createScanTask();
+  void pauseScan(std::size_t items);
+  void completeScan(bool resumed);
+
+  std::string childName_;
+  std::string streamName_;
+  int pipeline_;
+  ScanState scanState_ = ScanState::notStarted;
+  bool subscribed_ = false;
+  std::size_t totalItems_ = 0;
+  std::unique_ptr<Task> task_;
+};
+
+/// What all outputs of a stage share: reconciliation against what the output held before a restart.
+class OutputBase {
+ public:
+  enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
+
+  /// What reconciliation did to the output's entries.
+  struct ReconciliationCounts {
+    std::size_t kept = 0;       ///< written again with the value that stood there
+    std::size_t rewritten = 0;  ///< written again with another value
+    std::size_t inserted = 0;   ///< written where nothing stood
+    std::size_t deleted = 0;    ///< stale
+  };
+
+  virtual ~OutputBase();
+  OutputBase(const OutputBase&) = delete;
+  OutputBase& operator=(const OutputBase&) = delete;
+
+  virtual void checkArgument() const = 0;
+  /// The output, which may hold keys from before a restart, is to be reconciled.
+  void startReconciling();
+  /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
+  void handleInputReady();
+  /// Deletes every key of the output.
+  virtual void deleteAll() = 0;
+  void stop() { task_.reset(); }
+
+  [[nodiscard]] const std::string& name() const { return name_; }
+  [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] bool reconciling() const { return reconciling_; }
+  [[nodiscard]] ReconciliationState reconciliationState() const { return reconciliationState_; }
+  [[nodiscard]] const ReconciliationCounts& reconciliationCounts() const { return counts_; }
+
+ protected:
+  OutputBase(Stage& stage, std::string name);
+
+  void countWrite(bool present, bool changed) {
+    ++(!present ? counts_.inserted : changed ? counts_.rewritten : counts_.kept);
+  }
+  /// Begins to note which keys are written.
+  virtual void beginSeen() = 0;
+  /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.
+  virtual bool deletionScanItem(bool& deleted) = 0;
+  /// Forgets which keys were written.
+  virtual void endSeen() = 0;
+
+  Stage& stage_;
+
+ private:
+  [[nodiscard]] bool deletionScan();
+  void reconciliationStateIs(ReconciliationState state);
+
+  std::string name_;
+  bool ready_ = false;
+  bool reconciling_ = false;
+  bool useBookmark_ = false;
+  ReconciliationState reconciliationState_ = ReconciliationState::skipNothing;
+  ReconciliationCounts counts_;
+  std::unique_ptr<Task> task_;
+};
+
+/// A collection of a stage's own: a group-by or a cache.
+class LocalState {
+ public:
+  LocalState(Stage& stage, std::string_view name);
+  virtual ~LocalState() = default;
+  LocalState(const LocalState&) = delete;
+  LocalState& operator=(const LocalState&) = delete;
+
+  [[nodiscard]] std::string_view name() const { return name_; }
+  [[nodiscard]] virtual std::size_t size() const = 0;
+  virtual void clear() = 0;
+
+ private:
+  std::string_view name_;
+};
+
+/// The base of every stage.
+class Stage {
+ public:
+  virtual ~Stage();
+  Stage(const Stage&) = delete;
+  Stage& operator=(const Stage&) = delete;
+
+  /// Starts the stage: to be called once, by its factory.
+  void initialize();
+  /// Withdraws all that the stage wrote and deletes its inputs' reactions and tasks; the stage is then dead.
+  /// Destruction alone leaves the outputs as they stand.
+  void doDeleteAll();
+
+  [[nodiscard]] std::string_view className() const { return className_; }
+  [[nodiscard]] const std::string& name() const { return name_; }
+  [[nodiscard]] const StageControl& control() const { return control_; }
+  [[nodiscard]] bool initialized() const { return initialized_; }
+  [[nodiscard]] bool synchronous() const { return control_.synchronous; }
+  [[nodiscard]] bool initialScanDone() const { return initialScanDone_; }
+  [[nodiscard]] bool idle() const { return idle_; }
+  [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
+  /// Groups and caches, with their sizes, for the check that nothing is left over.
+  [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
+  /// Number of changed keys that wait to be handled.
+  [[nodiscard]] std::size_t pendingCount() const;
+  [[nodiscard]] const Tracer& tracer() const { return tracer_; }
+
+  // For inputs, outputs and local state.
+  void inputIs(InputBase& input) { inputs_.push_back(&input); }
+  void inputDel(InputBase& input) { std::erase(inputs_, &input); }
+  void outputIs(OutputBase& output) { outputs_.push_back(&output); }
+  void localStateIs(LocalState& state) { localStates_.push_back(&state); }
+  /// The number of the next input child, and of the next pipeline, in the order of declaration.
+  int takeChildNumber() { return childNumber_++; }
+  int takePipelineNumber() { return pipelineNumber_++; }
+  /// The arrival number of the next key that joins a pending list.
+  [[nodiscard]] std::uint64_t arrivals() const { return arrivals_; }
+  /// A key joined a pending list: sees to it that the list is drained.
+  void noteArrival();
+  void handleScanComplete();
+  void handleOutputReady();
+  /// An input has something to destroy once it can no longer be running.
+  void reapRequested() { reapRequested_ = true; }
+  void reapInputs();
+  [[nodiscard]] bool shouldYield() const {
+    return !control_.synchronous && control_.scheduler->taskShouldYield();
+  }
+
+  /// Passes `passed` on; a filter that fails is traced with its expression.
+  bool filter(bool passed, std::string_view expression) const {
+    if (!passed) tracer_.trace<6>("{} failed, terminating pipeline", expression);
+    return passed;
+  }
+
+ protected:
+  /// `className` must outlive the stage. `readyText` is the trace of the stage's last pipeline, which watches its
+  /// own readiness, without the value: "Line 23: from( this.ready )".
+  Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
+        StageControl control, std::string_view readyText);
+
+  /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
+  virtual void handleInitialized() {}
+  /// The initial scans are complete.
+  virtual void handleScansDone() {}
+
+ private:
+  void runEvents();
+  void handleInitialScanDone();
+  void readyIs(bool ready);
+  [[nodiscard]] InputBase* nextInput(std::uint64_t& limit) const;
+
+  std::string_view className_;
+  std::string name_;
+  std::string_view readyText_;
+  Ref<DependencyStatus> dependencyStatus_;
+  StageControl control_;
+  Tracer tracer_;
+  bool initialized_ = false;
+  bool initialScanDone_ = false;
+  bool idle_ = false;
+  bool ready_ = false;
+  bool dependencyStatusCompletedOutputReady_ = false;
+  int childNumber_ = 0;
+  int pipelineNumber_ = 0;
+  bool reapRequested_ = false;
+  std::uint64_t arrivals_ = 0;
+  std::vector<InputBase*> inputs_;
+  std::vector<OutputBase*> outputs_;
+  std::vector<LocalState*> localStates_;
+  std::unique_ptr<InputBase> readyMachine_;
+  std::unique_ptr<Task> eventTask_;
+};
+
+/// Creates a stage of class S and starts it.
+template <class S, class... Args>
+Ref<S> makeStage(Args&&... args) {
+  auto stage = std::make_shared<S>(std::forward<Args>(args)...);
+  stage->initialize();
+  return stage;
+}
+
+}  // namespace KilnEmServer
