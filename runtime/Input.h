@@ -31,6 +31,7 @@ using KilnPlatform::OptionalText;
 enum class Reaction : std::uint8_t {
   queued,     ///< on the stage's task, once however often the key changed meanwhile
   immediate,  ///< inside the call that made the change
+  none,       ///< not at all: only the initial scan looks at the collection
 };
 
 namespace detail {
@@ -116,8 +117,12 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   [[nodiscard]] std::size_t collectionSize() const final {
     return static_cast<const Self*>(this)->collection().size();
   }
-  void subscribe() final { self().collection().subscribe(*this); }
-  void unsubscribe() final { self().collection().unsubscribe(*this); }
+  void subscribe() final {
+    if constexpr (reaction != Reaction::none) self().collection().subscribe(*this);
+  }
+  void unsubscribe() final {
+    if constexpr (reaction != Reaction::none) self().collection().unsubscribe(*this);
+  }
   void handleItem(const K& key) {
     detail::runItem(stage_, key, [&] { self().handleKey(key); });
   }
