@@ -10,7 +10,7 @@ ComposerOutputMergeSm::ComposerOutputMergeSm(Ref<const SwTableKeyConfigByCompose
     : Stage("ComposerOutputMergeSm", std::move(name), std::move(dependencyStatus), std::move(smControl),
             "Line 25: from( this.ready )"),
       composerToKeyConfig_(*this, std::move(composerToKeyConfig)),
-      groupByAttr0_(*this, "ComposerOutputMergeSm.groupByAttr0"),
+      groupByAttr0_(*this, "groupByAttr0"),
       swTableKeyConfig_(*this, std::move(swTableKeyConfig)) {}
 
 void ComposerOutputMergeSm::handleConfig0(const EmComposerKeyUnionTag& composerType,

@@ -8,10 +8,10 @@ EmSrvConfigMergeSm::EmSrvConfigMergeSm(Ref<const EmTypeToConfig> emTypeToConfig,
                                        Ref<EmLogicalKeyToEntry> logicalKeyToEntry, std::string name,
                                        Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
                                        int priority)
-    : Stage("EmSrvConfigMergeSm", std::move(name), std::move(dependencyStatus), {std::move(scheduler), priority},
-            "Line 23: from( this.ready )"),
+    : Stage("EmSrvConfigMergeSm", std::move(name), std::move(dependencyStatus),
+            {std::move(scheduler), priority}, "Line 23: from( this.ready )"),
       emTypeToConfig_(*this, std::move(emTypeToConfig)),
-      groupByAttr0_(*this, "EmSrvConfigMergeSm.groupByAttr0"),
+      groupByAttr0_(*this, "groupByAttr0"),
       logicalKeyToEntry_(*this, std::move(logicalKeyToEntry)) {}
 
 void EmSrvConfigMergeSm::handleConfig0(const EmType& emType, const EmLogicalKey& emKey,
@@ -21,11 +21,12 @@ void EmSrvConfigMergeSm::handleConfig0(const EmType& emType, const EmLogicalKey&
 }
 
 Ref<EmSrvConfigMergeSm> emSrvConfigMergeSmFactory(Ref<const EmTypeToConfig> emTypeToConfig,
-                                                  Ref<EmLogicalKeyToEntry> logicalKeyToEntry, std::string name,
-                                                  Ref<DependencyStatus> dependencyStatus,
+                                                  Ref<EmLogicalKeyToEntry> logicalKeyToEntry,
+                                                  std::string name, Ref<DependencyStatus> dependencyStatus,
                                                   Ref<TaskScheduler> scheduler, int priority) {
-  return makeStage<EmSrvConfigMergeSm>(std::move(emTypeToConfig), std::move(logicalKeyToEntry), std::move(name),
-                                       std::move(dependencyStatus), std::move(scheduler), priority);
+  return makeStage<EmSrvConfigMergeSm>(std::move(emTypeToConfig), std::move(logicalKeyToEntry),
+                                       std::move(name), std::move(dependencyStatus), std::move(scheduler),
+                                       priority);
 }
 
 }  // namespace KilnEmServer

@@ -21,17 +21,18 @@ class EmSrvConfigMergeSm final : public Stage {
  private:
   void handleConfig0(const EmType& emType, const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
 
-  NestedInput<EmTypeToConfig::configAttr, EmSrvConfig::emLogicalKeyToEntryAttr, "emTypeToConfig",
-              &EmSrvConfigMergeSm::handleConfig0,
-              "Line 17: from( emTypeToConfig.config[].emLogicalKeyToEntry[] ): emType={} emKey={} entryOpt={}">
+  NestedInput<
+      EmTypeToConfig::configAttr, EmSrvConfig::emLogicalKeyToEntryAttr, "emTypeToConfig",
+      &EmSrvConfigMergeSm::handleConfig0,
+      "Line 17: from( emTypeToConfig.config[].emLogicalKeyToEntry[] ): emType={} emKey={} entryOpt={}">
       emTypeToConfig_;
   GroupBy<EmLogicalKey, EmType, EmConfigEntry, 1, "emTypeColl"> groupByAttr0_;
   Output<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "logicalKeyToEntry", "emKey"> logicalKeyToEntry_;
 };
 
 Ref<EmSrvConfigMergeSm> emSrvConfigMergeSmFactory(Ref<const EmTypeToConfig> emTypeToConfig,
-                                                  Ref<EmLogicalKeyToEntry> logicalKeyToEntry, std::string name,
-                                                  Ref<DependencyStatus> dependencyStatus,
+                                                  Ref<EmLogicalKeyToEntry> logicalKeyToEntry,
+                                                  std::string name, Ref<DependencyStatus> dependencyStatus,
                                                   Ref<TaskScheduler> scheduler, int priority);
 
 }  // namespace KilnEmServer

@@ -12,13 +12,13 @@ extern template class SrvConfigSm<KilnTunnelNiLib::Esem>;
 class EsemSrvConfigSm final : public SrvConfigSm<KilnTunnelNiLib::Esem> {
  public:
   EsemSrvConfigSm(Ref<const EsemSrvConfigByFeature> configByFeature, Ref<EmSrvConfig> emSrvConfig,
-                 std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                 int priority);
+                  std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
+                  int priority);
 };
 
 Ref<EsemSrvConfigSm> esemSrvConfigSmFactory(Ref<const EsemSrvConfigByFeature> configByFeature,
-                                           Ref<EmSrvConfig> emSrvConfig, std::string name,
-                                           Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                                           int priority);
+                                            Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                            Ref<DependencyStatus> dependencyStatus,
+                                            Ref<TaskScheduler> scheduler, int priority);
 
 }  // namespace KilnEmServer

@@ -6,18 +6,19 @@ namespace KilnEmServer {
 
 template class SrvConfigSm<KilnTunnelNiLib::Isem>;
 
-IsemSrvConfigSm::IsemSrvConfigSm(Ref<const IsemSrvConfigByFeature> configByFeature, Ref<EmSrvConfig> emSrvConfig,
-                               std::string name, Ref<DependencyStatus> dependencyStatus,
-                               Ref<TaskScheduler> scheduler, int priority)
+IsemSrvConfigSm::IsemSrvConfigSm(Ref<const IsemSrvConfigByFeature> configByFeature,
+                                 Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                 Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
+                                 int priority)
     : SrvConfigSm("IsemSrvConfigSm", std::move(configByFeature), std::move(emSrvConfig), std::move(name),
                   std::move(dependencyStatus), std::move(scheduler), priority) {}
 
 Ref<IsemSrvConfigSm> isemSrvConfigSmFactory(Ref<const IsemSrvConfigByFeature> configByFeature,
-                                           Ref<EmSrvConfig> emSrvConfig, std::string name,
-                                           Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                                           int priority) {
+                                            Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                            Ref<DependencyStatus> dependencyStatus,
+                                            Ref<TaskScheduler> scheduler, int priority) {
   return makeStage<IsemSrvConfigSm>(std::move(configByFeature), std::move(emSrvConfig), std::move(name),
-                                   std::move(dependencyStatus), std::move(scheduler), priority);
+                                    std::move(dependencyStatus), std::move(scheduler), priority);
 }
 
 }  // namespace KilnEmServer

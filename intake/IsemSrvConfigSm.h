@@ -12,13 +12,13 @@ extern template class SrvConfigSm<KilnTunnelNiLib::Isem>;
 class IsemSrvConfigSm final : public SrvConfigSm<KilnTunnelNiLib::Isem> {
  public:
   IsemSrvConfigSm(Ref<const IsemSrvConfigByFeature> configByFeature, Ref<EmSrvConfig> emSrvConfig,
-                 std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                 int priority);
+                  std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
+                  int priority);
 };
 
 Ref<IsemSrvConfigSm> isemSrvConfigSmFactory(Ref<const IsemSrvConfigByFeature> configByFeature,
-                                           Ref<EmSrvConfig> emSrvConfig, std::string name,
-                                           Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                                           int priority);
+                                            Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                            Ref<DependencyStatus> dependencyStatus,
+                                            Ref<TaskScheduler> scheduler, int priority);
 
 }  // namespace KilnEmServer

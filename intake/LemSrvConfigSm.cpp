@@ -13,9 +13,9 @@ LemSrvConfigSm::LemSrvConfigSm(Ref<const LemSrvConfigByFeature> configByFeature,
                   std::move(dependencyStatus), std::move(scheduler), priority) {}
 
 Ref<LemSrvConfigSm> lemSrvConfigSmFactory(Ref<const LemSrvConfigByFeature> configByFeature,
-                                           Ref<EmSrvConfig> emSrvConfig, std::string name,
-                                           Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                                           int priority) {
+                                          Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                          Ref<DependencyStatus> dependencyStatus,
+                                          Ref<TaskScheduler> scheduler, int priority) {
   return makeStage<LemSrvConfigSm>(std::move(configByFeature), std::move(emSrvConfig), std::move(name),
                                    std::move(dependencyStatus), std::move(scheduler), priority);
 }

@@ -17,8 +17,8 @@ class LemSrvConfigSm final : public SrvConfigSm<KilnTunnelNiLib::Lem> {
 };
 
 Ref<LemSrvConfigSm> lemSrvConfigSmFactory(Ref<const LemSrvConfigByFeature> configByFeature,
-                                           Ref<EmSrvConfig> emSrvConfig, std::string name,
-                                           Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
-                                           int priority);
+                                          Ref<EmSrvConfig> emSrvConfig, std::string name,
+                                          Ref<DependencyStatus> dependencyStatus,
+                                          Ref<TaskScheduler> scheduler, int priority);
 
 }  // namespace KilnEmServer

@@ -49,8 +49,8 @@ class SrvConfigSm : public Stage {
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);
   [[nodiscard]] bool ofThisDatabase(const EmLogicalKey& logicalKey) const;
 
-  static constexpr auto kFrom = "Line 26: from( configByFeature." + Db::kPrefix +
-                                "Config[].config[] ): feature={} key={} entryOpt={}";
+  static constexpr auto kFrom =
+      "Line 26: from( configByFeature." + Db::kPrefix + "Config[].config[] ): feature={} key={} entryOpt={}";
 
   NestedInput<typename SrvConfigSource<Db>::Attr, typename KilnTunnelNiLib::SrvConfig<Db>::configAttr,
               "configByFeature", &SrvConfigSm::handleConfig0, kFrom>
@@ -61,18 +61,21 @@ class SrvConfigSm : public Stage {
 template <class Db>
 SrvConfigSm<Db>::SrvConfigSm(std::string_view className, Ref<const ByFeature> configByFeature,
                              Ref<EmSrvConfig> emSrvConfig, std::string name,
-                             Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler, int priority)
+                             Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
+                             int priority)
     : Stage(className, std::move(name), std::move(dependencyStatus), {std::move(scheduler), priority},
             "Line 36: from( this.ready )"),
       configByFeature_(*this, std::move(configByFeature)),
       emSrvConfig_(*this, std::move(emSrvConfig)) {}
 
 template <class Db>
-void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt) {
+void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey& key,
+                                    const Request* entryOpt) {
   using KilnTunnelNiLib::RequestKind;
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
-  const bool admitted = entryOpt != nullptr && ofThisDatabase(logicalKey) &&
-                        (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
+  const bool admitted =
+      entryOpt != nullptr && ofThisDatabase(logicalKey) &&
+      (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
   if (admitted) {
     emSrvConfig_.insert(logicalKey, {entryOpt->clientData.*Db::kEntryOfClientData, entryOpt->requestVersion});
   } else {
@@ -84,8 +87,8 @@ template <class Db>
 bool SrvConfigSm<Db>::ofThisDatabase(const EmLogicalKey& logicalKey) const {
   const EmComposerKeyUnionTag composerType = logicalKey.emComposerKey.tag();
   if (composerType != EmComposerKeyUnionTag::undefined_ && emTypeOf(composerType) == Db::kEmType) return true;
-  tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}", name(), Db::kEmType,
-                             logicalKey);
+  tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}", name(),
+                             Db::kEmType, logicalKey);
   return false;
 }
 

@@ -5,8 +5,9 @@
 namespace KilnEmServer {
 
 EmKeyMergeSm::EmKeyMergeSm(Ref<const ResolvedKeyColl> resolvedKeyColl,
-                           Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry, Ref<EmMergedEntry> emMergedEntry,
-                           std::string name, Ref<DependencyStatus> dependencyStatus, StageControl control)
+                           Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                           Ref<EmMergedEntry> emMergedEntry, std::string name,
+                           Ref<DependencyStatus> dependencyStatus, StageControl control)
     : Stage("EmKeyMergeSm", std::move(name), std::move(dependencyStatus), std::move(control),
             "Line 34: from( this.ready )"),
       resolvedKeyColl_(*this, std::move(resolvedKeyColl), "vok_stream0"),

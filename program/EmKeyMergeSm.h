@@ -25,7 +25,8 @@ class EmKeyMergeSm final : public Stage {
   Input<ResolvedKeyColl::emLogicalKeyToResolvedKeyAttr, "resolvedKeyColl", &EmKeyMergeSm::eventToVok_stream0,
         "Line 26: from( resolvedKeyColl.emLogicalKeyToResolvedKey[] ): emKey={}">
       resolvedKeyColl_;
-  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &EmKeyMergeSm::eventToVok_stream1,
+  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
+        &EmKeyMergeSm::eventToVok_stream1,
         "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}">
       emLogicalKeyToEntry_;
   Output<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", "emKey"> emMergedEntry_;

@@ -44,7 +44,7 @@ class Cache final : public LocalState {
 
 /// Collects the events that share a group key; a group holds at most `Limit` members, which is asserted with the
 /// declaration's name for the members, `CollName`. An emptied group is removed.
-template <class GroupKey, class MemberKey, class V, std::size_t Limit, FixedString CollName>
+template <class GroupKey, class MemberKey, class V, std::size_t Limit, KilnPlatform::FixedString CollName>
 class GroupBy final : public LocalState {
  public:
   struct Member {

@@ -1,0 +1,217 @@
+#include "program/EmConflictSm.h"
+
+#include <utility>
+
+namespace KilnEmServer {
+
+EmConflictSm::EmConflictSm(Ref<const EmMergedEntry> emMergedEntry, Ref<EmSwTableConfig> emSwTableConfig,
+                           Ref<EmConflictStatus> emConflictStatus, std::string name,
+                           Ref<DependencyStatus> dependencyStatus, StageControl control,
+                           Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                           Ref<const EmComposeFailureByComposerType> emComposeFailure)
+    : Stage("EmConflictSm", std::move(name), std::move(dependencyStatus), std::move(control),
+            "Line 97: from( this.ready )"),
+      emMergedEntry_(*this, std::move(emMergedEntry), "inputStream"),
+      conflictKeySet_(*this),
+      cacheAttr0_(*this, "cacheAttr0"),
+      emSwTableConfig_(*this, std::move(emSwTableConfig)),
+      emConflictStatus_(*this, std::move(emConflictStatus)) {
+  if (emLogicalKeyToEntry != nullptr) {
+    emLogicalKeyToEntry_.emplace(*this, std::move(emLogicalKeyToEntry), "requestStream");
+  }
+  if (emComposeFailure != nullptr)
+    emComposeFailure_.emplace(*this, std::move(emComposeFailure), "failureStream");
+}
+
+EmConflictSm::~EmConflictSm() = default;
+
+void EmConflictSm::handleInitialized() {
+  pendingTask_ = std::make_unique<Task>(
+      control().scheduler, control().priority - 1, "EmConflictSm-hwPendingTask",
+      [](void* owner) { static_cast<EmConflictSm*>(owner)->insertPending(); }, this, kPendingPatience);
+}
+
+// --- The streams over one changed logical key --------------------------------------------------------------
+
+void EmConflictSm::eventToInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt) {
+  eventToConflictStatusStream(emLogicalKey, hwEntryOpt);
+  eventToProcessInputStream(emLogicalKey, hwEntryOpt);
+}
+
+void EmConflictSm::handleRequestedEntry(const EmLogicalKey& emLogicalKey, const EmConfigEntry* /*entryOpt*/) {
+  decideUnplaced(emLogicalKey);
+}
+
+void EmConflictSm::handleComposeFailure(const EmComposerKeyUnionTag& /*composerType*/,
+                                        const EmLogicalKey& emLogicalKey, const std::string* /*failureOpt*/) {
+  decideUnplaced(emLogicalKey);
+}
+
+void EmConflictSm::eventToConflictStatusStream(const EmLogicalKey& emLogicalKey,
+                                               const EmHwEntry* hwEntryOpt) {
+  tracer().trace<7>("conflictStatusStream = inputStream => emLogicalKey={}", emLogicalKey);
+  if (filter(hwEntryOpt == nullptr, "filter( ( !hwEntryOpt ) )")) {
+    decideUnplaced(emLogicalKey);
+    return;
+  }
+  // A status other than of a conflict was written while the key had no hardware entry.
+  const EmRequestStatus* status = emConflictStatus_.find(emLogicalKey);
+  if (status != nullptr && status->status != EmStatus::hwKeyConflict) emConflictStatus_.erase(emLogicalKey);
+}
+
+void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt) {
+  tracer().trace<7>("processInputStream = inputStream => emLogicalKey={}", emLogicalKey);
+  const EmHwKey* cached = cacheAttr0_.find(emLogicalKey);
+  const std::optional<EmHwKey> oldKey = cached == nullptr ? std::nullopt : std::optional(*cached);
+  if (hwEntryOpt != nullptr) {
+    cacheAttr0_.is(emLogicalKey, hwEntryOpt->emHwKey);
+  } else {
+    cacheAttr0_.del(emLogicalKey);
+  }
+  // First filed under the new hardware key, then removed from the old one.
+  if (hwEntryOpt != nullptr) processWorkItem({hwEntryOpt->emHwKey, true}, emLogicalKey, hwEntryOpt);
+  if (oldKey && (hwEntryOpt == nullptr || *oldKey != hwEntryOpt->emHwKey)) {
+    processWorkItem({*oldKey, false}, emLogicalKey, hwEntryOpt);
+  }
+}
+
+void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emLogicalKey,
+                                   const EmHwEntry* hwEntryOpt) {
+  static constexpr std::string_view kPath =
+      "conflictKeySet.hwKeyToLogicalKeySet[ hwKey ].featureTypeToLogicalKeySet[ emLogicalKey.featureType "
+      "].logicalKeyToEntry[ emLogicalKey ]";
+  const bool convergent = fapCoreConvergent(item.hwKey);
+  if (item.insert) {
+    tracer().trace<7>("into( {} ): inserting k1={}, k2={}, k3={}, value={}", kPath, item.hwKey,
+                      emLogicalKey.featureType, emLogicalKey, hwEntryOpt->emEntry);
+    conflictKeySet_.insert(item.hwKey, emLogicalKey, hwEntryOpt->emEntry);
+  } else {
+    tracer().trace<7>("into( {} ): deleting k1={}, k2={}, k3={}", kPath, item.hwKey, emLogicalKey.featureType,
+                      emLogicalKey);
+    conflictKeySet_.erase(item.hwKey, emLogicalKey);
+  }
+  decide(item.hwKey, item.insert ? &emLogicalKey : nullptr);
+  if (!convergent) return;
+  if (const auto* divergentKeys = conflictKeySet_.divergentKeysOf(item.hwKey)) {
+    for (const EmHwKey& divergentKey : *divergentKeys) decide(divergentKey, nullptr);
+  }
+}
+
+void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
+  const ConflictKeyToLogicalKeySet* contenders = conflictKeySet_.hwKeyToLogicalKeySet(hwKey);
+  std::optional<EmLogicalKeyAndEntry> value;
+  if (contenders != nullptr) {
+    const ConflictKeyToLogicalKeySet* twin =
+        fapCoreConvergent(hwKey) ? nullptr : conflictKeySet_.hwKeyToLogicalKeySet(convergentTwin(hwKey));
+    value = getHighestPriorityKey(contenders->greatest(), twin == nullptr ? nullptr : twin->greatest());
+  }
+  std::optional<EmLogicalKey> previousWinner;
+  if (const EmLogicalKeyAndEntry* previous = emSwTableConfig_.find(hwKey))
+    previousWinner = previous->emLogicalKey;
+  emSwTableConfig_.write(hwKey, value ? &*value : nullptr);
+  if (!filter(value.has_value(), "filter( _valueOpt8 )")) return;
+  eventToConflictStatusStream2(hwKey, value, previousWinner ? &*previousWinner : nullptr, changed);
+}
+
+// --- Statuses of contenders --------------------------------------------------------------------------------
+
+// A contender's status depends on whether it is the winner and on its own entry only. So beside the winner
+// only the contender that changed and the one that won before can need another status than they have.
+void EmConflictSm::eventToConflictStatusStream2(
+    const EmHwKey& hwKey, const std::optional<EmLogicalKeyAndEntry>& logicalKeyAndEntryOpt,
+    const EmLogicalKey* previousWinner, const EmLogicalKey* changed) {
+  tracer().trace<7>("conflictStatusStream2 = processInputStream => hwKey={} logicalKeyAndEntryOpt={}", hwKey,
+                    *logicalKeyAndEntryOpt);
+  if (tracer().enabled(7)) traceContenders(hwKey);
+  const EmLogicalKey& winner = logicalKeyAndEntryOpt->emLogicalKey;
+  writeContenderStatus(hwKey, winner, winner);
+  if (changed != nullptr && *changed != winner) writeContenderStatus(hwKey, winner, *changed);
+  if (previousWinner != nullptr && *previousWinner != winner) {
+    writeContenderStatus(hwKey, winner, *previousWinner);
+  }
+}
+
+void EmConflictSm::writeContenderStatus(const EmHwKey& hwKey, const EmLogicalKey& winner,
+                                        const EmLogicalKey& contender) {
+  const ConflictKeyToLogicalKeySet* contenders = conflictKeySet_.hwKeyToLogicalKeySet(hwKey);
+  const auto& sets = contenders->featureTypeToLogicalKeySet();
+  const auto ofFeature = sets.find(contender.featureType);
+  if (ofFeature == sets.end()) return;
+  const auto& entries = ofFeature->second.logicalKeyToEntry();
+  const auto entry = entries.find(contender);
+  if (entry == entries.end()) return;  // filed under another hardware key, or under none
+  if (contender == winner) {
+    if (emConflictStatus_.find(contender) != nullptr) emConflictStatus_.erase(contender);
+  } else {
+    emConflictStatus_.insert(contender, {contender, entry->second, hwKey, EmStatus::hwKeyConflict});
+  }
+}
+
+void EmConflictSm::traceContenders(const EmHwKey& hwKey) const {
+  const auto& sets = conflictKeySet_.hwKeyToLogicalKeySet(hwKey)->featureTypeToLogicalKeySet();
+  tracer().trace<7>("foreach( ( *featureSetOpt ).featureTypeToLogicalKeySet ) flattening {} elements",
+                    sets.size());
+  for (const auto& [featureType, set] : sets) {
+    tracer().trace<7>("Flattening element: {}", featureType);
+    tracer().trace<7>("foreach( featureTypeToLogicalKeySet.logicalKeyToEntry ) flattening {} elements",
+                      set.logicalKeyToEntry().size());
+    for (const auto& [key, entry] : set.logicalKeyToEntry()) tracer().trace<7>("Flattening element: {}", key);
+  }
+}
+
+// --- Statuses of keys without a hardware entry -------------------------------------------------------------
+
+void EmConflictSm::decideUnplaced(const EmLogicalKey& emLogicalKey) {
+  if (emMergedEntry_.find(emLogicalKey) != nullptr) return;  // decided with its hardware key
+  if (!emLogicalKeyToEntry_) {
+    emConflictStatus_.insert(emLogicalKey, {emLogicalKey, {}, {}, EmStatus{}});
+    return;
+  }
+  const EmConfigEntry* entry = emLogicalKeyToEntry_->find(emLogicalKey);
+  if (entry == nullptr) {
+    emConflictStatus_.erase(emLogicalKey);
+  } else if (failureOf(emLogicalKey) != nullptr) {
+    writeUnplaced(emLogicalKey, *entry, EmStatus::hwFail);
+  } else {
+    emConflictStatus_.markSeen(emLogicalKey);
+    waiting_.add(emLogicalKey, 0);
+    pendingTask_->scheduleTask();
+  }
+}
+
+void EmConflictSm::writeUnplaced(const EmLogicalKey& emLogicalKey, const EmConfigEntry& entry,
+                                 EmStatus status) {
+  emConflictStatus_.insert(emLogicalKey, {emLogicalKey, entry, {}, status});
+}
+
+const std::string* EmConflictSm::failureOf(const EmLogicalKey& emLogicalKey) const {
+  if (!emComposeFailure_) return nullptr;
+  return emComposeFailure_->find(emComposerTypeFromUnion(emLogicalKey.emComposerKey), emLogicalKey);
+}
+
+void EmConflictSm::insertPending() {
+  const KilnPlatform::RunningStageScope scope(name());
+  while (!waiting_.empty()) {
+    const EmLogicalKey key = waiting_.pop();
+    const EmConfigEntry* entry = emLogicalKeyToEntry_->find(key);
+    if (entry != nullptr && emMergedEntry_.find(key) == nullptr && failureOf(key) == nullptr) {
+      writeUnplaced(key, *entry, EmStatus::hwPending);
+    }
+    if (shouldYield()) break;
+  }
+  if (!waiting_.empty()) pendingTask_->scheduleTask();
+}
+
+Ref<EmConflictSm> emConflictSmFactory(Ref<const EmMergedEntry> emMergedEntry,
+                                      Ref<EmSwTableConfig> emSwTableConfig,
+                                      Ref<EmConflictStatus> emConflictStatus, std::string name,
+                                      Ref<DependencyStatus> dependencyStatus, StageControl control,
+                                      Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                                      Ref<const EmComposeFailureByComposerType> emComposeFailure) {
+  return makeStage<EmConflictSm>(std::move(emMergedEntry), std::move(emSwTableConfig),
+                                 std::move(emConflictStatus), std::move(name), std::move(dependencyStatus),
+                                 std::move(control), std::move(emLogicalKeyToEntry),
+                                 std::move(emComposeFailure));
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,59 @@
+// Restates the tables' answers, which are per hardware key, for the logical keys that own them.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/LocalState.h"
+#include "runtime/Output.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// A logical key that moves between hardware keys has, for a while, a status under more than one. What is
+/// published is the one that was written last; when it goes, another one that still stands takes its place.
+class EmSwTableStatusSm final : public Stage {
+ public:
+  EmSwTableStatusSm(Ref<const EmSwTableStatus> emSwTableStatus,
+                    Ref<EmLogicalKeyToStatus> emLogicalKeyToStatus, std::string name,
+                    Ref<DependencyStatus> dependencyStatus, StageControl control);
+
+ private:
+  /// The hardware keys that the cache files under a logical key beside the published one.
+  class OtherHwKeys final : public LocalState {
+   public:
+    explicit OtherHwKeys(Stage& stage) : LocalState(stage, "otherHwKeys") {}
+    void add(const EmLogicalKey& logicalKey, const EmHwKey& hwKey);
+    void del(const EmLogicalKey& logicalKey, const EmHwKey& hwKey);
+    /// The one that was added last, or null; valid until the next change.
+    [[nodiscard]] const EmHwKey* last(const EmLogicalKey& logicalKey) const;
+    [[nodiscard]] std::size_t size() const override { return keys_.size(); }
+    void clear() override { keys_.clear(); }
+
+   private:
+    std::map<EmLogicalKey, std::vector<EmHwKey>> keys_;
+  };
+
+  void handleStatus(const EmHwKey& swTableKey, const EmSwTableStatusEntry* statusOpt);
+  void remove(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey);
+  void insert(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
+  void publish(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
+
+  Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableStatusSm::handleStatus,
+        "Line 23: from( emSwTableStatus.status[] ): swTableKey={} statusOpt={}">
+      emSwTableStatus_;
+  Cache<EmHwKey, EmLogicalKey> cacheAttr0_;
+  OtherHwKeys otherHwKeys_;
+  Output<EmLogicalKeyToStatus::statusAttr, "emLogicalKeyToStatus", "logicalKey", KeyMismatch::report>
+      emLogicalKeyToStatus_;
+};
+
+Ref<EmSwTableStatusSm> emSwTableStatusSmFactory(Ref<const EmSwTableStatus> emSwTableStatus,
+                                                Ref<EmLogicalKeyToStatus> emLogicalKeyToStatus,
+                                                std::string name, Ref<DependencyStatus> dependencyStatus,
+                                                StageControl control);
+
+}  // namespace KilnEmServer

@@ -1,0 +1,15 @@
+#include "program/EsemFodoSwTableWriter.h"
+
+#include <utility>
+
+namespace KilnEmServer {
+
+Ref<EsemFodoSwTableWriter> esemFodoSwTableWriterFactory(
+    Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::EsemFodoKilnSwTable> table, StageControl control) {
+  return makeStage<EsemFodoSwTableWriter>(std::move(emSwTableConfig), std::move(emSwTableStatus),
+                                          std::move(name), std::move(dependencyStatus), std::move(table),
+                                          std::move(control));
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,15 @@
+#include "program/Isem2TagSwTableWriter.h"
+
+#include <utility>
+
+namespace KilnEmServer {
+
+Ref<Isem2TagSwTableWriter> isem2TagSwTableWriterFactory(
+    Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::Isem2TagKilnInterface> table, StageControl control) {
+  return makeStage<Isem2TagSwTableWriter>(std::move(emSwTableConfig), std::move(emSwTableStatus),
+                                          std::move(name), std::move(dependencyStatus), std::move(table),
+                                          std::move(control));
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,15 @@
+#include "program/LemVpwsAcSwTableWriter.h"
+
+#include <utility>
+
+namespace KilnEmServer {
+
+Ref<LemVpwsAcSwTableWriter> lemVpwsAcSwTableWriterFactory(
+    Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::LemVpwsAcKilnSwTable> table, StageControl control) {
+  return makeStage<LemVpwsAcSwTableWriter>(std::move(emSwTableConfig), std::move(emSwTableStatus),
+                                           std::move(name), std::move(dependencyStatus), std::move(table),
+                                           std::move(control));
+}
+
+}  // namespace KilnEmServer
