@@ -179,10 +179,14 @@ class Input final
 /// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
 /// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers to
 /// another entity, every key of the old one is looked at again, and handled as absent where no other has it.
-template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From>
-class NestedInput final : public KeyedInput<NestedInput<OuterAttr, InnerAttr, Argument, Handler, From>,
-                                            typename OuterAttr::Key, Reaction::queued> {
-  using Base = KeyedInput<NestedInput, typename OuterAttr::Key, Reaction::queued>;
+/// With immediate reactions both an outer entry's coming and an inner key's change are handled inside the call
+/// that makes them.
+template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
+          Reaction reaction = Reaction::queued>
+class NestedInput final
+    : public KeyedInput<NestedInput<OuterAttr, InnerAttr, Argument, Handler, From, reaction>,
+                        typename OuterAttr::Key, reaction> {
+  using Base = KeyedInput<NestedInput, typename OuterAttr::Key, reaction>;
   using StageClass = detail::StageOf<Handler>;
   using OuterKey = typename OuterAttr::Key;
   using Key = typename InnerAttr::Key;
@@ -192,8 +196,8 @@ class NestedInput final : public KeyedInput<NestedInput<OuterAttr, InnerAttr, Ar
 
   /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became of
   /// the keys that it had.
-  class Inner final : public KeyedInput<Inner, Key, Reaction::queued> {
-    using InnerBase = KeyedInput<Inner, Key, Reaction::queued>;
+  class Inner final : public KeyedInput<Inner, Key, reaction> {
+    using InnerBase = KeyedInput<Inner, Key, reaction>;
 
    public:
     Inner(NestedInput& parent, const OuterKey& outerKey, InnerRef entity)

@@ -245,6 +245,7 @@ void Stage::doDeleteAll() {
   for (auto child = children.rbegin(); child != children.rend(); ++child) (*child)->stop();
   readyMachine_.reset();
   eventTask_.reset();
+  handleDeleteAll();
   for (LocalState* state : localStates_) state->clear();
   for (OutputBase* output : outputs_) {
     output->stop();

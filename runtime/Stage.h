@@ -246,6 +246,8 @@ class Stage {
   virtual void handleInitialized() {}
   /// The initial scans are complete.
   virtual void handleScansDone() {}
+  /// Part of doDeleteAll: withdraws what the stage wrote past its declared outputs.
+  virtual void handleDeleteAll() {}
 
  private:
   void runEvents();
