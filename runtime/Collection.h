@@ -1,5 +1,5 @@
-// The server's keyed collections. Two implementations stand behind one name: a dense one for use, an ordered one
-// for a test build that shows that no stage depends on the representation.
+// The server's keyed collections. Two implementations stand behind one name: a dense one for use, an ordered
+// one for a test build that shows that no stage depends on the representation.
 #pragma once
 
 #include <boost/unordered/unordered_flat_set.hpp>
@@ -20,8 +20,8 @@ using KilnPlatform::KeyedCollection;
 using KilnPlatform::KeySubscriber;
 using KilnPlatform::ScanCursor;
 
-/// The subscribers of one collection. Subscribers may come and go while they are being notified: one that goes
-/// is not called any more, one that comes is called from the next change on.
+/// The subscribers of one collection. Subscribers may come and go while they are being notified: one that
+/// goes is not called any more, one that comes is called from the next change on.
 template <class K>
 class SubscriberList {
  public:
@@ -58,8 +58,8 @@ class SubscriberList {
 };
 
 /// A hash collection whose entries lie in one array, with an index beside it. A deletion moves the last entry
-/// into the hole. A walk goes from the array's end to its begin: an entry only ever moves to a lower place, so
-/// what was not visited yet stays ahead of the cursor.
+/// into the hole. A walk goes from the array's end to its begin: an entry only ever moves to a lower place,
+/// so what was not visited yet stays ahead of the cursor.
 template <class K, class V>
 class DenseCollection final : public KeyedCollection<K, V> {
  public:
@@ -139,7 +139,9 @@ class DenseCollection final : public KeyedCollection<K, V> {
     using is_avalanching = void;
     using is_transparent = void;
     const DenseCollection* owner;
-    std::size_t operator()(std::uint32_t at) const { return KilnPlatform::hashValue(owner->entries_[at].key); }
+    std::size_t operator()(std::uint32_t at) const {
+      return KilnPlatform::hashValue(owner->entries_[at].key);
+    }
     std::size_t operator()(Probe probe) const { return KilnPlatform::hashValue(*probe.key); }
   };
   struct IndexEqual {

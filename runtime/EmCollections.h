@@ -2,8 +2,10 @@
 // wires them (server/StageMap.cpp).
 #pragma once
 
+#include <cstdint>
 #include <string>
 
+#include "platform/Hardware.h"
 #include "platform/KilnTunnelNiLib.h"
 #include "runtime/EmTypes.h"
 #include "runtime/Entity.h"
@@ -34,13 +36,16 @@ class EmLogicalKeyToEntry {
 };
 
 class LemSrvConfigByFeature {
-  KILN_REFERENCE_COLLECTION(LemSrvConfigByFeature, lemConfig, FeatureType, const KilnTunnelNiLib::LemSrvConfig)
+  KILN_REFERENCE_COLLECTION(LemSrvConfigByFeature, lemConfig, FeatureType,
+                            const KilnTunnelNiLib::LemSrvConfig)
 };
 class IsemSrvConfigByFeature {
-  KILN_REFERENCE_COLLECTION(IsemSrvConfigByFeature, isemConfig, FeatureType, const KilnTunnelNiLib::IsemSrvConfig)
+  KILN_REFERENCE_COLLECTION(IsemSrvConfigByFeature, isemConfig, FeatureType,
+                            const KilnTunnelNiLib::IsemSrvConfig)
 };
 class EsemSrvConfigByFeature {
-  KILN_REFERENCE_COLLECTION(EsemSrvConfigByFeature, esemConfig, FeatureType, const KilnTunnelNiLib::EsemSrvConfig)
+  KILN_REFERENCE_COLLECTION(EsemSrvConfigByFeature, esemConfig, FeatureType,
+                            const KilnTunnelNiLib::EsemSrvConfig)
 };
 class LemSrvStatusByFeature {
   KILN_REFERENCE_COLLECTION(LemSrvStatusByFeature, lemStatus, FeatureType, KilnTunnelNiLib::LemSrvStatus)
@@ -123,7 +128,8 @@ class ResolverConfig {
  public:
   explicit ResolverConfig(ResolverKeyUnionTag resolverType) : resolverType_(resolverType) {}
   [[nodiscard]] ResolverKeyUnionTag resolverType() const { return resolverType_; }
-  KILN_ENTITY_COLLECTION(ResolverConfig, resolverComposerConfig, EmComposerKeyUnionTag, ResolverComposerConfig)
+  KILN_ENTITY_COLLECTION(ResolverConfig, resolverComposerConfig, EmComposerKeyUnionTag,
+                         ResolverComposerConfig)
 
  private:
   ResolverKeyUnionTag resolverType_;
@@ -154,7 +160,9 @@ class ResolvedKeyColl {
 class EmMergedEntry {
   KILN_COLLECTION(EmMergedEntry, emMergedEntry, EmLogicalKey, EmHwEntry)
 };
-inline Ref<EmMergedEntry> emMergedEntryFactory() { return std::make_shared<EmMergedEntry>(); }
+inline Ref<EmMergedEntry> emMergedEntryFactory() {
+  return std::make_shared<EmMergedEntry>();
+}
 
 /// The desired content of the tables: per hardware key, the winner.
 class EmSwTableConfig {
@@ -174,6 +182,19 @@ class EmSwTableStatus {
 /// One status per logical key.
 class EmLogicalKeyToStatus {
   KILN_KEYED_COLLECTION(EmLogicalKeyToStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
+};
+
+/// MDB profiles that are asked for; nothing asks for any yet.
+class MdbCapabilitiesConfig {
+  KILN_SET(MdbCapabilitiesConfig, profile, std::uint32_t)
+};
+/// Capabilities of the MDB profiles in use, by profile id.
+class KilnMdbCapabilitiesStatus {
+  KILN_COLLECTION(KilnMdbCapabilitiesStatus, profileCapabilities, std::uint32_t, KilnMdb::ProfileCapabilities)
+};
+/// The MDB profile id of each FAP.
+class KilnMdbLocalStatus {
+  KILN_COLLECTION(KilnMdbLocalStatus, profileId, Hardware::Kiln::FapId, std::uint32_t)
 };
 
 }  // namespace KilnEmServer

@@ -87,8 +87,8 @@ struct EmLogicalKeyState {
   KILN_VALUE(KilnEmServer, EmLogicalKeyState, emLogicalKey, state)
 };
 
-/// The status of one request, with the request's entry and version and the hardware key that is concerned. False
-/// only where every field is a default.
+/// The status of one request, with the request's entry and version and the hardware key that is concerned.
+/// False only where every field is a default.
 struct EmRequestStatus {
   EmLogicalKey emLogicalKey;
   EmConfigEntry emConfigEntry;

@@ -16,76 +16,100 @@
 #include "platform/Value.h"
 #include "runtime/Collection.h"
 
-#define KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                                        \
- public:                                                                                             \
-  using name##Coll = ::KilnEmServer::Collection<KeyType, ValueType>;                                 \
-  [[nodiscard]] const name##Coll& name() const { return name##_; }                                   \
-  [[nodiscard]] name##Coll& name() { return name##_; }                                               \
-  [[nodiscard]] std::optional<ValueType> name(const KeyType& key) const { return name##_.get(key); } \
-  [[nodiscard]] bool name##Has(const KeyType& key) const { return name##_.has(key); }                \
-  void name##Del(const KeyType& key) { name##_.del(key); }                                           \
-  void name##DelAll() { name##_.delAll(); }                                                          \
-                                                                                                     \
- private:                                                                                            \
-  name##Coll name##_;                                                                                \
-                                                                                                     \
+#define KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)             \
+ public:                                                                  \
+  using name##Coll = ::KilnEmServer::Collection<KeyType, ValueType>;      \
+  [[nodiscard]] const name##Coll& name() const {                          \
+    return name##_;                                                       \
+  }                                                                       \
+  [[nodiscard]] name##Coll& name() {                                      \
+    return name##_;                                                       \
+  }                                                                       \
+  [[nodiscard]] std::optional<ValueType> name(const KeyType& key) const { \
+    return name##_.get(key);                                              \
+  }                                                                       \
+  [[nodiscard]] bool name##Has(const KeyType& key) const {                \
+    return name##_.has(key);                                              \
+  }                                                                       \
+  void name##Del(const KeyType& key) {                                    \
+    name##_.del(key);                                                     \
+  }                                                                       \
+  void name##DelAll() {                                                   \
+    name##_.delAll();                                                     \
+  }                                                                       \
+                                                                          \
+ private:                                                                 \
+  name##Coll name##_;                                                     \
+                                                                          \
  public:
 
-#define KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)         \
-  using Entity = Owner;                                              \
-  using Key = KeyType;                                               \
-  using Value = ValueType;                                           \
-  static constexpr ::KilnPlatform::FixedString kName{#name};         \
-  static auto& of(Owner& entity) { return entity.name(); }           \
-  static const auto& of(const Owner& entity) { return entity.name(); }
+#define KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType) \
+  using Entity = Owner;                                      \
+  using Key = KeyType;                                       \
+  using Value = ValueType;                                   \
+  static constexpr ::KilnPlatform::FixedString kName{#name}; \
+  static auto& of(Owner& entity) {                           \
+    return entity.name();                                    \
+  }                                                          \
+  static const auto& of(const Owner& entity) {               \
+    return entity.name();                                    \
+  }
 
 /// A collection of key to value.
-#define KILN_COLLECTION(Owner, name, KeyType, ValueType)                                          \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                                           \
-  struct name##Attr {                                                                             \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                                          \
-  };                                                                                              \
-  void name##Is(const KeyType& key, const ValueType& value) { name##_.is(key, value); }
+#define KILN_COLLECTION(Owner, name, KeyType, ValueType)      \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)       \
+  struct name##Attr {                                         \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)      \
+  };                                                          \
+  void name##Is(const KeyType& key, const ValueType& value) { \
+    name##_.is(key, value);                                   \
+  }
 
-/// A collection whose values carry their own key, in their field `keyField`; `nameIs(value)` files a value under
-/// it.
-#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField)                          \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                                           \
-  struct name##Attr {                                                                             \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                                          \
-    static const KeyType& keyOf(const ValueType& value) { return value.keyField; }                \
-  };                                                                                              \
-  void name##Is(const KeyType& key, const ValueType& value) { name##_.is(key, value); }           \
-  void name##Is(const ValueType& value) { name##_.is(value.keyField, value); }
+/// A collection whose values carry their own key, in their field `keyField`; `nameIs(value)` files a value
+/// under it.
+#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField)           \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                            \
+  struct name##Attr {                                                              \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                           \
+    static const KeyType& keyOf(const ValueType& value) { return value.keyField; } \
+  };                                                                               \
+  void name##Is(const KeyType& key, const ValueType& value) {                      \
+    name##_.is(key, value);                                                        \
+  }                                                                                \
+  void name##Is(const ValueType& value) {                                          \
+    name##_.is(value.keyField, value);                                             \
+  }
 
 /// A set of keys.
-#define KILN_SET(Owner, name, KeyType)                                                            \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)                                \
-  struct name##Attr {                                                                             \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)                               \
-  };                                                                                              \
-  void name##Is(const KeyType& key) { name##_.is(key, {}); }
+#define KILN_SET(Owner, name, KeyType)                              \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)  \
+  struct name##Attr {                                               \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit) \
+  };                                                                \
+  void name##Is(const KeyType& key) {                               \
+    name##_.is(key, {});                                            \
+  }
 
 /// A collection of key to a shared reference to an entity that is constructed with its key; `nameIs(key)`
 /// returns the member, creating it where there is none.
-#define KILN_ENTITY_COLLECTION(Owner, name, KeyType, EntityType)                                  \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)                     \
-  struct name##Attr {                                                                             \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)                    \
-  };                                                                                              \
-  ::KilnPlatform::Ref<EntityType> name##Is(const KeyType& key) {                                  \
-    if (const auto* member = name##_.find(key)) return *member;                                   \
-    auto created = std::make_shared<EntityType>(key);                                             \
-    name##_.is(key, created);                                                                     \
-    return created;                                                                               \
+#define KILN_ENTITY_COLLECTION(Owner, name, KeyType, EntityType)               \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)  \
+  struct name##Attr {                                                          \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>) \
+  };                                                                           \
+  ::KilnPlatform::Ref<EntityType> name##Is(const KeyType& key) {               \
+    if (const auto* member = name##_.find(key)) return *member;                \
+    auto created = std::make_shared<EntityType>(key);                          \
+    name##_.is(key, created);                                                  \
+    return created;                                                            \
   }
 
 /// A collection of key to a shared reference to an entity that comes from elsewhere.
-#define KILN_REFERENCE_COLLECTION(Owner, name, KeyType, EntityType)                               \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)                     \
-  struct name##Attr {                                                                             \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)                    \
-  };                                                                                              \
-  void name##Is(const KeyType& key, const ::KilnPlatform::Ref<EntityType>& entity) {              \
-    name##_.is(key, entity);                                                                      \
+#define KILN_REFERENCE_COLLECTION(Owner, name, KeyType, EntityType)                  \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)        \
+  struct name##Attr {                                                                \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)       \
+  };                                                                                 \
+  void name##Is(const KeyType& key, const ::KilnPlatform::Ref<EntityType>& entity) { \
+    name##_.is(key, entity);                                                         \
   }

@@ -1,4 +1,5 @@
-// Inputs of a stage: an event for each key of a collection, from the initial scan and from every later change.
+// Inputs of a stage: an event for each key of a collection, from the initial scan and from every later
+// change.
 #pragma once
 
 #include <fmt/format.h>
@@ -67,8 +68,8 @@ std::string inline childNameOf(std::string_view argument, int number) {
 
 [[noreturn]] inline void nullArgument(std::string_view argument, const char* file, int line) {
   KilnPlatform::assertionFailed(
-      fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"", argument), file,
-      line);
+      fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"", argument),
+      file, line);
 }
 
 }  // namespace detail
@@ -140,8 +141,10 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 };
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
-/// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the value.
-template <class Attr, FixedString Argument, auto Handler, FixedString From, Reaction reaction = Reaction::queued>
+/// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
+/// value.
+template <class Attr, FixedString Argument, auto Handler, FixedString From,
+          Reaction reaction = Reaction::queued>
 class Input final
     : public KeyedInput<Input<Attr, Argument, Handler, From, reaction>, typename Attr::Key, reaction> {
   using Base = KeyedInput<Input, typename Attr::Key, reaction>;
@@ -166,8 +169,8 @@ class Input final
 
   void handleKey(const Key& key) {
     const Value* value = find(key);
-    this->stage_.tracer().template trace<7>(
-        TraceMessage<7, Key, OptionalText<Value>>(From.data), key, OptionalText<Value>{value});
+    this->stage_.tracer().template trace<7>(TraceMessage<7, Key, OptionalText<Value>>(From.data), key,
+                                            OptionalText<Value>{value});
     (owner_.*Handler)(key, value);
   }
 
@@ -177,10 +180,10 @@ class Input final
 };
 
 /// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
-/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers to
-/// another entity, every key of the old one is looked at again, and handled as absent where no other has it.
-/// With immediate reactions both an outer entry's coming and an inner key's change are handled inside the call
-/// that makes them.
+/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers
+/// to another entity, every key of the old one is looked at again, and handled as absent where no other has
+/// it. With immediate reactions both an outer entry's coming and an inner key's change are handled inside the
+/// call that makes them.
 template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued>
 class NestedInput final
@@ -194,8 +197,8 @@ class NestedInput final
   using EntityRef = Ref<const typename OuterAttr::Entity>;
   using InnerRef = Ref<const typename InnerAttr::Entity>;
 
-  /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became of
-  /// the keys that it had.
+  /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became
+  /// of the keys that it had.
   class Inner final : public KeyedInput<Inner, Key, reaction> {
     using InnerBase = KeyedInput<Inner, Key, reaction>;
 
@@ -226,7 +229,9 @@ class NestedInput final
       this->stage_.reapRequested();
       this->restartScan();
     }
-    [[nodiscard]] bool retired() const { return retiring_ && this->inputScanComplete() && !this->hasPending(); }
+    [[nodiscard]] bool retired() const {
+      return retiring_ && this->inputScanComplete() && !this->hasPending();
+    }
 
    private:
     [[nodiscard]] std::string_view scanKind() const override { return "child"; }

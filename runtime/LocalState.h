@@ -42,8 +42,8 @@ class Cache final : public LocalState {
   Collection<K, V> values_;
 };
 
-/// Collects the events that share a group key; a group holds at most `Limit` members, which is asserted with the
-/// declaration's name for the members, `CollName`. An emptied group is removed.
+/// Collects the events that share a group key; a group holds at most `Limit` members, which is asserted with
+/// the declaration's name for the members, `CollName`. An emptied group is removed.
 template <class GroupKey, class MemberKey, class V, std::size_t Limit, KilnPlatform::FixedString CollName>
 class GroupBy final : public LocalState {
  public:
@@ -62,7 +62,8 @@ class GroupBy final : public LocalState {
     const Members* present = groups_.find(group);
     Members coll = present == nullptr ? Members{} : *present;
     if (value != nullptr) {
-      tracer_.trace<7>("Inserting value {} with key {} into groupby collection with key {}", *value, member, group);
+      tracer_.trace<7>("Inserting value {} with key {} into groupby collection with key {}", *value, member,
+                       group);
       insert(coll, member, *value);
     } else {
       tracer_.trace<7>("Deleting key {} from groupby collection with key {}", member, group);

@@ -18,9 +18,9 @@ namespace KilnEmServer {
 /// What happens when a value is written under another key than its own.
 enum class KeyMismatch : std::uint8_t { report, fatal };
 
-/// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are written,
-/// and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan. An output that
-/// was empty at start has nothing to compare, so nothing is noted for it.
+/// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are
+/// written, and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan.
+/// An output that was empty at start has nothing to compare, so nothing is noted for it.
 template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
 class Output final : public OutputBase {
   using Key = typename Attr::Key;
@@ -79,7 +79,9 @@ class Output final : public OutputBase {
     if (reconciling() && noteSeen_) seen_.is(key, {});
   }
 
-  [[nodiscard]] const Value* find(const Key& key) const { return Attr::of(std::as_const(*entity_)).find(key); }
+  [[nodiscard]] const Value* find(const Key& key) const {
+    return Attr::of(std::as_const(*entity_)).find(key);
+  }
 
   void deleteAll() override {
     seen_.delAll();
@@ -93,10 +95,11 @@ class Output final : public OutputBase {
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
 
   void checkOwnKey(const Key& key, const Key& ownKey) const {
-    if (ownKey == key) [[likely]] return;
-    static constexpr auto kText =
-        "In \"into( " + kPath +
-        " )\" the value inserted in the into statement has internal key: {}, but the key specified in the into is: {}";
+    if (ownKey == key) [[likely]]
+      return;
+    static constexpr auto kText = "In \"into( " + kPath +
+                                  " )\" the value inserted in the into statement has internal key: {}, but "
+                                  "the key specified in the into is: {}";
     if constexpr (mismatch == KeyMismatch::fatal) {
       KILN_ASSERT_MESSAGE(ownKey == key, fmt::runtime(kText.view()), ownKey, key);
     } else {

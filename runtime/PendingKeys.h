@@ -11,12 +11,13 @@
 
 namespace KilnEmServer {
 
-/// A queue in which a key stands at most once, in the order in which keys came. Its memory is bounded by twice
-/// the greatest number of distinct keys that ever stood in it at once.
+/// A queue in which a key stands at most once, in the order in which keys came. Its memory is bounded by
+/// twice the greatest number of distinct keys that ever stood in it at once.
 template <class K>
 class PendingKeys {
  public:
-  /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where added.
+  /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where
+  /// added.
   bool add(const K& key, std::uint64_t arrival) {
     if (!standing_.insert(key).second) return false;
     queue_.push_back({key, arrival});

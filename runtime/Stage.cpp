@@ -15,7 +15,9 @@ InputBase::InputBase(Stage& stage, std::string childName, int pipeline, std::str
   stage_.inputIs(*this);
 }
 
-InputBase::~InputBase() { stage_.inputDel(*this); }
+InputBase::~InputBase() {
+  stage_.inputDel(*this);
+}
 
 void InputBase::start() {
   subscribe();
@@ -72,8 +74,8 @@ void InputBase::doInputScan() {
 
 void InputBase::pauseScan(std::size_t items) {
   scanState_ = ScanState::paused;
-  stage_.tracer().trace<7>("{} {} yielding after {} iterations ({} total items)", scanKind(), childName_, items,
-                           collectionSize());
+  stage_.tracer().trace<7>("{} {} yielding after {} iterations ({} total items)", scanKind(), childName_,
+                           items, collectionSize());
   stage_.control().scheduler->taskWorkCountInc(items);
   stage_.control().scheduler->taskWorkPendingIs(collectionSize());
   task_->scheduleTask();
@@ -87,7 +89,8 @@ void InputBase::completeScan(bool resumed) {
   } else {
     stage_.tracer().trace<9>("{} scan complete. Processed {} children.", childName_, totalItems_);
   }
-  stage_.tracer().trace<9>("scan complete: {} resumed: {} scan: {}", inputScanComplete(), resumed, childName_);
+  stage_.tracer().trace<9>("scan complete: {} resumed: {} scan: {}", inputScanComplete(), resumed,
+                           childName_);
   stage_.handleScanComplete();
 }
 
@@ -118,7 +121,8 @@ void OutputBase::startReconciling() {
 void OutputBase::reconciliationStateIs(ReconciliationState state) {
   reconciliationState_ = state;
   stage_.tracer().trace<9>("Setting reconciliationState to {} for {}",
-                           state == ReconciliationState::skipDeletions ? "skip deletions" : "skip nothing", name_);
+                           state == ReconciliationState::skipDeletions ? "skip deletions" : "skip nothing",
+                           name_);
 }
 
 void OutputBase::handleInputReady() {
@@ -151,15 +155,17 @@ bool OutputBase::deletionScan() {
     if (!stage_.synchronous() &&
         (scheduler.taskCurrentlyRunning() != task_.get() || scheduler.taskShouldYield())) {
       useBookmark_ = true;
-      stage_.tracer().trace<7>("Yielding in reconciliation processing after processing {} items, including {} deletions .",
-                               items, deletions);
+      stage_.tracer().trace<7>(
+          "Yielding in reconciliation processing after processing {} items, including {} deletions .", items,
+          deletions);
       scheduler.taskWorkCountInc(items);
       task_->scheduleTask();
       return false;
     }
   }
-  stage_.tracer().trace<9>("Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.",
-                           items, deletions);
+  stage_.tracer().trace<9>(
+      "Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.", items,
+      deletions);
   scheduler.taskWorkCountInc(items);
   task_.reset();
   useBookmark_ = false;
@@ -168,7 +174,9 @@ bool OutputBase::deletionScan() {
 
 // --- LocalState --------------------------------------------------------------------------------------------
 
-LocalState::LocalState(Stage& stage, std::string_view name) : name_(name) { stage.localStateIs(*this); }
+LocalState::LocalState(Stage& stage, std::string_view name) : name_(name) {
+  stage.localStateIs(*this);
+}
 
 namespace {
 
@@ -217,8 +225,9 @@ Stage::~Stage() = default;
 
 void Stage::initialize() {
   const KilnPlatform::RunningStageScope scope(name_);
-  KILN_ASSERT_MESSAGE(dependencyStatus_ != nullptr,
-                      "dependencyStatus() && \"Pointer SM args cannot be null unless they are marked Optional\"");
+  KILN_ASSERT_MESSAGE(
+      dependencyStatus_ != nullptr,
+      "dependencyStatus() && \"Pointer SM args cannot be null unless they are marked Optional\"");
   KILN_ASSERT_MESSAGE(control_.scheduler != nullptr,
                       "scheduler() && \"Pointer SM args cannot be null unless they are marked Optional\"");
   for (const InputBase* input : inputs_) input->checkArgument();
@@ -297,7 +306,8 @@ void Stage::handleInitialScanDone() {
 }
 
 void Stage::handleOutputReady() {
-  if (ready_ || !std::all_of(outputs_.begin(), outputs_.end(), [](const OutputBase* o) { return o->ready(); })) {
+  if (ready_ ||
+      !std::all_of(outputs_.begin(), outputs_.end(), [](const OutputBase* o) { return o->ready(); })) {
     return;
   }
   readyIs(true);

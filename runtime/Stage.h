@@ -2,8 +2,8 @@
 // restart, reports that it is ready, and goes away.
 //
 // A stage is a class derived from Stage whose members declare its dataflow: inputs (runtime/Input.h), outputs
-// (runtime/Output.h), groups and caches (runtime/LocalState.h). Its handlers are ordinary member functions; the
-// same handler serves the initial scan and every later change.
+// (runtime/Output.h), groups and caches (runtime/LocalState.h). Its handlers are ordinary member functions;
+// the same handler serves the initial scan and every later change.
 #pragma once
 
 #include <cstddef>
@@ -68,8 +68,8 @@ class InputBase {
   [[nodiscard]] virtual bool hasPending() const = 0;
   [[nodiscard]] virtual std::size_t pendingCount() const = 0;
   [[nodiscard]] virtual std::uint64_t headArrival() const = 0;
-  /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share, which
-  /// sets `yielded`. Returns how many it handled.
+  /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share,
+  /// which sets `yielded`. Returns how many it handled.
   virtual std::size_t drain(std::uint64_t limit, bool& yielded) = 0;
   /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested.
   virtual void reap() {}
@@ -237,8 +237,8 @@ class Stage {
   }
 
  protected:
-  /// `className` must outlive the stage. `readyText` is the trace of the stage's last pipeline, which watches its
-  /// own readiness, without the value: "Line 23: from( this.ready )".
+  /// `className` must outlive the stage. `readyText` is the trace of the stage's last pipeline, which watches
+  /// its own readiness, without the value: "Line 23: from( this.ready )".
   Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
         StageControl control, std::string_view readyText);
 

@@ -22,7 +22,9 @@ Tracer::Tracer(std::string stage) : stage_(std::move(stage)) {
   threshold_ = facility.thresholdOf(stage_);
 }
 
-Tracer::~Tracer() { std::erase(TraceFacility::instance().tracers_, this); }
+Tracer::~Tracer() {
+  std::erase(TraceFacility::instance().tracers_, this);
+}
 
 void Tracer::write(const TraceDescriptor& descriptor, fmt::format_args args) const {
   fmt::memory_buffer buffer;
@@ -74,7 +76,9 @@ int TraceFacility::thresholdOf(std::string_view stage) const {
   return level;
 }
 
-void StreamTraceSink::write(const TraceRecord& record) { writeLine(stream_, record); }
+void StreamTraceSink::write(const TraceRecord& record) {
+  writeLine(stream_, record);
+}
 
 FileTraceSink::FileTraceSink(const std::string& path) : file_(std::fopen(path.c_str(), "w")) {
   if (file_ == nullptr) {
@@ -82,9 +86,13 @@ FileTraceSink::FileTraceSink(const std::string& path) : file_(std::fopen(path.c_
   }
 }
 
-FileTraceSink::~FileTraceSink() { std::fclose(file_); }
+FileTraceSink::~FileTraceSink() {
+  std::fclose(file_);
+}
 
-void FileTraceSink::write(const TraceRecord& record) { writeLine(file_, record); }
+void FileTraceSink::write(const TraceRecord& record) {
+  writeLine(file_, record);
+}
 
 void RingTraceSink::write(const TraceRecord& record) {
   if (messages_.size() == capacity_) messages_.pop_front();
@@ -93,9 +101,9 @@ void RingTraceSink::write(const TraceRecord& record) {
 }
 
 std::size_t RingTraceSink::count(std::string_view part) const {
-  return static_cast<std::size_t>(std::count_if(messages_.begin(), messages_.end(), [&](const Message& message) {
-    return message.text.find(part) != std::string::npos;
-  }));
+  return static_cast<std::size_t>(
+      std::count_if(messages_.begin(), messages_.end(),
+                    [&](const Message& message) { return message.text.find(part) != std::string::npos; }));
 }
 
 }  // namespace KilnEmServer

@@ -32,8 +32,8 @@ struct TraceMessage {
   consteval TraceMessage(const Text& text) : format(text) {}  // NOLINT(google-explicit-constructor)
 };
 
-/// One component's way into the trace facility. A message above the component's threshold costs one comparison;
-/// nothing is formatted.
+/// One component's way into the trace facility. A message above the component's threshold costs one
+/// comparison; nothing is formatted.
 class Tracer {
  public:
   explicit Tracer(std::string stage);
@@ -118,8 +118,8 @@ class RingTraceSink final : public TraceSink {
   struct Message {
     int level;
     std::string stage;
-    std::string text;     ///< with its arguments in place
-    std::string format;   ///< the descriptor's text
+    std::string text;    ///< with its arguments in place
+    std::string format;  ///< the descriptor's text
   };
   explicit RingTraceSink(std::size_t capacity) : capacity_(capacity) {}
   void write(const TraceRecord& record) override;

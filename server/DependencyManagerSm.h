@@ -1,0 +1,60 @@
+// Releases the stages of the server's stage map.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/DependencyManager.h"
+#include "platform/DependencyStatus.h"
+#include "platform/InplaceFunction.h"
+#include "platform/Ref.h"
+#include "platform/TaskScheduler.h"
+#include "runtime/Trace.h"
+#include "server/StageGraph.h"
+
+namespace KilnEmServer {
+
+/// A stage is released when every collection in its list exists, and every other stage that writes a
+/// collection which it reads has reported. What a stage writes itself is no gate, nor is what it reads as
+/// feedback. Released stages are created one by one, on a task.
+class DependencyManagerSm final : public KilnPlatform::DependencyManager,
+                                  private KilnPlatform::KeySubscriber<std::string> {
+ public:
+  /// Whether a collection exists, by its name.
+  using CollectionExists = KilnPlatform::InplaceFunction<bool(const std::string&), 16>;
+
+  DependencyManagerSm(std::string name, Ref<KilnPlatform::TaskScheduler> scheduler, int priority,
+                      Ref<KilnPlatform::DependencyStatus> dependencyStatus,
+                      CollectionExists collectionExists);
+  ~DependencyManagerSm() override;
+
+  void registerStageMap(KilnPlatform::StageMap stageMap) override;
+  void start() override;
+
+  /// Whether a stage's action has run.
+  [[nodiscard]] bool released(const std::string& stage) const;
+  [[nodiscard]] StageGraph graph() const;
+
+ private:
+  struct ManagedStage {
+    KilnPlatform::StageMapEntry entry;
+    std::vector<std::string> gates;
+    bool released = false;
+  };
+
+  void handleChange(const std::string& name) override;
+  void release();
+  [[nodiscard]] std::vector<std::string> gatesOf(const KilnPlatform::StageMapEntry& entry) const;
+  [[nodiscard]] bool releasable(const ManagedStage& stage);
+
+  Tracer tracer_;
+  Ref<KilnPlatform::TaskScheduler> scheduler_;
+  Ref<KilnPlatform::DependencyStatus> dependencyStatus_;
+  CollectionExists collectionExists_;
+  std::vector<ManagedStage> stages_;
+  KilnPlatform::Task task_;
+  bool started_ = false;
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,511 @@
+#include "server/KilnEmServerSm.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "platform/Assert.h"
+#include "program/EsemFodoSwTableWriter.h"
+#include "program/EsemFodoVdSwTableWriter.h"
+#include "program/Isem1TagSwTableWriter.h"
+#include "program/Isem2TagSwTableWriter.h"
+#include "program/IsemInnerEthSwTableWriter.h"
+#include "program/IsemMplsSwTableWriter.h"
+#include "program/IsemUntaggedSwTableWriter.h"
+#include "program/LemVpwsAcSwTableWriter.h"
+
+namespace KilnEmServer {
+namespace {
+
+/// Priority of all stages' tasks.
+constexpr int kStagePriority = 10;
+
+/// The all-FAP table of an interface, for the writers that hold the table itself; null where it is missing or
+/// of another class. The reference shares the interface's ownership.
+template <class Table, class Interface>
+Ref<Table> tableOf(const Ref<Interface>& interface) {
+  auto* table = dynamic_cast<Table*>(interface->orderedSwTable(Asic::UnitId::allFap()));
+  return Ref<Table>(interface, table);
+}
+
+}  // namespace
+
+bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
+  switch (composerType) {
+    case EmComposerKeyUnionTag::isemUntaggedEntryKey:
+    case EmComposerKeyUnionTag::isem1TagEntryKey:
+    case EmComposerKeyUnionTag::isem2TagEntryKey:
+    case EmComposerKeyUnionTag::esemFodoVdEntryKey:
+      return true;
+    case EmComposerKeyUnionTag::isemInnerEthEntryKey:
+    case EmComposerKeyUnionTag::isemMplsEntryKey:
+    case EmComposerKeyUnionTag::esemFodoEntryKey:
+    case EmComposerKeyUnionTag::lemVpwsAcEntryKey:
+      return false;
+    case EmComposerKeyUnionTag::undefined_:
+      break;
+  }
+  KILN_ASSERT_MESSAGE(false, "Unrecognized composer type {}", composerType);
+  return false;
+}
+
+KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move(arguments)) {
+  KILN_ASSERT(arguments_.entityManager != nullptr);
+  KILN_ASSERT(arguments_.orderedTableInterface != nullptr);
+  KILN_ASSERT(arguments_.vlanDomainConfig != nullptr && arguments_.vlanDomainStatus != nullptr);
+}
+
+// Writers go first, so that no answer finds a stage that is half gone, then the stages, last the collections.
+KilnEmServerSm::~KilnEmServerSm() {
+  if (featureTask_ != nullptr) arguments_.entityManager->features().unsubscribe(*this);
+  featureTask_.reset();
+  dependencyManagerSm_.reset();
+  swTableWriterSm_.clear();
+  reconcileCompleteSm_.reset();
+  isemSrvStatusSm_.clear();
+  esemSrvStatusSm_.clear();
+  lemSrvStatusSm_.clear();
+  emStatusSm_.reset();
+  swTableStatusSm_.reset();
+  emConflictSm_.reset();
+  emKeyMergeSm_.reset();
+  composerOutputMergeSm_.reset();
+  swKeyTranslationSm_.clear();
+  composerSelectorSm_.clear();
+  emSrvConfigMergeSm_.reset();
+  isemSrvConfigSm_.reset();
+  esemSrvConfigSm_.reset();
+  lemSrvConfigSm_.reset();
+}
+
+// --- Set-up ------------------------------------------------------------------------------------------------
+
+void KilnEmServerSm::handleInitialized() {
+  tracer_.trace<8>("handleInitialized");
+  createCollections();
+  mountFeatures();
+  setupStages();
+}
+
+void KilnEmServerSm::createCollections() {
+  isemSrvConfigByFeatureIs();
+  esemSrvConfigByFeatureIs();
+  lemSrvConfigByFeatureIs();
+  isemSrvStatusByFeatureIs();
+  esemSrvStatusByFeatureIs();
+  lemSrvStatusByFeatureIs();
+  emLogicalKeyToEntryIs();
+  emTypeToConfigIs();
+  logicalKeyConfigByComposerTypeIs();
+  swTableKeyStatusByComposerTypeIs();
+  resolverConfigDirIs();
+  resolverStatusDirIs();
+  swTableKeyConfigIs();
+  swTableKeyConfigByComposerTypeIs();
+  emMergedEntryIs();
+  emConflictStatusIs();
+  emSwTableConfigIs();
+  emSwTableStatusIs();
+  emLogicalKeyToStatusIs();
+  emStatusMergedIs();
+  mdbCapabilitiesConfigIs();
+  mdbCapabilitiesStatusIs();
+  mdbLocalStatusIs();
+  emComposeFailureIs();
+}
+
+void KilnEmServerSm::mountFeatures() {
+  KilnPlatform::forEachEnumValue<FeatureType>([this](FeatureType feature) {
+    if (arguments_.entityManager->features().has(feature)) mountFeature(feature);
+  });
+  KilnPlatform::forEachEnumValue<EmComposerKeyUnionTag>([this](EmComposerKeyUnionTag type) {
+    if (type == EmComposerKeyUnionTag::undefined_) return;
+    logicalKeyConfigByComposerType_->configIs(type);
+    swTableKeyConfigByComposerType_->configIs(type);
+    emComposeFailure_->configIs(type);
+    if (resolutionNeeded(type)) swTableKeyStatusByComposerType_->statusIs(type);
+  });
+  resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd);
+  resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd);
+}
+
+void KilnEmServerSm::setupStages() {
+  scheduler_ = arguments_.entityManager->taskScheduler();
+  dependencyStatus_ = std::make_shared<DependencyStatusRecord>();
+  featureTask_ = std::make_unique<Task>(
+      scheduler_, kStagePriority, "KilnEmServerSm-FeatureTask",
+      [](void* owner) { static_cast<KilnEmServerSm*>(owner)->handleFeatures(); }, this);
+  arguments_.entityManager->features().subscribe(*this);
+  dependencyManagerSm_ = std::make_unique<DependencyManagerSm>(
+      "KilnEmServerDependencyManagerSm", scheduler_, kStagePriority, dependencyStatus_,
+      [this](const std::string& name) { return collectionExists(name); });
+  dependencyManagerSm_->registerStageMap(stageMap());
+  dependencyManagerSm_->start();
+}
+
+bool KilnEmServerSm::collectionExists(const std::string& name) const {
+  const std::string base = name.substr(0, name.find('['));
+  const std::pair<std::string_view, const void*> collections[] = {
+      {"isemSrvConfigByFeature", isemSrvConfigByFeature_.get()},
+      {"esemSrvConfigByFeature", esemSrvConfigByFeature_.get()},
+      {"lemSrvConfigByFeature", lemSrvConfigByFeature_.get()},
+      {"isemSrvStatusByFeature", isemSrvStatusByFeature_.get()},
+      {"esemSrvStatusByFeature", esemSrvStatusByFeature_.get()},
+      {"lemSrvStatusByFeature", lemSrvStatusByFeature_.get()},
+      {"emLogicalKeyToEntry", emLogicalKeyToEntry_.get()},
+      {"emTypeToConfig", emTypeToConfig_.get()},
+      {"logicalKeyConfigByComposerType", logicalKeyConfigByComposerType_.get()},
+      {"swTableKeyStatusByComposerType", swTableKeyStatusByComposerType_.get()},
+      {"resolverConfigDir", resolverConfigDir_.get()},
+      {"resolverStatusDir", resolverStatusDir_.get()},
+      {"swTableKeyConfig", swTableKeyConfig_.get()},
+      {"swTableKeyConfigByComposerType", swTableKeyConfigByComposerType_.get()},
+      {"emMergedEntry", emMergedEntry_.get()},
+      {"emConflictStatus", emConflictStatus_.get()},
+      {"emSwTableConfig", emSwTableConfig_.get()},
+      {"emSwTableStatus", emSwTableStatus_.get()},
+      {"emLogicalKeyToStatus", emLogicalKeyToStatus_.get()},
+      {"emStatusMerged", emStatusMerged_.get()},
+      {"mdbCapabilitiesStatus", mdbCapabilitiesStatus_.get()},
+      {"mdbLocalStatus", mdbLocalStatus_.get()},
+  };
+  const auto* found = std::find_if(std::begin(collections), std::end(collections),
+                                   [&](const auto& collection) { return collection.first == base; });
+  KILN_ASSERT_MESSAGE(found != std::end(collections), "a stage waits for the unknown collection {}", name);
+  return found->second != nullptr;
+}
+
+StageControl KilnEmServerSm::control() const {
+  return {scheduler_, kStagePriority};
+}
+
+// --- Actions of the stage map, in the order of the road ----------------------------------------------------
+
+void KilnEmServerSm::createResourceTableSms() {
+  report("resourceTableSmsStage");
+}
+
+void KilnEmServerSm::createIsemSrvConfigSm() {
+  isemSrvConfigSm_ =
+      isemSrvConfigSmFactory(isemSrvConfigByFeature_, emTypeToConfig_->configIs(EmType::isem),
+                             "isemSrvConfigSmStage", dependencyStatus_, scheduler_, kStagePriority);
+}
+
+void KilnEmServerSm::createEsemSrvConfigSm() {
+  esemSrvConfigSm_ =
+      esemSrvConfigSmFactory(esemSrvConfigByFeature_, emTypeToConfig_->configIs(EmType::esem),
+                             "esemSrvConfigSmStage", dependencyStatus_, scheduler_, kStagePriority);
+}
+
+void KilnEmServerSm::createLemSrvConfigSm() {
+  lemSrvConfigSm_ =
+      lemSrvConfigSmFactory(lemSrvConfigByFeature_, emTypeToConfig_->configIs(EmType::lem),
+                            "lemSrvConfigSmStage", dependencyStatus_, scheduler_, kStagePriority);
+}
+
+void KilnEmServerSm::createEmSrvConfigMergeSm() {
+  emSrvConfigMergeSm_ =
+      emSrvConfigMergeSmFactory(emTypeToConfig_, emLogicalKeyToEntry_, "emSrvConfigMergeSmStage",
+                                dependencyStatus_, scheduler_, kStagePriority);
+}
+
+void KilnEmServerSm::createComposerSelectorSm(EmComposerKeyUnionTag composerType, const std::string& name) {
+  composerSelectorSm_[composerType] = composerSelectorSmFactory(
+      composerType, emLogicalKeyToEntry_, logicalKeyConfigByComposerType_->configIs(composerType), name,
+      dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createResolverSms() {
+  report("resolverSmsStage");
+}
+
+void KilnEmServerSm::createComposerSms() {
+  report("composerSmsStage");
+}
+
+void KilnEmServerSm::doResolverSweep() {
+  report("resolverSweepStage");
+}
+
+void KilnEmServerSm::createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name) {
+  swKeyTranslationSm_[composerType] =
+      swKeyTranslationSmFactory(composerType, logicalKeyConfigByComposerType_->configIs(composerType),
+                                swTableKeyConfigByComposerType_->configIs(composerType), name,
+                                dependencyStatus_, control(), emComposeFailure_->configIs(composerType));
+}
+
+void KilnEmServerSm::createComposerOutputMergeSm() {
+  composerOutputMergeSm_ =
+      composerOutputMergeSmFactory(swTableKeyConfigByComposerType_, resolvedKeyColl(),
+                                   "composerOutputMergeStage", dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createEmKeyMergeSm() {
+  emKeyMergeSm_ = emKeyMergeSmFactory(resolvedKeyColl(), emLogicalKeyToEntry_, emMergedEntry_,
+                                      "emKeyMergeSmStage", dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createEmConflictSm() {
+  emConflictSm_ =
+      emConflictSmFactory(emMergedEntry_, emSwTableConfig_, emConflictStatus_, "emConflictSmStage",
+                          dependencyStatus_, control(), emLogicalKeyToEntry_, emComposeFailure_);
+}
+
+void KilnEmServerSm::createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name) {
+  const auto create = [&](auto factory, const auto& held) -> Ref<EmSwTableWriterSm> {
+    return factory(emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control());
+  };
+  using Tag = EmResolvedKeyUnionTag;
+  Ref<EmSwTableWriterSm>& writer = swTableWriterSm_[tag];
+  switch (tag) {
+    case Tag::isemUntaggedEntryKey:
+      writer = create(isemUntaggedSwTableWriterFactory, arguments_.isemUntagged);
+      break;
+    case Tag::isem1TagEntryKey:
+      writer = create(isem1TagSwTableWriterFactory, arguments_.isem1Tag);
+      break;
+    case Tag::isem2TagEntryKey:
+      writer = create(isem2TagSwTableWriterFactory, arguments_.isem2Tag);
+      break;
+    case Tag::isemInnerEthEntryKey:
+      writer = create(isemInnerEthSwTableWriterFactory, arguments_.isemInnerEth);
+      break;
+    case Tag::isemMplsEntryKey:
+      writer = create(isemMplsSwTableWriterFactory, arguments_.isemMpls);
+      break;
+    case Tag::esemFodoVdEntryKey:
+      writer = create(esemFodoVdSwTableWriterFactory, arguments_.esemFodoVd);
+      break;
+    case Tag::esemFodoEntryKey:
+      writer = create(esemFodoSwTableWriterFactory, tableOf<Asic::EsemFodoKilnSwTable>(arguments_.esemFodo));
+      break;
+    case Tag::lemVpwsAcEntryKey:
+      writer =
+          create(lemVpwsAcSwTableWriterFactory, tableOf<Asic::LemVpwsAcKilnSwTable>(arguments_.lemVpwsAc));
+      break;
+    case Tag::undefined_:
+      break;
+  }
+}
+
+void KilnEmServerSm::createReconcileCompleteSm() {
+  reconcileCompleteSm_ = reconcileCompleteSmFactory("reconcileCompleteSmStage", dependencyStatus_,
+                                                    arguments_.orderedTableInterface);
+}
+
+void KilnEmServerSm::createSwTableStatusSm() {
+  swTableStatusSm_ = emSwTableStatusSmFactory(emSwTableStatus_, emLogicalKeyToStatus_, "swTableStatusSmStage",
+                                              dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createMdbLocalStatusSm() {
+  report("mdbLocalStatusSmStage");
+}
+
+void KilnEmServerSm::createMdbCapabilitiesSm() {
+  report("mdbCapabilitiesSmStage");
+}
+
+void KilnEmServerSm::createCapacitySm() {
+  report("capacitySmStage");
+}
+
+void KilnEmServerSm::createEmStatusSm() {
+  emStatusSm_ = emStatusSmFactory(emLogicalKeyToStatus_, emConflictStatus_, emStatusMerged_,
+                                  "emStatusSmStage", dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createResolvedKeyStatusSm() {
+  report("resolvedKeyStatusSmStage");
+}
+
+// A feature that is not present has no status stage; its name is reported in its place.
+void KilnEmServerSm::createIsemSrvStatusSm(FeatureType feature, const std::string& name) {
+  const auto config = isemSrvConfigByFeature_->isemConfig(feature);
+  if (!config) return report(name);
+  isemSrvStatusSm_[feature] =
+      isemSrvStatusSmFactory(feature, emStatusMerged_, *config, *isemSrvStatusByFeature_->isemStatus(feature),
+                             name, dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createEsemSrvStatusSm(FeatureType feature, const std::string& name) {
+  const auto config = esemSrvConfigByFeature_->esemConfig(feature);
+  if (!config) return report(name);
+  esemSrvStatusSm_[feature] =
+      esemSrvStatusSmFactory(feature, emStatusMerged_, *config, *esemSrvStatusByFeature_->esemStatus(feature),
+                             name, dependencyStatus_, control());
+}
+
+void KilnEmServerSm::createLemSrvStatusSm(FeatureType feature, const std::string& name) {
+  const auto config = lemSrvConfigByFeature_->lemConfig(feature);
+  if (!config) return report(name);
+  lemSrvStatusSm_[feature] =
+      lemSrvStatusSmFactory(feature, emStatusMerged_, *config, *lemSrvStatusByFeature_->lemStatus(feature),
+                            name, dependencyStatus_, control());
+}
+
+void KilnEmServerSm::finalizeStartup() {
+  for (const auto& node : graph().nodes) {
+    KILN_ASSERT_MESSAGE(node.stage == "finalizeStartupStage" || dependencyStatus_->completedHas(node.stage),
+                        "start-up is finalized before {} is complete", node.stage);
+  }
+  for (const Stage* stage : stages()) {
+    for (const OutputBase* output : stage->outputs()) {
+      const auto& counts = output->reconciliationCounts();
+      tracer_.trace<9>("{} {}: kept {}, rewritten {}, inserted {}, deleted {}", stage->name(), output->name(),
+                       counts.kept, counts.rewritten, counts.inserted, counts.deleted);
+    }
+  }
+  report("finalizeStartupStage");
+}
+
+// --- Features that come and go -----------------------------------------------------------------------------
+
+void KilnEmServerSm::handleChange(const FeatureType& feature) {
+  changedFeatures_.add(feature, 0);
+  featureTask_->scheduleTask();
+}
+
+void KilnEmServerSm::handleFeatures() {
+  while (!changedFeatures_.empty()) {
+    const FeatureType feature = changedFeatures_.pop();
+    const bool present = arguments_.entityManager->features().has(feature);
+    if (isemSrvConfigByFeature_->isemConfigHas(feature) && (!present || featureReplaced(feature))) {
+      unmountFeature(feature);
+    }
+    if (present) mountFeature(feature);
+  }
+}
+
+bool KilnEmServerSm::featureReplaced(FeatureType feature) const {
+  return *isemSrvConfigByFeature_->isemConfig(feature) != arguments_.entityManager->isemSrvConfig(feature);
+}
+
+void KilnEmServerSm::mountFeature(FeatureType feature) {
+  KilnPlatform::StateStore& store = *arguments_.entityManager;
+  isemSrvConfigByFeature_->isemConfigIs(feature, store.isemSrvConfig(feature));
+  esemSrvConfigByFeature_->esemConfigIs(feature, store.esemSrvConfig(feature));
+  lemSrvConfigByFeature_->lemConfigIs(feature, store.lemSrvConfig(feature));
+  isemSrvStatusByFeature_->isemStatusIs(feature, store.isemSrvStatus(feature));
+  esemSrvStatusByFeature_->esemStatusIs(feature, store.esemSrvStatus(feature));
+  lemSrvStatusByFeature_->lemStatusIs(feature, store.lemSrvStatus(feature));
+  if (dependencyManagerSm_ == nullptr) return;
+  const auto createReleased = [&](const char* base, auto action, const auto& stages) {
+    const std::string name = fmt::format("{}-{}", base, feature);
+    if (!stages.contains(feature) && dependencyManagerSm_->released(name)) (this->*action)(feature, name);
+  };
+  createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);
+  createReleased("esemSrvStatusSmStage", &KilnEmServerSm::createEsemSrvStatusSm, esemSrvStatusSm_);
+  createReleased("lemSrvStatusSmStage", &KilnEmServerSm::createLemSrvStatusSm, lemSrvStatusSm_);
+}
+
+void KilnEmServerSm::unmountFeature(FeatureType feature) {
+  const auto destroy = [&](const char* base, auto& stages) {
+    const auto at = stages.find(feature);
+    if (at == stages.end()) return;
+    at->second->doDeleteAll();
+    stages.erase(at);
+    report(fmt::format("{}-{}", base, feature));  // nothing is left of it to wait for
+  };
+  destroy("isemSrvStatusSmStage", isemSrvStatusSm_);
+  destroy("esemSrvStatusSmStage", esemSrvStatusSm_);
+  destroy("lemSrvStatusSmStage", lemSrvStatusSm_);
+  isemSrvConfigByFeature_->isemConfigDel(feature);
+  esemSrvConfigByFeature_->esemConfigDel(feature);
+  lemSrvConfigByFeature_->lemConfigDel(feature);
+  isemSrvStatusByFeature_->isemStatusDel(feature);
+  esemSrvStatusByFeature_->esemStatusDel(feature);
+  lemSrvStatusByFeature_->lemStatusDel(feature);
+}
+
+// --- What there is to see ----------------------------------------------------------------------------------
+
+std::vector<const Stage*> KilnEmServerSm::stages() const {
+  std::vector<const Stage*> all;
+  const auto add = [&](const auto& stage) {
+    if (stage != nullptr) all.push_back(stage.get());
+  };
+  const auto addEach = [&](const auto& stages) {
+    for (const auto& [key, stage] : stages) add(stage);
+  };
+  add(isemSrvConfigSm_);
+  add(esemSrvConfigSm_);
+  add(lemSrvConfigSm_);
+  add(emSrvConfigMergeSm_);
+  addEach(composerSelectorSm_);
+  addEach(swKeyTranslationSm_);
+  add(composerOutputMergeSm_);
+  add(emKeyMergeSm_);
+  add(emConflictSm_);
+  addEach(swTableWriterSm_);
+  add(swTableStatusSm_);
+  add(emStatusSm_);
+  addEach(isemSrvStatusSm_);
+  addEach(esemSrvStatusSm_);
+  addEach(lemSrvStatusSm_);
+  return all;
+}
+
+std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() const {
+  std::vector<std::pair<std::string, std::size_t>> sizes = {
+      {"emLogicalKeyToEntry", emLogicalKeyToEntry_->emLogicalKeyToEntry().size()},
+      {"resolvedKeyColl", swTableKeyConfig_->emLogicalKeyToResolvedKey().size()},
+      {"emMergedEntry", emMergedEntry_->emMergedEntry().size()},
+      {"emConflictStatus", emConflictStatus_->status().size()},
+      {"emSwTableConfig", emSwTableConfig_->config().size()},
+      {"emSwTableStatus", emSwTableStatus_->status().size()},
+      {"emLogicalKeyToStatus", emLogicalKeyToStatus_->status().size()},
+      {"emStatusMerged", emStatusMerged_->status().size()},
+      {"vlanDomainConfig", arguments_.vlanDomainConfig->config().size()},
+  };
+  const auto addMembers = [&](const char* base, const auto& members, auto sizeOf) {
+    KilnPlatform::forEachIn(members, [&](const auto& key, const auto& member) {
+      sizes.emplace_back(fmt::format("{}[ {} ]", base, key), sizeOf(*member));
+    });
+  };
+  addMembers("emTypeToConfig", emTypeToConfig_->config(),
+             [](auto& m) { return m.emLogicalKeyToEntry().size(); });
+  addMembers("logicalKeyConfigByComposerType", logicalKeyConfigByComposerType_->config(),
+             [](auto& m) { return m.request().size(); });
+  addMembers("swTableKeyConfigByComposerType", swTableKeyConfigByComposerType_->config(),
+             [](auto& m) { return m.emLogicalKeyToResolvedKey().size(); });
+  addMembers("emComposeFailure", emComposeFailure_->config(), [](auto& m) { return m.failure().size(); });
+  addMembers("swTableKeyStatusByComposerType", swTableKeyStatusByComposerType_->status(),
+             [](auto& m) { return m.resolvedKeyStatus().size(); });
+  addMembers("resolverStatusDir", resolverStatusDir_->resolverStatus(),
+             [](auto& m) { return m.status().size(); });
+  KilnPlatform::forEachIn(resolverConfigDir_->resolverConfig(), [&](const auto& key, const auto& config) {
+    addMembers(fmt::format("resolverConfigDir[ {} ]", key).c_str(), config->resolverComposerConfig(),
+               [](auto& m) { return m.resolverRequest().size(); });
+  });
+  for (const Stage* stage : stages()) {
+    sizes.emplace_back(stage->name() + ".pending", stage->pendingCount());
+    for (const LocalState* state : stage->localStates()) {
+      sizes.emplace_back(fmt::format("{}.{}", stage->name(), state->name()), state->size());
+    }
+  }
+  std::sort(sizes.begin(), sizes.end());
+  return sizes;
+}
+
+Ref<KilnEmServerSm> kilnEmServerSmFactory(
+    Ref<KilnPlatform::StateStore> entityManager, Ref<Asic::OrderedTableInterface> orderedTableInterface,
+    Ref<const Hardware::Kiln::Status> hardwareStatus, Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
+    Ref<KilnPlatform::TableCapacity> tableCapacity,
+    Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir,
+    Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig,
+    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus,
+    Ref<Asic::IsemUntaggedKilnInterface> isemUntagged, Ref<Asic::Isem1TagKilnInterface> isem1Tag,
+    Ref<Asic::Isem2TagKilnInterface> isem2Tag, Ref<Asic::IsemMplsKilnInterface> isemMpls,
+    Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth, Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd,
+    Ref<Asic::EsemFodoKilnInterface> esemFodo, Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc) {
+  auto server = std::make_shared<KilnEmServerSm>(ServerArguments{
+      std::move(entityManager), std::move(orderedTableInterface), std::move(hardwareStatus),
+      std::move(hardwareMdbStatus), std::move(tableCapacity), std::move(semCapacityExternalDir),
+      std::move(vlanDomainConfig), std::move(vlanDomainStatus), std::move(isemUntagged), std::move(isem1Tag),
+      std::move(isem2Tag), std::move(isemMpls), std::move(isemInnerEth), std::move(esemFodoVd),
+      std::move(esemFodo), std::move(lemVpwsAc)});
+  server->handleInitialized();
+  return server;
+}
+
+}  // namespace KilnEmServer

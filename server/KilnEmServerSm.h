@@ -1,0 +1,224 @@
+// The exact-match server: owns every collection that passes between stages, and every stage.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "compose/ComposerOutputMergeSm.h"
+#include "compose/ComposerSelectorSm.h"
+#include "compose/SwKeyTranslationSm.h"
+#include "intake/EmSrvConfigMergeSm.h"
+#include "intake/EsemSrvConfigSm.h"
+#include "intake/IsemSrvConfigSm.h"
+#include "intake/LemSrvConfigSm.h"
+#include "platform/Asic.h"
+#include "platform/DependencyManager.h"
+#include "platform/Hardware.h"
+#include "platform/KilnVlanDomain.h"
+#include "platform/StateStore.h"
+#include "platform/TableCapacity.h"
+#include "program/EmConflictSm.h"
+#include "program/EmKeyMergeSm.h"
+#include "program/EmSwTableStatusSm.h"
+#include "program/EmSwTableWriterSm.h"
+#include "runtime/DependencyStatus.h"
+#include "runtime/EmCollections.h"
+#include "server/DependencyManagerSm.h"
+#include "server/ReconcileCompleteSm.h"
+#include "server/StageGraph.h"
+#include "status/EmStatusSm.h"
+#include "status/EsemSrvStatusSm.h"
+#include "status/IsemSrvStatusSm.h"
+#include "status/LemSrvStatusSm.h"
+
+namespace KilnEmServer {
+
+/// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
+/// assertion failure.
+bool resolutionNeeded(EmComposerKeyUnionTag composerType);
+
+/// What the server is given: shared references, kept for its lifetime.
+struct ServerArguments {
+  Ref<KilnPlatform::StateStore> entityManager;
+  Ref<Asic::OrderedTableInterface> orderedTableInterface;
+  Ref<const Hardware::Kiln::Status> hardwareStatus;
+  Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus;
+  Ref<KilnPlatform::TableCapacity> tableCapacity;
+  Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir;
+  Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig;
+  Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus;
+  Ref<Asic::IsemUntaggedKilnInterface> isemUntagged;
+  Ref<Asic::Isem1TagKilnInterface> isem1Tag;
+  Ref<Asic::Isem2TagKilnInterface> isem2Tag;
+  Ref<Asic::IsemMplsKilnInterface> isemMpls;
+  Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth;
+  Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd;
+  Ref<Asic::EsemFodoKilnInterface> esemFodo;
+  Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc;
+};
+
+/// An entity that the server owns, with its creator and its remover.
+#define KILN_SERVER_ENTITY(Type, name)                          \
+ public:                                                        \
+  [[nodiscard]] const Ref<Type>& name() const {                 \
+    return name##_;                                             \
+  }                                                             \
+  const Ref<Type>& name##Is() {                                 \
+    if (name##_ == nullptr) name##_ = std::make_shared<Type>(); \
+    return name##_;                                             \
+  }                                                             \
+  void name##Del() {                                            \
+    name##_.reset();                                            \
+  }                                                             \
+                                                                \
+ private:                                                       \
+  Ref<Type> name##_;
+
+/// The top of the server. It lives as long as its agent keeps it; destroying it stops every stage and leaves
+/// statuses and tables as they stand, for the next server to take up.
+class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
+ public:
+  explicit KilnEmServerSm(ServerArguments arguments);
+  ~KilnEmServerSm();
+  KilnEmServerSm(const KilnEmServerSm&) = delete;
+  KilnEmServerSm& operator=(const KilnEmServerSm&) = delete;
+
+  /// To be called once: creates all collections, then sets the stages up.
+  void handleInitialized();
+
+  /// The names of the stages that are complete, for the agent.
+  [[nodiscard]] const DependencyStatusRecord& dependencyStatus() const { return *dependencyStatus_; }
+  /// Who reads, who writes, who waits, of this running server.
+  [[nodiscard]] StageGraph graph() const { return dependencyManagerSm_->graph(); }
+  /// Every intermediate collection, group, cache, version record and pending list, and the VLAN-domain
+  /// requests, with their sizes, sorted by name. All are empty when nothing is requested and every answer is
+  /// in.
+  [[nodiscard]] std::vector<std::pair<std::string, std::size_t>> leftovers() const;
+
+  // Toward features.
+  KILN_SERVER_ENTITY(IsemSrvConfigByFeature, isemSrvConfigByFeature)
+  KILN_SERVER_ENTITY(EsemSrvConfigByFeature, esemSrvConfigByFeature)
+  KILN_SERVER_ENTITY(LemSrvConfigByFeature, lemSrvConfigByFeature)
+  KILN_SERVER_ENTITY(IsemSrvStatusByFeature, isemSrvStatusByFeature)
+  KILN_SERVER_ENTITY(EsemSrvStatusByFeature, esemSrvStatusByFeature)
+  KILN_SERVER_ENTITY(LemSrvStatusByFeature, lemSrvStatusByFeature)
+
+  // Between stages.
+  KILN_SERVER_ENTITY(EmTypeToConfig, emTypeToConfig)
+  KILN_SERVER_ENTITY(EmLogicalKeyToEntry, emLogicalKeyToEntry)
+  KILN_SERVER_ENTITY(LogicalKeyConfigByComposerType, logicalKeyConfigByComposerType)
+  KILN_SERVER_ENTITY(SwTableKeyConfigByComposerType, swTableKeyConfigByComposerType)
+  KILN_SERVER_ENTITY(SwTableKeyStatusByComposerType, swTableKeyStatusByComposerType)
+  KILN_SERVER_ENTITY(ResolverConfigDir, resolverConfigDir)
+  KILN_SERVER_ENTITY(ResolverStatusDir, resolverStatusDir)
+  KILN_SERVER_ENTITY(ResolvedKeyColl, swTableKeyConfig)
+  KILN_SERVER_ENTITY(EmMergedEntry, emMergedEntry)
+  KILN_SERVER_ENTITY(EmConflictStatus, emConflictStatus)
+  KILN_SERVER_ENTITY(EmSwTableConfig, emSwTableConfig)
+  KILN_SERVER_ENTITY(EmSwTableStatus, emSwTableStatus)
+  KILN_SERVER_ENTITY(EmLogicalKeyToStatus, emLogicalKeyToStatus)
+  KILN_SERVER_ENTITY(EmLogicalKeyToStatus, emStatusMerged)
+  KILN_SERVER_ENTITY(MdbCapabilitiesConfig, mdbCapabilitiesConfig)
+  KILN_SERVER_ENTITY(KilnMdbCapabilitiesStatus, mdbCapabilitiesStatus)
+  KILN_SERVER_ENTITY(KilnMdbLocalStatus, mdbLocalStatus)
+  KILN_SERVER_ENTITY(EmComposeFailureByComposerType, emComposeFailure)
+
+ public:
+  /// The collection that the composer output merge writes, under the name by which its readers know it.
+  [[nodiscard]] const Ref<ResolvedKeyColl>& resolvedKeyColl() const { return swTableKeyConfig_; }
+  [[nodiscard]] const std::map<EmResolvedKeyUnionTag, Ref<EmSwTableWriterSm>>& swTableWriterSm() const {
+    return swTableWriterSm_;
+  }
+  /// Every stage that exists, in the order of creation.
+  [[nodiscard]] std::vector<const Stage*> stages() const;
+
+ private:
+  // Set-up, in its fixed order.
+  void createCollections();
+  void mountFeatures();
+  void setupStages();
+  [[nodiscard]] KilnPlatform::StageMap stageMap();
+  void addKeyedStages(KilnPlatform::StageMap& map);
+  [[nodiscard]] bool collectionExists(const std::string& name) const;
+  [[nodiscard]] StageControl control() const;
+  void report(const std::string& stage) { dependencyStatus_->completedIs(stage); }
+
+  // The actions of the stage map.
+  void createResourceTableSms();
+  void createIsemSrvConfigSm();
+  void createEsemSrvConfigSm();
+  void createLemSrvConfigSm();
+  void createEmSrvConfigMergeSm();
+  void createComposerSelectorSm(EmComposerKeyUnionTag composerType, const std::string& name);
+  void createResolverSms();
+  void createComposerSms();
+  void doResolverSweep();
+  void createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name);
+  void createComposerOutputMergeSm();
+  void createEmKeyMergeSm();
+  void createEmConflictSm();
+  void createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name);
+  void createReconcileCompleteSm();
+  void createSwTableStatusSm();
+  void createMdbLocalStatusSm();
+  void createMdbCapabilitiesSm();
+  void createCapacitySm();
+  void createEmStatusSm();
+  void createResolvedKeyStatusSm();
+  void createIsemSrvStatusSm(FeatureType feature, const std::string& name);
+  void createEsemSrvStatusSm(FeatureType feature, const std::string& name);
+  void createLemSrvStatusSm(FeatureType feature, const std::string& name);
+  void finalizeStartup();
+
+  // Features that come and go.
+  void handleChange(const FeatureType& feature) override;
+  void handleFeatures();
+  void mountFeature(FeatureType feature);
+  void unmountFeature(FeatureType feature);
+  [[nodiscard]] bool featureReplaced(FeatureType feature) const;
+
+  ServerArguments arguments_;
+  Tracer tracer_{"KilnEmServerSm"};
+  Ref<TaskScheduler> scheduler_;
+  Ref<DependencyStatusRecord> dependencyStatus_;
+
+  Ref<IsemSrvConfigSm> isemSrvConfigSm_;
+  Ref<EsemSrvConfigSm> esemSrvConfigSm_;
+  Ref<LemSrvConfigSm> lemSrvConfigSm_;
+  Ref<EmSrvConfigMergeSm> emSrvConfigMergeSm_;
+  std::map<EmComposerKeyUnionTag, Ref<ComposerSelectorSm>> composerSelectorSm_;
+  std::map<EmComposerKeyUnionTag, Ref<SwKeyTranslationSm>> swKeyTranslationSm_;
+  Ref<ComposerOutputMergeSm> composerOutputMergeSm_;
+  Ref<EmKeyMergeSm> emKeyMergeSm_;
+  Ref<EmConflictSm> emConflictSm_;
+  std::map<EmResolvedKeyUnionTag, Ref<EmSwTableWriterSm>> swTableWriterSm_;
+  Ref<ReconcileCompleteSm> reconcileCompleteSm_;
+  Ref<EmSwTableStatusSm> swTableStatusSm_;
+  Ref<EmStatusSm> emStatusSm_;
+  std::map<FeatureType, Ref<IsemSrvStatusSm>> isemSrvStatusSm_;
+  std::map<FeatureType, Ref<EsemSrvStatusSm>> esemSrvStatusSm_;
+  std::map<FeatureType, Ref<LemSrvStatusSm>> lemSrvStatusSm_;
+
+  PendingKeys<FeatureType> changedFeatures_;
+  std::unique_ptr<Task> featureTask_;
+  std::unique_ptr<DependencyManagerSm> dependencyManagerSm_;
+};
+
+/// Creates the server and starts it.
+Ref<KilnEmServerSm> kilnEmServerSmFactory(
+    Ref<KilnPlatform::StateStore> entityManager, Ref<Asic::OrderedTableInterface> orderedTableInterface,
+    Ref<const Hardware::Kiln::Status> hardwareStatus, Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
+    Ref<KilnPlatform::TableCapacity> tableCapacity,
+    Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir,
+    Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig,
+    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus,
+    Ref<Asic::IsemUntaggedKilnInterface> isemUntagged, Ref<Asic::Isem1TagKilnInterface> isem1Tag,
+    Ref<Asic::Isem2TagKilnInterface> isem2Tag, Ref<Asic::IsemMplsKilnInterface> isemMpls,
+    Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth, Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd,
+    Ref<Asic::EsemFodoKilnInterface> esemFodo, Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc);
+
+}  // namespace KilnEmServer
