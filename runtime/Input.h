@@ -102,7 +102,11 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       const KilnPlatform::RunningStageScope scope(stage_.name());
       handleItem(key);
     } else {
-      if (pending_.add(key, stage_.arrivals())) stage_.noteArrival();
+      if (pending_.add(key, stage_.arrivals())) {
+        stage_.noteArrival();
+      } else {
+        stage_.noteCoalesced();
+      }
     }
   }
 

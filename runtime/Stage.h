@@ -207,6 +207,8 @@ class Stage {
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
   /// Number of changed keys that wait to be handled.
   [[nodiscard]] std::size_t pendingCount() const;
+  /// How many changes found their key waiting already, since the stage exists.
+  [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
   [[nodiscard]] const Tracer& tracer() const { return tracer_; }
 
   // For inputs, outputs and local state.
@@ -221,6 +223,8 @@ class Stage {
   [[nodiscard]] std::uint64_t arrivals() const { return arrivals_; }
   /// A key joined a pending list: sees to it that the list is drained.
   void noteArrival();
+  /// A key changed again before it was handled.
+  void noteCoalesced() { ++coalescedChanges_; }
   void handleScanComplete();
   void handleOutputReady();
   /// An input has something to destroy once it can no longer be running.
@@ -270,6 +274,7 @@ class Stage {
   int pipelineNumber_ = 0;
   bool reapRequested_ = false;
   std::uint64_t arrivals_ = 0;
+  std::uint64_t coalescedChanges_ = 0;
   std::vector<InputBase*> inputs_;
   std::vector<OutputBase*> outputs_;
   std::vector<LocalState*> localStates_;
