@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# On a fresh Debian 12: installs what is missing, builds and runs all tests with the debug and the asan preset.
+set -euo pipefail
+cd "$(dirname "$0")"
+tools/setup.sh
+for preset in debug asan; do
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset" --output-on-failure -j "$(nproc)"
+done

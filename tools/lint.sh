@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Checks formatting and runs clang-tidy over the sources; needs clang-format and clang-tidy (Debian's packages).
+# Arguments: the files to check; all sources where there are none.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+mapfile -t all < <(git ls-files '*.h' '*.cpp')
+clang-format --dry-run --Werror "${all[@]}"
+if [ $# -gt 0 ]; then sources=("$@"); else mapfile -t sources < <(git ls-files '*.cpp' ':!tests' ':!bench'); fi
+cmake --preset debug >/dev/null
+printf '%s\n' "${sources[@]}" | xargs -P "$(nproc)" -n 1 clang-tidy -p build/debug --quiet
