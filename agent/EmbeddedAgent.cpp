@@ -1,0 +1,94 @@
+#include "agent/EmbeddedAgent.h"
+
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+
+#include "agent/InputError.h"
+#include "agent/YieldPolicies.h"
+#include "runtime/Trace.h"
+#include "server/KilnEmServerSm.h"
+
+namespace KilnAgent {
+namespace {
+
+std::unique_ptr<KilnPlatform::YieldPolicy> yieldPolicy(std::uint32_t yieldEvery) {
+  return yieldEvery == 0 ? nullptr : std::make_unique<EveryItems>(yieldEvery);
+}
+
+}  // namespace
+
+ScopedTraces::ScopedTraces(const TraceOptions& options) {
+  auto& facility = KilnEmServer::TraceFacility::instance();
+  facility.levelIs(options.level);
+  for (const auto& [part, level] : options.stages) facility.stageLevelIs(part, level);
+  if (!options.file.empty()) {
+    try {
+      add(std::make_shared<KilnEmServer::FileTraceSink>(options.file));
+    } catch (const std::runtime_error& error) {
+      throw InputError(error.what());
+    }
+  } else if (options.standardError) {
+    add(std::make_shared<KilnEmServer::StreamTraceSink>(stderr));
+  }
+  if (options.sink) add(options.sink);
+}
+
+ScopedTraces::~ScopedTraces() {
+  auto& facility = KilnEmServer::TraceFacility::instance();
+  for (const auto& sink : sinks_) facility.sinkDel(sink);
+  facility.stageLevelDelAll();
+  facility.levelIs(0);
+}
+
+void ScopedTraces::add(Ref<KilnPlatform::TraceSink> sink) {
+  KilnEmServer::TraceFacility::instance().sinkIs(sink);
+  sinks_.push_back(std::move(sink));
+}
+
+EmbeddedAgent::EmbeddedAgent(const AgentOptions& options)
+    : traces_(options.traces),
+      scheduler_(std::make_shared<CooperativeScheduler>(yieldPolicy(options.yieldEvery), options.seed)),
+      store_(std::make_shared<MemoryStateStore>(scheduler_)),
+      vlanDomains_(std::make_unique<VlanDomainService>(scheduler_, options.chip.vlanDomains)),
+      chip_(std::make_shared<SoftChip>(options.chip, scheduler_, options.seed)),
+      capacity_(std::make_shared<KilnPlatform::TableCapacity>(
+          makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>())),
+      externalUsers_(std::make_shared<KilnTunnelNiLib::SemCapacityExternalDir>(
+          makeCollection<std::string, KilnTunnelNiLib::SemCapacityExternal>())) {
+  createServer();
+}
+
+EmbeddedAgent::~EmbeddedAgent() {
+  server_.reset();
+  chip_->serverDied();  // answers may hold what holds the chip's tables
+}
+
+void EmbeddedAgent::createServer() {
+  server_ = KilnEmServer::kilnEmServerSmFactory(
+      store_, chip_, chip_->chipStatus(), chip_->mdbStatus(), capacity_, externalUsers_,
+      vlanDomains_->config(), vlanDomains_->status(), chip_->interface<Asic::IsemUntaggedKilnInterface>(),
+      chip_->interface<Asic::Isem1TagKilnInterface>(), chip_->interface<Asic::Isem2TagKilnInterface>(),
+      chip_->interface<Asic::IsemMplsKilnInterface>(), chip_->interface<Asic::IsemInnerEthKilnInterface>(),
+      chip_->interface<Asic::EsemFodoVdKilnInterface>(), chip_->interface<Asic::EsemFodoKilnInterface>(),
+      chip_->interface<Asic::LemVpwsAcKilnInterface>());
+}
+
+void EmbeddedAgent::restart() {
+  server_.reset();
+  chip_->serverEnded();
+  createServer();
+}
+
+void EmbeddedAgent::crash() {
+  scheduler_->forgetAll();
+  store_->forgetServer();
+  chip_->serverDied();
+  vlanDomains_->forgetServer();
+  forgetSubscribers(capacity_->entry());
+  forgetSubscribers(externalUsers_->user());
+  server_.reset();
+  createServer();
+}
+
+}  // namespace KilnAgent

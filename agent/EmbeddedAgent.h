@@ -1,0 +1,96 @@
+// The agent around the server: everything that the server is handed, and the server itself.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "agent/ChipConfig.h"
+#include "agent/CooperativeScheduler.h"
+#include "agent/MemoryStateStore.h"
+#include "agent/SoftChip.h"
+#include "agent/VlanDomainService.h"
+#include "platform/TableCapacity.h"
+#include "platform/TraceSink.h"
+
+namespace KilnEmServer {
+class KilnEmServerSm;
+}
+
+namespace KilnAgent {
+
+/// What of the traces goes where.
+struct TraceOptions {
+  int level = 0;                                    ///< the highest level that passes
+  std::vector<std::pair<std::string, int>> stages;  ///< part of a stage's name, and the level for such stages
+  std::string file;                                 ///< written in place of standard error
+  bool standardError = false;                       ///< where there is no file
+  Ref<KilnPlatform::TraceSink> sink;                ///< another one besides; may be null
+};
+
+/// How an agent is to run.
+struct AgentOptions {
+  ChipConfig chip = defaultChip();
+  std::optional<std::uint64_t> seed;  ///< shuffles tasks and answers; without it both keep their order
+  std::uint32_t yieldEvery = 0;       ///< slices yield after this many items; 0 never
+  TraceOptions traces;
+};
+
+/// Adds sinks and levels to the trace facility for its lifetime.
+class ScopedTraces {
+ public:
+  /// Throws InputError where the file cannot be written.
+  explicit ScopedTraces(const TraceOptions& options);
+  ~ScopedTraces();
+  ScopedTraces(const ScopedTraces&) = delete;
+  ScopedTraces& operator=(const ScopedTraces&) = delete;
+
+ private:
+  void add(Ref<KilnPlatform::TraceSink> sink);
+  std::vector<Ref<KilnPlatform::TraceSink>> sinks_;
+};
+
+/// Owns the scheduler, the state store, the VLAN-domain service, the chip and the server that works on them.
+/// Store and chip stay when the server goes.
+class EmbeddedAgent {
+ public:
+  /// Creates the server too; it runs when the scheduler does.
+  explicit EmbeddedAgent(const AgentOptions& options);
+  ~EmbeddedAgent();
+  EmbeddedAgent(const EmbeddedAgent&) = delete;
+  EmbeddedAgent& operator=(const EmbeddedAgent&) = delete;
+
+  [[nodiscard]] CooperativeScheduler& scheduler() { return *scheduler_; }
+  [[nodiscard]] const CooperativeScheduler& scheduler() const { return *scheduler_; }
+  [[nodiscard]] MemoryStateStore& store() { return *store_; }
+  [[nodiscard]] const MemoryStateStore& store() const { return *store_; }
+  [[nodiscard]] SoftChip& chip() { return *chip_; }
+  [[nodiscard]] const SoftChip& chip() const { return *chip_; }
+  [[nodiscard]] VlanDomainService& vlanDomains() { return *vlanDomains_; }
+  [[nodiscard]] const VlanDomainService& vlanDomains() const { return *vlanDomains_; }
+  [[nodiscard]] const KilnPlatform::TableCapacity& capacity() const { return *capacity_; }
+  [[nodiscard]] const KilnEmServer::KilnEmServerSm& server() const { return *server_; }
+
+  /// Runs until nothing is pending.
+  void settle() { scheduler_->runUntilIdle(); }
+  /// Destroys the server and creates it again over the same store and chip.
+  void restart();
+  /// As restart, but as if the process had died: nothing that the server would do at its end takes effect.
+  void crash();
+
+ private:
+  void createServer();
+
+  ScopedTraces traces_;
+  Ref<CooperativeScheduler> scheduler_;
+  Ref<MemoryStateStore> store_;
+  std::unique_ptr<VlanDomainService> vlanDomains_;
+  Ref<SoftChip> chip_;
+  Ref<KilnPlatform::TableCapacity> capacity_;
+  Ref<KilnTunnelNiLib::SemCapacityExternalDir> externalUsers_;
+  Ref<KilnEmServer::KilnEmServerSm> server_;
+};
+
+}  // namespace KilnAgent

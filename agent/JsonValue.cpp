@@ -1,0 +1,114 @@
+#include "agent/JsonValue.h"
+
+#include <algorithm>
+
+namespace KilnAgent {
+namespace {
+
+std::string_view kindOf(const Json& json) {
+  switch (json.type()) {
+    case Json::value_t::null:
+      return "null";
+    case Json::value_t::object:
+      return "an object";
+    case Json::value_t::array:
+      return "an array";
+    case Json::value_t::string:
+      return "a text";
+    case Json::value_t::boolean:
+      return "true or false";
+    case Json::value_t::number_float:
+      return "a number with a fraction, or too large a one";
+    default:
+      return "a number";
+  }
+}
+
+}  // namespace
+
+std::string JsonPath::text() const {
+  std::string path = outer == nullptr ? std::string() : outer->text();
+  if (!path.empty() && !name.empty()) path += '.';
+  return path += name;
+}
+
+void JsonPath::fail(std::string_view wrong) const {
+  const std::string path = text();
+  throw InputError(path.empty() ? std::string(wrong) : fmt::format("{}: {}", path, wrong));
+}
+
+void requireObject(const Json& json, const JsonPath& path) {
+  if (!json.is_object()) path.fail(fmt::format("expected an object, found {}", kindOf(json)));
+}
+
+const Json& requireMember(const Json& object, std::string_view name, const JsonPath& path) {
+  const auto member = object.find(name);
+  if (member == object.end()) path.fail(fmt::format("field \"{}\" is missing", name));
+  return *member;
+}
+
+void refuseOtherMembers(const Json& object, std::initializer_list<std::string_view> names,
+                        const JsonPath& path) {
+  for (const auto& [name, member] : object.items()) {
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      JsonPath{&path, name}.fail(fmt::format("unknown field, known are {}", fmt::join(names, ", ")));
+    }
+  }
+}
+
+std::uint64_t readWholeNumber(const Json& json, std::uint64_t max, const JsonPath& path) {
+  if (!json.is_number()) path.fail(fmt::format("expected a whole number, found {}", kindOf(json)));
+  if (!json.is_number_unsigned() || json.get<std::uint64_t>() > max) {
+    path.fail(fmt::format("{} is out of range, a whole number from 0 to {} is expected", json.dump(), max));
+  }
+  return json.get<std::uint64_t>();
+}
+
+const std::string& readString(const Json& json, const JsonPath& path) {
+  if (!json.is_string()) path.fail(fmt::format("expected a text, found {}", kindOf(json)));
+  return json.get_ref<const std::string&>();
+}
+
+bool readBool(const Json& json, const JsonPath& path) {
+  if (!json.is_boolean()) path.fail(fmt::format("expected true or false, found {}", kindOf(json)));
+  return json.get<bool>();
+}
+
+Hardware::Kiln::FapId readFapId(const Json& json, const JsonPath& path) {
+  if (json == "all") return Hardware::Kiln::FapId::allFap();
+  Hardware::Kiln::FapId fapId;
+  readValue(json, fapId, path);
+  return fapId;
+}
+
+Hardware::Kiln::LocalCoreId readLocalCoreId(const Json& json, const JsonPath& path) {
+  if (json == "all") return Hardware::Kiln::LocalCoreId::all();
+  Hardware::Kiln::LocalCoreId localCoreId;
+  readValue(json, localCoreId, path);
+  return localCoreId;
+}
+
+void addChipAndCore(Json& json, Hardware::Kiln::FapId fapId, Hardware::Kiln::LocalCoreId localCoreId) {
+  if (fapId != Hardware::Kiln::FapId::allFap()) json["fapId"] = fapId.number();
+  if (localCoreId != Hardware::Kiln::LocalCoreId::all()) json["localCoreId"] = localCoreId.number();
+}
+
+void failForAlternatives(bool found, std::string_view kind, const JsonPath& path) {
+  path.fail(
+      fmt::format("exactly one \"<table>{}\" is expected, found {}", kind, found ? "a second one" : "none"));
+}
+
+KilnEmServer::EmEntry readEntry(const Json& json, const JsonPath& path) {
+  requireObject(json, path);
+  KilnEmServer::EmEntry entry;
+  bool found = false;
+  for (const auto& [name, member] : json.items()) {
+    if (found) failForAlternatives(true, "Entry", path);
+    if (!readAlternative(name, member, entry, path)) JsonPath{&path, name}.fail("unknown field");
+    found = true;
+  }
+  if (!found) failForAlternatives(false, "Entry", path);
+  return entry;
+}
+
+}  // namespace KilnAgent

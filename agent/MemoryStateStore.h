@@ -1,0 +1,178 @@
+// The agent's state store: the features' requests and the statuses that the server publishes to them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "agent/Collections.h"
+#include "platform/StateStore.h"
+#include "runtime/EmTypes.h"
+
+namespace KilnAgent {
+
+using KilnPlatform::Ref;
+
+/// One change of one record of the store.
+struct StoreChange {
+  enum class Record : std::uint8_t { request, status };
+  Record record;
+  KilnEmServer::FeatureType feature;
+  KilnEmServer::EmType database;
+  KilnEmServer::EmRequestKey key;
+};
+
+/// Told of every change of the store's records, after it was made.
+class StoreObserver {
+ public:
+  virtual void handleStoreChange(const StoreChange& change) = 0;
+
+ protected:
+  ~StoreObserver() = default;
+};
+
+/// Calls `visitor.template operator()<Db>()` for each of the three databases, in the order of EmType.
+template <class Visitor>
+void forEachDatabase(Visitor&& visitor) {
+  visitor.template operator()<KilnTunnelNiLib::Isem>();
+  visitor.template operator()<KilnTunnelNiLib::Esem>();
+  visitor.template operator()<KilnTunnelNiLib::Lem>();
+}
+
+/// Calls `visitor.template operator()<Db>()` for one database and returns its result.
+template <class Visitor>
+auto withDatabase(KilnEmServer::EmType database, Visitor&& visitor) {
+  switch (database) {
+    case KilnEmServer::EmType::isem:
+      return visitor.template operator()<KilnTunnelNiLib::Isem>();
+    case KilnEmServer::EmType::esem:
+      return visitor.template operator()<KilnTunnelNiLib::Esem>();
+    case KilnEmServer::EmType::lem:
+      break;
+  }
+  return visitor.template operator()<KilnTunnelNiLib::Lem>();
+}
+
+/// The store, in memory. It outlives the servers that work on it. The features' side writes requests only
+/// through the operations below; the server's side is the StateStore interface.
+class MemoryStateStore final : public KilnPlatform::StateStore {
+ public:
+  template <class Db>
+  using Request = KilnTunnelNiLib::SrvConfigEntry<typename Db::ClientData>;
+
+  /// All eight features are present at first.
+  explicit MemoryStateStore(Ref<KilnPlatform::TaskScheduler> scheduler);
+  ~MemoryStateStore() override;
+
+  [[nodiscard]] const Features& features() const override { return *features_; }
+  Ref<const KilnTunnelNiLib::LemSrvConfig> lemSrvConfig(KilnEmServer::FeatureType feature) override;
+  Ref<const KilnTunnelNiLib::IsemSrvConfig> isemSrvConfig(KilnEmServer::FeatureType feature) override;
+  Ref<const KilnTunnelNiLib::EsemSrvConfig> esemSrvConfig(KilnEmServer::FeatureType feature) override;
+  Ref<KilnTunnelNiLib::LemSrvStatus> lemSrvStatus(KilnEmServer::FeatureType feature) override;
+  Ref<KilnTunnelNiLib::IsemSrvStatus> isemSrvStatus(KilnEmServer::FeatureType feature) override;
+  Ref<KilnTunnelNiLib::EsemSrvStatus> esemSrvStatus(KilnEmServer::FeatureType feature) override;
+  Ref<KilnPlatform::TaskScheduler> taskScheduler() override { return scheduler_; }
+
+  /// Gives an absent feature new, empty collections; nothing for one that is present.
+  void addFeature(KilnEmServer::FeatureType feature);
+  /// Takes a feature's collections of all databases away; nothing for one that is absent.
+  void removeFeature(KilnEmServer::FeatureType feature);
+
+  // The features' side. Nothing is done for a feature that is absent.
+  template <class Db>
+  void requestIs(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key,
+                 const Request<Db>& request) {
+    if (auto* records = recordsOf<Db>(feature)) records->config->config().is(key, request);
+  }
+  template <class Db>
+  void requestDel(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key) {
+    if (auto* records = recordsOf<Db>(feature)) records->config->config().del(key);
+  }
+  template <class Db>
+  void requestDelAll(KilnEmServer::FeatureType feature) {
+    if (auto* records = recordsOf<Db>(feature)) records->config->config().delAll();
+  }
+  /// A feature's requests; null where it is absent.
+  template <class Db>
+  Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests(KilnEmServer::FeatureType feature) const {
+    const auto* records = recordsOf<Db>(feature);
+    return records == nullptr ? nullptr : records->config;
+  }
+  /// A feature's statuses; null where it is absent.
+  template <class Db>
+  Ref<const KilnTunnelNiLib::SrvStatus<Db>> statuses(KilnEmServer::FeatureType feature) const {
+    const auto* records = recordsOf<Db>(feature);
+    return records == nullptr ? nullptr : records->status;
+  }
+
+  /// Names the observer of all records, which must outlive the store or be replaced; null for none.
+  void observerIs(StoreObserver* observer) { observer_ = observer; }
+
+  /// Forgets every subscriber but the store's own, as if the server's process had died.
+  void forgetServer();
+
+ private:
+  /// Passes the changes of one collection on to the observer.
+  template <class Key>
+  class Watch final : public KilnPlatform::KeySubscriber<Key> {
+   public:
+    Watch(const MemoryStateStore& store, StoreChange change) : store_(store), change_(change) {}
+    void handleChange(const Key& key) override {
+      if (store_.observer_ == nullptr) return;
+      change_.key = KilnEmServer::requestKeyAs<KilnEmServer::EmRequestKey>(key);
+      store_.observer_->handleStoreChange(change_);
+    }
+
+   private:
+    const MemoryStateStore& store_;
+    StoreChange change_;
+  };
+
+  /// One feature's collections of one database. The server may hold them longer than the store does.
+  template <class Database>
+  struct Records {
+    using Db = Database;
+    using Key = typename Db::EntryKey;
+    Records(const MemoryStateStore& store, KilnEmServer::FeatureType feature);
+    ~Records();
+    Records(const Records&) = delete;
+    Records& operator=(const Records&) = delete;
+    void subscribe();
+    void forgetServer();
+
+    Ref<KilnTunnelNiLib::SrvConfig<Db>> config;
+    Ref<KilnTunnelNiLib::SrvStatus<Db>> status;
+    Watch<Key> requestWatch;
+    Watch<Key> statusWatch;
+  };
+  struct Feature {
+    Feature(const MemoryStateStore& store, KilnEmServer::FeatureType feature)
+        : lem(store, feature), isem(store, feature), esem(store, feature) {}
+    Records<KilnTunnelNiLib::Lem> lem;
+    Records<KilnTunnelNiLib::Isem> isem;
+    Records<KilnTunnelNiLib::Esem> esem;
+  };
+
+  template <class Db>
+  const Records<Db>* recordsOf(KilnEmServer::FeatureType feature) const {
+    const auto found = records_.find(feature);
+    if (found == records_.end()) return nullptr;
+    if constexpr (std::is_same_v<Db, KilnTunnelNiLib::Lem>) {
+      return &found->second->lem;
+    } else if constexpr (std::is_same_v<Db, KilnTunnelNiLib::Isem>) {
+      return &found->second->isem;
+    } else {
+      return &found->second->esem;
+    }
+  }
+
+  Ref<KilnPlatform::TaskScheduler> scheduler_;
+  StoreObserver* observer_ = nullptr;
+  std::map<KilnEmServer::FeatureType, std::unique_ptr<Feature>> records_;
+  std::unique_ptr<Features> features_;
+};
+
+}  // namespace KilnAgent

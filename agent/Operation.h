@@ -1,0 +1,112 @@
+// The operations of a scenario, and how a line of one is read.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <variant>
+
+#include "agent/SoftTable.h"
+#include "agent/VlanDomainService.h"
+#include "platform/KilnTunnelNiLib.h"
+#include "runtime/EmTypes.h"
+
+namespace KilnAgent {
+
+using KilnEmServer::EmEntry;
+using KilnEmServer::EmHwKey;
+using KilnEmServer::EmRequestKey;
+using KilnEmServer::EmStatus;
+using KilnEmServer::EmType;
+using KilnEmServer::FeatureType;
+using KilnTunnelNiLib::IntfIdSystemTcamId;
+using TableTag = KilnEmServer::EmResolvedKeyUnionTag;
+
+/// A feature inserts or replaces a request.
+struct PublishOperation {
+  FeatureType feature;
+  EmType database;
+  EmRequestKey key;
+  EmEntry entry;
+  std::uint32_t requestVersion;
+  KilnTunnelNiLib::RequestKind requestKind;
+  bool unchecked;  ///< enters the store without being checked
+};
+struct WithdrawOperation {
+  FeatureType feature;
+  EmType database;
+  EmRequestKey key;
+};
+struct WithdrawAllOperation {
+  FeatureType feature;
+  EmType database;
+};
+/// A feature's collections vanish.
+struct RemoveFeatureOperation {
+  FeatureType feature;
+};
+/// A feature's collections return, empty.
+struct AddFeatureOperation {
+  FeatureType feature;
+};
+struct VlanDomainsOperation {
+  VlanDomainService::Mode mode;
+};
+struct AllotOperation {
+  IntfIdSystemTcamId interface;
+  std::uint16_t vlanDomain;
+};
+struct RevokeOperation {
+  IntfIdSystemTcamId interface;
+};
+/// In automatic mode, the two interfaces have one domain from now on.
+struct ShareOperation {
+  std::uint64_t intfId;
+  std::uint64_t withIntfId;
+  std::uint16_t systemTcamId;
+};
+struct TableOperation {
+  TableTag table;
+  SoftTable::AnswerMode answer;
+};
+/// Held answers go.
+struct AnswerOperation {
+  TableTag table;
+  SoftTable::Order order;
+  std::size_t count;
+};
+struct SettleOperation {};
+struct RestartOperation {};
+struct CrashOperation {};
+/// What a request's status record is to say; what is not given may be anything.
+struct ExpectOperation {
+  FeatureType feature;
+  EmType database;
+  EmRequestKey key;
+  std::optional<EmStatus> status;
+  std::optional<std::uint32_t> requestVersion;
+  std::optional<std::uint8_t> result;
+  bool absent;
+  bool now;  ///< looks without settling first
+};
+/// What a table is to hold under a key; no entry where it is to hold none.
+struct ExpectTableOperation {
+  TableTag table;
+  EmHwKey key;
+  std::optional<EmEntry> entry;
+  bool now;
+};
+
+using Operation =
+    std::variant<PublishOperation, WithdrawOperation, WithdrawAllOperation, RemoveFeatureOperation,
+                 AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation,
+                 TableOperation, AnswerOperation, SettleOperation, RestartOperation, CrashOperation,
+                 ExpectOperation, ExpectTableOperation>;
+
+/// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
+/// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its
+/// field's range.
+Operation parseOperation(std::string_view line);
+
+}  // namespace KilnAgent

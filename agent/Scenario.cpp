@@ -1,0 +1,235 @@
+#include "agent/Scenario.h"
+
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "agent/JsonValue.h"
+#include "server/CheckRequest.h"
+
+namespace KilnAgent {
+namespace {
+
+constexpr std::size_t kSlicesPerProgress = 4096;
+constexpr std::uint64_t kLinesPerProgress = 1024;
+constexpr std::size_t kMostInterleavedTasks = 7;
+
+/// Operations after which the next one is not applied back to back.
+template <class T>
+constexpr bool kEndsBatch = std::is_same_v<T, SettleOperation> || std::is_same_v<T, RestartOperation> ||
+                            std::is_same_v<T, CrashOperation> || std::is_same_v<T, AnswerOperation> ||
+                            std::is_same_v<T, ExpectOperation> || std::is_same_v<T, ExpectTableOperation>;
+
+std::string requestName(FeatureType feature, EmType database, const EmRequestKey& key) {
+  return fmt::format("{} {} {}", feature, database, keyToJson(key, &EmRequestKey::emComposerKey).dump());
+}
+
+/// What a status record says, or what of it an expectation names.
+std::string statusText(std::optional<EmStatus> status, std::optional<std::uint32_t> requestVersion,
+                       std::optional<std::uint8_t> result) {
+  Json json = Json::object();
+  if (status) json["status"] = toJson(*status);
+  if (requestVersion) json["requestVersion"] = *requestVersion;
+  if (result) json["result"] = *result;
+  return json.dump();
+}
+
+struct StatusRecord {
+  EmStatus status;
+  std::uint32_t requestVersion;
+  std::uint8_t result;
+};
+
+std::optional<StatusRecord> findStatus(const MemoryStateStore& store, const ExpectOperation& expect) {
+  return withDatabase(expect.database, [&]<class Db>() -> std::optional<StatusRecord> {
+    const auto statuses = store.statuses<Db>(expect.feature);
+    if (statuses == nullptr) return std::nullopt;
+    const auto* found =
+        statuses->status().find(KilnEmServer::requestKeyAs<typename Db::EntryKey>(expect.key));
+    if (found == nullptr) return std::nullopt;
+    return StatusRecord{found->status, found->requestVersion, found->result};
+  });
+}
+
+bool holds(const ExpectOperation& expect, const std::optional<StatusRecord>& found) {
+  if (!found || expect.absent) return !found && expect.absent;
+  return (!expect.status || *expect.status == found->status) &&
+         (!expect.requestVersion || *expect.requestVersion == found->requestVersion) &&
+         (!expect.result || *expect.result == found->result);
+}
+
+std::optional<EmEntry> findEntry(const SoftChip& chip, const ExpectTableOperation& expect) {
+  const bool convergent = expect.key.fapId == Hardware::Kiln::FapId::allFap() &&
+                          expect.key.localCoreId == Hardware::Kiln::LocalCoreId::all();
+  return convergent ? chip.table(expect.table).find(expect.key.emResolvedKey) : std::nullopt;
+}
+
+}  // namespace
+
+Scenario::Scenario(EmbeddedAgent& agent, bool interleave, std::uint64_t seed, Say say, Progress progress)
+    : agent_(agent),
+      interleave_(interleave),
+      random_(seed),
+      say_(std::move(say)),
+      progress_(std::move(progress)) {}
+
+void Scenario::run(std::istream& lines, const std::string& name) {
+  name_ = name;
+  lineNumber_ = 0;
+  std::string line;
+  while (std::getline(lines, line)) {
+    ++lineNumber_;
+    try {
+      runLine(line);
+    } catch (const InputError& error) {
+      throw InputError(fmt::format("{}:{}: {}", name_, lineNumber_, error.what()));
+    }
+  }
+  if (lines.bad()) throw InputError(fmt::format("{}: cannot be read", name_));
+}
+
+void Scenario::runLine(std::string_view line) {
+  if (++counters_.lines % kLinesPerProgress == 0 && progress_) progress_(counters_);
+  const std::size_t begin = line.find_first_not_of(" \t\r");
+  if (begin == std::string_view::npos || line.substr(begin).starts_with("//")) return;
+  execute(parseOperation(line));
+}
+
+void Scenario::execute(const Operation& operation) {
+  std::visit(
+      [this]<class T>(const T& specific) {
+        apply(specific);
+        if (interleave_ && !kEndsBatch<T>) {
+          agent_.scheduler().run(randomBelow(random_, kMostInterleavedTasks + 1));
+        }
+      },
+      operation);
+  ++counters_.operations;
+}
+
+void Scenario::settle() {
+  while (!agent_.scheduler().idle()) {
+    agent_.scheduler().run(kSlicesPerProgress);
+    if (progress_) progress_(counters_);
+  }
+}
+
+void Scenario::apply(const PublishOperation& publish) {
+  ++counters_.publishes;
+  if (!agent_.store().features().has(publish.feature)) {
+    ++counters_.refusals;
+    return sayHere(fmt::format("{} refused: the feature was removed",
+                               requestName(publish.feature, publish.database, publish.key)));
+  }
+  withDatabase(publish.database, [&]<class Db>() {
+    const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(publish.key);
+    const MemoryStateStore::Request<Db> request{
+        .clientData = {publish.entry},
+        .requestVersion = publish.requestVersion,
+        .requestKind = publish.requestKind,
+    };
+    if (!publish.unchecked) {
+      if (const std::optional<std::string> wrong = KilnEmServer::checkRequest<Db>(key, request)) {
+        ++counters_.refusals;
+        return sayHere(fmt::format("{} refused: {}",
+                                   requestName(publish.feature, publish.database, publish.key), *wrong));
+      }
+    }
+    agent_.store().requestIs<Db>(publish.feature, key, request);
+  });
+}
+
+void Scenario::apply(const WithdrawOperation& withdraw) {
+  withDatabase(withdraw.database, [&]<class Db>() {
+    agent_.store().requestDel<Db>(withdraw.feature,
+                                  KilnEmServer::requestKeyAs<typename Db::EntryKey>(withdraw.key));
+  });
+}
+
+void Scenario::apply(const WithdrawAllOperation& withdraw) {
+  withDatabase(withdraw.database, [&]<class Db>() { agent_.store().requestDelAll<Db>(withdraw.feature); });
+}
+
+void Scenario::apply(const RemoveFeatureOperation& remove) {
+  agent_.store().removeFeature(remove.feature);
+}
+void Scenario::apply(const AddFeatureOperation& add) {
+  agent_.store().addFeature(add.feature);
+}
+void Scenario::apply(const VlanDomainsOperation& vlanDomains) {
+  agent_.vlanDomains().modeIs(vlanDomains.mode);
+}
+
+void Scenario::requireManualDomains() const {
+  if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return;
+  throw InputError(
+      R"(VLAN domains are allotted automatically; {"op":"vlanDomains","mode":"manual"} must come first)");
+}
+
+void Scenario::apply(const AllotOperation& allot) {
+  requireManualDomains();
+  agent_.vlanDomains().allot(allot.interface, allot.vlanDomain);
+}
+
+void Scenario::apply(const RevokeOperation& revoke) {
+  requireManualDomains();
+  agent_.vlanDomains().revoke(revoke.interface);
+}
+
+void Scenario::apply(const ShareOperation& share) {
+  agent_.vlanDomains().share(share.intfId, share.withIntfId, share.systemTcamId);
+}
+
+void Scenario::apply(const TableOperation& table) {
+  agent_.chip().table(table.table).answerModeIs(table.answer);
+}
+
+void Scenario::apply(const AnswerOperation& answer) {
+  settle();  // what was published is to have reached the table
+  agent_.chip().table(answer.table).answer(answer.order, answer.count);
+}
+
+void Scenario::apply(const SettleOperation& /*settle*/) {
+  settle();
+}
+void Scenario::apply(const RestartOperation& /*restart*/) {
+  agent_.restart();
+}
+void Scenario::apply(const CrashOperation& /*crash*/) {
+  agent_.crash();
+}
+
+void Scenario::apply(const ExpectOperation& expect) {
+  if (!expect.now) settle();
+  ++counters_.expects;
+  const std::optional<StatusRecord> found = findStatus(agent_.store(), expect);
+  if (holds(expect, found)) return;
+  expectationFailed(
+      fmt::format("{} {}", requestName(expect.feature, expect.database, expect.key),
+                  expect.absent ? "absent" : statusText(expect.status, expect.requestVersion, expect.result)),
+      found ? statusText(found->status, found->requestVersion, found->result) : "absent");
+}
+
+void Scenario::apply(const ExpectTableOperation& expect) {
+  if (!expect.now) settle();
+  ++counters_.expects;
+  const std::optional<EmEntry> found = findEntry(agent_.chip(), expect);
+  if (found == expect.entry) return;
+  const auto text = [](const std::optional<EmEntry>& entry) {
+    return entry ? toJson(*entry).dump() : std::string("absent");
+  };
+  expectationFailed(fmt::format("{} {} {}", agent_.chip().table(expect.table).stem(),
+                                keyToJson(expect.key, &EmHwKey::emResolvedKey).dump(), text(expect.entry)),
+                    text(found));
+}
+
+void Scenario::expectationFailed(const std::string& expected, const std::string& found) {
+  ++counters_.failedExpects;
+  sayHere(fmt::format("expected {}, found {}", expected, found));
+}
+
+void Scenario::sayHere(std::string_view text) const {
+  if (say_) say_(fmt::format("{}:{}: {}", name_, lineNumber_, text));
+}
+
+}  // namespace KilnAgent

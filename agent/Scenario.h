@@ -1,0 +1,83 @@
+// Executes scenarios on an agent, line by line.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <random>
+#include <string>
+#include <string_view>
+
+#include "agent/EmbeddedAgent.h"
+#include "agent/Operation.h"
+
+namespace KilnAgent {
+
+/// How far a run has come.
+struct ScenarioCounters {
+  std::uint64_t lines = 0;
+  std::uint64_t operations = 0;
+  std::uint64_t publishes = 0;
+  std::uint64_t refusals = 0;       ///< publishes that did not enter the store
+  std::uint64_t expects = 0;        ///< expectations looked at
+  std::uint64_t failedExpects = 0;  ///< among them those that did not hold
+};
+
+/// Runs scenarios: JSON Lines, blank lines and lines that begin with // being passed over.
+class Scenario {
+ public:
+  /// Told each refusal and each failed expectation, one line each, beginning with file and line number.
+  using Say = std::function<void(const std::string& text)>;
+  /// Called now and then while a run goes on.
+  using Progress = std::function<void(const ScenarioCounters&)>;
+
+  /// With `interleave`, a number of tasks drawn from `seed` runs between two operations that would else be
+  /// applied back to back.
+  Scenario(EmbeddedAgent& agent, bool interleave, std::uint64_t seed, Say say, Progress progress = {});
+
+  /// Runs one file. `name` is its name in texts. Throws InputError with file and line at the first line that
+  /// is not an operation, of which nothing is executed; what came before has been.
+  void run(std::istream& lines, const std::string& name);
+  /// Runs one line; a line without an operation does nothing. Throws InputError without file and line.
+  void runLine(std::string_view line);
+  /// Runs one operation. Throws InputError where the agent's state does not allow it.
+  void execute(const Operation& operation);
+  /// Runs the agent until nothing is pending; held answers do not count as pending.
+  void settle();
+
+  [[nodiscard]] const ScenarioCounters& counters() const { return counters_; }
+
+ private:
+  void apply(const PublishOperation& publish);
+  void apply(const WithdrawOperation& withdraw);
+  void apply(const WithdrawAllOperation& withdraw);
+  void apply(const RemoveFeatureOperation& remove);
+  void apply(const AddFeatureOperation& add);
+  void apply(const VlanDomainsOperation& vlanDomains);
+  void apply(const AllotOperation& allot);
+  void apply(const RevokeOperation& revoke);
+  void apply(const ShareOperation& share);
+  void apply(const TableOperation& table);
+  void apply(const AnswerOperation& answer);
+  void apply(const SettleOperation& settle);
+  void apply(const RestartOperation& restart);
+  void apply(const CrashOperation& crash);
+  void apply(const ExpectOperation& expect);
+  void apply(const ExpectTableOperation& expect);
+
+  void requireManualDomains() const;
+  void expectationFailed(const std::string& expected, const std::string& found);
+  void sayHere(std::string_view text) const;
+
+  EmbeddedAgent& agent_;
+  bool interleave_;
+  std::mt19937_64 random_;
+  Say say_;
+  Progress progress_;
+  ScenarioCounters counters_;
+  std::string name_ = "-";
+  std::uint64_t lineNumber_ = 0;
+};
+
+}  // namespace KilnAgent

@@ -1,0 +1,79 @@
+#include "agent/SoftChip.h"
+
+#include "platform/Assert.h"
+
+namespace KilnAgent {
+namespace {
+
+using Hardware::Kiln::FapId;
+
+Ref<Hardware::Kiln::Status> makeChipStatus(const ChipConfig& config) {
+  auto status = std::make_shared<Hardware::Kiln::Status>(makeCollection<FapId, Hardware::Kiln::FapInfo>());
+  for (const ChipConfig::Fap& fap : config.faps) status->fap().is(fap.fapId, fap.info);
+  return status;
+}
+
+Ref<Hardware::Kiln::MdbStatus> makeMdbStatus(const ChipConfig& config) {
+  auto status = std::make_shared<Hardware::Kiln::MdbStatus>(
+      makeCollection<FapId, std::uint32_t>(), makeCollection<std::uint32_t, KilnMdb::ProfileCapabilities>());
+  for (const ChipConfig::Fap& fap : config.faps) {
+    if (fap.profile) status->profileId().is(fap.fapId, *fap.profile);
+  }
+  for (const auto& [id, capabilities] : config.profiles) status->profile().is(id, capabilities);
+  return status;
+}
+
+}  // namespace
+
+SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
+                   std::optional<std::uint64_t> seed)
+    : chipStatus_(makeChipStatus(config)), mdbStatus_(makeMdbStatus(config)) {
+  if (seed) random_.emplace(*seed);
+  const auto make = [&]<class Own>(Ref<Own>& own) {
+    const auto number = static_cast<std::size_t>(Own::kTag);
+    own =
+        std::make_shared<Own>(SoftTable::Setting{KilnPlatform::kTableStems[number], config.tableSizes[number],
+                                                 scheduler, random_ ? &*random_ : nullptr, pending_.get()},
+                              chipStatus_);
+    tables_[number] = &own->table();
+  };
+  std::apply([&](auto&... own) { (make(own), ...); }, interfaces_);
+}
+
+SoftTable& SoftChip::table(KilnEmServer::EmResolvedKeyUnionTag tag) const {
+  KILN_ASSERT(tag != KilnEmServer::EmResolvedKeyUnionTag::undefined_);
+  return *tables_[static_cast<std::size_t>(tag)];
+}
+
+HardwareCounters SoftChip::counters() const {
+  HardwareCounters sum;
+  forEachTable([&](const SoftTable& table) {
+    sum.written += table.counters().written;
+    sum.removed += table.counters().removed;
+    sum.unchanged += table.counters().unchanged;
+  });
+  return sum;
+}
+
+void SoftChip::reconcileComplete() {
+  forEachTable([](SoftTable& table) { table.reconcileComplete(); });
+}
+
+void SoftChip::commitHwWrites() {
+  forEachTable([](SoftTable& table) { table.commit(); });
+}
+
+void SoftChip::serverEnded() {
+  forEachTable([](SoftTable& table) { table.serverEnded(); });
+}
+
+void SoftChip::serverDied() {
+  subscribers_.forgetAll();
+  pending_->forgetSubscribers();
+  forgetSubscribers(chipStatus_->fap());
+  forgetSubscribers(mdbStatus_->profileId());
+  forgetSubscribers(mdbStatus_->profile());
+  forEachTable([](SoftTable& table) { table.serverDied(); });
+}
+
+}  // namespace KilnAgent

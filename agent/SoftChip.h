@@ -1,0 +1,112 @@
+// The software chip: eight tables behind their interfaces, the ordered-table layer over them, and the status
+// of FAPs and MDB profiles.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <random>
+#include <tuple>
+#include <type_traits>
+
+#include "agent/ChipConfig.h"
+#include "agent/SoftTable.h"
+#include "platform/Asic.h"
+#include "platform/Hardware.h"
+
+namespace KilnAgent {
+
+/// The interface to one table type. All FAPs share one table, since every entry is spread to all of them.
+template <class TableInterface, class TableClass>
+class SoftInterface final : public TableInterface {
+ public:
+  using Interface = TableInterface;
+  using SwTable = TableClass;
+  static constexpr KilnEmServer::EmResolvedKeyUnionTag kTag =
+      KilnEmServer::EmResolvedKey::tagOf<typename SwTable::Key>();
+
+  SoftInterface(const SoftTable::Setting& setting, Ref<const Hardware::Kiln::Status> chip)
+      : table_(setting), chip_(std::move(chip)) {}
+
+  /// The table for the unit of all FAPs and those of the FAPs that exist; null for any other.
+  [[nodiscard]] Asic::OrderedSwTable* orderedSwTable(Asic::UnitId unit) const override {
+    const Hardware::Kiln::FapId fapId(unit.number() & 0xFFU);
+    const bool known =
+        unit == Asic::UnitId::allFap() || (unit == Asic::UnitId::ofFap(fapId) && chip_->fap().has(fapId));
+    return known ? &table_ : nullptr;
+  }
+  [[nodiscard]] SoftSwTable<SwTable>& table() { return table_; }
+
+ private:
+  mutable SoftSwTable<SwTable> table_;
+  Ref<const Hardware::Kiln::Status> chip_;
+};
+
+/// The chip. It outlives the servers that work on it.
+class SoftChip final : public Asic::OrderedTableInterface {
+ public:
+  /// With a `seed`, answers come out of order.
+  SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
+           std::optional<std::uint64_t> seed);
+
+  /// One of the eight table interfaces, by its type.
+  template <class Interface>
+  [[nodiscard]] Ref<Interface> interface() const {
+    Ref<Interface> found;
+    std::apply(
+        [&](const auto&... own) {
+          const auto take = [&]<class Own>(const Ref<Own>& candidate) {
+            if constexpr (std::is_same_v<typename Own::Interface, Interface>) found = candidate;
+          };
+          (take(own), ...);
+        },
+        interfaces_);
+    return found;
+  }
+  /// The table of a key type other than `undefined`.
+  [[nodiscard]] SoftTable& table(KilnEmServer::EmResolvedKeyUnionTag tag) const;
+  /// Calls `visitor` with the SoftTable of each type, in the order of their numbers.
+  template <class Visitor>
+  void forEachTable(Visitor&& visitor) const {
+    for (std::size_t i = 1; i < tables_.size(); ++i) visitor(*tables_[i]);
+  }
+  /// Summed over the tables.
+  [[nodiscard]] HardwareCounters counters() const;
+
+  [[nodiscard]] const Ref<Hardware::Kiln::Status>& chipStatus() const { return chipStatus_; }
+  [[nodiscard]] const Ref<Hardware::Kiln::MdbStatus>& mdbStatus() const { return mdbStatus_; }
+
+  void reconcileComplete() override;
+  void commitHwWrites() override;
+  [[nodiscard]] Ref<const Asic::OrderedTableStatus> status() const override { return pending_; }
+  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
+
+  /// The server ended: the tables keep their entries until reconcileComplete.
+  void serverEnded();
+  /// As serverEnded, for a server that died: also its subscriptions and the answers to it are forgotten.
+  void serverDied();
+
+ private:
+  template <class Interface, class SwTable>
+  using Own = Ref<SoftInterface<Interface, SwTable>>;
+
+  Ref<Hardware::Kiln::Status> chipStatus_;
+  Ref<Hardware::Kiln::MdbStatus> mdbStatus_;
+  std::optional<std::mt19937_64> random_;
+  Ref<PendingHwWrites> pending_ = std::make_shared<PendingHwWrites>();
+  mutable ChangeSubscribers subscribers_;
+  std::tuple<Own<Asic::IsemUntaggedKilnInterface, Asic::IsemUntaggedKilnSwTable>,
+             Own<Asic::Isem1TagKilnInterface, Asic::Isem1TagKilnSwTable>,
+             Own<Asic::Isem2TagKilnInterface, Asic::Isem2TagKilnSwTable>,
+             Own<Asic::IsemInnerEthKilnInterface, Asic::IsemInnerEthKilnSwTable>,
+             Own<Asic::IsemMplsKilnInterface, Asic::IsemMplsKilnSwTable>,
+             Own<Asic::EsemFodoVdKilnInterface, Asic::EsemFodoVdKilnSwTable>,
+             Own<Asic::EsemFodoKilnInterface, Asic::EsemFodoKilnSwTable>,
+             Own<Asic::LemVpwsAcKilnInterface, Asic::LemVpwsAcKilnSwTable>>
+      interfaces_;
+  std::array<SoftTable*, KilnPlatform::kTableStems.size()> tables_{};  ///< by the number of their key type
+};
+
+}  // namespace KilnAgent

@@ -1,0 +1,138 @@
+#include "agent/SoftTable.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "agent/CooperativeScheduler.h"
+#include "platform/Assert.h"
+
+namespace KilnAgent {
+
+void ChangeSubscribers::remove(Asic::ChangeSubscriber& subscriber) {
+  std::erase(subscribers_, &subscriber);
+}
+
+void ChangeSubscribers::notify() {
+  const std::vector<Asic::ChangeSubscriber*> told = subscribers_;
+  for (Asic::ChangeSubscriber* subscriber : told) {
+    if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) != subscribers_.end()) {
+      subscriber->handleChange();
+    }
+  }
+}
+
+void PendingHwWrites::begin(std::size_t operations) {
+  const bool was = pendingHwWrites();
+  operations_ += operations;
+  if (pendingHwWrites() != was) subscribers_.notify();
+}
+
+void PendingHwWrites::end(std::size_t operations) {
+  KILN_ASSERT(operations <= operations_);
+  const bool was = pendingHwWrites();
+  operations_ -= operations;
+  if (pendingHwWrites() != was) subscribers_.notify();
+}
+
+SoftTable::SoftTable(const Setting& setting)
+    : stem_(setting.stem),
+      capacity_(setting.capacity),
+      random_(setting.random),
+      pending_(*setting.pending),
+      task_(
+          setting.scheduler, 0, "SoftChip-" + std::string(setting.stem),
+          [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this) {}
+
+void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {
+  if (mode_ == AnswerMode::hold) {
+    held_.push_back({outcome, std::move(handler)});
+  } else if (insideCall_) {
+    call({outcome, std::move(handler)});
+  } else {
+    due_.push_back({outcome, std::move(handler)});
+    pending_.begin(1);
+    task_.scheduleTask();
+  }
+}
+
+void SoftTable::call(Answer answer) {
+  static const auto handleOf = [](EntryState state) {
+    return std::make_shared<const Asic::OrderedSwTable::EntryHandle>(state);
+  };
+  static const std::array<Ref<const Asic::OrderedSwTable::EntryHandle>, 5> handles = {
+      handleOf(EntryState::unknown_), handleOf(EntryState::pending_), handleOf(EntryState::refused_),
+      handleOf(EntryState::noResource_), handleOf(EntryState::success_)};
+  answer.handler(handles[static_cast<std::size_t>(answer.outcome)]);
+}
+
+SoftTable::Answer SoftTable::takeFront(std::deque<Answer>& answers) {
+  Answer answer = std::move(answers.front());
+  answers.pop_front();
+  return answer;
+}
+
+void SoftTable::runAnswers() {
+  if (silent_ != 0) pending_.end(std::exchange(silent_, 0));
+  const bool shuffled = random_ != nullptr && !due_.empty();
+  std::size_t dueNow = shuffled ? 1 + randomBelow(*random_, due_.size()) : due_.size();
+  while (!released_.empty() || dueNow != 0) {
+    if (!released_.empty()) {
+      call(takeFront(released_));
+    } else {
+      if (shuffled) std::swap(due_.front(), due_[randomBelow(*random_, due_.size())]);
+      --dueNow;
+      Answer answer = takeFront(due_);
+      pending_.end(1);
+      call(std::move(answer));
+    }
+    task_.scheduler()->taskWorkCountInc(1);
+    if (task_.scheduler()->taskShouldYield()) break;
+  }
+  if (released_.empty() && due_.empty()) return;
+  task_.scheduler()->taskWorkPendingIs(released_.size() + due_.size());
+  task_.scheduleTask();
+}
+
+void SoftTable::answerModeIs(AnswerMode mode) {
+  mode_ = mode;
+  if (mode != AnswerMode::hold) answer(Order::fifo, held_.size());
+}
+
+void SoftTable::answer(Order order, std::size_t count) {
+  for (; count != 0 && !held_.empty(); --count) {
+    if (order == Order::lifo) {
+      released_.push_back(std::move(held_.back()));
+      held_.pop_back();
+    } else {
+      released_.push_back(takeFront(held_));
+    }
+  }
+  if (!released_.empty()) task_.scheduleTask();
+}
+
+void SoftTable::serverEnded() {
+  held_.clear();
+  unclaimAll();
+}
+
+void SoftTable::serverDied() {
+  forgetTableSubscribers();
+  pending_.end(due_.size() + std::exchange(silent_, 0));
+  due_.clear();
+  released_.clear();
+  serverEnded();
+}
+
+void SoftTable::reconcileComplete() {
+  const std::size_t dropped = dropUnclaimed();
+  if (dropped == 0) return;
+  silent_ += dropped;
+  pending_.begin(dropped);
+}
+
+void SoftTable::commit() {
+  if (silent_ != 0 || !due_.empty()) task_.scheduleTask();
+}
+
+}  // namespace KilnAgent

@@ -1,0 +1,219 @@
+// One table of the software chip: applies operations at once, answers them later.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <random>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "agent/Collections.h"
+#include "agent/SortedRows.h"
+#include "platform/Asic.h"
+#include "platform/EmKeys.h"
+#include "platform/Ref.h"
+#include "platform/TaskScheduler.h"
+
+namespace KilnAgent {
+
+using KilnPlatform::Ref;
+
+/// What reached the hardware, and what needed not to.
+struct HardwareCounters {
+  std::uint64_t written = 0;    ///< entries inserted or replaced by others
+  std::uint64_t removed = 0;    ///< entries taken out
+  std::uint64_t unchanged = 0;  ///< writes of what the table held already
+};
+
+/// The subscribers of one object's changes. They may come and go while they are being told.
+class ChangeSubscribers {
+ public:
+  void add(Asic::ChangeSubscriber& subscriber) { subscribers_.push_back(&subscriber); }
+  void remove(Asic::ChangeSubscriber& subscriber);
+  void notify();
+  void forgetAll() { subscribers_.clear(); }
+
+ private:
+  std::vector<Asic::ChangeSubscriber*> subscribers_;
+};
+
+/// The status of the ordered-table layer: whether operations wait for the hardware.
+class PendingHwWrites final : public Asic::OrderedTableStatus {
+ public:
+  [[nodiscard]] bool pendingHwWrites() const override { return operations_ != 0; }
+  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
+
+  void begin(std::size_t operations);
+  void end(std::size_t operations);
+  void forgetSubscribers() { subscribers_.forgetAll(); }
+
+ private:
+  std::size_t operations_ = 0;
+  mutable ChangeSubscribers subscribers_;
+};
+
+/// What the eight tables share: how they answer, and what tools see of them. An operation changes the table
+/// when it is issued; only its answer is late, and with a seed out of order.
+class SoftTable {
+ public:
+  using EntryState = Asic::SwTableBase::EntryState;
+  using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
+  using Entry = std::pair<KilnEmServer::EmResolvedKey, KilnEmServer::EmEntry>;
+  /// How the operations that come from now on are met: done and answered; writes refused, removals done;
+  /// done, but not answered until told.
+  enum class AnswerMode : std::uint8_t { success, refuse, hold };
+  enum class Order : std::uint8_t { fifo, lifo };
+
+  /// What a table has from its chip. `random` is null where answers keep their order.
+  struct Setting {
+    std::string_view stem;  ///< for example "isemMpls"
+    std::uint32_t capacity = 0;
+    Ref<KilnPlatform::TaskScheduler> scheduler;
+    std::mt19937_64* random = nullptr;
+    PendingHwWrites* pending = nullptr;
+  };
+
+  explicit SoftTable(const Setting& setting);
+  virtual ~SoftTable() = default;
+  SoftTable(const SoftTable&) = delete;
+  SoftTable& operator=(const SoftTable&) = delete;
+
+  [[nodiscard]] std::string_view stem() const { return stem_; }
+  /// Entries that the table can hold.
+  [[nodiscard]] std::uint32_t capacity() const { return capacity_; }
+  [[nodiscard]] const HardwareCounters& counters() const { return counters_; }
+
+  [[nodiscard]] AnswerMode answerMode() const { return mode_; }
+  /// Leaving `hold` lets every held answer go, in the order of the operations.
+  void answerModeIs(AnswerMode mode);
+  /// Lets up to `count` held answers go, the oldest or the newest first. They are delivered by the table's
+  /// task, in just that order.
+  void answer(Order order, std::size_t count);
+  [[nodiscard]] std::size_t held() const { return held_.size(); }
+  /// For tests: answers operations within the call that issued them, unless they are held.
+  void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
+
+  /// Entries that the table holds.
+  [[nodiscard]] virtual std::size_t fill() const = 0;
+  /// The entry under a key of this table; nothing for a key of another one.
+  [[nodiscard]] virtual std::optional<KilnEmServer::EmEntry> find(
+      const KilnEmServer::EmResolvedKey& key) const = 0;
+  /// Every entry, the least key first.
+  [[nodiscard]] virtual std::vector<Entry> sortedEntries() const = 0;
+
+  /// The server ended: its entries stay, unclaimed until they are written again; held answers are dropped.
+  void serverEnded();
+  /// As serverEnded, for a server that could not clean up: no answer is delivered any more.
+  void serverDied();
+  /// Drops the entries that are still unclaimed.
+  void reconcileComplete();
+  /// Sees to it that what was issued reaches the hardware.
+  void commit();
+
+ protected:
+  /// Takes over the answer of an operation that was applied with this outcome.
+  void deliver(EntryState outcome, ResponseHandler handler);
+  [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
+
+  virtual void unclaimAll() = 0;
+  /// Returns how many entries it dropped.
+  virtual std::size_t dropUnclaimed() = 0;
+  virtual void forgetTableSubscribers() = 0;
+
+  HardwareCounters counters_;
+
+ private:
+  struct Answer {
+    EntryState outcome;
+    ResponseHandler handler;
+  };
+  void runAnswers();
+  static void call(Answer answer);
+  static Answer takeFront(std::deque<Answer>& answers);
+
+  std::string_view stem_;
+  std::uint32_t capacity_;
+  std::mt19937_64* random_;
+  PendingHwWrites& pending_;
+  AnswerMode mode_ = AnswerMode::success;
+  bool insideCall_ = false;
+  std::deque<Answer> due_;       ///< to be given in this order, or in any with a seed
+  std::deque<Answer> released_;  ///< held once, to be given in this order
+  std::deque<Answer> held_;
+  std::size_t silent_ = 0;  ///< operations on their way to the hardware that nobody waits for
+  KilnPlatform::Task task_;
+};
+
+/// One of the eight table classes, as a software table. Capacity counts the entries that are still unclaimed.
+template <class SwTable>
+class SoftSwTable final : public SwTable, public SoftTable {
+ public:
+  using Key = typename SwTable::Key;
+  using TableEntry = typename SwTable::Entry;
+
+  using SoftTable::SoftTable;
+
+  void entryWriteWithResponseHandler(const Key& key, const TableEntry& entry,
+                                     const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
+                                     ResponseHandler handler) override {
+    deliver(write(key, entry), std::move(handler));
+  }
+  void entryRemoveWithResponseHandler(const Key& key,
+                                      const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
+                                      ResponseHandler handler) override {
+    unclaimed_.del(key);
+    remove(key);
+    deliver(EntryState::success_, std::move(handler));
+  }
+  [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return entrys_; }
+
+  [[nodiscard]] std::size_t fill() const override { return entrys_.size(); }
+  [[nodiscard]] std::optional<KilnEmServer::EmEntry> find(
+      const KilnEmServer::EmResolvedKey& key) const override {
+    const Key* own = key.getIf<Key>();
+    const TableEntry* entry = own == nullptr ? nullptr : entrys_.find(*own);
+    return entry == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*entry);
+  }
+  [[nodiscard]] std::vector<Entry> sortedEntries() const override {
+    std::vector<Entry> entries;
+    entries.reserve(entrys_.size());
+    for (const auto& [key, entry] : sortedRows(entrys_)) entries.emplace_back(key, entry);
+    return entries;
+  }
+
+ private:
+  EntryState write(const Key& key, const TableEntry& entry) {
+    unclaimed_.del(key);
+    if (refusing()) {
+      remove(key);
+      return EntryState::refused_;
+    }
+    if (entrys_.size() >= capacity() && !entrys_.has(key)) return EntryState::noResource_;
+    ++(entrys_.is(key, entry) ? counters_.written : counters_.unchanged);
+    return EntryState::success_;
+  }
+  void remove(const Key& key) {
+    if (entrys_.del(key)) ++counters_.removed;
+  }
+
+  void unclaimAll() override {
+    KilnPlatform::forEachIn(entrys_, [this](const Key& key, const TableEntry&) { unclaimed_.is(key, {}); });
+  }
+  std::size_t dropUnclaimed() override {
+    const std::size_t dropped = unclaimed_.size();
+    KilnPlatform::forEachIn(unclaimed_, [this](const Key& key, const KilnPlatform::Unit&) { remove(key); });
+    unclaimed_.delAll();
+    return dropped;
+  }
+  void forgetTableSubscribers() override { entrys_.forgetSubscribers(); }
+
+  KilnEmServer::Collection<Key, TableEntry> entrys_;
+  KilnEmServer::Collection<Key, KilnPlatform::Unit> unclaimed_;  ///< of a server before this one
+};
+
+}  // namespace KilnAgent

@@ -1,0 +1,104 @@
+// The VLAN-domain service: allots VLAN domains to the interfaces for which the server asks.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <vector>
+
+#include "agent/Collections.h"
+#include "platform/KilnVlanDomain.h"
+#include "platform/Ref.h"
+#include "platform/TaskScheduler.h"
+
+namespace KilnAgent {
+
+using KilnPlatform::Ref;
+
+/// The domains that the service may allot by itself, per system TCAM. `first` is not above `last`.
+struct VlanDomainLimits {
+  std::uint16_t first = 1;
+  std::uint16_t last = 511;
+  friend bool operator==(const VlanDomainLimits&, const VlanDomainLimits&) = default;
+};
+
+/// Automatic mode, the first one: each request gets the first free domain of its system TCAM, or that of the
+/// interfaces which it shares one with; without a free domain it waits, and requests that wait are served in
+/// the order in which they came. A domain that nobody asks for any more is free again.
+///
+/// Manual mode: allotments are made and revoked by hand, whether or not anybody asks.
+///
+/// The service reacts to requests in a task of its own, never inside the change that told it.
+class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNiLib::IntfIdSystemTcamId> {
+ public:
+  using Interface = KilnTunnelNiLib::IntfIdSystemTcamId;
+  enum class Mode : std::uint8_t { automatic, manual };
+
+  VlanDomainService(const Ref<KilnPlatform::TaskScheduler>& scheduler, VlanDomainLimits limits);
+  ~VlanDomainService();
+  VlanDomainService(const VlanDomainService&) = delete;
+  VlanDomainService& operator=(const VlanDomainService&) = delete;
+
+  [[nodiscard]] const Ref<KilnVlanDomain::VlanDomainConfig>& config() const { return config_; }
+  [[nodiscard]] Ref<const KilnVlanDomain::VlanDomainStatus> status() const { return status_; }
+
+  [[nodiscard]] Mode mode() const { return mode_; }
+  /// Going to manual keeps the domains that are allotted. Going to automatic keeps those that are asked for
+  /// and frees the others.
+  void modeIs(Mode mode);
+
+  /// Manual mode only: gives the interface this domain, any 16-bit value, in place of the one that it has.
+  void allot(const Interface& interface, std::uint16_t vlanDomain);
+  /// Manual mode only: takes the interface's domain away; nothing where it has none.
+  void revoke(const Interface& interface);
+
+  /// Automatic allotment gives `intfId` and `withIntfId`, and all that already share with either, one domain.
+  /// It is the one that `withIntfId`'s side has, where it has one.
+  void share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId);
+
+  /// Requests that wait for a free domain.
+  [[nodiscard]] std::size_t waiting() const { return waitingOrder_.size(); }
+
+  /// Forgets the server's subscriptions, as if its process had died, and takes up its own work again after
+  /// the scheduler forgot its tasks.
+  void forgetServer();
+
+ private:
+  using Group = std::vector<Interface>;
+
+  /// One system TCAM's domains: how many interfaces have each, and below which domain none is free.
+  struct Pool {
+    std::vector<std::uint32_t> users;
+    std::size_t firstMaybeFree = 0;
+    std::map<std::uint64_t, Interface> waiting;  ///< by the order in which the requests came
+  };
+
+  void handleChange(const Interface& interface) override;
+  void handlePending();
+  void settleRequest(const Interface& interface);
+
+  Pool& poolOf(const Interface& interface);
+  void serve(const Interface& interface);
+  void give(const Interface& interface, std::uint16_t vlanDomain);
+  void takeBack(const Interface& interface);
+  void serveWaiting(Pool& pool);
+  void stopWaiting(const Interface& interface);
+  [[nodiscard]] std::optional<std::uint16_t> domainOfGroup(const Interface& interface) const;
+  static std::optional<std::uint16_t> firstFree(Pool& pool, VlanDomainLimits limits);
+  Ref<Group> groupOf(const Interface& interface);
+
+  Ref<KilnVlanDomain::VlanDomainConfig> config_;
+  Ref<KilnVlanDomain::VlanDomainStatus> status_;
+  VlanDomainLimits limits_;
+  Mode mode_ = Mode::automatic;
+  std::map<std::uint16_t, Pool> pools_;
+  std::map<Interface, std::uint64_t> waitingOrder_;
+  std::uint64_t nextOrder_ = 0;
+  std::map<Interface, Ref<Group>> groups_;  ///< only of interfaces that share
+  std::deque<Interface> pending_;           ///< interfaces whose request changed, each once
+  std::set<Interface> isPending_;
+  KilnPlatform::Task task_;
+};
+
+}  // namespace KilnAgent

@@ -1,0 +1,243 @@
+// The command line: runs scenarios, shows the graph, makes scenarios.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/Dump.h"
+#include "agent/EmbeddedAgent.h"
+#include "agent/Generate.h"
+#include "agent/GraphText.h"
+#include "agent/InputError.h"
+#include "agent/Report.h"
+#include "agent/Scenario.h"
+#include "server/KilnEmServerSm.h"
+
+namespace KilnAgent {
+namespace {
+
+constexpr int kExpectationFailed = 1;
+constexpr int kBadInput = 2;
+constexpr int kFailed = 3;
+#ifdef KILN_YIELD_EVERY_ITEM
+constexpr std::uint32_t kDefaultYieldEvery = 1;
+#else
+constexpr std::uint32_t kDefaultYieldEvery = 0;
+#endif
+
+struct RunArguments {
+  std::vector<std::string> files;
+  std::string dump;
+  std::string chip;
+  std::optional<std::uint64_t> seed;
+  std::uint32_t yieldEvery = kDefaultYieldEvery;
+  int traceLevel = 0;
+  std::vector<std::string> traceStages;
+  std::string traceFile;
+};
+
+struct GraphArguments {
+  bool asDot = false;
+  bool asJson = false;
+};
+
+struct GenerateArguments {
+  std::uint64_t requests = 0;
+  std::uint64_t seed = 1;
+  ScenarioMix mix = ScenarioMix::metro;
+};
+
+/// One line on standard error that is overwritten as the run goes on; nothing where that is no terminal.
+class ProgressLine {
+ public:
+  explicit ProgressLine(const EmbeddedAgent& agent) : agent_(agent), shown_(isatty(STDERR_FILENO) != 0) {}
+  ~ProgressLine() { clear(); }
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void show(const ScenarioCounters& counters) {
+    if (!shown_) return;
+    fmt::print(stderr, "\r\033[K{} lines, {} slices", grouped(counters.lines),
+               grouped(agent_.scheduler().counters().slices));
+    std::fflush(stderr);
+  }
+  void clear() {
+    if (shown_) fmt::print(stderr, "\r\033[K");
+  }
+
+ private:
+  const EmbeddedAgent& agent_;
+  bool shown_;
+};
+
+void writeAll(const std::string& path, const std::string& text) {
+  std::FILE* file = path == "-" ? stdout : std::fopen(path.c_str(), "w");
+  bool written = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  if (file != nullptr) written = (file == stdout ? std::fflush(file) : std::fclose(file)) == 0 && written;
+  if (!written) throw InputError(fmt::format("{}: cannot be written", path));
+}
+
+/// Finds out before a run whether its files can be read and its dump be written.
+void checkFiles(const RunArguments& arguments) {
+  for (const std::string& path : arguments.files) {
+    if (path != "-" && !std::ifstream(path)) throw InputError(fmt::format("{}: cannot be read", path));
+  }
+  if (arguments.dump.empty() || arguments.dump == "-") return;
+  if (!std::ofstream(arguments.dump, std::ios::app)) {
+    throw InputError(fmt::format("{}: cannot be written", arguments.dump));
+  }
+}
+
+std::pair<std::string, int> stageLevel(const std::string& text) {
+  const std::size_t at = text.rfind('=');
+  if (at == std::string::npos || at + 2 != text.size() || text[at + 1] < '0' || text[at + 1] > '9') {
+    throw InputError(fmt::format("--trace-stage {}: expected PART=LEVEL, with a level from 0 to 9", text));
+  }
+  return {text.substr(0, at), text[at + 1] - '0'};
+}
+
+AgentOptions agentOptions(const RunArguments& arguments) {
+  AgentOptions options;
+  if (!arguments.chip.empty()) options.chip = readChipFile(arguments.chip);
+  options.seed = arguments.seed;
+  options.yieldEvery = arguments.yieldEvery;
+  options.traces.level = arguments.traceLevel;
+  for (const std::string& text : arguments.traceStages) options.traces.stages.push_back(stageLevel(text));
+  options.traces.file = arguments.traceFile;
+  options.traces.standardError = true;
+  return options;
+}
+
+void runFile(Scenario& scenario, const std::string& path) {
+  if (path == "-") return scenario.run(std::cin, path);
+  std::ifstream file(path);
+  scenario.run(file, path);
+}
+
+int run(const RunArguments& arguments) {
+  checkFiles(arguments);
+  EmbeddedAgent agent(agentOptions(arguments));
+  ProgressLine progress(agent);
+  Scenario scenario(
+      agent, arguments.yieldEvery != 0, arguments.seed.value_or(1),
+      [&](const std::string& text) {
+        progress.clear();
+        fmt::print(stderr, "{}\n", text);
+      },
+      [&](const ScenarioCounters& counters) { progress.show(counters); });
+  std::optional<InputError> malformed;
+  try {
+    for (const std::string& path : arguments.files) runFile(scenario, path);
+  } catch (const InputError& error) {
+    malformed = error;
+  }
+  scenario.settle();
+  progress.clear();
+  if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
+  if (malformed) throw InputError(*malformed);
+  fmt::print(arguments.dump == "-" ? stderr : stdout, "{}", reportText(agent, scenario.counters()));
+  return scenario.counters().failedExpects == 0 ? 0 : kExpectationFailed;
+}
+
+int printGraph(bool asDot) {
+  EmbeddedAgent agent({});
+  agent.settle();
+  const KilnEmServer::StageGraph graph = agent.server().graph();
+  writeAll("-", asDot ? graphDot(graph) : graphJson(graph));
+  return 0;
+}
+
+void addRun(CLI::App& app, RunArguments& arguments, int& result) {
+  CLI::App* command = app.add_subcommand("run", "Runs scenarios to quiescence and shows what became of them");
+  command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
+      ->required();
+  command->add_option(
+      "--dump", arguments.dump,
+      "Writes the final state as JSON to this file; with - to standard output, and what is shown "
+      "to people goes to standard error");
+  command->add_option("--trace", arguments.traceLevel, "Highest trace level that is written, 0 to 9")
+      ->check(CLI::Range(0, 9))
+      ->capture_default_str();
+  command
+      ->add_option(
+          "--trace-stage", arguments.traceStages,
+          "PART=LEVEL: another level for stages whose name contains PART; the last that fits decides")
+      ->allow_extra_args(false);
+  command->add_option("--trace-file", arguments.traceFile, "Traces go to this file, not to standard error");
+  command->add_option("--seed", arguments.seed,
+                      "Shuffles tasks and answers, repeatably; without it both keep their order");
+  command
+      ->add_option("--yield-every", arguments.yieldEvery,
+                   "Slices of work end after this many items, and some run between operations; 0 never")
+      ->capture_default_str();
+  command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments");
+  command->callback([&] { result = run(arguments); });
+}
+
+void addGraph(CLI::App& app, GraphArguments& graph, int& result) {
+  CLI::App* command = app.add_subcommand("graph", "Prints the server's graph of stages and collections");
+  CLI::Option_group* form = command->add_option_group("form");
+  form->add_flag("--dot", graph.asDot, "In Graphviz's language");
+  form->add_flag("--json", graph.asJson, "As JSON");
+  form->require_option(1);
+  command->callback([&] { result = printGraph(graph.asDot); });
+}
+
+void addGenerate(CLI::App& app, GenerateArguments& arguments) {
+  CLI::App* command =
+      app.add_subcommand("generate", "Writes a scenario of realistic shape to standard output");
+  command->add_option("--requests", arguments.requests, "How many different requests")->required();
+  command->add_option("--seed", arguments.seed, "Another seed makes another scenario")->capture_default_str();
+  std::vector<std::pair<std::string, ScenarioMix>> mixes;
+  for (const std::string_view name : kScenarioMixNames) {
+    mixes.emplace_back(name, static_cast<ScenarioMix>(mixes.size()));
+  }
+  command
+      ->add_option("--mix", arguments.mix,
+                   "metro: all key types; direct: those without VLAN domain; vlan: those with one")
+      ->transform(CLI::CheckedTransformer(mixes));
+  command->callback([&] { generateScenario(stdout, arguments.requests, arguments.seed, arguments.mix); });
+}
+
+int runCommandLine(int argc, char** argv) {
+  CLI::App app("The exact-match server in an embedded agent", "kiln-agent");
+  app.require_subcommand(1);
+  int result = 0;
+  RunArguments runArguments;
+  GenerateArguments generateArguments;
+  GraphArguments graphArguments;
+  addRun(app, runArguments, result);
+  addGraph(app, graphArguments, result);
+  addGenerate(app, generateArguments);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    throw InputError(fmt::format("{}; see kiln-agent --help", error.what()));
+  }
+  return result;
+}
+
+}  // namespace
+}  // namespace KilnAgent
+
+int main(int argc, char** argv) {
+  try {
+    return KilnAgent::runCommandLine(argc, argv);
+  } catch (const KilnAgent::InputError& error) {
+    fmt::print(stderr, "{}\n", error.what());
+    return KilnAgent::kBadInput;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "kiln-agent: {}\n", error.what());
+    return KilnAgent::kFailed;
+  }
+}
