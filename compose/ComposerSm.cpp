@@ -1,0 +1,402 @@
+#include "compose/ComposerSm.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+namespace KilnEmServer {
+
+using KilnPlatform::forEachIn;
+
+// --- ResourceWalk ------------------------------------------------------------------------------------------
+
+ComposerSm::ResourceWalk::ResourceWalk(ComposerSm& composer)
+    : InputBase(composer, detail::childNameOf("resourceWalk", composer.takeChildNumber()),
+                composer.takePipelineNumber(), "resourceWalk"),
+      composer_(composer) {}
+
+void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
+  if (current_ == resolverKey) {
+    begin();
+  } else if (waiting_.add(resolverKey, stage_.arrivals())) {
+    stage_.noteArrival();
+  }
+}
+
+std::size_t ComposerSm::ResourceWalk::drain(std::uint64_t limit, bool& yielded) {
+  std::size_t items = 0;
+  while (hasPending() && headArrival() < limit) {
+    step();
+    ++items;
+    if (stage_.shouldYield()) {
+      yielded = true;
+      break;
+    }
+  }
+  return items;
+}
+
+void ComposerSm::ResourceWalk::begin() {
+  cursor_ = {};
+  const ResolutionState* state = composer_.resolution(*current_);
+  state_ = state == nullptr ? std::nullopt : std::optional(*state);
+}
+
+void ComposerSm::ResourceWalk::step() {
+  if (!current_) {
+    arrival_ = waiting_.headArrival();
+    current_ = waiting_.pop();
+    begin();
+  }
+  if (const auto* coll = composer_.resolverKeyToEmLogicalKey_.find(*current_)) {
+    if (const auto emKey = (*coll)->emLogicalKeySet().scanNext(cursor_)) {
+      detail::runItem(stage_, *emKey, [&] { composer_.handleRequest(*emKey); });
+      return;
+    }
+  }
+  const ResolverKey walked = *std::exchange(current_, std::nullopt);
+  composer_.resourceUpdateHandled(walked, state_);
+}
+
+// --- ComposerSm --------------------------------------------------------------------------------------------
+
+ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag emResolvedKeyType,
+                       Ref<const EmLogicalKeyConfig> emLogicalKeyConfig,
+                       Ref<SwTableKeyConfig> swTableKeyConfig, Ref<const ResolvedKeyStatus> resolvedKeyStatus,
+                       Ref<ResolverConfigDir> resolverConfigDir,
+                       Ref<const ResolverStatusDir> resolverStatusDir, std::string_view className,
+                       std::string name, Ref<DependencyStatus> dependencyStatus, StageControl smControl,
+                       Ref<EmComposeFailure> emComposeFailure)
+    : Stage(className, std::move(name), std::move(dependencyStatus), std::move(smControl),
+            "from( this.ready )"),
+      composerType_(composerType),
+      emResolvedKeyType_(emResolvedKeyType),
+      resolverConfigDir_(std::move(resolverConfigDir)),
+      resolverStatusDir_(std::move(resolverStatusDir)),
+      resolverKeyToEmLogicalKey_(*this, "ComposerSm.resolverKeyToEmLogicalKey"),
+      emLogicalKeyState_(*this, "ComposerSm.emLogicalKeyState"),
+      hwStatusStanding_(*this, "ComposerSm.hwStatusStanding"),
+      hwStatusCount_(*this, "ComposerSm.hwStatusCount"),
+      emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)),
+      resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
+      resolverStatuses_(*this, resolverStatusDir_),
+      resourceWalk_(*this),
+      swTableKeyConfig_(*this, std::move(swTableKeyConfig)),
+      emComposeFailure_(*this, std::move(emComposeFailure)) {}
+
+bool ComposerSm::isSupportedResolverType(ResolverKeyUnionTag /*resolverType*/) const {
+  throw std::logic_error("Must implement in child");
+}
+
+ResolverKey ComposerSm::getResolverKey(ResolverKeyUnionTag /*resolverType*/,
+                                       const EmLogicalKey& /*emLogicalKey*/) const {
+  throw std::logic_error("Must implement in child");
+}
+
+EmHwKey ComposerSm::composeKey(const EmLogicalKey& /*emLogicalKey*/) const {
+  throw std::logic_error("Must implement in child");
+}
+
+void ComposerSm::handleInitialized() {
+  tracer().trace<8>("handleInitialized");
+  KILN_ASSERT_MESSAGE(composerType_ != EmComposerKeyUnionTag::undefined_,
+                      "emComposerKeyType() != EmComposerKeyUnionTag::undefined_");
+  if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
+  forEachIn(resolverConfigDir_->resolverConfig(),
+            [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
+              KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
+                                  "isSupportedResolverType( resolverConfigIter->resolverType() )");
+            });
+  forEachIn(resolverStatusDir_->resolverStatus(),
+            [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
+              KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
+                                  "isSupportedResolverType( resolverStatusIter->resolverType() )");
+            });
+}
+
+void ComposerSm::handleDeleteAll() {
+  forEachIn(resolverConfigDir_->resolverConfig(),
+            [&](ResolverKeyUnionTag /*type*/, const auto& resolverConfig) {
+              if (const auto composerConfig = resolverConfig->resolverComposerConfig(composerType_)) {
+                (*composerConfig)->resolverRequestDelAll();
+              }
+            });
+}
+
+void ComposerSm::handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* /*unitOpt*/) {
+  handleRequest(emKey);
+}
+
+void ComposerSm::handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* /*statusOpt*/) {
+  noteHwStatus(emKey);
+  if (!requested(emKey)) emLogicalKeyStateDel(emKey);
+  handleStatus(emKey);
+}
+
+void ComposerSm::handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
+                                  const ResolutionState* state) {
+  handleResourceUpdate(resolverKey, resolverType, state);
+}
+
+template <class Visitor>
+void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
+  forEachIn(resolverConfigDir_->resolverConfig(),
+            [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
+              visit(getResolverKey(resolverType, emKey));
+            });
+}
+
+// --- Requests ----------------------------------------------------------------------------------------------
+
+void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
+  tracer().trace<8>("handleRequest {}", emLogicalKey);
+  if (!requested(emLogicalKey)) {
+    withdraw(emLogicalKey);
+    return;
+  }
+  forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
+    updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
+    request(resolverKey);
+  });
+  maybeComposeKey(emLogicalKey);
+}
+
+void ComposerSm::withdraw(const EmLogicalKey& emKey) {
+  emLogicalKeyStateDel(emKey);
+  forEachResolverKey(
+      emKey, [&](const ResolverKey& resolverKey) { updateResolverToEmKeyColl(resolverKey, emKey, false); });
+  swTableKeyConfig_.erase(emKey);
+  emComposeFailure_.erase(emKey);
+  // A resource that was asked for in vain has no hardware status whose end would release it.
+  if (resolvedKeyStatus_.find(emKey) == nullptr) handleStatus(emKey);
+}
+
+void ComposerSm::updateResolverToEmKeyColl(const ResolverKey& resolverKey, const EmLogicalKey& emLogicalKey,
+                                           bool add) {
+  const Ref<ResolverEmLogicalKeyColl>* present = resolverKeyToEmLogicalKey_.find(resolverKey);
+  if (add) {
+    tracer().trace<8>("add: {}", emLogicalKey);
+    if (present != nullptr) {
+      (*present)->emLogicalKeySetIs(emLogicalKey);
+      return;
+    }
+    const auto coll = std::make_shared<ResolverEmLogicalKeyColl>(resolverKey);
+    coll->emLogicalKeySetIs(emLogicalKey);
+    resolverKeyToEmLogicalKey_.is(resolverKey, coll);
+    // The resolution may stand already, for another composer: then no change of it would ever come.
+    handleResourceUpdate(resolverKey, resolverKey.tag(), resolution(resolverKey));
+  } else if (present != nullptr) {
+    (*present)->emLogicalKeySetDel(emLogicalKey);
+    if (!(*present)->emLogicalKeySet().empty()) return;
+    tracer().trace<7>("Del resolverKey coll");
+    resolverKeyToEmLogicalKey_.del(resolverKey);
+  }
+}
+
+void ComposerSm::request(const ResolverKey& resolverKey) {
+  const auto composerConfig =
+      resolverConfigDir_->resolverConfigIs(resolverKey.tag())->resolverComposerConfigIs(composerType_);
+  if (composerConfig->resolverRequestHas(resolverKey)) return;
+  composerConfig->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceRequest, 0, 0});
+}
+
+void ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
+  if (resolverKeyToEmLogicalKey_.has(resolverKey) || hwStatusCount_.has(resolverKey)) return;
+  const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverKey.tag());
+  if (resolverConfig == nullptr) return;
+  const auto* composerConfig = (*resolverConfig)->resolverComposerConfig().find(composerType_);
+  if (composerConfig != nullptr) (*composerConfig)->resolverRequestDel(resolverKey);
+}
+
+// --- Composition -------------------------------------------------------------------------------------------
+
+void ComposerSm::maybeComposeKey(const EmLogicalKey& emLogicalKey) {
+  if (!requested(emLogicalKey)) {
+    swTableKeyConfig_.erase(emLogicalKey);
+    return;
+  }
+  const ResolutionState::State state = getResolutionState(emLogicalKey);
+  const State keyState = translateState(state);
+  tracer().trace<9>("keyState: {}", keyState);
+  emLogicalKeyStateIs(emLogicalKey, keyState);
+  if (state != ResolutionState::resolutionSuccess_) {
+    emComposeFailure_.erase(emLogicalKey);
+  } else if (compose(emLogicalKey)) {
+    handleStatus(emLogicalKey);
+    return;
+  }
+  swTableKeyConfig_.erase(emLogicalKey);
+}
+
+bool ComposerSm::compose(const EmLogicalKey& emKey) {
+  EmHwKey hwKey;
+  try {
+    hwKey = composeKey(emKey);
+  } catch (const std::range_error& error) {
+    emComposeFailure_.insert(emKey, error.what());
+    emLogicalKeyStateIs(emKey, State::resolutionFail);
+    return false;
+  }
+  KILN_ASSERT(hwKey.emResolvedKey.tag() == emResolvedKeyType_);
+  swTableKeyConfig_.insert(emKey, hwKey);
+  emComposeFailure_.erase(emKey);
+  return true;
+}
+
+const EmHwKey* ComposerSm::composedKey(const EmLogicalKey& emKey) const {
+  // A key is composed exactly while its state is past the resolution's. The output itself may still hold a
+  // key whose deletion waits for the end of reconciliation.
+  const State* state = emLogicalKeyState_.find(emKey);
+  return state == nullptr || *state < State::hwPending ? nullptr : swTableKeyConfig_.find(emKey);
+}
+
+const ResolutionState* ComposerSm::resolution(const ResolverKey& resolverKey) const {
+  const auto* resolverStatus = resolverStatusDir_->resolverStatus().find(resolverKey.tag());
+  return resolverStatus == nullptr ? nullptr : std::as_const(**resolverStatus).status().find(resolverKey);
+}
+
+ResolutionState::State ComposerSm::getResolutionState(const EmLogicalKey& emLogicalKey) const {
+  ResolutionState::State least = ResolutionState::resolutionSuccess_;
+  forEachIn(resolverStatusDir_->resolverStatus(),
+            [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
+              const ResolutionState* state = resolution(getResolverKey(resolverType, emLogicalKey));
+              KILN_ASSERT_MESSAGE(state != nullptr, "resolverStatusIter->statusHas( resolverKey )");
+              least = std::min(least, state->state);
+            });
+  return least;
+}
+
+std::uint64_t ComposerSm::getResult(ResolverKeyUnionTag resolverType,
+                                    const EmLogicalKey& emLogicalKey) const {
+  KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
+                      "isSupportedResolverType( resolverType ) \"Unsupported resolverType {}\"",
+                      resolverType);
+  const ResolutionState* status = resolution(getResolverKey(resolverType, emLogicalKey));
+  KILN_ASSERT_MESSAGE(status != nullptr,
+                      "resolverStatusDir()->resolverStatus( resolverType )->statusHas( key )");
+  KILN_ASSERT_MESSAGE(
+      status->state == ResolutionState::resolutionSuccess_,
+      "status.state() == ResolutionState::resolutionSuccess_ \"Expected resolutionSuccess, got {}\"",
+      status->state);
+  return status->val;
+}
+
+// --- Outcomes ----------------------------------------------------------------------------------------------
+
+void ComposerSm::handleStatus(const EmLogicalKey& emLogicalKey) {
+  const EmHwKey* composed = composedKey(emLogicalKey);
+  KILN_ASSERT_MESSAGE(requested(emLogicalKey) || !emLogicalKeyStateHas(emLogicalKey),
+                      "!emLogicalKeyStateHas( emLogicalKey )");
+  if (const EmHwKeyStatus* status = resolvedKeyStatus_.find(emLogicalKey)) {
+    tracer().trace<8>("HW status present");
+    // The outcome of another hardware key says nothing about the composed one, and keeps the resource held.
+    if (composed == nullptr || *composed != status->emHwKey) return;
+    tracer().trace<7>("status matches");
+    emLogicalKeyStateIs(emLogicalKey, translateState(status->state));
+    forEachResolverKey(emLogicalKey, [&](const ResolverKey& key) { maybeAckInUse(key, key.tag()); });
+    return;
+  }
+  tracer().trace<8>("HW status empty");
+  if (composed != nullptr) emLogicalKeyStateIs(emLogicalKey, State::hwPending);
+  forEachResolverKey(emLogicalKey, [&](const ResolverKey& key) { releaseUnused(key); });
+}
+
+void ComposerSm::noteHwStatus(const EmLogicalKey& emKey) {
+  const bool stands = resolvedKeyStatus_.find(emKey) != nullptr;
+  if (stands == hwStatusStanding_.has(emKey)) return;
+  if (stands) {
+    hwStatusStanding_.is(emKey, {});
+  } else {
+    hwStatusStanding_.del(emKey);
+  }
+  forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) {
+    const std::size_t* present = hwStatusCount_.find(resolverKey);
+    const std::size_t before = present == nullptr ? 0 : *present;
+    const std::size_t count = stands ? before + 1 : before - 1;
+    if (count == 0) {
+      hwStatusCount_.del(resolverKey);
+    } else {
+      hwStatusCount_.is(resolverKey, count);
+    }
+  });
+}
+
+void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType) {
+  const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(resolverKey);
+  if (coll == nullptr || (*coll)->outcomesAwaited != 0 || (*coll)->outcomesKnown == 0) return;
+  const ResolutionState* state = resolution(resolverKey);
+  if (state == nullptr || state->state != ResolutionState::resolutionSuccess_) return;
+  // Until every key was handled with this resolution, outcomes may still be those of the one before.
+  if ((*coll)->handled != *state) return;
+  resolverConfigDir_->resolverConfigIs(resolverType)
+      ->resolverComposerConfigIs(composerType_)
+      ->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceInUse, state->val, inUseVer_});
+}
+
+// --- Changes of a resolution -------------------------------------------------------------------------------
+
+void ComposerSm::handleResourceUpdate(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
+                                      const ResolutionState* state) {
+  tracer().trace<8>("handleResourceUpdate {} {} {}", resolverType, resolverKey,
+                    OptionalText<ResolutionState>{state});
+  inUseVerInc(1);
+  const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(resolverKey);
+  if (coll == nullptr) return;
+  (*coll)->handled.reset();
+  resourceWalk_.add(resolverKey);
+}
+
+void ComposerSm::resourceUpdateHandled(const ResolverKey& resolverKey,
+                                       const std::optional<ResolutionState>& state) {
+  const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(resolverKey);
+  if (coll == nullptr) return;
+  (*coll)->handled = state;
+  maybeAckInUse(resolverKey, resolverKey.tag());
+}
+
+// --- States of logical keys --------------------------------------------------------------------------------
+
+bool ComposerSm::emLogicalKeyStateHas(const EmLogicalKey& emLogicalKey) const {
+  return emLogicalKeyState_.has(emLogicalKey);
+}
+
+std::optional<EmLogicalKeyState> ComposerSm::emLogicalKeyState(const EmLogicalKey& emLogicalKey) const {
+  const State* state = emLogicalKeyState_.find(emLogicalKey);
+  if (state == nullptr) return std::nullopt;
+  return EmLogicalKeyState{emLogicalKey, *state};
+}
+
+Ref<const ResolverEmLogicalKeyColl> ComposerSm::resolverKeyToEmLogicalKey(const ResolverKey& key) const {
+  const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(key);
+  return coll == nullptr ? nullptr : *coll;
+}
+
+void ComposerSm::emLogicalKeyStateIs(const EmLogicalKey& emKey, State state) {
+  const State* present = emLogicalKeyState_.find(emKey);
+  if (present != nullptr && *present == state) return;
+  countState(emKey, present, &state);
+  emLogicalKeyState_.is(emKey, state);
+}
+
+void ComposerSm::emLogicalKeyStateDel(const EmLogicalKey& emKey) {
+  const State* present = emLogicalKeyState_.find(emKey);
+  if (present == nullptr) return;
+  const bool awaited = *present == State::hwPending;
+  countState(emKey, present, nullptr);
+  emLogicalKeyState_.del(emKey);
+  // It may have been the last one whose outcome the others waited for.
+  if (awaited) forEachResolverKey(emKey, [&](const ResolverKey& key) { maybeAckInUse(key, key.tag()); });
+}
+
+void ComposerSm::countState(const EmLogicalKey& emKey, const State* from, const State* to) {
+  const auto isAwaited = [](const State* state) { return state != nullptr && *state == State::hwPending; };
+  const auto isKnown = [](const State* state) { return state != nullptr && *state > State::hwPending; };
+  forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) {
+    const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(resolverKey);
+    KILN_ASSERT(coll != nullptr && "only a key that uses its resources has a state");
+    (*coll)->outcomesAwaited += std::size_t{isAwaited(to)} - std::size_t{isAwaited(from)};
+    (*coll)->outcomesKnown += std::size_t{isKnown(to)} - std::size_t{isKnown(from)};
+  });
+}
+
+}  // namespace KilnEmServer

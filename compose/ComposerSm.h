@@ -1,0 +1,186 @@
+// The base of the composers whose hardware keys need a value that a resolver finds.
+//
+// A composer asks for a resource under a resolver key as soon as one requested logical key needs it, composes
+// the hardware keys once the resource is resolved, and acknowledges the resolved value when the hardware
+// outcome of every logical key that uses it is known. It gives the resource back when no requested key needs
+// it and no hardware status of a key that needed it stands.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "compose/LocalCollection.h"
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/Output.h"
+#include "runtime/PendingKeys.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// The logical keys of one composer that use one resolver key, and how far they are. Never empty.
+class ResolverEmLogicalKeyColl {
+ public:
+  explicit ResolverEmLogicalKeyColl(const ResolverKey& resolverKey) : resolverKey_(resolverKey) {}
+  [[nodiscard]] const ResolverKey& resolverKey() const { return resolverKey_; }
+  KILN_SET(ResolverEmLogicalKeyColl, emLogicalKeySet, EmLogicalKey)
+
+  /// Keys of the set that are resolved and wait for their hardware outcome.
+  std::size_t outcomesAwaited = 0;
+  /// Keys of the set whose hardware outcome is known.
+  std::size_t outcomesKnown = 0;
+  /// The resolution that every key of the set was handled with; none while a change of it is being handled.
+  std::optional<ResolutionState> handled;
+
+ private:
+  ResolverKey resolverKey_;
+};
+
+/// One per composer type that needs resolution. The base serves any number of resolver types; which ones, and
+/// how a key is composed, the derived class says.
+class ComposerSm : public Stage {
+ public:
+  /// `className` must outlive the stage.
+  ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag emResolvedKeyType,
+             Ref<const EmLogicalKeyConfig> emLogicalKeyConfig, Ref<SwTableKeyConfig> swTableKeyConfig,
+             Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
+             Ref<const ResolverStatusDir> resolverStatusDir, std::string_view className, std::string name,
+             Ref<DependencyStatus> dependencyStatus, StageControl smControl,
+             Ref<EmComposeFailure> emComposeFailure);
+
+  /// Whether this composer takes resources of that type.
+  [[nodiscard]] virtual bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const;
+  /// The resolver key under which the logical key's resource is asked for: a function of the key alone.
+  [[nodiscard]] virtual ResolverKey getResolverKey(ResolverKeyUnionTag resolverType,
+                                                   const EmLogicalKey& emLogicalKey) const;
+  /// The hardware key of a logical key whose resources are all resolved. Throws std::range_error where a
+  /// field does not fit the hardware's width.
+  [[nodiscard]] virtual EmHwKey composeKey(const EmLogicalKey& emLogicalKey) const;
+
+  [[nodiscard]] EmComposerKeyUnionTag composerType() const { return composerType_; }
+  [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
+  /// The composer's epoch: grows with each change of a resolution.
+  [[nodiscard]] std::uint64_t inUseVer() const { return inUseVer_; }
+  void inUseVerInc(std::uint64_t n) { inUseVer_ += n; }
+
+  [[nodiscard]] bool emLogicalKeyStateHas(const EmLogicalKey& emLogicalKey) const;
+  [[nodiscard]] std::optional<EmLogicalKeyState> emLogicalKeyState(const EmLogicalKey& emLogicalKey) const;
+  /// The logical keys that use a resolver key, or null.
+  [[nodiscard]] Ref<const ResolverEmLogicalKeyColl> resolverKeyToEmLogicalKey(const ResolverKey& key) const;
+
+  /// The logical key was requested or withdrawn, or one of its resolutions changed.
+  void handleRequest(const EmLogicalKey& emLogicalKey);
+  /// Adds the logical key to those that use the resolver key, or removes it.
+  void updateResolverToEmKeyColl(const ResolverKey& resolverKey, const EmLogicalKey& emLogicalKey, bool add);
+  /// Composes a requested key whose resources are resolved; deletes any other key's hardware key.
+  void maybeComposeKey(const EmLogicalKey& emLogicalKey);
+  /// The least of the key's resolution states; success where it needs no resource.
+  [[nodiscard]] ResolutionState::State getResolutionState(const EmLogicalKey& emLogicalKey) const;
+  /// The resolved value of a resource whose resolution succeeded; anything else is an assertion failure.
+  [[nodiscard]] std::uint64_t getResult(ResolverKeyUnionTag resolverType,
+                                        const EmLogicalKey& emLogicalKey) const;
+  /// Brings the key's state in line with its hardware status, then acknowledges or releases its resources.
+  void handleStatus(const EmLogicalKey& emLogicalKey);
+  /// Acknowledges the resolved value unless a key still waits for its hardware outcome.
+  void maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType);
+  /// A resolution changed: every logical key that uses it is handled again, in slices.
+  void handleResourceUpdate(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
+                            const ResolutionState* state);
+
+ protected:
+  void handleInitialized() override;
+  void handleDeleteAll() override;
+
+ private:
+  using State = EmLogicalKeyState::State;
+
+  /// The resolver keys whose change is being handled. One is walked at a time, a logical key per item; the
+  /// walk survives what its own handlers do to the set.
+  class ResourceWalk final : public InputBase {
+   public:
+    explicit ResourceWalk(ComposerSm& composer);
+    /// Walks the resolver key's logical keys from the first one, again where it is doing so.
+    void add(const ResolverKey& resolverKey);
+
+    void checkArgument() const override {}
+    [[nodiscard]] bool hasPending() const override { return current_ || !waiting_.empty(); }
+    [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
+    [[nodiscard]] std::uint64_t headArrival() const override {
+      return current_ ? arrival_ : waiting_.headArrival();
+    }
+    std::size_t drain(std::uint64_t limit, bool& yielded) override;
+
+   private:
+    void subscribe() override {}
+    void unsubscribe() override {}
+    bool scanItem() override { return false; }
+    [[nodiscard]] std::size_t collectionSize() const override { return pendingCount(); }
+    void begin();
+    void step();
+
+    ComposerSm& composer_;
+    PendingKeys<ResolverKey> waiting_;
+    std::optional<ResolverKey> current_;
+    std::uint64_t arrival_ = 0;
+    KilnPlatform::ScanCursor<EmLogicalKey> cursor_;
+    std::optional<ResolutionState> state_;  ///< the resolution when the walk began
+  };
+
+  void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
+  void handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
+  void handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
+                        const ResolutionState* state);
+
+  [[nodiscard]] bool requested(const EmLogicalKey& emKey) const {
+    return emLogicalKeyConfig_.find(emKey) != nullptr;
+  }
+  /// The hardware key that was composed for a requested key, or null.
+  [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
+  [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
+  template <class Visitor>
+  void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
+
+  void withdraw(const EmLogicalKey& emKey);
+  void request(const ResolverKey& resolverKey);
+  void releaseUnused(const ResolverKey& resolverKey);
+  bool compose(const EmLogicalKey& emKey);
+  void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
+  void noteHwStatus(const EmLogicalKey& emKey);
+  void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
+  void emLogicalKeyStateDel(const EmLogicalKey& emKey);
+  /// Keeps the counts of the key's sets when its state goes from `from` to `to`; null is no state.
+  void countState(const EmLogicalKey& emKey, const State* from, const State* to);
+
+  EmComposerKeyUnionTag composerType_;
+  EmResolvedKeyUnionTag emResolvedKeyType_;
+  Ref<ResolverConfigDir> resolverConfigDir_;
+  Ref<const ResolverStatusDir> resolverStatusDir_;
+  std::uint64_t inUseVer_ = 0;
+
+  LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;
+  LocalCollection<EmLogicalKey, State> emLogicalKeyState_;
+  /// The logical keys, requested or not, whose hardware status stands, and how many of them use a resolver
+  /// key.
+  LocalCollection<EmLogicalKey, KilnPlatform::Unit> hwStatusStanding_;
+  LocalCollection<ResolverKey, std::size_t> hwStatusCount_;
+
+  Input<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", &ComposerSm::handleRequestChange,
+        "from( emLogicalKeyConfig.request[] ): emLogicalKey={} unitOpt={}">
+      emLogicalKeyConfig_;
+  Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::handleStatusChange,
+        "from( resolvedKeyStatus.resolvedKeyStatus[] ): emLogicalKey={} statusOpt={}">
+      resolvedKeyStatus_;
+  NestedInput<ResolverStatusDir::resolverStatusAttr, ResolverStatus::statusAttr, "resolverStatusDir",
+              &ComposerSm::handleResolution,
+              "from( resolverStatusDir.resolverStatus[].status[] ): resolverType={} resolverKey={} state={}">
+      resolverStatuses_;
+  ResourceWalk resourceWalk_;
+  Output<SwTableKeyConfig::emLogicalKeyToResolvedKeyAttr, "swTableKeyConfig", "emLogicalKey">
+      swTableKeyConfig_;
+  Output<EmComposeFailure::failureAttr, "emComposeFailure", "emLogicalKey"> emComposeFailure_;
+};
+
+}  // namespace KilnEmServer

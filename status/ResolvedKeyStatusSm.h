@@ -1,0 +1,45 @@
+// Hands the hardware outcomes back to the composers that wait for them.
+#pragma once
+
+#include <string>
+
+#include "runtime/EmCollections.h"
+#include "runtime/Input.h"
+#include "runtime/Output.h"
+#include "runtime/Stage.h"
+
+namespace KilnEmServer {
+
+/// Sorts the statuses of logical keys by composer type and keeps those of the types that need resolution. A
+/// status that names no hardware key is no outcome.
+class ResolvedKeyStatusSm final : public Stage {
+ public:
+  ResolvedKeyStatusSm(Ref<const EmLogicalKeyToStatus> emStatusMerged, Ref<ResolvedKeyStatus> isemUntagged,
+                      Ref<ResolvedKeyStatus> isem1Tag, Ref<ResolvedKeyStatus> isem2Tag,
+                      Ref<ResolvedKeyStatus> esemFodoVd, std::string name,
+                      Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+ private:
+  void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
+  template <class AnyOutput>
+  void write(AnyOutput& output, const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
+
+  template <FixedString Argument>
+  using StatusOutput = Output<ResolvedKeyStatus::resolvedKeyStatusAttr, Argument, "emKey">;
+
+  Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResolvedKeyStatusSm::handleStatus,
+        "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}">
+      emStatusMerged_;
+  StatusOutput<"isemUntaggedKeyStatus"> isemUntagged_;
+  StatusOutput<"isem1TagKeyStatus"> isem1Tag_;
+  StatusOutput<"isem2TagKeyStatus"> isem2Tag_;
+  StatusOutput<"esemFodoVdKeyStatus"> esemFodoVd_;
+};
+
+/// Each of the four outputs is that of the composer type of its name.
+Ref<ResolvedKeyStatusSm> resolvedKeyStatusSmFactory(
+    Ref<const EmLogicalKeyToStatus> emStatusMerged, Ref<ResolvedKeyStatus> isemUntagged,
+    Ref<ResolvedKeyStatus> isem1Tag, Ref<ResolvedKeyStatus> isem2Tag, Ref<ResolvedKeyStatus> esemFodoVd,
+    std::string name, Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+}  // namespace KilnEmServer
