@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <string_view>
 
+#include "compose/EsemFodoVdComposerSm.h"
+#include "compose/Isem1TagComposerSm.h"
+#include "compose/Isem2TagComposerSm.h"
+#include "compose/UntaggedComposerSm.h"
 #include "platform/Assert.h"
 #include "program/EsemFodoSwTableWriter.h"
 #include "program/EsemFodoVdSwTableWriter.h"
@@ -26,6 +30,17 @@ Ref<Table> tableOf(const Ref<Interface>& interface) {
   auto* table = dynamic_cast<Table*>(interface->orderedSwTable(Asic::UnitId::allFap()));
   return Ref<Table>(interface, table);
 }
+
+/// The name under which one composer of `composerSmsStage` reports.
+std::string composerName(EmComposerKeyUnionTag type) {
+  return fmt::format("composerSmsStage-{}", type);
+}
+
+const std::vector<std::string> kResolverNames = {"resolverSmsStage-vd"};
+const std::vector<std::string> kComposerNames = {composerName(EmComposerKeyUnionTag::isemUntaggedEntryKey),
+                                                 composerName(EmComposerKeyUnionTag::isem1TagEntryKey),
+                                                 composerName(EmComposerKeyUnionTag::isem2TagEntryKey),
+                                                 composerName(EmComposerKeyUnionTag::esemFodoVdEntryKey)};
 
 }  // namespace
 
@@ -59,17 +74,21 @@ KilnEmServerSm::~KilnEmServerSm() {
   if (featureTask_ != nullptr) arguments_.entityManager->features().unsubscribe(*this);
   featureTask_.reset();
   dependencyManagerSm_.reset();
+  if (dependencyStatus_ != nullptr) dependencyStatus_->completed().unsubscribe(*this);
   swTableWriterSm_.clear();
   reconcileCompleteSm_.reset();
   isemSrvStatusSm_.clear();
   esemSrvStatusSm_.clear();
   lemSrvStatusSm_.clear();
+  resolvedKeyStatusSm_.reset();
   emStatusSm_.reset();
   swTableStatusSm_.reset();
   emConflictSm_.reset();
   emKeyMergeSm_.reset();
   composerOutputMergeSm_.reset();
   swKeyTranslationSm_.clear();
+  composerSm_.clear();
+  resolverSm_.clear();
   composerSelectorSm_.clear();
   emSrvConfigMergeSm_.reset();
   isemSrvConfigSm_.reset();
@@ -131,6 +150,7 @@ void KilnEmServerSm::mountFeatures() {
 void KilnEmServerSm::setupStages() {
   scheduler_ = arguments_.entityManager->taskScheduler();
   dependencyStatus_ = std::make_shared<DependencyStatusRecord>();
+  dependencyStatus_->completed().subscribe(*this);
   featureTask_ = std::make_unique<Task>(
       scheduler_, kStagePriority, "KilnEmServerSm-FeatureTask",
       [](void* owner) { static_cast<KilnEmServerSm*>(owner)->handleFeatures(); }, this);
@@ -215,14 +235,45 @@ void KilnEmServerSm::createComposerSelectorSm(EmComposerKeyUnionTag composerType
 }
 
 void KilnEmServerSm::createResolverSms() {
-  report("resolverSmsStage");
+  resolverSm_[ResolverKeyUnionTag::vd] = resolverVdFactory(
+      resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd),
+      resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd), arguments_.vlanDomainConfig,
+      arguments_.vlanDomainStatus, kResolverNames[0], dependencyStatus_, control());
 }
 
 void KilnEmServerSm::createComposerSms() {
-  report("composerSmsStage");
+  createUntaggedComposer();
+  createIsem1TagComposer();
+  createIsem2TagComposer();
+  createEsemFodoVdComposer();
+}
+
+void KilnEmServerSm::createUntaggedComposer() {
+  createComposer(EmComposerKeyUnionTag::isemUntaggedEntryKey, untaggedComposerSmFactory);
+}
+
+void KilnEmServerSm::createIsem1TagComposer() {
+  createComposer(EmComposerKeyUnionTag::isem1TagEntryKey, isem1TagComposerSmFactory);
+}
+
+void KilnEmServerSm::createIsem2TagComposer() {
+  createComposer(EmComposerKeyUnionTag::isem2TagEntryKey, isem2TagComposerSmFactory);
+}
+
+void KilnEmServerSm::createEsemFodoVdComposer() {
+  createComposer(EmComposerKeyUnionTag::esemFodoVdEntryKey, esemFodoVdComposerSmFactory);
+}
+
+template <class Factory>
+void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory) {
+  composerSm_[type] = factory(
+      logicalKeyConfigByComposerType_->configIs(type), swTableKeyConfigByComposerType_->configIs(type),
+      swTableKeyStatusByComposerType_->statusIs(type), resolverConfigDir_, resolverStatusDir_,
+      composerName(type), dependencyStatus_, control(), emComposeFailure_->configIs(type));
 }
 
 void KilnEmServerSm::doResolverSweep() {
+  for (const auto& [type, resolver] : resolverSm_) resolver->sweep();
   report("resolverSweepStage");
 }
 
@@ -358,6 +409,19 @@ void KilnEmServerSm::finalizeStartup() {
   report("finalizeStartupStage");
 }
 
+void KilnEmServerSm::handleChange(const std::string& name) {
+  const auto reportWhenComplete = [&](const char* stage, const std::vector<std::string>& parts) {
+    if (name.starts_with(stage) && name != stage && allComplete(parts)) report(stage);
+  };
+  reportWhenComplete("resolverSmsStage", kResolverNames);
+  reportWhenComplete("composerSmsStage", kComposerNames);
+}
+
+bool KilnEmServerSm::allComplete(const std::vector<std::string>& names) const {
+  return std::all_of(names.begin(), names.end(),
+                     [this](const std::string& name) { return dependencyStatus_->completedHas(name); });
+}
+
 // --- Features that come and go -----------------------------------------------------------------------------
 
 void KilnEmServerSm::handleChange(const FeatureType& feature) {
@@ -432,6 +496,8 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   add(lemSrvConfigSm_);
   add(emSrvConfigMergeSm_);
   addEach(composerSelectorSm_);
+  addEach(resolverSm_);
+  addEach(composerSm_);
   addEach(swKeyTranslationSm_);
   add(composerOutputMergeSm_);
   add(emKeyMergeSm_);
@@ -439,6 +505,7 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   addEach(swTableWriterSm_);
   add(swTableStatusSm_);
   add(emStatusSm_);
+  add(resolvedKeyStatusSm_);
   addEach(isemSrvStatusSm_);
   addEach(esemSrvStatusSm_);
   addEach(lemSrvStatusSm_);

@@ -10,6 +10,8 @@
 
 #include "compose/ComposerOutputMergeSm.h"
 #include "compose/ComposerSelectorSm.h"
+#include "compose/ComposerSm.h"
+#include "compose/ResolverVd.h"
 #include "compose/SwKeyTranslationSm.h"
 #include "intake/EmSrvConfigMergeSm.h"
 #include "intake/EsemSrvConfigSm.h"
@@ -34,6 +36,7 @@
 #include "status/EsemSrvStatusSm.h"
 #include "status/IsemSrvStatusSm.h"
 #include "status/LemSrvStatusSm.h"
+#include "status/ResolvedKeyStatusSm.h"
 
 namespace KilnEmServer {
 
@@ -80,7 +83,8 @@ struct ServerArguments {
 
 /// The top of the server. It lives as long as its agent keeps it; destroying it stops every stage and leaves
 /// statuses and tables as they stand, for the next server to take up.
-class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
+class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
+                             private KilnPlatform::KeySubscriber<std::string> {
  public:
   explicit KilnEmServerSm(ServerArguments arguments);
   ~KilnEmServerSm();
@@ -156,6 +160,12 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
   void createComposerSelectorSm(EmComposerKeyUnionTag composerType, const std::string& name);
   void createResolverSms();
   void createComposerSms();
+  void createUntaggedComposer();
+  void createIsem1TagComposer();
+  void createIsem2TagComposer();
+  void createEsemFodoVdComposer();
+  template <class Factory>
+  void createComposer(EmComposerKeyUnionTag type, Factory factory);
   void doResolverSweep();
   void createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name);
   void createComposerOutputMergeSm();
@@ -174,6 +184,10 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
   void createLemSrvStatusSm(FeatureType feature, const std::string& name);
   void finalizeStartup();
 
+  // Stages of the map that consist of several objects are complete when each of these is.
+  void handleChange(const std::string& name) override;
+  [[nodiscard]] bool allComplete(const std::vector<std::string>& names) const;
+
   // Features that come and go.
   void handleChange(const FeatureType& feature) override;
   void handleFeatures();
@@ -191,6 +205,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
   Ref<LemSrvConfigSm> lemSrvConfigSm_;
   Ref<EmSrvConfigMergeSm> emSrvConfigMergeSm_;
   std::map<EmComposerKeyUnionTag, Ref<ComposerSelectorSm>> composerSelectorSm_;
+  std::map<ResolverKeyUnionTag, Ref<ResolverVd>> resolverSm_;
+  std::map<EmComposerKeyUnionTag, Ref<ComposerSm>> composerSm_;
   std::map<EmComposerKeyUnionTag, Ref<SwKeyTranslationSm>> swKeyTranslationSm_;
   Ref<ComposerOutputMergeSm> composerOutputMergeSm_;
   Ref<EmKeyMergeSm> emKeyMergeSm_;
@@ -199,6 +215,7 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType> {
   Ref<ReconcileCompleteSm> reconcileCompleteSm_;
   Ref<EmSwTableStatusSm> swTableStatusSm_;
   Ref<EmStatusSm> emStatusSm_;
+  Ref<ResolvedKeyStatusSm> resolvedKeyStatusSm_;
   std::map<FeatureType, Ref<IsemSrvStatusSm>> isemSrvStatusSm_;
   std::map<FeatureType, Ref<EsemSrvStatusSm>> esemSrvStatusSm_;
   std::map<FeatureType, Ref<LemSrvStatusSm>> lemSrvStatusSm_;
