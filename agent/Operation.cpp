@@ -126,8 +126,13 @@ Operation readAddFeature(const Line& line) {
 
 Operation readVlanDomains(const Line& line) {
   using Mode = VlanDomainService::Mode;
-  line.onlyHas({"op", "mode"});
-  return VlanDomainsOperation{line.word<Mode>("mode", {{"auto", Mode::automatic}, {"manual", Mode::manual}})};
+  line.onlyHas({"op", "mode", "first", "last"});
+  VlanDomainsOperation operation{
+      line.word<Mode>("mode", {{"auto", Mode::automatic}, {"manual", Mode::manual}}), std::nullopt};
+  if (line.find("first") == nullptr && line.find("last") == nullptr) return operation;
+  operation.limits = {line.number<std::uint16_t>("first"), line.number<std::uint16_t>("last")};
+  if (operation.limits->first > operation.limits->last) line.fail("the first domain is above the last");
+  return operation;
 }
 
 Operation readAllot(const Line& line) {
@@ -148,10 +153,12 @@ Operation readShare(const Line& line) {
 
 Operation readTable(const Line& line) {
   using Mode = SoftTable::AnswerMode;
-  line.onlyHas({"op", "table", "answer"});
-  return TableOperation{tableOf(line), line.word<Mode>("answer", {{"success", Mode::success},
-                                                                  {"refuse", Mode::refuse},
-                                                                  {"hold", Mode::hold}})};
+  line.onlyHas({"op", "table", "answer", "capacity"});
+  TableOperation operation{tableOf(line), std::nullopt, line.optionalNumber<std::uint32_t>("capacity")};
+  if (operation.capacity && line.find("answer") == nullptr) return operation;
+  operation.answer =
+      line.word<Mode>("answer", {{"success", Mode::success}, {"refuse", Mode::refuse}, {"hold", Mode::hold}});
+  return operation;
 }
 
 Operation readAnswer(const Line& line) {

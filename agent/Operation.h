@@ -52,6 +52,7 @@ struct AddFeatureOperation {
 };
 struct VlanDomainsOperation {
   VlanDomainService::Mode mode;
+  std::optional<VlanDomainLimits> limits;
 };
 struct AllotOperation {
   IntfIdSystemTcamId interface;
@@ -68,7 +69,8 @@ struct ShareOperation {
 };
 struct TableOperation {
   TableTag table;
-  SoftTable::AnswerMode answer;
+  std::optional<SoftTable::AnswerMode> answer;
+  std::optional<std::uint32_t> capacity;
 };
 /// Held answers go.
 struct AnswerOperation {

@@ -157,6 +157,7 @@ void Scenario::apply(const AddFeatureOperation& add) {
   agent_.store().addFeature(add.feature);
 }
 void Scenario::apply(const VlanDomainsOperation& vlanDomains) {
+  if (vlanDomains.limits) agent_.vlanDomains().limitsAre(*vlanDomains.limits);
   agent_.vlanDomains().modeIs(vlanDomains.mode);
 }
 
@@ -180,8 +181,10 @@ void Scenario::apply(const ShareOperation& share) {
   agent_.vlanDomains().share(share.intfId, share.withIntfId, share.systemTcamId);
 }
 
-void Scenario::apply(const TableOperation& table) {
-  agent_.chip().table(table.table).answerModeIs(table.answer);
+void Scenario::apply(const TableOperation& operation) {
+  SoftTable& table = agent_.chip().table(operation.table);
+  if (operation.capacity) table.capacityIs(*operation.capacity);
+  if (operation.answer) table.answerModeIs(*operation.answer);
 }
 
 void Scenario::apply(const AnswerOperation& answer) {

@@ -58,7 +58,7 @@ class Scenario {
   void apply(const AllotOperation& allot);
   void apply(const RevokeOperation& revoke);
   void apply(const ShareOperation& share);
-  void apply(const TableOperation& table);
+  void apply(const TableOperation& operation);
   void apply(const AnswerOperation& answer);
   void apply(const SettleOperation& settle);
   void apply(const RestartOperation& restart);

@@ -86,6 +86,8 @@ class SoftTable {
   [[nodiscard]] std::string_view stem() const { return stem_; }
   /// Entries that the table can hold.
   [[nodiscard]] std::uint32_t capacity() const { return capacity_; }
+  /// Entries that the table holds already stay, even where they are more.
+  void capacityIs(std::uint32_t entries) { capacity_ = entries; }
   [[nodiscard]] const HardwareCounters& counters() const { return counters_; }
 
   [[nodiscard]] AnswerMode answerMode() const { return mode_; }

@@ -67,9 +67,9 @@ VlanDomainService::Pool& VlanDomainService::poolOf(const Interface& interface) {
   return pool;
 }
 
-std::optional<std::uint16_t> VlanDomainService::firstFree(Pool& pool, VlanDomainLimits limits) {
-  while (pool.firstMaybeFree <= limits.last && pool.users[pool.firstMaybeFree] != 0) ++pool.firstMaybeFree;
-  if (pool.firstMaybeFree > limits.last) return std::nullopt;
+std::optional<std::uint16_t> VlanDomainService::firstFree(Pool& pool) const {
+  while (pool.firstMaybeFree <= limits_.last && pool.users[pool.firstMaybeFree] != 0) ++pool.firstMaybeFree;
+  if (pool.firstMaybeFree > limits_.last) return std::nullopt;
   return static_cast<std::uint16_t>(pool.firstMaybeFree);
 }
 
@@ -85,7 +85,7 @@ std::optional<std::uint16_t> VlanDomainService::domainOfGroup(const Interface& i
 void VlanDomainService::serve(const Interface& interface) {
   Pool& pool = poolOf(interface);
   std::optional<std::uint16_t> domain = domainOfGroup(interface);
-  if (!domain) domain = firstFree(pool, limits_);
+  if (!domain) domain = firstFree(pool);
   if (!domain) {
     if (waitingOrder_.try_emplace(interface, nextOrder_).second)
       pool.waiting.emplace(nextOrder_++, interface);
@@ -115,7 +115,7 @@ void VlanDomainService::takeBack(const Interface& interface) {
 }
 
 void VlanDomainService::serveWaiting(Pool& pool) {
-  while (!pool.waiting.empty() && firstFree(pool, limits_)) {
+  while (!pool.waiting.empty() && firstFree(pool)) {
     const Interface next = pool.waiting.begin()->second;
     serve(next);
   }
@@ -126,6 +126,15 @@ void VlanDomainService::stopWaiting(const Interface& interface) {
   if (order == waitingOrder_.end()) return;
   poolOf(interface).waiting.erase(order->second);
   waitingOrder_.erase(order);
+}
+
+void VlanDomainService::limitsAre(VlanDomainLimits limits) {
+  KILN_ASSERT(limits.first <= limits.last);
+  limits_ = limits;
+  for (auto& [systemTcamId, pool] : pools_) {
+    pool.firstMaybeFree = limits.first;
+    serveWaiting(pool);
+  }
 }
 
 void VlanDomainService::modeIs(Mode mode) {

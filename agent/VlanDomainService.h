@@ -48,6 +48,9 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   /// and frees the others.
   void modeIs(Mode mode);
 
+  /// Interfaces keep the domains that they have, also those outside the new limits.
+  void limitsAre(VlanDomainLimits limits);
+
   /// Manual mode only: gives the interface this domain, any 16-bit value, in place of the one that it has.
   void allot(const Interface& interface, std::uint16_t vlanDomain);
   /// Manual mode only: takes the interface's domain away; nothing where it has none.
@@ -85,7 +88,7 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   void serveWaiting(Pool& pool);
   void stopWaiting(const Interface& interface);
   [[nodiscard]] std::optional<std::uint16_t> domainOfGroup(const Interface& interface) const;
-  static std::optional<std::uint16_t> firstFree(Pool& pool, VlanDomainLimits limits);
+  std::optional<std::uint16_t> firstFree(Pool& pool) const;
   Ref<Group> groupOf(const Interface& interface);
 
   Ref<KilnVlanDomain::VlanDomainConfig> config_;
