@@ -20,6 +20,8 @@ EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
       keyLatestWriteVersion_(*this, "keyLatestWriteVersion"),
       keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion") {}
 
+EmSwTableWriterSm::~EmSwTableWriterSm() = default;
+
 void EmSwTableWriterSm::writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/,
                                         ResponseHandler /*handler*/) {
   throw std::logic_error("Must implement in child");

@@ -22,6 +22,8 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   using EntryState = Asic::SwTableBase::EntryState;
   using EntryHandleRef = Ref<const Asic::OrderedSwTable::EntryHandle>;
 
+  ~EmSwTableWriterSm() override;
+
   [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
 
   /// Programs or overwrites the entry; calls `handler` once with the table's answer. Throws std::range_error,

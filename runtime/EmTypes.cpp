@@ -27,3 +27,15 @@ EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key) {
 }
 
 }  // namespace KilnEmServer
+
+namespace KilnPlatform {
+template std::string textOf(const KilnEmServer::EmRequestKey&);
+template std::string textOf(const KilnEmServer::EmLogicalKey&);
+template std::string textOf(const KilnEmServer::EmConfigEntry&);
+template std::string textOf(const KilnEmServer::EmLogicalKeyAndEntry&);
+template std::string textOf(const KilnEmServer::EmHwKey&);
+template std::string textOf(const KilnEmServer::EmHwEntry&);
+template std::string textOf(const KilnEmServer::EmHwKeyStatus&);
+template std::string textOf(const KilnEmServer::EmRequestStatus&);
+template std::string textOf(const KilnEmServer::EmSwTableStatusEntry&);
+}  // namespace KilnPlatform

@@ -206,3 +206,16 @@ struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
   static constexpr int kFirst = 0;
   static constexpr std::array<std::string_view, 2> kNames = {"resourceRequest", "resourceInUse"};
 };
+
+// Text forms are made in one place, since every stage's traces need them.
+namespace KilnPlatform {
+extern template std::string textOf(const KilnEmServer::EmRequestKey&);
+extern template std::string textOf(const KilnEmServer::EmLogicalKey&);
+extern template std::string textOf(const KilnEmServer::EmConfigEntry&);
+extern template std::string textOf(const KilnEmServer::EmLogicalKeyAndEntry&);
+extern template std::string textOf(const KilnEmServer::EmHwKey&);
+extern template std::string textOf(const KilnEmServer::EmHwEntry&);
+extern template std::string textOf(const KilnEmServer::EmHwKeyStatus&);
+extern template std::string textOf(const KilnEmServer::EmRequestStatus&);
+extern template std::string textOf(const KilnEmServer::EmSwTableStatusEntry&);
+}  // namespace KilnPlatform
