@@ -1,0 +1,639 @@
+// Composers and the VLAN-domain resolver, wired to each other as the server wires them.
+#include "compose/ComposerSm.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "agent/Collections.h"
+#include "compose/EsemFodoVdComposerSm.h"
+#include "compose/Isem1TagComposerSm.h"
+#include "compose/Isem2TagComposerSm.h"
+#include "compose/ResolverVd.h"
+#include "compose/UntaggedComposerSm.h"
+#include "status/ResolvedKeyStatusSm.h"
+
+namespace KilnTest {
+namespace {
+
+using namespace KilnTunnelNiLib;  // NOLINT: the keys are its only content here
+using Tag = EmComposerKeyUnionTag;
+using Interface = IntfIdSystemTcamId;
+using HwState = EmHwKeyStatus::State;
+using KeyState = EmLogicalKeyState::State;
+
+constexpr Tag kUntagged = Tag::isemUntaggedEntryKey;
+constexpr Tag k1Tag = Tag::isem1TagEntryKey;
+constexpr Tag k2Tag = Tag::isem2TagEntryKey;
+constexpr Tag kFodoVd = Tag::esemFodoVdEntryKey;
+
+ResolverKey vd(const Interface& interface) {
+  return VdResolverKey{interface};
+}
+
+/// What outlives a server: the VLAN-domain service's two collections.
+struct DomainService {
+  Ref<KilnVlanDomain::VlanDomainConfig> config =
+      std::make_shared<KilnVlanDomain::VlanDomainConfig>(KilnAgent::makeCollection<Interface, Unit>());
+  Ref<KilnVlanDomain::VlanDomainStatus> status = std::make_shared<KilnVlanDomain::VlanDomainStatus>(
+      KilnAgent::makeCollection<Interface, std::uint16_t>());
+};
+
+/// One composer with the collections around it.
+struct ComposerSide {
+  explicit ComposerSide(Tag type)
+      : config(std::make_shared<EmLogicalKeyConfig>(type)),
+        keys(std::make_shared<SwTableKeyConfig>(type)),
+        status(std::make_shared<ResolvedKeyStatus>(type)),
+        failure(std::make_shared<EmComposeFailure>(type)) {}
+  Ref<EmLogicalKeyConfig> config;
+  Ref<SwTableKeyConfig> keys;
+  Ref<ResolvedKeyStatus> status;
+  Ref<EmComposeFailure> failure;
+  Ref<ComposerSm> composer;
+};
+
+class Composing {
+ public:
+  explicit Composing(DomainService& service, std::uint32_t yieldEvery = 0,
+                     std::optional<std::uint64_t> seed = std::nullopt)
+      : bench(yieldEvery, seed), service_(service) {
+    for (const Tag type : {kUntagged, k1Tag, k2Tag, kFodoVd}) sides.emplace(type, ComposerSide(type));
+  }
+
+  void startResolver() {
+    resolver = bench.create([&] {
+      return resolverVdFactory(configDir->resolverConfigIs(ResolverKeyUnionTag::vd),
+                               statusDir->resolverStatusIs(ResolverKeyUnionTag::vd), service_.config,
+                               service_.status, "resolver", bench.status, bench.control());
+    });
+    bench.settle();
+    ASSERT_TRUE(bench.completed("resolver"));
+  }
+  void startComposers() {
+    create<UntaggedComposerSm>(kUntagged, untaggedComposerSmFactory);
+    create<Isem1TagComposerSm>(k1Tag, isem1TagComposerSmFactory);
+    create<Isem2TagComposerSm>(k2Tag, isem2TagComposerSmFactory);
+    create<EsemFodoVdComposerSm>(kFodoVd, esemFodoVdComposerSmFactory);
+  }
+  void start() {
+    startResolver();
+    startComposers();
+    bench.settle();
+    for (const auto& [type, side] : sides) ASSERT_TRUE(bench.completed(side.composer->name()));
+    resolver->sweep();
+  }
+
+  ComposerSide& sideOf(const EmLogicalKey& key) { return sides.at(key.emComposerKey.tag()); }
+  void request(const EmLogicalKey& key) { sideOf(key).config->requestIs(key); }
+  void withdraw(const EmLogicalKey& key) { sideOf(key).config->requestDel(key); }
+  std::optional<EmHwKey> composed(const EmLogicalKey& key) {
+    return sideOf(key).keys->emLogicalKeyToResolvedKey(key);
+  }
+  std::optional<std::string> failure(const EmLogicalKey& key) { return sideOf(key).failure->failure(key); }
+  std::optional<KeyState> state(const EmLogicalKey& key) {
+    const auto state = sideOf(key).composer->emLogicalKeyState(key);
+    return state ? std::optional(state->state) : std::nullopt;
+  }
+  /// The hardware's outcome for the key as it is composed now.
+  void outcome(const EmLogicalKey& key, HwState state = HwState::hwSuccess) {
+    sideOf(key).status->resolvedKeyStatusIs({key, composed(key).value(), state});
+  }
+  void outcomeDel(const EmLogicalKey& key) { sideOf(key).status->resolvedKeyStatusDel(key); }
+  bool asked(const Interface& interface) const { return service_.config->config().has(interface); }
+  void allot(const Interface& interface, std::uint16_t domain) {
+    service_.status->status().is(interface, domain);
+  }
+  void revoke(const Interface& interface) { service_.status->status().del(interface); }
+  bool inUse(const Interface& interface) const { return resolver->resolutionInUseHas(vd(interface)); }
+  std::optional<ResolutionState> resolution(const Interface& interface) const {
+    return resolver->resolverStatus().status().get(vd(interface));
+  }
+
+  /// Everything that is kept on the way, in the stages and between them.
+  std::size_t leftOver() const {
+    std::size_t entries = localEntries(*resolver) + resolver->resolverStatus().status().size() +
+                          service_.config->config().size();
+    for (const auto& [type, side] : sides) {
+      entries += localEntries(*side.composer) + side.composer->pendingCount() +
+                 side.failure->failure().size() + side.keys->emLogicalKeyToResolvedKey().size();
+      if (const auto requests = resolver->resolverConfig().resolverComposerConfig(type)) {
+        entries += (*requests)->resolverRequest().size();
+      }
+    }
+    return entries;
+  }
+
+  Bench bench;
+  Ref<ResolverConfigDir> configDir = std::make_shared<ResolverConfigDir>();
+  Ref<ResolverStatusDir> statusDir = std::make_shared<ResolverStatusDir>();
+  std::map<Tag, ComposerSide> sides;
+  Ref<ResolverVd> resolver;
+
+ private:
+  template <class Composer, class Factory>
+  void create(Tag type, Factory factory) {
+    ComposerSide& side = sides.at(type);
+    side.composer = bench.create([&]() -> Ref<ComposerSm> {
+      return factory(side.config, side.keys, side.status, configDir, statusDir,
+                     fmt::format("composer-{}", type), bench.status, bench.control(), side.failure);
+    });
+  }
+
+  DomainService& service_;
+};
+
+EmLogicalKey keyOf(const EmComposerKey& key, FeatureType feature = FeatureType::vpws) {
+  return {feature, FapId::allFap(), LocalCoreId::all(), key};
+}
+EmLogicalKey untagged(const Interface& i) {
+  return keyOf(IsemUntaggedComposerKey{i.intfId, i.systemTcamId});
+}
+EmLogicalKey oneTag(const Interface& i, std::uint16_t vlanId) {
+  return keyOf(Isem1TagComposerKey{i.intfId, i.systemTcamId, vlanId});
+}
+EmLogicalKey twoTag(const Interface& i, std::uint16_t outer, std::uint16_t inner) {
+  return keyOf(Isem2TagComposerKey{i.intfId, i.systemTcamId, outer, inner});
+}
+EmLogicalKey fodoVd(const Interface& i, std::uint32_t fodoId) {
+  return keyOf(EsemFodoVdComposerKey{i.intfId, i.systemTcamId, fodoId});
+}
+EmHwKey hwKeyOf(const EmResolvedKey& key) {
+  return {FapId::allFap(), LocalCoreId::all(), key};
+}
+
+constexpr Interface kPort{71, 3};
+constexpr Interface kOther{72, 3};
+
+class ComposerTest : public testing::Test {
+ protected:
+  DomainService service;
+};
+
+TEST_F(ComposerTest, HardwareKeysAndTheRangesOfTheirFields) {
+  Composing c(service);
+  c.start();
+  const EmLogicalKey badVlan = oneTag(kPort, 0x1000);
+  const EmLogicalKey badInner = twoTag(kPort, 1, 0x1000);
+  const EmLogicalKey badFodo = fodoVd(kPort, 0x40000);
+  const std::vector<EmLogicalKey> good = {untagged(kPort), oneTag(kPort, 0xfff), twoTag(kPort, 5, 0xfff),
+                                          fodoVd(kPort, 0x3ffff)};
+  for (const auto& key : good) c.request(key);
+  for (const auto& key : {badVlan, badInner, badFodo}) c.request(key);
+
+  c.allot(kPort, 0x1ff);
+  c.bench.settle();
+  EXPECT_EQ(c.composed(good[0]), hwKeyOf(IsemUntaggedEntryKey{U9(0x1ff)}));
+  EXPECT_EQ(c.composed(good[1]), hwKeyOf(Isem1TagEntryKey{U9(0x1ff), U12(0xfff)}));
+  EXPECT_EQ(c.composed(good[2]), hwKeyOf(Isem2TagEntryKey{U9(0x1ff), U12(5), U12(0xfff)}));
+  EXPECT_EQ(c.composed(good[3]), hwKeyOf(EsemFodoVdEntryKey{U18(0x3ffff), U11(0x1ff)}));
+  EXPECT_EQ(c.failure(badFodo), "U18::value < 0 or > 0x0003ffff not allowed");
+
+  // A wider domain: the fields of the request are complained of first, and the egress key still composes.
+  c.allot(kPort, 0x200);
+  c.bench.settle();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(c.composed(good[i]), std::nullopt);
+    EXPECT_EQ(c.failure(good[i]), "U9::value < 0 or > 0x01ff not allowed");
+    EXPECT_EQ(c.state(good[i]), KeyState::resolutionFail);
+  }
+  EXPECT_EQ(c.failure(badVlan), "U12::value < 0 or > 0x0fff not allowed");
+  EXPECT_EQ(c.failure(badInner), "U12::value < 0 or > 0x0fff not allowed");
+  EXPECT_EQ(c.composed(good[3]), hwKeyOf(EsemFodoVdEntryKey{U18(0x3ffff), U11(0x200)}));
+  EXPECT_EQ(c.resolution(kPort)->state, ResolutionState::resolutionSuccess_);
+
+  c.allot(kPort, 0x800);
+  c.bench.settle();
+  EXPECT_EQ(c.failure(good[3]), "U11::value < 0 or > 0x07ff not allowed");
+  // A key that waits is not one that cannot be composed.
+  c.revoke(kPort);
+  c.bench.settle();
+  EXPECT_EQ(c.failure(good[3]), std::nullopt);
+  EXPECT_EQ(c.state(good[3]), KeyState::resolutionPending);
+  for (const auto& key : {badVlan, badInner, badFodo}) c.withdraw(key);
+  for (const auto& key : good) c.withdraw(key);
+  c.bench.settle();
+  EXPECT_EQ(c.leftOver(), 0u);
+}
+
+TEST_F(ComposerTest, ARequestHasAResolutionWhenTheCallReturns) {
+  service.status->status().is(kPort, 9);
+  Composing c(service);
+  c.startResolver();
+  EXPECT_EQ(c.resolution(kPort), std::nullopt) << "a domain that nobody asks for resolves nothing";
+  const auto requests =
+      c.configDir->resolverConfigIs(ResolverKeyUnionTag::vd)->resolverComposerConfigIs(k1Tag);
+  requests->resolverRequestIs({vd(kPort), ResolverRequest::RequestType::resourceRequest, 0, 0});
+  EXPECT_EQ(c.resolution(kPort), (ResolutionState{vd(kPort), ResolutionState::resolutionSuccess_, 9}));
+  requests->resolverRequestIs({vd(kOther), ResolverRequest::RequestType::resourceRequest, 0, 0});
+  EXPECT_EQ(c.resolution(kOther), (ResolutionState{vd(kOther), ResolutionState::resolutionPending_, 0}));
+  c.resolver->sweep();
+  requests->resolverRequestDel(vd(kPort));
+  EXPECT_EQ(c.resolution(kPort), std::nullopt) << "though the service still reports its domain";
+  EXPECT_FALSE(c.asked(kPort));
+  EXPECT_TRUE(c.asked(kOther));
+}
+
+TEST_F(ComposerTest, AcknowledgesOnlyWhenEveryOutcomeOfTheDomainInForceIsKnown) {
+  Composing c(service);
+  c.start();
+  const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2);
+  c.request(a);
+  c.request(b);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  EXPECT_EQ(c.state(a), KeyState::hwPending);
+  c.outcome(a);
+  c.bench.settle();
+  EXPECT_EQ(c.state(a), KeyState::hwSuccess);
+  EXPECT_FALSE(c.inUse(kPort));
+  c.outcome(b, HwState::hwFail);
+  c.bench.settle();
+  EXPECT_EQ(c.state(b), KeyState::hwFail);
+  EXPECT_TRUE(c.inUse(kPort));
+
+  // Another domain: outcomes that name the old hardware keys count for nothing, nor do they release.
+  c.allot(kPort, 11);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort));
+  c.sideOf(a).status->resolvedKeyStatusIs({a, hwKeyOf(Isem1TagEntryKey{U9(10), U12(1)}), HwState::hwFail});
+  c.bench.settle();
+  EXPECT_EQ(c.state(a), KeyState::hwPending);
+  c.outcome(a);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort));
+  // The last one whose outcome is missing is withdrawn.
+  c.withdraw(b);
+  c.bench.settle();
+  EXPECT_TRUE(c.inUse(kPort));
+  EXPECT_TRUE(c.asked(kPort));
+  // The same domain again is a new epoch, to be acknowledged anew by outcomes that still stand.
+  c.revoke(kPort);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort));
+  EXPECT_EQ(c.composed(a), std::nullopt);
+  c.allot(kPort, 11);
+  c.bench.settle();
+  EXPECT_TRUE(c.inUse(kPort));
+}
+
+TEST_F(ComposerTest, AcknowledgesNothingWhileAChangeIsStillBeingHandled) {
+  Composing c(service, 1);
+  c.start();
+  std::vector<EmLogicalKey> keys;
+  for (std::uint16_t vlan = 0; vlan < 8; ++vlan) keys.push_back(oneTag(kPort, vlan));
+  for (const auto& key : keys) c.request(key);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  // Outcomes for the coming domain stand already, so that each key has its own as soon as it is composed
+  // again.
+  for (std::uint16_t vlan = 0; vlan < 8; ++vlan) {
+    c.sideOf(keys[vlan])
+        .status->resolvedKeyStatusIs(
+            {keys[vlan], hwKeyOf(Isem1TagEntryKey{U9(11), U12(vlan)}), HwState::hwSuccess});
+  }
+  c.bench.settle();
+  c.allot(kPort, 11);
+  const auto composedWith11 = [&] {
+    std::size_t count = 0;
+    for (const auto& key : keys) {
+      count += c.composed(key)->emResolvedKey.get<Isem1TagEntryKey>().vlanDomain == U9(11) ? 1u : 0u;
+    }
+    return count;
+  };
+  std::set<std::size_t> seen;
+  while (c.bench.scheduler->runOne()) {
+    seen.insert(composedWith11());
+    ASSERT_FALSE(composedWith11() < keys.size() && c.inUse(kPort)) << composedWith11() << " keys moved";
+  }
+  EXPECT_EQ(seen.size(), keys.size() + 1) << "the change is handled a key at a time";
+  EXPECT_TRUE(c.inUse(kPort));
+}
+
+TEST_F(ComposerTest, ReleasesADomainOnlyWhenNothingUsesItAnyMore) {
+  Composing c(service);
+  c.start();
+  const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2), egress = fodoVd(kPort, 7);
+  for (const auto& key : {a, b, egress}) c.request(key);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  c.outcome(a);
+  c.outcome(egress);
+  c.bench.settle();
+
+  // `b` goes without ever having had an outcome, while the table still holds `a`.
+  c.withdraw(a);
+  c.withdraw(b);
+  c.withdraw(egress);
+  c.bench.settle();
+  EXPECT_EQ(c.composed(a), std::nullopt);
+  EXPECT_EQ(c.state(a), std::nullopt);
+  EXPECT_TRUE(c.asked(kPort));
+  c.outcomeDel(a);
+  c.bench.settle();
+  EXPECT_TRUE(c.asked(kPort)) << "the egress table still holds its entry";
+  EXPECT_TRUE(c.inUse(kPort)) << "as the egress composer acknowledged";
+  c.outcomeDel(egress);
+  c.bench.settle();
+  EXPECT_FALSE(c.asked(kPort));
+  EXPECT_EQ(c.leftOver(), 0u);
+
+  // Asked for in vain.
+  c.request(twoTag(kOther, 1, 2));
+  c.bench.settle();
+  EXPECT_TRUE(c.asked(kOther));
+  c.withdraw(twoTag(kOther, 1, 2));
+  c.bench.settle();
+  EXPECT_FALSE(c.asked(kOther));
+  EXPECT_EQ(c.leftOver(), 0u);
+}
+
+TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHeldTheNewValue) {
+  Composing c(service);
+  c.start();
+  const EmLogicalKey ingress = untagged(kPort), egress = fodoVd(kPort, 7);
+  c.request(ingress);
+  c.request(egress);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  c.outcome(ingress);
+  c.outcome(egress);
+  c.allot(kPort, 11);
+  c.bench.settle();
+  c.outcome(ingress);
+  c.bench.settle();
+  EXPECT_TRUE(c.inUse(kPort));
+  c.withdraw(ingress);
+  c.outcomeDel(ingress);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort)) << "the egress composer had acknowledged 10 only";
+  EXPECT_EQ(c.resolution(kPort)->val, 11u);
+  c.outcome(egress);
+  c.bench.settle();
+  EXPECT_TRUE(c.inUse(kPort));
+  // A composer that joins a resolution which stands acknowledges it too.
+  c.request(ingress);
+  c.bench.settle();
+  c.outcome(ingress);
+  c.bench.settle();
+  const auto requests = c.resolver->resolverConfig().resolverComposerConfig(kUntagged).value();
+  EXPECT_EQ(requests->resolverRequest(vd(kPort))->requestType, ResolverRequest::RequestType::resourceInUse);
+}
+
+TEST_F(ComposerTest, ARestartKeepsWhatIsWantedAndSweepsTheRest) {
+  for (std::uint16_t port = 0; port < 6; ++port) {
+    service.config->configIs({port, 1});
+    service.status->status().is({port, 1}, static_cast<std::uint16_t>(100 + port));
+  }
+  service.config->configIs({6, 1});
+  Recorder changes(service.config->config());
+  Composing c(service, 1);
+  for (std::uint16_t port = 0; port < 3; ++port) c.request(oneTag({port, 1}, 1));
+  c.request(untagged({6, 1}));
+  c.request(fodoVd({0, 1}, 4));
+  c.startResolver();
+  c.startComposers();
+  c.bench.settle();
+  for (std::uint16_t port = 0; port < 3; ++port) {
+    EXPECT_EQ(c.composed(oneTag({port, 1}, 1)),
+              hwKeyOf(Isem1TagEntryKey{U9(static_cast<std::uint64_t>(100 + port)), U12(1)}));
+  }
+  // Nothing goes before the sweep, also what the composers that are ready no longer need.
+  c.withdraw(oneTag({2, 1}, 1));
+  c.bench.settle();
+  EXPECT_TRUE(changes.changes.empty());
+  c.resolver->sweep();
+  c.bench.settle();
+  const std::vector<Interface> swept = changes.deletions();
+  EXPECT_EQ(std::set<Interface>(swept.begin(), swept.end()),
+            (std::set<Interface>{{2, 1}, {3, 1}, {4, 1}, {5, 1}}));
+  EXPECT_EQ(changes.changes.size(), swept.size());
+  EXPECT_EQ(c.state(untagged({6, 1})), KeyState::resolutionPending);
+}
+
+TEST_F(ComposerTest, TearingDownWithdrawsRequestsAndKeys) {
+  Composing c(service);
+  c.start();
+  c.request(oneTag(kPort, 1));
+  c.allot(kPort, 10);
+  c.bench.settle();
+  ComposerSide& side = c.sides.at(k1Tag);
+  side.composer->doDeleteAll();
+  EXPECT_TRUE(side.keys->emLogicalKeyToResolvedKey().empty());
+  EXPECT_FALSE(c.asked(kPort));
+  EXPECT_FALSE(c.bench.completed(side.composer->name()));
+}
+
+// --- Broken invariants -------------------------------------------------------------------------------------
+
+class BareResolver : public ResolverBase {
+ public:
+  using ResolverBase::ResolverBase;
+};
+
+TEST_F(ComposerTest, BaseOperationsAndProtocolViolations) {
+  Composing c(service);
+  c.start();
+  const ComposerSide& side = c.sides.at(k1Tag);
+  ComposerSm base(k1Tag, EmResolvedKeyUnionTag::isem1TagEntryKey, side.config, side.keys, side.status,
+                  c.configDir, c.statusDir, "ComposerSm", "base", c.bench.status, c.bench.control(),
+                  side.failure);
+  EXPECT_THROW((void)base.isSupportedResolverType(ResolverKeyUnionTag::vd), std::logic_error);
+  EXPECT_THROW((void)base.getResolverKey(ResolverKeyUnionTag::vd, oneTag(kPort, 1)), std::logic_error);
+  EXPECT_THROW((void)base.composeKey(oneTag(kPort, 1)), std::logic_error);
+  EXPECT_THROW((void)side.composer->getResolverKey(ResolverKeyUnionTag::vd, untagged(kPort)),
+               std::range_error);
+
+  c.request(oneTag(kPort, 1));
+  c.bench.settle();
+  EXPECT_DEATH(c.resolver->ackInUseComposer(vd(kPort), k1Tag),
+               R"(status\.state\(\) == ResolutionState::resolutionSuccess_)");
+  EXPECT_DEATH(c.resolver->ackInUseComposer(vd(kOther), k1Tag),
+               R"(resolverStatus\(\)->statusHas\( resolverKey \))");
+  EXPECT_DEATH((void)side.composer->getResult(ResolverKeyUnionTag::vd, oneTag(kPort, 1)),
+               "Expected resolutionSuccess, got resolutionPending");
+  EXPECT_DEATH((void)side.composer->getResult(ResolverKeyUnionTag::undefined_, oneTag(kPort, 1)),
+               "Unsupported resolverType undefined");
+  EXPECT_DEATH((void)side.composer->getResolutionState(oneTag(kOther, 1)),
+               R"(resolverStatusIter->statusHas\( resolverKey \))");
+  c.configDir->resolverConfigIs(ResolverKeyUnionTag::undefined_);
+  EXPECT_DEATH(c.startComposers(), R"(isSupportedResolverType\( resolverConfigIter->resolverType\(\) \))");
+}
+
+// --- Random ------------------------------------------------------------------------------------------------
+
+/// Tables that take their time: an outcome follows a composed key, and its end a deleted one, whenever it
+/// pleases.
+class LazyHardware {
+ public:
+  LazyHardware(Composing& c, std::mt19937_64& random) : c_(c), random_(random) {}
+
+  /// Brings one key's outcome in line. False where all of them are.
+  bool step(const std::vector<EmLogicalKey>& keys) {
+    const std::size_t from = random_() % keys.size();
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      const EmLogicalKey& key = keys[(from + i) % keys.size()];
+      const auto composed = c_.composed(key);
+      const auto status = c_.sideOf(key).status->resolvedKeyStatus(key);
+      if (composed && (!status || status->emHwKey != *composed || status->state == HwState::hwPending)) {
+        c_.outcome(key, static_cast<HwState>(status && status->emHwKey == *composed ? 1 + random_() % 3
+                                                                                    : random_() % 4));
+        return true;
+      }
+      if (!composed && status) {
+        c_.outcomeDel(key);
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  Composing& c_;
+  std::mt19937_64& random_;
+};
+
+class ComposerRandomTest : public testing::TestWithParam<std::uint64_t> {};
+
+std::vector<EmLogicalKey> randomTestKeys() {
+  std::vector<EmLogicalKey> keys;
+  for (std::uint64_t port = 1; port <= 3; ++port) {
+    const Interface i{port, 1};
+    keys.push_back(untagged(i));
+    for (std::uint16_t n = 1; n <= 3; ++n) {
+      keys.push_back(oneTag(i, n));
+      keys.push_back(twoTag(i, n, static_cast<std::uint16_t>(port == 3 ? 0x1000 : n)));
+      keys.push_back(fodoVd(i, n));
+    }
+  }
+  return keys;
+}
+
+Interface interfaceOf(Composing& c, const EmLogicalKey& key) {
+  return c.sideOf(key).composer->getResolverKey(ResolverKeyUnionTag::vd, key).get<VdResolverKey>().vdKey;
+}
+
+/// What must hold at any moment: no domain goes that something composed with it, or a table, still needs.
+void expectNothingReleasedInUse(Composing& c, const std::vector<EmLogicalKey>& keys) {
+  for (const auto& key : keys) {
+    if (c.composed(key) || c.sideOf(key).status->resolvedKeyStatusHas(key)) {
+      ASSERT_TRUE(c.asked(interfaceOf(c, key))) << KilnPlatform::textOf(key);
+    }
+  }
+}
+
+/// The result as a server that starts now would compute it.
+void expectEqualsFreshStart(Composing& c, const std::vector<EmLogicalKey>& keys, DomainService& service) {
+  DomainService copy;
+  KilnPlatform::forEachIn(service.status->status(), [&](const Interface& i, std::uint16_t domain) {
+    copy.status->status().is(i, domain);
+  });
+  Composing fresh(copy);
+  for (auto& [type, side] : c.sides) {
+    KilnPlatform::forEachIn(side.config->request(),
+                            [&](const EmLogicalKey& key, Unit) { fresh.request(key); });
+  }
+  fresh.start();
+  for (auto& [type, side] : c.sides) {
+    KilnPlatform::forEachIn(side.status->resolvedKeyStatus(), [&](const auto& /*key*/, const auto& status) {
+      fresh.sideOf(status.emLogicalKey).status->resolvedKeyStatusIs(status);
+    });
+  }
+  fresh.bench.settle();
+  EXPECT_EQ(contentOf(c.resolver->resolverStatus().status()),
+            contentOf(fresh.resolver->resolverStatus().status()));
+  EXPECT_EQ(contentOf(service.config->config()), contentOf(copy.config->config()));
+  for (const auto& key : keys) {
+    EXPECT_EQ(c.composed(key), fresh.composed(key));
+    EXPECT_EQ(c.failure(key), fresh.failure(key));
+    EXPECT_EQ(c.state(key), fresh.state(key));
+    EXPECT_EQ(c.inUse(interfaceOf(c, key)), fresh.inUse(interfaceOf(c, key))) << KilnPlatform::textOf(key);
+  }
+}
+
+TEST_P(ComposerRandomTest, EndsAsAFreshStartWouldAndLeavesNothingBehind) {
+  std::mt19937_64 random(GetParam());
+  DomainService service;
+  const std::vector<EmLogicalKey> keys = randomTestKeys();
+  const std::vector<std::uint16_t> domains = {1, 2, 0x1ff, 0x200, 0x7ff, 0x800};
+  Composing c(service, GetParam() % 2 == 0 ? 1 : 0, GetParam());
+  c.start();
+  LazyHardware hardware(c, random);
+  for (int step = 0; step < 1000; ++step) {
+    const EmLogicalKey& key = keys[random() % keys.size()];
+    const Interface port{1 + random() % 3, 1};
+    switch (random() % 8) {
+      case 0:
+      case 1:
+        c.request(key);
+        break;
+      case 2:
+        c.withdraw(key);
+        break;
+      case 3:
+        c.allot(port, domains[random() % domains.size()]);
+        break;
+      case 4:
+        if (random() % 3 == 0) c.revoke(port);
+        break;
+      case 5:
+        hardware.step(keys);
+        break;
+      default:
+        c.bench.scheduler->run(random() % 20);
+    }
+    ASSERT_NO_FATAL_FAILURE(expectNothingReleasedInUse(c, keys)) << "step " << step;
+  }
+  const auto comeToRest = [&] {
+    do {
+      c.bench.settle();
+    } while (hardware.step(keys));
+  };
+  comeToRest();
+  expectEqualsFreshStart(c, keys, service);
+  for (const auto& key : keys) c.withdraw(key);
+  comeToRest();
+  EXPECT_EQ(c.leftOver(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ComposerRandomTest, testing::Range<std::uint64_t>(1, 25));
+
+// --- The outcomes' way back --------------------------------------------------------------------------------
+
+TEST(ResolvedKeyStatusTest, SortsOutcomesByTypeAndLeavesOutThoseWithoutAHardwareKey) {
+  Bench bench;
+  const auto merged = std::make_shared<EmLogicalKeyToStatus>();
+  std::map<Tag, Ref<ResolvedKeyStatus>> out;
+  for (const Tag type : {kUntagged, k1Tag, k2Tag, kFodoVd})
+    out[type] = std::make_shared<ResolvedKeyStatus>(type);
+  const EmHwKey hwKey = hwKeyOf(IsemUntaggedEntryKey{U9(4)});
+  const std::vector<EmLogicalKey> keys = {untagged(kPort), oneTag(kPort, 1), twoTag(kPort, 1, 2),
+                                          fodoVd(kPort, 3)};
+  for (const auto& key : keys) merged->statusIs({key, {}, hwKey, EmStatus::hwKeyConflict});
+  merged->statusIs({oneTag(kOther, 1), {}, {}, EmStatus::hwPending});
+  merged->statusIs({mplsKey(FeatureType::mpls, 5), {}, hwKey, EmStatus::hwSuccess});
+  const auto stage = resolvedKeyStatusSmFactory(merged, out[kUntagged], out[k1Tag], out[k2Tag], out[kFodoVd],
+                                                "resolvedKeyStatusSmStage", bench.status, bench.control());
+  bench.settle();
+  ASSERT_TRUE(bench.completed("resolvedKeyStatusSmStage"));
+  for (const auto& key : keys) {
+    const auto content = contentOf(out.at(key.emComposerKey.tag())->resolvedKeyStatus());
+    EXPECT_EQ(content, (decltype(content){{key, {key, hwKey, HwState::hwKeyConflict}}}));
+  }
+  // The table no longer holds the key, which waits again: its outcome goes though its status does not.
+  merged->statusIs({keys[1], {}, {}, EmStatus::hwPending});
+  merged->statusDel(keys[2]);
+  bench.settle();
+  EXPECT_TRUE(out[k1Tag]->resolvedKeyStatus().empty());
+  EXPECT_TRUE(out[k2Tag]->resolvedKeyStatus().empty());
+}
+
+}  // namespace
+}  // namespace KilnTest
