@@ -125,7 +125,7 @@ void addRun(Lines out, const EmbeddedAgent& agent, const ScenarioCounters& count
 
 std::string grouped(std::uint64_t number) {
   std::string text = std::to_string(number);
-  for (std::size_t at = text.size(); at > 3; at -= 3) text.insert(at - 3, ",");
+  for (std::size_t at = text.size(); at > 3; at -= 3) text.insert(at - 3, 1, ',');
   return text;
 }
 
