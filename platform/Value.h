@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/container_hash/hash.hpp>
 #include <boost/preprocessor/seq/enum.hpp>
@@ -43,8 +44,7 @@ constexpr Field<T, M> fieldOf(const char* name, M T::*member) {
   return {name, member};
 }
 
-#define KILN_VALUE_FIELD(r, Type, field) \
-  ::KilnPlatform::fieldOf(#field, &Type::field)
+#define KILN_VALUE_FIELD(r, Type, field) ::KilnPlatform::fieldOf(#field, &Type::field)
 /// Describes a value type: its name, its fields in declaration order, equality and ordering over them.
 #define KILN_VALUE(Namespace, Type, ...)                                                         \
   friend auto operator<=>(const Type&, const Type&) = default;                                   \
@@ -62,7 +62,9 @@ template <class E>
 struct EnumNames {};
 
 template <class E>
-concept NamedEnum = std::is_enum_v<E> && requires { EnumNames<E>::kNames; };
+concept NamedEnum = std::is_enum_v<E> && requires {
+  EnumNames<E>::kNames;
+};
 
 template <class T>
 concept Described = requires {
@@ -71,7 +73,9 @@ concept Described = requires {
 };
 
 template <class T>
-concept UnionValue = requires { typename T::UnionTraits; };
+concept UnionValue = requires {
+  typename T::UnionTraits;
+};
 
 /// A value that is a number with a restricted range or meaning: `using Number = ...`, `number()`, and
 /// construction from a number, which throws std::range_error when out of range.
@@ -139,7 +143,8 @@ class BoundedUint {
   constexpr BoundedUint() = default;
   /// Throws std::range_error, for example "U18::value < 0 or > 0x0003ffff not allowed".
   constexpr explicit BoundedUint(std::uint64_t value) : value_(static_cast<Number>(value)) {
-    if (value > kMax) [[unlikely]] throwOutOfRange();
+    if (value > kMax) [[unlikely]]
+      throwOutOfRange();
   }
 
   [[nodiscard]] constexpr Number number() const { return value_; }
@@ -163,8 +168,8 @@ using U20 = BoundedUint<20>;
 
 // --- Tagged unions -----------------------------------------------------------------------------------------
 
-/// A tagged union of trivially copyable alternatives. Tag value 0 is `undefined` and holds nothing; tag i holds
-/// the i-th alternative. `Traits` gives
+/// A tagged union of trivially copyable alternatives. Tag value 0 is `undefined` and holds nothing; tag i
+/// holds the i-th alternative. `Traits` gives
 ///   using Tag = <NamedEnum whose value 0 is undefined>;
 ///   static constexpr std::string_view kTypeName;  // qualified
 ///   static constexpr std::string_view kName;      // unqualified, for error texts
@@ -185,8 +190,8 @@ class TaggedUnion {
 
   TaggedUnion() = default;
   template <class A>
-    requires kHolds<A>
-  TaggedUnion(const A& alternative) : tag_(tagOf<A>()) {  // NOLINT(google-explicit-constructor)
+  requires kHolds<A> TaggedUnion(const A& alternative)
+      : tag_(tagOf<A>()) {  // NOLINT(google-explicit-constructor)
     ::new (static_cast<void*>(storage_)) A(alternative);
   }
 
@@ -194,7 +199,7 @@ class TaggedUnion {
 
   /// The tag under which alternative A is held.
   template <class A>
-    requires kHolds<A>
+  requires kHolds<A>
   static constexpr Tag tagOf() {
     std::size_t index = 0;
     std::size_t found = 0;
@@ -204,17 +209,18 @@ class TaggedUnion {
 
   /// The alternative A, or null where another one (or none) is held. Invalid after assignment to the union.
   template <class A>
-    requires kHolds<A>
+  requires kHolds<A>
   [[nodiscard]] const A* getIf() const {
     return tag_ == tagOf<A>() ? std::launder(reinterpret_cast<const A*>(storage_)) : nullptr;
   }
 
   /// The alternative A; reading another one than is held is a range error.
   template <class A>
-    requires kHolds<A>
+  requires kHolds<A>
   [[nodiscard]] const A& get() const {
     const A* alternative = getIf<A>();
-    if (alternative == nullptr) [[unlikely]] throwBadAccess(tagOf<A>());
+    if (alternative == nullptr) [[unlikely]]
+      throwBadAccess(tagOf<A>());
     return *alternative;
   }
   template <Tag tag>
@@ -304,7 +310,7 @@ void appendText(std::string& out, const T& value) {
   if constexpr (NamedEnum<T>) {
     out += stringValue(value);
   } else if constexpr (NumberValue<T>) {
-    fmt::format_to(std::back_inserter(out), "{}", value.number());
+    out += fmt::format_int(value.number()).c_str();
   } else if constexpr (UnionValue<T>) {
     out += T::UnionTraits::kTypeName;
     out += '(';
@@ -326,8 +332,10 @@ void appendText(std::string& out, const T& value) {
     };
     std::apply([&](const auto&... field) { (appendField(field), ...); }, T::fields());
     out += ')';
+  } else if constexpr (std::is_integral_v<T>) {
+    out += fmt::format_int(value).c_str();
   } else {
-    fmt::format_to(std::back_inserter(out), "{}", value);
+    out += value;
   }
 }
 
@@ -361,7 +369,8 @@ struct TextReader {
   }
   std::string_view word() {
     std::size_t length = 0;
-    while (length < rest.size() && rest[length] != ',' && rest[length] != ')' && rest[length] != ':') ++length;
+    while (length < rest.size() && rest[length] != ',' && rest[length] != ')' && rest[length] != ':')
+      ++length;
     const std::string_view read = rest.substr(0, length);
     rest.remove_prefix(length);
     return read;
@@ -419,9 +428,9 @@ void readText(TextReader& reader, T& value, std::string_view owner) {
 
 }  // namespace detail
 
-/// The value whose text form is `text`. Throws std::range_error: "Invalid string rep for <type>" where the text
-/// is malformed, with ": unknown alternative <name>" where it names no alternative of a union, and a bounded
-/// integer's own message where a number is out of its range.
+/// The value whose text form is `text`. Throws std::range_error: "Invalid string rep for <type>" where the
+/// text is malformed, with ": unknown alternative <name>" where it names no alternative of a union, and a
+/// bounded integer's own message where a number is out of its range.
 template <class T>
 T valueFromText(std::string_view text) {
   detail::TextReader reader{text};
@@ -447,26 +456,24 @@ struct OptionalText {
 
 /// Values print to fmt as their text form; the text is made only where something is formatted.
 template <class T>
-  requires(KilnPlatform::NamedEnum<T> || KilnPlatform::Described<T> || KilnPlatform::UnionValue<T> ||
-           KilnPlatform::NumberValue<T>)
-struct fmt::formatter<T> {
+requires(KilnPlatform::NamedEnum<T> || KilnPlatform::Described<T> || KilnPlatform::UnionValue<T> ||
+         KilnPlatform::NumberValue<T>) struct fmt::formatter<T> {
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(const T& value, Context& context) const {
-    return fmt::format_to(context.out(), "{}", std::string_view(KilnPlatform::textOf(value)));
+  auto format(const T& value, format_context& context) const {
+    const std::string text = KilnPlatform::textOf(value);
+    return std::copy(text.begin(), text.end(), context.out());
   }
 };
 
 template <class T>
 struct fmt::formatter<KilnPlatform::OptionalText<T>> {
   constexpr auto parse(format_parse_context& context) { return context.begin(); }
-  template <class Context>
-  auto format(const KilnPlatform::OptionalText<T>& optional, Context& context) const {
-    if (optional.value == nullptr) return fmt::format_to(context.out(), "none");
-    if constexpr (requires { optional.value->get(); } && !KilnPlatform::Described<T>) {
-      return fmt::format_to(context.out(), "present");  // a reference to an entity
-    } else {
-      return fmt::format_to(context.out(), "{}", *optional.value);
+  auto format(const KilnPlatform::OptionalText<T>& optional, format_context& context) const {
+    std::string text = "none";
+    if (optional.value != nullptr) {
+      text.clear();
+      KilnPlatform::appendText(text, *optional.value);
     }
+    return std::copy(text.begin(), text.end(), context.out());
   }
 };
