@@ -366,7 +366,12 @@ void KilnEmServerSm::createEmStatusSm() {
 }
 
 void KilnEmServerSm::createResolvedKeyStatusSm() {
-  report("resolvedKeyStatusSmStage");
+  using Type = EmComposerKeyUnionTag;
+  SwTableKeyStatusByComposerType& statuses = *swTableKeyStatusByComposerType_;
+  resolvedKeyStatusSm_ = resolvedKeyStatusSmFactory(
+      emStatusMerged_, statuses.statusIs(Type::isemUntaggedEntryKey),
+      statuses.statusIs(Type::isem1TagEntryKey), statuses.statusIs(Type::isem2TagEntryKey),
+      statuses.statusIs(Type::esemFodoVdEntryKey), "resolvedKeyStatusSmStage", dependencyStatus_, control());
 }
 
 // A feature that is not present has no status stage; its name is reported in its place.
