@@ -74,9 +74,12 @@ class Output final : public OutputBase {
     }
   }
 
-  /// The key is to stay as it is, though nothing was written under it yet.
+  /// The key is to stay as it is, though nothing was written under it yet; an earlier deletion that is held
+  /// back is forgotten.
   void markSeen(const Key& key) {
-    if (reconciling() && noteSeen_) seen_.is(key, {});
+    if (!reconciling()) return;
+    if (noteSeen_) seen_.is(key, {});
+    heldBack_.del(key);
   }
 
   [[nodiscard]] const Value* find(const Key& key) const {
@@ -110,7 +113,6 @@ class Output final : public OutputBase {
   void insertReconciling(const Key& key, const Value& value) {
     const bool present = collection().has(key);
     markSeen(key);
-    heldBack_.del(key);
     countWrite(present, collection().is(key, value));
   }
 
