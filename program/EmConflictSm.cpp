@@ -31,6 +31,11 @@ void EmConflictSm::handleInitialized() {
       [](void* owner) { static_cast<EmConflictSm*>(owner)->insertPending(); }, this, kPendingPatience);
 }
 
+void EmConflictSm::handleDeleteAll() {
+  pendingTask_.reset();
+  waiting_.clear();
+}
+
 // --- The streams over one changed logical key --------------------------------------------------------------
 
 void EmConflictSm::eventToInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt) {

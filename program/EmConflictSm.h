@@ -65,6 +65,7 @@ class EmConflictSm final : public Stage {
   [[nodiscard]] const std::string* failureOf(const EmLogicalKey& emLogicalKey) const;
   void insertPending();
   void handleInitialized() override;
+  void handleDeleteAll() override;
 
   Input<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", &EmConflictSm::eventToInputStream,
         "inputStream = from( emMergedEntry.emMergedEntry[] ): emLogicalKey={}">
