@@ -36,10 +36,12 @@ void EmSwTableStatusSm::remove(const EmLogicalKey& logicalKey, const EmHwKey& sw
     otherHwKeys_.del(logicalKey, swTableKey);
     return;
   }
-  if (const EmHwKey* other = otherHwKeys_.last(logicalKey)) {
+  while (const EmHwKey* other = otherHwKeys_.last(logicalKey)) {
     const EmHwKey next = *other;
     otherHwKeys_.del(logicalKey, next);
-    if (const EmSwTableStatusEntry* status = emSwTableStatus_.find(next)) {
+    const EmSwTableStatusEntry* status = emSwTableStatus_.find(next);
+    // One that went, or that names another owner by now, has its own event still to come.
+    if (status != nullptr && status->emLogicalKeyAndEntry.emLogicalKey == logicalKey) {
       publish(logicalKey, next, *status);
       return;
     }

@@ -1,0 +1,327 @@
+// From the tables' answers to the statuses that features see.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <string>
+
+#include "TestSupport.h"
+#include "program/EmSwTableStatusSm.h"
+#include "program/IsemMplsSwTableWriter.h"
+#include "status/EmStatusSm.h"
+#include "status/IsemSrvStatusSm.h"
+
+namespace KilnTest {
+namespace {
+
+using HwState = EmHwKeyStatus::State;
+const EmLogicalKey kA = mplsKey(FeatureType::mpls, 1);
+const EmLogicalKey kB = mplsKey(FeatureType::evpn, 1);
+const EmHwKey kH1 = mplsHwKey(1);
+const EmHwKey kH2 = mplsHwKey(2);
+const EmHwKey kH3 = mplsHwKey(3);
+
+EmRequestStatus tableStatus(const EmLogicalKey& key, const EmHwKey& hwKey,
+                            EmStatus state = EmStatus::hwSuccess, const EmConfigEntry& entry = mplsEntry(1)) {
+  return {key, entry, hwKey, state};
+}
+
+// --- Software-table status
+// -----------------------------------------------------------------------------------
+
+struct TableStatusSetUp {
+  explicit TableStatusSetUp(std::uint32_t yieldEvery = 0, std::optional<std::uint64_t> seed = std::nullopt)
+      : bench(yieldEvery, seed) {}
+  void start() {
+    stage = bench.create(
+        [&] { return emSwTableStatusSmFactory(input, output, "swStatus", bench.status, bench.control()); });
+  }
+  void answer(const EmHwKey& hwKey, const EmLogicalKey& key, HwState state = HwState::hwSuccess) {
+    input->statusIs(hwKey, {{key, mplsEntry(1)}, state});
+  }
+  Bench bench;
+  Ref<EmSwTableStatus> input = std::make_shared<EmSwTableStatus>();
+  Ref<EmLogicalKeyToStatus> output = std::make_shared<EmLogicalKeyToStatus>();
+  Ref<EmSwTableStatusSm> stage;
+};
+
+TEST(SwTableStatus, ANewOwnerReplacesTheOldOne) {
+  TableStatusSetUp set;
+  set.start();
+  set.answer(kH1, kA, HwState::hwFail);
+  set.bench.settle();
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH1, EmStatus::hwFail));
+  const Recorder recorder(set.output->status());
+  set.answer(kH1, kA);
+  set.bench.settle();
+  EXPECT_TRUE(recorder.deletions().empty());
+  set.answer(kH1, kB);
+  set.bench.settle();
+  ASSERT_EQ(recorder.changes.size(), 3u);
+  EXPECT_EQ(recorder.changes[1].key, kA);  // deleted before the new owner's is inserted
+  EXPECT_EQ(contentOf(set.output->status()),
+            (std::map<EmLogicalKey, EmRequestStatus>{{kB, tableStatus(kB, kH1)}}));
+  set.input->statusDel(kH1);
+  set.bench.settle();
+  EXPECT_TRUE(set.output->status().empty());
+  EXPECT_EQ(localEntries(*set.stage), 0u);
+}
+
+TEST(SwTableStatus, WhenTheLatestOfSeveralGoesAnotherThatStandsTakesItsPlace) {
+  TableStatusSetUp set;
+  set.start();
+  for (const EmHwKey& hwKey : {kH1, kH2, kH3}) {
+    set.answer(hwKey, kA);
+    set.bench.settle();
+  }
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH3));
+  const Recorder recorder(set.output->status());
+  set.input->statusDel(kH3);  // both go before either is handled
+  set.input->statusDel(kH2);
+  set.bench.settle();
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH1));
+  EXPECT_TRUE(recorder.deletions().empty());
+}
+
+TEST(SwTableStatus, AnotherOwnersStatusIsNotTakenOver) {
+  TableStatusSetUp set;
+  set.start();
+  set.answer(kH1, kA);
+  set.bench.settle();
+  set.answer(kH2, kA);
+  set.bench.settle();
+  set.input->statusDel(kH2);
+  set.answer(kH1, kB);  // not handled yet when the first change is
+  const TraceCapture traces(0);
+  set.bench.settle();
+  EXPECT_EQ(contentOf(set.output->status()),
+            (std::map<EmLogicalKey, EmRequestStatus>{{kB, tableStatus(kB, kH1)}}));
+  EXPECT_TRUE(traces.messages().empty());
+}
+
+// Any sequence of statuses, handled late or at once: in the end each key has a status that stands, or none
+// where none stands.
+TEST(SwTableStatus, RandomAnswersEndInStatusesThatStand) {
+  for (unsigned seed = 0; seed < 500; ++seed) {
+    std::mt19937 random(seed);
+    TableStatusSetUp set(below(random, 3), seed);
+    set.start();
+    for (int step = 0; step < 60; ++step) {
+      const EmHwKey hwKey = mplsHwKey(below(random, 4));
+      if (random() % 3 == 0) {
+        set.input->statusDel(hwKey);
+      } else {
+        set.answer(hwKey, random() % 2 == 0 ? kA : kB,
+                   random() % 4 == 0 ? HwState::hwFail : HwState::hwSuccess);
+      }
+      set.bench.scheduler->run(random() % 3);
+      if (step == 30) {
+        set.stage.reset();
+        set.start();
+      }
+    }
+    set.bench.settle();
+    std::map<EmLogicalKey, std::size_t> standing;
+    for (const auto& [hwKey, status] : contentOf(set.input->status())) {
+      ++standing[status.emLogicalKeyAndEntry.emLogicalKey];
+    }
+    ASSERT_EQ(set.output->status().size(), standing.size()) << "seed " << seed;
+    for (const auto& [key, status] : contentOf(set.output->status())) {
+      const auto stands = set.input->status(status.emSwTableKeyFapCore);
+      ASSERT_TRUE(stands.has_value()) << "seed " << seed;
+      ASSERT_EQ(status, tableStatus(stands->emLogicalKeyAndEntry.emLogicalKey, status.emSwTableKeyFapCore,
+                                    static_cast<EmStatus>(stands->status)));
+      ASSERT_EQ(status.emLogicalKey, key);
+    }
+    set.input->statusDelAll();
+    set.bench.settle();
+    ASSERT_TRUE(set.output->status().empty()) << "seed " << seed;
+    ASSERT_EQ(localEntries(*set.stage), 0u) << "seed " << seed;
+  }
+}
+
+// The writer and the status stage together, under a table that answers whenever and in whatever order it
+// likes.
+TEST(SwTableStatus, AMovedKeyKeepsTheStatusOfWhereItIs) {
+  std::size_t staleAnswers = 0;
+  for (unsigned seed = 0; seed < 400; ++seed) {
+    std::mt19937 random(seed);
+    TableStatusSetUp set(below(random, 2), seed);
+    const auto config = std::make_shared<EmSwTableConfig>();
+    const auto interface = std::make_shared<FakeInterface<Asic::IsemMplsKilnInterface>>();
+    const auto table = std::make_shared<FakeTable<Asic::IsemMplsKilnSwTable>>();
+    interface->tables[Asic::UnitId::allFap()] = table;
+    const TraceCapture traces(8);
+    const auto writer = isemMplsSwTableWriterFactory(config, set.input, "writer", set.bench.status, interface,
+                                                     set.bench.control());
+    set.start();
+    std::uint32_t place = 0;
+    const unsigned moves = 2 + below(random, 5);
+    for (unsigned move = 0; move <= moves; ++move) {
+      const std::uint32_t next = move == moves ? 1 : 1 + below(random, 2 + seed % 2);
+      // As conflict resolution does it: first where it goes, then where it was.
+      config->configIs(mplsHwKey(next), {kA, mplsEntry(1)});
+      if (place != next) config->configDel(mplsHwKey(place));
+      place = next;
+      if (random() % 2 == 0) {
+        set.bench.settle();
+      } else {
+        set.bench.scheduler->run(random() % 4);
+      }
+      while (!table->waiting.empty() && random() % 3 == 0) table->answer(random() % table->waiting.size());
+    }
+    for (set.bench.settle(); !table->waiting.empty(); set.bench.scheduler->run(random() % 3)) {
+      table->answer(random() % table->waiting.size());
+    }
+    set.bench.settle();
+    staleAnswers += traces.count(8, "another write in-flight");
+    ASSERT_EQ(contentOf(set.output->status()),
+              (std::map<EmLogicalKey, EmRequestStatus>{{kA, tableStatus(kA, kH1)}}))
+        << "seed " << seed;
+    ASSERT_EQ(table->entrys().size(), 1u);
+    ASSERT_EQ(localEntries(*set.stage), 1u) << "seed " << seed;
+  }
+  EXPECT_GT(staleAnswers, 100u);
+}
+
+// --- Per-key status
+// ------------------------------------------------------------------------------------------
+
+struct KeyStatusSetUp {
+  void start() {
+    stage = bench.create(
+        [&] { return emStatusSmFactory(table, conflict, out, "emStatus", bench.status, bench.control()); });
+    bench.settle();
+  }
+  Bench bench{1};
+  Ref<EmLogicalKeyToStatus> table = std::make_shared<EmLogicalKeyToStatus>();
+  Ref<EmConflictStatus> conflict = std::make_shared<EmConflictStatus>();
+  Ref<EmLogicalKeyToStatus> out = std::make_shared<EmLogicalKeyToStatus>();
+  Ref<EmStatusSm> stage;
+};
+
+TEST(KeyStatus, TheTablesStatusTakesPrecedence) {
+  KeyStatusSetUp set;
+  set.start();
+  const TraceCapture traces(0);
+  const EmRequestStatus refused{kA, mplsEntry(1), kH1, EmStatus::hwKeyConflict};
+  const auto expectOut = [&](const std::optional<EmRequestStatus>& expected, std::size_t unexpected) {
+    set.bench.settle();
+    EXPECT_EQ(set.out->status(kA), expected);
+    EXPECT_EQ(traces.count(0, "Unexpected table status"), unexpected);
+  };
+  set.conflict->statusIs(refused);
+  expectOut(refused, 0);
+  set.table->statusIs(tableStatus(kA, kH1));
+  expectOut(tableStatus(kA, kH1), 1);
+  set.conflict->statusIs({kA, mplsEntry(2), kH1, EmStatus::hwKeyConflict});
+  expectOut(tableStatus(kA, kH1), 1);  // not looked at from that side
+  set.table->statusDel(kA);
+  expectOut(EmRequestStatus{kA, mplsEntry(2), kH1, EmStatus::hwKeyConflict}, 1);
+  set.conflict->statusDel(kA);
+  expectOut(std::nullopt, 1);
+  set.table->statusIs(tableStatus(kA, kH2));
+  expectOut(tableStatus(kA, kH2), 1);
+}
+
+// --- Per-database status
+// -------------------------------------------------------------------------------------
+
+using RequestKey = KilnTunnelNiLib::IsemEntryKey;
+using Request = KilnTunnelNiLib::IsemSrvConfigEntry;
+using Answer = KilnTunnelNiLib::IsemSrvStatusEntry;
+using KilnTunnelNiLib::RequestKind;
+const auto kRequestKey = requestKeyAs<RequestKey>(kA);
+
+struct FeatureStatusSetUp {
+  void start() {
+    stage = bench.create([&] {
+      return isemSrvStatusSmFactory(FeatureType::mpls, emStatus, config, status, "isemStatus", bench.status,
+                                    bench.control());
+    });
+    bench.settle();
+  }
+  void request(std::uint32_t version, std::uint32_t lif = 1, RequestKind kind = RequestKind::add) {
+    config->config().is(kRequestKey, Request{{mplsEntry(lif).emEntry}, version, kind});
+    bench.settle();
+  }
+  void serverSays(std::uint32_t version, EmStatus state, std::uint32_t lif = 1) {
+    emStatus->statusIs(tableStatus(kA, kH1, state, mplsEntry(lif, version)));
+    bench.settle();
+  }
+  [[nodiscard]] std::optional<Answer> published() const { return status->status().get(kRequestKey); }
+  static Answer answer(std::uint32_t version, EmStatus state) {
+    return {kRequestKey, 0, version, 1, state, 1};
+  }
+
+  Bench bench{1};
+  Ref<EmLogicalKeyToStatus> emStatus = std::make_shared<EmLogicalKeyToStatus>();
+  Ref<KilnTunnelNiLib::IsemSrvConfig> config =
+      std::make_shared<KilnTunnelNiLib::IsemSrvConfig>(std::make_unique<Collection<RequestKey, Request>>());
+  Ref<KilnTunnelNiLib::IsemSrvStatus> status =
+      std::make_shared<KilnTunnelNiLib::IsemSrvStatus>(std::make_unique<Collection<RequestKey, Answer>>());
+  Ref<IsemSrvStatusSm> stage;
+};
+
+TEST(FeatureStatus, OnlyAnswersToTheCurrentRequestArePublished) {
+  FeatureStatusSetUp set;
+  set.start();
+  set.request(1);
+  EXPECT_EQ(set.published(), std::nullopt);
+  set.serverSays(1, EmStatus::hwSuccess);
+  EXPECT_EQ(set.published(), set.answer(1, EmStatus::hwSuccess));
+  set.request(2);  // raised: the old answer stays, under its old version
+  EXPECT_EQ(set.published(), set.answer(1, EmStatus::hwSuccess));
+  set.serverSays(2, EmStatus::hwFail);
+  EXPECT_EQ(set.published(), set.answer(2, EmStatus::hwFail));
+  set.request(2, 9);  // another entry under the same version
+  set.serverSays(2, EmStatus::hwSuccess);
+  EXPECT_EQ(set.published(), set.answer(2, EmStatus::hwFail));
+  set.serverSays(2, EmStatus::hwSuccess, 9);
+  EXPECT_EQ(set.published(), set.answer(2, EmStatus::hwSuccess));
+  set.emStatus->statusDel(kA);
+  set.bench.settle();
+  EXPECT_EQ(set.published(), set.answer(2, EmStatus::hwSuccess));
+  set.serverSays(2, EmStatus::hwSuccess, 9);
+  set.config->config().del(kRequestKey);
+  set.bench.settle();
+  EXPECT_TRUE(set.status->status().empty());
+}
+
+TEST(FeatureStatus, AHeldRequestIsAnsweredWhateverTheServerHolds) {
+  FeatureStatusSetUp set;
+  set.start();
+  set.request(1);
+  set.serverSays(1, EmStatus::hwSuccess);
+  set.request(5, 1, RequestKind::hold);
+  EXPECT_EQ(set.published(), (Answer{kRequestKey, 0, 5, 1, EmStatus::hwPending, 3}));
+  set.serverSays(5, EmStatus::hwFail);
+  EXPECT_EQ(set.published()->result, 3);
+}
+
+TEST(FeatureStatus, OtherFeaturesStatusesNeverArrive) {
+  FeatureStatusSetUp set;
+  set.start();
+  set.request(1);
+  set.emStatus->statusIs(tableStatus(kB, kH1));
+  set.bench.settle();
+  EXPECT_TRUE(set.status->status().empty());
+}
+
+TEST(FeatureStatus, ARestartShowsNoStatusThatVanishesAndReturns) {
+  FeatureStatusSetUp set;
+  set.request(1);
+  set.status->statusIs(set.answer(1, EmStatus::hwSuccess));
+  auto orphan = set.answer(1, EmStatus::hwSuccess);
+  orphan.key = requestKeyAs<RequestKey>(mplsKey(FeatureType::mpls, 99));
+  set.status->statusIs(orphan);
+  const Recorder recorder(set.status->status());
+  set.start();
+  EXPECT_TRUE(set.bench.completed("isemStatus"));
+  set.serverSays(1, EmStatus::hwSuccess);
+  EXPECT_EQ(recorder.deletions(), std::vector<RequestKey>{orphan.key});
+  EXPECT_EQ(recorder.changes.size(), 1u);
+}
+
+}  // namespace
+}  // namespace KilnTest
