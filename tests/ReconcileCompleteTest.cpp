@@ -1,0 +1,104 @@
+// Completion of restart reconciliation: told once, when the hardware is done.
+#include "server/ReconcileCompleteSm.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+
+namespace KilnTest {
+namespace {
+
+class Subscribers {
+ public:
+  void add(Asic::ChangeSubscriber& subscriber) { all.push_back(&subscriber); }
+  void del(Asic::ChangeSubscriber& subscriber) { std::erase(all, &subscriber); }
+  void tell() const {
+    const auto told = all;
+    for (Asic::ChangeSubscriber* subscriber : told) subscriber->handleChange();
+  }
+  std::vector<Asic::ChangeSubscriber*> all;
+};
+
+struct FakeStatus final : Asic::OrderedTableStatus {
+  explicit FakeStatus(bool isPending) : pending(isPending) {}
+  [[nodiscard]] bool pendingHwWrites() const override { return pending; }
+  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.add(subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.del(subscriber); }
+  void pendingIs(bool isPending) {
+    pending = isPending;
+    subscribers.tell();
+  }
+  bool pending;
+  mutable Subscribers subscribers;
+};
+
+struct FakeOrderedTables final : Asic::OrderedTableInterface {
+  void reconcileComplete() override { calls += "reconcile "; }
+  void commitHwWrites() override { calls += "commit "; }
+  [[nodiscard]] Ref<const Asic::OrderedTableStatus> status() const override { return exposed; }
+  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.add(subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.del(subscriber); }
+  void expose(Ref<FakeStatus> next) {
+    exposed = std::move(next);
+    subscribers.tell();
+  }
+  std::string calls;
+  Ref<FakeStatus> exposed;
+  mutable Subscribers subscribers;
+};
+
+class ReconcileComplete : public testing::Test {
+ protected:
+  void start(Ref<FakeStatus> exposed) {
+    tables->exposed = std::move(exposed);
+    sm = reconcileCompleteSmFactory("done", record, tables);
+  }
+  [[nodiscard]] bool completed() const { return record->completedHas("done"); }
+  Ref<DependencyStatusRecord> record = std::make_shared<DependencyStatusRecord>();
+  Ref<FakeOrderedTables> tables = std::make_shared<FakeOrderedTables>();
+  Ref<ReconcileCompleteSm> sm;
+};
+
+TEST_F(ReconcileComplete, WithoutAStatusAtOnceAfterTheCommit) {
+  start(nullptr);
+  EXPECT_EQ(tables->calls, "reconcile commit ");
+  EXPECT_TRUE(completed());
+}
+
+TEST_F(ReconcileComplete, WaitsForTheHardwareAndTellsOnce) {
+  const auto status = std::make_shared<FakeStatus>(true);
+  start(status);
+  status->pendingIs(true);
+  EXPECT_FALSE(completed());
+  status->pendingIs(false);
+  EXPECT_TRUE(completed());
+  const Recorder recorder(record->completed());
+  record->completedDel("done");
+  status->pendingIs(true);
+  status->pendingIs(false);
+  tables->expose(nullptr);
+  EXPECT_EQ(recorder.changes.size(), 1u);
+  EXPECT_EQ(tables->calls, "reconcile commit ");
+}
+
+TEST_F(ReconcileComplete, FollowsTheStatusThatIsExposed) {
+  const auto first = std::make_shared<FakeStatus>(true);
+  const auto second = std::make_shared<FakeStatus>(true);
+  start(first);
+  tables->expose(second);
+  first->pendingIs(false);
+  EXPECT_FALSE(completed());
+  EXPECT_TRUE(first->subscribers.all.empty());
+  const auto third = std::make_shared<FakeStatus>(false);
+  tables->expose(third);  // looked at without a change of its flag
+  EXPECT_TRUE(completed());
+  sm.reset();
+  EXPECT_TRUE(third->subscribers.all.empty() && tables->subscribers.all.empty());
+}
+
+}  // namespace
+}  // namespace KilnTest

@@ -1,0 +1,312 @@
+// Table writers: what reaches the table, and which of its answers count.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "TestSupport.h"
+#include "program/EsemFodoSwTableWriter.h"
+#include "program/EsemFodoVdSwTableWriter.h"
+#include "program/Isem1TagSwTableWriter.h"
+#include "program/Isem2TagSwTableWriter.h"
+#include "program/IsemInnerEthSwTableWriter.h"
+#include "program/IsemMplsSwTableWriter.h"
+#include "program/IsemUntaggedSwTableWriter.h"
+#include "program/LemVpwsAcSwTableWriter.h"
+
+namespace KilnTest {
+namespace {
+
+using HwState = EmHwKeyStatus::State;
+using TableState = Asic::SwTableBase::EntryState;
+using MplsTable = FakeTable<Asic::IsemMplsKilnSwTable>;
+using MplsInterface = FakeInterface<Asic::IsemMplsKilnInterface>;
+
+const EmHwKey kH1 = mplsHwKey(1);
+const EmLogicalKey kL1 = mplsKey(FeatureType::mpls, 1);
+
+EmLogicalKeyAndEntry wanted(std::uint32_t lif, const EmLogicalKey& key = kL1) {
+  return {key, mplsEntry(lif)};
+}
+
+class WriterTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    interface->tables[Asic::UnitId::allFap()] = table;
+    start();
+  }
+  void start() {
+    writer = bench.create([&] {
+      return isemMplsSwTableWriterFactory(config, status, "writer", bench.status, interface, bench.control());
+    });
+    bench.settle();
+  }
+  void want(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& value) {
+    config->configIs(hwKey, value);
+    bench.settle();
+  }
+  void drop(const EmHwKey& hwKey) {
+    config->configDel(hwKey);
+    bench.settle();
+  }
+
+  Bench bench{1};
+  Ref<EmSwTableConfig> config = std::make_shared<EmSwTableConfig>();
+  Ref<EmSwTableStatus> status = std::make_shared<EmSwTableStatus>();
+  Ref<MplsTable> table = std::make_shared<MplsTable>();
+  Ref<MplsInterface> interface = std::make_shared<MplsInterface>();
+  Ref<IsemMplsSwTableWriter> writer;
+};
+
+TEST_F(WriterTest, WritesAndReportsWhatTheTableAnswers) {
+  EXPECT_TRUE(bench.completed("writer"));
+  want(kH1, wanted(5));
+  ASSERT_EQ(table->waiting.size(), 1u);
+  EXPECT_EQ(table->waiting[0].key, (KilnTunnelNiLib::IsemMplsEntryKey{1, 0}));
+  EXPECT_EQ(table->waiting[0].entry, (KilnTunnelNiLib::IsemMplsEntry{5, 0}));
+  EXPECT_TRUE(status->status().empty());
+  table->answer(0);
+  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(5), HwState::hwSuccess}));
+  want(kH1, wanted(6));
+  table->answer(0, TableState::noResource_);
+  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(6), HwState::hwFail}));
+  bench.settle();
+  EXPECT_EQ(table->writes, 2u);  // a failed write is not repeated
+  drop(kH1);
+  EXPECT_TRUE(status->statusHas(kH1));
+  table->answer(0);
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_EQ(localEntries(*writer), 0u);
+}
+
+TEST_F(WriterTest, OnlyTheLatestWriteSetsTheStatus) {
+  const TraceCapture traces(8);
+  for (const bool oldFirst : {true, false}) {
+    want(kH1, wanted(1));
+    want(kH1, wanted(2));
+    if (oldFirst) {
+      table->answer(0, TableState::refused_);
+      EXPECT_TRUE(status->status().empty());
+      table->answer(0);
+    } else {
+      table->answer(1);
+      table->answer(0, TableState::refused_);
+    }
+    EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(2), HwState::hwSuccess}));
+    drop(kH1);
+    table->answer(0);
+  }
+  EXPECT_EQ(traces.count(8, "another write in-flight"), 2u);
+}
+
+TEST_F(WriterTest, TheAnswerToAWriteThatWasWithdrawnIsDropped) {
+  for (const bool writeFirst : {true, false}) {
+    want(kH1, wanted(1));
+    drop(kH1);
+    ASSERT_EQ(table->waiting.size(), 2u);
+    table->answer(writeFirst ? 0 : 1);
+    table->answer(0);
+    EXPECT_TRUE(status->status().empty());
+    EXPECT_EQ(localEntries(*writer), 0u);
+  }
+}
+
+TEST_F(WriterTest, ADeleteThatWasOvertakenDeletesNothing) {
+  want(kH1, wanted(1));
+  table->answer(0);
+  drop(kH1);
+  want(kH1, wanted(2));
+  table->answer(1);
+  EXPECT_EQ(status->status(kH1)->emLogicalKeyAndEntry, wanted(2));
+  table->answer(0);
+  EXPECT_TRUE(status->statusHas(kH1));
+  drop(kH1);
+  want(kH1, wanted(3));
+  drop(kH1);
+  ASSERT_EQ(table->waiting.size(), 3u);
+  table->answer(0);  // the first delete, while the second one is out
+  EXPECT_TRUE(status->statusHas(kH1));
+  EXPECT_GT(localEntries(*writer), 0u);
+  table->answer(1);
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_EQ(localEntries(*writer), 0u);
+  // The records are gone, and the write that was never answered is still recognised as stale.
+  want(kH1, wanted(4));
+  table->answer(0, TableState::refused_);
+  EXPECT_TRUE(status->status().empty());
+  table->answer(0);
+  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(4), HwState::hwSuccess}));
+}
+
+TEST_F(WriterTest, ATableMayAnswerInsideTheCall) {
+  table->answerInside = true;
+  for (std::uint32_t label = 1; label <= 5; ++label) config->configIs(mplsHwKey(label), wanted(label));
+  bench.settle();
+  EXPECT_EQ(status->status().size(), 5u);
+  writer.reset();
+  config->configDel(mplsHwKey(1));
+  config->configDel(mplsHwKey(2));
+  start();  // its scan deletes what it walks
+  EXPECT_EQ(status->status().size(), 3u);
+  EXPECT_EQ(table->removals, 2u);
+  config->configDelAll();
+  bench.settle();
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_TRUE(table->entrys().empty());
+}
+
+TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
+  want(kH1, wanted(1));
+  want(mplsHwKey(2), wanted(2));
+  drop(mplsHwKey(2));
+  const std::weak_ptr<IsemMplsSwTableWriter> gone = writer;
+  writer.reset();
+  EXPECT_TRUE(gone.expired());  // what waits at the table does not keep the writer alive
+  table->answerAll();
+  EXPECT_TRUE(status->status().empty());
+  start();
+  table->answerAll();
+  EXPECT_TRUE(status->statusHas(kH1));
+}
+
+TEST_F(WriterTest, ARestartRemovesWhatIsWantedNoMore) {
+  want(kH1, wanted(1));
+  want(mplsHwKey(2), wanted(2));
+  table->answerAll();
+  writer.reset();
+  config->configDel(mplsHwKey(2));
+  const Recorder recorder(status->status());
+  start();
+  table->answerAll();
+  EXPECT_EQ(recorder.deletions(), std::vector<EmHwKey>{mplsHwKey(2)});
+  EXPECT_TRUE(recorder.of(kH1).empty());
+  EXPECT_EQ(table->entrys().size(), 1u);
+}
+
+TEST_F(WriterTest, KeysOfOtherTablesAreLeftAlone) {
+  EmHwKey other = kH1;
+  other.emResolvedKey = KilnTunnelNiLib::EsemFodoEntryKey{KilnPlatform::U18(1)};
+  want(other, wanted(1));
+  drop(other);
+  EXPECT_EQ(table->writes + table->removals, 0u);
+}
+
+TEST_F(WriterTest, NoTableHoldsDivergentKeys) {
+  const FapId fap(4);
+  const LocalCoreId core(2);
+  const EmHwKey divergent = mplsHwKey(1, fap, core);
+  const auto own = wanted(1, mplsKey(FeatureType::mpls, 1, fap, core));
+  want(divergent, own);
+  EXPECT_EQ(status->status(divergent), (EmSwTableStatusEntry{own, HwState::hwFail}));
+  want(divergent, wanted(2));  // the convergent twin's winner has its status there
+  EXPECT_TRUE(status->status().empty());
+  want(divergent, own);
+  drop(divergent);
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_EQ(table->writes + table->removals, 0u);
+  EXPECT_DEATH(writer->deleteTableEntry(divergent, {}),
+               "Assertion failed: emHwKey.fapId\\(\\) == Hardware::Kiln::FapId::allFap\\(\\)");
+}
+
+TEST_F(WriterTest, WhatReachesNoTableFailsOnWriteAndSucceedsOnDelete) {
+  auto wrongEntry = wanted(1);
+  wrongEntry.emEntry.emEntry = KilnTunnelNiLib::EsemFodoEntry{1, 1};
+  const TraceCapture traces(0);
+  want(kH1, wrongEntry);
+  table->answerAll();  // of the removal of what an earlier write may have left
+  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wrongEntry, HwState::hwFail}));
+  EXPECT_EQ(traces.count(0, "reached no table"), 1u);
+  EXPECT_EQ(table->writes, 0u);
+  for (const bool missing : {true, false}) {
+    interface->tables.clear();
+    if (!missing)
+      interface->tables[Asic::UnitId::allFap()] = std::make_shared<FakeTable<Asic::EsemFodoKilnSwTable>>();
+    want(kH1, wanted(missing ? 2 : 3));
+    ASSERT_TRUE(status->statusHas(kH1));
+    EXPECT_EQ(status->status(kH1)->status, HwState::hwFail);
+    drop(kH1);
+    EXPECT_TRUE(status->status().empty());
+  }
+  EXPECT_EQ(writer->numEntries(FapId::allFap(), LocalCoreId::all()), 0u);
+}
+
+TEST_F(WriterTest, ARefusedDeleteIsFatal) {
+  want(kH1, wanted(1));
+  drop(kH1);
+  EXPECT_DEATH(table->answer(1, TableState::refused_),
+               "Assertion failed: entryState == Asic::SwTableBase::success\\(\\) \\(stage writer");
+}
+
+TEST_F(WriterTest, CountsTheEntriesOfAChipsUnit) {
+  auto chip = std::make_shared<MplsTable>();
+  chip->answerInside = true;
+  interface->tables[Asic::UnitId::ofFap(FapId(3))] = chip;
+  chip->entryWriteWithResponseHandler({7, 0}, {}, nullptr, [](const auto& /*handle*/) {});
+  EXPECT_EQ(writer->numEntries(FapId(3), LocalCoreId(0)), 1u);
+  EXPECT_EQ(writer->numEntries(FapId(4), LocalCoreId(0)), 0u);
+}
+
+// --- Each of the eight
+// ---------------------------------------------------------------------------------------
+
+template <class Writer, class Table, class Held, auto Factory>
+struct WriterKind {
+  using WriterClass = Writer;
+  using TableClass = Table;
+  using HeldClass = Held;
+  static constexpr auto kFactory = Factory;
+};
+
+template <class Kind>
+class EachWriter : public testing::Test {};
+using namespace Asic;  // NOLINT: the list below would drown in it
+using Kinds = testing::Types<
+    WriterKind<IsemUntaggedSwTableWriter, IsemUntaggedKilnSwTable, IsemUntaggedKilnInterface,
+               isemUntaggedSwTableWriterFactory>,
+    WriterKind<Isem1TagSwTableWriter, Isem1TagKilnSwTable, Isem1TagKilnInterface,
+               isem1TagSwTableWriterFactory>,
+    WriterKind<Isem2TagSwTableWriter, Isem2TagKilnSwTable, Isem2TagKilnInterface,
+               isem2TagSwTableWriterFactory>,
+    WriterKind<IsemInnerEthSwTableWriter, IsemInnerEthKilnSwTable, IsemInnerEthKilnInterface,
+               isemInnerEthSwTableWriterFactory>,
+    WriterKind<IsemMplsSwTableWriter, IsemMplsKilnSwTable, IsemMplsKilnInterface,
+               isemMplsSwTableWriterFactory>,
+    WriterKind<EsemFodoVdSwTableWriter, EsemFodoVdKilnSwTable, EsemFodoVdKilnInterface,
+               esemFodoVdSwTableWriterFactory>,
+    WriterKind<EsemFodoSwTableWriter, EsemFodoKilnSwTable, EsemFodoKilnSwTable, esemFodoSwTableWriterFactory>,
+    WriterKind<LemVpwsAcSwTableWriter, LemVpwsAcKilnSwTable, LemVpwsAcKilnSwTable,
+               lemVpwsAcSwTableWriterFactory>>;
+TYPED_TEST_SUITE(EachWriter, Kinds);
+
+TYPED_TEST(EachWriter, ProgramsItsOwnTable) {
+  using Table = typename TypeParam::TableClass;
+  const Bench bench;
+  const auto config = std::make_shared<EmSwTableConfig>();
+  const auto status = std::make_shared<EmSwTableStatus>();
+  const auto table = std::make_shared<FakeTable<Table>>();
+  table->answerInside = true;
+  Ref<typename TypeParam::HeldClass> held;
+  if constexpr (std::is_same_v<typename TypeParam::HeldClass, Table>) {
+    held = table;
+  } else {
+    const auto interface = std::make_shared<FakeInterface<typename TypeParam::HeldClass>>();
+    interface->tables[Asic::UnitId::allFap()] = table;
+    held = interface;
+  }
+  const auto writer = TypeParam::kFactory(config, status, "writer", bench.status, held, bench.control());
+  const typename Table::Key key{};
+  const EmHwKey hwKey{FapId::allFap(), LocalCoreId::all(), key};
+  EXPECT_EQ(writer->emResolvedKeyType(), hwKey.emResolvedKey.tag());
+  config->configIs(hwKey, {kL1, {EmEntry(typename Table::Entry{}), 1}});
+  bench.settle();
+  ASSERT_TRUE(status->statusHas(hwKey));
+  EXPECT_EQ(status->status(hwKey)->status, HwState::hwSuccess);
+  EXPECT_TRUE(table->entrys().has(key));
+  config->configDel(hwKey);
+  bench.settle();
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_TRUE(table->entrys().empty());
+}
+
+}  // namespace
+}  // namespace KilnTest
