@@ -107,8 +107,9 @@ class Generator {
   }
 
   void run() {
-    line("// {} requests, mix {}, seed {}.", requests_, kScenarioMixNames[static_cast<std::size_t>(mix_)],
-         seed_);
+    line("// kiln-agent generate --requests {} --seed {} --mix {}", requests_, seed_,
+         kScenarioMixNames[static_cast<std::size_t>(mix_)]);
+    line("// Requests that overlap on some hardware keys, some of them of kind hold.");
     if (mix_ != ScenarioMix::direct) {
       line(R"({{"op":"vlanDomains","mode":"manual"}})");
       allotDomains(false);
@@ -149,7 +150,7 @@ class Generator {
 
   static std::uint64_t intfId(std::uint64_t interface) { return 1000 + interface; }
   static std::uint64_t systemTcamId(std::uint64_t interface) { return interface % 4; }
-  static bool sharesDomain(std::uint64_t interface) { return interface % 40 == 39; }
+  static bool sharesDomain(std::uint64_t interface) { return interface % 8 == 5; }
   static bool domainComesLate(std::uint64_t interface) { return interface % 10 == 7; }
 
   void allotDomains(bool late) {

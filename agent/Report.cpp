@@ -100,8 +100,9 @@ void addTables(Lines out, const EmbeddedAgent& agent) {
     const std::size_t capacity = std::max<std::size_t>(table.capacity(), 1);
     // An entry shows as at least one mark, and only a full table as a full bar.
     const std::size_t marks = fill == 0 ? 0 : std::max<std::size_t>(1, fill * kBarWidth / capacity);
-    fmt::format_to(out, "  {:13} [{:#<{}}{:.<{}}] {} of {}", table.stem(), "", marks, "", kBarWidth - marks,
-                   grouped(fill), grouped(table.capacity()));
+    fmt::format_to(out, "  {:13} [{:#<{}}{:.<{}}] {} of {} ({:.1f} %)", table.stem(), "", marks, "",
+                   kBarWidth - marks, grouped(fill), grouped(table.capacity()),
+                   100.0 * static_cast<double>(fill) / static_cast<double>(capacity));
     if (table.held() != 0) fmt::format_to(out, ", {} answers held", grouped(table.held()));
     fmt::format_to(out, "\n");
   });
