@@ -162,7 +162,7 @@ ChipConfig readChipFile(const std::string& path) {
   try {
     return readChip(Json::parse(file, nullptr, true, true));
   } catch (const Json::exception& error) {
-    throw InputError(fmt::format("{}: {}", path, error.what()));
+    throw InputError(fmt::format("{}: {}", path, parseErrorText(error)));
   } catch (const InputError& error) {
     throw InputError(fmt::format("{}: {}", path, error.what()));
   }

@@ -1,12 +1,13 @@
 #include "agent/GraphText.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string_view>
 #include <vector>
-
-#include "agent/JsonValue.h"
 
 namespace KilnAgent {
 namespace {
@@ -63,12 +64,12 @@ std::string graphJson(const KilnEmServer::StageGraph& graph) {
   std::string_view separator = "\n";
   for (const Node& node : graph.nodes) {
     text += separator;
-    text += Json{{"stage", node.stage},
-                 {"reads", node.reads},
-                 {"feedbackReads", node.feedbackReads},
-                 {"writes", node.writes},
-                 {"waitsForCollections", node.waitsForCollections},
-                 {"waitsForStages", node.waitsForStages}}
+    text += nlohmann::ordered_json{{"stage", node.stage},
+                                   {"reads", node.reads},
+                                   {"feedbackReads", node.feedbackReads},
+                                   {"writes", node.writes},
+                                   {"waitsForCollections", node.waitsForCollections},
+                                   {"waitsForStages", node.waitsForStages}}
                 .dump();
     separator = ",\n";
   }

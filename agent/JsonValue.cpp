@@ -37,6 +37,13 @@ void JsonPath::fail(std::string_view wrong) const {
   throw InputError(path.empty() ? std::string(wrong) : fmt::format("{}: {}", path, wrong));
 }
 
+std::string parseErrorText(const Json::exception& error) {
+  std::string text = error.what();
+  if (const std::size_t code = text.find("] "); code != std::string::npos) text.erase(0, code + 2);
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
 void requireObject(const Json& json, const JsonPath& path) {
   if (!json.is_object()) path.fail(fmt::format("expected an object, found {}", kindOf(json)));
 }

@@ -34,6 +34,8 @@ struct JsonPath {
   [[noreturn]] void fail(std::string_view wrong) const;
 };
 
+/// What the JSON library says of malformed text, in one line.
+std::string parseErrorText(const Json::exception& error);
 /// Throws unless `json` is an object.
 void requireObject(const Json& json, const JsonPath& path);
 /// The member of an object; throws where there is none.

@@ -256,7 +256,7 @@ Json parseLine(std::string_view line) {
   try {
     return Json::parse(line, DuplicateMembers());
   } catch (const Json::parse_error& error) {
-    throw InputError(fmt::format("not a line of JSON: {}", error.what()));
+    throw InputError(fmt::format("not a line of JSON: {}", parseErrorText(error)));
   }
 }
 

@@ -40,9 +40,12 @@ void addDatabase(Lines out, const MemoryStateStore& store, FeatureType feature, 
   const auto rows = sortedRows(requests->config());
   std::map<std::string_view, std::size_t> counts;
   for (const auto& [key, request] : rows) ++counts[outcomeOf<Db>(request, statuses->status().find(key))];
-  fmt::format_to(out, "  {} {}: {}", feature, Db::kEmType, grouped(rows.size()));
-  for (const auto& [outcome, count] : counts) fmt::format_to(out, ", {} {}", grouped(count), outcome);
-  fmt::format_to(out, "\n");
+  fmt::format_to(out, "  {} {}: {} (", feature, Db::kEmType, grouped(rows.size()));
+  std::string_view separator;
+  for (const auto& [outcome, count] : counts) {
+    fmt::format_to(out, "{}{} {}", std::exchange(separator, ", "), grouped(count), outcome);
+  }
+  fmt::format_to(out, ")\n");
   for (std::size_t i = 0; i < std::min(rows.size(), rowLimit); ++i) {
     const auto& [key, request] = rows[i];
     fmt::format_to(

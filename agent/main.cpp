@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,7 +54,7 @@ struct GraphArguments {
 struct GenerateArguments {
   std::uint64_t requests = 0;
   std::uint64_t seed = 1;
-  ScenarioMix mix = ScenarioMix::metro;
+  std::string mix = std::string(kScenarioMixNames[0]);
 };
 
 /// One line on standard error that is overwritten as the run goes on; nothing where that is no terminal.
@@ -196,15 +198,16 @@ void addGenerate(CLI::App& app, GenerateArguments& arguments) {
       app.add_subcommand("generate", "Writes a scenario of realistic shape to standard output");
   command->add_option("--requests", arguments.requests, "How many different requests")->required();
   command->add_option("--seed", arguments.seed, "Another seed makes another scenario")->capture_default_str();
-  std::vector<std::pair<std::string, ScenarioMix>> mixes;
-  for (const std::string_view name : kScenarioMixNames) {
-    mixes.emplace_back(name, static_cast<ScenarioMix>(mixes.size()));
-  }
+  const std::vector<std::string> names(std::begin(kScenarioMixNames), std::end(kScenarioMixNames));
   command
       ->add_option("--mix", arguments.mix,
                    "metro: all key types; direct: those without VLAN domain; vlan: those with one")
-      ->transform(CLI::CheckedTransformer(mixes));
-  command->callback([&] { generateScenario(stdout, arguments.requests, arguments.seed, arguments.mix); });
+      ->check(CLI::IsMember(names))
+      ->capture_default_str();
+  command->callback([&arguments, names] {
+    const auto mix = std::find(names.begin(), names.end(), arguments.mix) - names.begin();
+    generateScenario(stdout, arguments.requests, arguments.seed, static_cast<ScenarioMix>(mix));
+  });
 }
 
 int runCommandLine(int argc, char** argv) {
@@ -222,7 +225,9 @@ int runCommandLine(int argc, char** argv) {
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
   } catch (const CLI::ParseError& error) {
-    throw InputError(fmt::format("{}; see kiln-agent --help", error.what()));
+    std::string text = error.what();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    throw InputError(fmt::format("{}; see kiln-agent --help", text));
   }
   return result;
 }
