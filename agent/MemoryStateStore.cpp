@@ -15,12 +15,6 @@ MemoryStateStore::Records<Db>::Records(const MemoryStateStore& store, FeatureTyp
 }
 
 template <class Db>
-MemoryStateStore::Records<Db>::~Records() {
-  config->config().unsubscribe(requestWatch);
-  status->status().unsubscribe(statusWatch);
-}
-
-template <class Db>
 void MemoryStateStore::Records<Db>::subscribe() {
   config->config().subscribe(requestWatch);
   status->status().subscribe(statusWatch);

@@ -137,7 +137,10 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     using Db = Database;
     using Key = typename Db::EntryKey;
     Records(const MemoryStateStore& store, KilnEmServer::FeatureType feature);
-    ~Records();
+    ~Records() {
+      config->config().unsubscribe(requestWatch);
+      status->status().unsubscribe(statusWatch);
+    }
     Records(const Records&) = delete;
     Records& operator=(const Records&) = delete;
     void subscribe();

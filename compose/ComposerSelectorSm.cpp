@@ -26,10 +26,12 @@ void ComposerSelectorSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEn
 
 Ref<ComposerSelectorSm> composerSelectorSmFactory(EmComposerKeyUnionTag composerType,
                                                   Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
-                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig, std::string name,
-                                                  Ref<DependencyStatus> dependencyStatus, StageControl smControl) {
-  return makeStage<ComposerSelectorSm>(composerType, std::move(emLogicalKeyToEntry), std::move(emLogicalKeyConfig),
-                                       std::move(name), std::move(dependencyStatus), std::move(smControl));
+                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig,
+                                                  std::string name, Ref<DependencyStatus> dependencyStatus,
+                                                  StageControl smControl) {
+  return makeStage<ComposerSelectorSm>(composerType, std::move(emLogicalKeyToEntry),
+                                       std::move(emLogicalKeyConfig), std::move(name),
+                                       std::move(dependencyStatus), std::move(smControl));
 }
 
 }  // namespace KilnEmServer

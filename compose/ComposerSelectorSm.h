@@ -29,7 +29,8 @@ class ComposerSelectorSm final : public Stage {
 
 Ref<ComposerSelectorSm> composerSelectorSmFactory(EmComposerKeyUnionTag composerType,
                                                   Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
-                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig, std::string name,
-                                                  Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig,
+                                                  std::string name, Ref<DependencyStatus> dependencyStatus,
+                                                  StageControl smControl);
 
 }  // namespace KilnEmServer

@@ -5,8 +5,8 @@ namespace {
 
 using namespace KilnTunnelNiLib;
 
-// The fields of a braced list are checked from left to right, so the first field out of range is the one that is
-// reported.
+// The fields of a braced list are checked from left to right, so the first field out of range is the one that
+// is reported.
 EmResolvedKey translate(const EmComposerKey& key) {
   switch (key.tag()) {
     case EmComposerKeyUnionTag::isemInnerEthEntryKey: {
@@ -21,8 +21,8 @@ EmResolvedKey translate(const EmComposerKey& key) {
       return EsemFodoEntryKey{U18(key.get<EsemFodoComposerKey>().fodoId)};
     case EmComposerKeyUnionTag::lemVpwsAcEntryKey: {
       const auto& from = key.get<LemVpwsAcComposerKey>();
-      return LemVpwsAcEntryKey{U20(from.inLif), U12(from.outerVlanId), U12(from.innerVlanId), U3(from.outerPcp),
-                               U3(from.innerPcp)};
+      return LemVpwsAcEntryKey{U20(from.inLif), U12(from.outerVlanId), U12(from.innerVlanId),
+                               U3(from.outerPcp), U3(from.innerPcp)};
     }
     default:
       break;

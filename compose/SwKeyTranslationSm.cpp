@@ -36,11 +36,12 @@ void SwKeyTranslationSm::handleRequest(const EmLogicalKey& emKey, const KilnPlat
 Ref<SwKeyTranslationSm> swKeyTranslationSmFactory(EmComposerKeyUnionTag composerType,
                                                   Ref<const EmLogicalKeyConfig> emLogicalKeyConfig,
                                                   Ref<SwTableKeyConfig> swTableKeyConfig, std::string name,
-                                                  Ref<DependencyStatus> dependencyStatus, StageControl smControl,
+                                                  Ref<DependencyStatus> dependencyStatus,
+                                                  StageControl smControl,
                                                   Ref<EmComposeFailure> emComposeFailure) {
-  return makeStage<SwKeyTranslationSm>(composerType, std::move(emLogicalKeyConfig), std::move(swTableKeyConfig),
-                                       std::move(name), std::move(dependencyStatus), std::move(smControl),
-                                       std::move(emComposeFailure));
+  return makeStage<SwKeyTranslationSm>(
+      composerType, std::move(emLogicalKeyConfig), std::move(swTableKeyConfig), std::move(name),
+      std::move(dependencyStatus), std::move(smControl), std::move(emComposeFailure));
 }
 
 }  // namespace KilnEmServer

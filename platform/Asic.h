@@ -36,7 +36,13 @@ class SwTableBase {
  public:
   /// State of an entry in its table. Only `success_` means that the table holds (or, for a removal, no longer
   /// holds) it.
-  enum class EntryState : std::uint8_t { unknown_ = 0, pending_ = 1, refused_ = 2, noResource_ = 3, success_ = 4 };
+  enum class EntryState : std::uint8_t {
+    unknown_ = 0,
+    pending_ = 1,
+    refused_ = 2,
+    noResource_ = 3,
+    success_ = 4
+  };
   static constexpr EntryState success() { return EntryState::success_; }
 };
 
@@ -160,7 +166,8 @@ class OrderedTableStatus {
 class OrderedTableInterface {
  public:
   virtual ~OrderedTableInterface() = default;
-  /// The software side has written everything that it wants after a restart: what was not written again may go.
+  /// The software side has written everything that it wants after a restart: what was not written again may
+  /// go.
   virtual void reconcileComplete() = 0;
   /// Writes the pending entries to the hardware.
   virtual void commitHwWrites() = 0;

@@ -44,16 +44,16 @@ class RunningStageScope {
 }  // namespace KilnPlatform
 
 /// Aborts with the text of `condition` unless it holds. Never compiled out.
-#define KILN_ASSERT(...)                                                       \
-  do {                                                                         \
-    if (!(__VA_ARGS__)) [[unlikely]]                                           \
-      ::KilnPlatform::assertionFailed(#__VA_ARGS__, __FILE__, __LINE__);       \
+#define KILN_ASSERT(...)                                                 \
+  do {                                                                   \
+    if (!(__VA_ARGS__)) [[unlikely]]                                     \
+      ::KilnPlatform::assertionFailed(#__VA_ARGS__, __FILE__, __LINE__); \
   } while (false)
 
 /// As KILN_ASSERT, with an fmt format string and its arguments as the printed text. The arguments are
 /// evaluated only on failure.
-#define KILN_ASSERT_MESSAGE(condition, ...)                                                    \
-  do {                                                                                         \
-    if (!(condition)) [[unlikely]]                                                             \
-      ::KilnPlatform::assertionFailed(::fmt::format(__VA_ARGS__), __FILE__, __LINE__);         \
+#define KILN_ASSERT_MESSAGE(condition, ...)                                            \
+  do {                                                                                 \
+    if (!(condition)) [[unlikely]]                                                     \
+      ::KilnPlatform::assertionFailed(::fmt::format(__VA_ARGS__), __FILE__, __LINE__); \
   } while (false)

@@ -7,8 +7,8 @@
 
 namespace KilnPlatform {
 
-/// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent when
-/// the call is made, and the current value, which may be absent, is to be read from it.
+/// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent
+/// when the call is made, and the current value, which may be absent, is to be read from it.
 template <class K>
 class KeySubscriber {
  public:
@@ -18,8 +18,8 @@ class KeySubscriber {
   ~KeySubscriber() = default;
 };
 
-/// The resumable position of a walk over a collection. A default one stands before the first key. Which members
-/// a collection uses is its own affair; a cursor belongs to the collection that moved it.
+/// The resumable position of a walk over a collection. A default one stands before the first key. Which
+/// members a collection uses is its own affair; a cursor belongs to the collection that moved it.
 template <class K>
 struct ScanCursor {
   bool started = false;
@@ -53,8 +53,8 @@ class KeyedCollection {
   /// progress. The order is deterministic: the same operations give the same order everywhere.
   virtual std::optional<K> scanNext(ScanCursor<K>& cursor) const = 0;
 
-  /// Adds a subscriber, which must stay alive until it is removed. Subscribing does not change the content, so a
-  /// reader may do it.
+  /// Adds a subscriber, which must stay alive until it is removed. Subscribing does not change the content,
+  /// so a reader may do it.
   virtual void subscribe(KeySubscriber<K>& subscriber) const = 0;
   virtual void unsubscribe(KeySubscriber<K>& subscriber) const = 0;
 

@@ -18,7 +18,8 @@ struct StageMapEntry {
   Action action;
   /// Collections that must exist first.
   std::vector<std::string> waitsFor;
-  /// Collections that the stage reads: it is released when every other stage that writes one of them is complete.
+  /// Collections that the stage reads: it is released when every other stage that writes one of them is
+  /// complete.
   std::vector<std::string> reads;
   /// Collections that the stage reads without waiting for those who write them.
   std::vector<std::string> feedbackReads;

@@ -1,8 +1,8 @@
 // Keys and entries of the exact-match databases, on the features' side and on the hardware's.
 //
-// A request names its key by a composer key, whose fields are plain unsigned integers; the hardware key of the
-// same number has fields of the hardware's own widths, and for types 1, 2, 3 and 6 a VLAN domain in place of
-// the interface.
+// A request names its key by a composer key, whose fields are plain unsigned integers; the hardware key of
+// the same number has fields of the hardware's own widths, and for types 1, 2, 3 and 6 a VLAN domain in place
+// of the interface.
 #pragma once
 
 #include <array>
@@ -258,13 +258,14 @@ enum class EmStatus : std::uint8_t { hwPending = 0, hwSuccess = 1, hwFail = 2, h
 namespace KilnPlatform {
 
 inline constexpr std::array<std::string_view, 9> kEntryKeyNames = {
-    "undefined",        "isemUntaggedEntryKey", "isem1TagEntryKey", "isem2TagEntryKey", "isemInnerEthEntryKey",
-    "isemMplsEntryKey", "esemFodoVdEntryKey",   "esemFodoEntryKey", "lemVpwsAcEntryKey"};
+    "undefined",          "isemUntaggedEntryKey", "isem1TagEntryKey",
+    "isem2TagEntryKey",   "isemInnerEthEntryKey", "isemMplsEntryKey",
+    "esemFodoVdEntryKey", "esemFodoEntryKey",     "lemVpwsAcEntryKey"};
 
 /// The stems by which tables go, under the number of their key type.
-inline constexpr std::array<std::string_view, 9> kTableStems = {
-    "undefined", "isemUntagged", "isem1Tag", "isem2Tag",  "isemInnerEth",
-    "isemMpls",  "esemFodoVd",   "esemFodo", "lemVpwsAc"};
+inline constexpr std::array<std::string_view, 9> kTableStems = {"undefined",  "isemUntagged", "isem1Tag",
+                                                                "isem2Tag",   "isemInnerEth", "isemMpls",
+                                                                "esemFodoVd", "esemFodo",     "lemVpwsAc"};
 
 template <>
 struct EnumNames<KilnEmServer::EmComposerKeyUnionTag> {
@@ -296,8 +297,8 @@ template <>
 struct EnumNames<KilnEmServer::FeatureType> {
   static constexpr std::string_view kTypeName = "KilnEmServer::FeatureType";
   static constexpr int kFirst = 1;
-  static constexpr std::array<std::string_view, 8> kNames = {"bridging", "subinterface", "vxlan", "mpls",
-                                                             "evpn",     "vpws",         "srv6",  "mirroring"};
+  static constexpr std::array<std::string_view, 8> kNames = {
+      "bridging", "subinterface", "vxlan", "mpls", "evpn", "vpws", "srv6", "mirroring"};
 };
 template <>
 struct EnumNames<KilnEmServer::EmStatus> {
@@ -346,12 +347,10 @@ struct EmEntryTraits {
   static constexpr std::size_t kCapacity = 16;
 };
 /// The result data of one table entry.
-using EmEntry =
-    KilnPlatform::TaggedUnion<EmEntryTraits, KilnTunnelNiLib::IsemUntaggedEntry,
-                              KilnTunnelNiLib::Isem1TagEntry, KilnTunnelNiLib::Isem2TagEntry,
-                              KilnTunnelNiLib::IsemInnerEthEntry, KilnTunnelNiLib::IsemMplsEntry,
-                              KilnTunnelNiLib::EsemFodoVdEntry, KilnTunnelNiLib::EsemFodoEntry,
-                              KilnTunnelNiLib::LemVpwsAcEntry>;
+using EmEntry = KilnPlatform::TaggedUnion<
+    EmEntryTraits, KilnTunnelNiLib::IsemUntaggedEntry, KilnTunnelNiLib::Isem1TagEntry,
+    KilnTunnelNiLib::Isem2TagEntry, KilnTunnelNiLib::IsemInnerEthEntry, KilnTunnelNiLib::IsemMplsEntry,
+    KilnTunnelNiLib::EsemFodoVdEntry, KilnTunnelNiLib::EsemFodoEntry, KilnTunnelNiLib::LemVpwsAcEntry>;
 
 /// The database that holds the tables of a key type. `undefined` has none and is an assertion failure.
 constexpr EmType emTypeOf(EmComposerKeyUnionTag composerType) {

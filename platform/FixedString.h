@@ -14,7 +14,9 @@ struct FixedString {
   char data[N] = {};
 
   constexpr FixedString() = default;
-  constexpr FixedString(const char (&text)[N]) { std::copy_n(text, N, data); }  // NOLINT(google-explicit-constructor)
+  constexpr FixedString(const char (&text)[N]) {
+    std::copy_n(text, N, data);
+  }  // NOLINT(google-explicit-constructor)
 
   [[nodiscard]] constexpr std::string_view view() const { return {data, N - 1}; }
   [[nodiscard]] constexpr const char* c_str() const { return data; }

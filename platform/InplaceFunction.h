@@ -13,21 +13,23 @@ namespace KilnPlatform {
 template <class Signature, std::size_t Capacity>
 class InplaceFunction;
 
-/// A move-only callable whose target lives inside the object, in at most `Capacity` bytes; a larger target does
-/// not compile.
+/// A move-only callable whose target lives inside the object, in at most `Capacity` bytes; a larger target
+/// does not compile.
 template <class R, class... Args, std::size_t Capacity>
 class InplaceFunction<R(Args...), Capacity> {
  public:
   InplaceFunction() = default;
 
   template <class F>
-    requires(!std::is_same_v<std::decay_t<F>, InplaceFunction> && std::is_invocable_r_v<R, F&, Args...>)
-  InplaceFunction(F&& target) {  // NOLINT(google-explicit-constructor)
+  requires(!std::is_same_v<std::decay_t<F>, InplaceFunction> && std::is_invocable_r_v<R, F&, Args...>)
+      InplaceFunction(F&& target) {  // NOLINT(google-explicit-constructor)
     using T = std::decay_t<F>;
     static_assert(sizeof(T) <= Capacity && alignof(T) <= alignof(std::max_align_t));
     static_assert(std::is_nothrow_move_constructible_v<T>);
     ::new (static_cast<void*>(storage_)) T(std::forward<F>(target));
-    invoke_ = [](void* self, Args... args) -> R { return (*static_cast<T*>(self))(std::forward<Args>(args)...); };
+    invoke_ = [](void* self, Args... args) -> R {
+      return (*static_cast<T*>(self))(std::forward<Args>(args)...);
+    };
     relocate_ = [](void* from, void* to) noexcept {
       if (to != nullptr) ::new (to) T(std::move(*static_cast<T*>(from)));
       static_cast<T*>(from)->~T();

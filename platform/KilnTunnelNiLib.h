@@ -129,7 +129,8 @@ struct Esem {
 template <class Db>
 class SrvConfig {
  public:
-  using Config = KilnPlatform::KeyedCollection<typename Db::EntryKey, SrvConfigEntry<typename Db::ClientData>>;
+  using Config =
+      KilnPlatform::KeyedCollection<typename Db::EntryKey, SrvConfigEntry<typename Db::ClientData>>;
   explicit SrvConfig(std::unique_ptr<Config> config) : config_(std::move(config)) {}
 
   Config& config() { return *config_; }

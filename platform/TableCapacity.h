@@ -15,8 +15,8 @@
 
 namespace KilnPlatform {
 
-/// One capacity row: a table, the feature that uses it (empty for the table as a whole), the reporting agent and
-/// the chip component (FAP and core).
+/// One capacity row: a table, the feature that uses it (empty for the table as a whole), the reporting agent
+/// and the chip component (FAP and core).
 struct TableCapacityKey {
   std::string table;
   std::string feature;

@@ -64,12 +64,13 @@ class YieldPolicy {
   virtual ~YieldPolicy() = default;
   /// A slice begins. Returns after how many items to ask for the first time; 0 never asks.
   virtual std::uint32_t sliceBegins() = 0;
-  /// `itemsDone` more items were done in this slice. Returns 0 to yield, else after how many items to ask again.
+  /// `itemsDone` more items were done in this slice. Returns 0 to yield, else after how many items to ask
+  /// again.
   virtual std::uint32_t ask(std::uint32_t itemsDone) = 0;
 };
 
-/// One thread's scheduler. Tasks of one priority run in FIFO order, unless the implementation shuffles them from
-/// a seed.
+/// One thread's scheduler. Tasks of one priority run in FIFO order, unless the implementation shuffles them
+/// from a seed.
 class TaskScheduler {
  public:
   virtual ~TaskScheduler() = default;
@@ -89,10 +90,11 @@ class TaskScheduler {
   /// The scheduler's clock, for time stamps. Simulated schedulers have a simulated one.
   [[nodiscard]] virtual std::chrono::nanoseconds now() const = 0;
 
-  /// To be called after each item of work: whether the running slice has used its share. Outside any slice the
-  /// answer is no.
+  /// To be called after each item of work: whether the running slice has used its share. Outside any slice
+  /// the answer is no.
   bool taskShouldYield() {
-    if (--itemsToAsk_ != 0) [[likely]] return false;
+    if (--itemsToAsk_ != 0) [[likely]]
+      return false;
     return askPolicy();
   }
 
@@ -127,7 +129,11 @@ class TaskScheduler {
   std::uint32_t itemsGranted_ = 0;
 };
 
-inline Task::~Task() { scheduler_->cancel(*this); }
-inline void Task::scheduleTask() { scheduler_->schedule(*this); }
+inline Task::~Task() {
+  scheduler_->cancel(*this);
+}
+inline void Task::scheduleTask() {
+  scheduler_->schedule(*this);
+}
 
 }  // namespace KilnPlatform

@@ -6,8 +6,8 @@
 
 namespace KilnPlatform {
 
-/// One message of the program: its level, 0 (unexpected data) to 9 (scan and reconciliation progress), and its
-/// text with `{}` placeholders, by which a sink can recognise it whatever its arguments.
+/// One message of the program: its level, 0 (unexpected data) to 9 (scan and reconciliation progress), and
+/// its text with `{}` placeholders, by which a sink can recognise it whatever its arguments.
 struct TraceDescriptor {
   std::uint8_t level;
   std::string_view text;
