@@ -87,17 +87,21 @@ void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
 void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry) {
   const std::uint32_t version = keyLatestWriteVersion_.issue(hwKey);
   tracer().trace<9>("{} add {}", name(), hwKey);
+  const auto answered = [writer = weak_from_this(), hwKey, logicalKeyAndEntry, version](EntryState state) {
+    if (const auto self = writer.lock()) self->handleWriteResponse(state, hwKey, logicalKeyAndEntry, version);
+  };
   try {
-    writeTableEntry(
-        hwKey, logicalKeyAndEntry.emEntry.emEntry,
-        [writer = weak_from_this(), hwKey, logicalKeyAndEntry, version](const EntryHandleRef& handle) {
-          if (const auto self = writer.lock()) {
-            self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, version);
-          }
-        });
+    writeTableEntry(hwKey, logicalKeyAndEntry.emEntry.emEntry,
+                    [answered](const EntryHandleRef& handle) { answered(handle->entryState()); });
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: write of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
-    handleWriteResponse(EntryState::refused_, hwKey, logicalKeyAndEntry, version);
+    // What an earlier write left under the key is wanted no more.
+    try {
+      deleteTableEntry(hwKey,
+                       [answered](const EntryHandleRef& /*handle*/) { answered(EntryState::refused_); });
+    } catch (const std::range_error&) {
+      answered(EntryState::refused_);
+    }
   }
 }
 
@@ -122,10 +126,11 @@ void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKe
   const KilnPlatform::RunningStageScope scope(name());
   KILN_ASSERT_MESSAGE(entryState == Asic::SwTableBase::success(),
                       "entryState == Asic::SwTableBase::success()");
-  if (keyLatestDeleteVersion_.latest(hwKey) == version && emSwTableConfig_.find(hwKey) == nullptr) {
+  const bool newest = keyLatestDeleteVersion_.latest(hwKey) == version;
+  if (newest) keyLatestDeleteVersion_.del(hwKey);  // no answer that is still to come can be for a newer one
+  if (newest && emSwTableConfig_.find(hwKey) == nullptr) {
     emSwTableStatus_->statusDel(hwKey);
     keyLatestWriteVersion_.del(hwKey);
-    keyLatestDeleteVersion_.del(hwKey);
   } else {
     tracer().trace<8>("another write in-flight");
   }

@@ -22,6 +22,8 @@ namespace {
 
 /// Priority of all stages' tasks.
 constexpr int kStagePriority = 10;
+/// Priority of the updates of the capacity table: whatever else is ready goes first.
+constexpr int kCapacityPriority = -10;
 
 /// The all-FAP table of an interface, for the writers that hold the table itself; null where it is missing or
 /// of another class. The reference shares the interface's ownership.
@@ -66,6 +68,8 @@ bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
 KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move(arguments)) {
   KILN_ASSERT(arguments_.entityManager != nullptr);
   KILN_ASSERT(arguments_.orderedTableInterface != nullptr);
+  KILN_ASSERT(arguments_.hardwareStatus != nullptr && arguments_.hardwareMdbStatus != nullptr);
+  KILN_ASSERT(arguments_.tableCapacity != nullptr && arguments_.semCapacityExternalDir != nullptr);
   KILN_ASSERT(arguments_.vlanDomainConfig != nullptr && arguments_.vlanDomainStatus != nullptr);
 }
 
@@ -75,6 +79,7 @@ KilnEmServerSm::~KilnEmServerSm() {
   featureTask_.reset();
   dependencyManagerSm_.reset();
   if (dependencyStatus_ != nullptr) dependencyStatus_->completed().unsubscribe(*this);
+  semCapacitySm_.reset();  // it holds the writers as well
   swTableWriterSm_.clear();
   reconcileCompleteSm_.reset();
   isemSrvStatusSm_.clear();
@@ -83,6 +88,8 @@ KilnEmServerSm::~KilnEmServerSm() {
   resolvedKeyStatusSm_.reset();
   emStatusSm_.reset();
   swTableStatusSm_.reset();
+  mdbCapabilitiesSm_.reset();
+  mdbLocalStatusSm_.reset();
   emConflictSm_.reset();
   emKeyMergeSm_.reset();
   composerOutputMergeSm_.reset();
@@ -94,6 +101,7 @@ KilnEmServerSm::~KilnEmServerSm() {
   isemSrvConfigSm_.reset();
   esemSrvConfigSm_.reset();
   lemSrvConfigSm_.reset();
+  resourceTableSm_.reset();
 }
 
 // --- Set-up ------------------------------------------------------------------------------------------------
@@ -130,6 +138,9 @@ void KilnEmServerSm::createCollections() {
   mdbCapabilitiesStatusIs();
   mdbLocalStatusIs();
   emComposeFailureIs();
+  isemResourceTableIs();
+  esemResourceTableIs();
+  lemResourceTableIs();
 }
 
 void KilnEmServerSm::mountFeatures() {
@@ -201,7 +212,9 @@ StageControl KilnEmServerSm::control() const {
 // --- Actions of the stage map, in the order of the road ----------------------------------------------------
 
 void KilnEmServerSm::createResourceTableSms() {
-  report("resourceTableSmsStage");
+  resourceTableSm_ = resourceTableSmFactory(emLogicalKeyToEntry_, emStatusMerged_, isemResourceTable_,
+                                            esemResourceTable_, lemResourceTable_, "resourceTableSmsStage",
+                                            dependencyStatus_, control());
 }
 
 void KilnEmServerSm::createIsemSrvConfigSm() {
@@ -349,14 +362,25 @@ void KilnEmServerSm::createSwTableStatusSm() {
 }
 
 void KilnEmServerSm::createMdbLocalStatusSm() {
-  report("mdbLocalStatusSmStage");
+  mdbLocalStatusSm_ = mdbLocalStatusSmFactory(arguments_.hardwareMdbStatus, mdbLocalStatus_,
+                                              "mdbLocalStatusSmStage", dependencyStatus_, control());
 }
 
 void KilnEmServerSm::createMdbCapabilitiesSm() {
-  report("mdbCapabilitiesSmStage");
+  mdbCapabilitiesSm_ =
+      mdbCapabilitiesSmFactory(mdbLocalStatus_, arguments_.hardwareMdbStatus, mdbCapabilitiesStatus_,
+                               "mdbCapabilitiesSmStage", dependencyStatus_, control());
 }
 
 void KilnEmServerSm::createCapacitySm() {
+  semCapacitySm_ = semCapacitySmFactory(
+      arguments_.tableCapacity, std::make_shared<SchedulerClock>(scheduler_), "SemCapacity",
+      arguments_.hardwareStatus, mdbCapabilitiesStatus_, mdbLocalStatus_, arguments_.semCapacityExternalDir,
+      emSwTableConfig_, emSwTableStatus_, {scheduler_, kCapacityPriority});
+  for (const auto& [tag, writer] : swTableWriterSm_) {
+    if (tag != EmResolvedKeyUnionTag::lemVpwsAcEntryKey) semCapacitySm_->swTableWriterIs(writer);
+  }
+  semCapacitySm_->handleInitialized();
   report("capacitySmStage");
 }
 
@@ -420,6 +444,8 @@ void KilnEmServerSm::handleChange(const std::string& name) {
   };
   reportWhenComplete("resolverSmsStage", kResolverNames);
   reportWhenComplete("composerSmsStage", kComposerNames);
+  // The tables dropped what nobody wrote again, and tell nobody of it.
+  if (name == "reconcileCompleteSmStage" && semCapacitySm_ != nullptr) semCapacitySm_->scheduleUpdate();
 }
 
 bool KilnEmServerSm::allComplete(const std::vector<std::string>& names) const {
@@ -496,6 +522,7 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   const auto addEach = [&](const auto& stages) {
     for (const auto& [key, stage] : stages) add(stage);
   };
+  add(resourceTableSm_);
   add(isemSrvConfigSm_);
   add(esemSrvConfigSm_);
   add(lemSrvConfigSm_);
@@ -509,6 +536,7 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   add(emConflictSm_);
   addEach(swTableWriterSm_);
   add(swTableStatusSm_);
+  add(mdbLocalStatusSm_);
   add(emStatusSm_);
   add(resolvedKeyStatusSm_);
   addEach(isemSrvStatusSm_);
@@ -527,6 +555,9 @@ std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() con
       {"emSwTableStatus", emSwTableStatus_->status().size()},
       {"emLogicalKeyToStatus", emLogicalKeyToStatus_->status().size()},
       {"emStatusMerged", emStatusMerged_->status().size()},
+      {"isemResourceTable", isemResourceTable_->resource().size()},
+      {"esemResourceTable", esemResourceTable_->resource().size()},
+      {"lemResourceTable", lemResourceTable_->resource().size()},
       {"vlanDomainConfig", arguments_.vlanDomainConfig->config().size()},
   };
   const auto addMembers = [&](const char* base, const auto& members, auto sizeOf) {
@@ -545,9 +576,14 @@ std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() con
              [](auto& m) { return m.resolvedKeyStatus().size(); });
   addMembers("resolverStatusDir", resolverStatusDir_->resolverStatus(),
              [](auto& m) { return m.status().size(); });
-  KilnPlatform::forEachIn(resolverConfigDir_->resolverConfig(), [&](const auto& key, const auto& config) {
-    addMembers(fmt::format("resolverConfigDir[ {} ]", key).c_str(), config->resolverComposerConfig(),
-               [](auto& m) { return m.resolverRequest().size(); });
+  // A composer's own collection is created with its first request, so that only their sum is always there.
+  addMembers("resolverConfigDir", resolverConfigDir_->resolverConfig(), [](auto& m) {
+    std::size_t requests = 0;
+    KilnPlatform::forEachIn(m.resolverComposerConfig(),
+                            [&](const auto& /*composerType*/, const auto& config) {
+                              requests += config->resolverRequest().size();
+                            });
+    return requests;
   });
   for (const Stage* stage : stages()) {
     sizes.emplace_back(stage->name() + ".pending", stage->pendingCount());

@@ -1,0 +1,32 @@
+// Files under tests/golden that hold what is expected.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace KilnTests {
+
+inline std::string readWhole(const std::string& path) {
+  const std::ifstream file(path);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+/// Compares `actual` with a golden file. With KILN_UPDATE_GOLDEN set in the environment it is written
+/// instead.
+inline void expectGolden(const std::string& name, const std::string& actual) {
+  const std::string path = std::string(KILN_SOURCE_DIR) + "/tests/golden/" + name;
+  if (std::getenv("KILN_UPDATE_GOLDEN") != nullptr) {
+    std::ofstream(path) << actual;
+    FAIL() << path << " was written anew; look at the change and run again without KILN_UPDATE_GOLDEN";
+  }
+  EXPECT_EQ(readWhole(path), actual) << "Where the change is meant, write " << path
+                                     << " anew by running this test with KILN_UPDATE_GOLDEN=1 and commit it.";
+}
+
+}  // namespace KilnTests

@@ -1,0 +1,271 @@
+#include "tests/Recompute.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "agent/SortedRows.h"
+
+namespace KilnTests {
+namespace {
+
+using namespace KilnTunnelNiLib;
+using KilnEmServer::EmHwKey;
+using KilnEmServer::EmLogicalKey;
+
+/// One request that the server takes up, with the hardware key that it leads to.
+struct Contender {
+  EmLogicalKey logicalKey;
+  RequestPlace place;
+  Request request;
+  EmHwKey hwKey;
+};
+
+enum class Composed { yes, waits, fails };
+
+TableTag typeOf(const EmRequestKey& key) {
+  return static_cast<TableTag>(static_cast<int>(key.emComposerKey.tag()));
+}
+
+EmType databaseOf(TableTag type) {
+  if (type == TableTag::lemVpwsAcEntryKey) return EmType::lem;
+  if (type == TableTag::esemFodoVdEntryKey || type == TableTag::esemFodoEntryKey) return EmType::esem;
+  return EmType::isem;
+}
+
+std::optional<IntfIdSystemTcamId> interfaceOf(const EmRequestKey& key) {
+  std::optional<IntfIdSystemTcamId> interface;
+  key.emComposerKey.visit([&](const auto& fields) {
+    if constexpr (requires { fields.intfId; }) interface = {fields.intfId, fields.systemTcamId};
+  });
+  return interface;
+}
+
+bool fits(std::uint64_t value, unsigned bits) {
+  return value >> bits == 0;
+}
+
+/// Keys that carry everything themselves.
+std::optional<EmResolvedKey> composeDirect(const EmRequestKey& key) {
+  const auto& from = key.emComposerKey;
+  if (const auto* eth = from.getIf<IsemInnerEthComposerKey>())
+    return IsemInnerEthEntryKey{eth->vsi, eth->profile};
+  if (const auto* mpls = from.getIf<IsemMplsComposerKey>())
+    return IsemMplsEntryKey{mpls->label, mpls->labelSpace};
+  if (const auto* fodo = from.getIf<EsemFodoComposerKey>()) {
+    if (!fits(fodo->fodoId, 18)) return std::nullopt;
+    return EsemFodoEntryKey{U18(fodo->fodoId)};
+  }
+  const auto& ac = from.get<LemVpwsAcComposerKey>();
+  if (!fits(ac.inLif, 20) || !fits(ac.outerVlanId, 12) || !fits(ac.innerVlanId, 12) ||
+      !fits(ac.outerPcp, 3) || !fits(ac.innerPcp, 3)) {
+    return std::nullopt;
+  }
+  return LemVpwsAcEntryKey{U20(ac.inLif), U12(ac.outerVlanId), U12(ac.innerVlanId), U3(ac.outerPcp),
+                           U3(ac.innerPcp)};
+}
+
+/// Keys that need a VLAN domain.
+std::optional<EmResolvedKey> composeWithDomain(const EmRequestKey& key, std::uint16_t domain) {
+  const auto& from = key.emComposerKey;
+  if (const auto* fodo = from.getIf<EsemFodoVdComposerKey>()) {
+    if (!fits(domain, 11) || !fits(fodo->fodoId, 18)) return std::nullopt;
+    return EsemFodoVdEntryKey{U18(fodo->fodoId), U11(domain)};
+  }
+  if (!fits(domain, 9)) return std::nullopt;
+  if (from.getIf<IsemUntaggedComposerKey>() != nullptr) return IsemUntaggedEntryKey{U9(domain)};
+  if (const auto* one = from.getIf<Isem1TagComposerKey>()) {
+    if (!fits(one->vlanId, 12)) return std::nullopt;
+    return Isem1TagEntryKey{U9(domain), U12(one->vlanId)};
+  }
+  const auto& two = from.get<Isem2TagComposerKey>();
+  if (!fits(two.outerVlanId, 12) || !fits(two.innerVlanId, 12)) return std::nullopt;
+  return Isem2TagEntryKey{U9(domain), U12(two.outerVlanId), U12(two.innerVlanId)};
+}
+
+Composed compose(const Wanted& wanted, const EmRequestKey& key, EmHwKey& hwKey) {
+  hwKey.fapId = key.fapId;
+  hwKey.localCoreId = key.localCoreId;
+  std::optional<EmResolvedKey> resolved;
+  if (const auto interface = interfaceOf(key)) {
+    const auto domain = wanted.domains.find(*interface);
+    if (domain == wanted.domains.end()) return Composed::waits;
+    resolved = composeWithDomain(key, domain->second);
+  } else {
+    resolved = composeDirect(key);
+  }
+  if (!resolved) return Composed::fails;
+  hwKey.emResolvedKey = *resolved;
+  return Composed::yes;
+}
+
+bool convergent(const EmHwKey& hwKey) {
+  return hwKey.fapId.number() == 0x7FE && hwKey.localCoreId.number() == 5;
+}
+
+/// The greatest feature wins; within a feature the least logical key.
+bool beats(const EmLogicalKey& a, const EmLogicalKey& b) {
+  if (a.featureType != b.featureType) return a.featureType > b.featureType;
+  return a < b;
+}
+
+class Judge {
+ public:
+  explicit Judge(const Wanted& wanted) : wanted_(wanted) {}
+
+  Outcome judge() {
+    for (const auto& [place, request] : wanted_.requests) takeUp(place, request);
+    for (const Contender& contender : contenders_) {
+      const Contender*& best = best_[contender.hwKey];
+      if (best == nullptr || beats(contender.logicalKey, best->logicalKey)) best = &contender;
+    }
+    for (const Contender& contender : contenders_) decide(contender);
+    return std::move(outcome_);
+  }
+
+ private:
+  void say(const RequestPlace& place, const Request& request, EmStatus status) {
+    outcome_.statuses[place] = {request.requestVersion, status, 1};
+  }
+
+  void takeUp(const RequestPlace& place, const Request& request) {
+    const auto& [feature, database, key] = place;
+    if (request.requestKind == RequestKind::hold) {
+      outcome_.statuses[place] = {request.requestVersion, EmStatus::hwPending, 3};
+      return;
+    }
+    const bool known = request.requestKind == RequestKind::add || request.requestKind == RequestKind::modify;
+    if (!known || databaseOf(typeOf(key)) != database) return;
+    if (const auto interface = interfaceOf(key)) outcome_.domainsAsked.insert(*interface);
+    Contender contender{{feature, key.fapId, key.localCoreId, key.emComposerKey}, place, request, {}};
+    switch (compose(wanted_, key, contender.hwKey)) {
+      case Composed::yes:
+        return contenders_.push_back(contender);
+      case Composed::waits:
+        return say(place, request, EmStatus::hwPending);
+      case Composed::fails:
+        return say(place, request, EmStatus::hwFail);
+    }
+  }
+
+  void decide(const Contender& contender) {
+    if (best_.at(contender.hwKey) != &contender) {
+      return say(contender.place, contender.request, EmStatus::hwKeyConflict);
+    }
+    if (!convergent(contender.hwKey)) return decideDivergent(contender);
+    const EmResolvedKey& key = contender.hwKey.emResolvedKey;
+    const EmEntry& entry = contender.request.entry;
+    const bool written =
+        static_cast<int>(entry.tag()) == static_cast<int>(key.tag()) && !wanted_.refused(key);
+    if (written) outcome_.tables.emplace(key, entry);
+    say(contender.place, contender.request, written ? EmStatus::hwSuccess : EmStatus::hwFail);
+  }
+
+  /// The tables cannot hold an entry for one chip and core only; one for all of them may win the key as well.
+  void decideDivergent(const Contender& contender) {
+    EmHwKey twin = contender.hwKey;
+    twin.fapId = Hardware::Kiln::FapId(0x7FE);
+    twin.localCoreId = Hardware::Kiln::LocalCoreId(5);
+    const auto rival = best_.find(twin);
+    const bool loses =
+        rival != best_.end() && rival->second->logicalKey.featureType > contender.logicalKey.featureType;
+    say(contender.place, contender.request, loses ? EmStatus::hwKeyConflict : EmStatus::hwFail);
+  }
+
+  const Wanted& wanted_;
+  std::vector<Contender> contenders_;
+  std::map<EmHwKey, const Contender*> best_;
+  Outcome outcome_;
+};
+
+template <class Map, class Tell>
+void compare(const Map& expected, const Map& found, std::vector<std::string>& lines, Tell tell) {
+  for (const auto& [key, value] : expected) {
+    const auto other = found.find(key);
+    if (other == found.end()) {
+      lines.push_back(fmt::format("missing: {}", tell(key, value)));
+    } else if (!(other->second == value)) {
+      lines.push_back(fmt::format("expected {}, found {}", tell(key, value), tell(key, other->second)));
+    }
+  }
+  for (const auto& [key, value] : found) {
+    if (!expected.contains(key)) lines.push_back(fmt::format("unexpected: {}", tell(key, value)));
+  }
+}
+
+}  // namespace
+
+bool needsDomain(TableTag type) {
+  return type == TableTag::isemUntaggedEntryKey || type == TableTag::isem1TagEntryKey ||
+         type == TableTag::isem2TagEntryKey || type == TableTag::esemFodoVdEntryKey;
+}
+
+Outcome recompute(const Wanted& wanted) {
+  return Judge(wanted).judge();
+}
+
+Wanted wantedOf(const KilnAgent::EmbeddedAgent& agent) {
+  Wanted wanted;
+  KilnPlatform::forEachEnumValue<FeatureType>([&](FeatureType feature) {
+    KilnAgent::forEachDatabase([&]<class Db>() {
+      const auto requests = agent.store().requests<Db>(feature);
+      if (requests == nullptr) return;
+      KilnPlatform::forEachIn(requests->config(), [&](const auto& key, const auto& request) {
+        wanted.requests[{feature, Db::kEmType, KilnEmServer::requestKeyAs<EmRequestKey>(key)}] = {
+            request.clientData.*Db::kEntryOfClientData, request.requestVersion, request.requestKind};
+      });
+    });
+  });
+  KilnPlatform::forEachIn(
+      agent.vlanDomains().status()->status(),
+      [&](const IntfIdSystemTcamId& interface, std::uint16_t domain) { wanted.domains[interface] = domain; });
+  return wanted;
+}
+
+Outcome outcomeOf(KilnAgent::EmbeddedAgent& agent) {
+  Outcome outcome;
+  KilnPlatform::forEachEnumValue<FeatureType>([&](FeatureType feature) {
+    KilnAgent::forEachDatabase([&]<class Db>() {
+      const auto statuses = agent.store().statuses<Db>(feature);
+      if (statuses == nullptr) return;
+      KilnPlatform::forEachIn(statuses->status(), [&](const auto& key, const auto& record) {
+        outcome.statuses[{feature, Db::kEmType, KilnEmServer::requestKeyAs<EmRequestKey>(key)}] = {
+            record.requestVersion, record.status, record.result};
+      });
+    });
+  });
+  agent.chip().forEachTable([&](const KilnAgent::SoftTable& table) {
+    for (const auto& [key, entry] : table.sortedEntries()) outcome.tables.emplace(key, entry);
+  });
+  KilnPlatform::forEachIn(agent.vlanDomains().config()->config(),
+                          [&](const IntfIdSystemTcamId& interface, const KilnPlatform::Unit&) {
+                            outcome.domainsAsked.insert(interface);
+                          });
+  return outcome;
+}
+
+std::string difference(const Outcome& expected, const Outcome& found) {
+  std::vector<std::string> lines;
+  compare(expected.statuses, found.statuses, lines, [](const RequestPlace& place, const StatusSeen& seen) {
+    const auto& [feature, database, key] = place;
+    return fmt::format("status of {} {} {}: {}, version {}, result {}", feature, database, key, seen.status,
+                       seen.requestVersion, seen.result);
+  });
+  compare(expected.tables, found.tables, lines, [](const EmResolvedKey& key, const EmEntry& entry) {
+    return fmt::format("table entry {}: {}", key, entry);
+  });
+  for (const auto& interface : expected.domainsAsked) {
+    if (!found.domainsAsked.contains(interface)) lines.push_back(fmt::format("not asked for: {}", interface));
+  }
+  for (const auto& interface : found.domainsAsked) {
+    if (!expected.domainsAsked.contains(interface)) {
+      lines.push_back(fmt::format("asked for in vain: {}", interface));
+    }
+  }
+  lines.resize(std::min<std::size_t>(lines.size(), 8));
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return text;
+}
+
+}  // namespace KilnTests
