@@ -36,7 +36,11 @@
 #include "status/EsemSrvStatusSm.h"
 #include "status/IsemSrvStatusSm.h"
 #include "status/LemSrvStatusSm.h"
+#include "status/MdbCapabilitiesSm.h"
+#include "status/MdbLocalStatusSm.h"
 #include "status/ResolvedKeyStatusSm.h"
+#include "status/ResourceTableSm.h"
+#include "status/SemCapacitySm.h"
 
 namespace KilnEmServer {
 
@@ -131,12 +135,19 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   KILN_SERVER_ENTITY(KilnMdbLocalStatus, mdbLocalStatus)
   KILN_SERVER_ENTITY(EmComposeFailureByComposerType, emComposeFailure)
 
+  // What became of the requested entries, in numbers.
+  KILN_SERVER_ENTITY(ResourceTable, isemResourceTable)
+  KILN_SERVER_ENTITY(ResourceTable, esemResourceTable)
+  KILN_SERVER_ENTITY(ResourceTable, lemResourceTable)
+
  public:
   /// The collection that the composer output merge writes, under the name by which its readers know it.
   [[nodiscard]] const Ref<ResolvedKeyColl>& resolvedKeyColl() const { return swTableKeyConfig_; }
   [[nodiscard]] const std::map<EmResolvedKeyUnionTag, Ref<EmSwTableWriterSm>>& swTableWriterSm() const {
     return swTableWriterSm_;
   }
+  /// Null until start-up has come that far.
+  [[nodiscard]] Ref<const SemCapacitySm> semCapacitySm() const { return semCapacitySm_; }
   /// Every stage that exists, in the order of creation.
   [[nodiscard]] std::vector<const Stage*> stages() const;
 
@@ -200,6 +211,7 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   Ref<TaskScheduler> scheduler_;
   Ref<DependencyStatusRecord> dependencyStatus_;
 
+  Ref<ResourceTableSm> resourceTableSm_;
   Ref<IsemSrvConfigSm> isemSrvConfigSm_;
   Ref<EsemSrvConfigSm> esemSrvConfigSm_;
   Ref<LemSrvConfigSm> lemSrvConfigSm_;
@@ -214,6 +226,9 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   std::map<EmResolvedKeyUnionTag, Ref<EmSwTableWriterSm>> swTableWriterSm_;
   Ref<ReconcileCompleteSm> reconcileCompleteSm_;
   Ref<EmSwTableStatusSm> swTableStatusSm_;
+  Ref<MdbLocalStatusSm> mdbLocalStatusSm_;
+  Ref<MdbCapabilitiesSm> mdbCapabilitiesSm_;
+  Ref<SemCapacitySm> semCapacitySm_;
   Ref<EmStatusSm> emStatusSm_;
   Ref<ResolvedKeyStatusSm> resolvedKeyStatusSm_;
   std::map<FeatureType, Ref<IsemSrvStatusSm>> isemSrvStatusSm_;

@@ -93,7 +93,9 @@ StageMap KilnEmServerSm::stageMap() {
   add("mdbCapabilitiesSmStage", &Sm::createMdbCapabilitiesSm, {"mdbLocalStatus", "mdbCapabilitiesStatus"},
       {"mdbLocalStatus", "hardwareMdbStatus"}, {}, {"mdbCapabilitiesStatus"});
   add("capacitySmStage", &Sm::createCapacitySm, {"emSwTableStatus", "mdbCapabilitiesStatus"},
-      {"emSwTableStatus", "mdbCapabilitiesStatus", "mdbLocalStatus"}, {}, {"tableCapacity"});
+      {"emSwTableConfig", "emSwTableStatus", "mdbCapabilitiesStatus", "mdbLocalStatus", "hardwareStatus",
+       "semCapacityExternalDir"},
+      {}, {"tableCapacity"});
   add("emStatusSmStage", &Sm::createEmStatusSm,
       {"emLogicalKeyToStatus", "emConflictStatus", "emStatusMerged"},
       {"emLogicalKeyToStatus", "emConflictStatus"}, {}, {"emStatusMerged"});

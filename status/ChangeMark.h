@@ -1,0 +1,29 @@
+// Schedules a task whenever a collection changes.
+#pragma once
+
+#include "platform/Collection.h"
+#include "platform/TaskScheduler.h"
+
+namespace KilnEmServer {
+
+/// Subscribes to a collection for its lifetime. A change only makes the task ready, whatever the key: its
+/// cost does not depend on how many changes came before it. Collection and task must outlive the mark.
+template <class K, class V>
+class ChangeMark final : private KilnPlatform::KeySubscriber<K> {
+ public:
+  ChangeMark(const KilnPlatform::KeyedCollection<K, V>& collection, KilnPlatform::Task& task)
+      : collection_(collection), task_(task) {
+    collection_.subscribe(*this);
+  }
+  ~ChangeMark() { collection_.unsubscribe(*this); }
+  ChangeMark(const ChangeMark&) = delete;
+  ChangeMark& operator=(const ChangeMark&) = delete;
+
+ private:
+  void handleChange(const K& /*key*/) override { task_.scheduleTask(); }
+
+  const KilnPlatform::KeyedCollection<K, V>& collection_;
+  KilnPlatform::Task& task_;
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,65 @@
+#include "status/MdbCapabilitiesSm.h"
+
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace KilnEmServer {
+
+MdbCapabilitiesSm::MdbCapabilitiesSm(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                                     Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
+                                     Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
+                                     Ref<DependencyStatus> dependencyStatus, const StageControl& control)
+    : name_(std::move(name)),
+      tracer_(name_),
+      mdbLocalStatus_(std::move(mdbLocalStatus)),
+      hardwareMdbStatus_(std::move(hardwareMdbStatus)),
+      mdbCapabilitiesStatus_(std::move(mdbCapabilitiesStatus)),
+      dependencyStatus_(std::move(dependencyStatus)),
+      task_(
+          control.scheduler, control.priority, "MdbCapabilitiesSm-UpdateTask",
+          [](void* owner) { static_cast<MdbCapabilitiesSm*>(owner)->update(); }, this),
+      profileIdMark_(mdbLocalStatus_->profileId(), task_),
+      profileMark_(hardwareMdbStatus_->profile(), task_) {}
+
+void MdbCapabilitiesSm::handleInitialized() {
+  tracer_.trace<8>("handleInitialized");
+  update();
+  dependencyStatus_->completedIs(name_);
+}
+
+void MdbCapabilitiesSm::update() {
+  const KilnPlatform::RunningStageScope scope(name_);
+  std::set<std::uint32_t> used;
+  KilnPlatform::forEachIn(mdbLocalStatus_->profileId(),
+                          [&](const auto& /*fapId*/, std::uint32_t id) { used.insert(id); });
+  std::vector<std::uint32_t> stale;
+  KilnPlatform::forEachIn(mdbCapabilitiesStatus_->profileCapabilities(), [&](std::uint32_t id, const auto&) {
+    if (!used.contains(id) || !hardwareMdbStatus_->profile().has(id)) stale.push_back(id);
+  });
+  for (const std::uint32_t id : stale) {
+    tracer_.trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): deleting k1={}", id);
+    mdbCapabilitiesStatus_->profileCapabilitiesDel(id);
+  }
+  for (const std::uint32_t id : used) {
+    const auto* capabilities = hardwareMdbStatus_->profile().find(id);
+    if (capabilities == nullptr) continue;
+    tracer_.trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): inserting k1={}", id);
+    mdbCapabilitiesStatus_->profileCapabilitiesIs(id, *capabilities);
+  }
+}
+
+Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                                                Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
+                                                Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus,
+                                                std::string name, Ref<DependencyStatus> dependencyStatus,
+                                                const StageControl& control) {
+  auto sm = std::make_shared<MdbCapabilitiesSm>(std::move(mdbLocalStatus), std::move(hardwareMdbStatus),
+                                                std::move(mdbCapabilitiesStatus), std::move(name),
+                                                std::move(dependencyStatus), control);
+  sm->handleInitialized();
+  return sm;
+}
+
+}  // namespace KilnEmServer

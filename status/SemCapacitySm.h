@@ -1,0 +1,124 @@
+// Reports how full the service exact-match tables of each chip are.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Hardware.h"
+#include "platform/KilnTunnelNiLib.h"
+#include "program/EmSwTableWriterSm.h"
+#include "runtime/EmCollections.h"
+#include "status/CapacityHelper.h"
+
+namespace KilnEmServer {
+
+// Usage and maxima are in units of 60-bit entries. A key type, external type or FAP type that these functions
+// do not know is an assertion failure.
+
+/// Width of an entry of a key type.
+std::uint32_t entryWidth60Bit(EmResolvedKeyUnionTag tag);
+/// Width of an entry of an external user.
+std::uint32_t entryWidth60Bit(KilnTunnelNiLib::SemType semType);
+/// The physical table that holds the entries of a key type. The two ISEM tables swap their roles between FAP
+/// type 3 and FAP types 4 and 5.
+KilnMdb::PhysicalTableId physicalTableIdForKeyType(EmResolvedKeyUnionTag tag,
+                                                   Hardware::Kiln::FapType fapType);
+/// Whether a FAP type knows the external type.
+bool externalTypeKnown(KilnTunnelNiLib::SemType semType, Hardware::Kiln::FapType fapType);
+/// The physical table that holds the entries of an external user; the same for every core.
+KilnMdb::PhysicalTableId physicalTableIdForExternalType(KilnTunnelNiLib::SemType semType,
+                                                        Hardware::Kiln::FapType fapType, std::uint16_t core);
+/// Whether a table is counted on a core. On FAP type 3 the cores share their tables, which are counted once.
+bool isTableOnFapTypeCore(Hardware::Kiln::FapType fapType, Hardware::Kiln::LocalCoreId localCoreId,
+                          KilnMdb::PhysicalTableId tableId);
+
+/// Names of the reported tables.
+using CapacityTableNames = std::map<KilnMdb::PhysicalTableId, std::string>;
+
+/// Usage comes from the table writers, each of which counts its own entries, and from external users of the
+/// same tables; maxima come from the chips' MDB profiles. An update costs what tables, FAPs, cores and
+/// external users there are, however many entries they hold.
+class SemCapacitySm final : public CapacityHelper {
+ public:
+  /// `emSwTableConfig` and `emSwTableStatus` tell when usage may have changed; neither is read.
+  SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock, std::string agentName,
+                Ref<const Hardware::Kiln::Status> hardwareStatus,
+                Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
+                Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
+                Ref<const EmSwTableConfig> emSwTableConfig, Ref<const EmSwTableStatus> emSwTableStatus,
+                const StageControl& control);
+
+  // The writers whose entries are counted. The writer of a LEM table is none of them.
+  void swTableWriterIs(Ref<const EmSwTableWriterSm> writer);
+  void swTableWriterDel(EmResolvedKeyUnionTag tag);
+  void swTableWriterDelAll();
+
+  [[nodiscard]] const CapacityTableNames& mdbTableToTableName() const { return mdbTableToTableName_; }
+  /// How many entries of 60 bits the FAP's MDB profile gives the table. That the FAP has a profile, the
+  /// profile is known and the table is an exact-match table of it is asserted.
+  [[nodiscard]] std::uint32_t calculateMdbEmMax(KilnMdb::PhysicalTableId tableId,
+                                                Hardware::Kiln::FapId fapId) const;
+
+ private:
+  using FapId = Hardware::Kiln::FapId;
+  using FapType = Hardware::Kiln::FapType;
+  using LocalCoreId = Hardware::Kiln::LocalCoreId;
+  using PhysicalTableId = KilnMdb::PhysicalTableId;
+
+  struct CapacityUsage {
+    std::uint32_t used = 0;
+    std::uint32_t max = 0;
+  };
+  using UsageByFeature = std::map<std::string, CapacityUsage>;
+  using UsageByTable = std::map<PhysicalTableId, UsageByFeature>;
+  /// One core of one FAP.
+  struct Place {
+    FapId fapId;
+    FapType fapType;
+    LocalCoreId core;
+  };
+  using ExternalUsage =
+      std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
+
+  void initCapacityTableFeatureMaps() override;
+  void updateCapacityTable() override;
+  [[nodiscard]] bool updateMustFollow() const override;
+
+  [[nodiscard]] const KilnMdb::ProfileCapabilities* profileCapabilitiesOf(FapId fapId) const;
+  [[nodiscard]] bool countedHere(PhysicalTableId tableId, const Place& place) const;
+  [[nodiscard]] ExternalUsage externalUsage() const;
+  void addMaxima(UsageByTable& usage, const Place& place) const;
+  void addWriters(UsageByTable& usage, const Place& place) const;
+  void addExternal(UsageByTable& usage, const Place& place, const ExternalUsage& external) const;
+  void writeRows(const UsageByTable& usage, const std::string& chip);
+
+  Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus_;
+  Ref<const KilnMdbLocalStatus> mdbLocalStatus_;
+  Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir_;
+  Ref<const EmSwTableConfig> emSwTableConfig_;
+  Ref<const EmSwTableStatus> emSwTableStatus_;
+  CapacityTableNames mdbTableToTableName_;
+  std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
+  ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
+  ChangeMark<FapId, std::uint32_t> profileIdMark_;
+  ChangeMark<std::string, KilnTunnelNiLib::SemCapacityExternal> externalMark_;
+  ChangeMark<EmHwKey, EmLogicalKeyAndEntry> configMark_;
+  ChangeMark<EmHwKey, EmSwTableStatusEntry> statusMark_;
+};
+
+/// Creates the stage without starting it: writers are registered first, then handleInitialized is called.
+Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,
+                                        Ref<const Clock> clock, std::string agentName,
+                                        Ref<const Hardware::Kiln::Status> hardwareStatus,
+                                        Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
+                                        Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                                        Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
+                                        Ref<const EmSwTableConfig> emSwTableConfig,
+                                        Ref<const EmSwTableStatus> emSwTableStatus,
+                                        const StageControl& control);
+
+}  // namespace KilnEmServer
