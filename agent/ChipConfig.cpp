@@ -6,7 +6,7 @@
 #include <limits>
 #include <utility>
 
-#include "agent/JsonValue.h"
+#include "agent/ReadFap.h"
 
 namespace KilnAgent {
 namespace {
@@ -40,6 +40,8 @@ void readTables(const Json& json, ChipConfig& chip, const JsonPath& path) {
   }
 }
 
+}  // namespace
+
 ChipConfig::Fap readFap(const Json& json, const JsonPath& path) {
   requireObject(json, path);
   refuseOtherMembers(json, {"id", "name", "type", "cores", "profile"}, path);
@@ -58,6 +60,8 @@ ChipConfig::Fap readFap(const Json& json, const JsonPath& path) {
   if (json.contains("profile")) fap.profile = static_cast<std::uint32_t>(number("profile", kMaxU32));
   return fap;
 }
+
+namespace {
 
 KilnMdb::TableCapabilities readTableCapabilities(const Json& json, const JsonPath& path) {
   requireObject(json, path);
@@ -105,6 +109,7 @@ void readFaps(const Json& json, ChipConfig& chip, const JsonPath& path) {
     ChipConfig::Fap fap = readFap(item, path);
     for (const ChipConfig::Fap& other : chip.faps) {
       if (other.fapId == fap.fapId) path.fail(fmt::format("a second FAP has the id {}", fap.fapId.number()));
+      if (other.info.name == fap.info.name) path.fail(fmt::format("a second FAP is named {}", fap.info.name));
     }
     chip.faps.push_back(std::move(fap));
   }

@@ -40,7 +40,6 @@ void addCapacity(std::string& out, const EmbeddedAgent& agent) {
     Json row = toJson(key);
     row["used"] = entry.used;
     row["free"] = entry.free;
-    row["committed"] = entry.committed;
     row["maxLimit"] = entry.maxLimit;
     rows.row(row);
   }

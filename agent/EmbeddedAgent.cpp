@@ -85,7 +85,6 @@ void EmbeddedAgent::crash() {
   store_->forgetServer();
   chip_->serverDied();
   vlanDomains_->forgetServer();
-  forgetSubscribers(capacity_->entry());
   forgetSubscribers(externalUsers_->user());
   server_.reset();
   createServer();

@@ -71,6 +71,11 @@ class EmbeddedAgent {
   [[nodiscard]] VlanDomainService& vlanDomains() { return *vlanDomains_; }
   [[nodiscard]] const VlanDomainService& vlanDomains() const { return *vlanDomains_; }
   [[nodiscard]] const KilnPlatform::TableCapacity& capacity() const { return *capacity_; }
+  /// The external users of the service exact-match tables.
+  [[nodiscard]] KilnTunnelNiLib::SemCapacityExternalDir& externalUsers() { return *externalUsers_; }
+  [[nodiscard]] const KilnTunnelNiLib::SemCapacityExternalDir& externalUsers() const {
+    return *externalUsers_;
+  }
   [[nodiscard]] const KilnEmServer::KilnEmServerSm& server() const { return *server_; }
 
   /// Runs until nothing is pending.

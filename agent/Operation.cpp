@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "agent/JsonValue.h"
+#include "agent/ReadFap.h"
 
 namespace KilnAgent {
 namespace {
@@ -56,6 +56,12 @@ class Line {
     refuseOtherMembers(json_, names, root_);
   }
   [[noreturn]] void fail(std::string_view wrong) const { root_.fail(wrong); }
+  /// The line without its operation.
+  [[nodiscard]] Json withoutOp() const {
+    Json members = json_;
+    members.erase("op");
+    return members;
+  }
 
  private:
   const Json& json_;
@@ -170,6 +176,49 @@ Operation readAnswer(const Line& line) {
   return AnswerOperation{tableOf(line), order, line.number<std::size_t>("count")};
 }
 
+Hardware::Kiln::FapId fapIdOf(const Line& line) {
+  return Hardware::Kiln::FapId(line.number<std::uint16_t>("fapId"));
+}
+
+KilnTunnelNiLib::SemExternalUsage readUsage(const Json& json, const JsonPath& path) {
+  requireObject(json, path);
+  refuseOtherMembers(json, {"fapId", "localCoreId", "semType", "entries"}, path);
+  const auto number = [&]<class T>(const char* name, T /*kind*/) {
+    return static_cast<T>(readWholeNumber(requireMember(json, name, path), std::numeric_limits<T>::max(),
+                                          JsonPath{&path, name}));
+  };
+  KilnTunnelNiLib::SemExternalUsage usage;
+  usage.fapId = Hardware::Kiln::FapId(number("fapId", std::uint16_t{}));
+  readValue(requireMember(json, "localCoreId", path), usage.localCoreId, JsonPath{&path, "localCoreId"});
+  usage.semType = number("semType", KilnTunnelNiLib::SemType{});
+  usage.entries = number("entries", std::uint32_t{});
+  return usage;
+}
+
+Operation readExternalUser(const Line& line) {
+  line.onlyHas({"op", "name", "usage"});
+  ExternalUserOperation operation{readString(line.member("name"), line.at("name")), {}};
+  const JsonPath path = line.at("usage");
+  const Json& usages = line.member("usage");
+  if (!usages.is_array()) path.fail("expected an array");
+  for (const Json& usage : usages) operation.user.usage.push_back(readUsage(usage, path));
+  return operation;
+}
+
+Operation readAddFap(const Line& line) {
+  return AddFapOperation{readFap(line.withoutOp(), {})};
+}
+
+Operation readRemoveFap(const Line& line) {
+  line.onlyHas({"op", "fapId"});
+  return RemoveFapOperation{fapIdOf(line)};
+}
+
+Operation readProfile(const Line& line) {
+  line.onlyHas({"op", "fapId", "profile"});
+  return ProfileOperation{fapIdOf(line), line.optionalNumber<std::uint32_t>("profile")};
+}
+
 template <class Empty>
 Operation readEmpty(const Line& line) {
   line.onlyHas({"op"});
@@ -223,6 +272,10 @@ constexpr std::array kReaders = {
     Reader{"share", readShare},
     Reader{"table", readTable},
     Reader{"answer", readAnswer},
+    Reader{"externalUser", readExternalUser},
+    Reader{"addFap", readAddFap},
+    Reader{"removeFap", readRemoveFap},
+    Reader{"profile", readProfile},
     Reader{"settle", readEmpty<SettleOperation>},
     Reader{"restart", readEmpty<RestartOperation>},
     Reader{"crash", readEmpty<CrashOperation>},

@@ -4,9 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <variant>
 
+#include "agent/ChipConfig.h"
 #include "agent/SoftTable.h"
 #include "agent/VlanDomainService.h"
 #include "platform/KilnTunnelNiLib.h"
@@ -78,6 +80,22 @@ struct AnswerOperation {
   SoftTable::Order order;
   std::size_t count;
 };
+/// An external user of the tables holds this much from now on; one that holds nothing is removed.
+struct ExternalUserOperation {
+  std::string name;
+  KilnTunnelNiLib::SemCapacityExternal user;
+};
+struct AddFapOperation {
+  ChipConfig::Fap fap;
+};
+struct RemoveFapOperation {
+  Hardware::Kiln::FapId fapId;
+};
+/// A FAP uses another MDB profile from now on, or none.
+struct ProfileOperation {
+  Hardware::Kiln::FapId fapId;
+  std::optional<std::uint32_t> profile;
+};
 struct SettleOperation {};
 struct RestartOperation {};
 struct CrashOperation {};
@@ -103,8 +121,9 @@ struct ExpectTableOperation {
 using Operation =
     std::variant<PublishOperation, WithdrawOperation, WithdrawAllOperation, RemoveFeatureOperation,
                  AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation,
-                 TableOperation, AnswerOperation, SettleOperation, RestartOperation, CrashOperation,
-                 ExpectOperation, ExpectTableOperation>;
+                 TableOperation, AnswerOperation, ExternalUserOperation, AddFapOperation, RemoveFapOperation,
+                 ProfileOperation, SettleOperation, RestartOperation, CrashOperation, ExpectOperation,
+                 ExpectTableOperation>;
 
 /// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its

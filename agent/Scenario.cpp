@@ -192,6 +192,43 @@ void Scenario::apply(const AnswerOperation& answer) {
   agent_.chip().table(answer.table).answer(answer.order, answer.count);
 }
 
+void Scenario::apply(const ExternalUserOperation& external) {
+  auto& users = agent_.externalUsers().user();
+  if (external.user.usage.empty()) {
+    users.del(external.name);
+  } else {
+    users.is(external.name, external.user);
+  }
+}
+
+void Scenario::requireProfile(std::optional<std::uint32_t> profile) const {
+  if (!profile || agent_.chip().mdbStatus()->profile().has(*profile)) return;
+  throw InputError(fmt::format("the chip has no profile {}", *profile));
+}
+
+void Scenario::apply(const AddFapOperation& add) {
+  requireProfile(add.fap.profile);
+  KilnPlatform::forEachIn(agent_.chip().chipStatus()->fap(), [&](const auto& fapId, const auto& info) {
+    if (fapId == add.fap.fapId) throw InputError(fmt::format("there is a FAP {} already", fapId.number()));
+    if (info.name == add.fap.info.name) {
+      throw InputError(fmt::format("there is a FAP named {} already", info.name));
+    }
+  });
+  agent_.chip().addFap(add.fap);
+}
+
+void Scenario::apply(const RemoveFapOperation& remove) {
+  agent_.chip().removeFap(remove.fapId);
+}
+
+void Scenario::apply(const ProfileOperation& profile) {
+  requireProfile(profile.profile);
+  if (!agent_.chip().chipStatus()->fap().has(profile.fapId)) {
+    throw InputError(fmt::format("there is no FAP {}", profile.fapId.number()));
+  }
+  agent_.chip().profileIs(profile.fapId, profile.profile);
+}
+
 void Scenario::apply(const SettleOperation& /*settle*/) {
   settle();
 }

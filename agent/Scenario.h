@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <istream>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -60,6 +61,10 @@ class Scenario {
   void apply(const ShareOperation& share);
   void apply(const TableOperation& operation);
   void apply(const AnswerOperation& answer);
+  void apply(const ExternalUserOperation& external);
+  void apply(const AddFapOperation& add);
+  void apply(const RemoveFapOperation& remove);
+  void apply(const ProfileOperation& profile);
   void apply(const SettleOperation& settle);
   void apply(const RestartOperation& restart);
   void apply(const CrashOperation& crash);
@@ -67,6 +72,7 @@ class Scenario {
   void apply(const ExpectTableOperation& expect);
 
   void requireManualDomains() const;
+  void requireProfile(std::optional<std::uint32_t> profile) const;
   void expectationFailed(const std::string& expected, const std::string& found);
   void sayHere(std::string_view text) const;
 

@@ -55,6 +55,24 @@ HardwareCounters SoftChip::counters() const {
   return sum;
 }
 
+void SoftChip::addFap(const ChipConfig::Fap& fap) {
+  chipStatus_->fap().is(fap.fapId, fap.info);
+  profileIs(fap.fapId, fap.profile);
+}
+
+void SoftChip::removeFap(FapId fapId) {
+  profileIs(fapId, std::nullopt);
+  chipStatus_->fap().del(fapId);
+}
+
+void SoftChip::profileIs(FapId fapId, std::optional<std::uint32_t> profile) {
+  if (profile) {
+    mdbStatus_->profileId().is(fapId, *profile);
+  } else {
+    mdbStatus_->profileId().del(fapId);
+  }
+}
+
 void SoftChip::reconcileComplete() {
   forEachTable([](SoftTable& table) { table.reconcileComplete(); });
 }

@@ -77,6 +77,11 @@ class SoftChip final : public Asic::OrderedTableInterface {
   [[nodiscard]] const Ref<Hardware::Kiln::Status>& chipStatus() const { return chipStatus_; }
   [[nodiscard]] const Ref<Hardware::Kiln::MdbStatus>& mdbStatus() const { return mdbStatus_; }
 
+  // FAPs come and go, and change their MDB profile; without one a FAP has none.
+  void addFap(const ChipConfig::Fap& fap);
+  void removeFap(Hardware::Kiln::FapId fapId);
+  void profileIs(Hardware::Kiln::FapId fapId, std::optional<std::uint32_t> profile);
+
   void reconcileComplete() override;
   void commitHwWrites() override;
   [[nodiscard]] Ref<const Asic::OrderedTableStatus> status() const override { return pending_; }

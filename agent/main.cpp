@@ -7,13 +7,17 @@
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "agent/CapacityMonitor.h"
+#include "agent/CapacityReport.h"
 #include "agent/Dump.h"
 #include "agent/EmbeddedAgent.h"
 #include "agent/Generate.h"
@@ -44,6 +48,12 @@ struct RunArguments {
   int traceLevel = 0;
   std::vector<std::string> traceStages;
   std::string traceFile;
+};
+
+struct ShowCapacityArguments {
+  RunArguments run;
+  CapacityThresholds thresholds;
+  bool asJson = false;
 };
 
 struct GraphArguments {
@@ -124,9 +134,10 @@ void runFile(Scenario& scenario, const std::string& path) {
   scenario.run(file, path);
 }
 
-int run(const RunArguments& arguments) {
-  checkFiles(arguments);
-  EmbeddedAgent agent(agentOptions(arguments));
+/// Runs the scenarios to quiescence and calls `finish`, also where a line was malformed, which is thrown
+/// after.
+int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
+                 const std::function<void(const ScenarioCounters&, bool malformed)>& finish) {
   ProgressLine progress(agent);
   Scenario scenario(
       agent, arguments.yieldEvery != 0, arguments.seed.value_or(1),
@@ -143,10 +154,33 @@ int run(const RunArguments& arguments) {
   }
   scenario.settle();
   progress.clear();
-  if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
+  finish(scenario.counters(), malformed.has_value());
   if (malformed) throw InputError(*malformed);
-  fmt::print(arguments.dump == "-" ? stderr : stdout, "{}", reportText(agent, scenario.counters()));
   return scenario.counters().failedExpects == 0 ? 0 : kExpectationFailed;
+}
+
+int run(const RunArguments& arguments) {
+  checkFiles(arguments);
+  EmbeddedAgent agent(agentOptions(arguments));
+  return runScenarios(agent, arguments, [&](const ScenarioCounters& counters, bool malformed) {
+    if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
+    if (malformed) return;
+    fmt::print(arguments.dump == "-" ? stderr : stdout, "{}", reportText(agent, counters));
+  });
+}
+
+int showCapacity(const ShowCapacityArguments& arguments) {
+  if (arguments.thresholds.upperClear > arguments.thresholds.upper) {
+    throw InputError(fmt::format("--clear {} is above --upper {}", arguments.thresholds.upperClear,
+                                 arguments.thresholds.upper));
+  }
+  checkFiles(arguments.run);
+  EmbeddedAgent agent(agentOptions(arguments.run));
+  const CapacityMonitor monitor(agent.capacity(), agent.store().taskScheduler(), arguments.thresholds);
+  return runScenarios(agent, arguments.run, [&](const ScenarioCounters& /*counters*/, bool malformed) {
+    if (malformed) return;
+    writeAll("-", arguments.asJson ? capacityJson(agent, monitor) : capacityText(agent, monitor));
+  });
 }
 
 int printGraph(bool asDot) {
@@ -157,14 +191,10 @@ int printGraph(bool asDot) {
   return 0;
 }
 
-void addRun(CLI::App& app, RunArguments& arguments, int& result) {
-  CLI::App* command = app.add_subcommand("run", "Runs scenarios to quiescence and shows what became of them");
+/// The options of every command that runs scenarios.
+void addRunOptions(CLI::App* command, RunArguments& arguments) {
   command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
       ->required();
-  command->add_option(
-      "--dump", arguments.dump,
-      "Writes the final state as JSON to this file; with - to standard output, and what is shown "
-      "to people goes to standard error");
   command->add_option("--trace", arguments.traceLevel, "Highest trace level that is written, 0 to 9")
       ->check(CLI::Range(0, 9))
       ->capture_default_str();
@@ -181,7 +211,35 @@ void addRun(CLI::App& app, RunArguments& arguments, int& result) {
                    "Slices of work end after this many items, and some run between operations; 0 never")
       ->capture_default_str();
   command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments");
+}
+
+void addRun(CLI::App& app, RunArguments& arguments, int& result) {
+  CLI::App* command = app.add_subcommand("run", "Runs scenarios to quiescence and shows what became of them");
+  addRunOptions(command, arguments);
+  command->add_option(
+      "--dump", arguments.dump,
+      "Writes the final state as JSON to this file; with - to standard output, and what is shown "
+      "to people goes to standard error");
   command->callback([&] { result = run(arguments); });
+}
+
+void addShow(CLI::App& app, ShowCapacityArguments& arguments, int& result) {
+  CLI::App* show =
+      app.add_subcommand("show", "Runs scenarios to quiescence and shows one thing of the outcome");
+  show->require_subcommand(1);
+  CLI::App* command = show->add_subcommand(
+      "capacity", "How full the exact-match tables are and were, and which thresholds were crossed");
+  addRunOptions(command, arguments.run);
+  command->add_option("-o,--output", arguments.asJson, "text or json")
+      ->default_str("text")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"text", false}, {"json", true}}));
+  command->add_option("--upper", arguments.thresholds.upper, "Per cent at which an alarm is raised")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  command->add_option("--clear", arguments.thresholds.upperClear, "Per cent below which it is cleared")
+      ->check(CLI::Range(1, 100))
+      ->capture_default_str();
+  command->callback([&] { result = showCapacity(arguments); });
 }
 
 void addGraph(CLI::App& app, GraphArguments& graph, int& result) {
@@ -217,7 +275,9 @@ int runCommandLine(int argc, char** argv) {
   RunArguments runArguments;
   GenerateArguments generateArguments;
   GraphArguments graphArguments;
+  ShowCapacityArguments showCapacityArguments;
   addRun(app, runArguments, result);
+  addShow(app, showCapacityArguments, result);
   addGraph(app, graphArguments, result);
   addGenerate(app, generateArguments);
   try {
