@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace KilnEmServer {
 
@@ -78,6 +79,7 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
       hwStatusStanding_(*this, "ComposerSm.hwStatusStanding"),
       hwStatusCount_(*this, "ComposerSm.hwStatusCount"),
       emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)),
+      hwStatusCounter_(*this, resolvedKeyStatus),
       resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
       resolverStatuses_(*this, resolverStatusDir_),
       resourceWalk_(*this),
@@ -97,11 +99,14 @@ EmHwKey ComposerSm::composeKey(const EmLogicalKey& /*emLogicalKey*/) const {
   throw std::logic_error("Must implement in child");
 }
 
+void ComposerSm::checkArguments() const {
+  if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
+}
+
 void ComposerSm::handleInitialized() {
   tracer().trace<8>("handleInitialized");
   KILN_ASSERT_MESSAGE(composerType_ != EmComposerKeyUnionTag::undefined_,
                       "emComposerKeyType() != EmComposerKeyUnionTag::undefined_");
-  if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
   forEachIn(resolverConfigDir_->resolverConfig(),
             [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
               KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
@@ -112,6 +117,19 @@ void ComposerSm::handleInitialized() {
               KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
                                   "isSupportedResolverType( resolverStatusIter->resolverType() )");
             });
+}
+
+// What an earlier composer asked for and nobody needs any more.
+void ComposerSm::handleScansDone() {
+  std::vector<ResolverKey> asked;
+  forEachIn(
+      resolverConfigDir_->resolverConfig(), [&](ResolverKeyUnionTag /*type*/, const auto& resolverConfig) {
+        const auto composerConfig = resolverConfig->resolverComposerConfig(composerType_);
+        if (!composerConfig) return;
+        forEachIn((*composerConfig)->resolverRequest(),
+                  [&](const ResolverKey& key, const ResolverRequest& /*request*/) { asked.push_back(key); });
+      });
+  for (const ResolverKey& key : asked) releaseUnused(key);
 }
 
 void ComposerSm::handleDeleteAll() {
@@ -128,7 +146,6 @@ void ComposerSm::handleRequestChange(const EmLogicalKey& emKey, const KilnPlatfo
 }
 
 void ComposerSm::handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* /*statusOpt*/) {
-  noteHwStatus(emKey);
   if (!requested(emKey)) emLogicalKeyStateDel(emKey);
   handleStatus(emKey);
 }
@@ -269,14 +286,14 @@ ResolutionState::State ComposerSm::getResolutionState(const EmLogicalKey& emLogi
 std::uint64_t ComposerSm::getResult(ResolverKeyUnionTag resolverType,
                                     const EmLogicalKey& emLogicalKey) const {
   KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
-                      "isSupportedResolverType( resolverType ) \"Unsupported resolverType {}\"",
+                      "isSupportedResolverType( resolverType ) && \"Unsupported resolverType {}\"",
                       resolverType);
   const ResolutionState* status = resolution(getResolverKey(resolverType, emLogicalKey));
   KILN_ASSERT_MESSAGE(status != nullptr,
                       "resolverStatusDir()->resolverStatus( resolverType )->statusHas( key )");
   KILN_ASSERT_MESSAGE(
       status->state == ResolutionState::resolutionSuccess_,
-      "status.state() == ResolutionState::resolutionSuccess_ \"Expected resolutionSuccess, got {}\"",
+      "status.state() == ResolutionState::resolutionSuccess_ && \"Expected resolutionSuccess, got {}\"",
       status->state);
   return status->val;
 }
@@ -301,8 +318,8 @@ void ComposerSm::handleStatus(const EmLogicalKey& emLogicalKey) {
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& key) { releaseUnused(key); });
 }
 
-void ComposerSm::noteHwStatus(const EmLogicalKey& emKey) {
-  const bool stands = resolvedKeyStatus_.find(emKey) != nullptr;
+void ComposerSm::countHwStatus(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt) {
+  const bool stands = statusOpt != nullptr;
   if (stands == hwStatusStanding_.has(emKey)) return;
   if (stands) {
     hwStatusStanding_.is(emKey, {});

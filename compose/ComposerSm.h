@@ -91,7 +91,9 @@ class ComposerSm : public Stage {
                             const ResolutionState* state);
 
  protected:
+  void checkArguments() const override;
   void handleInitialized() override;
+  void handleScansDone() override;
   void handleDeleteAll() override;
 
  private:
@@ -130,6 +132,9 @@ class ComposerSm : public Stage {
   };
 
   void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
+  /// Counts inside the call that writes the status: a release that is decided before the status is handled
+  /// must not overlook it. It does nothing else.
+  void countHwStatus(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
   void handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
   void handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
                         const ResolutionState* state);
@@ -148,7 +153,6 @@ class ComposerSm : public Stage {
   void releaseUnused(const ResolverKey& resolverKey);
   bool compose(const EmLogicalKey& emKey);
   void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
-  void noteHwStatus(const EmLogicalKey& emKey);
   void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
   void emLogicalKeyStateDel(const EmLogicalKey& emKey);
   /// Keeps the counts of the key's sets when its state goes from `from` to `to`; null is no state.
@@ -170,6 +174,10 @@ class ComposerSm : public Stage {
   Input<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", &ComposerSm::handleRequestChange,
         "from( emLogicalKeyConfig.request[] ): emLogicalKey={} unitOpt={}">
       emLogicalKeyConfig_;
+  Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::countHwStatus,
+        "from( resolvedKeyStatus.resolvedKeyStatus[] ): counted emLogicalKey={} statusOpt={}",
+        Reaction::immediate>
+      hwStatusCounter_;
   Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::handleStatusChange,
         "from( resolvedKeyStatus.resolvedKeyStatus[] ): emLogicalKey={} statusOpt={}">
       resolvedKeyStatus_;

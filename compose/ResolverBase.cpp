@@ -29,9 +29,12 @@ void ResolverBase::deleteRequest(const ResolverKey& /*resolverKey*/) {
 
 void ResolverBase::ackInUse(const ResolverKey& /*resolverKey*/) {}
 
+void ResolverBase::checkArguments() const {
+  if (resolverStatus_ == nullptr) detail::nullArgument("resolverStatus", __FILE__, __LINE__);
+}
+
 void ResolverBase::handleInitialized() {
   tracer().trace<8>("handleInitialized");
-  if (resolverStatus_ == nullptr) detail::nullArgument("resolverStatus", __FILE__, __LINE__);
   KILN_ASSERT(resolverConfig_->resolverType() == resolverType_);
   KILN_ASSERT(resolverStatus_->resolverType() == resolverType_);
 }
@@ -53,10 +56,24 @@ void ResolverBase::handleRequest(const EmComposerKeyUnionTag& composerType, cons
       makeRequestComposer(resolverKey, composerType);
       return;
     case ResolverRequest::RequestType::resourceInUse:
-      ackInUseComposer(resolverKey, composerType);
+      if (initialScanDone()) {
+        ackInUseComposer(resolverKey, composerType);
+      } else {
+        takeOverInUse(resolverKey, composerType, *request);
+      }
       return;
   }
   KILN_ASSERT_MESSAGE(false, "Unexpected request {}", static_cast<int>(request->requestType));
+}
+
+// A request that stood before this resolver came may have been acknowledged for a resolution that is gone.
+void ResolverBase::takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType,
+                                 const ResolverRequest& request) {
+  makeRequestComposer(resolverKey, composerType);
+  const ResolutionState* status = resolverStatus().status().find(resolverKey);
+  if (status->state == ResolutionState::resolutionSuccess_ && status->val == request.inUseVal) {
+    ackInUseComposer(resolverKey, composerType);
+  }
 }
 
 void ResolverBase::makeRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType) {
@@ -141,7 +158,7 @@ void ResolverBase::sweep() {
     if (!requested(resolverKey)) unused.push_back(resolverKey);
   });
   for (const ResolverKey& resolverKey : unused) {
-    tracer().trace<8>("sweep {}", resolverKey);
+    tracer().trace<8>("sweep");
     resolutionInUse_.del(resolverKey);
     deleteRequest(resolverKey);
   }

@@ -52,12 +52,15 @@ class ResolverBase : public Stage {
   void sweep();
 
  protected:
+  void checkArguments() const override;
   void handleInitialized() override;
   void handleDeleteAll() override;
   [[nodiscard]] ResolverStatus& writableStatus() { return *resolverStatus_; }
 
  private:
   [[nodiscard]] bool requested(const ResolverKey& resolverKey) const;
+  void takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType,
+                     const ResolverRequest& request);
   void setResolution(const ResolutionState& state);
 
   ResolverKeyUnionTag resolverType_;

@@ -15,15 +15,8 @@ ResolverVd::ResolverVd(Ref<const ResolverConfig> resolverConfig, Ref<ResolverSta
     : ResolverBase(ResolverKeyUnionTag::vd, std::move(resolverConfig), std::move(resolverStatus),
                    "ResolverVd", std::move(name), std::move(dependencyStatus), std::move(smControl)),
       vdConfig_(std::move(vdConfig)),
+      leftConfig_(*this, vdConfig_),
       vdStatus_(*this, std::move(vdStatus)) {}
-
-void ResolverVd::handleInitialized() {
-  ResolverBase::handleInitialized();
-  if (vdConfig_ == nullptr) detail::nullArgument("vdConfig", __FILE__, __LINE__);
-  forEachIn(vdConfig_->config(), [&](const IntfIdSystemTcamId& vdKey, const KilnPlatform::Unit& /*unit*/) {
-    handleStatus(vdKey);
-  });
-}
 
 void ResolverVd::handleDeleteAll() {
   std::vector<IntfIdSystemTcamId> asked;
@@ -45,6 +38,10 @@ void ResolverVd::deleteRequest(const ResolverKey& resolverKey) {
   tracer().trace<8>("deleteRequest");
   const IntfIdSystemTcamId vdKey = resolverKey.get<VdResolverKey>().vdKey;
   vdConfig_->configDel(vdKey);
+  handleStatus(vdKey);
+}
+
+void ResolverVd::handleLeftConfig(const IntfIdSystemTcamId& vdKey, const KilnPlatform::Unit* /*unitOpt*/) {
   handleStatus(vdKey);
 }
 

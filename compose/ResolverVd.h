@@ -25,14 +25,18 @@ class ResolverVd final : public ResolverBase {
   void handleStatus(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey);
 
  protected:
-  void handleInitialized() override;
   void handleDeleteAll() override;
 
  private:
+  void handleLeftConfig(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey, const KilnPlatform::Unit* unitOpt);
   void handleStatusChange(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey,
                           const std::uint16_t* vlanDomainOpt);
 
   Ref<KilnVlanDomain::VlanDomainConfig> vdConfig_;
+  /// What an earlier server asked for.
+  Input<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig", &ResolverVd::handleLeftConfig,
+        "from( vdConfig.config[] ): vdKey={} unitOpt={}", Reaction::none>
+      leftConfig_;
   Input<KilnVlanDomain::VlanDomainStatus::statusAttr, "vdStatus", &ResolverVd::handleStatusChange,
         "from( vdStatus.status[] ): vdKey={} vlanDomainOpt={}">
       vdStatus_;

@@ -48,6 +48,7 @@ class SrvConfigSm : public Stage {
  private:
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);
   [[nodiscard]] bool ofThisDatabase(const EmLogicalKey& logicalKey) const;
+  [[nodiscard]] bool ofOneScope(const EmLogicalKey& logicalKey) const;
 
   static constexpr auto kFrom =
       "Line 26: from( configByFeature." + Db::kPrefix + "Config[].config[] ): feature={} key={} entryOpt={}";
@@ -74,7 +75,7 @@ void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey
   using KilnTunnelNiLib::RequestKind;
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
   const bool admitted =
-      entryOpt != nullptr && ofThisDatabase(logicalKey) &&
+      entryOpt != nullptr && ofThisDatabase(logicalKey) && ofOneScope(logicalKey) &&
       (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
   if (admitted) {
     emSrvConfig_.insert(logicalKey, {entryOpt->clientData.*Db::kEntryOfClientData, entryOpt->requestVersion});
@@ -89,6 +90,17 @@ bool SrvConfigSm<Db>::ofThisDatabase(const EmLogicalKey& logicalKey) const {
   if (composerType != EmComposerKeyUnionTag::undefined_ && emTypeOf(composerType) == Db::kEmType) return true;
   tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}", name(),
                              Db::kEmType, logicalKey);
+  return false;
+}
+
+// What asks for all chips but one core, or the reverse, has no place in any table.
+template <class Db>
+bool SrvConfigSm<Db>::ofOneScope(const EmLogicalKey& logicalKey) const {
+  const bool allFaps = logicalKey.fapId == Hardware::Kiln::FapId::allFap();
+  const bool allCores = logicalKey.localCoreId == Hardware::Kiln::LocalCoreId::all();
+  if (allFaps == allCores) return true;
+  tracer().template trace<0>("{}: request left out, only one of its chip and core is all: {}", name(),
+                             logicalKey);
   return false;
 }
 

@@ -164,6 +164,11 @@ class SrvStatus {
   [[nodiscard]] const Status& status() const { return *status_; }
   /// Inserts or replaces the entry under its own key.
   void statusIs(const Entry& entry) { status_->is(entry.key, entry); }
+  /// The same, where the caller names the key; another one than the entry's own is an assertion failure.
+  void statusIs(const typename Db::EntryKey& key, const Entry& entry) {
+    KILN_ASSERT(entry.key == key);
+    status_->is(key, entry);
+  }
   void statusDel(const typename Db::EntryKey& key) { status_->del(key); }
 
   struct statusAttr {

@@ -23,6 +23,15 @@ class VlanDomainConfig {
   void configIs(const KilnTunnelNiLib::IntfIdSystemTcamId& key) { config_->is(key, {}); }
   void configDel(const KilnTunnelNiLib::IntfIdSystemTcamId& key) { config_->del(key); }
 
+  struct configAttr {
+    using Entity = VlanDomainConfig;
+    using Key = Config::Key;
+    using Value = Config::Value;
+    static constexpr KilnPlatform::FixedString kName{"config"};
+    static Config& of(VlanDomainConfig& entity) { return entity.config(); }
+    static const Config& of(const VlanDomainConfig& entity) { return entity.config(); }
+  };
+
  private:
   std::unique_ptr<Config> config_;
 };

@@ -92,6 +92,16 @@ struct Unit {
   static constexpr auto fields() { return std::tuple{}; }
 };
 
+namespace detail {
+
+/// The part of a qualified name after the last "::".
+constexpr std::string_view unqualified(std::string_view name) {
+  const std::size_t at = name.rfind("::");
+  return at == std::string_view::npos ? name : name.substr(at + 2);
+}
+
+}  // namespace detail
+
 // --- Enumerations ------------------------------------------------------------------------------------------
 
 /// The name of an enumeration value; "unknown" for a number that names no value.
@@ -118,7 +128,8 @@ constexpr E enumFromString(std::string_view text) {
   for (std::size_t i = 0; i < EnumNames<E>::kNames.size(); ++i) {
     if (EnumNames<E>::kNames[i] == text) return static_cast<E>(EnumNames<E>::kFirst + static_cast<int>(i));
   }
-  throw std::range_error(fmt::format("Invalid string rep for {}", EnumNames<E>::kTypeName));
+  throw std::range_error(
+      fmt::format("Invalid string rep for {}", detail::unqualified(EnumNames<E>::kTypeName)));
 }
 
 /// Calls `visitor` with each value of the enumeration, in numeric order.
@@ -349,12 +360,6 @@ std::string textOf(const T& value) {
 
 namespace detail {
 
-/// The part of a qualified name after the last "::".
-constexpr std::string_view unqualified(std::string_view name) {
-  const std::size_t at = name.rfind("::");
-  return at == std::string_view::npos ? name : name.substr(at + 2);
-}
-
 [[noreturn]] inline void throwInvalidText(std::string_view typeName) {
   throw std::range_error(fmt::format("Invalid string rep for {}", unqualified(typeName)));
 }
@@ -384,8 +389,10 @@ void readNumber(TextReader& reader, T& number, std::string_view owner) {
   if (error != std::errc{} || end != word.data() + word.size() || word.empty()) throwInvalidText(owner);
 }
 
+/// `owner` is the type in whose name a malformed text is reported: the outermost union, where there is one,
+/// which `inUnion` tells, else the innermost type.
 template <class T>
-void readText(TextReader& reader, T& value, std::string_view owner) {
+void readText(TextReader& reader, T& value, std::string_view owner, bool inUnion = false) {
   if constexpr (NamedEnum<T>) {
     value = enumFromString<T>(reader.word());
   } else if constexpr (NumberValue<T>) {
@@ -395,8 +402,9 @@ void readText(TextReader& reader, T& value, std::string_view owner) {
   } else if constexpr (UnionValue<T>) {
     using Traits = typename T::UnionTraits;
     using Names = EnumNames<typename T::Tag>;
-    reader.expect(Traits::kTypeName, Traits::kTypeName);
-    reader.expect("(", Traits::kTypeName);
+    const std::string_view blame = inUnion ? owner : Traits::kTypeName;
+    reader.expect(Traits::kTypeName, blame);
+    reader.expect("(", blame);
     const std::string_view name = reader.word();
     std::size_t index = 0;
     while (index < Names::kNames.size() && Names::kNames[index] != name) ++index;
@@ -405,22 +413,23 @@ void readText(TextReader& reader, T& value, std::string_view owner) {
           fmt::format("Invalid string rep for {}: unknown alternative {}", Traits::kName, name));
     }
     value = T::make(static_cast<typename T::Tag>(index), [&](auto& alternative) {
-      reader.expect(": ", Traits::kTypeName);
-      readText(reader, alternative, Traits::kTypeName);
+      reader.expect(": ", blame);
+      readText(reader, alternative, blame, true);
     });
-    reader.expect(")", Traits::kTypeName);
+    reader.expect(")", blame);
   } else if constexpr (Described<T>) {
-    reader.expect(T::kTypeName, T::kTypeName);
-    reader.expect("(", T::kTypeName);
+    const std::string_view blame = inUnion ? owner : T::kTypeName;
+    reader.expect(T::kTypeName, blame);
+    reader.expect("(", blame);
     bool first = true;
     const auto readField = [&](const auto& field) {
-      if (!std::exchange(first, false)) reader.expect(", ", T::kTypeName);
-      reader.expect(field.name, T::kTypeName);
-      reader.expect(": ", T::kTypeName);
-      readText(reader, value.*(field.member), T::kTypeName);
+      if (!std::exchange(first, false)) reader.expect(", ", blame);
+      reader.expect(field.name, blame);
+      reader.expect(": ", blame);
+      readText(reader, value.*(field.member), blame, inUnion);
     };
     std::apply([&](const auto&... field) { (readField(field), ...); }, T::fields());
-    reader.expect(")", T::kTypeName);
+    reader.expect(")", blame);
   } else {
     readNumber(reader, value, owner);
   }

@@ -15,7 +15,8 @@ EmConflictSm::EmConflictSm(Ref<const EmMergedEntry> emMergedEntry, Ref<EmSwTable
       conflictKeySet_(*this),
       cacheAttr0_(*this, "cacheAttr0"),
       emSwTableConfig_(*this, std::move(emSwTableConfig)),
-      emConflictStatus_(*this, std::move(emConflictStatus)) {
+      emConflictStatus_(*this, std::move(emConflictStatus)),
+      waiting_(*this) {
   if (emLogicalKeyToEntry != nullptr) {
     emLogicalKeyToEntry_.emplace(*this, std::move(emLogicalKeyToEntry), "requestStream");
   }
@@ -33,7 +34,6 @@ void EmConflictSm::handleInitialized() {
 
 void EmConflictSm::handleDeleteAll() {
   pendingTask_.reset();
-  waiting_.clear();
 }
 
 // --- The streams over one changed logical key --------------------------------------------------------------
@@ -73,6 +73,10 @@ void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, c
   } else {
     cacheAttr0_.del(emLogicalKey);
   }
+  tracer().trace<7>(
+      "foreach( [ ( _newValueOpt7, true ), ( if ( _oldValueOpt6 != _newValueOpt7 ) then _oldValueOpt6 else "
+      "None, "
+      "false ) ] )");
   // First filed under the new hardware key, then removed from the old one.
   if (hwEntryOpt != nullptr) processWorkItem({hwEntryOpt->emHwKey, true}, emLogicalKey, hwEntryOpt);
   if (oldKey && (hwEntryOpt == nullptr || *oldKey != hwEntryOpt->emHwKey)) {
@@ -114,7 +118,7 @@ void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
   if (const EmLogicalKeyAndEntry* previous = emSwTableConfig_.find(hwKey))
     previousWinner = previous->emLogicalKey;
   emSwTableConfig_.write(hwKey, value ? &*value : nullptr);
-  if (!filter(value.has_value(), "filter( _valueOpt8 )")) return;
+  (void)filter(value.has_value(), "filter( _valueOpt8 )");
   eventToConflictStatusStream2(hwKey, value, previousWinner ? &*previousWinner : nullptr, changed);
 }
 
@@ -125,8 +129,10 @@ void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
 void EmConflictSm::eventToConflictStatusStream2(
     const EmHwKey& hwKey, const std::optional<EmLogicalKeyAndEntry>& logicalKeyAndEntryOpt,
     const EmLogicalKey* previousWinner, const EmLogicalKey* changed) {
-  tracer().trace<7>("conflictStatusStream2 = processInputStream => hwKey={} logicalKeyAndEntryOpt={}", hwKey,
-                    *logicalKeyAndEntryOpt);
+  tracer().trace<7>(
+      "conflictStatusStream2 = processInputStream => hwKey={} logicalKeyAndEntryOpt={}", hwKey,
+      OptionalText<EmLogicalKeyAndEntry>{logicalKeyAndEntryOpt ? &*logicalKeyAndEntryOpt : nullptr});
+  if (!filter(logicalKeyAndEntryOpt.has_value(), "filter( logicalKeyAndEntryOpt )")) return;
   if (tracer().enabled(7)) traceContenders(hwKey);
   const EmLogicalKey& winner = logicalKeyAndEntryOpt->emLogicalKey;
   writeContenderStatus(hwKey, winner, winner);
@@ -179,7 +185,7 @@ void EmConflictSm::decideUnplaced(const EmLogicalKey& emLogicalKey) {
     writeUnplaced(emLogicalKey, *entry, EmStatus::hwFail);
   } else {
     emConflictStatus_.markSeen(emLogicalKey);
-    waiting_.add(emLogicalKey, 0);
+    waiting_.keys.add(emLogicalKey, 0);
     pendingTask_->scheduleTask();
   }
 }
@@ -196,15 +202,20 @@ const std::string* EmConflictSm::failureOf(const EmLogicalKey& emLogicalKey) con
 
 void EmConflictSm::insertPending() {
   const KilnPlatform::RunningStageScope scope(name());
-  while (!waiting_.empty()) {
-    const EmLogicalKey key = waiting_.pop();
+  std::size_t items = 0;
+  while (!waiting_.keys.empty()) {
+    const EmLogicalKey key = waiting_.keys.pop();
     const EmConfigEntry* entry = emLogicalKeyToEntry_->find(key);
     if (entry != nullptr && emMergedEntry_.find(key) == nullptr && failureOf(key) == nullptr) {
       writeUnplaced(key, *entry, EmStatus::hwPending);
     }
+    ++items;
     if (shouldYield()) break;
   }
-  if (!waiting_.empty()) pendingTask_->scheduleTask();
+  control().scheduler->taskWorkCountInc(items);
+  if (waiting_.keys.empty()) return;
+  control().scheduler->taskWorkPendingIs(waiting_.keys.size());
+  pendingTask_->scheduleTask();
 }
 
 Ref<EmConflictSm> emConflictSmFactory(Ref<const EmMergedEntry> emMergedEntry,

@@ -1,6 +1,8 @@
 // Lets the highest-priority feature win each hardware key, and tells every other contender that it lost.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -88,7 +90,14 @@ class EmConflictSm final : public Stage {
       emConflictStatus_;
 
   /// Keys that may need a pending status; each is judged anew when its turn comes.
-  PendingKeys<EmLogicalKey> waiting_;
+  class Waiting final : public LocalState {
+   public:
+    explicit Waiting(Stage& stage) : LocalState(stage, "waiting") {}
+    PendingKeys<EmLogicalKey> keys;
+    [[nodiscard]] std::size_t size() const override { return keys.size(); }
+    void clear() override { keys.clear(); }
+  };
+  Waiting waiting_;
   std::unique_ptr<Task> pendingTask_;
 };
 

@@ -23,6 +23,10 @@ void EmSwTableStatusSm::handleStatus(const EmHwKey& swTableKey, const EmSwTableS
   } else {
     cacheAttr0_.del(swTableKey);
   }
+  tracer().trace<7>(
+      "foreach( [ ( if ( _oldValueOpt6 != _newValueOpt7 ) then _oldValueOpt6 else None, false ), ( "
+      "_newValueOpt7, "
+      "true ) ] )");
   // The removal comes before the insertion: a key that keeps its hardware key must end with its status
   // present.
   const EmLogicalKey* newKey = statusOpt == nullptr ? nullptr : &statusOpt->emLogicalKeyAndEntry.emLogicalKey;

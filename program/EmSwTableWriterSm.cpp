@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "program/ConflictKeySet.h"
 
@@ -40,6 +41,14 @@ void EmSwTableWriterSm::handleInitialized() {
   KILN_ASSERT_MESSAGE(emResolvedKeyType() != EmResolvedKeyUnionTag::undefined_,
                       "emResolvedKeyType() != EmResolvedKeyUnionTag::undefined_");
   tracer().trace<8>("{}", name());
+}
+
+void EmSwTableWriterSm::handleDeleteAll() {
+  std::vector<EmHwKey> written;
+  KilnPlatform::forEachIn(emSwTableStatus_->status(), [&](const EmHwKey& hwKey, const EmSwTableStatusEntry&) {
+    if (emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_) written.push_back(hwKey);
+  });
+  for (const EmHwKey& hwKey : written) emSwTableStatus_->statusDel(hwKey);
 }
 
 // --- Requests ----------------------------------------------------------------------------------------------

@@ -41,6 +41,7 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
                     Ref<DependencyStatus> dependencyStatus, StageControl control);
 
   void handleInitialized() override;
+  void handleDeleteAll() override;
 
  private:
   void handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);

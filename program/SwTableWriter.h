@@ -23,8 +23,6 @@ class InterfaceHolder {
   [[nodiscard]] SwTable* table(Asic::UnitId unit) const {
     return dynamic_cast<SwTable*>(held_->orderedSwTable(unit));
   }
-  static constexpr const char* kFapText = "emHwKey.fapId() == Hardware::Kiln::FapId::allFap()";
-  static constexpr const char* kCoreText = "emHwKey.localCoreId() == Hardware::Kiln::LocalCoreId::all()";
 
  private:
   Ref<TableInterface> held_;
@@ -38,8 +36,6 @@ class TableHolder {
   using Table = SwTable;
   explicit TableHolder(Ref<SwTable> held) : held_(std::move(held)) {}
   [[nodiscard]] SwTable* table(Asic::UnitId /*unit*/) const { return held_.get(); }
-  static constexpr const char* kFapText = "fapId == Hardware::Kiln::FapId::allFap()";
-  static constexpr const char* kCoreText = "localCoreId == Hardware::Kiln::LocalCoreId::all()";
 
  private:
   Ref<SwTable> held_;
@@ -87,11 +83,17 @@ class SwTableWriter : public EmSwTableWriterSm {
  private:
   [[nodiscard]] const typename Table::Key& tableKeyOf(const EmHwKey& emHwKey) const {
     tracer().template trace<9>("{}", emHwKey);
-    KILN_ASSERT_MESSAGE(emHwKey.fapId == Hardware::Kiln::FapId::allFap(), fmt::runtime(Holder::kFapText));
+    KILN_ASSERT_MESSAGE(emHwKey.fapId == Hardware::Kiln::FapId::allFap(),
+                        "{} == Hardware::Kiln::FapId::allFap()", kFapName);
     KILN_ASSERT_MESSAGE(emHwKey.localCoreId == Hardware::Kiln::LocalCoreId::all(),
-                        fmt::runtime(Holder::kCoreText));
+                        "{} == Hardware::Kiln::LocalCoreId::all()", kCoreName);
     return emHwKey.emResolvedKey.get<typename Table::Key>();
   }
+
+  /// How the checks name chip and core.
+  static constexpr bool kPlainNames = tag == EmResolvedKeyUnionTag::esemFodoEntryKey;
+  static constexpr const char* kFapName = kPlainNames ? "fapId" : "emHwKey.fapId()";
+  static constexpr const char* kCoreName = kPlainNames ? "localCoreId" : "emHwKey.localCoreId()";
 
   /// In place of a table that is missing.
   void answer(ResponseHandler& handler, EntryState state) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "platform/Hardware.h"
@@ -160,9 +161,6 @@ class ResolvedKeyColl {
 class EmMergedEntry {
   KILN_COLLECTION(EmMergedEntry, emMergedEntry, EmLogicalKey, EmHwEntry)
 };
-inline Ref<EmMergedEntry> emMergedEntryFactory() {
-  return std::make_shared<EmMergedEntry>();
-}
 
 /// The desired content of the tables: per hardware key, the winner.
 class EmSwTableConfig {
@@ -196,5 +194,26 @@ class KilnMdbCapabilitiesStatus {
 class KilnMdbLocalStatus {
   KILN_COLLECTION(KilnMdbLocalStatus, profileId, Hardware::Kiln::FapId, std::uint32_t)
 };
+
+/// Each entity that stands alone is created empty by a factory that is named after it.
+#define KILN_ENTITY_FACTORY(Type, factory) \
+  inline Ref<Type> factory() {             \
+    return std::make_shared<Type>();       \
+  }
+KILN_ENTITY_FACTORY(EmTypeToConfig, emTypeToConfigFactory)
+KILN_ENTITY_FACTORY(EmLogicalKeyToEntry, emLogicalKeyToEntryFactory)
+KILN_ENTITY_FACTORY(LogicalKeyConfigByComposerType, logicalKeyConfigByComposerTypeFactory)
+KILN_ENTITY_FACTORY(SwTableKeyConfigByComposerType, swTableKeyConfigByComposerTypeFactory)
+KILN_ENTITY_FACTORY(SwTableKeyStatusByComposerType, swTableKeyStatusByComposerTypeFactory)
+KILN_ENTITY_FACTORY(EmComposeFailureByComposerType, emComposeFailureByComposerTypeFactory)
+KILN_ENTITY_FACTORY(ResolverConfigDir, resolverConfigDirFactory)
+KILN_ENTITY_FACTORY(ResolverStatusDir, resolverStatusDirFactory)
+KILN_ENTITY_FACTORY(ResolvedKeyColl, resolvedKeyCollFactory)
+KILN_ENTITY_FACTORY(EmMergedEntry, emMergedEntryFactory)
+KILN_ENTITY_FACTORY(EmSwTableConfig, emSwTableConfigFactory)
+KILN_ENTITY_FACTORY(EmConflictStatus, emConflictStatusFactory)
+KILN_ENTITY_FACTORY(EmSwTableStatus, emSwTableStatusFactory)
+KILN_ENTITY_FACTORY(EmLogicalKeyToStatus, emLogicalKeyToStatusFactory)
+#undef KILN_ENTITY_FACTORY
 
 }  // namespace KilnEmServer

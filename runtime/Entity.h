@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 
+#include "platform/Assert.h"
 #include "platform/FixedString.h"
 #include "platform/Ref.h"
 #include "platform/Value.h"
@@ -67,17 +68,22 @@
 
 /// A collection whose values carry their own key, in their field `keyField`; `nameIs(value)` files a value
 /// under it.
-#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField)           \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                            \
-  struct name##Attr {                                                              \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                           \
-    static const KeyType& keyOf(const ValueType& value) { return value.keyField; } \
-  };                                                                               \
-  void name##Is(const KeyType& key, const ValueType& value) {                      \
-    name##_.is(key, value);                                                        \
-  }                                                                                \
-  void name##Is(const ValueType& value) {                                          \
-    name##_.is(value.keyField, value);                                             \
+#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField)                          \
+  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                                           \
+  struct name##Attr {                                                                             \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                                          \
+    static const KeyType& keyOf(const ValueType& value) { return value.keyField; }                \
+  };                                                                                              \
+  void name##Is(const KeyType& key, const ValueType& value) {                                     \
+    KILN_ASSERT_MESSAGE(value.keyField == key,                                                    \
+                        "In \"into( " #name                                                       \
+                        "[ key ] )\" the value inserted in the into statement has internal key: " \
+                        "{}, but the key specified in the into is: {}",                           \
+                        value.keyField, key);                                                     \
+    name##_.is(key, value);                                                                       \
+  }                                                                                               \
+  void name##Is(const ValueType& value) {                                                         \
+    name##_.is(value.keyField, value);                                                            \
   }
 
 /// A set of keys.

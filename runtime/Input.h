@@ -133,6 +133,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   }
   Self& self() { return *static_cast<Self*>(this); }
   void handlePendingKey(const K& key) { self().handleKey(key); }
+  [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
   /// Walks the collection once more, from its first key.
   void restartScan() {
     cursor_ = {};
@@ -273,8 +274,9 @@ class NestedInput final
     retiring_.clear();
   }
 
-  void reap() override {
+  bool reap() override {
     std::erase_if(retiring_, [](const auto& inner) { return inner->retired(); });
+    return !retiring_.empty();
   }
 
   /// The outer entry under `outerKey` is new, gone or another one.

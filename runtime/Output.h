@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -60,8 +61,8 @@ class Output final : public OutputBase {
     if (reconciliationState() == ReconciliationState::skipNothing) {
       collection().del(key);
     } else {
-      seen_.del(key);
-      if (collection().has(key)) heldBack_.is(key, {});
+      marks_->seen.del(key);
+      if (collection().has(key)) marks_->heldBack.is(key, {});
     }
   }
 
@@ -78,8 +79,8 @@ class Output final : public OutputBase {
   /// back is forgotten.
   void markSeen(const Key& key) {
     if (!reconciling()) return;
-    if (noteSeen_) seen_.is(key, {});
-    heldBack_.del(key);
+    if (noteSeen_) marks_->seen.is(key, {});
+    marks_->heldBack.del(key);
   }
 
   [[nodiscard]] const Value* find(const Key& key) const {
@@ -87,13 +88,16 @@ class Output final : public OutputBase {
   }
 
   void deleteAll() override {
-    seen_.delAll();
-    heldBack_.delAll();
+    marks_.reset();
     collection().delAll();
   }
 
  private:
-  using KeySet = Collection<Key, KilnPlatform::Unit>;
+  /// Which keys were written, and which deletions are held back.
+  struct Marks {
+    Collection<Key, KilnPlatform::Unit> seen;
+    Collection<Key, KilnPlatform::Unit> heldBack;
+  };
 
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
 
@@ -117,6 +121,7 @@ class Output final : public OutputBase {
   }
 
   void beginSeen() override {
+    marks_ = std::make_unique<Marks>();
     noteSeen_ = !collection().empty();
     cursor_ = {};
   }
@@ -124,16 +129,16 @@ class Output final : public OutputBase {
   bool deletionScanItem(bool& deleted) override {
     if (noteSeen_) {
       if (const auto key = collection().scanNext(cursor_)) {
-        deleted = !seen_.has(*key);
+        deleted = !marks_->seen.has(*key);
         if (deleted) deleteStale(*key);
         return true;
       }
     }
     ScanCursor<Key> first;
-    if (const auto key = heldBack_.scanNext(first)) {
+    if (const auto key = marks_->heldBack.scanNext(first)) {
       deleted = collection().has(*key);
       if (deleted) deleteStale(*key);
-      heldBack_.del(*key);
+      marks_->heldBack.del(*key);
       return true;
     }
     return false;
@@ -141,17 +146,16 @@ class Output final : public OutputBase {
 
   void deleteStale(const Key& key) {
     stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
-    heldBack_.del(key);
+    marks_->heldBack.del(key);
     collection().del(key);
   }
 
-  void endSeen() override { seen_.delAll(); }
+  void endSeen() override { marks_.reset(); }
 
   EntityRef entity_;
   bool noteSeen_ = false;
   ScanCursor<Key> cursor_;
-  KeySet seen_;
-  KeySet heldBack_;
+  std::unique_ptr<Marks> marks_;  ///< only while the output is being reconciled
 };
 
 }  // namespace KilnEmServer

@@ -63,7 +63,7 @@ void InputBase::doInputScan() {
   while (scanItem()) {
     ++items;
     ++totalItems_;
-    if (task_ != nullptr && stage_.shouldYield()) {
+    if (task_ != nullptr && mayPause() && stage_.shouldYield()) {
       pauseScan(items);
       return;
     }
@@ -232,6 +232,7 @@ void Stage::initialize() {
                       "scheduler() && \"Pointer SM args cannot be null unless they are marked Optional\"");
   for (const InputBase* input : inputs_) input->checkArgument();
   for (const OutputBase* output : outputs_) output->checkArgument();
+  checkArguments();
   eventTask_ = std::make_unique<Task>(
       control_.scheduler, control_.priority, fmt::format("KilnEmServer::{}-EventTask", className_),
       [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this);
@@ -316,6 +317,12 @@ void Stage::handleOutputReady() {
   dependencyStatus_->completedIs(name_);
 }
 
+bool Stage::pipelineScanning(int pipeline) const {
+  return std::any_of(inputs_.begin(), inputs_.end(), [&](const InputBase* input) {
+    return input->pipeline() == pipeline && !input->inputScanComplete();
+  });
+}
+
 void Stage::readyIs(bool ready) {
   ready_ = ready;
   tracer_.trace<7>("{}: ready={}", readyText_, ready_);
@@ -324,8 +331,10 @@ void Stage::readyIs(bool ready) {
 void Stage::reapInputs() {
   if (!reapRequested_) return;
   const std::vector<InputBase*> inputs = inputs_;
+  reapRequested_ = false;
   for (InputBase* input : inputs) {
-    if (std::find(inputs_.begin(), inputs_.end(), input) != inputs_.end()) input->reap();
+    const bool alive = std::find(inputs_.begin(), inputs_.end(), input) != inputs_.end();
+    if (alive && input->reap()) reapRequested_ = true;
   }
 }
 

@@ -71,8 +71,9 @@ class InputBase {
   /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share,
   /// which sets `yielded`. Returns how many it handled.
   virtual std::size_t drain(std::uint64_t limit, bool& yielded) = 0;
-  /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested.
-  virtual void reap() {}
+  /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested. True
+  /// where something is still to be destroyed later.
+  virtual bool reap() { return false; }
 
  protected:
   InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName);
@@ -87,6 +88,9 @@ class InputBase {
   /// Whether the scan of the enclosing collection is complete as well; only an inner input has one.
   [[nodiscard]] virtual bool parentScanComplete() const { return false; }
   [[nodiscard]] virtual bool isChild() const { return false; }
+  /// Whether the scan may pause. One whose changes are handled at once may not: who makes a change counts on
+  /// it.
+  [[nodiscard]] virtual bool mayPause() const { return true; }
   void restartScan();
 
   Stage& stage_;
@@ -200,6 +204,12 @@ class Stage {
   [[nodiscard]] bool initialized() const { return initialized_; }
   [[nodiscard]] bool synchronous() const { return control_.synchronous; }
   [[nodiscard]] bool initialScanDone() const { return initialScanDone_; }
+  /// Whether the initial scan of a pipeline, by its number, has not finished.
+  [[nodiscard]] bool pipelineScanning(int pipeline) const;
+  /// Whether the stage's name was recorded in the dependency status.
+  [[nodiscard]] bool dependencyStatusCompletedOutputReady() const {
+    return dependencyStatusCompletedOutputReady_;
+  }
   [[nodiscard]] bool idle() const { return idle_; }
   [[nodiscard]] bool ready() const { return ready_; }
   [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
@@ -246,6 +256,8 @@ class Stage {
   Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
         StageControl control, std::string_view readyText);
 
+  /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
+  virtual void checkArguments() const {}
   /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
   virtual void handleInitialized() {}
   /// The initial scans are complete.

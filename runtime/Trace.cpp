@@ -10,8 +10,12 @@
 namespace KilnEmServer {
 namespace {
 
+/// A line that cannot be written is lost: a stage that traces must not be disturbed by a full disk.
 void writeLine(std::FILE* stream, const TraceRecord& record) {
-  fmt::print(stream, "{} {} {}\n", record.descriptor.level, record.stage, record.message);
+  fmt::memory_buffer line;
+  fmt::format_to(std::back_inserter(line), "{} {} {}\n", record.descriptor.level, record.stage,
+                 record.message);
+  std::fwrite(line.data(), 1, line.size(), stream);
 }
 
 }  // namespace
@@ -95,6 +99,7 @@ void FileTraceSink::write(const TraceRecord& record) {
 }
 
 void RingTraceSink::write(const TraceRecord& record) {
+  if (capacity_ == 0) return;
   if (messages_.size() == capacity_) messages_.pop_front();
   messages_.push_back({record.descriptor.level, std::string(record.stage), std::string(record.message),
                        std::string(record.descriptor.text)});
