@@ -66,11 +66,25 @@ bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
 }
 
 KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move(arguments)) {
-  KILN_ASSERT(arguments_.entityManager != nullptr);
-  KILN_ASSERT(arguments_.orderedTableInterface != nullptr);
-  KILN_ASSERT(arguments_.hardwareStatus != nullptr && arguments_.hardwareMdbStatus != nullptr);
-  KILN_ASSERT(arguments_.tableCapacity != nullptr && arguments_.semCapacityExternalDir != nullptr);
-  KILN_ASSERT(arguments_.vlanDomainConfig != nullptr && arguments_.vlanDomainStatus != nullptr);
+  const auto check = [](const auto& argument, std::string_view name) {
+    if (argument == nullptr) detail::nullArgument(name, __FILE__, __LINE__);
+  };
+  check(arguments_.entityManager, "entityManager");
+  check(arguments_.orderedTableInterface, "orderedTableInterface");
+  check(arguments_.hardwareStatus, "hardwareStatus");
+  check(arguments_.hardwareMdbStatus, "hardwareMdbStatus");
+  check(arguments_.tableCapacity, "tableCapacity");
+  check(arguments_.semCapacityExternalDir, "semCapacityExternalDir");
+  check(arguments_.vlanDomainConfig, "vlanDomainConfig");
+  check(arguments_.vlanDomainStatus, "vlanDomainStatus");
+  check(arguments_.isemUntagged, "isemUntagged");
+  check(arguments_.isem1Tag, "isem1Tag");
+  check(arguments_.isem2Tag, "isem2Tag");
+  check(arguments_.isemMpls, "isemMpls");
+  check(arguments_.isemInnerEth, "isemInnerEth");
+  check(arguments_.esemFodoVd, "esemFodoVd");
+  check(arguments_.esemFodo, "esemFodo");
+  check(arguments_.lemVpwsAc, "lemVpwsAc");
 }
 
 // Writers go first, so that no answer finds a stage that is half gone, then the stages, last the collections.
@@ -78,7 +92,10 @@ KilnEmServerSm::~KilnEmServerSm() {
   if (featureTask_ != nullptr) arguments_.entityManager->features().unsubscribe(*this);
   featureTask_.reset();
   dependencyManagerSm_.reset();
-  if (dependencyStatus_ != nullptr) dependencyStatus_->completed().unsubscribe(*this);
+  if (dependencyStatus_ != nullptr) {
+    dependencyStatus_->completed().unsubscribe(*this);
+    partStatus_->completed().unsubscribe(*this);
+  }
   semCapacitySm_.reset();  // it holds the writers as well
   swTableWriterSm_.clear();
   reconcileCompleteSm_.reset();
@@ -162,6 +179,8 @@ void KilnEmServerSm::setupStages() {
   scheduler_ = arguments_.entityManager->taskScheduler();
   dependencyStatus_ = std::make_shared<DependencyStatusRecord>();
   dependencyStatus_->completed().subscribe(*this);
+  partStatus_ = std::make_shared<DependencyStatusRecord>();
+  partStatus_->completed().subscribe(*this);
   featureTask_ = std::make_unique<Task>(
       scheduler_, kStagePriority, "KilnEmServerSm-FeatureTask",
       [](void* owner) { static_cast<KilnEmServerSm*>(owner)->handleFeatures(); }, this);
@@ -212,9 +231,9 @@ StageControl KilnEmServerSm::control() const {
 // --- Actions of the stage map, in the order of the road ----------------------------------------------------
 
 void KilnEmServerSm::createResourceTableSms() {
-  resourceTableSm_ = resourceTableSmFactory(emLogicalKeyToEntry_, emStatusMerged_, isemResourceTable_,
-                                            esemResourceTable_, lemResourceTable_, "resourceTableSmsStage",
-                                            dependencyStatus_, control());
+  resourceTableSm_ =
+      resourceTableSmFactory(emLogicalKeyToEntry_, emStatusMerged_, isemResourceTable_, esemResourceTable_,
+                             lemResourceTable_, "resourceTableSmsStage", dependencyStatus_, control());
 }
 
 void KilnEmServerSm::createIsemSrvConfigSm() {
@@ -251,7 +270,7 @@ void KilnEmServerSm::createResolverSms() {
   resolverSm_[ResolverKeyUnionTag::vd] = resolverVdFactory(
       resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd),
       resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd), arguments_.vlanDomainConfig,
-      arguments_.vlanDomainStatus, kResolverNames[0], dependencyStatus_, control());
+      arguments_.vlanDomainStatus, kResolverNames[0], partStatus_, control());
 }
 
 void KilnEmServerSm::createComposerSms() {
@@ -282,7 +301,7 @@ void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory)
   composerSm_[type] = factory(
       logicalKeyConfigByComposerType_->configIs(type), swTableKeyConfigByComposerType_->configIs(type),
       swTableKeyStatusByComposerType_->statusIs(type), resolverConfigDir_, resolverStatusDir_,
-      composerName(type), dependencyStatus_, control(), emComposeFailure_->configIs(type));
+      composerName(type), partStatus_, control(), emComposeFailure_->configIs(type));
 }
 
 void KilnEmServerSm::doResolverSweep() {
@@ -450,7 +469,7 @@ void KilnEmServerSm::handleChange(const std::string& name) {
 
 bool KilnEmServerSm::allComplete(const std::vector<std::string>& names) const {
   return std::all_of(names.begin(), names.end(),
-                     [this](const std::string& name) { return dependencyStatus_->completedHas(name); });
+                     [this](const std::string& name) { return partStatus_->completedHas(name); });
 }
 
 // --- Features that come and go -----------------------------------------------------------------------------
@@ -486,7 +505,9 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
   if (dependencyManagerSm_ == nullptr) return;
   const auto createReleased = [&](const char* base, auto action, const auto& stages) {
     const std::string name = fmt::format("{}-{}", base, feature);
-    if (!stages.contains(feature) && dependencyManagerSm_->released(name)) (this->*action)(feature, name);
+    if (stages.contains(feature) || !dependencyManagerSm_->released(name)) return;
+    dependencyStatus_->completedDel(name);  // reported in the absent stage's place
+    (this->*action)(feature, name);
   };
   createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);
   createReleased("esemSrvStatusSmStage", &KilnEmServerSm::createEsemSrvStatusSm, esemSrvStatusSm_);

@@ -210,6 +210,9 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   Tracer tracer_{"KilnEmServerSm"};
   Ref<TaskScheduler> scheduler_;
   Ref<DependencyStatusRecord> dependencyStatus_;
+  /// Where the single composers and resolvers report; the map's stages that they make up are reported from
+  /// it.
+  Ref<DependencyStatusRecord> partStatus_;
 
   Ref<ResourceTableSm> resourceTableSm_;
   Ref<IsemSrvConfigSm> isemSrvConfigSm_;

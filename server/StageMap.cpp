@@ -133,7 +133,7 @@ void KilnEmServerSm::addKeyedStages(StageMap& map) {
                    [this, tag, name] { createSwTableWriterSm(tag, name); },
                    {"emSwTableConfig"},
                    {"emSwTableConfig"},
-                   {},
+                   {"emSwTableStatus"},
                    {"emSwTableStatus"}});
   });
   const auto addStatusStages = [&](const char* base, const char* config, const char* status,
