@@ -55,7 +55,12 @@ ChipConfig::Fap readFap(const Json& json, const JsonPath& path) {
   if (fap.info.fapType < 3) JsonPath{&path, "type"}.fail("the FAP types are 3, 4 and 5");
   const JsonPath coresPath{&path, "cores"};
   for (const Json& core : requireArray(requireMember(json, "cores", path), coresPath)) {
-    fap.info.cores.push_back(LocalCoreId(readWholeNumber(core, LocalCoreId::all().number() - 1U, coresPath)));
+    const LocalCoreId id(readWholeNumber(core, LocalCoreId::all().number() - 1U, coresPath));
+    auto& cores = fap.info.cores;
+    if (std::find(cores.begin(), cores.end(), id) != cores.end()) {
+      coresPath.fail(fmt::format("the core {} is given twice", id.number()));
+    }
+    cores.push_back(id);
   }
   if (json.contains("profile")) fap.profile = static_cast<std::uint32_t>(number("profile", kMaxU32));
   return fap;
@@ -81,7 +86,11 @@ KilnMdb::TableCapabilities readTableCapabilities(const Json& json, const JsonPat
     table.entriesByWidth.emplace_back(bits,
                                       static_cast<std::uint32_t>(readWholeNumber(entries, kMaxU32, here)));
   }
-  std::sort(table.entriesByWidth.begin(), table.entriesByWidth.end());
+  auto& all = table.entriesByWidth;
+  std::sort(all.begin(), all.end());
+  const auto sameWidth = [](const auto& a, const auto& b) { return a.first == b.first; };
+  const auto twice = std::adjacent_find(all.begin(), all.end(), sameWidth);
+  if (twice != all.end()) widthsPath.fail(fmt::format("the width {} is given twice", twice->first));
   return table;
 }
 
@@ -165,7 +174,9 @@ ChipConfig readChipFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw InputError(fmt::format("{}: the chip file cannot be read", path));
   try {
-    return readChip(Json::parse(file, nullptr, true, true));
+    return readChip(Json::parse(file, DuplicateMembers(), true, true));
+  } catch (const std::ios_base::failure&) {  // a directory, for example
+    throw InputError(fmt::format("{}: the chip file cannot be read", path));
   } catch (const Json::exception& error) {
     throw InputError(fmt::format("{}: {}", path, parseErrorText(error)));
   } catch (const InputError& error) {

@@ -8,7 +8,7 @@ namespace KilnAgent {
 
 CooperativeScheduler::CooperativeScheduler(std::unique_ptr<KilnPlatform::YieldPolicy> policy,
                                            std::optional<std::uint64_t> seed)
-    : policy_(std::move(policy), counters_.yields) {
+    : policy_(std::move(policy), counters_.yields), seed_(seed) {
   if (seed) shuffle_.emplace(*seed);
 }
 

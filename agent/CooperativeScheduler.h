@@ -54,6 +54,8 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   void runUntilIdle();
 
   [[nodiscard]] bool idle() const { return ready_ == 0; }
+  /// What the order is drawn from; none where it is FIFO.
+  [[nodiscard]] std::optional<std::uint64_t> seed() const { return seed_; }
   [[nodiscard]] const Counters& counters() const { return counters_; }
   /// Items still to be done, as the task that reported last put it.
   [[nodiscard]] std::size_t workPending() const { return workPending_; }
@@ -103,6 +105,7 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
 
   Counters counters_;
   CountingPolicy policy_;
+  std::optional<std::uint64_t> seed_;
   std::optional<std::mt19937_64> shuffle_;
   std::map<int, Queue, std::greater<>> queues_;
   std::map<std::pair<std::uint64_t, std::uint64_t>, Task*> deadlines_;  ///< by deadline, then order

@@ -40,8 +40,22 @@ void JsonPath::fail(std::string_view wrong) const {
 std::string parseErrorText(const Json::exception& error) {
   std::string text = error.what();
   if (const std::size_t code = text.find("] "); code != std::string::npos) text.erase(0, code + 2);
-  std::replace(text.begin(), text.end(), '\n', ' ');
   return text;
+}
+
+bool DuplicateMembers::operator()(int depth, Json::parse_event_t event, const Json& parsed) {
+  if (event == Json::parse_event_t::object_start) {
+    names_.resize(static_cast<std::size_t>(depth) + 1);
+    names_.back().clear();
+  } else if (event == Json::parse_event_t::key) {
+    auto& names = names_[static_cast<std::size_t>(depth) - 1];
+    const std::string& name = parsed.get_ref<const std::string&>();
+    if (std::find(names.begin(), names.end(), name) != names.end()) {
+      throw InputError(fmt::format("field \"{}\" is given twice", name));
+    }
+    names.push_back(name);
+  }
+  return true;
 }
 
 void requireObject(const Json& json, const JsonPath& path) {

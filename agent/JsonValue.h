@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "agent/InputError.h"
 #include "platform/EmKeys.h"
@@ -34,8 +35,20 @@ struct JsonPath {
   [[noreturn]] void fail(std::string_view wrong) const;
 };
 
-/// What the JSON library says of malformed text, in one line.
+/// What the JSON library says of malformed text, without its codes.
 std::string parseErrorText(const Json::exception& error);
+
+/// Passed to the JSON library's parser, refuses an object that names a member twice, of which the library
+/// would keep only one.
+class DuplicateMembers {
+ public:
+  /// Throws InputError where `parsed` is a name that the open object has already.
+  bool operator()(int depth, Json::parse_event_t event, const Json& parsed);
+
+ private:
+  std::vector<std::vector<std::string>> names_;  ///< of the objects that are open, outermost first
+};
+
 /// Throws unless `json` is an object.
 void requireObject(const Json& json, const JsonPath& path);
 /// The member of an object; throws where there is none.

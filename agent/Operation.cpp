@@ -283,32 +283,10 @@ constexpr std::array kReaders = {
     Reader{"expectTable", readExpectTable},
 };
 
-/// Refuses an object that names a member twice, of which the JSON library would keep only one.
-class DuplicateMembers {
- public:
-  bool operator()(int depth, Json::parse_event_t event, const Json& parsed) {
-    if (event == Json::parse_event_t::object_start) {
-      names_.resize(static_cast<std::size_t>(depth) + 1);
-      names_.back().clear();
-    } else if (event == Json::parse_event_t::key) {
-      auto& names = names_[static_cast<std::size_t>(depth) - 1];
-      const std::string& name = parsed.get_ref<const std::string&>();
-      if (std::find(names.begin(), names.end(), name) != names.end()) {
-        throw InputError(fmt::format("field \"{}\" is given twice", name));
-      }
-      names.push_back(name);
-    }
-    return true;
-  }
-
- private:
-  std::vector<std::vector<std::string>> names_;  ///< of the objects that are open, outermost first
-};
-
 Json parseLine(std::string_view line) {
   try {
     return Json::parse(line, DuplicateMembers());
-  } catch (const Json::parse_error& error) {
+  } catch (const Json::exception& error) {
     throw InputError(fmt::format("not a line of JSON: {}", parseErrorText(error)));
   }
 }

@@ -101,8 +101,9 @@ void addTables(Lines out, const EmbeddedAgent& agent) {
   agent.chip().forEachTable([&](const SoftTable& table) {
     const std::size_t fill = table.fill();
     const std::size_t capacity = std::max<std::size_t>(table.capacity(), 1);
-    // An entry shows as at least one mark, and only a full table as a full bar.
-    const std::size_t marks = fill == 0 ? 0 : std::max<std::size_t>(1, fill * kBarWidth / capacity);
+    // An entry shows as at least one mark, and only a full table, or one that holds more, as a full bar.
+    const std::size_t marks =
+        fill == 0 ? 0 : std::clamp<std::size_t>(fill * kBarWidth / capacity, 1, kBarWidth);
     fmt::format_to(out, "  {:13} [{:#<{}}{:.<{}}] {} of {} ({:.1f} %)", table.stem(), "", marks, "",
                    kBarWidth - marks, grouped(fill), grouped(table.capacity()),
                    100.0 * static_cast<double>(fill) / static_cast<double>(capacity));
@@ -119,7 +120,9 @@ void addRun(Lines out, const EmbeddedAgent& agent, const ScenarioCounters& count
   fmt::format_to(out, "Hardware: {} written, {} removed, {} unchanged\n", grouped(hardware.written),
                  grouped(hardware.removed), grouped(hardware.unchanged));
   const auto& done = agent.scheduler().counters();
-  fmt::format_to(out, "Scheduler: {} slices, {} yields\n", grouped(done.slices), grouped(done.yields));
+  fmt::format_to(out, "Scheduler: {} slices, {} yields", grouped(done.slices), grouped(done.yields));
+  if (const auto seed = agent.scheduler().seed()) fmt::format_to(out, ", seed {}", *seed);
+  fmt::format_to(out, "\n");
   fmt::format_to(out, "Scenario: {} operations, {} requests refused, {} of {} expectations held\n",
                  grouped(counters.operations), grouped(counters.refusals),
                  grouped(counters.expects - counters.failedExpects), grouped(counters.expects));

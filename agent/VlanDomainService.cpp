@@ -59,18 +59,16 @@ void VlanDomainService::settleRequest(const Interface& interface) {
 }
 
 VlanDomainService::Pool& VlanDomainService::poolOf(const Interface& interface) {
-  Pool& pool = pools_[interface.systemTcamId];
-  if (pool.users.empty()) {
-    pool.users.resize(std::size_t{1} << 16);
-    pool.firstMaybeFree = limits_.first;
-  }
-  return pool;
+  const auto [pool, isNew] = pools_.try_emplace(interface.systemTcamId);
+  if (isNew) pool->second.firstMaybeFree = limits_.first;
+  return pool->second;
 }
 
 std::optional<std::uint16_t> VlanDomainService::firstFree(Pool& pool) const {
-  while (pool.firstMaybeFree <= limits_.last && pool.users[pool.firstMaybeFree] != 0) ++pool.firstMaybeFree;
-  if (pool.firstMaybeFree > limits_.last) return std::nullopt;
-  return static_cast<std::uint16_t>(pool.firstMaybeFree);
+  std::uint32_t& domain = pool.firstMaybeFree;
+  while (domain <= limits_.last && pool.users.contains(domain)) ++domain;
+  if (domain > limits_.last) return std::nullopt;
+  return static_cast<std::uint16_t>(domain);
 }
 
 std::optional<std::uint16_t> VlanDomainService::domainOfGroup(const Interface& interface) const {
@@ -108,8 +106,9 @@ void VlanDomainService::give(const Interface& interface, std::uint16_t vlanDomai
 void VlanDomainService::takeBack(const Interface& interface) {
   Pool& pool = poolOf(interface);
   const std::uint16_t domain = *status_->status().find(interface);
-  if (--pool.users[domain] == 0 && domain >= limits_.first) {
-    pool.firstMaybeFree = std::min<std::size_t>(pool.firstMaybeFree, domain);
+  if (--pool.users[domain] == 0) {
+    pool.users.erase(domain);
+    if (domain >= limits_.first) pool.firstMaybeFree = std::min<std::uint32_t>(pool.firstMaybeFree, domain);
   }
   status_->status().del(interface);
 }

@@ -72,8 +72,8 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
 
   /// One system TCAM's domains: how many interfaces have each, and below which domain none is free.
   struct Pool {
-    std::vector<std::uint32_t> users;
-    std::size_t firstMaybeFree = 0;
+    std::map<std::uint32_t, std::uint32_t> users;  ///< by domain, of those that anybody has
+    std::uint32_t firstMaybeFree = 0;
     std::map<std::uint64_t, Interface> waiting;  ///< by the order in which the requests came
   };
 

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <iostream>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -33,6 +35,8 @@ namespace {
 constexpr int kExpectationFailed = 1;
 constexpr int kBadInput = 2;
 constexpr int kFailed = 3;
+constexpr std::uint64_t kMaxSeed = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kMaxGenerated = 1'000'000'000;
 #ifdef KILN_YIELD_EVERY_ITEM
 constexpr std::uint32_t kDefaultYieldEvery = 1;
 #else
@@ -90,22 +94,36 @@ class ProgressLine {
   bool shown_;
 };
 
+/// A line on standard error; lost where that cannot be written, as nobody could be told.
+void tell(const std::string& text) {
+  std::fputs((text + '\n').c_str(), stderr);
+}
+
 void writeAll(const std::string& path, const std::string& text) {
   std::FILE* file = path == "-" ? stdout : std::fopen(path.c_str(), "w");
   bool written = file != nullptr && std::fwrite(text.data(), 1, text.size(), file) == text.size();
   if (file != nullptr) written = (file == stdout ? std::fflush(file) : std::fclose(file)) == 0 && written;
-  if (!written) throw InputError(fmt::format("{}: cannot be written", path));
+  if (written) return;
+  throw InputError(fmt::format("{}: cannot be written", path == "-" ? "standard output" : path));
 }
 
-/// Finds out before a run whether its files can be read and its dump be written.
-void checkFiles(const RunArguments& arguments) {
-  for (const std::string& path : arguments.files) {
-    if (path != "-" && !std::ifstream(path)) throw InputError(fmt::format("{}: cannot be read", path));
+std::ifstream openScenario(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw InputError(fmt::format("{}: cannot be read", path));
+  return file;
+}
+
+/// Finds out before a run whether its scenarios can be read.
+void checkScenarios(const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    if (path != "-") openScenario(path);
   }
-  if (arguments.dump.empty() || arguments.dump == "-") return;
-  if (!std::ofstream(arguments.dump, std::ios::app)) {
-    throw InputError(fmt::format("{}: cannot be written", arguments.dump));
-  }
+}
+
+/// Finds out before a run whether its dump can be written. May create the file, and so is the last check.
+void checkDump(const std::string& path) {
+  if (path.empty() || path == "-") return;
+  if (!std::ofstream(path, std::ios::app)) throw InputError(fmt::format("{}: cannot be written", path));
 }
 
 std::pair<std::string, int> stageLevel(const std::string& text) {
@@ -130,7 +148,7 @@ AgentOptions agentOptions(const RunArguments& arguments) {
 
 void runFile(Scenario& scenario, const std::string& path) {
   if (path == "-") return scenario.run(std::cin, path);
-  std::ifstream file(path);
+  std::ifstream file = openScenario(path);
   scenario.run(file, path);
 }
 
@@ -143,7 +161,7 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
       agent, arguments.yieldEvery != 0, arguments.seed.value_or(1),
       [&](const std::string& text) {
         progress.clear();
-        fmt::print(stderr, "{}\n", text);
+        tell(text);
       },
       [&](const ScenarioCounters& counters) { progress.show(counters); });
   std::optional<InputError> malformed;
@@ -160,12 +178,18 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
 }
 
 int run(const RunArguments& arguments) {
-  checkFiles(arguments);
+  checkScenarios(arguments.files);
   EmbeddedAgent agent(agentOptions(arguments));
+  checkDump(arguments.dump);
   return runScenarios(agent, arguments, [&](const ScenarioCounters& counters, bool malformed) {
     if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
     if (malformed) return;
-    fmt::print(arguments.dump == "-" ? stderr : stdout, "{}", reportText(agent, counters));
+    const std::string report = reportText(agent, counters);
+    if (arguments.dump == "-") {
+      std::fputs(report.c_str(), stderr);
+    } else {
+      writeAll("-", report);
+    }
   });
 }
 
@@ -174,7 +198,7 @@ int showCapacity(const ShowCapacityArguments& arguments) {
     throw InputError(fmt::format("--clear {} is above --upper {}", arguments.thresholds.upperClear,
                                  arguments.thresholds.upper));
   }
-  checkFiles(arguments.run);
+  checkScenarios(arguments.run.files);
   EmbeddedAgent agent(agentOptions(arguments.run));
   const CapacityMonitor monitor(agent.capacity(), agent.store().taskScheduler(), arguments.thresholds);
   return runScenarios(agent, arguments.run, [&](const ScenarioCounters& /*counters*/, bool malformed) {
@@ -191,6 +215,21 @@ int printGraph(bool asDot) {
   return 0;
 }
 
+/// Takes decimal digits only, up to `max`; the command-line library alone would read 010 as eight.
+CLI::Validator wholeNumber(std::uint64_t max) {
+  const auto read = [max](std::string& text) {
+    std::uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc{} || stop != end || number > max) {
+      return fmt::format("\"{}\" is not a whole number from 0 to {}", text, max);
+    }
+    text = std::to_string(number);
+    return std::string();
+  };
+  return {read, "WHOLE"};
+}
+
 /// The options of every command that runs scenarios.
 void addRunOptions(CLI::App* command, RunArguments& arguments) {
   command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
@@ -204,11 +243,14 @@ void addRunOptions(CLI::App* command, RunArguments& arguments) {
           "PART=LEVEL: another level for stages whose name contains PART; the last that fits decides")
       ->allow_extra_args(false);
   command->add_option("--trace-file", arguments.traceFile, "Traces go to this file, not to standard error");
-  command->add_option("--seed", arguments.seed,
-                      "Shuffles tasks and answers, repeatably; without it both keep their order");
+  command
+      ->add_option("--seed", arguments.seed,
+                   "Shuffles tasks and answers, repeatably; without it both keep their order")
+      ->transform(wholeNumber(kMaxSeed));
   command
       ->add_option("--yield-every", arguments.yieldEvery,
                    "Slices of work end after this many items, and some run between operations; 0 never")
+      ->transform(wholeNumber(std::numeric_limits<std::uint32_t>::max()))
       ->capture_default_str();
   command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments");
 }
@@ -254,8 +296,12 @@ void addGraph(CLI::App& app, GraphArguments& graph, int& result) {
 void addGenerate(CLI::App& app, GenerateArguments& arguments) {
   CLI::App* command =
       app.add_subcommand("generate", "Writes a scenario of realistic shape to standard output");
-  command->add_option("--requests", arguments.requests, "How many different requests")->required();
-  command->add_option("--seed", arguments.seed, "Another seed makes another scenario")->capture_default_str();
+  command->add_option("--requests", arguments.requests, "How many different requests")
+      ->required()
+      ->transform(wholeNumber(kMaxGenerated));
+  command->add_option("--seed", arguments.seed, "Another seed makes another scenario")
+      ->transform(wholeNumber(kMaxSeed))
+      ->capture_default_str();
   const std::vector<std::string> names(std::begin(kScenarioMixNames), std::end(kScenarioMixNames));
   command
       ->add_option("--mix", arguments.mix,
@@ -285,9 +331,7 @@ int runCommandLine(int argc, char** argv) {
   } catch (const CLI::CallForHelp& help) {
     return app.exit(help);
   } catch (const CLI::ParseError& error) {
-    std::string text = error.what();
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    throw InputError(fmt::format("{}; see kiln-agent --help", text));
+    throw InputError(fmt::format("{}; see kiln-agent --help", error.what()));
   }
   return result;
 }
@@ -299,10 +343,10 @@ int main(int argc, char** argv) {
   try {
     return KilnAgent::runCommandLine(argc, argv);
   } catch (const KilnAgent::InputError& error) {
-    fmt::print(stderr, "{}\n", error.what());
+    KilnAgent::tell(error.what());
     return KilnAgent::kBadInput;
   } catch (const std::exception& error) {
-    fmt::print(stderr, "kiln-agent: {}\n", error.what());
+    KilnAgent::tell(KilnAgent::oneLine(fmt::format("kiln-agent: {}", error.what())));
     return KilnAgent::kFailed;
   }
 }
