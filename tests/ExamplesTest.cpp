@@ -1,5 +1,6 @@
 // Every example holds what it promises, however its tasks are ordered and sliced.
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,7 +27,7 @@ constexpr std::size_t kLargeFile = 1U << 20;
 
 std::vector<std::string> examples() {
   std::vector<std::string> paths;
-  for (const auto& file : std::filesystem::directory_iterator(std::string(KILN_SOURCE_DIR) + "/examples")) {
+  for (const auto& file : std::filesystem::directory_iterator(KILN_SOURCE_DIR "/examples")) {
     if (file.path().extension() == ".jsonl") paths.push_back(file.path());
   }
   std::sort(paths.begin(), paths.end());
@@ -48,7 +49,7 @@ std::string runExample(const std::string& text, const std::string& name, const O
   KilnAgent::EmbeddedAgent agent(options);
   std::string said;
   KilnAgent::Scenario scenario(agent, order.yieldEvery != 0, order.seed.value_or(1),
-                               [&](const std::string& line) { said += line + "\n"; });
+                               [&](const std::string& line) { said.append(line).push_back('\n'); });
   std::istringstream lines(text);
   scenario.run(lines, name);
   scenario.settle();
@@ -63,8 +64,7 @@ TEST_P(Examples, HoldInEveryOrderAndEndAlike) {
   const std::string text = readWhole(GetParam());
   std::string first;
   for (const Order& order : kOrders) {
-    SCOPED_TRACE("seed " + (order.seed ? std::to_string(*order.seed) : "none") + ", yield every " +
-                 std::to_string(order.yieldEvery));
+    SCOPED_TRACE(fmt::format("seed {}, yield every {}", order.seed.value_or(0), order.yieldEvery));
     const std::string state = runExample(text, std::filesystem::path(GetParam()).filename(), order);
     if (first.empty()) first = state;
     if (independentOfOrder(text)) {
