@@ -1,0 +1,155 @@
+// What the agent is given that it cannot use: numbers, chip files and outputs of the command line.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "agent/ChipConfig.h"
+#include "agent/EmbeddedAgent.h"
+#include "agent/InputError.h"
+#include "agent/Report.h"
+#include "agent/Scenario.h"
+#include "runtime/Trace.h"
+#include "tests/Golden.h"
+
+namespace KilnTests {
+namespace {
+
+using KilnAgent::InputError;
+
+/// What `call` says of its input.
+template <class Call>
+std::string errorOf(Call call) {
+  try {
+    call();
+  } catch (const InputError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+std::string publish(int label) {
+  return fmt::format(R"({{"op":"publish","feature":"mpls","database":"isem","requestVersion":1,)"
+                     R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
+                     R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
+                     label);
+}
+
+/// A directory of its own, and the command line as a user runs it.
+class AgentInput : public testing::Test {
+ protected:
+  struct Result {
+    int code;
+    std::string err;
+  };
+  Result run(const std::string& arguments) {
+    std::filesystem::path binary = std::filesystem::read_symlink("/proc/self/exe");
+    std::string name = binary.filename();
+    binary.replace_filename(name.replace(0, std::string("kiln-tests").size(), "kiln-agent"));
+    const int status = std::system((binary.string() + " " + arguments + " 2>" + path("err")).c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readWhole(path("err"))};
+  }
+  std::string path(const std::string& file) const { return directory_ + "/" + file; }
+  std::string write(const std::string& file, const std::string& text) const {
+    std::ofstream(path(file)) << text;
+    return path(file);
+  }
+  void SetUp() override {
+    directory_ = testing::TempDir() + "kiln-agent-input-XXXXXX";
+    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+  }
+  void TearDown() override { std::filesystem::remove_all(directory_); }
+
+ private:
+  std::string directory_;
+};
+
+TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
+  for (const char* arguments : {"--requests -1", "--requests ''", "--requests 1000000001", "--requests 0x10",
+                                "--requests 1 --seed -1", "--requests 1 --seed 18446744073709551616"}) {
+    const Result result = run(fmt::format("generate {} >{}", arguments, path("out")));
+    EXPECT_EQ(result.code, 2) << arguments;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+  }
+  const std::string lines = write("in.jsonl", publish(1));
+  EXPECT_EQ(run("run --yield-every 4294967296 " + lines).code, 2);
+  EXPECT_EQ(run("run --seed -1 " + lines).code, 2);
+  EXPECT_EQ(run(fmt::format("generate --requests 010 >{}", path("out"))).code, 0);
+  EXPECT_NE(readWhole(path("out")).find("--requests 10 "), std::string::npos);
+}
+
+TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
+  const std::string lines = write("in.jsonl", publish(1));
+  EXPECT_EQ(run("run " + lines + " >/dev/full").code, 2);
+  EXPECT_EQ(run("run " + lines + " --trace 9 --trace-file /dev/full >" + path("out")).code, 0);
+  EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --chip " + path("nowhere")).code, 2);
+  EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --trace-stage x").code, 2);
+  EXPECT_FALSE(std::filesystem::exists(path("dump")));
+}
+
+TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
+  const auto chipError = [&](const std::string& text) {
+    const std::string file = write("chip.json", text);
+    return errorOf([&] { KilnAgent::readChipFile(file); });
+  };
+  EXPECT_EQ(errorOf([&] { KilnAgent::readChipFile(path("")); }), path("") + ": the chip file cannot be read");
+  EXPECT_EQ(chipError(R"({"tables":{"isemMpls":1,"isemMpls":2}})"),
+            path("chip.json") + ": field \"isemMpls\" is given twice");
+  EXPECT_EQ(chipError(R"({"profiles":[{"id":1,"tables":[)"
+                      R"({"id":37,"exactMatch":true,"entriesByWidth":{"060":1,"60":2}}]}]})"),
+            path("chip.json") + ": profiles.tables.entriesByWidth: the width 60 is given twice");
+  EXPECT_EQ(chipError(R"({"faps":[{"id":1,"name":"A","type":4,"cores":[0,1,0]}]})"),
+            path("chip.json") + ": faps.cores: the core 0 is given twice");
+}
+
+TEST(AgentLines, WhatIsWrongIsOneLineWithFileAndLine) {
+  KilnAgent::EmbeddedAgent agent({});
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  const auto errorOfLine = [&](const std::string& line) {
+    std::istringstream lines("\n" + line);
+    return errorOf([&] { scenario.run(lines, "in"); });
+  };
+  EXPECT_EQ(errorOfLine(R"({"op":1e400})"), "in:2: not a line of JSON: number overflow parsing '1e400'");
+  EXPECT_EQ(errorOfLine(R"({"op":"a\u0000\nb"})"), "in:2: op: unknown operation \"a  b\"");
+  const std::string cut = errorOfLine(R"({"op":")" + std::string(10'000, 'x') + R"("})");
+  EXPECT_TRUE(cut.ends_with("xxx...")) << cut;
+  EXPECT_LE(cut.size(), 310U);
+}
+
+TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {
+  KilnAgent::AgentOptions options;
+  options.seed = 17;
+  KilnAgent::EmbeddedAgent agent(options);
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  for (int label = 0; label < 3; ++label) scenario.runLine(publish(label));
+  for (const char* capacity : {"1", "0"}) {
+    scenario.settle();
+    scenario.runLine(fmt::format(R"({{"op":"table","table":"isemMpls","capacity":{}}})", capacity));
+    const std::string report = KilnAgent::reportText(agent, scenario.counters());
+    EXPECT_NE(report.find(fmt::format("[{:#<40}] 3 of {} ", "", capacity)), std::string::npos) << report;
+    EXPECT_NE(report.find(" yields, seed 17\n"), std::string::npos) << report;
+  }
+}
+
+TEST(AgentTraces, SinksThatCanKeepNothingDisturbNobody) {
+  const KilnPlatform::TraceRecord record{KilnPlatform::TraceDescriptor{1, "x"}, "stage", "x"};
+  KilnEmServer::RingTraceSink ring(0);
+  ring.write(record);
+  EXPECT_TRUE(ring.messages().empty());
+  std::FILE* full = std::fopen("/dev/full", "w");
+  ASSERT_NE(full, nullptr);
+  std::setbuf(full, nullptr);
+  EXPECT_NO_THROW(KilnEmServer::StreamTraceSink(full).write(record));
+  std::fclose(full);
+}
+
+}  // namespace
+}  // namespace KilnTests
