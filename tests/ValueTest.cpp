@@ -118,11 +118,11 @@ INSTANTIATE_TEST_SUITE_P(
                 "Invalid string rep for EmResolvedKey: unknown alternative vlan"},
         BadText{"KilnEmServer::EmResolvedKey(isemMplsEntryKey: KilnTunnelNiLib::IsemMplsEntryKey(label: x, "
                 "labelSpace: 0))",
-                "Invalid string rep for IsemMplsEntryKey"},
+                "Invalid string rep for EmResolvedKey"},
         BadText{"KilnEmServer::EmResolvedKey(isemMplsEntryKey: KilnTunnelNiLib::IsemMplsEntryKey(label: "
                 "4294967296, "
                 "labelSpace: 0))",
-                "Invalid string rep for IsemMplsEntryKey"},
+                "Invalid string rep for EmResolvedKey"},
         BadText{"KilnEmServer::EmResolvedKey(esemFodoEntryKey: KilnTunnelNiLib::EsemFodoEntryKey(fodoId: "
                 "262144))",
                 "U18::value < 0 or > 0x0003ffff not allowed"}));
