@@ -179,7 +179,8 @@ TEST(Stage, AKeyThatIsToStayAsItIsSurvivesTheDeletionScan) {
   set.source->itemIs(1, kKeep);
   set.sink->resultIs(1, 8);
   set.sink->resultIs(2, 8);
-  set.start();
+  const auto stage = set.start();
+  set.bench.settle();
   EXPECT_EQ(contentOf(set.sink->result()), (std::map<int, int>{{1, 8}}));
 }
 
