@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string_view>
 #include <type_traits>
@@ -48,7 +50,12 @@ class TallySink final : public KilnPlatform::TraceSink {
 class Draw {
  public:
   explicit Draw(const RunSetting& setting) : setting_(setting), random_(setting.seed) {
+    // Some runs spread over many keys, some press a few very hard.
     types_ = 1 + below(3);
+    features_ = 2 + below(7);
+    interfaces_ = 1 + below(3);
+    systemTcams_ = 1 + below(2);
+    otherTypes_ = pick<std::size_t>({8, 50});
     for (auto& type : pool_) type = static_cast<int>(1 + below(kTableTypes));
     const auto weight = [&](std::size_t least, std::size_t most) { return least + below(most - least + 1); };
     weights_ = {weight(10, 40), weight(4, 20), weight(8, 20), weight(2, 30),
@@ -57,7 +64,7 @@ class Draw {
 
   std::vector<Step> steps() {
     std::vector<Step> steps;
-    add(steps, VlanDomainsOperation{.mode = VlanDomainService::Mode::manual, .limits = {}});
+    if (!setting_.domainsAutomatic) add(steps, manualDomains());
     while (steps.size() < setting_.steps) add(steps, operation());
     add(steps, SettleOperation{});
     return steps;
@@ -75,9 +82,13 @@ class Draw {
     steps.push_back({std::move(operation), oneIn(2) ? 0 : below(setting_.yieldEvery == 0 ? 12 : 60)});
   }
 
-  FeatureType feature() { return static_cast<FeatureType>(1 + below(oneIn(3) ? 8 : 3)); }
-  IntfIdSystemTcamId interface() { return {1 + below(3), static_cast<std::uint16_t>(below(2))}; }
-  int type() { return oneIn(8) ? static_cast<int>(1 + below(kTableTypes)) : pool_[below(types_)]; }
+  FeatureType feature() {
+    return static_cast<FeatureType>(1 + below(oneIn(3) ? features_ : std::min<std::size_t>(features_, 3)));
+  }
+  IntfIdSystemTcamId interface() {
+    return {1 + below(interfaces_), static_cast<std::uint16_t>(below(systemTcams_))};
+  }
+  int type() { return oneIn(otherTypes_) ? static_cast<int>(1 + below(kTableTypes)) : pool_[below(types_)]; }
   TableTag table() { return static_cast<TableTag>(type()); }
 
   template <class T>
@@ -150,6 +161,25 @@ class Draw {
     return publish;
   }
 
+  static VlanDomainsOperation manualDomains() {
+    return {.mode = VlanDomainService::Mode::manual, .limits = {}};
+  }
+
+  Operation domainOperation() {
+    if (setting_.domainsAutomatic && oneIn(3)) {
+      if (oneIn(4)) return manualDomains();
+      if (oneIn(2)) return ShareOperation{1 + below(3), 1 + below(3), static_cast<std::uint16_t>(below(2))};
+      const auto first = static_cast<std::uint16_t>(below(3));
+      return VlanDomainsOperation{
+          .mode = VlanDomainService::Mode::automatic,
+          .limits = VlanDomainLimits{first, static_cast<std::uint16_t>(first + below(3))}};
+    }
+    // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
+    if (!oneIn(3))
+      return AllotOperation{interface(), pick<std::uint16_t>({1, 1, 1, 2, 2, 3, 511, 512, 2047, 2048})};
+    return RevokeOperation{interface()};
+  }
+
   /// A key that is published in a database other than its own, and never in its own. The server takes no
   /// notice of it, so that a status which it once had, being held, would stay: it is never held.
   PublishOperation misplaced() {
@@ -198,8 +228,7 @@ class Draw {
         return WithdrawOperation{gone.feature, gone.database, gone.key};
       }
       case 3:
-        // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
-        return AllotOperation{interface(), pick<std::uint16_t>({1, 1, 2, 0, 511, 512, 2047, 2048})};
+        return domainOperation();
       case 4:
         return RevokeOperation{interface()};
       case 5:
@@ -242,8 +271,29 @@ class Draw {
   std::mt19937_64 random_;
   std::array<int, 3> pool_{};
   std::size_t types_;
+  std::size_t features_;
+  std::size_t interfaces_;
+  std::size_t systemTcams_;
+  std::size_t otherTypes_;
   std::array<std::size_t, 8> weights_{};
   std::vector<PublishOperation> published_;
+};
+
+/// Operations that are for domains allotted by hand.
+template <class T>
+constexpr bool kByHand = std::is_same_v<T, AllotOperation> || std::is_same_v<T, RevokeOperation>;
+
+/// Keeps which statuses changed.
+class StatusChanges final : public StoreObserver {
+ public:
+  void handleStoreChange(const StoreChange& change) override {
+    if (change.record != StoreChange::Record::status) return;
+    text_ += fmt::format("status changed: {} {} {}\n", change.feature, change.database, change.key);
+  }
+  [[nodiscard]] const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
 };
 
 /// One agent and what the runner knows of it.
@@ -265,9 +315,11 @@ class Run {
         [&]<class T>(const T& operation) {
           if constexpr (std::is_same_v<T, AnswerOperation>) {
             agent_.chip().table(operation.table).answer(operation.order, operation.count);
-          } else {
+          } else if (!kByHand<T> || agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) {
             if (std::is_same_v<T, RestartOperation> || std::is_same_v<T, CrashOperation>) serverGoes();
             scenario_.execute(operation);
+            if constexpr (std::is_same_v<T, VlanDomainsOperation>)
+              limits_ = operation.limits.value_or(limits_);
           }
           noteRefusals();
           if (std::is_same_v<T, SettleOperation>) return quiet();
@@ -293,6 +345,25 @@ class Run {
     }
     serverGoes();
     return wrong;
+  }
+
+  /// What a restart of the quiet server changes.
+  std::string restart(bool crash) {
+    const std::string before = dumpWithoutHardware(agent_);
+    const HardwareCounters countersBefore = agent_.chip().counters();
+    StatusChanges changes;
+    agent_.store().observerIs(&changes);
+    crash ? agent_.crash() : agent_.restart();
+    agent_.settle();
+    agent_.store().observerIs(nullptr);
+    std::string wrong = changes.text();
+    const HardwareCounters counters = agent_.chip().counters();
+    if (counters.written != countersBefore.written || counters.removed != countersBefore.removed) {
+      wrong += fmt::format("{} entries written, {} removed\n", counters.written - countersBefore.written,
+                           counters.removed - countersBefore.removed);
+    }
+    if (dumpWithoutHardware(agent_) != before) wrong += "another dump\n";
+    return wrong + quiet();
   }
 
   FinalState finalState() {
@@ -367,8 +438,31 @@ class Run {
       expected.domainsAsked = found.domainsAsked;
     }
     wrong += difference(expected, found);
+    wrong += domainsWronglyAllotted(wanted, found);
     if (!agent_.server().dependencyStatus().completedHas("finalizeStartupStage")) {
       wrong += "quiet, but start-up is not finalized\n";
+    }
+    return wrong;
+  }
+
+  /// Automatic allotment serves whoever asks, as long as there is a free domain, and nobody else.
+  std::string domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const {
+    if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return "";
+    std::string wrong;
+    for (const auto& asked : found.domainsAsked) {
+      if (wanted.domains.contains(asked)) continue;
+      std::set<std::uint16_t> free;
+      for (std::uint32_t domain = limits_.first; domain <= limits_.last; ++domain) {
+        free.insert(static_cast<std::uint16_t>(domain));
+      }
+      for (const auto& [interface, domain] : wanted.domains) {
+        if (interface.systemTcamId == asked.systemTcamId) free.erase(domain);
+      }
+      if (!free.empty()) wrong += fmt::format("{} waits though {} is free\n", asked, *free.begin());
+    }
+    for (const auto& [interface, domain] : wanted.domains) {
+      if (!found.domainsAsked.contains(interface))
+        wrong += fmt::format("{} has {} unasked\n", interface, domain);
     }
     return wrong;
   }
@@ -391,6 +485,7 @@ class Run {
   Ref<TallySink> sink_;
   EmbeddedAgent agent_;
   Scenario scenario_;
+  VlanDomainLimits limits_;
   std::array<bool, kTableTypes + 1> mayHaveRefused_{};
 };
 
@@ -414,6 +509,7 @@ RunSetting settingOf(std::uint64_t seed) {
   setting.answersInsideCall = seed % 5 == 0;
   setting.tablesRefuse = seed % 4 == 1;
   setting.tablesHold = seed % 2 == 1;
+  setting.domainsAutomatic = seed % 7 == 0;
   return setting;
 }
 
@@ -432,6 +528,15 @@ std::string runSteps(const RunSetting& setting, const std::vector<Step>& steps, 
   if (finalState != nullptr) *finalState = run.finalState();
   const std::string wrong = run.finish();
   return wrong.empty() ? wrong : fmt::format("seed {}, after all was withdrawn:\n{}", setting.seed, wrong);
+}
+
+std::string restartAfter(const RunSetting& setting, const std::vector<Step>& steps, bool crash) {
+  Tally tally;
+  Run run(setting, tally);
+  for (const Step& step : steps) {
+    if (const std::string wrong = run.execute(step); !wrong.empty()) return wrong;
+  }
+  return run.restart(crash);
 }
 
 }  // namespace KilnTests

@@ -26,6 +26,7 @@ struct RunSetting {
   bool answersInsideCall = false;  ///< whether some tables answer inside the call that writes
   bool tablesRefuse = false;       ///< whether tables refuse writes for a while, and one of them is small
   bool tablesHold = false;         ///< whether tables hold answers back for a while
+  bool domainsAutomatic = false;   ///< whether VLAN domains are allotted automatically for a while
   std::size_t steps = 150;
   std::string* trace = nullptr;  ///< takes the whole trace, at its most detailed level; may be null
 };
@@ -50,6 +51,10 @@ struct FinalState {
   std::string outcome;  ///< statuses, tables and the domains that are asked for, each row in a line
   std::string dump;     ///< the agent's dump, as far as it does not depend on the order of tasks
 };
+
+/// Runs steps, then destroys the quiet server, or lets it crash, and creates it again. Returns what that
+/// changed for features or hardware, empty where nothing.
+std::string restartAfter(const RunSetting& setting, const std::vector<Step>& steps, bool crash);
 
 /// The dump without the row that tells how often the hardware was written.
 std::string dumpWithoutHardware(const KilnAgent::EmbeddedAgent& agent);

@@ -66,6 +66,17 @@ TEST(WholeServer, EndsAsRecomputedNeverYielding) {
   EXPECT_EQ(tally.scanPauses, 0U);
 }
 
+TEST(WholeServer, RestartOfTheQuietServerChangesNothingThatOthersSee) {
+  for (std::uint64_t seed = 3000; seed < 3030; ++seed) {
+    RunSetting setting = settingOf(seed);
+    setting.tablesRefuse = setting.tablesHold = false;
+    const std::vector<Step> steps = drawSteps(setting);
+    for (const bool crash : {false, true}) {
+      EXPECT_EQ("", restartAfter(setting, steps, crash)) << "seed " << seed << (crash ? ", crash" : "");
+    }
+  }
+}
+
 std::string digestOf(const std::string& text) {
   std::uint64_t hash = 0xcbf29ce484222325;
   for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
