@@ -1,0 +1,114 @@
+#include "tests/CapacityCount.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <tuple>
+#include <vector>
+
+namespace KilnTests {
+namespace {
+
+using Tag = KilnEmServer::EmResolvedKeyUnionTag;
+/// Table, feature, agent and chip; used, free and maximum.
+using Rows = std::map<std::tuple<std::string, std::string, std::string, std::string>,
+                      std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>>;
+
+constexpr const char* kAgent = "SemCapacity";
+
+/// One reported table: which key types a FAP of type 3 keeps there, and one of type 4 or 5.
+struct Table {
+  std::uint16_t id;
+  const char* name;
+  std::vector<Tag> onType3;
+  std::vector<Tag> onOthers;
+};
+const std::vector<Tag> kNarrow = {Tag::isemUntaggedEntryKey, Tag::isem1TagEntryKey, Tag::isem2TagEntryKey};
+const std::vector<Tag> kWide = {Tag::isemInnerEthEntryKey, Tag::isemMplsEntryKey};
+const std::vector<Tag> kEgress = {Tag::esemFodoVdEntryKey, Tag::esemFodoEntryKey};
+const Table kTables[] = {{64, "ISEM1", kNarrow, kWide},
+                         {65, "ISEM2", kWide, kNarrow},
+                         {66, "ISEM3", {}, {}},
+                         {37, "ESEM", kEgress, kEgress}};
+
+std::optional<std::uint32_t> maximum(const Hardware::Kiln::MdbStatus& mdb, Hardware::Kiln::FapId fapId,
+                                     std::uint16_t tableId) {
+  const auto id = mdb.profileId().get(fapId);
+  const auto profile = id ? mdb.profile().get(*id) : std::nullopt;
+  if (!profile) return std::nullopt;
+  for (const auto& table : profile->tables) {
+    if (table.table != tableId || !table.exactMatch) continue;
+    for (const auto& [width, entries] : table.entriesByWidth) {
+      if (width == 60) return entries;
+    }
+    return 0;
+  }
+  return std::nullopt;
+}
+
+/// What external users hold of a table on a core; nothing where none has any part in it.
+std::optional<std::uint64_t> external(const KilnAgent::EmbeddedAgent& agent, Hardware::Kiln::FapId fapId,
+                                      Hardware::Kiln::LocalCoreId core, std::uint16_t tableId, bool type3) {
+  std::optional<std::uint64_t> used;
+  if (tableId != (type3 ? 65 : 64)) return used;
+  KilnPlatform::forEachIn(agent.externalUsers().user(), [&](const auto& /*name*/, const auto& user) {
+    for (const auto& usage : user.usage) {
+      if (usage.fapId != fapId || usage.localCoreId != core) continue;
+      if (usage.semType == 0) used = used.value_or(0) + std::uint64_t{2} * usage.entries;
+      if (usage.semType == 2 && !type3) used = used.value_or(0) + usage.entries;
+    }
+  });
+  return used;
+}
+
+void addCore(Rows& rows, const KilnAgent::EmbeddedAgent& agent, Hardware::Kiln::FapId fapId,
+             const Hardware::Kiln::FapInfo& fap, Hardware::Kiln::LocalCoreId core) {
+  const bool type3 = fap.fapType == 3;
+  const std::string chip = fmt::format("{}/{}", fap.name, core.number());
+  for (const Table& table : kTables) {
+    if (type3 ? core.number() != 0 : table.id == 66) continue;
+    const auto max = maximum(*agent.chip().mdbStatus(), fapId, table.id);
+    if (!max) continue;
+    const auto add = [&](const char* feature, std::uint64_t used) {
+      rows[{table.name, feature, kAgent, chip}] = {used, *max - std::min<std::uint64_t>(*max, used), *max};
+    };
+    std::uint64_t used = 0;
+    for (const Tag tag : type3 ? table.onType3 : table.onOthers) {
+      const bool narrow = std::find(kNarrow.begin(), kNarrow.end(), tag) != kNarrow.end();
+      used += agent.chip().table(tag).fill() * (narrow ? 1 : 2);
+    }
+    add("", used);
+    const auto others = external(agent, fapId, core, table.id, type3);
+    if (others || table.id == 64) add("SRv6", others.value_or(0));
+  }
+}
+
+}  // namespace
+
+std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent) {
+  Rows expected;
+  KilnPlatform::forEachIn(agent.chip().chipStatus()->fap(), [&](const auto& fapId, const auto& fap) {
+    for (const auto core : fap.cores) addCore(expected, agent, fapId, fap, core);
+  });
+  Rows found;
+  KilnPlatform::forEachIn(agent.capacity().entry(), [&](const auto& key, const auto& entry) {
+    found[{key.table, key.feature, key.agent, key.chip}] = {entry.used, entry.free, entry.maxLimit};
+  });
+  std::string wrong;
+  const auto list = [&](const char* what, const Rows& rows, const Rows& others) {
+    for (const auto& [key, numbers] : rows) {
+      const auto at = others.find(key);
+      if (at != others.end() && at->second == numbers) continue;
+      wrong += fmt::format("capacity {} {} \"{}\" {} {}: used {}, free {}, of {}\n", what, std::get<0>(key),
+                           std::get<1>(key), std::get<2>(key), std::get<3>(key), std::get<0>(numbers),
+                           std::get<1>(numbers), std::get<2>(numbers));
+    }
+  };
+  list("expected", expected, found);
+  list("found", found, expected);
+  return wrong;
+}
+
+}  // namespace KilnTests
