@@ -64,7 +64,7 @@ class Draw {
 
   std::vector<Step> steps() {
     std::vector<Step> steps;
-    if (!setting_.domainsAutomatic) add(steps, manualDomains());
+    add(steps, setting_.domainsAutomatic ? scarceDomains() : manualDomains());
     while (steps.size() < setting_.steps) add(steps, operation());
     add(steps, SettleOperation{});
     return steps;
@@ -165,14 +165,17 @@ class Draw {
     return {.mode = VlanDomainService::Mode::manual, .limits = {}};
   }
 
+  VlanDomainsOperation scarceDomains() {
+    const auto first = static_cast<std::uint16_t>(below(3));
+    const auto last = static_cast<std::uint16_t>(first + below(2));
+    return {.mode = VlanDomainService::Mode::automatic, .limits = VlanDomainLimits{first, last}};
+  }
+
   Operation domainOperation() {
-    if (setting_.domainsAutomatic && oneIn(3)) {
-      if (oneIn(4)) return manualDomains();
-      if (oneIn(2)) return ShareOperation{1 + below(3), 1 + below(3), static_cast<std::uint16_t>(below(2))};
-      const auto first = static_cast<std::uint16_t>(below(3));
-      return VlanDomainsOperation{
-          .mode = VlanDomainService::Mode::automatic,
-          .limits = VlanDomainLimits{first, static_cast<std::uint16_t>(first + below(3))}};
+    if (setting_.domainsAutomatic && oneIn(2)) {
+      if (oneIn(8)) return manualDomains();
+      if (oneIn(3)) return ShareOperation{1 + below(3), 1 + below(3), static_cast<std::uint16_t>(below(2))};
+      return scarceDomains();
     }
     // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
     if (!oneIn(3))
