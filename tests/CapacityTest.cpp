@@ -35,8 +35,8 @@ class ManualClock final : public Clock {
   std::chrono::nanoseconds time{1};
 };
 
-/// A writer that holds as many entries as the test says, or one more for each write, which it never answers; and
-/// counts how often it is asked.
+/// A writer that holds as many entries as the test says, or one more for each write, which it never answers;
+/// and counts how often it is asked.
 class CountingWriter final : public EmSwTableWriterSm {
  public:
   CountingWriter(Tag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
