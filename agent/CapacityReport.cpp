@@ -76,12 +76,14 @@ std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kil
   return byTable;
 }
 
-Json featuresJson(const EmbeddedAgent& agent, const TableInstance& instance) {
+/// Only what the server is asked for can wait.
+Json featuresJson(const EmbeddedAgent& agent, const TableInstance& instance, const Demand& demand) {
   Json features = Json::array();
   for (const auto& [key, entry] : sortedRows(agent.capacity().entry())) {
     if (key.table != instance.table || key.chip != instance.chip) continue;
     Json row = usageJson({entry.used, entry.maxLimit});
     row["feature"] = key.feature;
+    row["pending"] = key.feature.empty() ? demand.waiting : 0;
     features.push_back(std::move(row));
   }
   return features;
@@ -107,7 +109,7 @@ Json tablesJson(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
     row["used-threshold-upper"] = monitor.thresholds().upper;
     row["used-threshold-upper-clear"] = monitor.thresholds().upperClear;
     row["used-threshold-upper-exceeded"] = state.exceeded;
-    row["features"] = featuresJson(agent, instance);
+    row["features"] = featuresJson(agent, instance, demand);
     tables.push_back(std::move(row));
   }
   return tables;
@@ -176,9 +178,9 @@ void addTable(Lines out, const Json& row) {
                  seconds(row, "high-watermark-time"));
   for (const Json& feature : row.at("features")) {
     const auto& name = feature.at("feature").get_ref<const std::string&>();
-    fmt::format_to(out, "      {}: {} used ({:.1f} %), {} free\n", name.empty() ? "server" : name,
-                   number(feature, "used"), feature.at("used-percent").get<double>(),
-                   number(feature, "free"));
+    fmt::format_to(out, "      {}: {} used ({:.1f} %), {} free, {} pending\n", name.empty() ? "server" : name,
+                   number(feature, "used"), feature.at("used-percent").get<double>(), number(feature, "free"),
+                   number(feature, "pending"));
   }
 }
 

@@ -94,6 +94,14 @@ KilnMdb::TableCapabilities readTableCapabilities(const Json& json, const JsonPat
   return table;
 }
 
+void addTable(std::vector<KilnMdb::TableCapabilities>& tables, KilnMdb::TableCapabilities table,
+              const JsonPath& path) {
+  for (const KilnMdb::TableCapabilities& other : tables) {
+    if (other.table == table.table) path.fail(fmt::format("the table {} is given twice", table.table));
+  }
+  tables.push_back(std::move(table));
+}
+
 void readProfiles(const Json& json, ChipConfig& chip, const JsonPath& path) {
   chip.profiles.clear();
   for (const Json& profile : requireArray(json, path)) {
@@ -104,7 +112,7 @@ void readProfiles(const Json& json, ChipConfig& chip, const JsonPath& path) {
     KilnMdb::ProfileCapabilities capabilities;
     const JsonPath tablesPath{&path, "tables"};
     for (const Json& table : requireArray(requireMember(profile, "tables", path), tablesPath)) {
-      capabilities.tables.push_back(readTableCapabilities(table, tablesPath));
+      addTable(capabilities.tables, readTableCapabilities(table, tablesPath), tablesPath);
     }
     if (!chip.profiles.emplace(id, std::move(capabilities)).second) {
       path.fail(fmt::format("a second profile has the id {}", id));

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/CapacityMonitor.h"
 #include "agent/JsonValue.h"
 #include "agent/SortedRows.h"
 #include "server/KilnEmServerSm.h"
@@ -106,7 +107,7 @@ void addTables(Lines out, const EmbeddedAgent& agent) {
         fill == 0 ? 0 : std::clamp<std::size_t>(fill * kBarWidth / capacity, 1, kBarWidth);
     fmt::format_to(out, "  {:13} [{:#<{}}{:.<{}}] {} of {} ({:.1f} %)", table.stem(), "", marks, "",
                    kBarWidth - marks, grouped(fill), grouped(table.capacity()),
-                   100.0 * static_cast<double>(fill) / static_cast<double>(capacity));
+                   percentOf({fill, table.capacity()}));
     if (table.held() != 0) fmt::format_to(out, ", {} answers held", grouped(table.held()));
     fmt::format_to(out, "\n");
   });

@@ -215,14 +215,14 @@ int printGraph(bool asDot) {
   return 0;
 }
 
-/// Takes decimal digits only, up to `max`; the command-line library alone would read 010 as eight.
-CLI::Validator wholeNumber(std::uint64_t max) {
-  const auto read = [max](std::string& text) {
+/// Takes decimal digits only; the command-line library alone would read 010 as eight.
+CLI::Validator wholeNumber(std::uint64_t max, std::uint64_t min = 0) {
+  const auto read = [min, max](std::string& text) {
     std::uint64_t number = 0;
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc{} || stop != end || number > max) {
-      return fmt::format("\"{}\" is not a whole number from 0 to {}", text, max);
+    if (error != std::errc{} || stop != end || number < min || number > max) {
+      return fmt::format("\"{}\" is not a whole number from {} to {}", text, min, max);
     }
     text = std::to_string(number);
     return std::string();
@@ -235,7 +235,7 @@ void addRunOptions(CLI::App* command, RunArguments& arguments) {
   command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
       ->required();
   command->add_option("--trace", arguments.traceLevel, "Highest trace level that is written, 0 to 9")
-      ->check(CLI::Range(0, 9))
+      ->transform(wholeNumber(9))
       ->capture_default_str();
   command
       ->add_option(
@@ -276,10 +276,10 @@ void addShow(CLI::App& app, ShowCapacityArguments& arguments, int& result) {
       ->default_str("text")
       ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"text", false}, {"json", true}}));
   command->add_option("--upper", arguments.thresholds.upper, "Per cent at which an alarm is raised")
-      ->check(CLI::Range(1, 100))
+      ->transform(wholeNumber(100, 1))
       ->capture_default_str();
   command->add_option("--clear", arguments.thresholds.upperClear, "Per cent below which it is cleared")
-      ->check(CLI::Range(1, 100))
+      ->transform(wholeNumber(100, 1))
       ->capture_default_str();
   command->callback([&] { result = showCapacity(arguments); });
 }

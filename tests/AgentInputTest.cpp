@@ -82,6 +82,11 @@ TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
   const std::string lines = write("in.jsonl", publish(1));
   EXPECT_EQ(run("run --yield-every 4294967296 " + lines).code, 2);
   EXPECT_EQ(run("run --seed -1 " + lines).code, 2);
+  for (const char* argument : {"--trace 010", "--trace 0x1", "--upper 0", "--upper 101", "--clear 0x10"}) {
+    EXPECT_EQ(run(fmt::format("show capacity {} {}", argument, lines)).code, 2) << argument;
+  }
+  EXPECT_NE(run("show capacity --upper 020 --clear 021 " + lines).err.find("--clear 21 is above --upper 20"),
+            std::string::npos);
   EXPECT_EQ(run(fmt::format("generate --requests 010 >{}", path("out"))).code, 0);
   EXPECT_NE(readWhole(path("out")).find("--requests 10 "), std::string::npos);
 }
@@ -106,6 +111,9 @@ TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
   EXPECT_EQ(chipError(R"({"profiles":[{"id":1,"tables":[)"
                       R"({"id":37,"exactMatch":true,"entriesByWidth":{"060":1,"60":2}}]}]})"),
             path("chip.json") + ": profiles.tables.entriesByWidth: the width 60 is given twice");
+  EXPECT_EQ(chipError(R"({"profiles":[{"id":1,"tables":[{"id":37,"exactMatch":true,"entriesByWidth":{}},)"
+                      R"({"id":37,"exactMatch":false,"entriesByWidth":{}}]}]})"),
+            path("chip.json") + ": profiles.tables: the table 37 is given twice");
   EXPECT_EQ(chipError(R"({"faps":[{"id":1,"name":"A","type":4,"cores":[0,1,0]}]})"),
             path("chip.json") + ": faps.cores: the core 0 is given twice");
 }
@@ -134,7 +142,9 @@ TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {
     scenario.settle();
     scenario.runLine(fmt::format(R"({{"op":"table","table":"isemMpls","capacity":{}}})", capacity));
     const std::string report = KilnAgent::reportText(agent, scenario.counters());
-    EXPECT_NE(report.find(fmt::format("[{:#<40}] 3 of {} ", "", capacity)), std::string::npos) << report;
+    const char* percent = *capacity == '0' ? "100.0" : "300.0";
+    EXPECT_NE(report.find(fmt::format("[{:#<40}] 3 of {} ({} %)", "", capacity, percent)), std::string::npos)
+        << report;
     EXPECT_NE(report.find(" yields, seed 17\n"), std::string::npos) << report;
   }
 }

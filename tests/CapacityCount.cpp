@@ -4,9 +4,12 @@
 
 #include <algorithm>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <tuple>
 #include <vector>
+
+#include "agent/Dump.h"
 
 namespace KilnTests {
 namespace {
@@ -93,9 +96,11 @@ std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent) {
     for (const auto core : fap.cores) addCore(expected, agent, fapId, fap, core);
   });
   Rows found;
-  KilnPlatform::forEachIn(agent.capacity().entry(), [&](const auto& key, const auto& entry) {
-    found[{key.table, key.feature, key.agent, key.chip}] = {entry.used, entry.free, entry.maxLimit};
-  });
+  const auto dump = nlohmann::json::parse(KilnAgent::dumpText(agent));
+  for (const auto& row : dump.at("capacity")) {
+    found[{row.at("table"), row.at("feature"), row.at("agent"), row.at("chip")}] = {
+        row.at("used"), row.at("free"), row.at("maxLimit")};
+  }
   std::string wrong;
   const auto list = [&](const char* what, const Rows& rows, const Rows& others) {
     for (const auto& [key, numbers] : rows) {

@@ -8,7 +8,7 @@
 
 namespace KilnTests {
 
-/// What of the capacity rows differs from the count, in words; empty where nothing does.
+/// What of the dump's capacity rows differs from the count, in words; empty where nothing does.
 std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent);
 
 }  // namespace KilnTests

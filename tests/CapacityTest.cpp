@@ -245,7 +245,7 @@ TEST_F(Capacity, AnUpdateCostsTheSameHoweverManyEntriesThereAre) {
   start();
   const Recorder recorder(table->entry());
   std::set<std::tuple<std::uint64_t, std::size_t, std::size_t, std::uint64_t>> costs;
-  for (const std::uint32_t entries : {1000U, 50000U}) {
+  for (const std::uint32_t entries : {1000U, 500000U}) {
     const auto updates = sm->counters().updates;
     const std::size_t askedBefore = asked();
     const auto slices = bench.scheduler->counters().slices;

@@ -14,6 +14,7 @@
 #include "agent/Dump.h"
 #include "agent/Scenario.h"
 #include "server/KilnEmServerSm.h"
+#include "tests/CapacityCount.h"
 #include "tests/Recompute.h"
 
 namespace KilnTests {
@@ -388,6 +389,7 @@ class Run {
     AgentOptions options;
     if (setting.shuffled) options.seed = setting.seed;
     options.yieldEvery = setting.yieldEvery;
+    options.chip.faps[1].info.fapType = 3;
     if (setting.tablesRefuse) options.chip.tableSizes[1 + setting.seed % kTableTypes] = 2;
     options.traces.sink = sink;
     if (setting.trace != nullptr) {
@@ -442,6 +444,7 @@ class Run {
     }
     wrong += difference(expected, found);
     wrong += domainsWronglyAllotted(wanted, found);
+    wrong += capacityDifference(agent_);
     if (!agent_.server().dependencyStatus().completedHas("finalizeStartupStage")) {
       wrong += "quiet, but start-up is not finalized\n";
     }
