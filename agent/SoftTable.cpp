@@ -44,6 +44,11 @@ SoftTable::SoftTable(const Setting& setting)
           setting.scheduler, 0, "SoftChip-" + std::string(setting.stem),
           [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this) {}
 
+void SoftTable::noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation) {
+  ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);
+  if (watcher_ != nullptr) watcher_->handleOperation(key, operation);
+}
+
 void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {
   if (mode_ == AnswerMode::hold) {
     held_.push_back({outcome, std::move(handler)});

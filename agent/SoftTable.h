@@ -29,6 +29,27 @@ struct HardwareCounters {
   std::uint64_t unchanged = 0;  ///< writes of what the table held already
 };
 
+/// How often the server called a table, whatever came of it.
+struct OperationCounters {
+  std::uint64_t writes = 0;
+  std::uint64_t removals = 0;
+};
+
+/// Told what happens at a table, before it does.
+class TableWatcher {
+ public:
+  enum class Operation : std::uint8_t { write, removal };
+  /// The server calls an operation.
+  virtual void handleOperation(const KilnEmServer::EmResolvedKey& key, Operation operation) = 0;
+  /// The hardware's entry under a key is about to be written, replaced or removed; `before` is null where
+  /// there is none.
+  virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
+                                    const KilnEmServer::EmEntry* before) = 0;
+
+ protected:
+  ~TableWatcher() = default;
+};
+
 /// The subscribers of one object's changes. They may come and go while they are being told.
 class ChangeSubscribers {
  public:
@@ -89,6 +110,9 @@ class SoftTable {
   /// Entries that the table holds already stay, even where they are more.
   void capacityIs(std::uint32_t entries) { capacity_ = entries; }
   [[nodiscard]] const HardwareCounters& counters() const { return counters_; }
+  [[nodiscard]] const OperationCounters& operations() const { return operations_; }
+  /// Names the one watcher, which must outlive the table or be replaced; null for none.
+  void watcherIs(TableWatcher* watcher) { watcher_ = watcher; }
 
   [[nodiscard]] AnswerMode answerMode() const { return mode_; }
   /// Leaving `hold` lets every held answer go, in the order of the operations.
@@ -121,6 +145,11 @@ class SoftTable {
   /// Takes over the answer of an operation that was applied with this outcome.
   void deliver(EntryState outcome, ResponseHandler handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
+  void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
+  void noteUpcomingChange(const KilnEmServer::EmResolvedKey& key, const KilnEmServer::EmEntry* before) {
+    if (watcher_ != nullptr) watcher_->handleUpcomingChange(key, before);
+  }
+  [[nodiscard]] bool watched() const { return watcher_ != nullptr; }
 
   virtual void unclaimAll() = 0;
   /// Returns how many entries it dropped.
@@ -140,6 +169,8 @@ class SoftTable {
 
   std::string_view stem_;
   std::uint32_t capacity_;
+  OperationCounters operations_;
+  TableWatcher* watcher_ = nullptr;
   std::mt19937_64* random_;
   PendingHwWrites& pending_;
   AnswerMode mode_ = AnswerMode::success;
@@ -163,11 +194,13 @@ class SoftSwTable final : public SwTable, public SoftTable {
   void entryWriteWithResponseHandler(const Key& key, const TableEntry& entry,
                                      const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                      ResponseHandler handler) override {
+    noteOperation(key, TableWatcher::Operation::write);
     deliver(write(key, entry), std::move(handler));
   }
   void entryRemoveWithResponseHandler(const Key& key,
                                       const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                       ResponseHandler handler) override {
+    noteOperation(key, TableWatcher::Operation::removal);
     unclaimed_.del(key);
     remove(key);
     deliver(EntryState::success_, std::move(handler));
@@ -196,11 +229,27 @@ class SoftSwTable final : public SwTable, public SoftTable {
       return EntryState::refused_;
     }
     if (entrys_.size() >= capacity() && !entrys_.has(key)) return EntryState::noResource_;
-    ++(entrys_.is(key, entry) ? counters_.written : counters_.unchanged);
+    const TableEntry* before = entrys_.find(key);
+    if (before != nullptr && *before == entry) {
+      ++counters_.unchanged;
+      return EntryState::success_;
+    }
+    noteChange(key, before);
+    entrys_.is(key, entry);
+    ++counters_.written;
     return EntryState::success_;
   }
   void remove(const Key& key) {
-    if (entrys_.del(key)) ++counters_.removed;
+    const TableEntry* before = entrys_.find(key);
+    if (before == nullptr) return;
+    noteChange(key, before);
+    entrys_.del(key);
+    ++counters_.removed;
+  }
+  void noteChange(const Key& key, const TableEntry* before) {
+    if (!watched()) return;
+    const auto entry = before == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*before);
+    noteUpcomingChange(key, entry ? &*entry : nullptr);
   }
 
   void unclaimAll() override {

@@ -61,7 +61,7 @@ class Output final : public OutputBase {
     if (reconciliationState() == ReconciliationState::skipNothing) {
       collection().del(key);
     } else {
-      marks_->seen.del(key);
+      if (markOf(key) != Mark::inserted) noteMark(key, Mark::none);
       if (collection().has(key)) marks_->heldBack.is(key, {});
     }
   }
@@ -79,7 +79,7 @@ class Output final : public OutputBase {
   /// back is forgotten.
   void markSeen(const Key& key) {
     if (!reconciling()) return;
-    if (noteSeen_) marks_->seen.is(key, {});
+    if (noteSeen_ && !marks_->seen.has(key)) noteMark(key, Mark::awaited);
     marks_->heldBack.del(key);
   }
 
@@ -95,7 +95,7 @@ class Output final : public OutputBase {
  private:
   /// Which keys were written, and which deletions are held back.
   struct Marks {
-    Collection<Key, KilnPlatform::Unit> seen;
+    Collection<Key, Mark> seen;
     Collection<Key, KilnPlatform::Unit> heldBack;
   };
 
@@ -115,14 +115,34 @@ class Output final : public OutputBase {
   }
 
   void insertReconciling(const Key& key, const Value& value) {
+    marks_->heldBack.del(key);
     const bool present = collection().has(key);
-    markSeen(key);
-    countWrite(present, collection().is(key, value));
+    const bool changed = collection().is(key, value);
+    if (noteSeen_) {
+      noteMark(key, markOfWrite(markOf(key), present, changed));
+    } else if (!present) {
+      countMark(Mark::none, Mark::inserted);
+    }
+  }
+
+  [[nodiscard]] Mark markOf(const Key& key) const {
+    if (!noteSeen_) return Mark::inserted;
+    const Mark* mark = marks_->seen.find(key);
+    return mark == nullptr ? Mark::none : *mark;
+  }
+  void noteMark(const Key& key, Mark mark) {
+    countMark(markOf(key), mark);
+    if (mark == Mark::none) {
+      marks_->seen.del(key);
+    } else {
+      marks_->seen.is(key, mark);
+    }
   }
 
   void beginSeen() override {
     marks_ = std::make_unique<Marks>();
     noteSeen_ = !collection().empty();
+    countFound(collection().size());
     cursor_ = {};
   }
 
@@ -147,6 +167,9 @@ class Output final : public OutputBase {
   void deleteStale(const Key& key) {
     stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
     marks_->heldBack.del(key);
+    const Mark mark = markOf(key);
+    countMark(mark, mark == Mark::inserted ? Mark::none : Mark::deleted);
+    if (noteSeen_) marks_->seen.del(key);
     collection().del(key);
   }
 

@@ -125,6 +125,32 @@ void OutputBase::reconciliationStateIs(ReconciliationState state) {
                            name_);
 }
 
+OutputBase::Mark OutputBase::markOfWrite(Mark before, bool present, bool changed) {
+  if (before == Mark::inserted || !present) return Mark::inserted;
+  return changed || before == Mark::rewritten ? Mark::rewritten : Mark::kept;
+}
+
+void OutputBase::countMark(Mark before, Mark after) {
+  const auto counter = [this](Mark mark) -> std::size_t* {
+    switch (mark) {
+      case Mark::kept:
+        return &counts_.kept;
+      case Mark::rewritten:
+        return &counts_.rewritten;
+      case Mark::inserted:
+        return &counts_.inserted;
+      case Mark::deleted:
+        return &counts_.deleted;
+      case Mark::none:
+      case Mark::awaited:
+        break;
+    }
+    return nullptr;
+  };
+  if (std::size_t* from = counter(before)) --*from;
+  if (std::size_t* to = counter(after)) ++*to;
+}
+
 void OutputBase::handleInputReady() {
   stage_.tracer().trace<9>("Input scans for {} complete", name_);
   if (ready_) {
@@ -148,10 +174,7 @@ bool OutputBase::deletionScan() {
   bool deleted = false;
   while (deletionScanItem(deleted)) {
     ++items;
-    if (std::exchange(deleted, false)) {
-      ++deletions;
-      ++counts_.deleted;
-    }
+    if (std::exchange(deleted, false)) ++deletions;
     if (!stage_.synchronous() &&
         (scheduler.taskCurrentlyRunning() != task_.get() || scheduler.taskShouldYield())) {
       useBookmark_ = true;

@@ -114,12 +114,18 @@ class OutputBase {
  public:
   enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
 
-  /// What reconciliation did to the output's entries.
+  /// What reconciliation did to the output's entries, each counted once.
   struct ReconciliationCounts {
+    std::size_t found = 0;      ///< stood there at start
     std::size_t kept = 0;       ///< written again with the value that stood there
     std::size_t rewritten = 0;  ///< written again with another value
     std::size_t inserted = 0;   ///< written where nothing stood
     std::size_t deleted = 0;    ///< stale
+
+    /// Of those found, the ones about which nothing was decided: all of them at start; at the end those
+    /// that stay as they stood until something is known of them.
+    [[nodiscard]] std::size_t waiting() const { return found - kept - rewritten - deleted; }
+    friend bool operator==(const ReconciliationCounts&, const ReconciliationCounts&) = default;
   };
 
   virtual ~OutputBase();
@@ -144,9 +150,12 @@ class OutputBase {
  protected:
   OutputBase(Stage& stage, std::string name);
 
-  void countWrite(bool present, bool changed) {
-    ++(!present ? counts_.inserted : changed ? counts_.rewritten : counts_.kept);
-  }
+  /// What became of one key so far.
+  enum class Mark : std::uint8_t { none, awaited, kept, rewritten, inserted, deleted };
+  /// The mark after a write, given the one before it.
+  static Mark markOfWrite(Mark before, bool present, bool changed);
+  void countMark(Mark before, Mark after);
+  void countFound(std::size_t entries) { counts_.found = entries; }
   /// Begins to note which keys are written.
   virtual void beginSeen() = 0;
   /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.

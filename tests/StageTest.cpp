@@ -137,11 +137,9 @@ TEST_P(Reconciliation, DeletesOnlyWhatIsStale) {
   EXPECT_TRUE(recorder.of(1).empty());
   EXPECT_EQ(recorder.of(2), (std::vector<std::optional<int>>{2}));
   EXPECT_EQ(recorder.deletions().size(), 10u);
-  const auto& counts = stage->output().reconciliationCounts();
-  EXPECT_EQ(counts.kept, 1u);
-  EXPECT_EQ(counts.rewritten, 1u);
-  EXPECT_EQ(counts.inserted, 1u);
-  EXPECT_EQ(counts.deleted, 10u);
+  EXPECT_EQ(stage->output().reconciliationCounts(),
+            (OutputBase::ReconciliationCounts{
+                .found = 12, .kept = 1, .rewritten = 1, .inserted = 1, .deleted = 10}));
   EXPECT_EQ(traces.count(9, "Setting reconciliationState to skip deletions for sinkResultOutput"), 1u);
   EXPECT_EQ(traces.count(9, "Setting reconciliationState to skip nothing for sinkResultOutput"), 1u);
   EXPECT_EQ(traces.count(9, "already ready, not reconciling."), 0u);
