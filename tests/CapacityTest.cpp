@@ -16,6 +16,7 @@
 #include "server/KilnEmServerSm.h"
 #include "status/SemCapacitySm.h"
 #include "tests/CapacityCount.h"
+#include "tests/Golden.h"
 #include "tests/RandomRun.h"
 #include "tests/TestSupport.h"
 
@@ -310,6 +311,12 @@ TEST_F(CapacityDeathTest, UnknownTypesAndMissingProfilesAreFatal) {
   start();
   EXPECT_DEATH(static_cast<void>(sm->calculateMdbEmMax(64, FapId(9))), "profileIdHas");
   EXPECT_DEATH(static_cast<void>(sm->calculateMdbEmMax(63, FapId(4))), "tableHas");
+  profileIds->profileIdIs(FapId(5), 2);
+  EXPECT_DEATH(static_cast<void>(sm->calculateMdbEmMax(64, FapId(5))), "profileCapabilities");
+  ProfileCapabilities otherKind = profileOf(kMax);
+  otherKind.tables.front().exactMatch = false;
+  profiles->profileCapabilitiesIs(2, otherKind);
+  EXPECT_DEATH(static_cast<void>(sm->calculateMdbEmMax(64, FapId(5))), "emCapabilities");
   const auto lem = std::make_shared<CountingWriter>(Tag::lemVpwsAcEntryKey, config, status, bench);
   sm->swTableWriterIs(lem);
   EXPECT_DEATH(bench.settle(), "Unsupported keyType lemVpwsAcEntryKey");
@@ -612,6 +619,23 @@ TEST(CapacityOfTheServer, AlarmsFollowTheLoadAndOutliveARestart) {
   EXPECT_EQ(10U, server.shown().at("alarms").size());
   EXPECT_EQ(18, server.tableOf("ISEM1").at("high-watermark"));
   EXPECT_EQ(14, server.tableOf("ISEM1").at("used"));
+}
+
+TEST(CapacityOfTheServer, TheExampleRaisesOneAlarmAndClearsIt) {
+  EmbeddedAgent agent({});
+  KilnAgent::CapacityMonitor monitor{agent.capacity(), agent.store().taskScheduler()};
+  Scenario scenario{agent, false, 1, {}};
+  std::istringstream lines(KilnTests::readWhole(KILN_SOURCE_DIR "/examples/capacity.jsonl"));
+  scenario.run(lines, "capacity.jsonl");
+  const auto alarms = nlohmann::json::parse(KilnAgent::capacityJson(agent, monitor)).at("alarms");
+  ASSERT_EQ(2U, alarms.size());
+  EXPECT_EQ("raised", alarms[0].at("event"));
+  EXPECT_EQ("cleared", alarms[1].at("event"));
+  for (const auto& alarm : alarms) {
+    EXPECT_EQ("ISEM1 Fap0 1",
+              fmt::format("{} {} {}", alarm.at("table").get<std::string>(),
+                          alarm.at("fap").get<std::string>(), alarm.at("core").get<std::string>()));
+  }
 }
 
 TEST(CapacityOfTheServer, OperationsThatTheHardwareDoesNotAllowAreRefused) {
