@@ -5,52 +5,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <utility>
+#include <memory>
 
 #include "agent/EmbeddedAgent.h"
+#include "bench/Requests.h"
 #include "server/KilnEmServerSm.h"
 
 namespace KilnAgent {
 namespace {
-
-using KilnEmServer::EmEntry;
-using KilnEmServer::FeatureType;
-using namespace KilnTunnelNiLib;
-
-template <class Db>
-void publish(MemoryStateStore& store, FeatureType feature, const KilnEmServer::EmComposerKey& key,
-             const EmEntry& entry, std::uint32_t version) {
-  SrvConfigEntry<typename Db::ClientData> request;
-  request.clientData.*Db::kEntryOfClientData = entry;
-  request.requestVersion = version;
-  store.requestIs<Db>(feature, {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), key},
-                      request);
-}
-
-/// The n-th request of a mix of the four directly translated key types.
-void publishMixed(MemoryStateStore& store, std::uint32_t n, std::uint32_t version) {
-  switch (n % 4) {
-    case 0:
-      return publish<Isem>(store, FeatureType::mpls, IsemMplsComposerKey{n, 0}, IsemMplsEntry{n, 3}, version);
-    case 1:
-      return publish<Isem>(store, FeatureType::evpn,
-                           IsemInnerEthComposerKey{static_cast<std::uint16_t>(n / 4 % 65536),
-                                                   static_cast<std::uint8_t>(n / 4 / 65536)},
-                           IsemInnerEthEntry{n, 3}, version);
-    case 2:
-      return publish<Esem>(store, FeatureType::vxlan, EsemFodoComposerKey{n / 4}, EsemFodoEntry{n, 1},
-                           version);
-    default:
-      return publish<Lem>(store, FeatureType::vpws,
-                          LemVpwsAcComposerKey{n / 4, static_cast<std::uint16_t>(n % 4096), 1, 0, 0},
-                          LemVpwsAcEntry{n, 2, 3}, version);
-  }
-}
-
-void publishAll(EmbeddedAgent& agent, std::uint32_t requests, std::uint32_t version) {
-  for (std::uint32_t n = 0; n < requests; ++n) publishMixed(agent.store(), n, version);
-  agent.settle();
-}
 
 std::size_t heapBytes() {
   return mallinfo2().uordblks + mallinfo2().hblkhd;
