@@ -55,7 +55,10 @@ EmbeddedAgent::EmbeddedAgent(const AgentOptions& options)
       capacity_(std::make_shared<KilnPlatform::TableCapacity>(
           makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>())),
       externalUsers_(std::make_shared<KilnTunnelNiLib::SemCapacityExternalDir>(
-          makeCollection<std::string, KilnTunnelNiLib::SemCapacityExternal>())) {
+          makeCollection<std::string, KilnTunnelNiLib::SemCapacityExternal>())),
+      reconcileMonitor_(std::make_unique<ReconcileMonitor>(*store_, *chip_, *vlanDomains_->config(),
+                                                           *vlanDomains_->status())) {
+  reconcileMonitor_->agentStarts();
   createServer();
 }
 
@@ -75,6 +78,7 @@ void EmbeddedAgent::createServer() {
 }
 
 void EmbeddedAgent::restart() {
+  reconcileMonitor_->restartBegins(server_.get());
   server_.reset();
   chip_->serverEnded();
   createServer();
@@ -86,6 +90,7 @@ void EmbeddedAgent::crash() {
   chip_->serverDied();
   vlanDomains_->forgetServer();
   forgetSubscribers(externalUsers_->user());
+  reconcileMonitor_->restartBegins(server_.get());
   server_.reset();
   createServer();
 }

@@ -10,6 +10,7 @@
 #include "agent/ChipConfig.h"
 #include "agent/CooperativeScheduler.h"
 #include "agent/MemoryStateStore.h"
+#include "agent/ReconcileMonitor.h"
 #include "agent/SoftChip.h"
 #include "agent/VlanDomainService.h"
 #include "platform/TableCapacity.h"
@@ -78,8 +79,15 @@ class EmbeddedAgent {
   }
   [[nodiscard]] const KilnEmServer::KilnEmServerSm& server() const { return *server_; }
 
+  [[nodiscard]] const ReconcileMonitor& reconcileMonitor() const { return *reconcileMonitor_; }
+
   /// Runs until nothing is pending.
-  void settle() { scheduler_->runUntilIdle(); }
+  void settle() {
+    scheduler_->runUntilIdle();
+    noteQuiet();
+  }
+  /// To be called when the scheduler was run until nothing was pending.
+  void noteQuiet() { reconcileMonitor_->quiet(*server_); }
   /// Destroys the server and creates it again over the same store and chip.
   void restart();
   /// As restart, but as if the process had died: nothing that the server would do at its end takes effect.
@@ -95,6 +103,7 @@ class EmbeddedAgent {
   Ref<SoftChip> chip_;
   Ref<KilnPlatform::TableCapacity> capacity_;
   Ref<KilnTunnelNiLib::SemCapacityExternalDir> externalUsers_;
+  std::unique_ptr<ReconcileMonitor> reconcileMonitor_;
   Ref<KilnEmServer::KilnEmServerSm> server_;
 };
 

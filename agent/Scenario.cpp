@@ -34,12 +34,6 @@ std::string statusText(std::optional<EmStatus> status, std::optional<std::uint32
   return json.dump();
 }
 
-struct StatusRecord {
-  EmStatus status;
-  std::uint32_t requestVersion;
-  std::uint8_t result;
-};
-
 std::optional<StatusRecord> findStatus(const MemoryStateStore& store, const ExpectOperation& expect) {
   return withDatabase(expect.database, [&]<class Db>() -> std::optional<StatusRecord> {
     const auto statuses = store.statuses<Db>(expect.feature);
@@ -105,6 +99,14 @@ void Scenario::execute(const Operation& operation) {
       },
       operation);
   ++counters_.operations;
+  tellReconciled();
+}
+
+void Scenario::tellReconciled() {
+  const ReconcileMonitor& monitor = agent_.reconcileMonitor();
+  if (monitor.endedCount() == reconciledTold_) return;
+  reconciledTold_ = monitor.endedCount();
+  if (reconciled_) reconciled_(*monitor.ended());
 }
 
 void Scenario::settle() {
@@ -112,6 +114,8 @@ void Scenario::settle() {
     agent_.scheduler().run(kSlicesPerProgress);
     if (progress_) progress_(counters_);
   }
+  agent_.noteQuiet();
+  tellReconciled();
 }
 
 void Scenario::apply(const PublishOperation& publish) {

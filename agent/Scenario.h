@@ -37,6 +37,10 @@ class Scenario {
   /// applied back to back.
   Scenario(EmbeddedAgent& agent, bool interleave, std::uint64_t seed, Say say, Progress progress = {});
 
+  /// Called with the report of each restart that ended, or that another one interrupted.
+  using Reconciled = std::function<void(const ReconcileReport&)>;
+  void reconciledIs(Reconciled reconciled) { reconciled_ = std::move(reconciled); }
+
   /// Runs one file. `name` is its name in texts. Throws InputError with file and line at the first line that
   /// is not an operation, of which nothing is executed; what came before has been.
   void run(std::istream& lines, const std::string& name);
@@ -71,6 +75,7 @@ class Scenario {
   void apply(const ExpectOperation& expect);
   void apply(const ExpectTableOperation& expect);
 
+  void tellReconciled();
   void requireManualDomains() const;
   void requireProfile(std::optional<std::uint32_t> profile) const;
   void expectationFailed(const std::string& expected, const std::string& found);
@@ -81,6 +86,8 @@ class Scenario {
   std::mt19937_64 random_;
   Say say_;
   Progress progress_;
+  Reconciled reconciled_;
+  std::uint64_t reconciledTold_ = 0;
   ScenarioCounters counters_;
   std::string name_ = "-";
   std::uint64_t lineNumber_ = 0;

@@ -41,9 +41,8 @@ class TableWatcher {
   enum class Operation : std::uint8_t { write, removal };
   /// The server calls an operation.
   virtual void handleOperation(const KilnEmServer::EmResolvedKey& key, Operation operation) = 0;
-  /// The hardware's entry under a key is about to be written, replaced or removed; `before` is null where
-  /// there is none.
-  virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
+  /// The hardware is about to write or remove the entry under a key; `before` is null where it has none.
+  virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation operation,
                                     const KilnEmServer::EmEntry* before) = 0;
 
  protected:
@@ -146,10 +145,7 @@ class SoftTable {
   void deliver(EntryState outcome, ResponseHandler handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
   void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
-  void noteUpcomingChange(const KilnEmServer::EmResolvedKey& key, const KilnEmServer::EmEntry* before) {
-    if (watcher_ != nullptr) watcher_->handleUpcomingChange(key, before);
-  }
-  [[nodiscard]] bool watched() const { return watcher_ != nullptr; }
+  [[nodiscard]] TableWatcher* watcher() const { return watcher_; }
 
   virtual void unclaimAll() = 0;
   /// Returns how many entries it dropped.
@@ -234,7 +230,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
       ++counters_.unchanged;
       return EntryState::success_;
     }
-    noteChange(key, before);
+    noteChange(key, TableWatcher::Operation::write, before);
     entrys_.is(key, entry);
     ++counters_.written;
     return EntryState::success_;
@@ -242,14 +238,14 @@ class SoftSwTable final : public SwTable, public SoftTable {
   void remove(const Key& key) {
     const TableEntry* before = entrys_.find(key);
     if (before == nullptr) return;
-    noteChange(key, before);
+    noteChange(key, TableWatcher::Operation::removal, before);
     entrys_.del(key);
     ++counters_.removed;
   }
-  void noteChange(const Key& key, const TableEntry* before) {
-    if (!watched()) return;
+  void noteChange(const Key& key, TableWatcher::Operation operation, const TableEntry* before) {
+    if (watcher() == nullptr) return;
     const auto entry = before == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*before);
-    noteUpcomingChange(key, entry ? &*entry : nullptr);
+    watcher()->handleUpcomingChange(key, operation, entry ? &*entry : nullptr);
   }
 
   void unclaimAll() override {

@@ -25,6 +25,7 @@
 #include "agent/Generate.h"
 #include "agent/GraphText.h"
 #include "agent/InputError.h"
+#include "agent/ReconcileReport.h"
 #include "agent/Report.h"
 #include "agent/Scenario.h"
 #include "server/KilnEmServerSm.h"
@@ -34,7 +35,8 @@ namespace {
 
 constexpr int kExpectationFailed = 1;
 constexpr int kBadInput = 2;
-constexpr int kFailed = 3;
+constexpr int kDisturbed = 3;
+constexpr int kFailed = 4;
 constexpr std::uint64_t kMaxSeed = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kMaxGenerated = 1'000'000'000;
 #ifdef KILN_YIELD_EVERY_ITEM
@@ -57,6 +59,11 @@ struct RunArguments {
 struct ShowCapacityArguments {
   RunArguments run;
   CapacityThresholds thresholds;
+  bool asJson = false;
+};
+
+struct ShowReconcileArguments {
+  RunArguments run;
   bool asJson = false;
 };
 
@@ -155,7 +162,8 @@ void runFile(Scenario& scenario, const std::string& path) {
 /// Runs the scenarios to quiescence and calls `finish`, also where a line was malformed, which is thrown
 /// after.
 int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
-                 const std::function<void(const ScenarioCounters&, bool malformed)>& finish) {
+                 const std::function<void(const ScenarioCounters&, bool malformed)>& finish,
+                 const Scenario::Reconciled& reconciled = {}) {
   ProgressLine progress(agent);
   Scenario scenario(
       agent, arguments.yieldEvery != 0, arguments.seed.value_or(1),
@@ -164,6 +172,10 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
         tell(text);
       },
       [&](const ScenarioCounters& counters) { progress.show(counters); });
+  scenario.reconciledIs([&](const ReconcileReport& report) {
+    progress.clear();
+    if (reconciled) reconciled(report);
+  });
   std::optional<InputError> malformed;
   try {
     for (const std::string& path : arguments.files) runFile(scenario, path);
@@ -181,16 +193,40 @@ int run(const RunArguments& arguments) {
   checkScenarios(arguments.files);
   EmbeddedAgent agent(agentOptions(arguments));
   checkDump(arguments.dump);
-  return runScenarios(agent, arguments, [&](const ScenarioCounters& counters, bool malformed) {
-    if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
-    if (malformed) return;
-    const std::string report = reportText(agent, counters);
+  const auto show = [&](const std::string& text) {
     if (arguments.dump == "-") {
-      std::fputs(report.c_str(), stderr);
+      std::fputs(text.c_str(), stderr);
     } else {
-      writeAll("-", report);
+      writeAll("-", text);
     }
+  };
+  const auto finish = [&](const ScenarioCounters& counters, bool malformed) {
+    if (!arguments.dump.empty()) writeAll(arguments.dump, dumpText(agent));
+    if (!malformed) show(reportText(agent, counters));
+  };
+  return runScenarios(agent, arguments, finish,
+                      [&](const ReconcileReport& report) { show(reconcileText(reconcileJson(report))); });
+}
+
+/// Shows each restart; where one has not ended, as far as it has come.
+int showReconcile(const ShowReconcileArguments& arguments) {
+  checkScenarios(arguments.run.files);
+  EmbeddedAgent agent(agentOptions(arguments.run));
+  Json restarts = Json::array();
+  const int result = runScenarios(
+      agent, arguments.run, [](const ScenarioCounters& /*counters*/, bool /*malformed*/) {},
+      [&](const ReconcileReport& report) { restarts.push_back(reconcileJson(report)); });
+  if (agent.reconcileMonitor().restarting()) {
+    restarts.push_back(reconcileJson(*agent.reconcileMonitor().report(agent.server())));
+  }
+  std::string text;
+  for (const Json& restart : restarts) text += reconcileText(restart);
+  if (restarts.empty()) text = "No restart\n";
+  writeAll("-", arguments.asJson ? restarts.dump(1) + "\n" : text);
+  const bool disturbed = std::any_of(restarts.begin(), restarts.end(), [](const Json& restart) {
+    return restart.at("disturbed").get<std::uint64_t>() != 0;
   });
+  return disturbed ? kDisturbed : result;
 }
 
 int showCapacity(const ShowCapacityArguments& arguments) {
@@ -265,16 +301,17 @@ void addRun(CLI::App& app, RunArguments& arguments, int& result) {
   command->callback([&] { result = run(arguments); });
 }
 
-void addShow(CLI::App& app, ShowCapacityArguments& arguments, int& result) {
-  CLI::App* show =
-      app.add_subcommand("show", "Runs scenarios to quiescence and shows one thing of the outcome");
-  show->require_subcommand(1);
+void addOutputOption(CLI::App* command, bool& asJson) {
+  command->add_option("-o,--output", asJson, "text or json")
+      ->default_str("text")
+      ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"text", false}, {"json", true}}));
+}
+
+void addShowCapacity(CLI::App* show, ShowCapacityArguments& arguments, int& result) {
   CLI::App* command = show->add_subcommand(
       "capacity", "How full the exact-match tables are and were, and which thresholds were crossed");
   addRunOptions(command, arguments.run);
-  command->add_option("-o,--output", arguments.asJson, "text or json")
-      ->default_str("text")
-      ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"text", false}, {"json", true}}));
+  addOutputOption(command, arguments.asJson);
   command->add_option("--upper", arguments.thresholds.upper, "Per cent at which an alarm is raised")
       ->transform(wholeNumber(100, 1))
       ->capture_default_str();
@@ -282,6 +319,23 @@ void addShow(CLI::App& app, ShowCapacityArguments& arguments, int& result) {
       ->transform(wholeNumber(100, 1))
       ->capture_default_str();
   command->callback([&] { result = showCapacity(arguments); });
+}
+
+void addShowReconcile(CLI::App* show, ShowReconcileArguments& arguments, int& result) {
+  CLI::App* command = show->add_subcommand(
+      "reconcile",
+      "What each restart did with what it found; exits with 3 where it disturbed what need not change");
+  addRunOptions(command, arguments.run);
+  addOutputOption(command, arguments.asJson);
+  command->callback([&] { result = showReconcile(arguments); });
+}
+
+void addShow(CLI::App& app, ShowCapacityArguments& capacity, ShowReconcileArguments& reconcile, int& result) {
+  CLI::App* show =
+      app.add_subcommand("show", "Runs scenarios to quiescence and shows one thing of the outcome");
+  show->require_subcommand(1);
+  addShowCapacity(show, capacity, result);
+  addShowReconcile(show, reconcile, result);
 }
 
 void addGraph(CLI::App& app, GraphArguments& graph, int& result) {
@@ -322,8 +376,9 @@ int runCommandLine(int argc, char** argv) {
   GenerateArguments generateArguments;
   GraphArguments graphArguments;
   ShowCapacityArguments showCapacityArguments;
+  ShowReconcileArguments showReconcileArguments;
   addRun(app, runArguments, result);
-  addShow(app, showCapacityArguments, result);
+  addShow(app, showCapacityArguments, showReconcileArguments, result);
   addGraph(app, graphArguments, result);
   addGenerate(app, generateArguments);
   try {

@@ -48,8 +48,8 @@ class Output final : public OutputBase {
     } else {
       stage_.tracer().template trace<7>("into( {} ): inserting k1={}, value={}", kPath.view(), key, value);
     }
-    if (reconciling()) [[unlikely]] {
-      insertReconciling(key, value);
+    if (marking_) [[unlikely]] {
+      insertMarking(key, value);
     } else {
       collection().is(key, value);
     }
@@ -59,6 +59,7 @@ class Output final : public OutputBase {
   void erase(const Key& key) {
     stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
     if (reconciliationState() == ReconciliationState::skipNothing) {
+      if (marking_ && markOf(key) == Mark::awaited) noteMark(key, Mark::deleted);
       collection().del(key);
     } else {
       if (markOf(key) != Mark::inserted) noteMark(key, Mark::none);
@@ -79,7 +80,7 @@ class Output final : public OutputBase {
   /// back is forgotten.
   void markSeen(const Key& key) {
     if (!reconciling()) return;
-    if (noteSeen_ && !marks_->seen.has(key)) noteMark(key, Mark::awaited);
+    if (markOf(key) == Mark::none && collection().has(key)) noteMark(key, Mark::awaited);
     marks_->heldBack.del(key);
   }
 
@@ -89,6 +90,8 @@ class Output final : public OutputBase {
 
   void deleteAll() override {
     marks_.reset();
+    awaited_.reset();
+    marking_ = false;
     collection().delAll();
   }
 
@@ -114,33 +117,52 @@ class Output final : public OutputBase {
     }
   }
 
-  void insertReconciling(const Key& key, const Value& value) {
-    marks_->heldBack.del(key);
+  void insertMarking(const Key& key, const Value& value) {
+    if (reconciling()) marks_->heldBack.del(key);
+    const Mark before = markOf(key);
     const bool present = collection().has(key);
     const bool changed = collection().is(key, value);
-    if (noteSeen_) {
-      noteMark(key, markOfWrite(markOf(key), present, changed));
-    } else if (!present) {
+    if (reconciling() ? noteSeen_ : before == Mark::awaited) {
+      noteMark(key, markOfWrite(before, present, changed));
+    } else if (reconciling() && !present) {
       countMark(Mark::none, Mark::inserted);
     }
   }
 
+  /// What became of a key so far; after reconciliation only keys that are awaited have a mark.
   [[nodiscard]] Mark markOf(const Key& key) const {
     if (!noteSeen_) return Mark::inserted;
-    const Mark* mark = marks_->seen.find(key);
+    if (awaited_->has(key)) return Mark::awaited;
+    const Mark* mark = reconciling() ? marks_->seen.find(key) : nullptr;
     return mark == nullptr ? Mark::none : *mark;
   }
+
   void noteMark(const Key& key, Mark mark) {
     countMark(markOf(key), mark);
-    if (mark == Mark::none) {
+    if (mark == Mark::awaited) {
+      awaited_->is(key, {});
+      return;
+    }
+    awaited_->del(key);
+    if (!reconciling()) {
+      endAwaitingWhereNone();
+    } else if (mark == Mark::none) {
       marks_->seen.del(key);
     } else {
       marks_->seen.is(key, mark);
     }
   }
 
+  void endAwaitingWhereNone() {
+    if (!awaited_->empty()) return;
+    awaited_.reset();
+    marking_ = false;
+  }
+
   void beginSeen() override {
     marks_ = std::make_unique<Marks>();
+    awaited_ = std::make_unique<Collection<Key, KilnPlatform::Unit>>();
+    marking_ = true;
     noteSeen_ = !collection().empty();
     countFound(collection().size());
     cursor_ = {};
@@ -149,7 +171,7 @@ class Output final : public OutputBase {
   bool deletionScanItem(bool& deleted) override {
     if (noteSeen_) {
       if (const auto key = collection().scanNext(cursor_)) {
-        deleted = !marks_->seen.has(*key);
+        deleted = markOf(*key) == Mark::none;
         if (deleted) deleteStale(*key);
         return true;
       }
@@ -173,12 +195,18 @@ class Output final : public OutputBase {
     collection().del(key);
   }
 
-  void endSeen() override { marks_.reset(); }
+  void endSeen() override {
+    marks_.reset();
+    endAwaitingWhereNone();
+  }
 
   EntityRef entity_;
   bool noteSeen_ = false;
+  bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
   ScanCursor<Key> cursor_;
   std::unique_ptr<Marks> marks_;  ///< only while the output is being reconciled
+  /// Keys that stay as they stood until something is known of them; null where there are none.
+  std::unique_ptr<Collection<Key, KilnPlatform::Unit>> awaited_;
 };
 
 }  // namespace KilnEmServer

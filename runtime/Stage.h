@@ -221,6 +221,7 @@ class Stage {
   }
   [[nodiscard]] bool idle() const { return idle_; }
   [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] const std::vector<InputBase*>& inputs() const { return inputs_; }
   [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
   /// Groups and caches, with their sizes, for the check that nothing is left over.
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }

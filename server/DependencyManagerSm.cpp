@@ -56,12 +56,19 @@ void DependencyManagerSm::handleChange(const std::string& /*name*/) {
   task_.scheduleTask();
 }
 
-bool DependencyManagerSm::releasable(const ManagedStage& stage) {
-  return !stage.released &&
-         std::all_of(stage.entry.waitsFor.begin(), stage.entry.waitsFor.end(),
-                     [&](const std::string& name) { return collectionExists_(name); }) &&
-         std::all_of(stage.gates.begin(), stage.gates.end(),
-                     [&](const std::string& name) { return dependencyStatus_->completed().has(name); });
+std::vector<std::string> DependencyManagerSm::missing(const ManagedStage& stage) const {
+  std::vector<std::string> names;
+  for (const std::string& collection : stage.entry.waitsFor) {
+    if (!collectionExists_(collection)) names.push_back(collection);
+  }
+  for (const std::string& gate : stage.gates) {
+    if (!dependencyStatus_->completed().has(gate)) names.push_back(gate);
+  }
+  return names;
+}
+
+bool DependencyManagerSm::releasable(const ManagedStage& stage) const {
+  return !stage.released && missing(stage).empty();
 }
 
 void DependencyManagerSm::release() {
@@ -81,6 +88,13 @@ void DependencyManagerSm::release() {
 bool DependencyManagerSm::released(const std::string& stage) const {
   return std::any_of(stages_.begin(), stages_.end(),
                      [&](const ManagedStage& each) { return each.entry.stage == stage && each.released; });
+}
+
+std::vector<std::string> DependencyManagerSm::waitsFor(const std::string& stage) const {
+  for (const ManagedStage& each : stages_) {
+    if (each.entry.stage == stage && !each.released) return missing(each);
+  }
+  return {};
 }
 
 StageGraph DependencyManagerSm::graph() const {

@@ -34,6 +34,9 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
 
   /// Whether a stage's action has run.
   [[nodiscard]] bool released(const std::string& stage) const;
+  /// Collections that do not exist and stages that are not complete, for which a stage waits that is not
+  /// released.
+  [[nodiscard]] std::vector<std::string> waitsFor(const std::string& stage) const;
   [[nodiscard]] StageGraph graph() const;
 
  private:
@@ -46,12 +49,13 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
   void handleChange(const std::string& name) override;
   void release();
   [[nodiscard]] std::vector<std::string> gatesOf(const KilnPlatform::StageMapEntry& entry) const;
-  [[nodiscard]] bool releasable(const ManagedStage& stage);
+  [[nodiscard]] std::vector<std::string> missing(const ManagedStage& stage) const;
+  [[nodiscard]] bool releasable(const ManagedStage& stage) const;
 
   Tracer tracer_;
   Ref<KilnPlatform::TaskScheduler> scheduler_;
   Ref<KilnPlatform::DependencyStatus> dependencyStatus_;
-  CollectionExists collectionExists_;
+  mutable CollectionExists collectionExists_;  ///< asking changes nothing
   std::vector<ManagedStage> stages_;
   KilnPlatform::Task task_;
   bool started_ = false;

@@ -566,6 +566,30 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   return all;
 }
 
+std::vector<StageProgress> KilnEmServerSm::reconcileProgress() const {
+  std::vector<StageProgress> rows;
+  for (const auto& node : graph().nodes) {
+    rows.push_back({node.stage,
+                    dependencyStatus_->completedHas(node.stage),
+                    dependencyManagerSm_->waitsFor(node.stage),
+                    {}});
+  }
+  const auto rowOf = [&](const std::string& name) {
+    return std::find_if(rows.begin(), rows.end(), [&](const auto& row) { return row.stage == name; });
+  };
+  for (const Stage* stage : stages()) {
+    auto row = rowOf(stage->name());
+    // A composer or resolver is a part of the stage before the dash.
+    if (row == rows.end()) row = rowOf(stage->name().substr(0, stage->name().find('-')));
+    KILN_ASSERT(row != rows.end());
+    for (OutputProgress& output : outputProgress(*stage)) row->outputs.push_back(std::move(output));
+    for (std::string& work : ownWork(*stage)) row->waitsFor.push_back(std::move(work));
+  }
+  const auto completion = rowOf("reconcileCompleteSmStage");
+  if (reconcileCompleteSm_ != nullptr && !completion->complete) completion->waitsFor = {"hardware writes"};
+  return rows;
+}
+
 std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() const {
   std::vector<std::pair<std::string, std::size_t>> sizes = {
       {"emLogicalKeyToEntry", emLogicalKeyToEntry_->emLogicalKeyToEntry().size()},

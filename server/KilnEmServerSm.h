@@ -31,6 +31,7 @@
 #include "runtime/EmCollections.h"
 #include "server/DependencyManagerSm.h"
 #include "server/ReconcileCompleteSm.h"
+#include "server/ReconcileProgress.h"
 #include "server/StageGraph.h"
 #include "status/EmStatusSm.h"
 #include "status/EsemSrvStatusSm.h"
@@ -102,6 +103,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   [[nodiscard]] const DependencyStatusRecord& dependencyStatus() const { return *dependencyStatus_; }
   /// Who reads, who writes, who waits, of this running server.
   [[nodiscard]] StageGraph graph() const { return dependencyManagerSm_->graph(); }
+  /// How far each stage of the map has come, in the map's order.
+  [[nodiscard]] std::vector<StageProgress> reconcileProgress() const;
   /// Every intermediate collection, group, cache, version record and pending list, and the VLAN-domain
   /// requests, with their sizes, sorted by name. All are empty when nothing is requested and every answer is
   /// in.

@@ -172,14 +172,26 @@ TEST(Stage, DeletionsHeldBackAreAppliedAtTheEnd) {
   EXPECT_TRUE(recorder.of(3).empty());
 }
 
-TEST(Stage, AKeyThatIsToStayAsItIsSurvivesTheDeletionScan) {
+TEST(Stage, KeysThatAreToStayAsTheyAreSurviveTheDeletionScanAndAreAwaited) {
   CopySetUp set;
-  set.source->itemIs(1, kKeep);
-  set.sink->resultIs(1, 8);
-  set.sink->resultIs(2, 8);
+  for (int key = 1; key <= 4; ++key) set.source->itemIs(key, kKeep);
+  for (int key = 1; key <= 5; ++key) set.sink->resultIs(key, 8);
+  set.sink->resultDel(4);  // nothing stands there to stay
   const auto stage = set.start();
   set.bench.settle();
-  EXPECT_EQ(contentOf(set.sink->result()), (std::map<int, int>{{1, 8}}));
+  EXPECT_EQ(contentOf(set.sink->result()), (std::map<int, int>{{1, 8}, {2, 8}, {3, 8}}));
+  const auto& counts = stage->output().reconciliationCounts();
+  EXPECT_EQ(counts, (OutputBase::ReconciliationCounts{.found = 4, .deleted = 1}));
+  EXPECT_EQ(counts.waiting(), 3u);
+  set.source->itemIs(1, 8);
+  set.source->itemIs(2, 9);
+  set.source->itemDel(3);
+  set.bench.settle();
+  EXPECT_EQ(counts, (OutputBase::ReconciliationCounts{.found = 4, .kept = 1, .rewritten = 1, .deleted = 2}));
+  set.source->itemIs(1, 9);  // no longer a matter of the restart
+  set.bench.settle();
+  EXPECT_EQ(counts.waiting(), 0u);
+  EXPECT_EQ(counts.rewritten, 1u);
 }
 
 // Changes at any moment of the start-up: the sink ends as the source, and what the source had throughout is
@@ -195,6 +207,7 @@ TEST(Stage, RestartsUnderRandomChangesEndInLine) {
       if (set.source->itemHas(key)) throughout.insert(key);
     }
     const Recorder recorder(set.sink->result());
+    const std::size_t found = set.sink->result().size();
     const auto stage = set.start();
     for (unsigned step = 0; step < 30; ++step) {
       set.bench.scheduler->run(random() % 4);
@@ -210,6 +223,9 @@ TEST(Stage, RestartsUnderRandomChangesEndInLine) {
     ASSERT_TRUE(stage->ready());
     ASSERT_EQ(contentOf(set.sink->result()), contentOf(set.source->item())) << "seed " << seed;
     for (const int key : recorder.deletions()) ASSERT_FALSE(throughout.contains(key)) << "seed " << seed;
+    const auto& counts = stage->output().reconciliationCounts();
+    ASSERT_EQ(counts.found, found) << "seed " << seed;
+    ASSERT_EQ(counts.waiting(), 0u) << "seed " << seed;
   }
 }
 

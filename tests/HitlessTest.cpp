@@ -1,0 +1,263 @@
+// Restarts of the whole agent, judged entry by entry: from the changes that features see, and from the calls
+// at the tables.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "agent/EmbeddedAgent.h"
+#include "agent/Generate.h"
+#include "agent/Scenario.h"
+#include "server/KilnEmServerSm.h"
+
+namespace KilnTests {
+namespace {
+
+using KilnAgent::ReconcileReport;
+
+/// How a restart is met.
+struct Setting {
+  std::uint32_t yieldEvery = 0;
+  std::optional<std::uint64_t> seed = std::nullopt;
+  bool holdAnswers = false;
+  bool crash = false;
+  bool operator==(const Setting&) const = default;
+};
+
+std::string generated(std::uint64_t requests) {
+  char* text = nullptr;
+  std::size_t size = 0;
+  std::FILE* file = open_memstream(&text, &size);
+  generateScenario(file, requests, 1, KilnAgent::ScenarioMix::metro);
+  std::fclose(file);
+  std::string scenario(text, size);
+  std::free(text);
+  return scenario;
+}
+
+constexpr const char* kUntagged =
+    R"({{"op":"{}","feature":"bridging","database":"isem","key":{{"isemUntaggedEntryKey":{{"intfId":{},"systemTcamId":{}}}}}{}}})"
+    "\n";
+constexpr const char* kMpls =
+    R"({{"op":"{}","feature":"{}","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":77}}}}{}}})"
+    "\n";
+
+std::string entryText(const char* stem, int lif, int version) {
+  return fmt::format(
+      R"(,"entry":{{"{}Entry":{{"lif":{},"vsi":0{}}}}},"requestVersion":{},"requestKind":"add")", stem, lif,
+      std::string(stem) == "isemUntagged" ? R"(,"profile":0)" : "", version);
+}
+std::string publishMpls(const char* feature, int label, int lif, int version = 1) {
+  return fmt::format(kMpls, "publish", feature, label, entryText("isemMpls", lif, version));
+}
+std::string withdrawMpls(const char* feature, int label) {
+  return fmt::format(kMpls, "withdraw", feature, label, "");
+}
+
+/// Requests of all types among which some conflict, are refused by a table, wait for a domain, or do not fit.
+std::string settledScenario(std::uint64_t requests) {
+  std::string text = generated(requests) + R"({"op":"vlanDomains","mode":"manual"})"
+                                           "\n";
+  for (int label = 0; label < 40; ++label) {
+    text += publishMpls("mpls", label, label) + publishMpls("evpn", label, label + 1);
+  }
+  text += R"({"op":"settle"})"
+          "\n"
+          R"({"op":"table","table":"isemMpls","answer":"refuse"})"
+          "\n";
+  for (int label = 100; label < 120; ++label) text += publishMpls("mpls", label, label);
+  text += R"({"op":"settle"})"
+          "\n"
+          R"({"op":"table","table":"isemMpls","answer":"success"})"
+          "\n";
+  text += R"({"op":"allot","intfId":900001,"systemTcamId":9,"vlanDomain":2047})"
+          "\n";
+  text += R"({"op":"allot","intfId":900000,"systemTcamId":9,"vlanDomain":500})"
+          "\n";
+  for (int intf = 900000; intf < 900005; ++intf) {
+    text += fmt::format(kUntagged, "publish", intf, 9, entryText("isemUntagged", intf, 1));
+  }
+  return text;
+}
+
+class Restarted {
+ public:
+  Restarted(const Setting& setting, const std::string& scenario)
+      : setting_(setting), agent_(optionsOf(setting)) {
+    run(scenario);
+    scenario_.settle();
+  }
+  void run(const std::string& text) {
+    std::istringstream lines(text);
+    scenario_.run(lines, "test");
+  }
+  /// Changes the store while the server is down, as far as the server can tell: before anything of it runs.
+  ReconcileReport restart(const std::string& meanwhile = "") {
+    if (setting_.holdAnswers) answers("hold");
+    run(setting_.crash ? R"({"op":"crash"})" : R"({"op":"restart"})");
+    run(meanwhile);
+    scenario_.settle();
+    if (setting_.holdAnswers) {
+      EXPECT_TRUE(agent_.reconcileMonitor().restarting()) << "answers are still to come";
+      answers("success");
+      scenario_.settle();
+    }
+    EXPECT_FALSE(agent_.reconcileMonitor().restarting());
+    return *agent_.reconcileMonitor().ended();
+  }
+  [[nodiscard]] KilnAgent::EmbeddedAgent& agent() { return agent_; }
+
+ private:
+  static KilnAgent::AgentOptions optionsOf(const Setting& setting) {
+    KilnAgent::AgentOptions options;
+    options.yieldEvery = setting.yieldEvery;
+    options.seed = setting.seed;
+    return options;
+  }
+  void answers(const char* mode) {
+    for (std::size_t i = 1; i < KilnPlatform::kTableStems.size(); ++i) {
+      run(fmt::format(R"({{"op":"table","table":"{}","answer":"{}"}})", KilnPlatform::kTableStems[i], mode));
+    }
+  }
+  Setting setting_;
+  KilnAgent::EmbeddedAgent agent_;
+  KilnAgent::Scenario scenario_{agent_, false, 1, {}};
+};
+
+std::uint64_t sumOf(const ReconcileReport& report,
+                    const std::function<std::uint64_t(const KilnAgent::TableReconcile&)>& of) {
+  std::uint64_t sum = 0;
+  for (const auto& table : report.tables) sum += of(table);
+  return sum;
+}
+
+std::string nameOf(const Setting& setting) {
+  return fmt::format("yieldEvery {} seed {} holdAnswers {} crash {}", setting.yieldEvery,
+                     setting.seed.value_or(0), setting.holdAnswers, setting.crash);
+}
+
+const std::vector<Setting> kSettings = {{},
+                                        {.yieldEvery = 1},
+                                        {.yieldEvery = 1, .seed = 3, .crash = true},
+                                        {.holdAnswers = true},
+                                        {.yieldEvery = 3, .seed = 5, .holdAnswers = true, .crash = true}};
+
+TEST(Hitless, ARestartWithNothingChangedTouchesNothing) {
+  const std::string scenario = settledScenario(1000);
+  for (const Setting& setting : kSettings) {
+    SCOPED_TRACE(nameOf(setting));
+    Restarted run(setting, scenario);
+    const std::size_t keys = run.agent().server().emSwTableConfig()->config().size();
+    // What the table refused is written once more, and refused once more.
+    run.run(R"({"op":"table","table":"isemMpls","capacity":1})");
+    const ReconcileReport report = run.restart();
+    EXPECT_EQ(report.state, ReconcileReport::State::complete);
+    EXPECT_GT(report.statusesFound, 1000U);
+    EXPECT_EQ(report.statusesChanged, 0U);
+    EXPECT_EQ(report.disturbed, 0U);
+    EXPECT_EQ(
+        sumOf(report, [](const auto& table) { return table.hardware.written + table.hardware.removed; }), 0U);
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.calls.removals; }), 0U);
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.calls.writes; }), keys);
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return std::uint64_t{table.found == 0}; }), 0U)
+        << "a table without entries shows nothing";
+    std::size_t kept = 0;
+    for (const auto& stage : report.stages) {
+      for (const auto& output : stage.outputs) {
+        EXPECT_EQ(output.counts.waiting(), 0U) << stage.stage;
+        kept += output.counts.kept;
+      }
+    }
+    EXPECT_EQ(kept, report.statusesFound);
+  }
+}
+
+TEST(Hitless, OnlyWhatChangedWhileTheServerWasDownReachesTheHardware) {
+  const std::string scenario = settledScenario(300);
+  const std::string meanwhile = withdrawMpls("mpls", 1) +         // loses anyway
+                                withdrawMpls("evpn", 2) +         // wins: the other one's entry is written
+                                publishMpls("evpn", 3, 999, 2) +  // another entry
+                                publishMpls("evpn", 4, 5, 2) +    // another version of the same
+                                publishMpls("vxlan", 500, 1) +    // new
+                                withdrawMpls("mpls", 5) + withdrawMpls("evpn", 5);  // nobody is left
+  for (const Setting& setting : kSettings) {
+    SCOPED_TRACE(nameOf(setting));
+    Restarted run(setting, scenario);
+    const ReconcileReport report = run.restart(meanwhile);
+    EXPECT_EQ(report.disturbed, 0U) << report.disturbedRows.front();
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.hardware.written; }), 3U + 20U);
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.hardware.removed; }), 1U);
+    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.needless; }), 0U);
+  }
+}
+
+TEST(Hitless, ARestartInTheMiddleOfARestartIsJudgedOverBoth) {
+  const std::string scenario = settledScenario(200);
+  for (std::uint64_t seed = 0; seed < 40; ++seed) {
+    SCOPED_TRACE(seed);
+    Restarted run({.yieldEvery = 1, .seed = seed, .crash = seed % 2 == 0}, scenario);
+    run.run(R"({"op":"table","table":"isemMpls","capacity":1})");
+    run.run(R"({"op":"restart"})");
+    run.agent().scheduler().run(seed * 150);
+    const ReconcileReport report = run.restart();
+    EXPECT_EQ(report.disturbed, 0U);
+    EXPECT_EQ(report.statusesChanged, 0U);
+    EXPECT_EQ(
+        sumOf(report, [](const auto& table) { return table.hardware.written + table.hardware.removed; }), 0U);
+    EXPECT_EQ(run.agent().reconcileMonitor().endedCount(), 2U) << "the first was interrupted";
+  }
+}
+
+// The judge itself: what it must see, and what it must leave to whoever caused it.
+TEST(Hitless, DisturbancesAreSeenUnlessARequestOrADomainCausedThem) {
+  const std::string scenario = settledScenario(50);
+  const auto flap = [&](const std::string& meanwhile,
+                        const std::function<void(KilnAgent::EmbeddedAgent&)>& act) {
+    Restarted run({}, scenario);
+    run.run(R"({"op":"restart"})"
+            "\n" +
+            meanwhile);
+    act(run.agent());
+    run.agent().settle();
+    return *run.agent().reconcileMonitor().ended();
+  };
+  const auto key = KilnTunnelNiLib::IsemMplsEntryKey{7, 77};
+  const auto rewriteEntry = [&](KilnAgent::EmbeddedAgent& agent) {
+    auto* table = dynamic_cast<Asic::IsemMplsKilnSwTable*>(
+        agent.chip().interface<Asic::IsemMplsKilnInterface>()->orderedSwTable(Asic::UnitId::allFap()));
+    table->entryRemoveWithResponseHandler(key, nullptr, [](const auto&) {});
+  };
+  const ReconcileReport entry = flap("", rewriteEntry);
+  EXPECT_EQ(entry.disturbed, 1U);
+  EXPECT_EQ(sumOf(entry, [](const auto& table) { return table.needless; }), 2U) << "a removal and a write";
+  EXPECT_EQ(flap(withdrawMpls("evpn", 7) + publishMpls("evpn", 7, 8), rewriteEntry).disturbed, 0U);
+
+  const auto flapStatus = [&](KilnAgent::EmbeddedAgent& agent) {
+    const auto status = agent.store().isemSrvStatus(KilnEmServer::FeatureType::evpn);
+    const KilnTunnelNiLib::IsemEntryKey own{Hardware::Kiln::FapId::allFap(),
+                                            Hardware::Kiln::LocalCoreId::all(),
+                                            KilnTunnelNiLib::IsemMplsComposerKey{7, 77}};
+    const auto before = *status->status().get(own);
+    status->status().del(own);
+    status->status().is(own, before);
+  };
+  EXPECT_EQ(flap("", flapStatus).disturbed, 1U);
+  EXPECT_EQ(flap(publishMpls("mpls", 7, 7, 2), flapStatus).disturbed, 0U) << "contends for the same key";
+
+  const auto flapDomainRequest = [&](KilnAgent::EmbeddedAgent& agent) {
+    auto& config = agent.vlanDomains().config()->config();
+    config.del({900001, 9});
+    config.is({900001, 9}, {});
+  };
+  EXPECT_EQ(flap("", flapDomainRequest).disturbed, 1U);
+}
+
+}  // namespace
+}  // namespace KilnTests
