@@ -388,7 +388,7 @@ void KilnEmServerSm::createMdbLocalStatusSm() {
 void KilnEmServerSm::createMdbCapabilitiesSm() {
   mdbCapabilitiesSm_ =
       mdbCapabilitiesSmFactory(mdbLocalStatus_, arguments_.hardwareMdbStatus, mdbCapabilitiesStatus_,
-                               "mdbCapabilitiesSmStage", dependencyStatus_, control());
+                               "mdbCapabilitiesSmStage", dependencyStatus_);
 }
 
 void KilnEmServerSm::createCapacitySm() {

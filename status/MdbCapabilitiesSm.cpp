@@ -10,18 +10,21 @@ namespace KilnEmServer {
 MdbCapabilitiesSm::MdbCapabilitiesSm(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                                      Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
                                      Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
-                                     Ref<DependencyStatus> dependencyStatus, const StageControl& control)
+                                     Ref<DependencyStatus> dependencyStatus)
     : name_(std::move(name)),
       tracer_(name_),
       mdbLocalStatus_(std::move(mdbLocalStatus)),
       hardwareMdbStatus_(std::move(hardwareMdbStatus)),
       mdbCapabilitiesStatus_(std::move(mdbCapabilitiesStatus)),
-      dependencyStatus_(std::move(dependencyStatus)),
-      task_(
-          control.scheduler, control.priority, "MdbCapabilitiesSm-UpdateTask",
-          [](void* owner) { static_cast<MdbCapabilitiesSm*>(owner)->update(); }, this),
-      profileIdMark_(mdbLocalStatus_->profileId(), task_),
-      profileMark_(hardwareMdbStatus_->profile(), task_) {}
+      dependencyStatus_(std::move(dependencyStatus)) {
+  mdbLocalStatus_->profileId().subscribe(*this);
+  hardwareMdbStatus_->profile().subscribe(*this);
+}
+
+MdbCapabilitiesSm::~MdbCapabilitiesSm() {
+  mdbLocalStatus_->profileId().unsubscribe(*this);
+  hardwareMdbStatus_->profile().unsubscribe(*this);
+}
 
 void MdbCapabilitiesSm::handleInitialized() {
   tracer_.trace<8>("handleInitialized");
@@ -53,11 +56,10 @@ void MdbCapabilitiesSm::update() {
 Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                                                 Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
                                                 Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus,
-                                                std::string name, Ref<DependencyStatus> dependencyStatus,
-                                                const StageControl& control) {
+                                                std::string name, Ref<DependencyStatus> dependencyStatus) {
   auto sm = std::make_shared<MdbCapabilitiesSm>(std::move(mdbLocalStatus), std::move(hardwareMdbStatus),
                                                 std::move(mdbCapabilitiesStatus), std::move(name),
-                                                std::move(dependencyStatus), control);
+                                                std::move(dependencyStatus));
   sm->handleInitialized();
   return sm;
 }

@@ -8,23 +8,29 @@
 #include "runtime/EmCollections.h"
 #include "runtime/Stage.h"
 #include "runtime/Trace.h"
-#include "status/ChangeMark.h"
 
 namespace KilnEmServer {
 
-/// The capabilities of each profile that some FAP uses and the chip describes. FAPs and profiles are few, so
-/// that all of them are looked at anew whenever one changed, on one task.
-class MdbCapabilitiesSm final {
+/// The capabilities of each profile that some FAP uses and the chip describes. A change is answered at once,
+/// so that nobody ever finds a FAP with a profile that is described but not published yet. FAPs and profiles
+/// are few: all of them are looked at anew.
+class MdbCapabilitiesSm final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>,
+                                private KilnPlatform::KeySubscriber<std::uint32_t> {
  public:
   MdbCapabilitiesSm(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                     Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
                     Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
-                    Ref<DependencyStatus> dependencyStatus, const StageControl& control);
+                    Ref<DependencyStatus> dependencyStatus);
+  ~MdbCapabilitiesSm();
+  MdbCapabilitiesSm(const MdbCapabilitiesSm&) = delete;
+  MdbCapabilitiesSm& operator=(const MdbCapabilitiesSm&) = delete;
 
   /// To be called once: publishes what is there and reports the stage's name.
   void handleInitialized();
 
  private:
+  void handleChange(const Hardware::Kiln::FapId& /*fapId*/) override { update(); }
+  void handleChange(const std::uint32_t& /*profileId*/) override { update(); }
   void update();
 
   std::string name_;
@@ -33,15 +39,11 @@ class MdbCapabilitiesSm final {
   Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus_;
   Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus_;
   Ref<DependencyStatus> dependencyStatus_;
-  Task task_;
-  ChangeMark<Hardware::Kiln::FapId, std::uint32_t> profileIdMark_;
-  ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> profileMark_;
 };
 
 Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                                                 Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
                                                 Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus,
-                                                std::string name, Ref<DependencyStatus> dependencyStatus,
-                                                const StageControl& control);
+                                                std::string name, Ref<DependencyStatus> dependencyStatus);
 
 }  // namespace KilnEmServer

@@ -559,6 +559,35 @@ TEST(CapacityOfTheServer, AProfileThatIsDescribedAnewChangesTheMaxima) {
   EXPECT_TRUE(server.agent.capacity().entry().empty());
 }
 
+TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
+  Server server;
+  server.agent.chip().mdbStatus()->profile().is(9, profileOf(50));
+  server.run("");
+  std::unique_ptr<Task> churn;  // updates come at their deadline, between whatever other tasks there are
+  struct Churn {
+    KilnTunnelNiLib::SemCapacityExternalDir& users;
+    std::unique_ptr<Task>& task;
+    std::uint32_t rounds = 0;
+  } state{server.agent.externalUsers(), churn};
+  churn = std::make_unique<Task>(
+      server.agent.store().taskScheduler(), 0, "churn",
+      [](void* owner) {
+        auto& self = *static_cast<Churn*>(owner);
+        self.users.user().is("churn", {{{FapId(1), LocalCoreId(0), 0, self.rounds++ % 2}}});
+        self.task->scheduleTask();
+      },
+      &state);
+  churn->scheduleTask();
+  const TableCapacityKey row{"ESEM", "", "SemCapacity", "Fap1/0"};
+  std::size_t absent = 0;
+  for (std::uint32_t slice = 0; slice < 40 * CapacityHelper::kPatience; ++slice) {
+    if (slice % 7 == 0) server.agent.chip().profileIs(FapId(1), slice % 2 == 0 ? 1 : 9);
+    server.agent.scheduler().run(1);
+    if (!server.agent.capacity().entry().has(row)) ++absent;
+  }
+  EXPECT_EQ(0U, absent);
+}
+
 TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
   Server server(6);
   std::string lines = R"({"op":"table","table":"isemMpls","capacity":3})";
