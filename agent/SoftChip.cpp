@@ -31,11 +31,12 @@ SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskSchedul
   if (seed) random_.emplace(*seed);
   const auto make = [&]<class Own>(Ref<Own>& own) {
     const auto number = static_cast<std::size_t>(Own::kTag);
-    own =
-        std::make_shared<Own>(SoftTable::Setting{KilnPlatform::kTableStems[number], config.tableSizes[number],
-                                                 scheduler, random_ ? &*random_ : nullptr, pending_.get()},
-                              chipStatus_);
+    own = std::make_shared<Own>(
+        SoftTable::Setting{KilnPlatform::kTableStems[number], config.tableSizes[number], scheduler,
+                           random_ ? &*random_ : nullptr, pending_.get(), &room_},
+        chipStatus_);
     tables_[number] = &own->table();
+    room_.tableIs(Own::kTag, own->table());
   };
   std::apply([&](auto&... own) { (make(own), ...); }, interfaces_);
 }
@@ -91,6 +92,7 @@ void SoftChip::serverDied() {
   forgetSubscribers(chipStatus_->fap());
   forgetSubscribers(mdbStatus_->profileId());
   forgetSubscribers(mdbStatus_->profile());
+  room_.subscribe();
   forEachTable([](SoftTable& table) { table.serverDied(); });
 }
 

@@ -100,6 +100,7 @@ class SoftChip final : public Asic::OrderedTableInterface {
   Ref<Hardware::Kiln::Status> chipStatus_;
   Ref<Hardware::Kiln::MdbStatus> mdbStatus_;
   std::optional<std::mt19937_64> random_;
+  MdbRoom room_{chipStatus_, mdbStatus_};
   Ref<PendingHwWrites> pending_ = std::make_shared<PendingHwWrites>();
   mutable ChangeSubscribers subscribers_;
   std::tuple<Own<Asic::IsemUntaggedKilnInterface, Asic::IsemUntaggedKilnSwTable>,

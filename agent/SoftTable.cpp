@@ -40,6 +40,7 @@ SoftTable::SoftTable(const Setting& setting)
       capacity_(setting.capacity),
       random_(setting.random),
       pending_(*setting.pending),
+      room_(*setting.room),
       task_(
           setting.scheduler, 0, "SoftChip-" + std::string(setting.stem),
           [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this) {}

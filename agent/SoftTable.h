@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent/Collections.h"
+#include "agent/MdbRoom.h"
 #include "agent/SortedRows.h"
 #include "platform/Asic.h"
 #include "platform/EmKeys.h"
@@ -96,6 +97,7 @@ class SoftTable {
     Ref<KilnPlatform::TaskScheduler> scheduler;
     std::mt19937_64* random = nullptr;
     PendingHwWrites* pending = nullptr;
+    MdbRoom* room = nullptr;
   };
 
   explicit SoftTable(const Setting& setting);
@@ -104,7 +106,7 @@ class SoftTable {
   SoftTable& operator=(const SoftTable&) = delete;
 
   [[nodiscard]] std::string_view stem() const { return stem_; }
-  /// Entries that the table can hold.
+  /// Entries that the table can hold, as far as the FAPs have room for them.
   [[nodiscard]] std::uint32_t capacity() const { return capacity_; }
   /// Entries that the table holds already stay, even where they are more.
   void capacityIs(std::uint32_t entries) { capacity_ = entries; }
@@ -146,6 +148,10 @@ class SoftTable {
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
   void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
   [[nodiscard]] TableWatcher* watcher() const { return watcher_; }
+  /// Whether there is room for one more entry of this table's key type.
+  [[nodiscard]] bool hasRoomFor(KilnEmServer::EmResolvedKeyUnionTag tag) const {
+    return fill() < capacity_ && room_.hasRoom(tag);
+  }
 
   virtual void unclaimAll() = 0;
   /// Returns how many entries it dropped.
@@ -169,6 +175,7 @@ class SoftTable {
   TableWatcher* watcher_ = nullptr;
   std::mt19937_64* random_;
   PendingHwWrites& pending_;
+  MdbRoom& room_;
   AnswerMode mode_ = AnswerMode::success;
   bool insideCall_ = false;
   std::deque<Answer> due_;       ///< to be given in this order, or in any with a seed
@@ -224,8 +231,10 @@ class SoftSwTable final : public SwTable, public SoftTable {
       remove(key);
       return EntryState::refused_;
     }
-    if (entrys_.size() >= capacity() && !entrys_.has(key)) return EntryState::noResource_;
     const TableEntry* before = entrys_.find(key);
+    if (before == nullptr && !hasRoomFor(KilnEmServer::EmResolvedKey::tagOf<Key>())) {
+      return EntryState::noResource_;
+    }
     if (before != nullptr && *before == entry) {
       ++counters_.unchanged;
       return EntryState::success_;

@@ -491,6 +491,16 @@ std::string mpls(std::uint32_t label, const char* op = "publish") {
       op, label, publish ? R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1)" : "");
 }
 
+constexpr const char* kInnerEth =
+    R"({"op":"publish","feature":"vpws","database":"isem","key":{"isemInnerEthEntryKey":{"vsi":1,"profile":0}},)"
+    R"("entry":{"isemInnerEthEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
+const std::string kInnerEthAgain =
+    R"({"op":"withdraw","feature":"vpws","database":"isem","key":{"isemInnerEthEntryKey":{"vsi":1,"profile":0}}})"
+    "\n"
+    R"({"op":"settle"})"
+    "\n" +
+    std::string(kInnerEth);
+
 /// An agent with FAPs of all types, and what runs scenarios on it.
 struct Server {
   explicit Server(std::uint32_t max = 40) : agent(optionsOf(max)) {}
@@ -590,14 +600,12 @@ TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
 
 TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
   Server server(6);
-  std::string lines = R"({"op":"table","table":"isemMpls","capacity":3})";
+  std::string lines = R"({"op":"table","table":"isemInnerEth","answer":"hold"})";
   for (std::uint32_t label = 1; label <= 5; ++label) lines += "\n" + mpls(label);
-  server.run(lines + "\n" + R"({"op":"table","table":"isemInnerEth","answer":"hold"})" + "\n" +
-             R"({"op":"publish","feature":"vpws","database":"isem","key":{"isemInnerEthEntryKey":)"
-             R"({"vsi":1,"profile":0}},"entry":{"isemInnerEthEntry":{"lif":1,"vsi":1}},"requestVersion":1})");
-  // The chip holds the entry whose answer it holds back.
+  server.run(lines);
+  server.run(kInnerEth);
   const auto table = server.tableOf("ISEM1");
-  EXPECT_EQ(8, table.at("used"));
+  EXPECT_EQ(6, table.at("used"));
   EXPECT_EQ(6, table.at("max-limit"));
   EXPECT_EQ(0, table.at("free"));
   EXPECT_EQ(12, table.at("requested"));
@@ -605,6 +613,28 @@ TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
   EXPECT_EQ(2, table.at("pending"));
   EXPECT_TRUE(table.at("used-threshold-upper-exceeded").get<bool>());
   EXPECT_EQ(server.tableOf("ISEM2").at("requested"), 0);
+}
+
+TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
+  Server server(6);
+  const auto innerEth = [&] { return server.agent.chip().table(Tag::isemInnerEthEntryKey).fill(); };
+  server.run(mpls(1) + "\n" + mpls(2) + "\n" + mpls(3));
+  server.run(kInnerEth);
+  EXPECT_EQ(0U, innerEth()) << "there is room for three wide entries";
+  server.run(mpls(3, "withdraw"));
+  server.run(kInnerEthAgain);
+  EXPECT_EQ(1U, innerEth());
+  // A FAP whose profile is smaller than the others' leaves what is there, and takes nothing more.
+  server.run(R"({"op":"profile","fapId":2,"profile":2})");
+  server.run(mpls(1, "withdraw"));
+  EXPECT_EQ(1U, innerEth());
+  server.agent.chip().mdbStatus()->profile().is(2, {{{64, true, {{60, 3}}}}});
+  server.run(kInnerEthAgain);
+  EXPECT_EQ(0U, innerEth()) << "beside an MPLS entry";
+  server.agent.crash();
+  server.run(R"({"op":"removeFap","fapId":2})");
+  server.run(kInnerEthAgain);
+  EXPECT_EQ(1U, innerEth());
 }
 
 TEST(CapacityOfTheServer, EveryRequestIsCountedUnderWhatBecameOfIt) {
