@@ -12,8 +12,10 @@
 namespace KilnAgent {
 namespace {
 
-std::unique_ptr<KilnPlatform::YieldPolicy> yieldPolicy(std::uint32_t yieldEvery) {
-  return yieldEvery == 0 ? nullptr : std::make_unique<EveryItems>(yieldEvery);
+std::unique_ptr<KilnPlatform::YieldPolicy> yieldPolicy(const AgentOptions& options) {
+  if (options.yieldEvery != 0) return std::make_unique<EveryItems>(options.yieldEvery);
+  if (options.sliceBudget) return std::make_unique<TimeBudget>(*options.sliceBudget);
+  return nullptr;
 }
 
 }  // namespace
@@ -48,10 +50,15 @@ void ScopedTraces::add(Ref<KilnPlatform::TraceSink> sink) {
 
 EmbeddedAgent::EmbeddedAgent(const AgentOptions& options)
     : traces_(options.traces),
-      scheduler_(std::make_shared<CooperativeScheduler>(yieldPolicy(options.yieldEvery), options.seed)),
+      directory_(options.state.empty() ? std::nullopt : std::optional<StateDirectory>(options.state)),
+      scheduler_(std::make_shared<CooperativeScheduler>(yieldPolicy(options), options.seed)),
       store_(std::make_shared<MemoryStateStore>(scheduler_)),
       vlanDomains_(std::make_unique<VlanDomainService>(scheduler_, options.chip.vlanDomains)),
-      chip_(std::make_shared<SoftChip>(options.chip, scheduler_, options.seed)),
+      durable_(directory_ ? std::make_unique<DurableStore>(directory_->store(), options.durability, *store_,
+                                                           *vlanDomains_)
+                          : nullptr),
+      chip_(std::make_shared<SoftChip>(options.chip, scheduler_, options.seed,
+                                       directory_ ? directory_->chip() : std::string())),
       capacity_(std::make_shared<KilnPlatform::TableCapacity>(
           makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>())),
       externalUsers_(std::make_shared<KilnTunnelNiLib::SemCapacityExternalDir>(

@@ -1,7 +1,9 @@
 // The agent around the server: everything that the server is handed, and the server itself.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -9,9 +11,11 @@
 
 #include "agent/ChipConfig.h"
 #include "agent/CooperativeScheduler.h"
+#include "agent/DurableStore.h"
 #include "agent/MemoryStateStore.h"
 #include "agent/ReconcileMonitor.h"
 #include "agent/SoftChip.h"
+#include "agent/StateDirectory.h"
 #include "agent/VlanDomainService.h"
 #include "platform/TableCapacity.h"
 #include "platform/TraceSink.h"
@@ -36,6 +40,10 @@ struct AgentOptions {
   ChipConfig chip = defaultChip();
   std::optional<std::uint64_t> seed;  ///< shuffles tasks and answers; without it both keep their order
   std::uint32_t yieldEvery = 0;       ///< slices yield after this many items; 0 never
+  /// Without `yieldEvery`, slices yield after this much time. Such runs are not repeatable.
+  std::optional<std::chrono::nanoseconds> sliceBudget;
+  std::string state;  ///< the directory in which state outlives the process; empty for none
+  Durability durability = Durability::power;  ///< of what is committed there
   TraceOptions traces;
 };
 
@@ -57,7 +65,8 @@ class ScopedTraces {
 /// Store and chip stay when the server goes.
 class EmbeddedAgent {
  public:
-  /// Creates the server too; it runs when the scheduler does.
+  /// Creates the server too; it runs when the scheduler does. With a state directory, what an agent before
+  /// this one left there is taken up. Throws InputError where it cannot be.
   explicit EmbeddedAgent(const AgentOptions& options);
   ~EmbeddedAgent();
   EmbeddedAgent(const EmbeddedAgent&) = delete;
@@ -80,6 +89,13 @@ class EmbeddedAgent {
   [[nodiscard]] const KilnEmServer::KilnEmServerSm& server() const { return *server_; }
 
   [[nodiscard]] const ReconcileMonitor& reconcileMonitor() const { return *reconcileMonitor_; }
+  /// Null without a state directory.
+  [[nodiscard]] const DurableStore* durable() const { return durable_.get(); }
+  /// Makes every change so far durable; nothing without a state directory. What is not committed at the
+  /// agent's end is lost.
+  void commit() {
+    if (durable_ != nullptr) durable_->commit();
+  }
 
   /// Runs until nothing is pending.
   void settle() {
@@ -97,9 +113,11 @@ class EmbeddedAgent {
   void createServer();
 
   ScopedTraces traces_;
+  std::optional<StateDirectory> directory_;
   Ref<CooperativeScheduler> scheduler_;
   Ref<MemoryStateStore> store_;
   std::unique_ptr<VlanDomainService> vlanDomains_;
+  std::unique_ptr<DurableStore> durable_;
   Ref<SoftChip> chip_;
   Ref<KilnPlatform::TableCapacity> capacity_;
   Ref<KilnTunnelNiLib::SemCapacityExternalDir> externalUsers_;

@@ -61,10 +61,14 @@ void MemoryStateStore::addFeature(FeatureType feature) {
   if (!inserted) return;
   at->second = std::make_unique<Feature>(*this, feature);
   features_->is(feature, {});
+  for (StoreObserver* observer : observers_) observer->handleFeatureChange(feature, true);
 }
 
 void MemoryStateStore::removeFeature(FeatureType feature) {
-  if (records_.erase(feature) != 0) features_->del(feature);
+  if (!records_.contains(feature)) return;
+  for (StoreObserver* observer : observers_) observer->handleFeatureChange(feature, false);
+  records_.erase(feature);
+  features_->del(feature);
 }
 
 void MemoryStateStore::forgetServer() {

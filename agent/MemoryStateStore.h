@@ -7,6 +7,7 @@
 #include <tuple>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "agent/Collections.h"
 #include "platform/StateStore.h"
@@ -29,6 +30,8 @@ struct StoreChange {
 class StoreObserver {
  public:
   virtual void handleStoreChange(const StoreChange& change) = 0;
+  /// A feature came, or is about to go with its records, of which no other change is told.
+  virtual void handleFeatureChange(KilnEmServer::FeatureType /*feature*/, bool /*present*/) {}
 
  protected:
   ~StoreObserver() = default;
@@ -95,6 +98,12 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   void requestDelAll(KilnEmServer::FeatureType feature) {
     if (auto* records = recordsOf<Db>(feature)) records->config->config().delAll();
   }
+  /// Takes up a status that a server before this one published.
+  template <class Db>
+  void restoreStatus(KilnEmServer::FeatureType feature,
+                     const KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>& status) {
+    if (auto* records = recordsOf<Db>(feature)) records->status->statusIs(status);
+  }
   /// A feature's requests; null where it is absent.
   template <class Db>
   Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests(KilnEmServer::FeatureType feature) const {
@@ -108,8 +117,9 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     return records == nullptr ? nullptr : records->status;
   }
 
-  /// Names the observer of all records, which must outlive the store or be replaced; null for none.
-  void observerIs(StoreObserver* observer) { observer_ = observer; }
+  /// Adds an observer of all records, which must stay alive until it is removed.
+  void observerIs(StoreObserver& observer) { observers_.push_back(&observer); }
+  void observerDel(StoreObserver& observer) { std::erase(observers_, &observer); }
 
   /// Forgets every subscriber but the store's own, as if the server's process had died.
   void forgetServer();
@@ -121,9 +131,9 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
    public:
     Watch(const MemoryStateStore& store, StoreChange change) : store_(store), change_(change) {}
     void handleChange(const Key& key) override {
-      if (store_.observer_ == nullptr) return;
+      if (store_.observers_.empty()) return;
       change_.key = KilnEmServer::requestKeyAs<KilnEmServer::EmRequestKey>(key);
-      store_.observer_->handleStoreChange(change_);
+      for (StoreObserver* observer : store_.observers_) observer->handleStoreChange(change_);
     }
 
    private:
@@ -173,7 +183,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   }
 
   Ref<KilnPlatform::TaskScheduler> scheduler_;
-  StoreObserver* observer_ = nullptr;
+  std::vector<StoreObserver*> observers_;
   std::map<KilnEmServer::FeatureType, std::unique_ptr<Feature>> records_;
   std::unique_ptr<Features> features_;
 };

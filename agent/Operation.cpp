@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "agent/JsonValue.h"
 #include "agent/ReadFap.h"
 
 namespace KilnAgent {
@@ -283,25 +284,29 @@ constexpr std::array kReaders = {
     Reader{"expectTable", readExpectTable},
 };
 
+}  // namespace
+
 Json parseLine(std::string_view line) {
   try {
-    return Json::parse(line, DuplicateMembers());
+    Json json = Json::parse(line, DuplicateMembers());
+    requireObject(json, {});
+    return json;
   } catch (const Json::exception& error) {
     throw InputError(fmt::format("not a line of JSON: {}", parseErrorText(error)));
   }
 }
 
-}  // namespace
-
-Operation parseOperation(std::string_view line) {
-  const Json json = parseLine(line);
-  requireObject(json, {});
-  const Line members(json);
+Operation readOperation(const Json& line) {
+  const Line members(line);
   const std::string& op = readString(members.member("op"), members.at("op"));
   for (const Reader& reader : kReaders) {
     if (reader.op == op) return reader.read(members);
   }
   members.at("op").fail(fmt::format("unknown operation \"{}\"", op));
+}
+
+Operation parseOperation(std::string_view line) {
+  return readOperation(parseLine(line));
 }
 
 }  // namespace KilnAgent

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,6 +17,7 @@
 
 namespace KilnAgent {
 
+using Json = nlohmann::json;
 using KilnEmServer::EmEntry;
 using KilnEmServer::EmHwKey;
 using KilnEmServer::EmRequestKey;
@@ -129,5 +131,11 @@ using Operation =
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its
 /// field's range.
 Operation parseOperation(std::string_view line);
+
+// The same in two steps.
+
+/// The JSON of a line, which is an object. Throws InputError where it is none.
+Json parseLine(std::string_view line);
+Operation readOperation(const Json& line);
 
 }  // namespace KilnAgent

@@ -84,9 +84,12 @@ void Scenario::run(std::istream& lines, const std::string& name) {
 
 void Scenario::runLine(std::string_view line) {
   if (++counters_.lines % kLinesPerProgress == 0 && progress_) progress_(counters_);
+  if (!isBlank(line)) execute(parseOperation(line));
+}
+
+bool Scenario::isBlank(std::string_view line) {
   const std::size_t begin = line.find_first_not_of(" \t\r");
-  if (begin == std::string_view::npos || line.substr(begin).starts_with("//")) return;
-  execute(parseOperation(line));
+  return begin == std::string_view::npos || line.substr(begin).starts_with("//");
 }
 
 void Scenario::execute(const Operation& operation) {
@@ -273,7 +276,7 @@ void Scenario::expectationFailed(const std::string& expected, const std::string&
 }
 
 void Scenario::sayHere(std::string_view text) const {
-  if (say_) say_(fmt::format("{}:{}: {}", name_, lineNumber_, text));
+  if (say_) say_(name_.empty() ? std::string(text) : fmt::format("{}:{}: {}", name_, lineNumber_, text));
 }
 
 }  // namespace KilnAgent

@@ -28,7 +28,8 @@ struct ScenarioCounters {
 /// Runs scenarios: JSON Lines, blank lines and lines that begin with // being passed over.
 class Scenario {
  public:
-  /// Told each refusal and each failed expectation, one line each, beginning with file and line number.
+  /// Told each refusal and each failed expectation, one line each, beginning with file and line number where
+  /// a file is run.
   using Say = std::function<void(const std::string& text)>;
   /// Called now and then while a run goes on.
   using Progress = std::function<void(const ScenarioCounters&)>;
@@ -52,6 +53,8 @@ class Scenario {
   void settle();
 
   [[nodiscard]] const ScenarioCounters& counters() const { return counters_; }
+  /// Whether a line of a scenario holds no operation: it is blank or a comment.
+  static bool isBlank(std::string_view line);
 
  private:
   void apply(const PublishOperation& publish);
@@ -89,7 +92,7 @@ class Scenario {
   Reconciled reconciled_;
   std::uint64_t reconciledTold_ = 0;
   ScenarioCounters counters_;
-  std::string name_ = "-";
+  std::string name_;  ///< of the file that is run; empty for none
   std::uint64_t lineNumber_ = 0;
 };
 

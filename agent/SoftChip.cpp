@@ -26,15 +26,21 @@ Ref<Hardware::Kiln::MdbStatus> makeMdbStatus(const ChipConfig& config) {
 }  // namespace
 
 SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
-                   std::optional<std::uint64_t> seed)
+                   std::optional<std::uint64_t> seed, const std::string& directory)
     : chipStatus_(makeChipStatus(config)), mdbStatus_(makeMdbStatus(config)) {
   if (seed) random_.emplace(*seed);
   const auto make = [&]<class Own>(Ref<Own>& own) {
     const auto number = static_cast<std::size_t>(Own::kTag);
-    own = std::make_shared<Own>(
-        SoftTable::Setting{KilnPlatform::kTableStems[number], config.tableSizes[number], scheduler,
-                           random_ ? &*random_ : nullptr, pending_.get(), &room_},
-        chipStatus_);
+    const std::string_view stem = KilnPlatform::kTableStems[number];
+    const SoftTable::Setting setting{
+        stem,
+        config.tableSizes[number],
+        scheduler,
+        random_ ? &*random_ : nullptr,
+        pending_.get(),
+        &room_,
+        directory.empty() ? std::string() : fmt::format("{}/{}", directory, stem)};
+    own = std::make_shared<Own>(setting, chipStatus_);
     tables_[number] = &own->table();
     room_.tableIs(Own::kTag, own->table());
   };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <string>
 #include <tuple>
 #include <type_traits>
 
@@ -46,9 +47,10 @@ class SoftInterface final : public TableInterface {
 /// The chip. It outlives the servers that work on it.
 class SoftChip final : public Asic::OrderedTableInterface {
  public:
-  /// With a `seed`, answers come out of order.
+  /// With a `seed`, answers come out of order. With a `directory`, which must exist, the tables keep their
+  /// entries in files there and begin with what these hold. Throws InputError where one cannot be used.
   SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
-           std::optional<std::uint64_t> seed);
+           std::optional<std::uint64_t> seed, const std::string& directory = {});
 
   /// One of the eight table interfaces, by its type.
   template <class Interface>

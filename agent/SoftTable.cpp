@@ -79,7 +79,7 @@ SoftTable::Answer SoftTable::takeFront(std::deque<Answer>& answers) {
 }
 
 void SoftTable::runAnswers() {
-  if (silent_ != 0) pending_.end(std::exchange(silent_, 0));
+  if (draining_ != 0) pending_.end(std::exchange(draining_, 0));
   const bool shuffled = random_ != nullptr && !due_.empty();
   std::size_t dueNow = shuffled ? 1 + randomBelow(*random_, due_.size()) : due_.size();
   while (!released_.empty() || dueNow != 0) {
@@ -124,7 +124,7 @@ void SoftTable::serverEnded() {
 
 void SoftTable::serverDied() {
   forgetTableSubscribers();
-  pending_.end(due_.size() + std::exchange(silent_, 0));
+  pending_.end(due_.size() + std::exchange(dropped_, 0) + std::exchange(draining_, 0));
   due_.clear();
   released_.clear();
   serverEnded();
@@ -132,13 +132,13 @@ void SoftTable::serverDied() {
 
 void SoftTable::reconcileComplete() {
   const std::size_t dropped = dropUnclaimed();
-  if (dropped == 0) return;
-  silent_ += dropped;
-  pending_.begin(dropped);
+  dropped_ += dropped;
+  if (dropped != 0) pending_.begin(dropped);
 }
 
 void SoftTable::commit() {
-  if (silent_ != 0 || !due_.empty()) task_.scheduleTask();
+  draining_ += std::exchange(dropped_, 0);
+  if (draining_ != 0 || !due_.empty()) task_.scheduleTask();
 }
 
 }  // namespace KilnAgent

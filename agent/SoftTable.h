@@ -1,9 +1,11 @@
 // One table of the software chip: applies operations at once, answers them later.
 #pragma once
 
+#include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "agent/Collections.h"
+#include "agent/MappedCollection.h"
 #include "agent/MdbRoom.h"
 #include "agent/SortedRows.h"
 #include "platform/Asic.h"
@@ -98,6 +101,7 @@ class SoftTable {
     std::mt19937_64* random = nullptr;
     PendingHwWrites* pending = nullptr;
     MdbRoom* room = nullptr;
+    std::string file;  ///< where its entries outlive the process; empty where they need not
   };
 
   explicit SoftTable(const Setting& setting);
@@ -137,9 +141,10 @@ class SoftTable {
   void serverEnded();
   /// As serverEnded, for a server that could not clean up: no answer is delivered any more.
   void serverDied();
-  /// Drops the entries that are still unclaimed.
+  /// Drops the entries that are still unclaimed. Their removal is pending until commit has started the drain
+  /// and it is done.
   void reconcileComplete();
-  /// Sees to it that what was issued reaches the hardware.
+  /// Starts the drain of what was issued to the hardware.
   void commit();
 
  protected:
@@ -153,6 +158,7 @@ class SoftTable {
     return fill() < capacity_ && room_.hasRoom(tag);
   }
 
+  /// Every entry is unclaimed from now on. Costs nothing per entry.
   virtual void unclaimAll() = 0;
   /// Returns how many entries it dropped.
   virtual std::size_t dropUnclaimed() = 0;
@@ -181,7 +187,8 @@ class SoftTable {
   std::deque<Answer> due_;       ///< to be given in this order, or in any with a seed
   std::deque<Answer> released_;  ///< held once, to be given in this order
   std::deque<Answer> held_;
-  std::size_t silent_ = 0;  ///< operations on their way to the hardware that nobody waits for
+  std::size_t dropped_ = 0;   ///< removals that nobody waits for and that are not committed yet
+  std::size_t draining_ = 0;  ///< those that are
   KilnPlatform::Task task_;
 };
 
@@ -192,7 +199,17 @@ class SoftSwTable final : public SwTable, public SoftTable {
   using Key = typename SwTable::Key;
   using TableEntry = typename SwTable::Entry;
 
-  using SoftTable::SoftTable;
+  /// The entries that the file holds are unclaimed. Throws InputError where it cannot be used.
+  explicit SoftSwTable(const SoftTable::Setting& setting) : SoftTable(setting) {
+    if (setting.file.empty()) {
+      entrys_ = makeCollection<Key, TableEntry>();
+    } else {
+      auto mapped = std::make_unique<MappedCollection<Key, TableEntry>>(setting.file);
+      mapped_ = mapped.get();
+      entrys_ = std::move(mapped);
+    }
+    unclaimAll();
+  }
 
   void entryWriteWithResponseHandler(const Key& key, const TableEntry& entry,
                                      const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
@@ -204,51 +221,53 @@ class SoftSwTable final : public SwTable, public SoftTable {
                                       const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                       ResponseHandler handler) override {
     noteOperation(key, TableWatcher::Operation::removal);
-    unclaimed_.del(key);
     remove(key);
     deliver(EntryState::success_, std::move(handler));
   }
-  [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return entrys_; }
+  [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return *entrys_; }
 
-  [[nodiscard]] std::size_t fill() const override { return entrys_.size(); }
+  [[nodiscard]] std::size_t fill() const override { return entrys_->size(); }
   [[nodiscard]] std::optional<KilnEmServer::EmEntry> find(
       const KilnEmServer::EmResolvedKey& key) const override {
     const Key* own = key.getIf<Key>();
-    const TableEntry* entry = own == nullptr ? nullptr : entrys_.find(*own);
+    const TableEntry* entry = own == nullptr ? nullptr : entrys_->find(*own);
     return entry == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*entry);
   }
   [[nodiscard]] std::vector<Entry> sortedEntries() const override {
     std::vector<Entry> entries;
-    entries.reserve(entrys_.size());
-    for (const auto& [key, entry] : sortedRows(entrys_)) entries.emplace_back(key, entry);
+    entries.reserve(entrys_->size());
+    for (const auto& [key, entry] : sortedRows(*entrys_)) entries.emplace_back(key, entry);
     return entries;
   }
 
  private:
   EntryState write(const Key& key, const TableEntry& entry) {
-    unclaimed_.del(key);
     if (refusing()) {
       remove(key);
       return EntryState::refused_;
     }
-    const TableEntry* before = entrys_.find(key);
-    if (before == nullptr && !hasRoomFor(KilnEmServer::EmResolvedKey::tagOf<Key>())) {
-      return EntryState::noResource_;
-    }
+    const TableEntry* before = entrys_->find(key);
+    if (before == nullptr && !roomForOne()) return EntryState::noResource_;
+    if (reconciling_) claimed_.insert(key);
     if (before != nullptr && *before == entry) {
       ++counters_.unchanged;
       return EntryState::success_;
     }
     noteChange(key, TableWatcher::Operation::write, before);
-    entrys_.is(key, entry);
+    entrys_->is(key, entry);
     ++counters_.written;
     return EntryState::success_;
   }
+  [[nodiscard]] bool roomForOne() const {
+    return hasRoomFor(KilnEmServer::EmResolvedKey::tagOf<Key>()) &&
+           (mapped_ == nullptr || mapped_->roomForOne());
+  }
   void remove(const Key& key) {
-    const TableEntry* before = entrys_.find(key);
+    const TableEntry* before = entrys_->find(key);
     if (before == nullptr) return;
+    if (reconciling_) claimed_.erase(key);
     noteChange(key, TableWatcher::Operation::removal, before);
-    entrys_.del(key);
+    entrys_->del(key);
     ++counters_.removed;
   }
   void noteChange(const Key& key, TableWatcher::Operation operation, const TableEntry* before) {
@@ -257,19 +276,31 @@ class SoftSwTable final : public SwTable, public SoftTable {
     watcher()->handleUpcomingChange(key, operation, entry ? &*entry : nullptr);
   }
 
-  void unclaimAll() override {
-    KilnPlatform::forEachIn(entrys_, [this](const Key& key, const TableEntry&) { unclaimed_.is(key, {}); });
+  void unclaimAll() final {
+    reconciling_ = !entrys_->empty();
+    claimed_.clear();
   }
   std::size_t dropUnclaimed() override {
-    const std::size_t dropped = unclaimed_.size();
-    KilnPlatform::forEachIn(unclaimed_, [this](const Key& key, const KilnPlatform::Unit&) { remove(key); });
-    unclaimed_.delAll();
-    return dropped;
+    const std::uint64_t before = counters_.removed;
+    KilnPlatform::ScanCursor<Key> cursor;
+    while (claimed_.size() < entrys_->size() && reconciling_) {
+      const std::optional<Key> key = entrys_->scanNext(cursor);
+      KILN_ASSERT(key && "an unclaimed entry is found by a walk");
+      if (!claimed_.contains(*key)) remove(*key);
+    }
+    reconciling_ = false;
+    claimed_ = {};
+    return static_cast<std::size_t>(counters_.removed - before);
   }
-  void forgetTableSubscribers() override { entrys_.forgetSubscribers(); }
+  void forgetTableSubscribers() override {
+    mapped_ != nullptr ? mapped_->forgetSubscribers() : forgetSubscribers(*entrys_);
+  }
 
-  KilnEmServer::Collection<Key, TableEntry> entrys_;
-  KilnEmServer::Collection<Key, KilnPlatform::Unit> unclaimed_;  ///< of a server before this one
+  std::unique_ptr<typename SwTable::Entrys> entrys_;
+  MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same where it lies in a file
+  bool reconciling_ = false;  ///< whether entries of a server before this one may be unclaimed
+  boost::unordered_flat_set<Key, KilnPlatform::ValueHash<Key>>
+      claimed_;  ///< while reconciling, all others are not
 };
 
 }  // namespace KilnAgent

@@ -26,6 +26,11 @@ VlanDomainService::~VlanDomainService() {
 }
 
 void VlanDomainService::handleChange(const Interface& interface) {
+  tell(VlanDomainChange::Record::request, interface);
+  queue(interface);
+}
+
+void VlanDomainService::queue(const Interface& interface) {
   if (isPending_.insert(interface).second) pending_.push_back(interface);
   task_.scheduleTask();
 }
@@ -101,6 +106,7 @@ void VlanDomainService::give(const Interface& interface, std::uint16_t vlanDomai
   stopWaiting(interface);
   ++poolOf(interface).users[vlanDomain];
   status_->status().is(interface, vlanDomain);
+  tell(VlanDomainChange::Record::allotment, interface);
 }
 
 void VlanDomainService::takeBack(const Interface& interface) {
@@ -111,6 +117,7 @@ void VlanDomainService::takeBack(const Interface& interface) {
     if (domain >= limits_.first) pool.firstMaybeFree = std::min<std::uint32_t>(pool.firstMaybeFree, domain);
   }
   status_->status().del(interface);
+  tell(VlanDomainChange::Record::allotment, interface);
 }
 
 void VlanDomainService::serveWaiting(Pool& pool) {
@@ -130,6 +137,7 @@ void VlanDomainService::stopWaiting(const Interface& interface) {
 void VlanDomainService::limitsAre(VlanDomainLimits limits) {
   KILN_ASSERT(limits.first <= limits.last);
   limits_ = limits;
+  tell(VlanDomainChange::Record::settings);
   for (auto& [systemTcamId, pool] : pools_) {
     pool.firstMaybeFree = limits.first;
     serveWaiting(pool);
@@ -139,26 +147,28 @@ void VlanDomainService::limitsAre(VlanDomainLimits limits) {
 void VlanDomainService::modeIs(Mode mode) {
   if (mode == mode_) return;
   mode_ = mode;
+  tell(VlanDomainChange::Record::settings);
   pools_.clear();
   waitingOrder_.clear();
   if (mode == Mode::manual) return;
   KilnPlatform::forEachIn(status_->status(), [this](const Interface& interface, std::uint16_t domain) {
     ++poolOf(interface).users[domain];
-    handleChange(interface);
+    queue(interface);
   });
-  KilnPlatform::forEachIn(config_->config(), [this](const Interface& interface, const KilnPlatform::Unit&) {
-    handleChange(interface);
-  });
+  KilnPlatform::forEachIn(
+      config_->config(), [this](const Interface& interface, const KilnPlatform::Unit&) { queue(interface); });
 }
 
 void VlanDomainService::allot(const Interface& interface, std::uint16_t vlanDomain) {
   KILN_ASSERT(mode_ == Mode::manual);
   status_->status().is(interface, vlanDomain);
+  tell(VlanDomainChange::Record::allotment, interface);
 }
 
 void VlanDomainService::revoke(const Interface& interface) {
   KILN_ASSERT(mode_ == Mode::manual);
   status_->status().del(interface);
+  tell(VlanDomainChange::Record::allotment, interface);
 }
 
 Ref<VlanDomainService::Group> VlanDomainService::groupOf(const Interface& interface) {
@@ -173,6 +183,7 @@ void VlanDomainService::share(std::uint64_t intfId, std::uint64_t withIntfId, st
   if (joining == group) return;
   for (const Interface& member : *joining) groups_[member] = group;
   group->insert(group->end(), joining->begin(), joining->end());
+  for (const Interface& member : *group) tell(VlanDomainChange::Record::share, member);
   if (mode_ != Mode::automatic) return;
   const std::optional<std::uint16_t> domain = domainOfGroup({intfId, systemTcamId});
   if (!domain) return;
@@ -183,6 +194,18 @@ void VlanDomainService::share(std::uint64_t intfId, std::uint64_t withIntfId, st
     give(member, *domain);
   }
   serveWaiting(poolOf({intfId, systemTcamId}));
+}
+
+std::optional<VlanDomainService::Interface> VlanDomainService::sharesWith(const Interface& interface) const {
+  const auto group = groups_.find(interface);
+  return group == groups_.end() ? std::nullopt : std::optional(group->second->front());
+}
+
+void VlanDomainService::restoreAllotment(const Interface& interface, std::uint16_t vlanDomain) {
+  status_->status().is(interface, vlanDomain);
+  if (mode_ == Mode::manual) return;
+  ++poolOf(interface).users[vlanDomain];
+  queue(interface);  // where nobody asks for it any more, it is taken back
 }
 
 void VlanDomainService::forgetServer() {

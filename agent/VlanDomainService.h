@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -21,6 +22,27 @@ struct VlanDomainLimits {
   std::uint16_t first = 1;
   std::uint16_t last = 511;
   friend bool operator==(const VlanDomainLimits&, const VlanDomainLimits&) = default;
+};
+
+/// One change of what the service would need to go on where it is.
+struct VlanDomainChange {
+  enum class Record : std::uint8_t {
+    settings,   ///< mode and limits; the interface has no meaning
+    share,      ///< with whom an interface shares
+    request,    ///< whether the server asks for a domain
+    allotment,  ///< which domain an interface has
+  };
+  Record record;
+  KilnTunnelNiLib::IntfIdSystemTcamId interface;
+};
+
+/// Told of each such change, after it was made.
+class VlanDomainObserver {
+ public:
+  virtual void handleDomainChange(const VlanDomainChange& change) = 0;
+
+ protected:
+  ~VlanDomainObserver() = default;
 };
 
 /// Automatic mode, the first one: each request gets the first free domain of its system TCAM, or that of the
@@ -60,6 +82,19 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   /// It is the one that `withIntfId`'s side has, where it has one.
   void share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId);
 
+  [[nodiscard]] const VlanDomainLimits& limits() const { return limits_; }
+  /// One of the interfaces with which this one shares, the same for all of them; none where it shares with
+  /// nobody.
+  [[nodiscard]] std::optional<Interface> sharesWith(const Interface& interface) const;
+
+  // Takes up what a service before this one left: first mode and limits, then who shares, then who has what,
+  // then the requests, in the order in which they came. Nothing is allotted before the scheduler runs.
+  void restoreAllotment(const Interface& interface, std::uint16_t vlanDomain);
+  void restoreRequest(const Interface& interface) { config_->configIs(interface); }
+
+  /// Names the one observer, which must outlive the service or be replaced; null for none.
+  void observerIs(VlanDomainObserver* observer) { observer_ = observer; }
+
   /// Requests that wait for a free domain.
   [[nodiscard]] std::size_t waiting() const { return waitingOrder_.size(); }
 
@@ -78,6 +113,10 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   };
 
   void handleChange(const Interface& interface) override;
+  void queue(const Interface& interface);
+  void tell(VlanDomainChange::Record record, const Interface& interface = {}) const {
+    if (observer_ != nullptr) observer_->handleDomainChange({record, interface});
+  }
   void handlePending();
   void settleRequest(const Interface& interface);
 
@@ -101,6 +140,7 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   std::map<Interface, Ref<Group>> groups_;  ///< only of interfaces that share
   std::deque<Interface> pending_;           ///< interfaces whose request changed, each once
   std::set<Interface> isPending_;
+  VlanDomainObserver* observer_ = nullptr;
   KilnPlatform::Task task_;
 };
 

@@ -28,6 +28,8 @@
 #include "agent/ReconcileReport.h"
 #include "agent/Report.h"
 #include "agent/Scenario.h"
+#include "agent/Send.h"
+#include "agent/Serve.h"
 #include "server/KilnEmServerSm.h"
 
 namespace KilnAgent {
@@ -38,6 +40,8 @@ constexpr int kBadInput = 2;
 constexpr int kDisturbed = 3;
 constexpr int kFailed = 4;
 constexpr std::uint64_t kMaxSeed = std::numeric_limits<std::uint64_t>::max();
+/// Records that may change in a run before they are committed.
+constexpr std::size_t kMaxBatch = 100'000;
 constexpr std::uint64_t kMaxGenerated = 1'000'000'000;
 #ifdef KILN_YIELD_EVERY_ITEM
 constexpr std::uint32_t kDefaultYieldEvery = 1;
@@ -45,15 +49,32 @@ constexpr std::uint32_t kDefaultYieldEvery = 1;
 constexpr std::uint32_t kDefaultYieldEvery = 0;
 #endif
 
-struct RunArguments {
-  std::vector<std::string> files;
-  std::string dump;
+/// What every command that has an agent takes.
+struct AgentArguments {
   std::string chip;
+  std::string state;
+  bool noSync = false;
   std::optional<std::uint64_t> seed;
   std::uint32_t yieldEvery = kDefaultYieldEvery;
   int traceLevel = 0;
   std::vector<std::string> traceStages;
   std::string traceFile;
+};
+
+struct RunArguments : AgentArguments {
+  std::vector<std::string> files;
+  std::string dump;
+};
+
+struct ServeArguments : AgentArguments {
+  ServeArguments() { yieldEvery = 0; }
+  std::string socket;
+};
+
+struct SendArguments {
+  std::string socket;
+  std::string file;
+  bool quiet = false;
 };
 
 struct ShowCapacityArguments {
@@ -141,8 +162,10 @@ std::pair<std::string, int> stageLevel(const std::string& text) {
   return {text.substr(0, at), text[at + 1] - '0'};
 }
 
-AgentOptions agentOptions(const RunArguments& arguments) {
+AgentOptions agentOptions(const AgentArguments& arguments) {
   AgentOptions options;
+  options.state = arguments.state;
+  options.durability = arguments.noSync ? Durability::process : Durability::power;
   if (!arguments.chip.empty()) options.chip = readChipFile(arguments.chip);
   options.seed = arguments.seed;
   options.yieldEvery = arguments.yieldEvery;
@@ -171,7 +194,10 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
         progress.clear();
         tell(text);
       },
-      [&](const ScenarioCounters& counters) { progress.show(counters); });
+      [&](const ScenarioCounters& counters) {
+        if (agent.durable() != nullptr && agent.durable()->pending() >= kMaxBatch) agent.commit();
+        progress.show(counters);
+      });
   scenario.reconciledIs([&](const ReconcileReport& report) {
     progress.clear();
     if (reconciled) reconciled(report);
@@ -183,6 +209,7 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
     malformed = error;
   }
   scenario.settle();
+  agent.commit();
   progress.clear();
   finish(scenario.counters(), malformed.has_value());
   if (malformed) throw InputError(*malformed);
@@ -266,10 +293,7 @@ CLI::Validator wholeNumber(std::uint64_t max, std::uint64_t min = 0) {
   return {read, "WHOLE"};
 }
 
-/// The options of every command that runs scenarios.
-void addRunOptions(CLI::App* command, RunArguments& arguments) {
-  command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
-      ->required();
+void addAgentOptions(CLI::App* command, AgentArguments& arguments) {
   command->add_option("--trace", arguments.traceLevel, "Highest trace level that is written, 0 to 9")
       ->transform(wholeNumber(9))
       ->capture_default_str();
@@ -289,6 +313,19 @@ void addRunOptions(CLI::App* command, RunArguments& arguments) {
       ->transform(wholeNumber(std::numeric_limits<std::uint32_t>::max()))
       ->capture_default_str();
   command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments");
+  command->add_option(
+      "--state", arguments.state,
+      "Directory in which requests, statuses, VLAN domains and the chip's entries outlive the "
+      "process; one that is absent is created");
+  command->add_flag("--no-sync", arguments.noSync,
+                    "Commits survive the death of the process, not a loss of power: faster");
+}
+
+/// The options of every command that runs scenarios.
+void addRunOptions(CLI::App* command, RunArguments& arguments) {
+  command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
+      ->required();
+  addAgentOptions(command, arguments);
 }
 
 void addRun(CLI::App& app, RunArguments& arguments, int& result) {
@@ -305,6 +342,27 @@ void addOutputOption(CLI::App* command, bool& asJson) {
   command->add_option("-o,--output", asJson, "text or json")
       ->default_str("text")
       ->transform(CLI::CheckedTransformer(std::map<std::string, bool>{{"text", false}, {"json", true}}));
+}
+
+void addServe(CLI::App& app, ServeArguments& arguments) {
+  CLI::App* command = app.add_subcommand(
+      "serve", "Executes operations that come over a socket, until SIGTERM, which withdraws nothing");
+  addAgentOptions(command, arguments);
+  command->get_option("--state")->required();
+  command->add_option("--socket", arguments.socket, "Where to listen; DIR/socket by default");
+  command->callback([&] { serve({agentOptions(arguments), arguments.socket}); });
+}
+
+void addSend(CLI::App& app, SendArguments& arguments, int& result) {
+  CLI::App* command = app.add_subcommand(
+      "send", "Sends a scenario's operations to an agent that serves, and shows its answers");
+  command->add_option("SOCKET", arguments.socket, "Where the agent listens")->required();
+  command->add_option("FILE", arguments.file, "The operations; - is standard input")->required();
+  command->add_flag("--quiet", arguments.quiet, "Shows only the answers that are not ok");
+  command->callback([&] {
+    const SendOutcome outcome = sendFile(arguments.socket, arguments.file, arguments.quiet);
+    result = outcome.failed == 0 ? 0 : kExpectationFailed;
+  });
 }
 
 void addShowCapacity(CLI::App* show, ShowCapacityArguments& arguments, int& result) {
@@ -377,7 +435,11 @@ int runCommandLine(int argc, char** argv) {
   GraphArguments graphArguments;
   ShowCapacityArguments showCapacityArguments;
   ShowReconcileArguments showReconcileArguments;
+  ServeArguments serveArguments;
+  SendArguments sendArguments;
   addRun(app, runArguments, result);
+  addServe(app, serveArguments);
+  addSend(app, sendArguments, result);
   addShow(app, showCapacityArguments, showReconcileArguments, result);
   addGraph(app, graphArguments, result);
   addGenerate(app, generateArguments);

@@ -356,10 +356,10 @@ class Run {
     const std::string before = dumpWithoutHardware(agent_);
     const HardwareCounters countersBefore = agent_.chip().counters();
     StatusChanges changes;
-    agent_.store().observerIs(&changes);
+    agent_.store().observerIs(changes);
     crash ? agent_.crash() : agent_.restart();
     agent_.settle();
-    agent_.store().observerIs(nullptr);
+    agent_.store().observerDel(changes);
     std::string wrong = changes.text();
     const HardwareCounters counters = agent_.chip().counters();
     if (counters.written != countersBefore.written || counters.removed != countersBefore.removed) {

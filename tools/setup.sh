@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build git
   libfmt-dev libboost1.81-dev nlohmann-json3-dev libcli11-dev
-  libgtest-dev libbenchmark-dev
+  liblmdb-dev pkg-config
+  libgtest-dev libbenchmark-dev python3
 )
 
 missing=()

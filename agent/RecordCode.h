@@ -1,0 +1,116 @@
+// Between plain values and bytes: one encoding for all of them, from their own description of their fields.
+//
+// Numbers are big-endian at their full width, so that the order of encoded keys is the order of their fields;
+// a text is its length and its bytes, a tagged union the byte of its tag and its alternative. Names are not
+// part of it: who stores such bytes stores what they mean beside them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+
+#include "platform/Value.h"
+
+namespace KilnAgent {
+
+/// Appends the bytes of a number, the most significant first.
+template <std::unsigned_integral N>
+void encodeNumber(std::string& out, N number) {
+  for (int shift = static_cast<int>(sizeof(N) - 1) * 8; shift >= 0; shift -= 8) {
+    out.push_back(static_cast<char>(number >> shift));
+  }
+}
+
+/// Appends the encoding of `value`.
+template <class T>
+void encode(std::string& out, const T& value) {
+  if constexpr (std::is_enum_v<T>) {
+    encodeNumber(out, static_cast<std::make_unsigned_t<std::underlying_type_t<T>>>(value));
+  } else if constexpr (std::is_integral_v<T>) {
+    encodeNumber(out, static_cast<std::make_unsigned_t<T>>(value));
+  } else if constexpr (KilnPlatform::NumberValue<T>) {
+    encodeNumber(out, value.number());
+  } else if constexpr (KilnPlatform::UnionValue<T>) {
+    encode(out, value.tag());
+    value.visit([&](const auto& alternative) { encode(out, alternative); });
+  } else if constexpr (std::is_same_v<T, std::string>) {
+    encodeNumber(out, static_cast<std::uint32_t>(value.size()));
+    out += value;
+  } else {
+    static_assert(KilnPlatform::Described<T>);
+    std::apply([&](const auto&... field) { (encode(out, value.*(field.member)), ...); }, T::fields());
+  }
+}
+
+template <class T>
+std::string encoded(const T& value) {
+  std::string out;
+  encode(out, value);
+  return out;
+}
+
+/// Takes values off the front of encoded bytes. Throws std::range_error where they end early or say what no
+/// value can.
+class Decoder {
+ public:
+  explicit Decoder(std::string_view bytes) : rest_(bytes) {}
+
+  template <class T>
+  void take(T& value) {
+    if constexpr (std::is_enum_v<T>) {
+      value = static_cast<T>(number<std::make_unsigned_t<std::underlying_type_t<T>>>());
+    } else if constexpr (std::is_integral_v<T>) {
+      value = static_cast<T>(number<std::make_unsigned_t<T>>());
+    } else if constexpr (KilnPlatform::NumberValue<T>) {
+      value = T(number<typename T::Number>());
+    } else if constexpr (KilnPlatform::UnionValue<T>) {
+      const auto tag = number<std::uint8_t>();
+      if (tag > T::kAlternatives) throw std::range_error("an unknown alternative");
+      value = T::make(static_cast<typename T::Tag>(tag), [this](auto& alternative) { take(alternative); });
+    } else if constexpr (std::is_same_v<T, std::string>) {
+      value = std::string(bytes(number<std::uint32_t>()));
+    } else {
+      static_assert(KilnPlatform::Described<T>);
+      std::apply([&](const auto&... field) { (take(value.*(field.member)), ...); }, T::fields());
+    }
+  }
+  template <class T>
+  T take() {
+    T value{};
+    take(value);
+    return value;
+  }
+  /// Throws where bytes are left over.
+  void end() const {
+    if (!rest_.empty()) throw std::range_error("bytes are left over");
+  }
+
+ private:
+  std::string_view bytes(std::size_t count) {
+    if (rest_.size() < count) throw std::range_error("it ends early");
+    const std::string_view taken = rest_.substr(0, count);
+    rest_.remove_prefix(count);
+    return taken;
+  }
+  template <class N>
+  N number() {
+    std::uint64_t read = 0;
+    for (const char byte : bytes(sizeof(N))) read = read << 8U | static_cast<unsigned char>(byte);
+    return static_cast<N>(read);
+  }
+
+  std::string_view rest_;
+};
+
+/// Tells by accident of damage, not of malice: FNV-1a over the bytes, folded to 32 bits.
+inline std::uint32_t checksumOf(std::string_view bytes, std::uint64_t seed = 0) {
+  std::uint64_t hash = 0xCBF29CE484222325U ^ seed;
+  for (const char byte : bytes) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
+  return static_cast<std::uint32_t>(hash ^ hash >> 32U);
+}
+
+}  // namespace KilnAgent

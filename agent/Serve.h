@@ -1,0 +1,27 @@
+// The agent as a service: operations come as lines over a socket, each is answered by a line.
+#pragma once
+
+#include <string>
+
+#include "agent/EmbeddedAgent.h"
+
+namespace KilnAgent {
+
+struct ServeOptions {
+  AgentOptions agent;  ///< with a state directory
+  std::string socket;  ///< where to listen; empty for the state directory's own place
+};
+
+/// Serves until SIGTERM or SIGINT, which withdraws nothing. A line is an operation of the scenario language,
+/// or {"op":"show","what":NAME}. The answers to a client come in the order of its lines:
+///
+///   {"line":7,"ok":true,"durable":true}     the operation and all before it survive the agent's death
+///   {"line":7,"ok":true,"durable":false}    executed; what it set does not survive
+///   {"line":7,"ok":true}                    executed; there is nothing of its own to survive
+///   {"line":7,"ok":false,"error":TEXT}      refused, malformed, or an expectation that did not hold
+///
+/// Blank lines and comments count, but are not answered. Throws InputError where the state or the socket
+/// cannot be used, std::runtime_error where a commit fails; what was not answered may then be lost.
+void serve(const ServeOptions& options);
+
+}  // namespace KilnAgent

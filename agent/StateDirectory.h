@@ -1,0 +1,34 @@
+// The directory in which an agent keeps what outlives its process.
+#pragma once
+
+#include <string>
+
+#include "agent/FileDescriptor.h"
+
+namespace KilnAgent {
+
+/// Belongs to one agent at a time, which holds its lock as long as this object, or its process, lives.
+class StateDirectory {
+ public:
+  /// Opens the directory, or creates it where there is none. Throws InputError where it cannot be used, is in
+  /// use, or holds something that no agent put there; that is then left as it is.
+  explicit StateDirectory(std::string path);
+
+  [[nodiscard]] std::string store() const { return path_ + "/store"; }
+  /// A directory, which exists.
+  [[nodiscard]] std::string chip() const { return path_ + "/chip"; }
+  /// Where the agent of a directory listens unless it is told otherwise.
+  static std::string socketIn(const std::string& directory) { return directory + "/socket"; }
+
+ private:
+  [[noreturn]] void refuse(const std::string& why) const;
+  void create(const std::string& directory) const;
+  void refuseForeign(const std::string& marker) const;
+  void lock(const std::string& marker);
+  void claim() const;
+
+  std::string path_;
+  FileDescriptor marker_;
+};
+
+}  // namespace KilnAgent

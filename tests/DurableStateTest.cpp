@@ -1,0 +1,264 @@
+// State that outlives the process: what a new agent over the same directory finds, and what it refuses.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "agent/Dump.h"
+#include "agent/EmbeddedAgent.h"
+#include "agent/InputError.h"
+#include "agent/RecordStore.h"
+#include "agent/Scenario.h"
+#include "tests/Golden.h"
+#include "tests/RandomRun.h"
+#include "tests/Recompute.h"
+#include "tests/TempDirectory.h"
+
+namespace KilnTests {
+namespace {
+
+using KilnAgent::AgentOptions;
+using KilnAgent::EmbeddedAgent;
+using KilnAgent::InputError;
+using KilnAgent::RecordStore;
+using KilnAgent::Scenario;
+
+std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const InputError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+/// An agent over a directory, which can be ended as if its process had been killed.
+class DurableState : public testing::Test {
+ protected:
+  DurableState() { open(); }
+
+  /// What was not committed is lost.
+  void reopen() {
+    scenario.reset();
+    agent.reset();
+    open();
+  }
+  void open() {
+    AgentOptions options;
+    options.state = directory / "state";
+    options.durability = KilnAgent::Durability::process;
+    agent = std::make_unique<EmbeddedAgent>(options);
+    scenario = std::make_unique<Scenario>(*agent, false, 1, nullptr);
+  }
+  void run(const std::string& line) { scenario->runLine(line); }
+  void settleAndCommit() {
+    agent->settle();
+    agent->commit();
+  }
+  std::string allotted() {
+    std::string text;
+    for (std::uint64_t intfId = 1; intfId < 10; ++intfId) {
+      const auto* domain = agent->vlanDomains().status()->status().find({intfId, 0});
+      text += domain == nullptr ? "-" : std::to_string(*domain);
+    }
+    return text;
+  }
+  static std::string untagged(int intfId, const char* op = "publish") {
+    const std::string key =
+        fmt::format(R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemUntaggedEntryKey":)"
+                    R"({{"intfId":{},"systemTcamId":0}}}})",
+                    op, intfId);
+    if (std::string_view(op) == "withdraw") return key + "}";
+    return key + fmt::format(R"(,"requestVersion":1,"entry":{{"isemUntaggedEntry":)"
+                             R"({{"lif":{},"vsi":1,"profile":0}}}}}})",
+                             intfId);
+  }
+
+  TempDirectory directory;
+  std::unique_ptr<EmbeddedAgent> agent;
+  std::unique_ptr<Scenario> scenario;
+};
+
+TEST_F(DurableState, RandomOperationsAreFoundAgainAndARestartTouchesNothing) {
+  for (std::uint64_t seed = 1; seed <= 6; ++seed) {
+    const RunSetting setting{.seed = seed, .domainsAutomatic = seed % 2 == 0, .steps = 120};
+    std::mt19937 random(static_cast<std::uint32_t>(seed));
+    for (const Step& step : drawSteps(setting)) {
+      try {
+        scenario->execute(step.operation);
+      } catch (const InputError&) {  // an allotment by hand while the service allots
+      }
+      agent->scheduler().run(step.slicesAfter);
+      if (random() % 4 == 0) agent->commit();
+    }
+    settleAndCommit();
+    const Outcome before = outcomeOf(*agent);
+    const std::string dump = dumpWithoutHardware(*agent);
+    reopen();
+    agent->settle();
+    EXPECT_EQ("", difference(before, outcomeOf(*agent)));
+    EXPECT_EQ(dump, dumpWithoutHardware(*agent)) << "seed " << seed;
+    EXPECT_EQ(0U, agent->chip().counters().written);
+    EXPECT_EQ(0U, agent->chip().counters().removed);
+    EXPECT_EQ(0U, agent->durable()->pending()) << "a record changed";
+  }
+}
+
+TEST_F(DurableState, AKilledAgentIsFoundAsItsLastCommitLeftItAndOnlyWhatDiffersIsTouched) {
+  for (const int intfId : {1, 2, 3}) run(untagged(intfId));
+  settleAndCommit();
+  run(untagged(4));
+  run(untagged(2, "withdraw"));
+  agent->settle();
+  ASSERT_EQ("1-34-----", allotted());
+  reopen();
+  agent->settle();
+  EXPECT_EQ("123------", allotted());
+  EXPECT_EQ(1U, agent->chip().counters().written) << "the entry that was removed without a commit";
+  EXPECT_EQ(1U, agent->chip().counters().removed) << "the entry that was written without one";
+  EXPECT_EQ("", difference(recompute(wantedOf(*agent)), outcomeOf(*agent)));
+}
+
+TEST_F(DurableState, OrdersSettingsAndAbsencesSurvive) {
+  run(R"({"op":"vlanDomains","mode":"auto","first":1,"last":2})");
+  run(R"({"op":"share","intfId":9,"withIntfId":1,"systemTcamId":0})");
+  run(R"({"op":"removeFeature","feature":"srv6"})");
+  for (const int intfId : {2, 1, 8, 5, 7, 9}) run(untagged(intfId));
+  settleAndCommit();
+  run(untagged(8, "withdraw"));
+  agent->settle();
+  run(untagged(8));  // is asked for anew, and so comes after the others
+  settleAndCommit();
+  ASSERT_EQ("21------2", allotted());
+  reopen();
+  EXPECT_FALSE(agent->store().features().has(KilnEmServer::FeatureType::srv6));
+  agent->settle();
+  EXPECT_EQ("21------2", allotted());
+  std::vector<std::string> served;
+  for (const int intfId : {2, 1}) {
+    run(untagged(intfId, "withdraw"));
+    agent->settle();
+    served.push_back(allotted());
+  }
+  run(untagged(9, "withdraw"));
+  agent->settle();
+  served.push_back(allotted());
+  EXPECT_EQ((std::vector<std::string>{"2---1---2", "----1---2", "----1-2--"}), served)
+      << "who waits longest is served first, also after the death of the agent";
+  run(R"({"op":"addFeature","feature":"srv6"})");
+  run(R"({"op":"vlanDomains","mode":"manual"})");
+  settleAndCommit();
+  reopen();
+  EXPECT_TRUE(agent->store().features().has(KilnEmServer::FeatureType::srv6));
+  EXPECT_EQ(KilnAgent::VlanDomainService::Mode::manual, agent->vlanDomains().mode());
+}
+
+TEST_F(DurableState, AFeatureThatWentAndCameBackBetweenCommitsHasOnlyItsNewRequests) {
+  for (const int intfId : {1, 2}) run(untagged(intfId));
+  settleAndCommit();
+  run(R"({"op":"removeFeature","feature":"mpls"})");
+  run(R"({"op":"addFeature","feature":"mpls"})");
+  run(untagged(2));
+  settleAndCommit();
+  const std::string dump = dumpWithoutHardware(*agent);
+  reopen();
+  agent->settle();
+  EXPECT_EQ(dump, dumpWithoutHardware(*agent));
+  EXPECT_EQ(1U,
+            agent->store().requests<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->config().size());
+}
+
+TEST_F(DurableState, WhatIsChangedOftenBetweenCommitsIsWrittenOnce) {
+  settleAndCommit();
+  const std::uint64_t before = agent->durable()->counters().records;
+  for (int i = 0; i < 100; ++i) run(untagged(1, i % 2 == 0 ? "publish" : "withdraw"));
+  EXPECT_EQ(1U, agent->durable()->pending());
+  agent->commit();
+  EXPECT_EQ(before + 1, agent->durable()->counters().records);
+}
+
+TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
+  const auto openAt = [](const std::string& path) {
+    return errorOf([&] {
+      AgentOptions options;
+      options.state = path;
+      const EmbeddedAgent other(options);
+    });
+  };
+  EXPECT_NE(std::string::npos, openAt(directory / "state").find("in use by another agent"));
+  std::filesystem::create_directory(directory / "photos");
+  writeFile(directory / "photos/cat.jpg", "meow");
+  EXPECT_NE(std::string::npos, openAt(directory / "photos").find("it holds cat.jpg"));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(directory / "photos"), {}));
+  EXPECT_NE("no error", openAt(directory / "photos/cat.jpg"));
+  EXPECT_NE("no error", openAt(directory / "nowhere/state"));
+}
+
+TEST(RecordStoreFile, TornAndForeignFilesAreRefusedAndStay) {
+  const TempDirectory directory;
+  const std::string path = directory / "store";
+  {
+    RecordStore store(path, KilnAgent::Durability::process);
+    RecordStore::Batch batch(store);
+    for (int i = 0; i < 500; ++i) batch.put(fmt::format("R{:04}", i), static_cast<std::uint64_t>(i), "value");
+    batch.commit();
+  }
+  const auto openAndRead = [&] {
+    return errorOf([&] {
+      const RecordStore store(path, KilnAgent::Durability::process);
+      store.visit("R", [](const RecordStore::Record&) {});
+    });
+  };
+  const std::string whole = readWhole(path);
+  ASSERT_EQ("no error", openAndRead());
+  std::string flipped = whole;
+  for (std::size_t at = flipped.find("value"); at != std::string::npos; at = flipped.find("value", at)) {
+    flipped[at] = 'V';
+  }
+  const struct {
+    std::string content;
+    const char* told;
+  } cases[] = {{"not a store", "not an agent's state store"},
+               {std::string(20000, 'x'), "not an agent's state store"},
+               {whole.substr(0, whole.size() - 4096), "is cut short"},
+               {whole.substr(0, 8192), "is cut short"},
+               {flipped, "is damaged"}};
+  for (const auto& wrong : cases) {
+    writeFile(path, wrong.content);
+    EXPECT_NE(std::string::npos, openAndRead().find(wrong.told)) << openAndRead();
+    EXPECT_EQ(wrong.content, readWhole(path));
+  }
+}
+
+TEST(RecordStoreFile, ABatchWithoutCommitLeavesNoTrace) {
+  const TempDirectory directory;
+  std::string seen;
+  {
+    RecordStore store(directory / "store", KilnAgent::Durability::process);
+    RecordStore::Batch(store).put("Rlost", 1, "x");
+    RecordStore::Batch batch(store);
+    batch.put("Rb", 1, "first");
+    batch.put("Ra", 2, "second");
+    batch.put("Rgone", 3, "x");
+    batch.del("Rgone");
+    batch.del("Rnever");
+    EXPECT_EQ(2U, batch.orderOf("Ra"));
+    batch.commit();
+  }
+  const RecordStore store(directory / "store", KilnAgent::Durability::power);
+  const auto add = [&](const RecordStore::Record& record) {
+    seen += fmt::format("{}={} ", record.key, record.value);
+  };
+  store.visit("R", add);
+  store.visitInOrder("R", add);
+  EXPECT_EQ("Ra=second Rb=first Rb=first Ra=second ", seen);
+}
+
+}  // namespace
+}  // namespace KilnTests

@@ -1,0 +1,261 @@
+// The agent as a service: its answers, its clients' misbehaviour, its start and its end.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "agent/InputError.h"
+#include "agent/LineSocket.h"
+#include "tests/Golden.h"
+#include "tests/TempDirectory.h"
+
+namespace KilnTests {
+namespace {
+
+using Json = nlohmann::json;
+using KilnAgent::FileDescriptor;
+
+std::string publish(int label, int version = 1) {
+  return fmt::format(R"({{"op":"publish","feature":"mpls","database":"isem","requestVersion":{},)"
+                     R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
+                     R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
+                     version, label);
+}
+const std::string kSettle = R"({"op":"settle"})";
+const std::string kShowAgent = R"({"op":"show","what":"agent"})";
+const std::string kShowDump = R"({"op":"show","what":"dump"})";
+
+/// A client whose lines and answers are texts.
+class Client {
+ public:
+  explicit Client(const std::string& path) : socket_(KilnAgent::connectTo(path)) {}
+
+  void send(const std::string& bytes) const {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const ssize_t count = ::send(socket_.number(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (count < 0) return;
+      sent += static_cast<std::size_t>(count);
+    }
+  }
+  /// The next answer; null where the connection ended.
+  Json answer() {
+    std::size_t end = 0;
+    while ((end = received_.find('\n')) == std::string::npos) {
+      std::string buffer(65536, '\0');
+      const ssize_t count = ::recv(socket_.number(), buffer.data(), buffer.size(), 0);
+      if (count <= 0) return nullptr;
+      received_.append(buffer, 0, static_cast<std::size_t>(count));
+    }
+    const Json answer = Json::parse(received_.substr(0, end));
+    received_.erase(0, end + 1);
+    return answer;
+  }
+  Json ask(const std::string& line) {
+    send(line + "\n");
+    return answer();
+  }
+  void endSending() const { ::shutdown(socket_.number(), SHUT_WR); }
+
+ private:
+  FileDescriptor socket_;
+  std::string received_;
+};
+
+/// A process that serves a state directory of the test.
+class Serve : public testing::Test {
+ protected:
+  ~Serve() override {
+    if (process_ > 0) kill(SIGKILL);
+  }
+
+  /// Starts the agent and waits until it listens.
+  void start(const std::vector<std::string>& environment = {}) {
+    process_ = fork();
+    if (process_ == 0) {
+      for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
+      freopen((directory / "err").c_str(), "w", stderr);
+      execl(binary().c_str(), "kiln-agent", "serve", "--no-sync", "--state", (directory / "state").c_str(),
+            nullptr);
+      _exit(127);
+    }
+    while (true) {
+      try {
+        KilnAgent::connectTo(socketPath());
+        return;
+      } catch (const KilnAgent::InputError&) {
+        ASSERT_EQ(0, waitpid(process_, nullptr, WNOHANG)) << readWhole(directory / "err");
+        usleep(1000);
+      }
+    }
+  }
+  /// Sends a signal; returns the process's exit status, or minus the signal that ended it.
+  int kill(int signal) {
+    int status = 0;
+    ::kill(process_, signal);
+    waitpid(std::exchange(process_, 0), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+  /// Runs the command line; what it says on standard error is in "told".
+  int run(const std::string& arguments) {
+    const int status = std::system(
+        fmt::format("{} {} >{} 2>{}", binary(), arguments, directory / "out", directory / "told").c_str());
+    return WEXITSTATUS(status);
+  }
+  static std::string binary() {
+    std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe");
+    std::string name = path.filename();
+    return path.replace_filename(name.replace(0, std::string("kiln-tests").size(), "kiln-agent"));
+  }
+  std::string socketPath() const { return directory / "state/socket"; }
+
+  TempDirectory directory;
+  pid_t process_ = 0;
+};
+
+TEST_F(Serve, AnswersEachOperationAndWhatItAcknowledgedOutlivesAKill) {
+  start();
+  {
+    Client client(socketPath());
+    EXPECT_EQ((Json{{"line", 1}, {"ok", true}, {"durable", true}}), client.ask(publish(1)));
+    client.send("\n// a comment\n");
+    EXPECT_EQ((Json{{"line", 4}, {"ok", true}, {"durable", false}}),
+              client.ask(R"({"op":"table","table":"isemMpls","capacity":77})"));
+    EXPECT_EQ((Json{{"line", 5}, {"ok", true}}), client.ask(kSettle));
+  }
+  EXPECT_EQ(-SIGKILL, kill(SIGKILL));
+  start();
+  Client client(socketPath());
+  client.ask(kSettle);
+  const Json agent = client.ask(kShowAgent)["agent"];
+  EXPECT_EQ((Json{{"written", 0}, {"removed", 0}, {"unchanged", 1}}), agent["hardware"]["isemMpls"]);
+  EXPECT_EQ("hwSuccess", client.ask(kShowDump)["dump"]["statuses"][0]["status"]);
+}
+
+TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
+  start();
+  Client client(socketPath());
+  const struct {
+    std::string line;
+    const char* told;
+  } cases[] = {
+      {"nonsense", "not a line of JSON"},
+      {"[1]", "expected an object"},
+      {"\xFF\xFE{}", "not a line of JSON"},
+      {R"({"op":"explode"})", "unknown operation"},
+      {R"({"op":"show"})", "\"what\" is missing"},
+      {R"({"op":"show","what":"\udcff"})", "not a line of JSON"},
+      {R"({"op":"show","what":"weather"})", "unknown name \"weather\""},
+      {R"({"op":"allot","intfId":1,"systemTcamId":0,"vlanDomain":5})", "allotted automatically"},
+      {R"({"op":"publish","feature":"mpls","database":"lem","requestVersion":1,)"
+       R"("key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}},"entry":{"isemMplsEntry":{"lif":7,"vsi":3}}})",
+       "refused"},
+      {R"({"op":"expect","feature":"mpls","database":"isem",)"
+       R"("key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}},"status":"hwSuccess"})",
+       "expected"},
+      {std::string((1U << 20U) + 1, 'x'), "more than 1048576 bytes"},
+      {std::string(5U << 20U, 'x'), "more than 1048576 bytes"}};
+  std::uint64_t line = 0;
+  for (const auto& wrong : cases) {
+    const Json answer = client.ask(wrong.line);
+    EXPECT_EQ(++line, answer["line"]);
+    EXPECT_EQ(false, answer["ok"]);
+    EXPECT_NE(std::string::npos, answer.value("error", "").find(wrong.told)) << answer;
+  }
+  EXPECT_EQ(true, client.ask(publish(1))["ok"]);
+  client.send(
+      R"({"op":"withdraw","feature":"mpls","database":"isem","key":{"isemMplsEntryKey":{"label":1,"la)");
+  client.endSending();
+  EXPECT_EQ("the line has no end", client.answer()["error"]);
+  EXPECT_EQ(nullptr, client.answer());
+  EXPECT_EQ(0, kill(SIGTERM));
+}
+
+TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
+  start();
+  std::string many;
+  for (int label = 1; label <= 200; ++label) many += publish(label) + "\n";
+  for (int round = 0; round < 10; ++round) Client(socketPath()).send(many);  // and is gone before any answer
+  Client deaf(socketPath());
+  std::string questions;
+  for (int i = 0; i < 2000; ++i) questions += kShowDump + "\n";
+  deaf.send(questions);
+  Client client(socketPath());
+  Json dump;
+  do {
+    client.ask(kSettle);
+    dump = client.ask(kShowDump)["dump"];
+  } while (dump["statuses"].size() < 200);
+  EXPECT_EQ(200U, dump["statuses"].size());
+  EXPECT_EQ(200U, dump["tables"]["isemMpls"].size());
+  EXPECT_EQ(0, kill(SIGTERM)) << "though one client does not take its answers";
+}
+
+TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
+  start();
+  EXPECT_EQ(2, run("serve --state " + (directory / "state")));
+  EXPECT_NE(std::string::npos, readWhole(directory / "told").find("in use by another agent"));
+  EXPECT_EQ(2, run(fmt::format("serve --state {} --socket {}", directory / "other", socketPath())));
+  EXPECT_NE(std::string::npos, readWhole(directory / "told").find("another process listens there"));
+  kill(SIGKILL);
+  ASSERT_TRUE(std::filesystem::exists(socketPath())) << "what a killed agent leaves";
+  start();
+  EXPECT_EQ(0, kill(SIGTERM));
+  EXPECT_FALSE(std::filesystem::exists(socketPath()));
+  writeFile(socketPath(), "mine");
+  EXPECT_EQ(2, run("serve --state " + (directory / "state")));
+  EXPECT_EQ("mine", readWhole(socketPath()));
+  EXPECT_EQ(2, run(fmt::format("serve --state {} --socket {}", directory / "state", std::string(200, 'x'))));
+}
+
+TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
+  FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  (directory / "notify").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(0, bind(manager.number(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+  start({"NOTIFY_SOCKET=" + (directory / "notify"), "WATCHDOG_USEC=20000"});
+  std::string told;
+  const auto hear = [&](const std::string& awaited) {
+    while (told.find(awaited) == std::string::npos) {
+      char message[1024];
+      const ssize_t count = recv(manager.number(), message, sizeof message, 0);
+      ASSERT_GT(count, 0);
+      told += std::string(message, static_cast<std::size_t>(count)) + "\n";
+    }
+  };
+  hear("READY=1");
+  EXPECT_TRUE(told.starts_with("STATUS=Reconciling")) << told;
+  told.clear();
+  hear("WATCHDOG=1");
+  EXPECT_EQ(0, kill(SIGTERM));
+  hear("STOPPING=1");
+}
+
+TEST_F(Serve, SendShowsTheAnswersAndTellsWhetherAllWasWell) {
+  start();
+  writeFile(directory / "good.jsonl", "// two\n" + publish(1) + "\n" + publish(2));
+  EXPECT_EQ(0, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
+  EXPECT_EQ("{\"durable\":true,\"line\":2,\"ok\":true}\n{\"durable\":true,\"line\":3,\"ok\":true}\n",
+            readWhole(directory / "out"));
+  writeFile(directory / "bad.jsonl", publish(3) + "\nnonsense\n");
+  EXPECT_EQ(1, run(fmt::format("send --quiet {} {}", socketPath(), directory / "bad.jsonl")));
+  const std::string out = readWhole(directory / "out");
+  EXPECT_EQ(1, std::count(out.begin(), out.end(), '\n')) << out;
+  EXPECT_EQ(2, run(fmt::format("send {} {}", directory / "nowhere", directory / "good.jsonl")));
+  kill(SIGTERM);
+  EXPECT_EQ(2, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
+}
+
+}  // namespace
+}  // namespace KilnTests

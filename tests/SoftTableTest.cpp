@@ -1,0 +1,110 @@
+// The ordered-table layer over the software tables: what a restart leaves, what it matches, what it drops.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "agent/CooperativeScheduler.h"
+#include "agent/SoftChip.h"
+
+namespace KilnTests {
+namespace {
+
+using KilnAgent::SoftChip;
+using KilnTunnelNiLib::IsemMplsEntry;
+using KilnTunnelNiLib::IsemMplsEntryKey;
+using Table = Asic::IsemMplsKilnSwTable;
+constexpr auto kTag = KilnEmServer::EmResolvedKeyUnionTag::isemMplsEntryKey;
+
+class OrderedLayer : public testing::Test, public Asic::ChangeSubscriber {
+ protected:
+  OrderedLayer() { chip.status()->subscribe(*this); }
+  ~OrderedLayer() override { chip.status()->unsubscribe(*this); }
+  void handleChange() override { ++flagChanges; }
+
+  Table& table() {
+    const auto interface = chip.interface<Asic::IsemMplsKilnInterface>();
+    return dynamic_cast<Table&>(*interface->orderedSwTable(Asic::UnitId::allFap()));
+  }
+  void write(std::uint32_t label, std::uint32_t lif) {
+    table().entryWriteWithResponseHandler({label, 0}, {lif, 1}, nullptr, [](const auto&) {});
+  }
+  void remove(std::uint32_t label) {
+    table().entryRemoveWithResponseHandler({label, 0}, nullptr, [](const auto&) {});
+  }
+  const IsemMplsEntry* find(std::uint32_t label) { return table().entrys().find({label, 0}); }
+  /// Three entries of a server that ended.
+  void leaveThree() {
+    for (const std::uint32_t label : {1U, 2U, 3U}) write(label, label);
+    scheduler->runUntilIdle();
+    chip.serverEnded();
+  }
+
+  KilnPlatform::Ref<KilnAgent::CooperativeScheduler> scheduler =
+      std::make_shared<KilnAgent::CooperativeScheduler>();
+  SoftChip chip{KilnAgent::defaultChip(), scheduler, std::nullopt};
+  int flagChanges = 0;
+};
+
+TEST_F(OrderedLayer, ForwardsWithTheOldEntriesAndTouchesOnlyWhatDiffers) {
+  leaveThree();
+  ASSERT_EQ(3U, table().size());
+  EXPECT_EQ(2U, find(2)->lif);
+  const auto before = chip.counters();
+  write(1, 1);
+  write(2, 20);
+  scheduler->runUntilIdle();
+  ASSERT_NE(nullptr, find(3)) << "dropped before the server said that it is reconciled";
+  chip.reconcileComplete();
+  EXPECT_EQ(nullptr, find(3));
+  EXPECT_EQ(before.written + 1, chip.counters().written);
+  EXPECT_EQ(before.unchanged + 1, chip.counters().unchanged);
+  EXPECT_EQ(before.removed + 1, chip.counters().removed);
+  chip.reconcileComplete();
+  EXPECT_EQ(2U, table().size()) << "what was claimed once stays";
+}
+
+TEST_F(OrderedLayer, DropsArePendingUntilTheCommitHasDrainedThem) {
+  leaveThree();
+  flagChanges = 0;
+  chip.reconcileComplete();
+  scheduler->runUntilIdle();
+  EXPECT_TRUE(chip.status()->pendingHwWrites());
+  chip.commitHwWrites();
+  EXPECT_TRUE(chip.status()->pendingHwWrites());
+  scheduler->runUntilIdle();
+  EXPECT_FALSE(chip.status()->pendingHwWrites());
+  EXPECT_EQ(2, flagChanges);
+}
+
+TEST_F(OrderedLayer, ARestartWithinARestartClaimsEverythingAnew) {
+  leaveThree();
+  write(1, 1);
+  chip.serverDied();
+  chip.status()->subscribe(*this);
+  EXPECT_FALSE(chip.status()->pendingHwWrites());
+  write(2, 2);
+  remove(3);
+  write(3, 3);
+  chip.reconcileComplete();
+  EXPECT_EQ(nullptr, find(1)) << "claimed only by a server that died since";
+  EXPECT_NE(nullptr, find(2));
+  EXPECT_NE(nullptr, find(3));
+}
+
+TEST_F(OrderedLayer, ARefusedOrUnfittingRewriteClaimsNothing) {
+  leaveThree();
+  auto& soft = chip.table(kTag);
+  soft.answerModeIs(KilnAgent::SoftTable::AnswerMode::refuse);
+  write(1, 1);
+  soft.answerModeIs(KilnAgent::SoftTable::AnswerMode::success);
+  soft.capacityIs(2);
+  write(4, 4);
+  write(2, 2);
+  chip.reconcileComplete();
+  EXPECT_EQ(1U, table().size());
+  EXPECT_NE(nullptr, find(2));
+}
+
+}  // namespace
+}  // namespace KilnTests
