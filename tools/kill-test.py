@@ -5,7 +5,8 @@ After each kill the agent is started anew over the same state. Checked are:
 - nothing that was acknowledged as durable is lost, and what stands is what the operations gave up to some
   moment after the last acknowledgement: never a later operation without an earlier one;
 - the tables of requests that were left alone see no write and no removal, whatever was killed when; none of
-  the tables does where the agent was quiet when it was killed;
+  the tables does where the agent was quiet when it was killed; and by the agent's own report no entry or status that
+  was settled before and the same after was touched;
 - statuses, tables, VLAN domains and the rest equal what an agent makes of the same requests at once.
 One kill in four hits an agent in the middle of its reconciliation.
 """
@@ -190,6 +191,9 @@ def check_hitless(agent, quiet_before):
         touched = counters["written"] + counters["removed"]
         if touched and (quiet_before or table in QUIET_TABLES):
             raise Lost(f"{table}: {touched} entries were touched by the restart")
+    report = agent.ask({"op": "show", "what": "reconcile"})["reconcile"]
+    if report["disturbed"] != 0 or report["state"] != "complete":
+        raise Lost(f"the restart was not hitless: {json.dumps(report)}")
 
 
 def take_up(agent, model, unacknowledged, quiet_before):
