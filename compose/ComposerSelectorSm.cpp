@@ -15,8 +15,7 @@ ComposerSelectorSm::ComposerSelectorSm(EmComposerKeyUnionTag composerType,
       emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)) {}
 
 void ComposerSelectorSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt) {
-  const EmComposerKeyUnionTag composerTypeEnum = emComposerTypeFromUnion(emKey.emComposerKey);
-  if (!filter(composerTypeEnum == composerType_, "filter( ( composerTypeEnum == composerType ) )")) return;
+  if (!filter(isOwn(emKey), "filter( ( composerTypeEnum == composerType ) )")) return;
   if (entryOpt != nullptr) {
     emLogicalKeyConfig_.insert(emKey, {});
   } else {

@@ -18,11 +18,15 @@ class ComposerSelectorSm final : public Stage {
                      Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
  private:
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
+    return emComposerTypeFromUnion(emKey.emComposerKey) == composerType_;
+  }
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
 
   EmComposerKeyUnionTag composerType_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
-        "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}">
+        "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
+        &ComposerSelectorSm::isOwn>
       emLogicalKeyToEntry_;
   Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
 };

@@ -46,7 +46,7 @@ void EmSwTableWriterSm::handleInitialized() {
 void EmSwTableWriterSm::handleDeleteAll() {
   std::vector<EmHwKey> written;
   KilnPlatform::forEachIn(emSwTableStatus_->status(), [&](const EmHwKey& hwKey, const EmSwTableStatusEntry&) {
-    if (emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_) written.push_back(hwKey);
+    if (isOwn(hwKey)) written.push_back(hwKey);
   });
   for (const EmHwKey& hwKey : written) emSwTableStatus_->statusDel(hwKey);
 }
@@ -54,7 +54,7 @@ void EmSwTableWriterSm::handleDeleteAll() {
 // --- Requests ----------------------------------------------------------------------------------------------
 
 void EmSwTableWriterSm::handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry) {
-  if (emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) != emResolvedKeyType_) return;
+  if (!isOwn(hwKey)) return;
   if (!fapCoreConvergent(hwKey)) {
     handleDivergent(hwKey, logicalKeyAndEntry);
   } else if (logicalKeyAndEntry == nullptr) {

@@ -44,6 +44,9 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   void handleDeleteAll() override;
 
  private:
+  [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
+    return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
+  }
   void handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
   void handleLeftStatus(const EmHwKey& hwKey, const EmSwTableStatusEntry* status);
   void handleDivergent(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
@@ -73,7 +76,7 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
 
   EmResolvedKeyUnionTag emResolvedKeyType_;
   Input<EmSwTableConfig::configAttr, "emSwTableConfig", &EmSwTableWriterSm::handleRequest,
-        "from( emSwTableConfig.config[] ): hwKey={}">
+        "from( emSwTableConfig.config[] ): hwKey={}", Reaction::queued, &EmSwTableWriterSm::isOwn>
       emSwTableConfig_;
   /// What stood in the status before this writer came, and is wanted no more, is removed from the table.
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableWriterSm::handleLeftStatus,

@@ -2,7 +2,6 @@
 // one for a test build that shows that no stage depends on the representation.
 #pragma once
 
-#include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -13,6 +12,8 @@
 #include "platform/Assert.h"
 #include "platform/Collection.h"
 #include "platform/Value.h"
+#include "runtime/KeySpace.h"
+#include "runtime/PagedArray.h"
 
 namespace KilnEmServer {
 
@@ -57,57 +58,62 @@ class SubscriberList {
   int depth_ = 0;
 };
 
-/// A hash collection whose entries lie in one array, with an index beside it. A deletion moves the last entry
-/// into the hole. A walk goes from the array's end to its begin: an entry only ever moves to a lower place,
-/// so what was not visited yet stays ahead of the cursor.
+/// A collection whose entries lie in one array, with the place of each key's handle beside it. A deletion
+/// moves the last entry into the hole. A walk goes from the array's end to its begin: an entry only ever
+/// moves to a lower place, so what was not visited yet stays ahead of the cursor.
 template <class K, class V>
 class DenseCollection final : public KeyedCollection<K, V> {
  public:
-  DenseCollection() : index_(0, IndexHash{this}, IndexEqual{this}) {}
+  DenseCollection() = default;
+  ~DenseCollection() override {
+    for (std::size_t at = 0; at < entries_.size(); ++at) keys_.release(entries_[at].handle);
+  }
 
   [[nodiscard]] const V* find(const K& key) const override {
-    const auto at = index_.find(Probe{&key});
-    return at == index_.end() ? nullptr : &entries_[*at].value;
+    const std::uint32_t place = placeOf(keys_.find(key));
+    return place == PagedPlaces::kNone ? nullptr : &entries_[place].value;
   }
   [[nodiscard]] std::size_t size() const override { return entries_.size(); }
 
   bool is(const K& key, const V& value) override {
-    const auto at = index_.find(Probe{&key});
-    if (at != index_.end()) {
-      Entry& entry = entries_[*at];
+    const std::uint32_t handle = keys_.acquire(key);
+    const std::uint32_t place = places_.at(handle);
+    if (place != PagedPlaces::kNone) {
+      keys_.release(handle);  // the entry has a use of its own
+      Entry& entry = entries_[place];
       if (entry.value == value) return false;
       entry.value = value;
-      const K changed = entry.key;
-      subscribers_.notify(changed);
-      return true;
+    } else {
+      places_.is(handle, static_cast<std::uint32_t>(entries_.size()));
+      entries_.emplace_back(handle, value);
     }
-    const K inserted = key;
-    entries_.push_back(Entry{key, value});
-    index_.insert(static_cast<std::uint32_t>(entries_.size() - 1));
-    subscribers_.notify(inserted);
+    if (!subscribers_.empty()) {
+      const K changed = keys_.key(handle);
+      subscribers_.notify(changed);
+    }
     return true;
   }
 
   bool del(const K& key) override {
-    const auto at = index_.find(Probe{&key});
-    if (at == index_.end()) return false;
-    const K deleted = key;
-    const std::uint32_t hole = *at;
-    index_.erase(at);
-    const auto last = static_cast<std::uint32_t>(entries_.size() - 1);
-    if (hole != last) {
-      index_.erase(last);
-      entries_[hole] = std::move(entries_[last]);
-      index_.insert(hole);
+    const std::uint32_t handle = keys_.find(key);
+    const std::uint32_t place = placeOf(handle);
+    if (place == PagedPlaces::kNone) return false;
+    const K deleted = keys_.key(handle);
+    places_.del(handle);
+    if (place != entries_.size() - 1) {
+      entries_[place] = std::move(entries_.back());
+      places_.is(entries_[place].handle, place);
     }
     entries_.pop_back();
+    if (entries_.empty()) places_.clear();
+    keys_.release(handle);
     subscribers_.notify(deleted);
     return true;
   }
 
   void delAll() override {
     while (!entries_.empty()) {
-      const K key = entries_.back().key;
+      const K key = keys_.key(entries_.back().handle);
       del(key);
     }
   }
@@ -119,7 +125,9 @@ class DenseCollection final : public KeyedCollection<K, V> {
     }
     if (cursor.index > entries_.size()) cursor.index = entries_.size();
     if (cursor.index == 0) return std::nullopt;
-    return entries_[--cursor.index].key;
+    const std::uint32_t handle = entries_[--cursor.index].handle;
+    keys_.expect(handle);
+    return keys_.key(handle);
   }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
@@ -129,31 +137,16 @@ class DenseCollection final : public KeyedCollection<K, V> {
 
  private:
   struct Entry {
-    K key;
+    std::uint32_t handle;
     [[no_unique_address]] V value;
   };
-  struct Probe {
-    const K* key;
-  };
-  struct IndexHash {
-    using is_avalanching = void;
-    using is_transparent = void;
-    const DenseCollection* owner;
-    std::size_t operator()(std::uint32_t at) const {
-      return KilnPlatform::hashValue(owner->entries_[at].key);
-    }
-    std::size_t operator()(Probe probe) const { return KilnPlatform::hashValue(*probe.key); }
-  };
-  struct IndexEqual {
-    using is_transparent = void;
-    const DenseCollection* owner;
-    bool operator()(std::uint32_t a, std::uint32_t b) const { return a == b; }
-    bool operator()(Probe a, std::uint32_t b) const { return *a.key == owner->entries_[b].key; }
-    bool operator()(std::uint32_t a, Probe b) const { return owner->entries_[a].key == *b.key; }
-  };
+  [[nodiscard]] std::uint32_t placeOf(std::uint32_t handle) const {
+    return handle == KeySpace<K>::kNone ? PagedPlaces::kNone : places_.at(handle);
+  }
 
-  std::vector<Entry> entries_;
-  boost::unordered_flat_set<std::uint32_t, IndexHash, IndexEqual> index_;
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  PagedArray<Entry> entries_;
+  PagedPlaces places_;
   mutable SubscriberList<K> subscribers_;
 };
 

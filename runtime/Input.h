@@ -102,6 +102,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       const KilnPlatform::RunningStageScope scope(stage_.name());
       handleItem(key);
     } else {
+      if constexpr (requires { self().wants(key); }) {
+        if (!self().wants(key)) return;
+      }
       if (pending_.add(key, stage_.arrivals())) {
         stage_.noteArrival();
       } else {
@@ -147,11 +150,12 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
 /// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
-/// value.
+/// value. `Wanted`, a function of the stage from the key alone, tells for which keys the handler does more
+/// than filter them out: the others never join the pending list.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
-          Reaction reaction = Reaction::queued>
-class Input final
-    : public KeyedInput<Input<Attr, Argument, Handler, From, reaction>, typename Attr::Key, reaction> {
+          Reaction reaction = Reaction::queued, auto Wanted = nullptr>
+class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted>,
+                                      typename Attr::Key, reaction> {
   using Base = KeyedInput<Input, typename Attr::Key, reaction>;
   using StageClass = detail::StageOf<Handler>;
   using Key = typename Attr::Key;
@@ -177,6 +181,13 @@ class Input final
     this->stage_.tracer().template trace<7>(TraceMessage<7, Key, OptionalText<Value>>(From.data), key,
                                             OptionalText<Value>{value});
     (owner_.*Handler)(key, value);
+  }
+
+  bool wants(const Key& key) requires(!std::is_null_pointer_v<decltype(Wanted)>) {
+    if ((owner_.*Wanted)(key)) return true;
+    if (this->stage_.tracer().enabled(6)) [[unlikely]]
+      handleKey(key);  // traces that the filter fails
+    return false;
   }
 
  private:

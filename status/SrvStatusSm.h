@@ -30,6 +30,9 @@ class SrvStatusSm : public Stage {
               Ref<DependencyStatus> dependencyStatus, StageControl control);
 
  private:
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
+    return emLogicalKey.featureType == featureType_;
+  }
   void eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt);
   void eventToEmStatusStream(const EmLogicalKey& emLogicalKey, const EmRequestStatus* statusOpt);
   void eventToStatusStream(const EmRequestKey& emRequestKey);
@@ -49,7 +52,7 @@ class SrvStatusSm : public Stage {
   FeatureType featureType_;
   Input<typename SrvConfig::configAttr, kConfigName, &SrvStatusSm::eventToSrvStream, kSrvStream> srvConfig_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatus", &SrvStatusSm::eventToEmStatusStream,
-        "emStatusStream = from( emStatus.status[] ): emLogicalKey={}">
+        "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued, &SrvStatusSm::isOwn>
       emStatus_;
   Output<typename SrvStatus::statusAttr, kStatusName, kKeyName> srvStatus_;
 };
@@ -74,10 +77,7 @@ void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request
 template <class Db>
 void SrvStatusSm<Db>::eventToEmStatusStream(const EmLogicalKey& emLogicalKey,
                                             const EmRequestStatus* /*statusOpt*/) {
-  if (!filter(emLogicalKey.featureType == featureType_,
-              "filter( ( emLogicalKey.featureType == featureType ) )")) {
-    return;
-  }
+  if (!filter(isOwn(emLogicalKey), "filter( ( emLogicalKey.featureType == featureType ) )")) return;
   eventToStatusStream(requestKeyAs<EmRequestKey>(emLogicalKey));
 }
 

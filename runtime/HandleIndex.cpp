@@ -1,0 +1,101 @@
+#include "runtime/HandleIndex.h"
+
+#include <new>
+#include <utility>
+
+#include "platform/Assert.h"
+
+namespace KilnEmServer {
+namespace {
+
+constexpr std::size_t kLeastCapacity = 16;
+/// Cells looked at per change. With a table that doubles when it is five eighths full, a migration ends long
+/// before the next one begins.
+constexpr std::size_t kCellsPerChange = 16;
+
+}  // namespace
+
+void HandleIndex::Table::allocate(std::size_t capacity) {
+  // Fresh pages of the system are zero: nothing is written for cells that are not used yet.
+  cells.reset(static_cast<Cell*>(std::calloc(capacity, sizeof(Cell))));
+  if (cells == nullptr) throw std::bad_alloc();
+  mask = capacity - 1;
+  size = 0;
+}
+
+void HandleIndex::Table::insert(Cell cell) {
+  std::size_t at = cell.hash & mask;
+  while (cells[at].handlePlusOne != 0) at = (at + 1) & mask;
+  cells[at] = cell;
+  ++size;
+}
+
+bool HandleIndex::Table::erase(std::uint32_t hash, std::uint32_t handle) {
+  if (size == 0) return false;
+  std::size_t at = hash & mask;
+  while (cells[at].handlePlusOne != handle + 1) {
+    if (cells[at].handlePlusOne == 0) return false;
+    at = (at + 1) & mask;
+  }
+  eraseAt(at);
+  return true;
+}
+
+/// Closes the gap: entries that follow move up as far as their own place allows.
+void HandleIndex::Table::eraseAt(std::size_t at) {
+  std::size_t gap = at;
+  for (std::size_t next = (at + 1) & mask; cells[next].handlePlusOne != 0; next = (next + 1) & mask) {
+    const std::size_t home = cells[next].hash & mask;
+    if (((next - home) & mask) < ((next - gap) & mask)) continue;
+    cells[gap] = cells[next];
+    gap = next;
+  }
+  cells[gap].handlePlusOne = 0;
+  --size;
+}
+
+void HandleIndex::insert(std::uint32_t hash, std::uint32_t handle) {
+  if (current_.cells == nullptr) {
+    current_.allocate(kLeastCapacity);
+  } else if (const std::size_t capacity = current_.mask + 1; (size() + 1) * 8 > capacity * 5) {
+    resize(capacity * 2);
+  }
+  current_.insert({hash, handle + 1});
+  migrate(kCellsPerChange);
+}
+
+void HandleIndex::erase(std::uint32_t hash, std::uint32_t handle) {
+  const bool erased = current_.erase(hash, handle) || old_.erase(hash, handle);
+  KILN_ASSERT(erased);
+  migrate(kCellsPerChange);
+  const std::size_t capacity = current_.mask + 1;
+  if (old_.cells == nullptr && capacity > kLeastCapacity && size() * 8 < capacity) resize(capacity / 2);
+}
+
+void HandleIndex::clear() {
+  current_ = {};
+  old_ = {};
+}
+
+void HandleIndex::resize(std::size_t capacity) {
+  if (old_.cells != nullptr) migrate(old_.mask + 1 + old_.size);
+  old_ = std::exchange(current_, {});
+  current_.allocate(capacity);
+  migrateAt_ = 0;
+}
+
+void HandleIndex::migrate(std::size_t cells) {
+  if (old_.cells == nullptr) return;
+  for (; cells != 0 && old_.size != 0; --cells) {
+    const Cell cell = old_.cells[migrateAt_];
+    if (cell.handlePlusOne == 0) {
+      migrateAt_ = (migrateAt_ + 1) & old_.mask;
+    } else {
+      old_.eraseAt(migrateAt_);
+      current_.insert(cell);
+    }
+  }
+  if (old_.size == 0) old_ = {};
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,95 @@
+// Arrays that grow by pages: an element stays where it is, and growth costs one page.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "platform/Assert.h"
+
+namespace KilnEmServer {
+
+/// A vector without reallocation of its elements. An empty one holds no page.
+template <class T>
+class PagedArray {
+ public:
+  PagedArray() = default;
+  ~PagedArray() { clear(); }
+  PagedArray(const PagedArray&) = delete;
+  PagedArray& operator=(const PagedArray&) = delete;
+
+  [[nodiscard]] std::size_t size() const { return size_; }
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  [[nodiscard]] T& operator[](std::size_t at) { return *slot(at); }
+  [[nodiscard]] const T& operator[](std::size_t at) const { return *slot(at); }
+  [[nodiscard]] T& back() { return *slot(size_ - 1); }
+
+  template <class... Args>
+  T& emplace_back(Args&&... args) {
+    if (size_ == pages_.size() * kPerPage) pages_.push_back(std::make_unique_for_overwrite<Page>());
+    T* element = ::new (static_cast<void*>(slot(size_))) T{std::forward<Args>(args)...};
+    ++size_;
+    return *element;
+  }
+  void pop_back() {
+    KILN_ASSERT(size_ != 0);
+    slot(--size_)->~T();
+    // One page more than needed is kept, so that a size that swings about a page's end allocates nothing.
+    if (size_ == 0) {
+      pages_.clear();
+    } else if (size_ + 2 * kPerPage <= pages_.size() * kPerPage) {
+      pages_.pop_back();
+    }
+  }
+  void clear() {
+    while (size_ != 0) pop_back();
+  }
+
+ private:
+  static constexpr std::size_t kPerPage = 128;
+  struct Page {
+    alignas(T) std::byte bytes[kPerPage * sizeof(T)];
+  };
+  [[nodiscard]] T* slot(std::size_t at) const {
+    return reinterpret_cast<T*>(pages_[at / kPerPage]->bytes) + at % kPerPage;
+  }
+
+  std::vector<std::unique_ptr<Page>> pages_;
+  std::size_t size_ = 0;
+};
+
+/// A place for each handle: a map from handles to 32-bit numbers, with pages only where there are any.
+class PagedPlaces {
+ public:
+  static constexpr std::uint32_t kNone = ~std::uint32_t{0};
+
+  [[nodiscard]] std::uint32_t at(std::uint32_t handle) const {
+    const std::size_t page = handle / kPerPage;
+    if (page >= pages_.size() || pages_[page] == nullptr) return kNone;
+    return pages_[page][handle % kPerPage];
+  }
+  void is(std::uint32_t handle, std::uint32_t place) {
+    const std::size_t page = handle / kPerPage;
+    if (page >= pages_.size()) pages_.resize(page + 1);
+    if (pages_[page] == nullptr) addPage(page);
+    pages_[page][handle % kPerPage] = place;
+  }
+  /// The handle has a place.
+  void del(std::uint32_t handle) { pages_[handle / kPerPage][handle % kPerPage] = kNone; }
+  /// Forgets every handle and frees the pages.
+  void clear() { pages_.clear(); }
+
+ private:
+  static constexpr std::size_t kPerPage = 256;
+  void addPage(std::size_t page) {
+    pages_[page] = std::make_unique_for_overwrite<std::uint32_t[]>(kPerPage);
+    for (std::size_t i = 0; i < kPerPage; ++i) pages_[page][i] = kNone;
+  }
+
+  std::vector<std::unique_ptr<std::uint32_t[]>> pages_;
+};
+
+}  // namespace KilnEmServer
