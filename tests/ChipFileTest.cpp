@@ -1,13 +1,15 @@
 // The files in which the chip's tables live: what a killed process leaves, damage, files of others.
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -25,6 +27,7 @@
 namespace KilnTests {
 namespace {
 
+using KilnAgent::FileDescriptor;
 using Key = KilnTunnelNiLib::LemVpwsAcEntryKey;
 using Entry = KilnTunnelNiLib::LemVpwsAcEntry;
 using Entries = KilnAgent::MappedCollection<Key, Entry>;
@@ -77,30 +80,43 @@ Model modelAfter(std::uint32_t changes) {
   return model;
 }
 
-TEST(ChipFile, AProcessKilledAtAnyMomentLeavesEachEntryWhole) {
+TEST(ChipFile, AProcessKilledAfterAnyInstructionLeavesEachEntryWhole) {
+  constexpr std::uint32_t kBefore = 60;
+  constexpr std::uint32_t kAfter = 75;
   const TempDirectory directory;
-  void* shared = mmap(nullptr, sizeof(std::atomic<std::uint32_t>), PROT_READ | PROT_WRITE,
-                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  auto* done = new (shared) std::atomic<std::uint32_t>(0);
-  std::minstd_rand random(7);
-  for (int kill = 0; kill < 40; ++kill) {
-    const pid_t child = fork();
-    if (child == 0) {
-      Entries entries(directory / "table");
-      for (std::uint32_t n = *done;; ++n) {
-        Change(n).applyTo(entries);
-        *done = n + 1;
-      }
-    }
-    const std::uint32_t before = *done;
-    while (*done < before + 10) usleep(10);
-    usleep(static_cast<useconds_t>(random() % 500));
-    ::kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    const Model found = contentOf(Entries(directory / "table"));
-    ASSERT_TRUE(found == modelAfter(*done) || found == modelAfter(*done + 1)) << "after change " << *done;
+  const std::string path = directory / "table";
+  const std::string copy = directory / "copy";
+  const pid_t child = fork();
+  if (child == 0) {
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(1);
+    Entries entries(path);
+    for (std::uint32_t n = 0; n < kBefore; ++n) Change(n).applyTo(entries);
+    raise(SIGSTOP);
+    for (std::uint32_t n = kBefore; n < kAfter; ++n) Change(n).applyTo(entries);
+    _exit(0);
   }
-  munmap(shared, sizeof *done);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (!WIFSTOPPED(status)) GTEST_SKIP() << "processes may not be traced here";
+  ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_EXITKILL);
+  std::string seen = readWhole(path);
+  const FileDescriptor file(open(path.c_str(), O_RDONLY));
+  const void* now = mmap(nullptr, seen.size(), PROT_READ, MAP_SHARED, file.number(), 0);
+  std::uint32_t reached = kBefore;
+  std::size_t states = 0;
+  while (ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) == 0 && waitpid(child, &status, 0) == child &&
+         WIFSTOPPED(status)) {
+    if (std::memcmp(now, seen.data(), seen.size()) == 0) continue;
+    ++states;
+    seen.assign(static_cast<const char*>(now), seen.size());
+    writeFile(copy, seen);
+    const Model found = contentOf(Entries(copy));
+    if (found == modelAfter(reached)) continue;
+    ASSERT_EQ(modelAfter(++reached), found);
+  }
+  EXPECT_EQ(kAfter, reached);
+  EXPECT_GT(states, 3U * (kAfter - kBefore)) << "states between were looked at";
+  munmap(const_cast<void*>(now), seen.size());
 }
 
 TEST(ChipFile, HoldsWhatWasWrittenHoweverOftenItGrowsAndIsReopened) {

@@ -192,7 +192,7 @@ def check_hitless(agent, quiet_before):
         if touched and (quiet_before or table in QUIET_TABLES):
             raise Lost(f"{table}: {touched} entries were touched by the restart")
     report = agent.ask({"op": "show", "what": "reconcile"})["reconcile"]
-    if report["disturbed"] != 0 or report["state"] != "complete":
+    if report is None or report["disturbed"] != 0 or report["state"] != "complete":
         raise Lost(f"the restart was not hitless: {json.dumps(report)}")
 
 
