@@ -192,9 +192,11 @@ void Service::takeLines() {
   linesLeft_ = false;
   for (Client& client : clients_) {
     std::size_t taken = 0;
-    while (client.connection.keepsUp() && !linesLeft_) {
-      linesLeft_ = taken == kLinesPerTurn || anyWaiting();
-      if (linesLeft_) break;
+    while (client.connection.keepsUp()) {
+      if (taken == kLinesPerTurn || anyWaiting()) {
+        linesLeft_ = true;
+        break;
+      }
       const std::optional<LineConnection::Line> line = client.connection.takeLine();
       if (!line) break;
       takeLine(client, *line);
