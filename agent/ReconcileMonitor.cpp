@@ -333,8 +333,8 @@ void ReconcileMonitor::judgeEntries(ReconcileReport& report) const {
 
 /// The published status of a request that it answers finally.
 std::optional<StatusRecord> ReconcileMonitor::settledStatus(const RecordKey& recordKey) const {
-  const auto& [database, key] = recordKey;
-  return withDatabase(database, [&]<class Db>() -> std::optional<StatusRecord> {
+  const EmLogicalKey& key = std::get<EmLogicalKey>(recordKey);
+  return withDatabase(std::get<EmType>(recordKey), [&]<class Db>() -> std::optional<StatusRecord> {
     const auto requests = store_.requests<Db>(key.featureType);
     if (requests == nullptr) return std::nullopt;
     const auto requestKey = KilnEmServer::requestKeyAs<typename Db::EntryKey>(key);

@@ -70,8 +70,7 @@ class Decoder {
     } else if constexpr (KilnPlatform::UnionValue<T>) {
       const auto tag = number<std::uint8_t>();
       if (tag > T::kAlternatives) throw std::range_error("an unknown alternative");
-      value =
-          T::make(static_cast<typename T::Tag>(tag), [this](auto& alternative) { this->take(alternative); });
+      value = T::make(static_cast<typename T::Tag>(tag), [&](auto& alternative) { this->take(alternative); });
     } else if constexpr (std::is_same_v<T, std::string>) {
       value = std::string(bytes(number<std::uint32_t>()));
     } else {

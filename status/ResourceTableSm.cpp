@@ -43,15 +43,12 @@ ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEn
 
 std::optional<EmStatus> ResourceTableSm::Counted::exchange(const EmLogicalKey& key,
                                                            std::optional<EmStatus> status) {
+  const std::optional<EmStatus> was = statuses_.get(key);
   if (status) {
-    const auto [at, inserted] = statuses_.try_emplace(key, *status);
-    if (inserted) return std::nullopt;
-    return std::exchange(at->second, *status);
+    statuses_.is(key, *status);
+  } else {
+    statuses_.del(key);
   }
-  const auto at = statuses_.find(key);
-  if (at == statuses_.end()) return std::nullopt;
-  const EmStatus was = at->second;
-  statuses_.erase(at);
   return was;
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -48,10 +47,10 @@ class ResourceTableSm final : public Stage {
     /// Files a key under another status, or under none; returns what it was filed under before.
     std::optional<EmStatus> exchange(const EmLogicalKey& key, std::optional<EmStatus> status);
     [[nodiscard]] std::size_t size() const override { return statuses_.size(); }
-    void clear() override { statuses_.clear(); }
+    void clear() override { statuses_.delAll(); }
 
    private:
-    boost::unordered_flat_map<EmLogicalKey, EmStatus, KilnPlatform::ValueHash<EmLogicalKey>> statuses_;
+    Collection<EmLogicalKey, EmStatus> statuses_;
   };
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);

@@ -1,0 +1,107 @@
+// Keys by handle: the index under collisions, growth and shrinking, and handles that several holders share.
+#include "runtime/KeySpace.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+
+#include "runtime/Collection.h"
+#include "runtime/PendingKeys.h"
+
+namespace KilnTest {
+namespace {
+
+using KilnEmServer::Collection;
+using KilnEmServer::HandleIndex;
+using KilnEmServer::KeySpace;
+using KilnEmServer::PendingKeys;
+
+// Hashes that collide, lie beside each other and wrap around the table's end, while the number of entries
+// goes up and down, so that most changes fall into a migration.
+TEST(HandleIndex, AgreesWithAModelWhileItIsResized) {
+  for (unsigned seed = 0; seed < 8; ++seed) {
+    std::mt19937 random(seed);
+    HandleIndex index;
+    std::map<std::uint32_t, std::uint32_t> hashOf;  // by handle
+    const auto found = [&](std::uint32_t handle, std::uint32_t hash) {
+      return index.find(hash, [&](std::uint32_t other) { return other == handle; });
+    };
+    for (unsigned step = 0; step < 12000; ++step) {
+      const auto handle = static_cast<std::uint32_t>(random() % 4000);
+      const bool growing = step / 3000 % 2 == 0;
+      if (const auto at = hashOf.find(handle); at == hashOf.end()) {
+        if (!growing && random() % 8 != 0) continue;
+        const auto hash =
+            static_cast<std::uint32_t>(random() % 3 == 0 ? random() : 0U - random() % (1U + seed * 30));
+        hashOf.emplace(handle, hash);
+        index.insert(hash, handle);
+      } else if (!growing || random() % 8 == 0) {
+        index.erase(at->second, handle);
+        ASSERT_EQ(found(handle, at->second), HandleIndex::kNone);
+        hashOf.erase(at);
+      }
+      ASSERT_EQ(index.size(), hashOf.size());
+      if (step % 1000 != 0) continue;
+      for (const auto& [each, hash] : hashOf) ASSERT_EQ(found(each, hash), each) << "seed " << seed;
+    }
+  }
+}
+
+// A key belongs to whoever holds it: it goes with the last holder, and with nothing held the space is empty.
+TEST(KeySpace, ForgetsAKeyWithItsLastHolder) {
+  KeySpace<std::string>& space = KeySpace<std::string>::instance();
+  const std::size_t before = space.size();
+  auto first = std::make_unique<Collection<std::string, int>>();
+  Collection<std::string, int> second;
+  PendingKeys<std::string> pending;
+  const auto nameOf = [](int number) {
+    return "a key that is long enough to lie on the heap " + std::to_string(number);
+  };
+  std::mt19937 random(1);
+  std::set<std::string> inFirst;
+  std::set<std::string> inSecond;
+  std::set<std::string> waiting;
+  for (unsigned step = 0; step < 20000; ++step) {
+    const std::string key = nameOf(static_cast<int>(random() % 300));
+    switch (random() % 6) {
+      case 0:
+        ASSERT_EQ(first->is(key, 1), inFirst.insert(key).second);
+        break;
+      case 1:
+        ASSERT_EQ(first->del(key), inFirst.erase(key) != 0);
+        break;
+      case 2:
+        ASSERT_EQ(second.is(key, 1), inSecond.insert(key).second);
+        break;
+      case 3:
+        ASSERT_EQ(second.del(key), inSecond.erase(key) != 0);
+        break;
+      case 4:
+        ASSERT_EQ(pending.add(key, step), waiting.insert(key).second);
+        break;
+      default:
+        if (!pending.empty()) {
+          ASSERT_EQ(waiting.erase(pending.pop()), 1U);
+        }
+    }
+    ASSERT_EQ(second.has(key), inSecond.contains(key));
+    if (step % 100 != 0) continue;
+    std::set<std::string> held = inFirst;
+    held.insert(inSecond.begin(), inSecond.end());
+    held.insert(waiting.begin(), waiting.end());
+#ifdef KILN_ORDERED_COLLECTIONS
+    held = waiting;  // the other implementation keeps its keys itself
+#endif
+    ASSERT_EQ(space.size(), before + held.size());
+  }
+  first.reset();
+  second.delAll();
+  pending.clear();
+  EXPECT_EQ(space.size(), before);
+}
+
+}  // namespace
+}  // namespace KilnTest
