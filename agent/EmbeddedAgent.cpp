@@ -91,9 +91,10 @@ void EmbeddedAgent::restart() {
   createServer();
 }
 
-void EmbeddedAgent::crash() {
+void EmbeddedAgent::crash(bool lost) {
   scheduler_->forgetAll();
   store_->forgetServer();
+  if (lost) store_->revert();
   chip_->serverDied();
   vlanDomains_->forgetServer();
   forgetSubscribers(externalUsers_->user());

@@ -107,7 +107,8 @@ class EmbeddedAgent {
   /// Destroys the server and creates it again over the same store and chip.
   void restart();
   /// As restart, but as if the process had died: nothing that the server would do at its end takes effect.
-  void crash();
+  /// With `lost`, the store's changes since its last commit are gone as well.
+  void crash(bool lost = false);
 
  private:
   void createServer();

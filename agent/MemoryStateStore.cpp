@@ -1,5 +1,7 @@
 #include "agent/MemoryStateStore.h"
 
+#include <set>
+
 namespace KilnAgent {
 
 using KilnEmServer::FeatureType;
@@ -30,6 +32,7 @@ void MemoryStateStore::Records<Db>::forgetServer() {
 MemoryStateStore::MemoryStateStore(Ref<KilnPlatform::TaskScheduler> scheduler)
     : scheduler_(std::move(scheduler)), features_(makeCollection<FeatureType, KilnPlatform::Unit>()) {
   KilnPlatform::forEachEnumValue<FeatureType>([this](FeatureType feature) { addFeature(feature); });
+  commit();
 }
 
 MemoryStateStore::~MemoryStateStore() = default;
@@ -69,6 +72,59 @@ void MemoryStateStore::removeFeature(FeatureType feature) {
   for (StoreObserver* observer : observers_) observer->handleFeatureChange(feature, false);
   records_.erase(feature);
   features_->del(feature);
+}
+
+namespace {
+
+template <class Collection>
+auto rowsOf(const Collection& collection) {
+  std::vector<std::pair<typename Collection::Key, typename Collection::Value>> rows;
+  rows.reserve(collection.size());
+  KilnPlatform::forEachIn(collection,
+                          [&](const auto& key, const auto& value) { rows.emplace_back(key, value); });
+  return rows;
+}
+
+/// Makes the rows the collection's content; what stands already is not touched.
+template <class Collection, class Rows>
+void contentIs(Collection& collection, const Rows& rows) {
+  std::set<typename Collection::Key> wanted;
+  for (const auto& [key, value] : rows) wanted.insert(key);
+  for (const auto& [key, value] : rowsOf(collection)) {
+    if (!wanted.contains(key)) collection.del(key);
+  }
+  for (const auto& [key, value] : rows) collection.is(key, value);
+}
+
+}  // namespace
+
+void MemoryStateStore::commit() {
+  saved_.clear();
+  for (const auto& [feature, records] : records_) {
+    const auto save = [](const auto& from, auto& to) {
+      to = {rowsOf(from.config->config()), rowsOf(from.status->status())};
+    };
+    SavedFeature& saved = saved_[feature];
+    save(records->lem, saved.lem);
+    save(records->isem, saved.isem);
+    save(records->esem, saved.esem);
+  }
+}
+
+void MemoryStateStore::revert() {
+  KilnPlatform::forEachEnumValue<FeatureType>([this](FeatureType feature) {
+    const auto saved = saved_.find(feature);
+    if (saved == saved_.end()) return removeFeature(feature);
+    addFeature(feature);
+    const auto restore = [](const auto& from, const auto& to) {
+      contentIs(to.config->config(), from.requests);
+      contentIs(to.status->status(), from.statuses);
+    };
+    const Feature& records = *records_.at(feature);
+    restore(saved->second.lem, records.lem);
+    restore(saved->second.isem, records.isem);
+    restore(saved->second.esem, records.esem);
+  });
 }
 
 void MemoryStateStore::forgetServer() {

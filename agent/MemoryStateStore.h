@@ -121,6 +121,12 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   void observerIs(StoreObserver& observer) { observers_.push_back(&observer); }
   void observerDel(StoreObserver& observer) { std::erase(observers_, &observer); }
 
+  /// Notes what the store holds now.
+  void commit();
+  /// Goes back to what was noted last, or to what the store held at first. The observer is told of each
+  /// record that changes. No server may be subscribed.
+  void revert();
+
   /// Forgets every subscriber but the store's own, as if the server's process had died.
   void forgetServer();
 
@@ -169,6 +175,19 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     Records<KilnTunnelNiLib::Esem> esem;
   };
 
+  /// What one record collection held.
+  template <class Db>
+  struct Saved {
+    std::vector<std::pair<typename Db::EntryKey, Request<Db>>> requests;
+    std::vector<std::pair<typename Db::EntryKey, KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>>>
+        statuses;
+  };
+  struct SavedFeature {
+    Saved<KilnTunnelNiLib::Lem> lem;
+    Saved<KilnTunnelNiLib::Isem> isem;
+    Saved<KilnTunnelNiLib::Esem> esem;
+  };
+
   template <class Db>
   const Records<Db>* recordsOf(KilnEmServer::FeatureType feature) const {
     const auto found = records_.find(feature);
@@ -186,6 +205,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   std::vector<StoreObserver*> observers_;
   std::map<KilnEmServer::FeatureType, std::unique_ptr<Feature>> records_;
   std::unique_ptr<Features> features_;
+  std::map<KilnEmServer::FeatureType, SavedFeature> saved_;
 };
 
 }  // namespace KilnAgent

@@ -160,9 +160,11 @@ Operation readShare(const Line& line) {
 
 Operation readTable(const Line& line) {
   using Mode = SoftTable::AnswerMode;
-  line.onlyHas({"op", "table", "answer", "capacity"});
-  TableOperation operation{tableOf(line), std::nullopt, line.optionalNumber<std::uint32_t>("capacity")};
-  if (operation.capacity && line.find("answer") == nullptr) return operation;
+  line.onlyHas({"op", "table", "answer", "capacity", "insideCall"});
+  TableOperation operation{tableOf(line), std::nullopt, line.optionalNumber<std::uint32_t>("capacity"),
+                           std::nullopt};
+  if (line.find("insideCall") != nullptr) operation.insideCall = line.flag("insideCall");
+  if ((operation.capacity || operation.insideCall) && line.find("answer") == nullptr) return operation;
   operation.answer =
       line.word<Mode>("answer", {{"success", Mode::success}, {"refuse", Mode::refuse}, {"hold", Mode::hold}});
   return operation;
@@ -170,11 +172,11 @@ Operation readTable(const Line& line) {
 
 Operation readAnswer(const Line& line) {
   using Order = SoftTable::Order;
-  line.onlyHas({"op", "table", "order", "count"});
+  line.onlyHas({"op", "table", "order", "count", "now"});
   const Order order = line.find("order") == nullptr
                           ? Order::fifo
                           : line.word<Order>("order", {{"fifo", Order::fifo}, {"lifo", Order::lifo}});
-  return AnswerOperation{tableOf(line), order, line.number<std::size_t>("count")};
+  return AnswerOperation{tableOf(line), order, line.number<std::size_t>("count"), line.flag("now")};
 }
 
 Hardware::Kiln::FapId fapIdOf(const Line& line) {
@@ -218,6 +220,16 @@ Operation readRemoveFap(const Line& line) {
 Operation readProfile(const Line& line) {
   line.onlyHas({"op", "fapId", "profile"});
   return ProfileOperation{fapIdOf(line), line.optionalNumber<std::uint32_t>("profile")};
+}
+
+Operation readRun(const Line& line) {
+  line.onlyHas({"op", "tasks"});
+  return RunOperation{line.number<std::size_t>("tasks")};
+}
+
+Operation readCrash(const Line& line) {
+  line.onlyHas({"op", "lost"});
+  return CrashOperation{line.flag("lost")};
 }
 
 template <class Empty>
@@ -278,8 +290,10 @@ constexpr std::array kReaders = {
     Reader{"removeFap", readRemoveFap},
     Reader{"profile", readProfile},
     Reader{"settle", readEmpty<SettleOperation>},
+    Reader{"run", readRun},
     Reader{"restart", readEmpty<RestartOperation>},
-    Reader{"crash", readEmpty<CrashOperation>},
+    Reader{"commit", readEmpty<CommitOperation>},
+    Reader{"crash", readCrash},
     Reader{"expect", readExpect},
     Reader{"expectTable", readExpectTable},
 };

@@ -75,12 +75,14 @@ struct TableOperation {
   TableTag table;
   std::optional<SoftTable::AnswerMode> answer;
   std::optional<std::uint32_t> capacity;
+  std::optional<bool> insideCall;  ///< whether operations are answered within the call that issues them
 };
 /// Held answers go.
 struct AnswerOperation {
   TableTag table;
   SoftTable::Order order;
   std::size_t count;
+  bool now;  ///< goes without settling first
 };
 /// An external user of the tables holds this much from now on; one that holds nothing is removed.
 struct ExternalUserOperation {
@@ -99,8 +101,16 @@ struct ProfileOperation {
   std::optional<std::uint32_t> profile;
 };
 struct SettleOperation {};
+/// Runs tasks, so many of them or until none is ready.
+struct RunOperation {
+  std::size_t tasks;
+};
 struct RestartOperation {};
-struct CrashOperation {};
+/// What the store holds now outlives every crash.
+struct CommitOperation {};
+struct CrashOperation {
+  bool lost;  ///< the store's changes since the last commit are lost
+};
 /// What a request's status record is to say; what is not given may be anything.
 struct ExpectOperation {
   FeatureType feature;
@@ -124,8 +134,8 @@ using Operation =
     std::variant<PublishOperation, WithdrawOperation, WithdrawAllOperation, RemoveFeatureOperation,
                  AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation,
                  TableOperation, AnswerOperation, ExternalUserOperation, AddFapOperation, RemoveFapOperation,
-                 ProfileOperation, SettleOperation, RestartOperation, CrashOperation, ExpectOperation,
-                 ExpectTableOperation>;
+                 ProfileOperation, SettleOperation, RunOperation, RestartOperation, CommitOperation,
+                 CrashOperation, ExpectOperation, ExpectTableOperation>;
 
 /// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its
@@ -137,5 +147,8 @@ Operation parseOperation(std::string_view line);
 /// The JSON of a line, which is an object. Throws InputError where it is none.
 Json parseLine(std::string_view line);
 Operation readOperation(const Json& line);
+
+/// The line, without its end, from which parseOperation reads the same operation.
+std::string operationLine(const Operation& operation);
 
 }  // namespace KilnAgent

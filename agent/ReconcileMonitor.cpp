@@ -194,7 +194,7 @@ void ReconcileMonitor::watchAll(bool on) {
   for (const auto& [feature, watches] : features_) watchFeature(feature, on);
   std::size_t number = 0;
   chip_.forEachTable([&](SoftTable& table) {
-    table.watcherIs(on ? tables_[number].get() : nullptr);
+    table.watcherIs(*tables_[number], on);
     ++number;
   });
   watch<Interface, KilnPlatform::Unit>(asked_.config(), on ? askedWatch_.get() : nullptr);

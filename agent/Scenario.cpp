@@ -18,7 +18,8 @@ constexpr std::size_t kMostInterleavedTasks = 7;
 template <class T>
 constexpr bool kEndsBatch = std::is_same_v<T, SettleOperation> || std::is_same_v<T, RestartOperation> ||
                             std::is_same_v<T, CrashOperation> || std::is_same_v<T, AnswerOperation> ||
-                            std::is_same_v<T, ExpectOperation> || std::is_same_v<T, ExpectTableOperation>;
+                            std::is_same_v<T, CommitOperation> || std::is_same_v<T, ExpectOperation> ||
+                            std::is_same_v<T, ExpectTableOperation>;
 
 std::string requestName(FeatureType feature, EmType database, const EmRequestKey& key) {
   return fmt::format("{} {} {}", feature, database, keyToJson(key, &EmRequestKey::emComposerKey).dump());
@@ -191,11 +192,12 @@ void Scenario::apply(const ShareOperation& share) {
 void Scenario::apply(const TableOperation& operation) {
   SoftTable& table = agent_.chip().table(operation.table);
   if (operation.capacity) table.capacityIs(*operation.capacity);
+  if (operation.insideCall) table.answerInsideCallIs(*operation.insideCall);
   if (operation.answer) table.answerModeIs(*operation.answer);
 }
 
 void Scenario::apply(const AnswerOperation& answer) {
-  settle();  // what was published is to have reached the table
+  if (!answer.now) settle();  // what was published is to have reached the table
   agent_.chip().table(answer.table).answer(answer.order, answer.count);
 }
 
@@ -239,11 +241,18 @@ void Scenario::apply(const ProfileOperation& profile) {
 void Scenario::apply(const SettleOperation& /*settle*/) {
   settle();
 }
+void Scenario::apply(const RunOperation& run) {
+  interleave_ = false;
+  agent_.scheduler().run(run.tasks);
+}
 void Scenario::apply(const RestartOperation& /*restart*/) {
   agent_.restart();
 }
-void Scenario::apply(const CrashOperation& /*crash*/) {
-  agent_.crash();
+void Scenario::apply(const CommitOperation& /*commit*/) {
+  agent_.store().commit();
+}
+void Scenario::apply(const CrashOperation& crash) {
+  agent_.crash(crash.lost);
 }
 
 void Scenario::apply(const ExpectOperation& expect) {

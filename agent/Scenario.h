@@ -35,7 +35,7 @@ class Scenario {
   using Progress = std::function<void(const ScenarioCounters&)>;
 
   /// With `interleave`, a number of tasks drawn from `seed` runs between two operations that would else be
-  /// applied back to back.
+  /// applied back to back, until a scenario says itself by a RunOperation how many are to run.
   Scenario(EmbeddedAgent& agent, bool interleave, std::uint64_t seed, Say say, Progress progress = {});
 
   /// Called with the report of each restart that ended, or that another one interrupted.
@@ -73,7 +73,9 @@ class Scenario {
   void apply(const RemoveFapOperation& remove);
   void apply(const ProfileOperation& profile);
   void apply(const SettleOperation& settle);
+  void apply(const RunOperation& run);
   void apply(const RestartOperation& restart);
+  void apply(const CommitOperation& commit);
   void apply(const CrashOperation& crash);
   void apply(const ExpectOperation& expect);
   void apply(const ExpectTableOperation& expect);

@@ -47,7 +47,12 @@ SoftTable::SoftTable(const Setting& setting)
 
 void SoftTable::noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation) {
   ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);
-  if (watcher_ != nullptr) watcher_->handleOperation(key, operation);
+  for (TableWatcher* watcher : watchers_) watcher->handleOperation(key, operation);
+}
+
+void SoftTable::watcherIs(TableWatcher& watcher, bool on) {
+  std::erase(watchers_, &watcher);
+  if (on) watchers_.push_back(&watcher);
 }
 
 void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {

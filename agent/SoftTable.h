@@ -48,6 +48,10 @@ class TableWatcher {
   /// The hardware is about to write or remove the entry under a key; `before` is null where it has none.
   virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation operation,
                                     const KilnEmServer::EmEntry* before) = 0;
+  /// A write ended like this; its answer comes later.
+  virtual void handleWritten(const KilnEmServer::EmResolvedKey& /*key*/,
+                             const KilnEmServer::EmEntry& /*entry*/,
+                             Asic::SwTableBase::EntryState /*outcome*/) {}
 
  protected:
   ~TableWatcher() = default;
@@ -116,8 +120,8 @@ class SoftTable {
   void capacityIs(std::uint32_t entries) { capacity_ = entries; }
   [[nodiscard]] const HardwareCounters& counters() const { return counters_; }
   [[nodiscard]] const OperationCounters& operations() const { return operations_; }
-  /// Names the one watcher, which must outlive the table or be replaced; null for none.
-  void watcherIs(TableWatcher* watcher) { watcher_ = watcher; }
+  /// Adds a watcher, once, or takes it out again, which it must be before it goes.
+  void watcherIs(TableWatcher& watcher, bool on);
 
   [[nodiscard]] AnswerMode answerMode() const { return mode_; }
   /// Leaving `hold` lets every held answer go, in the order of the operations.
@@ -126,7 +130,7 @@ class SoftTable {
   /// task, in just that order.
   void answer(Order order, std::size_t count);
   [[nodiscard]] std::size_t held() const { return held_.size(); }
-  /// For tests: answers operations within the call that issued them, unless they are held.
+  /// Whether operations are answered within the call that issues them, unless they are held.
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
 
   /// Entries that the table holds.
@@ -152,7 +156,7 @@ class SoftTable {
   void deliver(EntryState outcome, ResponseHandler handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
   void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
-  [[nodiscard]] TableWatcher* watcher() const { return watcher_; }
+  [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
   /// Whether there is room for one more entry of this table's key type.
   [[nodiscard]] bool hasRoomFor(KilnEmServer::EmResolvedKeyUnionTag tag) const {
     return fill() < capacity_ && room_.hasRoom(tag);
@@ -178,7 +182,7 @@ class SoftTable {
   std::string_view stem_;
   std::uint32_t capacity_;
   OperationCounters operations_;
-  TableWatcher* watcher_ = nullptr;
+  std::vector<TableWatcher*> watchers_;
   std::mt19937_64* random_;
   PendingHwWrites& pending_;
   MdbRoom& room_;
@@ -215,7 +219,9 @@ class SoftSwTable final : public SwTable, public SoftTable {
                                      const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                      ResponseHandler handler) override {
     noteOperation(key, TableWatcher::Operation::write);
-    deliver(write(key, entry), std::move(handler));
+    const EntryState outcome = write(key, entry);
+    for (TableWatcher* watcher : watchers()) watcher->handleWritten(key, entry, outcome);
+    deliver(outcome, std::move(handler));
   }
   void entryRemoveWithResponseHandler(const Key& key,
                                       const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
@@ -271,9 +277,11 @@ class SoftSwTable final : public SwTable, public SoftTable {
     ++counters_.removed;
   }
   void noteChange(const Key& key, TableWatcher::Operation operation, const TableEntry* before) {
-    if (watcher() == nullptr) return;
+    if (watchers().empty()) return;
     const auto entry = before == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*before);
-    watcher()->handleUpcomingChange(key, operation, entry ? &*entry : nullptr);
+    for (TableWatcher* watcher : watchers()) {
+      watcher->handleUpcomingChange(key, operation, entry ? &*entry : nullptr);
+    }
   }
 
   void unclaimAll() final {

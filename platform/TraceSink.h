@@ -24,6 +24,9 @@ struct TraceRecord {
 class TraceSink {
  public:
   virtual ~TraceSink() = default;
+  /// Asked before a message is put together: whether write() is to be called for it. A sink that only counts
+  /// says no, and costs no formatting.
+  virtual bool wants(const TraceDescriptor& /*descriptor*/) { return true; }
   virtual void write(const TraceRecord& record) = 0;
 };
 

@@ -32,9 +32,13 @@ Tracer::~Tracer() {
 
 void Tracer::write(const TraceDescriptor& descriptor, fmt::format_args args) const {
   fmt::memory_buffer buffer;
-  fmt::vformat_to(std::back_inserter(buffer), {descriptor.text.data(), descriptor.text.size()}, args);
-  const TraceRecord record{descriptor, stage_, {buffer.data(), buffer.size()}};
-  for (const auto& sink : TraceFacility::instance().sinks_) sink->write(record);
+  for (const auto& sink : TraceFacility::instance().sinks_) {
+    if (!sink->wants(descriptor)) continue;
+    if (buffer.size() == 0) {
+      fmt::vformat_to(std::back_inserter(buffer), {descriptor.text.data(), descriptor.text.size()}, args);
+    }
+    sink->write({descriptor, stage_, {buffer.data(), buffer.size()}});
+  }
 }
 
 TraceFacility& TraceFacility::instance() {

@@ -14,10 +14,9 @@
 #include "agent/InputError.h"
 #include "agent/Scenario.h"
 #include "server/KilnEmServerSm.h"
+#include "sim/CapacityCount.h"
 #include "status/SemCapacitySm.h"
-#include "tests/CapacityCount.h"
 #include "tests/Golden.h"
-#include "tests/RandomRun.h"
 #include "tests/TestSupport.h"
 
 namespace KilnTest {
@@ -27,7 +26,6 @@ using KilnAgent::makeCollection;
 using KilnMdb::ProfileCapabilities;
 using KilnPlatform::TableCapacityEntry;
 using KilnPlatform::TableCapacityKey;
-using KilnTests::capacityDifference;
 using Tag = EmResolvedKeyUnionTag;
 
 class ManualClock final : public Clock {
@@ -423,67 +421,6 @@ KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
   return chip;
 }
 
-KilnAgent::Operation drawHardware(std::mt19937& random) {
-  const FapId fap(below(random, 4));
-  switch (below(random, 5)) {
-    case 0:
-      return KilnAgent::RemoveFapOperation{fap};
-    case 1:
-      return KilnAgent::AddFapOperation{{fap,
-                                         {fmt::format("Fap{}", fap.number()),
-                                          static_cast<Hardware::Kiln::FapType>(3 + below(random, 3)),
-                                          {LocalCoreId(0), LocalCoreId(below(random, 2) + 1)}},
-                                         1}};
-    case 2:
-      return KilnAgent::ProfileOperation{
-          fap, below(random, 3) == 0 ? std::nullopt : std::optional(1 + below(random, 2))};
-    default: {
-      KilnAgent::ExternalUserOperation external{fmt::format("user{}", below(random, 2)), {}};
-      for (std::uint32_t i = below(random, 4); i != 0; --i) {
-        external.user.usage.push_back({FapId(below(random, 4)), LocalCoreId(below(random, 3)),
-                                       static_cast<std::uint8_t>(below(random, 4)), below(random, 30)});
-      }
-      return external;
-    }
-  }
-}
-
-/// Runs one seed; says what is wrong.
-std::string runRandom(std::uint64_t seed, std::size_t& compared) {
-  KilnTests::RunSetting setting = KilnTests::settingOf(seed);
-  setting.domainsAutomatic = false;  // its operations allot domains by hand
-  KilnAgent::AgentOptions options;
-  options.chip = threeTypes();
-  if (setting.shuffled) options.seed = seed;
-  options.yieldEvery = setting.yieldEvery;
-  EmbeddedAgent agent(options);
-  Scenario scenario(agent, false, seed, {});
-  std::mt19937 random(static_cast<std::uint32_t>(seed));
-  for (const KilnTests::Step& step : KilnTests::drawSteps(setting)) {
-    if (below(random, 4) == 0) {
-      try {
-        scenario.execute(drawHardware(random));
-      } catch (const KilnAgent::InputError&) {  // the FAP is there already, or is not
-      }
-    }
-    scenario.execute(step.operation);
-    agent.scheduler().run(step.slicesAfter);
-    if (!std::holds_alternative<KilnAgent::SettleOperation>(step.operation)) continue;
-    agent.settle();
-    ++compared;
-    if (std::string wrong = capacityDifference(agent); !wrong.empty()) return wrong;
-  }
-  return "";
-}
-
-TEST(CapacityOfTheServer, EqualsTheCountFromTheTablesWheneverItIsQuiet) {
-  std::size_t compared = 0;
-  for (std::uint64_t seed = 1; seed <= 60; ++seed) {
-    ASSERT_EQ("", runRandom(seed, compared)) << "seed " << seed;
-  }
-  EXPECT_GT(compared, 300U);
-}
-
 std::string mpls(std::uint32_t label, const char* op = "publish") {
   const bool publish = std::string_view(op) == "publish";
   return fmt::format(
@@ -541,7 +478,7 @@ TEST(CapacityOfTheServer, WhatATableDropsAfterARestartIsNotCounted) {
     crash ? server.agent.crash() : server.agent.restart();
     server.scenario.settle();
     EXPECT_EQ(2, server.tableOf("ISEM1").at("used"));
-    EXPECT_EQ("", capacityDifference(server.agent));
+    EXPECT_EQ("", KilnSim::capacityDifference(server.agent));
   }
 }
 
@@ -552,7 +489,7 @@ TEST(CapacityOfTheServer, AFapThatWentWhileTheServerWasDownHasNoRows) {
   server.agent.restart();
   server.scenario.settle();
   EXPECT_TRUE(server.tableOf("ESEM").is_null());
-  EXPECT_EQ("", capacityDifference(server.agent));
+  EXPECT_EQ("", KilnSim::capacityDifference(server.agent));
 }
 
 TEST(CapacityOfTheServer, AProfileThatIsDescribedAnewChangesTheMaxima) {

@@ -12,9 +12,8 @@
 
 #include "agent/EmbeddedAgent.h"
 #include "agent/Scenario.h"
-#include "tests/CapacityCount.h"
+#include "sim/CapacityCount.h"
 #include "tests/Golden.h"
-#include "tests/RandomRun.h"
 
 namespace KilnTests {
 namespace {
@@ -56,7 +55,7 @@ std::string runExample(const std::string& text, const std::string& name, const O
   scenario.settle();
   EXPECT_EQ(0U, scenario.counters().failedExpects) << said;
   EXPECT_GT(scenario.counters().expects, 0U) << name << " expects nothing";
-  EXPECT_EQ("", capacityDifference(agent));
+  EXPECT_EQ("", KilnSim::capacityDifference(agent));
   return dumpWithoutHardware(agent);
 }
 

@@ -1,4 +1,4 @@
-// Files under tests/golden that hold what is expected.
+// Files under tests/golden that hold what is expected, and the dump as it is compared.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,9 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+
+#include "agent/Dump.h"
+#include "agent/EmbeddedAgent.h"
 
 namespace KilnTests {
 
@@ -27,6 +30,16 @@ inline void expectGolden(const std::string& name, const std::string& actual) {
   }
   EXPECT_EQ(readWhole(path), actual) << "Where the change is meant, write " << path
                                      << " anew by running this test with KILN_UPDATE_GOLDEN=1 and commit it.";
+}
+
+/// The dump without the row that tells how often the hardware was written.
+inline std::string dumpWithoutHardware(const KilnAgent::EmbeddedAgent& agent) {
+  std::istringstream lines(KilnAgent::dumpText(agent));
+  std::string dump;
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("\"hardware\":")) dump += line + "\n";
+  }
+  return dump;
 }
 
 }  // namespace KilnTests

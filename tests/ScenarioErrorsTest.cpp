@@ -14,11 +14,13 @@
 #include "agent/EmbeddedAgent.h"
 #include "agent/InputError.h"
 #include "agent/Scenario.h"
+#include "sim/Recompute.h"
 #include "tests/Golden.h"
-#include "tests/Recompute.h"
 
 namespace KilnTests {
 namespace {
+
+using namespace KilnSim;
 
 const std::string kGood =
     R"({"op":"publish","feature":"mpls","database":"isem","requestVersion":1,)"

@@ -1,4 +1,4 @@
-#include "tests/CapacityCount.h"
+#include "sim/CapacityCount.h"
 
 #include <fmt/format.h>
 
@@ -11,7 +11,7 @@
 
 #include "agent/Dump.h"
 
-namespace KilnTests {
+namespace KilnSim {
 namespace {
 
 using Tag = KilnEmServer::EmResolvedKeyUnionTag;
@@ -90,16 +90,22 @@ void addCore(Rows& rows, const KilnAgent::EmbeddedAgent& agent, Hardware::Kiln::
 
 }  // namespace
 
-std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent) {
+std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent, bool ofDump) {
   Rows expected;
   KilnPlatform::forEachIn(agent.chip().chipStatus()->fap(), [&](const auto& fapId, const auto& fap) {
     for (const auto core : fap.cores) addCore(expected, agent, fapId, fap, core);
   });
   Rows found;
-  const auto dump = nlohmann::json::parse(KilnAgent::dumpText(agent));
-  for (const auto& row : dump.at("capacity")) {
-    found[{row.at("table"), row.at("feature"), row.at("agent"), row.at("chip")}] = {
-        row.at("used"), row.at("free"), row.at("maxLimit")};
+  if (ofDump) {
+    const auto dump = nlohmann::json::parse(KilnAgent::dumpText(agent));
+    for (const auto& row : dump.at("capacity")) {
+      found[{row.at("table"), row.at("feature"), row.at("agent"), row.at("chip")}] = {
+          row.at("used"), row.at("free"), row.at("maxLimit")};
+    }
+  } else {
+    KilnPlatform::forEachIn(agent.capacity().entry(), [&](const auto& key, const auto& entry) {
+      found[{key.table, key.feature, key.agent, key.chip}] = {entry.used, entry.free, entry.maxLimit};
+    });
   }
   std::string wrong;
   const auto list = [&](const char* what, const Rows& rows, const Rows& others) {
@@ -116,4 +122,4 @@ std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent) {
   return wrong;
 }
 
-}  // namespace KilnTests
+}  // namespace KilnSim

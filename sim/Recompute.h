@@ -14,8 +14,9 @@
 #include "agent/EmbeddedAgent.h"
 #include "platform/KilnTunnelNiLib.h"
 #include "runtime/EmTypes.h"
+#include "status/ResourceTableSm.h"
 
-namespace KilnTests {
+namespace KilnSim {
 
 using KilnEmServer::EmEntry;
 using KilnEmServer::EmRequestKey;
@@ -46,19 +47,32 @@ struct StatusSeen {
 struct Wanted {
   std::map<RequestPlace, Request> requests;
   std::map<IntfIdSystemTcamId, std::uint16_t> domains;
-  /// Whether the chip refused the write of that key; that is the chip's affair, not to be computed.
-  std::function<bool(const EmResolvedKey&)> refused = [](const EmResolvedKey&) { return false; };
+  /// Whether the chip refused that write; that is the chip's affair, not to be computed.
+  std::function<bool(const EmResolvedKey&, const EmEntry&)> refused = [](const EmResolvedKey&,
+                                                                         const EmEntry&) { return false; };
 };
+
+using KilnEmServer::ResourceCounts;
 
 /// What everybody outside the server can see of it.
 struct Outcome {
   std::map<RequestPlace, StatusSeen> statuses;
   std::map<EmResolvedKey, EmEntry> tables;
   std::set<IntfIdSystemTcamId> domainsAsked;
+  std::map<TableTag, ResourceCounts> resources;
 };
 
 /// Whether keys of the type need a VLAN domain.
 bool needsDomain(TableTag type);
+
+/// What the key becomes in its table; nothing where it fits no table or needs a domain and has none.
+std::optional<EmResolvedKey> composed(const KilnEmServer::EmComposerKey& key,
+                                      std::optional<std::uint16_t> domain);
+/// The interface whose VLAN domain the key needs, if it needs one.
+std::optional<IntfIdSystemTcamId> interfaceOf(const KilnEmServer::EmComposerKey& key);
+/// Whether the server has a part in the request at all: its kind is to be programmed, it stands in the
+/// database of its key type, and its chip and core are both all or both specific.
+bool takenUp(const RequestPlace& place, const Request& request);
 
 Wanted wantedOf(const KilnAgent::EmbeddedAgent& agent);
 Outcome recompute(const Wanted& wanted);
@@ -66,4 +80,4 @@ Outcome outcomeOf(KilnAgent::EmbeddedAgent& agent);
 /// The first few differences in words; empty where there is none.
 std::string difference(const Outcome& expected, const Outcome& found);
 
-}  // namespace KilnTests
+}  // namespace KilnSim

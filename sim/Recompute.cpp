@@ -1,15 +1,17 @@
-#include "tests/Recompute.h"
+#include "sim/Recompute.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
 #include "agent/SortedRows.h"
+#include "server/KilnEmServerSm.h"
 
-namespace KilnTests {
+namespace KilnSim {
 namespace {
 
 using namespace KilnTunnelNiLib;
+using KilnEmServer::EmComposerKey;
 using KilnEmServer::EmHwKey;
 using KilnEmServer::EmLogicalKey;
 
@@ -33,21 +35,12 @@ EmType databaseOf(TableTag type) {
   return EmType::isem;
 }
 
-std::optional<IntfIdSystemTcamId> interfaceOf(const EmRequestKey& key) {
-  std::optional<IntfIdSystemTcamId> interface;
-  key.emComposerKey.visit([&](const auto& fields) {
-    if constexpr (requires { fields.intfId; }) interface = {fields.intfId, fields.systemTcamId};
-  });
-  return interface;
-}
-
 bool fits(std::uint64_t value, unsigned bits) {
   return value >> bits == 0;
 }
 
 /// Keys that carry everything themselves.
-std::optional<EmResolvedKey> composeDirect(const EmRequestKey& key) {
-  const auto& from = key.emComposerKey;
+std::optional<EmResolvedKey> composeDirect(const EmComposerKey& from) {
   if (const auto* eth = from.getIf<IsemInnerEthComposerKey>())
     return IsemInnerEthEntryKey{eth->vsi, eth->profile};
   if (const auto* mpls = from.getIf<IsemMplsComposerKey>())
@@ -66,8 +59,7 @@ std::optional<EmResolvedKey> composeDirect(const EmRequestKey& key) {
 }
 
 /// Keys that need a VLAN domain.
-std::optional<EmResolvedKey> composeWithDomain(const EmRequestKey& key, std::uint16_t domain) {
-  const auto& from = key.emComposerKey;
+std::optional<EmResolvedKey> composeWithDomain(const EmComposerKey& from, std::uint16_t domain) {
   if (const auto* fodo = from.getIf<EsemFodoVdComposerKey>()) {
     if (!fits(domain, 11) || !fits(fodo->fodoId, 18)) return std::nullopt;
     return EsemFodoVdEntryKey{U18(fodo->fodoId), U11(domain)};
@@ -86,14 +78,13 @@ std::optional<EmResolvedKey> composeWithDomain(const EmRequestKey& key, std::uin
 Composed compose(const Wanted& wanted, const EmRequestKey& key, EmHwKey& hwKey) {
   hwKey.fapId = key.fapId;
   hwKey.localCoreId = key.localCoreId;
-  std::optional<EmResolvedKey> resolved;
-  if (const auto interface = interfaceOf(key)) {
-    const auto domain = wanted.domains.find(*interface);
-    if (domain == wanted.domains.end()) return Composed::waits;
-    resolved = composeWithDomain(key, domain->second);
-  } else {
-    resolved = composeDirect(key);
+  std::optional<std::uint16_t> domain;
+  if (const auto interface = interfaceOf(key.emComposerKey)) {
+    const auto found = wanted.domains.find(*interface);
+    if (found == wanted.domains.end()) return Composed::waits;
+    domain = found->second;
   }
+  const std::optional<EmResolvedKey> resolved = composed(key.emComposerKey, domain);
   if (!resolved) return Composed::fails;
   hwKey.emResolvedKey = *resolved;
   return Composed::yes;
@@ -126,6 +117,11 @@ class Judge {
  private:
   void say(const RequestPlace& place, const Request& request, EmStatus status) {
     outcome_.statuses[place] = {request.requestVersion, status, 1};
+    ResourceCounts& counts = outcome_.resources[typeOf(std::get<2>(place))];
+    ++counts.requested;
+    if (status == EmStatus::hwSuccess) ++counts.programmed;
+    if (status == EmStatus::hwPending) ++counts.waiting;
+    if (status == EmStatus::hwFail) ++counts.failed;
   }
 
   void takeUp(const RequestPlace& place, const Request& request) {
@@ -134,9 +130,8 @@ class Judge {
       outcome_.statuses[place] = {request.requestVersion, EmStatus::hwPending, 3};
       return;
     }
-    const bool known = request.requestKind == RequestKind::add || request.requestKind == RequestKind::modify;
-    if (!known || databaseOf(typeOf(key)) != database) return;
-    if (const auto interface = interfaceOf(key)) outcome_.domainsAsked.insert(*interface);
+    if (!takenUp(place, request)) return;
+    if (const auto interface = interfaceOf(key.emComposerKey)) outcome_.domainsAsked.insert(*interface);
     Contender contender{{feature, key.fapId, key.localCoreId, key.emComposerKey}, place, request, {}};
     switch (compose(wanted_, key, contender.hwKey)) {
       case Composed::yes:
@@ -156,7 +151,7 @@ class Judge {
     const EmResolvedKey& key = contender.hwKey.emResolvedKey;
     const EmEntry& entry = contender.request.entry;
     const bool written =
-        static_cast<int>(entry.tag()) == static_cast<int>(key.tag()) && !wanted_.refused(key);
+        static_cast<int>(entry.tag()) == static_cast<int>(key.tag()) && !wanted_.refused(key, entry);
     if (written) outcome_.tables.emplace(key, entry);
     say(contender.place, contender.request, written ? EmStatus::hwSuccess : EmStatus::hwFail);
   }
@@ -194,6 +189,26 @@ void compare(const Map& expected, const Map& found, std::vector<std::string>& li
 }
 
 }  // namespace
+
+std::optional<IntfIdSystemTcamId> interfaceOf(const EmComposerKey& key) {
+  std::optional<IntfIdSystemTcamId> interface;
+  key.visit([&](const auto& fields) {
+    if constexpr (requires { fields.intfId; }) interface = {fields.intfId, fields.systemTcamId};
+  });
+  return interface;
+}
+
+std::optional<EmResolvedKey> composed(const EmComposerKey& key, std::optional<std::uint16_t> domain) {
+  if (!interfaceOf(key)) return composeDirect(key);
+  return domain ? composeWithDomain(key, *domain) : std::nullopt;
+}
+
+bool takenUp(const RequestPlace& place, const Request& request) {
+  const auto& [feature, database, key] = place;
+  const bool known = request.requestKind == RequestKind::add || request.requestKind == RequestKind::modify;
+  const bool allChips = key.fapId.number() == 0x7FE;
+  return known && databaseOf(typeOf(key)) == database && allChips == (key.localCoreId.number() == 5);
+}
 
 bool needsDomain(TableTag type) {
   return type == TableTag::isemUntaggedEntryKey || type == TableTag::isem1TagEntryKey ||
@@ -241,6 +256,15 @@ Outcome outcomeOf(KilnAgent::EmbeddedAgent& agent) {
                           [&](const IntfIdSystemTcamId& interface, const KilnPlatform::Unit&) {
                             outcome.domainsAsked.insert(interface);
                           });
+  const auto& server = agent.server();
+  for (const auto& table :
+       {server.isemResourceTable(), server.esemResourceTable(), server.lemResourceTable()}) {
+    KilnPlatform::forEachIn(table->resource(), [&](const std::string& stem, const ResourceCounts& counts) {
+      const auto& stems = KilnPlatform::kTableStems;
+      const auto number = std::find(stems.begin(), stems.end(), stem) - stems.begin();
+      outcome.resources[static_cast<TableTag>(number)] = counts;
+    });
+  }
   return outcome;
 }
 
@@ -262,10 +286,13 @@ std::string difference(const Outcome& expected, const Outcome& found) {
       lines.push_back(fmt::format("asked for in vain: {}", interface));
     }
   }
+  compare(expected.resources, found.resources, lines, [](TableTag table, const ResourceCounts& counts) {
+    return fmt::format("resources of {}: {}", table, counts);
+  });
   lines.resize(std::min<std::size_t>(lines.size(), 8));
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
   return text;
 }
 
-}  // namespace KilnTests
+}  // namespace KilnSim

@@ -1,0 +1,45 @@
+#include "sim/Marks.h"
+
+#include <fmt/format.h>
+
+#include <fstream>
+#include <utility>
+
+#include "agent/InputError.h"
+
+namespace KilnSim {
+
+bool Marks::wants(const KilnPlatform::TraceDescriptor& descriptor) {
+  Count& count = counts_[descriptor.text.data()];
+  count.text = descriptor.text;
+  ++count.count;
+  return descriptor.level == 0 && descriptor.text == "{}: key {} left out: {}";
+}
+
+void Marks::write(const KilnPlatform::TraceRecord& record) {
+  unexpected_ += fmt::format("traced: {}\n", record.message);
+}
+
+std::uint64_t Marks::count(std::string_view text) const {
+  std::uint64_t sum = 0;
+  for (const auto& [place, count] : counts_) {
+    if (count.text == text) sum += count.count;
+  }
+  return sum;
+}
+
+std::string Marks::takeUnexpected() {
+  return std::exchange(unexpected_, {});
+}
+
+std::vector<std::string> Marks::listed(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) throw KilnAgent::InputError(fmt::format("{}: cannot be read", path));
+  std::vector<std::string> marks;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.empty() && line[0] != '#') marks.push_back(line);
+  }
+  return marks;
+}
+
+}  // namespace KilnSim

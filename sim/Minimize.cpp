@@ -1,0 +1,135 @@
+#include "sim/Minimize.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+namespace KilnSim {
+namespace {
+
+using KilnAgent::Operation;
+using KilnAgent::RunOperation;
+
+bool fails(const Plan& plan) {
+  return !runApart(plan).wrong.empty();
+}
+
+/// Leaves out parts of this many operations, as long as the failure stays. True where any went.
+bool leaveOut(Plan& plan, std::size_t part) {
+  bool shorter = false;
+  for (std::size_t end = plan.operations.size(); end > 0;) {
+    const std::size_t begin = end > part ? end - part : 0;
+    Plan candidate = plan;
+    candidate.operations.erase(candidate.operations.begin() + static_cast<std::ptrdiff_t>(begin),
+                               candidate.operations.begin() + static_cast<std::ptrdiff_t>(end));
+    if (fails(candidate)) {
+      plan = std::move(candidate);
+      shorter = true;
+    }
+    end = begin;
+  }
+  return shorter;
+}
+
+/// Keeps a change of the plan where the failure stays.
+template <class Change>
+void tryChange(Plan& plan, Change change) {
+  Plan candidate = plan;
+  change(candidate);
+  if (fails(candidate)) plan = std::move(candidate);
+}
+
+/// Fewer tasks between operations.
+void shortenRuns(Plan& plan) {
+  for (std::size_t at = 0; at < plan.operations.size(); ++at) {
+    const auto* run = std::get_if<RunOperation>(&plan.operations[at]);
+    if (run == nullptr) continue;
+    for (const std::size_t tasks : {std::size_t{1}, run->tasks / 4, run->tasks / 2}) {
+      if (tasks >= run->tasks) continue;
+      Plan candidate = plan;
+      candidate.operations[at] = RunOperation{tasks};
+      if (!fails(candidate)) continue;
+      plan = std::move(candidate);
+      break;
+    }
+  }
+}
+
+}  // namespace
+
+Verdict runApart(const Plan& plan) {
+  int ends[2];
+  if (pipe(ends) != 0) std::abort();
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(ends[0]);
+    const int nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDERR_FILENO);
+    Tally tally;
+    const Verdict verdict = run(plan, tally, nullptr);
+    const std::string text = fmt::format("{} {}\n{}", verdict.at, verdict.step, verdict.wrong);
+    const bool told = write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    _exit(told ? 0 : 1);
+  }
+  close(ends[1]);
+  std::string text;
+  char part[4096];
+  for (ssize_t got; (got = read(ends[0], part, sizeof part)) > 0;) {
+    text.append(part, static_cast<std::size_t>(got));
+  }
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  Verdict verdict;
+  if (WIFSIGNALED(status) || WEXITSTATUS(status) != 0) {
+    verdict.wrong = "the process died\n";
+    verdict.at = plan.operations.size() - 1;
+  } else if (std::sscanf(text.c_str(), "%zu %zu", &verdict.at, &verdict.step) == 2) {
+    verdict.wrong = text.substr(text.find('\n') + 1);
+  }
+  return verdict;
+}
+
+Plan minimize(Plan plan) {
+  const Verdict first = runApart(plan);
+  plan.operations.resize(std::min(plan.operations.size(), first.at + 1));
+  tryChange(plan, [](Plan& candidate) { candidate.shuffled = false; });
+  tryChange(plan, [](Plan& candidate) { candidate.yieldEvery = 0; });
+  for (std::size_t part = plan.operations.size() / 2; part != 0;) {
+    if (!leaveOut(plan, part) || part > 1) part /= 2;
+  }
+  shortenRuns(plan);
+  while (leaveOut(plan, 1)) {
+  }
+  return plan;
+}
+
+std::string scenarioOf(const Plan& plan, const Verdict& verdict) {
+  std::string text = fmt::format("// plan: seed {} shuffled {} yield-every {}\n// {}\n", plan.seed,
+                                 plan.shuffled ? 1 : 0, plan.yieldEvery, replayCommand(plan, "THIS"));
+  // Before anything else, so that what runs between two operations is said.
+  if (plan.operations.empty() || !std::holds_alternative<RunOperation>(plan.operations[0])) {
+    text += KilnAgent::operationLine(RunOperation{0}) + "\n";
+  }
+  for (std::size_t at = 0; at < plan.operations.size(); ++at) {
+    if (std::find(verdict.idle.begin(), verdict.idle.end(), at) != verdict.idle.end()) continue;
+    text += KilnAgent::operationLine(plan.operations[at]) + "\n";
+  }
+  for (const Operation& operation : verdict.expected) text += KilnAgent::operationLine(operation) + "\n";
+  return text;
+}
+
+std::string replayCommand(const Plan& plan, const std::string& file) {
+  return fmt::format("kiln-agent run --chip sim/chip.json {}--yield-every {} {}",
+                     plan.shuffled ? fmt::format("--seed {} ", plan.seed) : "", plan.yieldEvery, file);
+}
+
+}  // namespace KilnSim

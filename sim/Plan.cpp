@@ -1,0 +1,412 @@
+#include "sim/Plan.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <optional>
+#include <random>
+#include <utility>
+
+#include "agent/InputError.h"
+#include "sim/Recompute.h"
+
+namespace KilnSim {
+namespace {
+
+using namespace KilnAgent;
+using namespace KilnTunnelNiLib;
+using KilnEmServer::EmComposerKey;
+
+constexpr int kTableTypes = 8;
+
+/// Draws operations over few keys, so that they meet.
+class Draw {
+ public:
+  Draw(std::uint64_t seed, std::string_view profile) : random_(seed) {
+    drawShape();
+    drawWeights(profile.empty() ? kProfiles[below(kProfiles.size())] : profile);
+  }
+
+  Plan plan(std::uint64_t seed, std::size_t steps) {
+    plan_.seed = seed;
+    plan_.shuffled = !oneIn(5);
+    plan_.yieldEvery = pick<std::uint32_t>({1, 1, 1, 2, 3, 8, 0, 0});
+    domainsAutomatic_ = oneIn(5);
+    plan_.operations.reserve(2 * steps + 50);
+    add(RunOperation{0});  // from here on, what runs between two operations is said
+    if (oneIn(8)) add(TableOperation{table(), std::nullopt, std::uint32_t{2}, std::nullopt});
+    add(domainsAutomatic_ ? scarceDomains() : manualDomains());
+    for (std::size_t step = 0; step < steps; ++step) {
+      add(operation());
+      between();
+    }
+    withdrawEverything();
+    return std::move(plan_);
+  }
+
+ private:
+  std::size_t below(std::size_t bound) { return randomBelow(random_, bound); }
+  bool oneIn(std::size_t n) { return below(n) == 0; }
+  template <class T>
+  T pick(std::initializer_list<T> values) {
+    return values.begin()[below(values.size())];
+  }
+
+  void add(Operation operation) { plan_.operations.push_back(std::move(operation)); }
+
+  /// Some runs spread over many keys, some press a few very hard.
+  void drawShape() {
+    types_ = 1 + below(3);
+    features_ = 2 + below(7);
+    interfaces_ = 1 + below(3);
+    systemTcams_ = 1 + below(2);
+    otherTypes_ = pick<std::size_t>({8, 50});
+    for (auto& type : pool_) type = static_cast<int>(1 + below(kTableTypes));
+  }
+
+  void drawWeights(std::string_view profile) {
+    const auto weight = [&](std::size_t least, std::size_t most) { return least + below(most - least + 1); };
+    weights_ = {weight(10, 40), weight(4, 20), weight(8, 20), weight(2, 30), weight(1, 10), weight(2, 20),
+                weight(2, 10),  weight(1, 4),  weight(1, 4),  weight(1, 4),  weight(0, 2)};
+    if (profile == "calm") calm_ = true;
+    if (profile == "storm") storm_ = true;
+    if (profile == "restart") weights_[kRestart] = 40;
+    if (profile == "restart") weights_[kCommit] = 5;
+    if (profile == "domains") weights_[kDomain] = 80;
+    if (profile == "tables") weights_[kTable] = 60;
+  }
+
+  /// How many tasks run before the next operation: mostly not enough to become quiet.
+  void between() {
+    if (calm_ && !oneIn(4)) return add(SettleOperation{});
+    if (storm_ ? !oneIn(6) : oneIn(2)) return;
+    const std::size_t most = plan_.yieldEvery == 0 ? 12 : oneIn(4) ? 300 : 40;
+    add(RunOperation{1 + below(most)});
+  }
+
+  /// Then nothing may be left.
+  void withdrawEverything() {
+    plan_.withdrawnFrom = plan_.operations.size();
+    add(SettleOperation{});
+    for (int type = 1; type <= kTableTypes; ++type) {
+      add(TableOperation{static_cast<TableTag>(type), SoftTable::AnswerMode::success, {}, {}});
+    }
+    KilnPlatform::forEachEnumValue<FeatureType>([&](FeatureType feature) {
+      KilnPlatform::forEachEnumValue<EmType>([&](EmType database) {
+        add(WithdrawAllOperation{feature, database});
+      });
+    });
+    add(SettleOperation{});
+  }
+
+  FeatureType feature() {
+    return static_cast<FeatureType>(1 + below(oneIn(3) ? features_ : std::min<std::size_t>(features_, 3)));
+  }
+  IntfIdSystemTcamId interface() {
+    return {1 + below(interfaces_), static_cast<std::uint16_t>(below(systemTcams_))};
+  }
+  int type() { return oneIn(otherTypes_) ? static_cast<int>(1 + below(kTableTypes)) : pool_[below(types_)]; }
+  TableTag table() { return static_cast<TableTag>(type()); }
+
+  template <class T>
+  T small(std::size_t bound, std::initializer_list<T> rare) {
+    return oneIn(24) ? pick(rare) : static_cast<T>(below(bound));
+  }
+
+  EmComposerKey composerKey(int type) {
+    const IntfIdSystemTcamId at = interface();
+    const auto vlan = [&] { return small<std::uint16_t>(2, {4095, 4096}); };
+    switch (type) {
+      case 1:
+        return IsemUntaggedComposerKey{at.intfId, at.systemTcamId};
+      case 2:
+        return Isem1TagComposerKey{at.intfId, at.systemTcamId, vlan()};
+      case 3: {
+        const auto outer = vlan();
+        return Isem2TagComposerKey{at.intfId, at.systemTcamId, outer, vlan()};
+      }
+      case 4:
+        return IsemInnerEthComposerKey{static_cast<std::uint16_t>(below(3)),
+                                       static_cast<std::uint8_t>(below(2))};
+      case 5:
+        return IsemMplsComposerKey{static_cast<std::uint32_t>(below(3)), static_cast<std::uint8_t>(below(2))};
+      case 6:
+        return EsemFodoVdComposerKey{at.intfId, at.systemTcamId, small<std::uint32_t>(2, {0x3ffff, 0x40000})};
+      case 7:
+        return EsemFodoComposerKey{small<std::uint32_t>(4, {0x3ffff, 0x40000})};
+      default: {
+        const auto inLif = small<std::uint32_t>(3, {0xfffff, 0x100000});
+        const auto outer = vlan();
+        const auto inner = vlan();
+        return LemVpwsAcComposerKey{inLif, outer, inner, small<std::uint8_t>(1, {7, 8}), 0};
+      }
+    }
+  }
+
+  EmEntry entry(int type) {
+    return EmEntry::make(static_cast<KilnEmServer::EmEntryUnionTag>(type), [&](auto& entry) {
+      if constexpr (requires { entry.lif; }) entry.lif = static_cast<std::uint32_t>(below(3));
+      if constexpr (requires { entry.vsi; }) entry.vsi = static_cast<std::uint16_t>(below(2));
+      if constexpr (requires { entry.outLif; }) entry.outLif = static_cast<std::uint32_t>(below(4));
+    });
+  }
+
+  EmRequestKey requestKey(int type) {
+    EmRequestKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), composerKey(type)};
+    if (oneIn(8)) {
+      key.fapId = Hardware::Kiln::FapId(below(2));
+      key.localCoreId = Hardware::Kiln::LocalCoreId(below(2));
+    }
+    return key;
+  }
+
+  static EmType databaseOf(int type) {
+    return type == 8 ? EmType::lem : type == 6 || type == 7 ? EmType::esem : EmType::isem;
+  }
+
+  PublishOperation publish() {
+    const int number = type();
+    PublishOperation publish{feature(),
+                             databaseOf(number),
+                             requestKey(number),
+                             entry(oneIn(40) ? 1 + static_cast<int>(below(8)) : number),
+                             static_cast<std::uint32_t>(below(4)),
+                             RequestKind::add,
+                             oneIn(3)};
+    if (oneIn(6)) publish.requestKind = oneIn(2) ? RequestKind::hold : RequestKind::modify;
+    published_.push_back(publish);
+    return publish;
+  }
+
+  static VlanDomainsOperation manualDomains() {
+    return {.mode = VlanDomainService::Mode::manual, .limits = {}};
+  }
+
+  VlanDomainsOperation scarceDomains() {
+    const auto first = static_cast<std::uint16_t>(below(3));
+    const auto last = static_cast<std::uint16_t>(first + below(2));
+    return {.mode = VlanDomainService::Mode::automatic, .limits = VlanDomainLimits{first, last}};
+  }
+
+  Operation domainOperation() {
+    if (domainsAutomatic_ && oneIn(3)) {
+      if (oneIn(8)) return manualDomains();
+      if (oneIn(3)) return ShareOperation{1 + below(3), 1 + below(3), static_cast<std::uint16_t>(below(2))};
+      return scarceDomains();
+    }
+    if (oneIn(3)) return RevokeOperation{interface()};
+    // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
+    const auto domain = [&] { return pick<std::uint16_t>({1, 1, 1, 2, 2, 3, 511, 512, 2047, 2048}); };
+    const AllotOperation allot{interface(), domain()};
+    // There and back again, so that keys move while answers are on their way.
+    if (oneIn(2)) next_ = {allot, AllotOperation{allot.interface, domain()}};
+    return allot;
+  }
+
+  /// A request in which the server has no part: in a database other than its key's, or for all chips but one
+  /// core. It keeps a status that it once had, being held, so it is never held.
+  PublishOperation leftOut() {
+    EmRequestKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
+                     IsemMplsComposerKey{static_cast<std::uint32_t>(900 + below(2)), 0}};
+    EmType database = oneIn(2) ? EmType::lem : EmType::esem;
+    if (oneIn(2)) {
+      key.localCoreId = Hardware::Kiln::LocalCoreId(below(2));
+      database = EmType::isem;
+    }
+    PublishOperation publish{feature(), database, key, entry(5), 1, RequestKind::add, true};
+    published_.push_back(publish);
+    return publish;
+  }
+
+  /// What was published before, changed in one respect.
+  PublishOperation again() {
+    PublishOperation publish = published_[below(published_.size())];
+    switch (below(4)) {
+      case 0:
+        publish.entry = entry(static_cast<int>(publish.entry.tag()));
+        break;
+      case 1:
+        if (!takenUp({publish.feature, publish.database, publish.key}, {})) break;
+        publish.requestKind = oneIn(2) ? RequestKind::hold : RequestKind::add;
+        break;
+      case 2:
+        publish.feature = feature();
+        break;
+      default:
+        ++publish.requestVersion;
+        break;
+    }
+    published_.push_back(publish);
+    return publish;
+  }
+
+  Operation operation() {
+    if (!next_.empty() && !oneIn(4)) {
+      const Operation operation = next_.back();
+      next_.pop_back();
+      return operation;
+    }
+    std::size_t total = 0;
+    for (const std::size_t weight : weights_) total += weight;
+    std::size_t draw = below(total);
+    std::size_t kind = 0;
+    while (draw >= weights_[kind]) draw -= weights_[kind++];
+    if (kind == kPublish || published_.empty()) return oneIn(40) ? leftOut() : publish();
+    switch (kind) {
+      case kAgain:
+        return again();
+      case kWithdraw: {
+        const PublishOperation& gone = published_[below(published_.size())];
+        return WithdrawOperation{gone.feature, gone.database, gone.key};
+      }
+      case kDomain:
+        return domainOperation();
+      case kRevoke:
+        return RevokeOperation{interface()};
+      case kTable:
+        return tableOperation();
+      case kSettle:
+        return SettleOperation{};
+      case kFeature:
+        return featureOperation();
+      case kRestart:
+        if (oneIn(2)) return RestartOperation{};
+        return CrashOperation{oneIn(4)};
+      case kHardware:
+        return hardwareOperation();
+      default:
+        return CommitOperation{};
+    }
+  }
+
+  Operation tableOperation() {
+    using Mode = SoftTable::AnswerMode;
+    const TableTag tag = table();
+    switch (below(10)) {
+      case 0:
+      case 1:
+        return AnswerOperation{tag, oneIn(2) ? SoftTable::Order::fifo : SoftTable::Order::lifo, 1 + below(4),
+                               oneIn(2)};
+      case 2:
+        return TableOperation{tag, Mode::hold, {}, {}};
+      case 3:
+        return TableOperation{tag, Mode::refuse, {}, {}};
+      case 4:
+        return TableOperation{tag, {}, {}, oneIn(2)};
+      case 5:
+        return TableOperation{tag, {}, static_cast<std::uint32_t>(oneIn(3) ? below(4) : 1000), {}};
+      default:
+        return TableOperation{tag, Mode::success, {}, {}};
+    }
+  }
+
+  Operation featureOperation() {
+    switch (below(4)) {
+      case 0:
+        return WithdrawAllOperation{feature(), static_cast<EmType>(below(3))};
+      case 1:
+        return RemoveFeatureOperation{feature()};
+      default:
+        return AddFeatureOperation{feature()};
+    }
+  }
+
+  Operation hardwareOperation() {
+    using Hardware::Kiln::FapId;
+    using Hardware::Kiln::LocalCoreId;
+    const FapId fap(below(4));
+    switch (below(5)) {
+      case 0:
+        return RemoveFapOperation{fap};
+      case 1:
+        return AddFapOperation{{fap,
+                                {fmt::format("Fap{}", fap.number()),
+                                 static_cast<Hardware::Kiln::FapType>(3 + below(3)),
+                                 {LocalCoreId(0), LocalCoreId(below(2) + 1)}},
+                                1}};
+      case 2:
+        return ProfileOperation{fap, oneIn(3) ? std::nullopt : std::optional<std::uint32_t>(1 + below(2))};
+      default: {
+        ExternalUserOperation external{fmt::format("user{}", below(2)), {}};
+        for (std::size_t i = below(4); i != 0; --i) {
+          external.user.usage.push_back({FapId(below(4)), LocalCoreId(below(3)),
+                                         static_cast<std::uint8_t>(below(4)),
+                                         static_cast<std::uint32_t>(below(30))});
+        }
+        return external;
+      }
+    }
+  }
+
+  enum Kind : std::size_t {
+    kPublish,
+    kAgain,
+    kWithdraw,
+    kDomain,
+    kRevoke,
+    kTable,
+    kSettle,
+    kFeature,
+    kRestart,
+    kHardware,
+    kCommit,
+    kKinds
+  };
+
+  Plan plan_;
+  std::mt19937_64 random_;
+  std::array<int, 3> pool_{};
+  std::size_t types_;
+  std::size_t features_;
+  std::size_t interfaces_;
+  std::size_t systemTcams_;
+  std::size_t otherTypes_;
+  std::array<std::size_t, kKinds> weights_{};
+  bool calm_ = false;
+  bool storm_ = false;
+  bool domainsAutomatic_ = false;
+  std::vector<PublishOperation> published_;
+  std::vector<Operation> next_;  ///< the last one first
+};
+
+}  // namespace
+
+Plan drawPlan(std::uint64_t seed, std::size_t steps, std::string_view profile) {
+  return Draw(seed, profile).plan(seed, steps);
+}
+
+Plan readPlan(const std::string& path) {
+  std::ifstream file(path);
+  Plan plan;
+  std::string line;
+  int shuffled = 0;
+  unsigned long long seed = 0;
+  if (!std::getline(file, line) || std::sscanf(line.c_str(), "// plan: seed %llu shuffled %d yield-every %u",
+                                               &seed, &shuffled, &plan.yieldEvery) != 3) {
+    throw InputError(fmt::format("{}: not a scenario that kiln-sim wrote", path));
+  }
+  plan.seed = seed;
+  plan.shuffled = shuffled != 0;
+  while (std::getline(file, line)) {
+    if (line.empty() || line.starts_with("//")) continue;
+    Operation operation = parseOperation(line);
+    // What is expected is the judge's affair here.
+    if (std::holds_alternative<ExpectOperation>(operation)) continue;
+    if (std::holds_alternative<ExpectTableOperation>(operation)) continue;
+    plan.operations.push_back(std::move(operation));
+  }
+  return plan;
+}
+
+AgentOptions agentOptions(const Plan& plan) {
+  static const ChipConfig chip = readChipFile(KILN_SOURCE_DIR "/sim/chip.json");
+  AgentOptions options;
+  options.chip = chip;
+  if (plan.shuffled) options.seed = plan.seed;
+  options.yieldEvery = plan.yieldEvery;
+  return options;
+}
+
+}  // namespace KilnSim

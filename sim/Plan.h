@@ -1,0 +1,39 @@
+// What a simulation does: a list of operations, and how the scheduler orders and slices the work between.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/EmbeddedAgent.h"
+#include "agent/Operation.h"
+
+namespace KilnSim {
+
+/// A whole run. It is a pure function of this.
+struct Plan {
+  std::uint64_t seed = 0;        ///< of the order of tasks and answers, where that is drawn
+  bool shuffled = true;          ///< whether it is drawn
+  std::uint32_t yieldEvery = 0;  ///< items per slice; 0 never yields
+  std::vector<KilnAgent::Operation> operations;
+  std::size_t withdrawnFrom = 0;  ///< index of the first operation that is part of withdrawing everything
+};
+
+/// Kinds of runs. `mixed` draws its weights; the others press one side of the server.
+constexpr std::array<std::string_view, 6> kProfiles = {"mixed",   "calm",    "storm",
+                                                       "restart", "domains", "tables"};
+
+/// The plan under a seed: `steps` operations, besides those that only let tasks run, and the withdrawal of
+/// everything. An empty `profile` is drawn from the seed too.
+Plan drawPlan(std::uint64_t seed, std::size_t steps, std::string_view profile = {});
+
+/// The plan that a scenario describes which minimize() wrote. Throws InputError where it is none.
+Plan readPlan(const std::string& path);
+
+/// The options of the agent that a plan runs on: the chip of `sim/chip.json`.
+KilnAgent::AgentOptions agentOptions(const Plan& plan);
+
+}  // namespace KilnSim

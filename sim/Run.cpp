@@ -1,0 +1,275 @@
+#include "sim/Run.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <type_traits>
+
+#include "agent/InputError.h"
+#include "server/KilnEmServerSm.h"
+#include "sim/CapacityCount.h"
+#include "sim/Recompute.h"
+
+namespace KilnSim {
+namespace {
+
+using namespace KilnAgent;
+using Mode = SoftTable::AnswerMode;
+
+constexpr int kTableTypes = 8;
+/// One moment in so many is also compared as the dump shows it.
+constexpr std::uint64_t kDumpEvery = 64;
+/// Runs of tasks in which the server becomes quiet: so many, and so many more for each request and each
+/// change since it was quiet. With slices of a single item about a sixth of it was ever needed.
+constexpr std::size_t kTasksToQuiet = 4000;
+constexpr std::size_t kTasksPerInput = 400;
+
+template <class T, class... Others>
+constexpr bool kIsOneOf = (std::is_same_v<T, Others> || ...);
+
+/// Operations that make no change of their own.
+template <class T>
+constexpr bool kChangesNothing =
+    kIsOneOf<T, SettleOperation, RunOperation, RestartOperation, CommitOperation, CrashOperation>;
+/// Operations that make several, one after the other: between them others win than before and after. So does
+/// a VLAN domain, which moves several keys.
+template <class T>
+constexpr bool kChangesSeveral = kIsOneOf<T, VlanDomainsOperation, ShareOperation, AllotOperation,
+                                          RevokeOperation, WithdrawAllOperation, RemoveFeatureOperation>;
+
+class Run {
+ public:
+  Run(const Plan& plan, Tally& tally, Marks* marks)
+      : tally_(tally),
+        marks_(marks != nullptr ? Ref<Marks>(Ref<Marks>(), marks) : std::make_shared<Marks>()),
+        agent_(optionsOf(plan, marks_, marks != nullptr)),
+        scenario_(agent_, false, plan.seed, {}),
+        watch_(agent_) {
+    watch_.quiet({}, {}, true);
+  }
+
+  /// False where the agent's state did not allow the operation.
+  bool execute(const Operation& operation) {
+    const bool done = std::visit([this](const auto& specific) { return executeOne(specific); }, operation);
+    note(watch_.takeWrong());
+    note(marks_->takeUnexpected());
+    return done;
+  }
+  void finish(Verdict& verdict) {
+    tally_.tasks += agent_.scheduler().counters().slices;
+    tally_.faults += watch_.refusals();
+    verdict.wrong = wrong_;
+    verdict.expected = std::move(expected_);
+    verdict.digest = watch_.digest();
+  }
+  [[nodiscard]] bool failed() const { return !wrong_.empty(); }
+
+ private:
+  static AgentOptions optionsOf(const Plan& plan, const Ref<Marks>& marks, bool all) {
+    AgentOptions options = agentOptions(plan);
+    options.traces.sink = marks;
+    options.traces.level = all ? 9 : 0;
+    return options;
+  }
+
+  template <class T>
+  bool executeOne(const T& operation) {
+    constexpr bool kServerGoes = kIsOneOf<T, RestartOperation, CrashOperation>;
+    if constexpr (std::is_same_v<T, SettleOperation>) {
+      settle();
+      return true;
+    }
+    if constexpr (std::is_same_v<T, AnswerOperation>) {
+      if (!operation.now) settle();
+    }
+    if (!kChangesNothing<T>) watch_.changes(kChangesSeveral<T> ? 2 : 1);
+    if constexpr (std::is_same_v<T, RemoveFeatureOperation>) watch_.featureGoes(operation.feature);
+    if constexpr (std::is_same_v<T, CrashOperation>) {
+      watch_.serverEnds(operation.lost);
+    } else if constexpr (kServerGoes) {
+      watch_.serverEnds(false);
+    }
+    bool allowed = true;
+    try {
+      scenario_.execute(operation);
+    } catch (const InputError&) {
+      allowed = false;
+    }
+    if constexpr (kServerGoes) {
+      ++tally_.restarts;
+      watch_.serverBegins();
+    }
+    if constexpr (std::is_same_v<T, VlanDomainsOperation>) limits_ = operation.limits.value_or(limits_);
+    countFault(operation);
+    return allowed;
+  }
+
+  template <class T>
+  void countFault(const T& operation) {
+    if constexpr (kIsOneOf<T, CrashOperation, RevokeOperation, RemoveFeatureOperation, RemoveFapOperation>) {
+      ++tally_.faults;
+    } else if constexpr (std::is_same_v<T, TableOperation>) {
+      if (operation.answer && *operation.answer != Mode::success) ++tally_.faults;
+    }
+  }
+
+  SoftTable& tableOf(int type) { return agent_.chip().table(static_cast<TableTag>(type)); }
+  void note(const std::string& wrong) { wrong_ += wrong; }
+
+  /// Runs until nothing is pending, and judges. That takes no longer than what is there to be done.
+  void settle() {
+    const std::size_t requests = wantedOf(agent_).requests.size();
+    const std::size_t bound = kTasksToQuiet + kTasksPerInput * (requests + watch_.inputs());
+    agent_.scheduler().run(bound);
+    if (!agent_.scheduler().idle()) {
+      note(fmt::format("not quiet after {} tasks, with {} requests\n", bound, requests));
+      return;
+    }
+    judge();
+  }
+
+  void judge() {
+    ++tally_.quiet;
+    Wanted wanted = wantedOf(agent_);
+    wanted.refused = [this](const EmResolvedKey& key, const EmEntry& entry) {
+      return watch_.refused(key, entry);
+    };
+    Outcome found = outcomeOf(agent_);
+    Outcome expected = recompute(wanted);
+    const bool answered = setAsideUnanswered(wanted, expected, found);
+    watch_.quiet(wanted, expected, answered);
+    const std::string differs = difference(expected, found);
+    if (!differs.empty()) expect(expected, found);
+    note(differs);
+    note(domainsWronglyAllotted(wanted, found));
+    note(incomplete());
+    if (!answered) return;
+    note(capacityDifference(agent_, tally_.quiet % kDumpEvery == 0));
+    if (wanted.requests.empty()) note(leftovers());
+  }
+
+  /// What a table owes an answer for may show an earlier status, and keep a domain. True where none does.
+  bool setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found) {
+    bool answered = true;
+    for (int type = 1; type <= kTableTypes; ++type) {
+      if (tableOf(type).held() == 0) continue;
+      ++tally_.faults;
+      answered = false;
+      const auto tag = static_cast<TableTag>(type);
+      const auto ofType = [&](const auto& row) {
+        return static_cast<int>(std::get<2>(row.first).emComposerKey.tag()) == type;
+      };
+      for (const auto& row : found.statuses) {
+        if (ofType(row) && !wanted.requests.contains(row.first)) note("a status without a request\n");
+      }
+      std::erase_if(expected.statuses, ofType);
+      std::erase_if(found.statuses, ofType);
+      expected.resources.erase(tag);
+      found.resources.erase(tag);
+      if (needsDomain(tag))
+        expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
+    }
+    return answered;
+  }
+
+  /// Automatic allotment serves whoever asks, as long as there is a free domain, and nobody else.
+  [[nodiscard]] std::string domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const {
+    if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return "";
+    std::string wrong;
+    for (const auto& asked : found.domainsAsked) {
+      if (wanted.domains.contains(asked)) continue;
+      std::set<std::uint32_t> free;
+      for (std::uint32_t domain = limits_.first; domain <= limits_.last; ++domain) free.insert(domain);
+      for (const auto& [interface, domain] : wanted.domains) {
+        if (interface.systemTcamId == asked.systemTcamId) free.erase(domain);
+      }
+      if (!free.empty()) wrong += fmt::format("{} waits though {} is free\n", asked, *free.begin());
+    }
+    for (const auto& [interface, domain] : wanted.domains) {
+      if (!found.domainsAsked.contains(interface)) {
+        wrong += fmt::format("{} has {} unasked\n", interface, domain);
+      }
+    }
+    return wrong;
+  }
+
+  /// Every stage of the graph is complete, and no other.
+  [[nodiscard]] std::string incomplete() const {
+    std::set<std::string> missing;
+    for (const auto& node : agent_.server().graph().nodes) missing.insert(node.stage);
+    std::string wrong;
+    KilnPlatform::forEachIn(agent_.server().dependencyStatus().completed(),
+                            [&](const std::string& stage, const KilnPlatform::Unit&) {
+                              if (missing.erase(stage) == 0) wrong += fmt::format("{} is complete\n", stage);
+                            });
+    for (const std::string& stage : missing) wrong += fmt::format("{} is not complete\n", stage);
+    return wrong;
+  }
+
+  [[nodiscard]] std::string leftovers() const {
+    std::string wrong;
+    for (const auto& [name, size] : agent_.server().leftovers()) {
+      if (size != 0) wrong += fmt::format("left over: {} of {}\n", size, name);
+    }
+    return wrong;
+  }
+
+  /// Notes as expectations of a scenario what statuses and tables were to hold.
+  void expect(const Outcome& expected, const Outcome& found) {
+    for (const auto& [place, seen] : expected.statuses) {
+      const auto at = found.statuses.find(place);
+      if (at != found.statuses.end() && at->second == seen) continue;
+      const auto& [feature, database, key] = place;
+      expected_.push_back(ExpectOperation{feature, database, key, seen.status, seen.requestVersion,
+                                          seen.result, false, true});
+    }
+    for (const auto& [place, seen] : found.statuses) {
+      if (expected.statuses.contains(place)) continue;
+      const auto& [feature, database, key] = place;
+      expected_.push_back(ExpectOperation{feature, database, key, {}, {}, {}, true, true});
+    }
+    const auto expectEntry = [&](const EmResolvedKey& key, std::optional<EmEntry> entry) {
+      const EmHwKey hwKey{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), key};
+      expected_.push_back(ExpectTableOperation{key.tag(), hwKey, std::move(entry), true});
+    };
+    for (const auto& [key, entry] : expected.tables) {
+      const auto at = found.tables.find(key);
+      if (at == found.tables.end() || at->second != entry) expectEntry(key, entry);
+    }
+    for (const auto& [key, entry] : found.tables) {
+      if (!expected.tables.contains(key)) expectEntry(key, std::nullopt);
+    }
+  }
+
+  Tally& tally_;
+  Ref<Marks> marks_;
+  EmbeddedAgent agent_;
+  Scenario scenario_;
+  Watch watch_;
+  VlanDomainLimits limits_;
+  std::string wrong_;
+  std::vector<Operation> expected_;
+};
+
+}  // namespace
+
+Verdict run(const Plan& plan, Tally& tally, Marks* marks,
+            const std::function<void(std::size_t step)>& progress) {
+  Run run(plan, tally, marks);
+  Verdict verdict;
+  for (std::size_t at = 0; at < plan.operations.size() && !run.failed(); ++at) {
+    const Operation& operation = plan.operations[at];
+    verdict.at = at;
+    if (!std::holds_alternative<RunOperation>(operation)) {
+      ++verdict.step;
+      ++tally.steps;
+    }
+    if (progress) progress(at);
+    if (!run.execute(operation)) verdict.idle.push_back(at);
+  }
+  run.finish(verdict);
+  return verdict;
+}
+
+}  // namespace KilnSim

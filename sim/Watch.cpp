@@ -1,0 +1,250 @@
+#include "sim/Watch.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "server/KilnEmServerSm.h"
+
+namespace KilnSim {
+namespace {
+
+using KilnAgent::StoreChange;
+using KilnTunnelNiLib::RequestKind;
+
+constexpr std::size_t kMostTold = 2000;
+
+std::string textOf(const RequestPlace& place) {
+  const auto& [feature, database, key] = place;
+  return fmt::format("{} {} {}", feature, database, key);
+}
+
+template <class T>
+std::uint64_t hashOf(const T& value) {
+  return KilnPlatform::ValueHash<T>()(value);
+}
+
+/// The value under a key, or nothing.
+template <class Map, class Key>
+auto valueIn(const Map& map, const Key& key) {
+  const auto at = map.find(key);
+  return at == map.end() ? std::nullopt : std::optional(at->second);
+}
+
+}  // namespace
+
+Watch::Watch(KilnAgent::EmbeddedAgent& agent) : agent_(agent) {
+  agent_.chip().forEachTable([this](KilnAgent::SoftTable& table) { table.watcherIs(*this, true); });
+  serverBegins();
+}
+
+Watch::~Watch() {
+  agent_.store().observerDel(*this);
+  agent_.chip().forEachTable([this](KilnAgent::SoftTable& table) { table.watcherIs(*this, false); });
+  agent_.vlanDomains().status()->status().unsubscribe(*this);
+  agent_.server().dependencyStatus().completed().unsubscribe(*this);
+}
+
+void Watch::say(std::string text) {
+  if (wrong_.size() < kMostTold) wrong_ += std::move(text) + "\n";
+}
+
+// --- Servers come and go -----------------------------------------------------------------------------------
+
+void Watch::serverEnds(bool reverted) {
+  agent_.vlanDomains().status()->status().unsubscribe(*this);
+  agent_.server().dependencyStatus().completed().unsubscribe(*this);
+  agent_.store().observerDel(*this);
+  if (!reverted) return;
+  changes_ += 2;
+}
+
+void Watch::serverBegins() {
+  agent_.store().observerIs(*this);
+  agent_.vlanDomains().status()->status().subscribe(*this);
+  agent_.server().dependencyStatus().completed().subscribe(*this);
+  const Wanted wanted = wantedOf(agent_);
+  present_.clear();
+  for (const auto& [place, request] : wanted.requests) {
+    present_.insert(place);
+    mayBeProgrammed(std::get<2>(place), request.entry);
+  }
+  insertedSinceStart_.clear();
+  accepted_.clear();
+  lastWrite_.clear();
+  domainsOfServer_.clear();
+  for (const auto& [interface, domain] : wanted.domains) domainsOfServer_[interface].insert(domain);
+}
+
+void Watch::featureGoes(FeatureType feature) {
+  std::erase_if(present_, [&](const RequestPlace& place) { return std::get<0>(place) == feature; });
+}
+
+void Watch::handleChange(const std::string& stage) {
+  if (agent_.server().dependencyStatus().completedHas(stage)) return note(1);
+  // Only the status stages of a feature that went are complete no more.
+  if (stage.find("SrvStatusSm") == std::string::npos) say(fmt::format("{} is complete no more", stage));
+}
+
+// --- Requests and domains ----------------------------------------------------------------------------------
+
+void Watch::handleStoreChange(const StoreChange& change) {
+  const RequestPlace place{change.feature, change.database, change.key};
+  note(hashOf(change.key) + static_cast<std::uint64_t>(change.record));
+  KilnAgent::withDatabase(change.database, [&]<class Db>() {
+    change.record == StoreChange::Record::request ? requestChanged<Db>(place) : statusChanged<Db>(place);
+  });
+}
+
+template <class Db>
+void Watch::requestChanged(const RequestPlace& place) {
+  ++inputs_;
+  const auto& [feature, database, key] = place;
+  const auto* request = agent_.store().requests<Db>(feature)->config().find(
+      KilnEmServer::requestKeyAs<typename Db::EntryKey>(key));
+  if (request == nullptr) {
+    present_.erase(place);
+    return;
+  }
+  if (present_.insert(place).second) insertedSinceStart_.insert(place);
+  mayBeProgrammed(key, request->clientData.*Db::kEntryOfClientData);
+}
+
+void Watch::mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry) {
+  if (!requested_.emplace(key, entry).second) return;
+  const auto interface = interfaceOf(key.emComposerKey);
+  if (!interface) {
+    if (const auto hwKey = composed(key.emComposerKey, {})) mayBeProgrammed_.emplace(*hwKey, entry);
+    return;
+  }
+  for (const std::uint16_t domain : domainsOfWindow_[*interface]) {
+    if (const auto hwKey = composed(key.emComposerKey, domain)) mayBeProgrammed_.emplace(*hwKey, entry);
+  }
+}
+
+void Watch::handleChange(const IntfIdSystemTcamId& interface) {
+  ++inputs_;
+  note(hashOf(interface));
+  const auto domain = agent_.vlanDomains().status()->status().get(interface);
+  if (!domain) return;
+  domainsOfServer_[interface].insert(*domain);
+  if (!domainsOfWindow_[interface].insert(*domain).second) return;
+  for (const auto& [key, entry] : requested_) {
+    if (interfaceOf(key.emComposerKey) != interface) continue;
+    if (const auto hwKey = composed(key.emComposerKey, domain)) mayBeProgrammed_.emplace(*hwKey, entry);
+  }
+}
+
+// --- Statuses ----------------------------------------------------------------------------------------------
+
+template <class Db>
+void Watch::statusChanged(const RequestPlace& place) {
+  statusChanges_.insert(place);
+  const auto& [feature, database, requestKey] = place;
+  const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(requestKey);
+  const auto* record = agent_.store().statuses<Db>(feature)->status().find(key);
+  std::optional<Request> request;
+  if (const auto* found = agent_.store().requests<Db>(feature)->config().find(key)) {
+    request = {found->clientData.*Db::kEntryOfClientData, found->requestVersion, found->requestKind};
+  }
+  if (record != nullptr) {
+    note(hashOf(record->requestVersion) + static_cast<std::uint64_t>(record->status));
+    statusWritten(place, request, {record->requestVersion, record->status, record->result});
+  } else if (request && !(insertedSinceStart_.contains(place) &&
+                          !agent_.server().dependencyStatus().completedHas("finalizeStartupStage"))) {
+    say(fmt::format("status of {} is gone though its request stands", textOf(place)));
+  }
+}
+
+void Watch::statusWritten(const RequestPlace& place, const std::optional<Request>& request,
+                          const StatusSeen& seen) {
+  if (!request || request->requestVersion != seen.requestVersion) {
+    return say(fmt::format("status of {} claims version {}, which does not stand", textOf(place),
+                           seen.requestVersion));
+  }
+  const bool held = request->requestKind == RequestKind::hold;
+  if (seen.result != (held ? 3 : 1) || (held && seen.status != EmStatus::hwPending)) {
+    return say(fmt::format("status of {} is {} with result {}", textOf(place), seen.status, seen.result));
+  }
+  if (held || seen.status != EmStatus::hwSuccess) return;
+  if (!takenUp(place, *request)) say(fmt::format("{} cannot have succeeded", textOf(place)));
+  if (!accepted(place, request->entry)) {
+    say(fmt::format("status of {} claims success of {}, which no table accepted", textOf(place),
+                    request->entry));
+  }
+}
+
+bool Watch::accepted(const RequestPlace& place, const EmEntry& entry) const {
+  const auto& key = std::get<2>(place).emComposerKey;
+  const auto has = [&](std::optional<std::uint16_t> domain) {
+    const auto hwKey = composed(key, domain);
+    return hwKey && accepted_.contains({*hwKey, entry});
+  };
+  const auto interface = interfaceOf(key);
+  if (!interface) return has({});
+  const auto domains = domainsOfServer_.find(*interface);
+  return domains != domainsOfServer_.end() &&
+         std::any_of(domains->second.begin(), domains->second.end(), has);
+}
+
+// --- The chip ----------------------------------------------------------------------------------------------
+
+void Watch::handleOperation(const EmResolvedKey& key, Operation operation) {
+  note(hashOf(key) + static_cast<std::uint64_t>(operation));
+  if (operation == Operation::removal) lastWrite_.erase(key);
+}
+
+void Watch::handleUpcomingChange(const EmResolvedKey& key, Operation /*operation*/,
+                                 const EmEntry* /*before*/) {
+  touched_.insert(key);
+}
+
+void Watch::handleWritten(const EmResolvedKey& key, const EmEntry& entry,
+                          Asic::SwTableBase::EntryState outcome) {
+  const bool refused = outcome != Asic::SwTableBase::success();
+  note(hashOf(entry) + static_cast<std::uint64_t>(refused));
+  if (refused) ++refusals_;
+  lastWrite_[key] = {entry, refused};
+  if (!refused) accepted_.emplace(key, entry);
+  if (!mayBeProgrammed_.contains({key, entry})) {
+    say(fmt::format("{} is programmed with {}, which nobody requested", key, entry));
+  }
+}
+
+bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
+  const auto at = lastWrite_.find(key);
+  return at != lastWrite_.end() && at->second == std::pair(entry, true);
+}
+
+// --- Windows -----------------------------------------------------------------------------------------------
+
+void Watch::quiet(const Wanted& wanted, const Outcome& expected, bool comparable) {
+  if (changes_ <= 1 && comparable_ && comparable) checkWindow(expected);
+  changes_ = 0;
+  inputs_ = 0;
+  comparable_ = comparable;
+  before_ = expected;
+  statusChanges_.clear();
+  touched_.clear();
+  requested_.clear();
+  mayBeProgrammed_.clear();
+  domainsOfWindow_.clear();
+  for (const auto& [interface, domain] : wanted.domains) domainsOfWindow_[interface].insert(domain);
+  for (const auto& [place, request] : wanted.requests) mayBeProgrammed(std::get<2>(place), request.entry);
+}
+
+void Watch::checkWindow(const Outcome& expected) {
+  for (const RequestPlace& place : statusChanges_) {
+    const auto was = valueIn(before_.statuses, place);
+    if (was && was == valueIn(expected.statuses, place)) {
+      say(fmt::format("status of {} flapped", textOf(place)));
+    }
+  }
+  for (const EmResolvedKey& key : touched_) {
+    if (valueIn(before_.tables, key) == valueIn(expected.tables, key)) {
+      say(fmt::format("{} was written or removed in passing", key));
+    }
+  }
+}
+
+}  // namespace KilnSim

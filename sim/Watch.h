@@ -1,0 +1,105 @@
+// What must hold at every step of a run, seen from outside the server: in the store's records, in what the
+// chip did and in what the server says is complete.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "agent/EmbeddedAgent.h"
+#include "sim/Recompute.h"
+
+namespace KilnSim {
+
+/// Watches one agent from quiet moment to quiet moment. Between two of them lies a window, in which
+/// operations come and servers go.
+///
+/// - A status says nothing but what answers the request that stands, and `hwSuccess` only where this server's
+///   write of that entry was accepted. While a request stands its status does not vanish.
+/// - The chip is asked for nothing but entries of requests of the window, under keys that these may have had.
+/// - In a window of a single change, restarts or not, what must be the same before and after is not touched.
+/// - A stage is complete once.
+class Watch final : private KilnAgent::StoreObserver,
+                    private KilnAgent::TableWatcher,
+                    private KilnPlatform::KeySubscriber<IntfIdSystemTcamId>,
+                    private KilnPlatform::KeySubscriber<std::string> {
+ public:
+  explicit Watch(KilnAgent::EmbeddedAgent& agent);
+  ~Watch();
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  /// The server is about to go, with what the store noted last if `reverted`.
+  void serverEnds(bool reverted);
+  /// Another server works on the same store and chip.
+  void serverBegins();
+  /// So many changes are about to be made from outside. One that has effects of its own counts as several.
+  void changes(std::size_t count) { changes_ += count; }
+  /// The feature's collections are about to vanish.
+  void featureGoes(FeatureType feature);
+  /// The server is quiet, and this is what must stand. `comparable` unless some answers are held back.
+  void quiet(const Wanted& wanted, const Outcome& expected, bool comparable);
+
+  /// Whether the chip's last word on this write was a refusal.
+  [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
+  /// What did not hold since this was asked last; empty where all did.
+  [[nodiscard]] std::string takeWrong() { return std::exchange(wrong_, {}); }
+  /// Of all that was seen, in its order.
+  [[nodiscard]] std::uint64_t digest() const { return digest_; }
+  /// Changes of requests and domains since the window began.
+  [[nodiscard]] std::size_t inputs() const { return inputs_; }
+  /// Writes that the chip refused, ever.
+  [[nodiscard]] std::uint64_t refusals() const { return refusals_; }
+
+ private:
+  using Programmed = std::pair<EmResolvedKey, EmEntry>;
+  void handleStoreChange(const KilnAgent::StoreChange& change) override;
+  void handleOperation(const EmResolvedKey& key, Operation operation) override;
+  void handleUpcomingChange(const EmResolvedKey& key, Operation operation, const EmEntry* before) override;
+  void handleWritten(const EmResolvedKey& key, const EmEntry& entry,
+                     Asic::SwTableBase::EntryState outcome) override;
+  void handleChange(const IntfIdSystemTcamId& interface) override;
+  void handleChange(const std::string& stage) override;
+
+  template <class Db>
+  void requestChanged(const RequestPlace& place);
+  template <class Db>
+  void statusChanged(const RequestPlace& place);
+  void statusWritten(const RequestPlace& place, const std::optional<Request>& request,
+                     const StatusSeen& seen);
+  [[nodiscard]] bool accepted(const RequestPlace& place, const EmEntry& entry) const;
+  void mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry);
+  void checkWindow(const Outcome& expected);
+  void say(std::string text);
+  void note(std::uint64_t what) { digest_ = (digest_ ^ what) * 0x100000001b3; }
+
+  KilnAgent::EmbeddedAgent& agent_;
+  std::string wrong_;
+  std::uint64_t digest_ = 0xcbf29ce484222325;
+  std::uint64_t refusals_ = 0;
+
+  // Of the store.
+  std::set<RequestPlace> present_;  ///< requests that stand
+
+  // Of this server.
+  std::set<RequestPlace> insertedSinceStart_;  ///< requests that came while it was there
+  std::set<Programmed> accepted_;
+  std::map<EmResolvedKey, std::pair<EmEntry, bool>> lastWrite_;  ///< and whether it was refused
+  std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
+
+  // Of this window.
+  std::size_t changes_ = 0;
+  std::size_t inputs_ = 0;
+  bool comparable_ = false;  ///< at the window's begin
+  Outcome before_;
+  std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
+  std::set<std::pair<EmRequestKey, EmEntry>> requested_;
+  std::set<Programmed> mayBeProgrammed_;
+  std::set<RequestPlace> statusChanges_;
+  std::set<EmResolvedKey> touched_;  ///< under which the chip came to hold something else
+};
+
+}  // namespace KilnSim

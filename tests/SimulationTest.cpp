@@ -1,0 +1,90 @@
+// What the simulation relies on besides its judge: plans that survive being written, and a judge that sees.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "agent/EmbeddedAgent.h"
+#include "agent/Scenario.h"
+#include "sim/Minimize.h"
+#include "sim/Plan.h"
+#include "sim/Recompute.h"
+#include "sim/Watch.h"
+
+namespace KilnSim {
+namespace {
+
+TEST(Simulation, AWrittenPlanDoesTheSame) {
+  for (const std::string_view profile : kProfiles) {
+    const Plan plan = drawPlan(7, 150, profile);
+    Tally tally;
+    const Verdict verdict = run(plan, tally, nullptr);
+    ASSERT_EQ("", verdict.wrong);
+    const std::string path = testing::TempDir() + "/plan.jsonl";
+    std::ofstream(path) << scenarioOf(plan, verdict);
+    const Plan read = readPlan(path);
+    Tally again;
+    EXPECT_EQ(verdict.digest, run(read, again, nullptr).digest) << profile;
+    EXPECT_EQ(tally.tasks, again.tasks) << profile;
+    // An agent that only executes the scenario goes the same way.
+    KilnAgent::EmbeddedAgent agent(agentOptions(read));
+    KilnAgent::Scenario scenario(agent, true, 1, {});
+    std::ifstream lines(path);
+    scenario.run(lines, "plan");
+    EXPECT_EQ(tally.tasks, agent.scheduler().counters().slices) << profile;
+  }
+}
+
+TEST(Simulation, TheChangesSinceTheLastCommitAreLostInACrash) {
+  KilnAgent::EmbeddedAgent agent({});
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  const auto mpls = [](int label, const char* op) {
+    return fmt::format(
+        R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}})",
+        op, label);
+  };
+  const std::string entry = R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
+  scenario.runLine(mpls(1, "publish") + entry);
+  scenario.settle();
+  scenario.runLine(R"({"op":"commit"})");
+  scenario.runLine(mpls(1, "withdraw") + "}");
+  scenario.runLine(mpls(2, "publish") + entry);
+  scenario.runLine(R"({"op":"removeFeature","feature":"srv6"})");
+  scenario.settle();
+  scenario.runLine(R"({"op":"crash","lost":true})");
+  scenario.settle();
+  EXPECT_TRUE(agent.store().features().has(FeatureType::srv6));
+  const Wanted wanted = wantedOf(agent);
+  ASSERT_EQ(1U, wanted.requests.size());
+  EXPECT_EQ("", difference(recompute(wanted), outcomeOf(agent)));
+}
+
+/// Publishes a status that the server would not, behind its back.
+std::string wrongAfter(EmStatus status, std::uint32_t version, bool withRequest) {
+  using Isem = KilnTunnelNiLib::Isem;
+  KilnAgent::EmbeddedAgent agent({});
+  agent.settle();
+  Watch watch(agent);
+  const KilnTunnelNiLib::IsemEntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
+                                          KilnTunnelNiLib::IsemMplsComposerKey{1, 0}};
+  if (withRequest) {
+    agent.store().requestIs<Isem>(
+        FeatureType::mpls, key,
+        {{KilnTunnelNiLib::IsemMplsEntry{1, 1}}, 4, KilnTunnelNiLib::RequestKind::add});
+  }
+  agent.store().isemSrvStatus(FeatureType::mpls)->statusIs({key, {}, version, 1, status, 1});
+  return watch.takeWrong();
+}
+
+TEST(Simulation, TheJudgeSeesStatusesThatAreNotTrue) {
+  EXPECT_EQ("", wrongAfter(EmStatus::hwPending, 4, true));
+  EXPECT_NE("", wrongAfter(EmStatus::hwPending, 3, true));
+  EXPECT_NE("", wrongAfter(EmStatus::hwSuccess, 4, true));
+  EXPECT_NE("", wrongAfter(EmStatus::hwPending, 4, false));
+}
+
+}  // namespace
+}  // namespace KilnSim

@@ -1,0 +1,106 @@
+#!/usr/bin/env python3
+"""Plants the faults of sim/mutations.json one at a time and shows what catches each.
+
+All faults go into one scratch copy of the tracked files, each behind a test of the environment variable KILN_MUTANT, so
+that one build serves them all. Prints a table: planted, caught by, after how many seeds. Exit 1 where one survives.
+"""
+import argparse
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+SWITCH = """
+#include <cstdlib>
+/// Whether the fault of this number is planted.
+inline bool kilnMutant(int number) {
+  static const int planted = std::getenv("KILN_MUTANT") ? std::atoi(std::getenv("KILN_MUTANT")) : 0;
+  return planted == number;
+}
+"""
+
+
+def copy_tree(root, scratch):
+    files = subprocess.run(["git", "ls-files"], cwd=root, check=True, capture_output=True, text=True).stdout.split()
+    for name in files:
+        target = scratch / name
+        target.parent.mkdir(parents=True, exist_ok=True)
+        content = (root / name).read_bytes() if (root / name).is_file() else b""
+        if not target.is_file() or target.read_bytes() != content:
+            target.write_bytes(content)
+
+
+def plant(scratch, number, mutation, texts):
+    """A statement, which ends with ; or }, becomes if/else; anything else is an expression."""
+    path, old, new = mutation["file"], mutation["old"], mutation["new"]
+    text = texts.setdefault(path, (scratch / path).read_text())
+    if text.count(old) != mutation.get("times", 1):
+        sys.exit(f"{path}: {mutation['name']}: found {text.count(old)} times: {old}")
+    if old.rstrip()[-1] in ";}":
+        planted = f"if (kilnMutant({number})) {{ {new} }} else {{ {old} }}"
+    else:
+        planted = f"(kilnMutant({number}) ? ({new}) : ({old}))"
+    texts[path] = text.replace(old, planted)
+
+
+def run(command, number, timeout):
+    environment = dict(os.environ, KILN_MUTANT=str(number))
+    try:
+        done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout, errors="replace")
+        return done.returncode, done.stdout
+    except subprocess.TimeoutExpired as late:
+        return -1, (late.stdout or b"").decode(errors="replace")
+
+
+def judge(binaries, number, options):
+    """By what the fault is caught, and after how many seeds."""
+    code, told = run([binaries / "kiln-sim", "--seeds", f"1..{options.seeds}", "--steps", str(options.steps),
+                      "--failures", "1"], number, options.timeout)
+    if code != 0:
+        seed = re.search(r"FAILED seed (\d+).*\n(.*)", told)
+        return ("simulation", seed.group(1), seed.group(2)[:70]) if seed else ("simulation", "-", "ended")
+    if (binaries / "kiln-tests").exists():
+        code, told = run([binaries / "kiln-tests", "--gtest_brief=1"], number, options.timeout)
+        failed = re.search(r"\[  FAILED  \] (\S+)", told)
+        if code != 0:
+            return "tests", "-", failed.group(1) if failed else "died"
+    return "SURVIVES", options.seeds, ""
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--scratch", default="/tmp/kiln-mutants")
+    parser.add_argument("--seeds", type=int, default=300)
+    parser.add_argument("--steps", type=int, default=500)
+    parser.add_argument("--timeout", type=int, default=300, help="seconds for one fault")
+    parser.add_argument("--only", type=int, nargs="*", help="numbers of faults")
+    parser.add_argument("--tests", action="store_true", help="also build and run kiln-tests")
+    options = parser.parse_args()
+    root = pathlib.Path(__file__).resolve().parent.parent
+    scratch = pathlib.Path(options.scratch)
+    mutations = json.loads((root / "sim/mutations.json").read_text())
+    copy_tree(root, scratch)
+    texts = {}
+    for number, mutation in enumerate(mutations, 1):
+        plant(scratch, number, mutation, texts)
+    texts["platform/Assert.h"] = (scratch / "platform/Assert.h").read_text() + SWITCH
+    for path, text in texts.items():
+        (scratch / path).write_text(text)
+    subprocess.run(["cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
+                   stdout=subprocess.DEVNULL)
+    targets = ["kiln-sim"] + (["kiln-tests"] if options.tests else [])
+    subprocess.run(["cmake", "--build", "--preset", "release", "--target", *targets], cwd=scratch, check=True,
+                   stdout=subprocess.DEVNULL)
+    survivors = 0
+    for number, mutation in enumerate(mutations, 1):
+        if options.only and number not in options.only:
+            continue
+        caught, seeds, what = judge(scratch / "build/release/bin", number, options)
+        survivors += caught == "SURVIVES"
+        print(f"{number:2}  {mutation['name']:58} {caught:10} {seeds!s:>5}  {what}", flush=True)
+    sys.exit(1 if survivors else 0)
+
+
+main()
