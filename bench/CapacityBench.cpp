@@ -9,8 +9,10 @@
 #include "bench/Requests.h"
 #include "server/KilnEmServerSm.h"
 
-namespace KilnAgent {
+namespace KilnBench {
 namespace {
+
+using namespace KilnAgent;
 
 AgentOptions eightFaps() {
   AgentOptions options;
@@ -33,7 +35,11 @@ void changeExternalUse(EmbeddedAgent& agent, std::uint32_t entries) {
 // The counters are per update, and tell without a clock what was done: slices run, and rows written.
 void capacityUpdate(benchmark::State& state) {
   EmbeddedAgent agent(eightFaps());
-  publishAll(agent, static_cast<std::uint32_t>(state.range(0)), 1);
+  for (std::uint32_t n = 0; n < static_cast<std::uint32_t>(state.range(0)); ++n) {
+    const Request request = requestOf(kMixed, n);
+    publish(agent.store(), request, entryOf(request.key, n, 1), 1);
+  }
+  agent.settle();
   const auto& done = agent.server().semCapacitySm()->counters();
   const auto before = done;
   const auto slices = agent.scheduler().counters().slices;
@@ -49,4 +55,4 @@ void capacityUpdate(benchmark::State& state) {
 BENCHMARK(capacityUpdate)->Arg(1'000)->Arg(500'000)->Iterations(10'000)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
-}  // namespace KilnAgent
+}  // namespace KilnBench

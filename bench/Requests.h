@@ -1,51 +1,48 @@
-// The requests that benchmarks publish.
+// The requests that benchmarks publish: of one key type, or of all in the shares of an edge between a metro
+// network and its customers.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <optional>
+#include <string_view>
 
-#include "agent/EmbeddedAgent.h"
-#include "platform/KilnTunnelNiLib.h"
-#include "runtime/EmTypes.h"
+#include "agent/MemoryStateStore.h"
+#include "platform/EmKeys.h"
 
-namespace KilnAgent {
+namespace KilnBench {
 
-template <class Db>
-void publish(MemoryStateStore& store, KilnEmServer::FeatureType feature,
-             const KilnEmServer::EmComposerKey& key, const KilnEmServer::EmEntry& entry,
-             std::uint32_t version) {
-  KilnTunnelNiLib::SrvConfigEntry<typename Db::ClientData> request;
-  request.clientData.*Db::kEntryOfClientData = entry;
-  request.requestVersion = version;
-  store.requestIs<Db>(feature, {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), key},
-                      request);
-}
+/// A key type, or `undefined_` for the mix of all.
+using RequestMix = KilnEmServer::EmComposerKeyUnionTag;
+inline constexpr RequestMix kMixed = RequestMix::undefined_;
 
-/// The n-th request of a mix of the four directly translated key types.
-inline void publishMixed(MemoryStateStore& store, std::uint32_t n, std::uint32_t version) {
-  using namespace KilnTunnelNiLib;
-  using KilnEmServer::FeatureType;
-  switch (n % 4) {
-    case 0:
-      return publish<Isem>(store, FeatureType::mpls, IsemMplsComposerKey{n, 0}, IsemMplsEntry{n, 3}, version);
-    case 1:
-      return publish<Isem>(store, FeatureType::evpn,
-                           IsemInnerEthComposerKey{static_cast<std::uint16_t>(n / 4 % 65536),
-                                                   static_cast<std::uint8_t>(n / 4 / 65536)},
-                           IsemInnerEthEntry{n, 3}, version);
-    case 2:
-      return publish<Esem>(store, FeatureType::vxlan, EsemFodoComposerKey{n / 4}, EsemFodoEntry{n, 1},
-                           version);
-    default:
-      return publish<Lem>(store, FeatureType::vpws,
-                          LemVpwsAcComposerKey{n / 4, static_cast<std::uint16_t>(n % 4096), 1, 0, 0},
-                          LemVpwsAcEntry{n, 2, 3}, version);
-  }
-}
+/// "mixed", or as the type's table is called.
+std::string_view mixName(RequestMix mix);
+/// The most requests of a mix that all have a hardware key of their own.
+std::uint32_t mostRequests(RequestMix mix);
 
-/// Publishes that many and runs until they are answered.
-inline void publishAll(EmbeddedAgent& agent, std::uint32_t requests, std::uint32_t version) {
-  for (std::uint32_t n = 0; n < requests; ++n) publishMixed(agent.store(), n, version);
-  agent.settle();
-}
+/// Interfaces whose requests need a VLAN domain, each with a domain of its own.
+inline constexpr std::uint32_t kInterfaces = 480;
 
-}  // namespace KilnAgent
+/// A request in the terms of one database.
+struct Request {
+  KilnEmServer::EmType database;
+  KilnEmServer::FeatureType feature;
+  KilnEmServer::EmComposerKey key;
+};
+/// The n-th request of a mix. Different numbers have different keys.
+Request requestOf(RequestMix mix, std::uint32_t n);
+/// The entry that a version of the n-th request asks for; another one for each version.
+KilnEmServer::EmEntry entryOf(const KilnEmServer::EmComposerKey& key, std::uint32_t n, std::uint32_t version);
+
+void publish(KilnAgent::MemoryStateStore& store, const Request& request, const KilnEmServer::EmEntry& entry,
+             std::uint32_t version);
+void withdraw(KilnAgent::MemoryStateStore& store, const Request& request);
+/// What a request's feature can read; null where nothing was published yet.
+struct StatusView {
+  KilnEmServer::EmStatus status;
+  std::uint32_t version;
+};
+std::optional<StatusView> statusOf(const KilnAgent::MemoryStateStore& store, const Request& request);
+
+}  // namespace KilnBench

@@ -1,0 +1,108 @@
+// What the whole server is compared with: chains of 14 stages that do as little as such a chain can do, and
+// that do it as one would at first. Each stage owns one collection, reads the one before it, and notifies
+// the next. Keys have 40 bytes, values from 8 to 96.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "bench/Measure.h"
+
+namespace KilnBench {
+
+struct ChainKey {
+  std::array<std::uint64_t, 5> words;
+  friend bool operator==(const ChainKey&, const ChainKey&) = default;
+};
+
+/// The n-th key; its words are mixed, as fields of real keys are not all equal.
+constexpr ChainKey chainKey(std::uint32_t n) {
+  return {{n, n * 3 + std::uint64_t{1}, n % 480U, n / 480U, 7}};
+}
+
+constexpr std::uint64_t hashOf(const ChainKey& key) {
+  std::uint64_t hash = 0x9E3779B97F4A7C15U;
+  for (const std::uint64_t word : key.words) hash = (hash ^ word) * 0xBF58476D1CE4E5B9U, hash ^= hash >> 31U;
+  return hash;
+}
+
+inline constexpr std::size_t kStages = 14;
+/// Bytes of a value in each stage's collection: 616 in all.
+inline constexpr std::array<std::size_t, kStages> kValueBytes{96, 64, 8,  16, 40, 48, 64,
+                                                              48, 40, 24, 32, 40, 32, 64};
+
+template <std::size_t stage>
+struct ChainValue {
+  std::array<std::uint64_t, kValueBytes[stage] / 8> words;
+  /// Without the call of memcmp that a comparison of arrays becomes.
+  friend bool operator==(const ChainValue& a, const ChainValue& b) {
+    return [&]<std::size_t... at>(std::index_sequence<at...>) {
+      return ((a.words[at] == b.words[at]) && ...);
+    }
+    (std::make_index_sequence<kValueBytes[stage] / 8>());
+  }
+};
+
+/// The request of a version.
+constexpr ChainValue<0> chainRequest(std::uint32_t n, std::uint32_t version) {
+  ChainValue<0> value{};
+  for (std::size_t i = 0; i < value.words.size(); ++i) value.words[i] = n + i;
+  value.words[0] = version;
+  return value;
+}
+
+/// What a stage makes of the value of the one before it.
+template <std::size_t stage>
+constexpr ChainValue<stage> chainStep(const ChainValue<stage - 1>& before) {
+  ChainValue<stage> value;
+  [&]<std::size_t... at>(std::index_sequence<at...>) {
+    ((value.words[at] = before.words[at % (kValueBytes[stage - 1] / 8)]), ...);
+  }
+  (std::make_index_sequence<kValueBytes[stage] / 8>());
+  value.words[0] += stage;
+  return value;
+}
+
+/// The least that a chain can cost: keys interned once, columns by 32-bit handle in pages, lists of changed
+/// handles with a dirty bit, batches of 256 that go through all stages, memory fetched ahead. Hand-written,
+/// without a runtime: nothing can be plugged in, scanned, yielded, restarted or traced.
+class FloorChain {
+ public:
+  FloorChain();
+  ~FloorChain();
+  FloorChain(const FloorChain&) = delete;
+  FloorChain& operator=(const FloorChain&) = delete;
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  /// Works off what was published and withdrawn since the last time.
+  void settle();
+  /// Entries that the last stage holds with what follows from this version.
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  struct Content;
+  std::unique_ptr<Content> content_;
+};
+
+/// A chain as one would write it at first: a map per stage, a std::function per subscription, called at once,
+/// which reads the value by key.
+class NaiveChain {
+ public:
+  NaiveChain();
+  ~NaiveChain();
+  NaiveChain(const NaiveChain&) = delete;
+  NaiveChain& operator=(const NaiveChain&) = delete;
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle() {}
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  struct Content;
+  std::unique_ptr<Content> content_;
+};
+
+}  // namespace KilnBench

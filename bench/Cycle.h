@@ -1,0 +1,131 @@
+// The four operations, one after the other, on anything that takes requests.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+
+#include "bench/Measure.h"
+
+namespace KilnBench {
+
+enum class Operation : std::uint8_t { firstInsert, newVersion, republish, restart, withdraw };
+inline constexpr std::array<std::string_view, 5> kOperationNames = {"firstInsert", "newVersion", "republish",
+                                                                    "restart", "withdraw"};
+constexpr std::size_t indexOf(Operation operation) {
+  return static_cast<std::size_t>(operation);
+}
+
+/// What an operation cost, per entry.
+struct Cost {
+  double nanoseconds = 0;
+  double allocations = 0;
+  /// What the heap holds after it, above what it held when nothing had been published.
+  double bytes = 0;
+};
+using CycleCost = std::array<Cost, kOperationNames.size()>;
+
+/// How a cycle is run.
+struct CycleSetting {
+  std::uint32_t entries = 0;
+  bool shuffled = false;  ///< each operation in an order of its own
+  /// Requests that are handed in before the subject may work on them.
+  std::uint32_t burst = 256;
+};
+
+/// Told when an operation begins and when it is done.
+class CycleObserver {
+ public:
+  virtual void begin(Operation operation) = 0;
+  virtual void end(Operation operation) = 0;
+
+ protected:
+  ~CycleObserver() = default;
+};
+
+/// Runs the operations over one subject, which must be empty, and checks after each what it led to.
+template <class Subject>
+class Cycle {
+ public:
+  Cycle(Subject& subject, const CycleSetting& setting, CycleObserver* observer = nullptr)
+      : subject_(subject), setting_(setting), observer_(observer), bytesBefore_(heapBytes()) {}
+
+  CycleCost run() {
+    insert();
+    newVersion(2);
+    measure(Operation::republish, [this](std::uint32_t n) { subject_.publish(n, 2); });
+    if constexpr (requires { subject_.stop(); }) restart();
+    withdraw();
+    return cost_;
+  }
+  void insert() {
+    measure(Operation::firstInsert, [this](std::uint32_t n) { subject_.publish(n, 1); });
+    expect(1, setting_.entries);
+  }
+  void newVersion(std::uint32_t version) {
+    measure(Operation::newVersion, [=, this](std::uint32_t n) { subject_.publish(n, version); });
+    expect(version, setting_.entries);
+  }
+  void withdraw() {
+    measure(Operation::withdraw, [this](std::uint32_t n) { subject_.withdraw(n); });
+    expect(2, 0);
+  }
+  void restart() {
+    subject_.stop();
+    if constexpr (requires { subject_.start(); }) {
+      const std::vector<std::uint32_t> none;
+      measureOver(
+          Operation::restart, none, [](std::uint32_t) {}, [this] { subject_.start(); });
+    } else {
+      measure(Operation::restart, [this](std::uint32_t n) { subject_.publish(n, 2); });
+      subject_.reconciled();
+      subject_.settle();
+    }
+    expect(2, setting_.entries);
+  }
+  [[nodiscard]] const CycleCost& cost() const { return cost_; }
+
+ private:
+  template <class Step>
+  void measure(Operation operation, Step&& step) {
+    measureOver(operation, numbers(setting_.entries, setting_.shuffled, indexOf(operation) + 1), step, [] {});
+  }
+  template <class Step, class First>
+  void measureOver(Operation operation, const std::vector<std::uint32_t>& order, Step&& step, First&& first) {
+    const std::size_t orderBytes = order.capacity() * sizeof(order[0]);
+    if (observer_ != nullptr) observer_->begin(operation);
+    const std::uint64_t allocationsBefore = allocations();
+    const double nanoseconds = timed([&] {
+      first();
+      std::uint32_t untilSettled = setting_.burst;
+      for (const std::uint32_t n : order) {
+        step(n);
+        if (--untilSettled != 0) continue;
+        subject_.settle();
+        untilSettled = setting_.burst;
+      }
+      subject_.settle();
+      if constexpr (requires { subject_.finish(); }) subject_.finish();
+    });
+    const auto asked = static_cast<double>(allocations() - allocationsBefore);
+    if (observer_ != nullptr) observer_->end(operation);
+    const double entries = setting_.entries;
+    const auto bytes = static_cast<double>(heapBytes()) - static_cast<double>(bytesBefore_ + orderBytes);
+    cost_[indexOf(operation)] = {nanoseconds / entries, asked / entries, bytes / entries};
+  }
+  void expect(std::uint32_t version, std::uint32_t entries) const {
+    if (subject_.settled(version) != entries) {
+      throw std::runtime_error("what was measured did not do its work");
+    }
+  }
+
+  Subject& subject_;
+  CycleSetting setting_;
+  CycleObserver* observer_;
+  std::size_t bytesBefore_;
+  CycleCost cost_{};
+};
+
+}  // namespace KilnBench

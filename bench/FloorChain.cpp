@@ -1,0 +1,291 @@
+#include <cstdlib>
+#include <memory>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "bench/Chain.h"
+
+namespace KilnBench {
+namespace {
+
+constexpr std::size_t kBatch = 256;
+constexpr std::size_t kAhead = 16;  ///< items between the one that is handled and the one that is fetched
+
+using Handle = std::uint32_t;
+constexpr Handle kNone = ~Handle{0};
+
+/// Fetches the lines of `bytes` bytes. Inlined by force: g++ 12 drops calls to a function that does no more.
+template <std::size_t bytes>
+[[gnu::always_inline]] inline void fetch(const void* memory) {
+  const auto* begin = static_cast<const std::byte*>(memory);
+  __builtin_prefetch(begin);
+  if constexpr (bytes > 64) __builtin_prefetch(begin + 64);
+  if constexpr (bytes > 8) __builtin_prefetch(begin + bytes - 8);
+}
+
+/// Elements that never move, by handle.
+template <class T>
+class Pages {
+ public:
+  static constexpr std::size_t kPerPage = 1024;
+  [[nodiscard]] T& operator[](Handle handle) { return pages_[handle / kPerPage][handle % kPerPage]; }
+  [[nodiscard]] const T& operator[](Handle handle) const {
+    return pages_[handle / kPerPage][handle % kPerPage];
+  }
+  /// Makes room for a handle, the one after the greatest so far.
+  void makeRoom(Handle handle) {
+    if (handle == pages_.size() * kPerPage) pages_.push_back(std::make_unique_for_overwrite<T[]>(kPerPage));
+  }
+
+ private:
+  std::vector<std::unique_ptr<T[]>> pages_;
+};
+
+class Bits {
+ public:
+  void makeRoom(Handle handle) {
+    if (handle / 64 == words_.size()) words_.push_back(0);
+  }
+  [[nodiscard]] bool test(Handle handle) const { return (words_[handle / 64] >> (handle % 64) & 1U) != 0; }
+  /// True where it was not set.
+  bool set(Handle handle) {
+    const std::uint64_t before = words_[handle / 64];
+    words_[handle / 64] = before | std::uint64_t{1} << (handle % 64);
+    return words_[handle / 64] != before;
+  }
+  void reset(Handle handle) { words_[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
+
+ private:
+  std::vector<std::uint64_t> words_;
+};
+
+/// From hashes to handles: linear probing over 8-byte cells.
+class Index {
+ public:
+  [[gnu::always_inline]] inline void fetchCell(std::uint32_t hash) const { fetch<8>(&cells_[hash & mask()]); }
+  /// The handle under a hash that is the key's, in all probability.
+  [[nodiscard]] Handle likely(std::uint32_t hash) const {
+    return find(hash, [](Handle) { return true; });
+  }
+  template <class Equal>
+  [[nodiscard]] Handle find(std::uint32_t hash, Equal&& equal) const {
+    for (std::size_t at = hash & mask(); cells_[at].next != 0; at = (at + 1) & mask()) {
+      if (cells_[at].hash == hash && equal(cells_[at].next - 1)) return cells_[at].next - 1;
+    }
+    return kNone;
+  }
+  void insert(std::uint32_t hash, Handle handle) {
+    if (++size_ * 4 > cells_.size() * 3) grow();
+    place({hash, handle + 1});
+  }
+  void erase(std::uint32_t hash, Handle handle) {
+    std::size_t hole = hash & mask();
+    while (cells_[hole].next != handle + 1) hole = (hole + 1) & mask();
+    for (std::size_t at = (hole + 1) & mask(); cells_[at].next != 0; at = (at + 1) & mask()) {
+      if (((at - (cells_[at].hash & mask())) & mask()) < ((at - hole) & mask())) continue;
+      cells_[hole] = cells_[at];
+      hole = at;
+    }
+    cells_[hole] = {};
+    --size_;
+  }
+
+ private:
+  struct Cell {
+    std::uint32_t hash = 0;
+    std::uint32_t next = 0;  ///< the handle plus one; 0 in an empty cell
+  };
+  [[nodiscard]] std::size_t mask() const { return cells_.size() - 1; }
+  void place(Cell cell) {
+    std::size_t at = cell.hash & mask();
+    while (cells_[at].next != 0) at = (at + 1) & mask();
+    cells_[at] = cell;
+  }
+  void grow() {
+    const std::vector<Cell> before = std::exchange(cells_, std::vector<Cell>(cells_.size() * 2));
+    for (const Cell& cell : before) {
+      if (cell.next != 0) place(cell);
+    }
+  }
+
+  std::vector<Cell> cells_ = std::vector<Cell>(1024);
+  std::size_t size_ = 0;
+};
+
+template <std::size_t stage>
+struct Column {
+  Pages<ChainValue<stage>> values;
+  Bits present;
+  Bits dirty;  ///< stands in the list of what this stage is to handle
+};
+
+template <class Stages>
+struct Columns;
+template <std::size_t... stages>
+struct Columns<std::index_sequence<stages...>> {
+  using Type = std::tuple<Column<stages>...>;
+};
+
+/// What was published or withdrawn and is not handled yet.
+struct Change {
+  ChainKey key;
+  std::uint32_t hash;
+  std::uint32_t n;
+  std::uint32_t version;  ///< 0 where it was withdrawn
+};
+
+}  // namespace
+
+struct FloorChain::Content {
+  template <std::size_t stage>
+  auto& column() {
+    return std::get<stage>(columns);
+  }
+
+  void add(std::uint32_t n, std::uint32_t version) {
+    Change& change = intake[waiting++];
+    change = {chainKey(n), 0, n, version};
+    change.hash = static_cast<std::uint32_t>(hashOf(change.key));
+    index.fetchCell(change.hash);
+    if (waiting == kBatch) handleBatch();
+  }
+
+  [[gnu::always_inline]] inline void fetchRequest(std::uint32_t hash) {
+    const Handle handle = index.likely(hash);
+    if (handle == kNone) return;
+    fetch<sizeof(ChainKey)>(&keys[handle]);
+    fetch<kValueBytes[0]>(&column<0>().values[handle]);
+  }
+
+  Handle intern(const Change& change) {
+    const Handle found = find(change);
+    if (found != kNone) return found;
+    Handle handle = used;
+    if (free.empty()) {
+      makeRoom(used++);
+    } else {
+      handle = free.back();
+      free.pop_back();
+    }
+    keys[handle] = change.key;
+    index.insert(change.hash, handle);
+    return handle;
+  }
+  [[nodiscard]] Handle find(const Change& change) const {
+    return index.find(change.hash, [&](Handle handle) { return keys[handle] == change.key; });
+  }
+  void makeRoom(Handle handle) {
+    keys.makeRoom(handle);
+    std::apply(
+        [handle](auto&... each) {
+          (each.values.makeRoom(handle), ...);
+          (each.present.makeRoom(handle), ...);
+          (each.dirty.makeRoom(handle), ...);
+        },
+        columns);
+  }
+
+  void takeIn(const Change& change) {
+    auto& own = column<0>();
+    if (change.version == 0) {
+      const Handle handle = find(change);
+      if (handle == kNone || !own.present.test(handle)) return;
+      own.present.reset(handle);
+      if (column<1>().dirty.set(handle)) changed[0].push_back(handle);
+      return;
+    }
+    const Handle handle = intern(change);
+    const ChainValue<0> request = chainRequest(change.n, change.version);
+    if (!own.present.set(handle) && own.values[handle] == request) return;
+    own.values[handle] = request;
+    if (column<1>().dirty.set(handle)) changed[0].push_back(handle);
+  }
+
+  template <std::size_t stage>
+  void handleStage() {
+    const std::vector<Handle>& in = changed[stage - 1];
+    for (std::size_t i = 0; i < in.size(); ++i) {
+      if (i + kAhead < in.size()) {
+        fetch<kValueBytes[stage - 1]>(&column<stage - 1>().values[in[i + kAhead]]);
+        fetch<kValueBytes[stage]>(&column<stage>().values[in[i + kAhead]]);
+      }
+      handle<stage>(in[i]);
+    }
+    changed[stage - 1].clear();
+  }
+  template <std::size_t stage>
+  void handle(Handle handle) {
+    auto& own = column<stage>();
+    own.dirty.reset(handle);
+    if (column<stage - 1>().present.test(handle)) {
+      const auto value = chainStep<stage>(column<stage - 1>().values[handle]);
+      if (!own.present.set(handle) && own.values[handle] == value) return;
+      own.values[handle] = value;
+    } else {
+      if (!own.present.test(handle)) return;
+      own.present.reset(handle);
+    }
+    if constexpr (stage + 1 < kStages) {
+      if (column<stage + 1>().dirty.set(handle)) changed[stage].push_back(handle);
+    } else {
+      changed[stage].push_back(handle);
+    }
+  }
+  /// What is gone from the last stage is gone from all.
+  void release() {
+    for (const Handle handle : changed[kStages - 1]) {
+      if (column<kStages - 1>().present.test(handle)) continue;
+      index.erase(static_cast<std::uint32_t>(hashOf(keys[handle])), handle);
+      free.push_back(handle);
+    }
+    changed[kStages - 1].clear();
+  }
+
+  void handleBatch() {
+    for (std::size_t i = 0; i < waiting; ++i) {
+      if (i + kAhead < waiting) fetchRequest(intake[i + kAhead].hash);
+      takeIn(intake[i]);
+    }
+    waiting = 0;
+    [this]<std::size_t... before>(std::index_sequence<before...>) {
+      (handleStage<before + 1>(), ...);
+    }
+    (std::make_index_sequence<kStages - 1>());
+    release();
+  }
+
+  Index index;
+  Pages<ChainKey> keys;
+  std::vector<Handle> free;
+  Handle used = 0;
+  Columns<std::make_index_sequence<kStages>>::Type columns;
+  std::array<std::vector<Handle>, kStages> changed;  ///< by the stage that changed
+  std::array<Change, kBatch> intake{};
+  std::size_t waiting = 0;
+};
+
+FloorChain::FloorChain() : content_(std::make_unique<Content>()) {}
+FloorChain::~FloorChain() = default;
+
+void FloorChain::publish(std::uint32_t n, std::uint32_t version) {
+  content_->add(n, version);
+}
+void FloorChain::withdraw(std::uint32_t n) {
+  content_->add(n, 0);
+}
+void FloorChain::settle() {
+  content_->handleBatch();
+}
+std::uint32_t FloorChain::settled(std::uint32_t version) const {
+  const auto& last = std::get<kStages - 1>(content_->columns);
+  std::uint32_t count = 0;
+  for (Handle handle = 0; handle < content_->used; ++handle) {
+    if (last.present.test(handle) && last.values[handle].words[0] == version + kStages * (kStages - 1) / 2) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+}  // namespace KilnBench

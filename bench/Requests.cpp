@@ -1,0 +1,160 @@
+#include "bench/Requests.h"
+
+#include "platform/KilnTunnelNiLib.h"
+#include "runtime/EmTypes.h"
+
+namespace KilnBench {
+namespace {
+
+using namespace KilnTunnelNiLib;
+using KilnAgent::withDatabase;
+using KilnEmServer::EmComposerKey;
+using KilnEmServer::EmEntry;
+using KilnEmServer::FeatureType;
+
+constexpr std::uint32_t kVlanIds = 4094;
+constexpr std::uint32_t kFodoIds = 1U << 18U;
+
+/// Of a hundred requests of the mix, those below `below` and not below the one before have this type.
+struct Share {
+  std::uint32_t below;
+  RequestMix type;
+};
+constexpr std::array<Share, 8> kShares{{{30, RequestMix::isem1TagEntryKey},
+                                        {50, RequestMix::isem2TagEntryKey},
+                                        {57, RequestMix::esemFodoVdEntryKey},
+                                        {58, RequestMix::isemUntaggedEntryKey},
+                                        {80, RequestMix::isemMplsEntryKey},
+                                        {90, RequestMix::lemVpwsAcEntryKey},
+                                        {96, RequestMix::esemFodoEntryKey},
+                                        {100, RequestMix::isemInnerEthEntryKey}}};
+
+RequestMix typeOf(RequestMix mix, std::uint32_t n) {
+  if (mix != kMixed) return mix;
+  const std::uint32_t draw = n * 37 % 100;
+  for (const Share& share : kShares) {
+    if (draw >= share.below) continue;
+    // The types with few keys leave room to others.
+    if (share.type == RequestMix::isemUntaggedEntryKey && n >= kInterfaces) {
+      return RequestMix::isem1TagEntryKey;
+    }
+    if (share.type == RequestMix::esemFodoEntryKey && n >= kFodoIds) return RequestMix::lemVpwsAcEntryKey;
+    return share.type;
+  }
+  return mix;
+}
+
+constexpr std::uint16_t u16(std::uint32_t number) {
+  return static_cast<std::uint16_t>(number);
+}
+constexpr std::uint8_t u8(std::uint32_t number) {
+  return static_cast<std::uint8_t>(number);
+}
+
+constexpr FeatureType featureOf(RequestMix type) {
+  switch (type) {
+    case RequestMix::isemUntaggedEntryKey:
+      return FeatureType::bridging;
+    case RequestMix::isemInnerEthEntryKey:
+      return FeatureType::evpn;
+    case RequestMix::isemMplsEntryKey:
+      return FeatureType::mpls;
+    case RequestMix::lemVpwsAcEntryKey:
+      return FeatureType::vpws;
+    default:
+      return FeatureType::subinterface;
+  }
+}
+
+EmComposerKey keyOf(RequestMix type, std::uint32_t n) {
+  const std::uint64_t interface = 1000 + n % kInterfaces;
+  const std::uint32_t rest = n / kInterfaces;
+  switch (type) {
+    case RequestMix::isemUntaggedEntryKey:
+      return IsemUntaggedComposerKey{interface, 0};
+    case RequestMix::isem1TagEntryKey:
+      return Isem1TagComposerKey{interface, 0, u16(1 + rest % kVlanIds)};
+    case RequestMix::isem2TagEntryKey:
+      return Isem2TagComposerKey{interface, 0, u16(1 + rest % kVlanIds), u16(1 + rest / kVlanIds)};
+    case RequestMix::esemFodoVdEntryKey:
+      return EsemFodoVdComposerKey{interface, 0, rest};
+    case RequestMix::isemInnerEthEntryKey:
+      return IsemInnerEthComposerKey{u16(n), u8(n >> 16U)};
+    case RequestMix::isemMplsEntryKey:
+      return IsemMplsComposerKey{16 + n, 0};
+    case RequestMix::esemFodoEntryKey:
+      return EsemFodoComposerKey{n};
+    default:
+      return LemVpwsAcComposerKey{n % (1U << 20U), u16(1 + n % kVlanIds), u16(1 + (n >> 20U)), u8(n % 8), 0};
+  }
+}
+
+}  // namespace
+
+std::string_view mixName(RequestMix mix) {
+  return mix == kMixed ? "mixed" : KilnPlatform::kTableStems[static_cast<std::size_t>(mix)];
+}
+
+std::uint32_t mostRequests(RequestMix mix) {
+  if (mix == RequestMix::isemUntaggedEntryKey) return kInterfaces;
+  return mix == RequestMix::esemFodoEntryKey ? kFodoIds : kInterfaces * kVlanIds;
+}
+
+Request requestOf(RequestMix mix, std::uint32_t n) {
+  const RequestMix type = typeOf(mix, n);
+  return {KilnEmServer::emTypeOf(type), featureOf(type), keyOf(type, n)};
+}
+
+EmEntry entryOf(const EmComposerKey& key, std::uint32_t n, std::uint32_t version) {
+  const std::uint32_t lif = n + version;
+  switch (key.tag()) {
+    case RequestMix::isemUntaggedEntryKey:
+      return IsemUntaggedEntry{lif, 3, 1};
+    case RequestMix::isem1TagEntryKey:
+      return Isem1TagEntry{lif, 3, 1};
+    case RequestMix::isem2TagEntryKey:
+      return Isem2TagEntry{lif, 3, 1};
+    case RequestMix::esemFodoVdEntryKey:
+      return EsemFodoVdEntry{lif, 1};
+    case RequestMix::isemInnerEthEntryKey:
+      return IsemInnerEthEntry{lif, 3};
+    case RequestMix::isemMplsEntryKey:
+      return IsemMplsEntry{lif, 3};
+    case RequestMix::esemFodoEntryKey:
+      return EsemFodoEntry{lif, 1};
+    default:
+      return LemVpwsAcEntry{lif, 2, n};
+  }
+}
+
+void publish(KilnAgent::MemoryStateStore& store, const Request& request, const EmEntry& entry,
+             std::uint32_t version) {
+  withDatabase(request.database, [&]<class Db>() {
+    KilnAgent::MemoryStateStore::Request<Db> record;
+    record.clientData.*Db::kEntryOfClientData = entry;
+    record.requestVersion = version;
+    store.requestIs<Db>(request.feature,
+                        {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key},
+                        record);
+  });
+}
+
+void withdraw(KilnAgent::MemoryStateStore& store, const Request& request) {
+  withDatabase(request.database, [&]<class Db>() {
+    store.requestDel<Db>(request.feature,
+                         {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key});
+  });
+}
+
+std::optional<StatusView> statusOf(const KilnAgent::MemoryStateStore& store, const Request& request) {
+  return withDatabase(request.database, [&]<class Db>() -> std::optional<StatusView> {
+    const auto* found =
+        store.statuses<Db>(request.feature)
+            ->status()
+            .find({Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key});
+    if (found == nullptr) return std::nullopt;
+    return StatusView{found->status, found->requestVersion};
+  });
+}
+
+}  // namespace KilnBench

@@ -1,0 +1,177 @@
+// The whole road: what each operation costs per entry, beside the floor, the naive chain, and what of it is
+// store and chip.
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "bench/Chain.h"
+#include "bench/Cycle.h"
+#include "bench/Subjects.h"
+
+namespace KilnBench {
+namespace {
+
+/// One thing that is measured: its name, and a cycle over a new one of it.
+struct Candidate {
+  std::string name;
+  std::function<CycleCost(const CycleSetting&)> cycle;
+};
+
+template <class Subject, class... Arguments>
+Candidate candidate(std::string name, Arguments... arguments) {
+  return {std::move(name), [=](const CycleSetting& setting) {
+            Subject subject(arguments...);
+            return Cycle<Subject>(subject, setting).run();
+          }};
+}
+
+/// What is compared with each other is measured in turns, so that a machine that is slow for a while is slow
+/// for all of them.
+class Comparison {
+ public:
+  explicit Comparison(std::vector<Candidate> candidates) : candidates_(std::move(candidates)) {}
+
+  [[nodiscard]] const std::vector<Candidate>& candidates() const { return candidates_; }
+  /// The medians of one candidate's cycles; measures all candidates at the first call for a setting.
+  const CycleCost& cost(const std::string& name, const CycleSetting& setting) {
+    auto& byName = costs_[std::tuple(setting.entries, setting.shuffled, setting.burst)];
+    if (byName.empty()) measureAll(setting, byName);
+    return byName.at(name);
+  }
+
+ private:
+  void measureAll(const CycleSetting& setting, std::map<std::string, CycleCost>& byName) {
+    const std::uint32_t rounds = std::clamp(600'000U / setting.entries, 3U, 15U);
+    std::map<std::string, std::vector<CycleCost>> all;
+    for (std::uint32_t round = 0; round < rounds; ++round) {
+      for (const Candidate& each : candidates_) all[each.name].push_back(each.cycle(setting));
+    }
+    for (const auto& [name, cycles] : all) byName[name] = medians(cycles);
+  }
+  static CycleCost medians(const std::vector<CycleCost>& cycles) {
+    CycleCost result;
+    for (std::size_t operation = 0; operation < result.size(); ++operation) {
+      const auto of = [&](double Cost::*figure) {
+        std::vector<double> samples;
+        for (const CycleCost& cycle : cycles) samples.push_back(cycle[operation].*figure);
+        return median(std::move(samples));
+      };
+      result[operation] = {of(&Cost::nanoseconds), of(&Cost::allocations), of(&Cost::bytes)};
+    }
+    return result;
+  }
+
+  std::vector<Candidate> candidates_;
+  std::map<std::tuple<std::uint32_t, bool, std::uint32_t>, std::map<std::string, CycleCost>> costs_;
+};
+
+constexpr bool takesPart(const std::string& name, Operation operation) {
+  return operation != Operation::restart || (name != "floor" && name != "naive" && name != "store");
+}
+
+void report(benchmark::State& state, Comparison& comparison, const std::string& name, Operation operation,
+            const CycleSetting& setting) {
+  const auto costOf = [&](const std::string& of) { return comparison.cost(of, setting)[indexOf(operation)]; };
+  const Cost own = costOf(name);
+  for (auto _ : state) state.SetIterationTime(own.nanoseconds * setting.entries * 1e-9);
+  state.SetItemsProcessed(state.iterations() * setting.entries);
+  state.counters["ns_per_entry"] = own.nanoseconds;
+  state.counters["allocations_per_entry"] = own.allocations;
+  state.counters["bytes_per_entry"] = own.bytes;
+  if (name != "mixed") return;
+  if (takesPart("floor", operation)) {
+    state.counters["floor_ns"] = costOf("floor").nanoseconds;
+    state.counters["naive_ns"] = costOf("naive").nanoseconds;
+    state.counters["times_floor"] = own.nanoseconds / costOf("floor").nanoseconds;
+    state.counters["naive_times"] = costOf("naive").nanoseconds / own.nanoseconds;
+    state.counters["store_ns"] = costOf("store").nanoseconds;
+  }
+  state.counters["chip_ns"] = costOf("chip").nanoseconds;
+  if (operation == Operation::restart) {
+    state.counters["without_chip_s"] =
+        (own.nanoseconds - costOf("chip").nanoseconds) * setting.entries * 1e-9;
+  } else {
+    state.counters["server_bytes"] = own.bytes - costOf("store").bytes - costOf("chip").bytes;
+  }
+}
+
+void registerComparison(const std::shared_ptr<Comparison>& comparison, const std::string& name,
+                        const CycleSetting& setting, const std::string& suffix = {}) {
+  for (std::size_t index = 0; index < kOperationNames.size(); ++index) {
+    const auto operation = static_cast<Operation>(index);
+    if (!takesPart(name, operation)) continue;
+    const auto title = fmt::format("{}/{}{}/{}/{}", name, kOperationNames[index], suffix,
+                                   setting.shuffled ? "shuffled" : "inOrder", setting.entries);
+    benchmark::RegisterBenchmark(
+        title.c_str(), [=](benchmark::State& state) { report(state, *comparison, name, operation, setting); })
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+  }
+}
+
+constexpr std::array<std::uint32_t, 4> kSizes = {1'000, 10'000, 100'000, 1'000'000};
+
+bool registerMixed() {
+  const auto comparison = std::make_shared<Comparison>(std::vector{
+      candidate<FloorChain>("floor"), candidate<NaiveChain>("naive"), candidate<WholeServer>("mixed", kMixed),
+      candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
+  for (const std::uint32_t entries : kSizes) {
+    for (const bool shuffled : {false, true}) {
+      for (const Candidate& each : comparison->candidates()) {
+        registerComparison(comparison, each.name, {entries, shuffled});
+      }
+    }
+  }
+  return true;
+}
+
+/// All requests at once: the server sees no end of them before it begins.
+bool registerAtOnce() {
+  const auto comparison =
+      std::make_shared<Comparison>(std::vector{candidate<WholeServer>("mixedAtOnce", kMixed)});
+  for (const std::uint32_t entries : {100'000U, 1'000'000U}) {
+    registerComparison(comparison, "mixedAtOnce", {entries, true, entries});
+  }
+  return true;
+}
+
+bool registerTypes() {
+  KilnPlatform::forEachEnumValue<RequestMix>([](RequestMix type) {
+    if (type == kMixed) return;
+    const std::string name(mixName(type));
+    const auto comparison = std::make_shared<Comparison>(std::vector{candidate<WholeServer>(name, type)});
+    std::uint32_t last = 0;
+    for (const std::uint32_t size : kSizes) {
+      const std::uint32_t entries = std::min(size, mostRequests(type));
+      if (entries == std::exchange(last, entries)) continue;
+      for (const bool shuffled : {false, true}) registerComparison(comparison, name, {entries, shuffled});
+    }
+  });
+  return true;
+}
+
+bool registerDurable() {
+  using KilnAgent::Durability;
+  for (const auto& [name, durability] :
+       {std::pair("durable", Durability::power), std::pair("durableNoSync", Durability::process)}) {
+    const auto comparison =
+        std::make_shared<Comparison>(std::vector{candidate<DurableAgent>(name, durability)});
+    for (const std::uint32_t entries : {10'000U, 100'000U, 1'000'000U}) {
+      registerComparison(comparison, name, {entries, true});
+    }
+  }
+  return true;
+}
+
+const bool registered = registerMixed() && registerAtOnce() && registerTypes() && registerDurable();
+
+}  // namespace
+}  // namespace KilnBench

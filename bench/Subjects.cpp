@@ -1,0 +1,260 @@
+#include "bench/Subjects.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <type_traits>
+
+#include "agent/YieldPolicies.h"
+#include "platform/Asic.h"
+#include "platform/TableCapacity.h"
+
+namespace KilnBench {
+namespace {
+
+using namespace KilnTunnelNiLib;
+using KilnAgent::CooperativeScheduler;
+using KilnAgent::MemoryStateStore;
+using KilnEmServer::EmEntry;
+
+std::unique_ptr<KilnPlatform::YieldPolicy> budget(std::optional<std::chrono::nanoseconds> sliceBudget) {
+  if (!sliceBudget) return nullptr;
+  return std::make_unique<KilnAgent::TimeBudget>(*sliceBudget);
+}
+
+std::uint32_t countSettled(const MemoryStateStore& store, std::uint32_t version) {
+  std::uint32_t count = 0;
+  KilnPlatform::forEachEnumValue<KilnEmServer::FeatureType>([&](KilnEmServer::FeatureType feature) {
+    KilnAgent::forEachDatabase([&]<class Db>() {
+      KilnPlatform::forEachIn(store.statuses<Db>(feature)->status(), [&](const auto&, const auto& status) {
+        if (status.status == KilnEmServer::EmStatus::hwSuccess && status.requestVersion == version) ++count;
+      });
+    });
+  });
+  return count;
+}
+
+void publishVersion(MemoryStateStore& store, RequestMix mix, std::uint32_t n, std::uint32_t version) {
+  const Request request = requestOf(mix, n);
+  publish(store, request, entryOf(request.key, n, version), version);
+}
+
+/// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
+/// domain of an interface is told from its number.
+template <class Visitor>
+void withTableKey(const KilnEmServer::EmComposerKey& key, Visitor&& visitor) {
+  const auto domain = [](std::uint64_t interface) { return static_cast<std::uint16_t>(interface - 999); };
+  using Tag = KilnEmServer::EmComposerKeyUnionTag;
+  switch (key.tag()) {
+    case Tag::isemUntaggedEntryKey: {
+      const auto& own = key.get<IsemUntaggedComposerKey>();
+      return visitor.template operator()<Asic::IsemUntaggedKilnInterface, Asic::IsemUntaggedKilnSwTable>(
+          {U9(domain(own.intfId))});
+    }
+    case Tag::isem1TagEntryKey: {
+      const auto& own = key.get<Isem1TagComposerKey>();
+      return visitor.template operator()<Asic::Isem1TagKilnInterface, Asic::Isem1TagKilnSwTable>(
+          {U9(domain(own.intfId)), U12(own.vlanId)});
+    }
+    case Tag::isem2TagEntryKey: {
+      const auto& own = key.get<Isem2TagComposerKey>();
+      return visitor.template operator()<Asic::Isem2TagKilnInterface, Asic::Isem2TagKilnSwTable>(
+          {U9(domain(own.intfId)), U12(own.outerVlanId), U12(own.innerVlanId)});
+    }
+    case Tag::isemInnerEthEntryKey: {
+      const auto& own = key.get<IsemInnerEthComposerKey>();
+      return visitor.template operator()<Asic::IsemInnerEthKilnInterface, Asic::IsemInnerEthKilnSwTable>(
+          {own.vsi, own.profile});
+    }
+    case Tag::isemMplsEntryKey: {
+      const auto& own = key.get<IsemMplsComposerKey>();
+      return visitor.template operator()<Asic::IsemMplsKilnInterface, Asic::IsemMplsKilnSwTable>(
+          {own.label, own.labelSpace});
+    }
+    case Tag::esemFodoVdEntryKey: {
+      const auto& own = key.get<EsemFodoVdComposerKey>();
+      return visitor.template operator()<Asic::EsemFodoVdKilnInterface, Asic::EsemFodoVdKilnSwTable>(
+          {U18(own.fodoId), U11(domain(own.intfId))});
+    }
+    case Tag::esemFodoEntryKey: {
+      const auto& own = key.get<EsemFodoComposerKey>();
+      return visitor.template operator()<Asic::EsemFodoKilnInterface, Asic::EsemFodoKilnSwTable>(
+          {U18(own.fodoId)});
+    }
+    default: {
+      const auto& own = key.get<LemVpwsAcComposerKey>();
+      return visitor.template operator()<Asic::LemVpwsAcKilnInterface, Asic::LemVpwsAcKilnSwTable>(
+          {U20(own.inLif), U12(own.outerVlanId), U12(own.innerVlanId), U3(own.outerPcp), U3(own.innerPcp)});
+    }
+  }
+}
+
+template <class SwTable>
+SwTable& tableOf(const Asic::KilnInterface& interface) {
+  return dynamic_cast<SwTable&>(*interface.orderedSwTable(Asic::UnitId::allFap()));
+}
+
+}  // namespace
+
+KilnAgent::ChipConfig roomyChip() {
+  KilnAgent::ChipConfig chip = KilnAgent::defaultChip();
+  chip.tableSizes.fill(8'000'000);
+  for (auto& [id, profile] : chip.profiles) {
+    for (auto& table : profile.tables) {
+      for (auto& [width, entries] : table.entriesByWidth) entries = 32'000'000;
+    }
+  }
+  return chip;
+}
+
+// --- The whole server --------------------------------------------------------------------------------------
+
+WholeServer::WholeServer(RequestMix mix, std::optional<std::chrono::nanoseconds> sliceBudget)
+    : mix_(mix),
+      scheduler_(std::make_shared<CooperativeScheduler>(budget(sliceBudget))),
+      store_(std::make_shared<MemoryStateStore>(scheduler_)),
+      vlanDomains_(scheduler_, KilnAgent::VlanDomainLimits{}),
+      chip_(std::make_shared<KilnAgent::SoftChip>(roomyChip(), scheduler_, std::nullopt)) {
+  start();
+  settle();
+}
+
+WholeServer::~WholeServer() {
+  server_.reset();
+  chip_->serverDied();
+}
+
+void WholeServer::start() {
+  using KilnAgent::makeCollection;
+  server_ = KilnEmServer::kilnEmServerSmFactory(
+      store_, chip_, chip_->chipStatus(), chip_->mdbStatus(),
+      std::make_shared<KilnPlatform::TableCapacity>(
+          makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>()),
+      std::make_shared<SemCapacityExternalDir>(makeCollection<std::string, SemCapacityExternal>()),
+      vlanDomains_.config(), vlanDomains_.status(), chip_->interface<Asic::IsemUntaggedKilnInterface>(),
+      chip_->interface<Asic::Isem1TagKilnInterface>(), chip_->interface<Asic::Isem2TagKilnInterface>(),
+      chip_->interface<Asic::IsemMplsKilnInterface>(), chip_->interface<Asic::IsemInnerEthKilnInterface>(),
+      chip_->interface<Asic::EsemFodoVdKilnInterface>(), chip_->interface<Asic::EsemFodoKilnInterface>(),
+      chip_->interface<Asic::LemVpwsAcKilnInterface>());
+}
+
+void WholeServer::stop() {
+  server_.reset();
+  chip_->serverEnded();
+}
+
+void WholeServer::publish(std::uint32_t n, std::uint32_t version) {
+  publishVersion(*store_, mix_, n, version);
+}
+void WholeServer::withdraw(std::uint32_t n) {
+  KilnBench::withdraw(*store_, requestOf(mix_, n));
+}
+std::uint32_t WholeServer::settled(std::uint32_t version) const {
+  return countSettled(*store_, version);
+}
+
+// --- The store alone ---------------------------------------------------------------------------------------
+
+StoreAlone::StoreAlone(RequestMix mix) : mix_(mix), store_(std::make_shared<CooperativeScheduler>()) {}
+
+void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
+  const Request request = requestOf(mix_, n);
+  KilnBench::publish(store_, request, entryOf(request.key, n, version), version);
+  KilnAgent::withDatabase(request.database, [&]<class Db>() {
+    store_.restoreStatus<Db>(request.feature, {.key = {Hardware::Kiln::FapId::allFap(),
+                                                       Hardware::Kiln::LocalCoreId::all(), request.key},
+                                               .requestVersion = version,
+                                               .status = KilnEmServer::EmStatus::hwSuccess,
+                                               .result = kResultFromServer});
+  });
+}
+void StoreAlone::withdraw(std::uint32_t n) {
+  const Request request = requestOf(mix_, n);
+  KilnBench::withdraw(store_, request);
+  KilnAgent::withDatabase(request.database, [&]<class Db>() {
+    const typename Db::EntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
+                                    request.key};
+    if constexpr (std::is_same_v<Db, Lem>) {
+      store_.lemSrvStatus(request.feature)->statusDel(key);
+    } else if constexpr (std::is_same_v<Db, Isem>) {
+      store_.isemSrvStatus(request.feature)->statusDel(key);
+    } else {
+      store_.esemSrvStatus(request.feature)->statusDel(key);
+    }
+  });
+}
+std::uint32_t StoreAlone::settled(std::uint32_t version) const {
+  return countSettled(store_, version);
+}
+
+// --- The chip alone ----------------------------------------------------------------------------------------
+
+ChipAlone::ChipAlone(RequestMix mix)
+    : mix_(mix),
+      scheduler_(std::make_shared<CooperativeScheduler>()),
+      chip_(std::make_shared<KilnAgent::SoftChip>(roomyChip(), scheduler_, std::nullopt)) {}
+ChipAlone::~ChipAlone() {
+  chip_->serverDied();
+}
+
+void ChipAlone::publish(std::uint32_t n, std::uint32_t version) {
+  const Request request = requestOf(mix_, n);
+  const EmEntry entry = entryOf(request.key, n, version);
+  withTableKey(request.key, [&]<class Interface, class SwTable>(const typename SwTable::Key& key) {
+    tableOf<SwTable>(*chip_->interface<Interface>())
+        .entryWriteWithResponseHandler(key, entry.get<typename SwTable::Entry>(), nullptr,
+                                       [this](const auto&) { ++answers_; });
+  });
+}
+void ChipAlone::withdraw(std::uint32_t n) {
+  withTableKey(requestOf(mix_, n).key, [&]<class Interface, class SwTable>(const typename SwTable::Key& key) {
+    tableOf<SwTable>(*chip_->interface<Interface>())
+        .entryRemoveWithResponseHandler(key, nullptr, [this](const auto&) { ++answers_; });
+  });
+}
+void ChipAlone::stop() {
+  chip_->serverEnded();
+}
+void ChipAlone::reconciled() {
+  chip_->reconcileComplete();
+  chip_->commitHwWrites();
+}
+std::uint32_t ChipAlone::settled(std::uint32_t /*version*/) const {
+  std::size_t entries = 0;
+  chip_->forEachTable([&](const KilnAgent::SoftTable& table) { entries += table.fill(); });
+  return static_cast<std::uint32_t>(entries);
+}
+
+// --- The agent with a state directory ----------------------------------------------------------------------
+
+DurableAgent::DurableAgent(KilnAgent::Durability durability) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "kiln-bench-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+  directory_ = pattern;
+  KilnAgent::AgentOptions options;
+  options.chip = roomyChip();
+  options.state = directory_ + "/state";
+  options.durability = durability;
+  agent_ = std::make_unique<KilnAgent::EmbeddedAgent>(options);
+  agent_->settle();
+}
+DurableAgent::~DurableAgent() {
+  agent_.reset();
+  std::filesystem::remove_all(directory_);
+}
+
+void DurableAgent::publish(std::uint32_t n, std::uint32_t version) {
+  publishVersion(agent_->store(), kMixed, n, version);
+}
+void DurableAgent::withdraw(std::uint32_t n) {
+  KilnBench::withdraw(agent_->store(), requestOf(kMixed, n));
+}
+void DurableAgent::settle() {
+  constexpr std::size_t kCommitFrom = 20'000;  // changed records, as a serving agent does
+  agent_->scheduler().runUntilIdle();
+  if (agent_->durable()->pending() >= kCommitFrom) agent_->commit();
+}
+std::uint32_t DurableAgent::settled(std::uint32_t version) const {
+  return countSettled(agent_->store(), version);
+}
+
+}  // namespace KilnBench

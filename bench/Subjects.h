@@ -1,0 +1,116 @@
+// What is measured: the whole server, and what of it is the agent's.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "agent/CooperativeScheduler.h"
+#include "agent/EmbeddedAgent.h"
+#include "agent/MemoryStateStore.h"
+#include "agent/SoftChip.h"
+#include "agent/VlanDomainService.h"
+#include "bench/Requests.h"
+#include "server/KilnEmServerSm.h"
+
+namespace KilnBench {
+
+using KilnPlatform::Ref;
+
+/// A chip whose tables hold whatever benchmarks ask for.
+KilnAgent::ChipConfig roomyChip();
+
+/// The server over the embedded agent's chip, VLAN-domain service and in-memory store, without the agent's
+/// own watch over restarts.
+class WholeServer {
+ public:
+  explicit WholeServer(RequestMix mix = kMixed,
+                       std::optional<std::chrono::nanoseconds> sliceBudget = std::nullopt);
+  ~WholeServer();
+  WholeServer(const WholeServer&) = delete;
+  WholeServer& operator=(const WholeServer&) = delete;
+
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  /// Runs until nothing is pending.
+  void settle() { scheduler_->runUntilIdle(); }
+  /// Ends the server; store and chip stay.
+  void stop();
+  /// Creates the server. It is ready when it has settled.
+  void start();
+  /// Requests whose status says that the hardware has this version.
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+  [[nodiscard]] KilnAgent::CooperativeScheduler& scheduler() { return *scheduler_; }
+  [[nodiscard]] KilnAgent::MemoryStateStore& store() { return *store_; }
+  [[nodiscard]] KilnAgent::VlanDomainService& vlanDomains() { return vlanDomains_; }
+
+ private:
+  RequestMix mix_;
+  Ref<KilnAgent::CooperativeScheduler> scheduler_;
+  Ref<KilnAgent::MemoryStateStore> store_;
+  KilnAgent::VlanDomainService vlanDomains_;
+  Ref<KilnAgent::SoftChip> chip_;
+  Ref<KilnEmServer::KilnEmServerSm> server_;
+};
+
+/// The store alone: the requests, and the statuses that a server would publish.
+class StoreAlone {
+ public:
+  explicit StoreAlone(RequestMix mix = kMixed);
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle() {}
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  RequestMix mix_;
+  KilnAgent::MemoryStateStore store_;
+};
+
+/// The chip alone: the table operations that a server would call for the requests, and their answers.
+class ChipAlone {
+ public:
+  explicit ChipAlone(RequestMix mix = kMixed);
+  ~ChipAlone();
+  ChipAlone(const ChipAlone&) = delete;
+  ChipAlone& operator=(const ChipAlone&) = delete;
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle() { scheduler_->runUntilIdle(); }
+  /// Ends what wrote the entries: all must be written again until `reconciled`.
+  void stop();
+  void reconciled();
+  /// Entries in the tables; the version is in their content and is not looked at.
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  RequestMix mix_;
+  Ref<KilnAgent::CooperativeScheduler> scheduler_;
+  Ref<KilnAgent::SoftChip> chip_;
+  std::uint64_t answers_ = 0;
+};
+
+/// The whole agent with a state directory of its own, which goes with it. Changes are committed when it
+/// settles, and in between as often as a serving agent would that has no time to be idle.
+class DurableAgent {
+ public:
+  explicit DurableAgent(KilnAgent::Durability durability);
+  ~DurableAgent();
+  DurableAgent(const DurableAgent&) = delete;
+  DurableAgent& operator=(const DurableAgent&) = delete;
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle();
+  /// Commits what is not yet.
+  void finish() { agent_->commit(); }
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  std::string directory_;
+  std::unique_ptr<KilnAgent::EmbeddedAgent> agent_;
+};
+
+}  // namespace KilnBench
