@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 #include "bench/Measure.h"
 
@@ -33,6 +34,9 @@ struct CycleSetting {
   bool shuffled = false;  ///< each operation in an order of its own
   /// Requests that are handed in before the subject may work on them.
   std::uint32_t burst = 256;
+  /// How often new versions come, and identical ones: the last time counts, when all memory that such a
+  /// change takes is there.
+  std::uint32_t rounds = 1;
 };
 
 /// Told when an operation begins and when it is done.
@@ -53,24 +57,20 @@ class Cycle {
       : subject_(subject), setting_(setting), observer_(observer), bytesBefore_(heapBytes()) {}
 
   CycleCost run() {
-    insert();
-    newVersion(2);
-    measure(Operation::republish, [this](std::uint32_t n) { subject_.publish(n, 2); });
+    publish(Operation::firstInsert);
+    for (std::uint32_t round = 0; round < setting_.rounds; ++round) publish(Operation::newVersion);
+    for (std::uint32_t round = 0; round < setting_.rounds; ++round) publish(Operation::republish);
     if constexpr (requires { subject_.stop(); }) restart();
-    withdraw();
+    measure(Operation::withdraw, [this](std::uint32_t n) { subject_.withdraw(n); });
+    expect(0);
     return cost_;
   }
-  void insert() {
-    measure(Operation::firstInsert, [this](std::uint32_t n) { subject_.publish(n, 1); });
-    expect(1, setting_.entries);
-  }
-  void newVersion(std::uint32_t version) {
-    measure(Operation::newVersion, [=, this](std::uint32_t n) { subject_.publish(n, version); });
-    expect(version, setting_.entries);
-  }
-  void withdraw() {
-    measure(Operation::withdraw, [this](std::uint32_t n) { subject_.withdraw(n); });
-    expect(2, 0);
+
+ private:
+  void publish(Operation operation) {
+    if (operation != Operation::republish) ++version_;
+    measure(operation, [this](std::uint32_t n) { subject_.publish(n, version_); });
+    expect(setting_.entries);
   }
   void restart() {
     subject_.stop();
@@ -79,15 +79,12 @@ class Cycle {
       measureOver(
           Operation::restart, none, [](std::uint32_t) {}, [this] { subject_.start(); });
     } else {
-      measure(Operation::restart, [this](std::uint32_t n) { subject_.publish(n, 2); });
+      measure(Operation::restart, [this](std::uint32_t n) { subject_.publish(n, version_); });
       subject_.reconciled();
       subject_.settle();
     }
-    expect(2, setting_.entries);
+    expect(setting_.entries);
   }
-  [[nodiscard]] const CycleCost& cost() const { return cost_; }
-
- private:
   template <class Step>
   void measure(Operation operation, Step&& step) {
     measureOver(operation, numbers(setting_.entries, setting_.shuffled, indexOf(operation) + 1), step, [] {});
@@ -115,8 +112,8 @@ class Cycle {
     const auto bytes = static_cast<double>(heapBytes()) - static_cast<double>(bytesBefore_ + orderBytes);
     cost_[indexOf(operation)] = {nanoseconds / entries, asked / entries, bytes / entries};
   }
-  void expect(std::uint32_t version, std::uint32_t entries) const {
-    if (subject_.settled(version) != entries) {
+  void expect(std::uint32_t entries) const {
+    if (subject_.settled(version_) != entries) {
       throw std::runtime_error("what was measured did not do its work");
     }
   }
@@ -125,6 +122,7 @@ class Cycle {
   CycleSetting setting_;
   CycleObserver* observer_;
   std::size_t bytesBefore_;
+  std::uint32_t version_ = 0;
   CycleCost cost_{};
 };
 

@@ -6,7 +6,7 @@ packages=(
   g++ cmake ninja-build git
   libfmt-dev libboost1.81-dev nlohmann-json3-dev libcli11-dev
   liblmdb-dev pkg-config
-  libgtest-dev libbenchmark-dev python3
+  libgtest-dev libbenchmark-dev python3 valgrind
 )
 
 missing=()
