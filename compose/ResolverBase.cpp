@@ -108,6 +108,7 @@ void ResolverBase::deleteRequestComposer(const ResolverKey& resolverKey, EmCompo
               const ResolverRequest* request = config->resolverRequest().find(resolverKey);
               if (request != nullptr && request->requestType == ResolverRequest::RequestType::resourceInUse &&
                   request->inUseVal == status->val) {
+                tracer().trace<8>("still in use by {}", remaining);
                 ackInUseComposer(resolverKey, remaining);
               }
             });
@@ -125,7 +126,10 @@ bool ResolverBase::requested(const ResolverKey& resolverKey) const {
 void ResolverBase::setResolution(const ResolutionState& state) {
   // Composers acknowledge anew only what they are told of, so an unchanged resolution stays acknowledged.
   if (resolverStatus_->status(state.resolverKey) == state) return;
-  resolutionInUse_.del(state.resolverKey);
+  if (resolutionInUse_.has(state.resolverKey)) {
+    tracer().trace<8>("to be acknowledged anew: {}", state.resolverKey);
+    resolutionInUse_.del(state.resolverKey);
+  }
   resolverStatus_->statusIs(state);
 }
 

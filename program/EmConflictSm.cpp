@@ -102,7 +102,10 @@ void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emL
   decide(item.hwKey, item.insert ? &emLogicalKey : nullptr);
   if (!convergent) return;
   if (const auto* divergentKeys = conflictKeySet_.divergentKeysOf(item.hwKey)) {
-    for (const EmHwKey& divergentKey : *divergentKeys) decide(divergentKey, nullptr);
+    for (const EmHwKey& divergentKey : *divergentKeys) {
+      tracer().trace<8>("{} follows its twin", divergentKey);
+      decide(divergentKey, nullptr);
+    }
   }
 }
 
@@ -117,6 +120,9 @@ void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
   std::optional<EmLogicalKey> previousWinner;
   if (const EmLogicalKeyAndEntry* previous = emSwTableConfig_.find(hwKey))
     previousWinner = previous->emLogicalKey;
+  if (previousWinner && value && *previousWinner != value->emLogicalKey && !initialScanDone()) {
+    tracer().trace<8>("{} decided anew in the scan", hwKey);
+  }
   emSwTableConfig_.write(hwKey, value ? &*value : nullptr);
   (void)filter(value.has_value(), "filter( _valueOpt8 )");
   eventToConflictStatusStream2(hwKey, value, previousWinner ? &*previousWinner : nullptr, changed);

@@ -46,6 +46,7 @@ void EmSwTableStatusSm::remove(const EmLogicalKey& logicalKey, const EmHwKey& sw
     const EmSwTableStatusEntry* status = emSwTableStatus_.find(next);
     // One that went, or that names another owner by now, has its own event still to come.
     if (status != nullptr && status->emLogicalKeyAndEntry.emLogicalKey == logicalKey) {
+      tracer().trace<8>("{} keeps the status of {}", logicalKey, next);
       publish(logicalKey, next, *status);
       return;
     }

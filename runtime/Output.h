@@ -122,6 +122,9 @@ class Output final : public OutputBase {
     const Mark before = markOf(key);
     const bool present = collection().has(key);
     const bool changed = collection().is(key, value);
+    if (before == Mark::awaited) {
+      stage_.tracer().template trace<9>("into( {} ): k1={} was awaited", kPath.view(), key);
+    }
     if (reconciling() ? noteSeen_ : before == Mark::awaited) {
       noteMark(key, markOfWrite(before, present, changed));
     } else if (reconciling() && !present) {
@@ -178,6 +181,7 @@ class Output final : public OutputBase {
     }
     ScanCursor<Key> first;
     if (const auto key = marks_->heldBack.scanNext(first)) {
+      stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), *key);
       deleted = collection().has(*key);
       if (deleted) deleteStale(*key);
       marks_->heldBack.del(*key);

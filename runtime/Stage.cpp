@@ -59,6 +59,10 @@ bool InputBase::inputScanComplete() const {
 void InputBase::doInputScan() {
   if (scanState_ == ScanState::complete || scanState_ == ScanState::completeBeforeInitialized) return;
   const bool resumed = scanState_ == ScanState::paused;
+  if (resumed && collectionSize() < sizeAtPause_) {
+    stage_.tracer().trace<9>("{} scan resumed after deletions: {} items, {} before", childName_,
+                             collectionSize(), sizeAtPause_);
+  }
   std::size_t items = 0;
   while (scanItem()) {
     ++items;
@@ -74,6 +78,7 @@ void InputBase::doInputScan() {
 
 void InputBase::pauseScan(std::size_t items) {
   scanState_ = ScanState::paused;
+  sizeAtPause_ = collectionSize();
   stage_.tracer().trace<7>("{} {} yielding after {} iterations ({} total items)", scanKind(), childName_,
                            items, collectionSize());
   stage_.control().scheduler->taskWorkCountInc(items);

@@ -106,6 +106,7 @@ class InputBase {
   ScanState scanState_ = ScanState::notStarted;
   bool subscribed_ = false;
   std::size_t totalItems_ = 0;
+  std::size_t sizeAtPause_ = 0;
   std::unique_ptr<Task> task_;
 };
 

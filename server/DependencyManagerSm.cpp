@@ -68,7 +68,12 @@ std::vector<std::string> DependencyManagerSm::missing(const ManagedStage& stage)
 }
 
 bool DependencyManagerSm::releasable(const ManagedStage& stage) const {
-  return !stage.released && missing(stage).empty();
+  if (stage.released) return false;
+  const auto& needed = stage.entry.waitsFor;
+  return std::all_of(stage.gates.begin(), stage.gates.end(),
+                     [this](const std::string& gate) { return dependencyStatus_->completed().has(gate); }) &&
+         std::all_of(needed.begin(), needed.end(),
+                     [this](const std::string& collection) { return collectionExists_(collection); });
 }
 
 void DependencyManagerSm::release() {

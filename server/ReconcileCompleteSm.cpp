@@ -42,7 +42,10 @@ void ReconcileCompleteSm::followStatus() {
 
 void ReconcileCompleteSm::handlePendingHwWrites() {
   if (done_) return;
-  if (status_ != nullptr && status_->pendingHwWrites()) return;
+  if (status_ != nullptr && status_->pendingHwWrites()) {
+    tracer_.trace<9>("Reconciliation waits for hardware writes");
+    return;
+  }
   tracer_.trace<9>("Reconciliation complete");
   done_ = true;
   dependencyStatus_->completedIs(name_);
