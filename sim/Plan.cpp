@@ -200,8 +200,21 @@ class Draw {
     // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
     const auto domain = [&] { return pick<std::uint16_t>({1, 1, 1, 2, 2, 3, 511, 512, 2047, 2048}); };
     const AllotOperation allot{interface(), domain()};
+    if (oneIn(6)) return thereAndBack(allot);
     // There and back again, so that keys move while answers are on their way.
     if (oneIn(2)) next_ = {allot, AllotOperation{allot.interface, domain()}};
+    return allot;
+  }
+
+  /// A key moves and moves back while the table still owes the removal from where it was first.
+  Operation thereAndBack(const AllotOperation& allot) {
+    const TableTag tag = table();
+    next_ = {TableOperation{tag, SoftTable::AnswerMode::success, {}, {}},
+             allot,
+             AnswerOperation{tag, SoftTable::Order::fifo, 1, false},
+             AllotOperation{allot.interface, static_cast<std::uint16_t>(4 + below(3))},
+             TableOperation{tag, SoftTable::AnswerMode::hold, {}, {}},
+             SettleOperation{}};
     return allot;
   }
 
@@ -272,13 +285,52 @@ class Draw {
       case kFeature:
         return featureOperation();
       case kRestart:
-        if (oneIn(2)) return RestartOperation{};
-        return CrashOperation{oneIn(4)};
+        return restartOperation();
       case kHardware:
         return hardwareOperation();
       default:
         return CommitOperation{};
     }
+  }
+
+  Operation restartOperation() {
+    const Operation restart = oneIn(2) ? Operation(RestartOperation{}) : Operation(CrashOperation{oneIn(4)});
+    if (oneIn(3)) {
+      // Nothing but restarts between two quiet moments.
+      next_ = {SettleOperation{}, restart};
+      if (oneIn(3)) next_.insert(next_.begin() + 1, CrashOperation{false});
+      return SettleOperation{};
+    }
+    // Out, and maybe back again, while the server comes back.
+    next_.clear();
+    for (std::size_t i = below(4); i != 0; --i) {
+      const PublishOperation& back = published_[below(published_.size())];
+      if (oneIn(2)) next_.push_back(back);
+      next_.push_back(WithdrawOperation{back.feature, back.database, back.key});
+    }
+    if (oneIn(4)) next_.push_back(WithdrawAllOperation{feature(), databaseOf(type())});
+    if (oneIn(2)) next_.push_back(RunOperation{1 + below(plan_.yieldEvery == 0 ? 30 : 400)});
+    return restart;
+  }
+
+  /// A table that has answered all, and then nothing while things change.
+  Operation silence(TableTag tag) {
+    next_ = {AnswerOperation{tag, SoftTable::Order::lifo, 1, oneIn(2)}, SettleOperation{}};
+    for (std::size_t changes = 1 + below(3); changes != 0; --changes) next_.push_back(change());
+    next_.push_back(SettleOperation{});
+    next_.push_back(TableOperation{tag, SoftTable::AnswerMode::hold, {}, {}});
+    next_.push_back(SettleOperation{});
+    return TableOperation{tag, SoftTable::AnswerMode::success, {}, {}};
+  }
+
+  Operation change() {
+    if (oneIn(3)) return again();
+    if (oneIn(3) && !domainsAutomatic_) {
+      return AllotOperation{interface(), static_cast<std::uint16_t>(1 + below(3))};
+    }
+    if (oneIn(3) && !domainsAutomatic_) return RevokeOperation{interface()};
+    const PublishOperation& gone = published_[below(published_.size())];
+    return WithdrawOperation{gone.feature, gone.database, gone.key};
   }
 
   Operation tableOperation() {
@@ -290,6 +342,7 @@ class Draw {
         return AnswerOperation{tag, oneIn(2) ? SoftTable::Order::fifo : SoftTable::Order::lifo, 1 + below(4),
                                oneIn(2)};
       case 2:
+        if (oneIn(2)) return silence(tag);
         return TableOperation{tag, Mode::hold, {}, {}};
       case 3:
         return TableOperation{tag, Mode::refuse, {}, {}};
@@ -306,8 +359,11 @@ class Draw {
     switch (below(4)) {
       case 0:
         return WithdrawAllOperation{feature(), static_cast<EmType>(below(3))};
-      case 1:
-        return RemoveFeatureOperation{feature()};
+      case 1: {
+        const PublishOperation& back = published_[below(published_.size())];
+        if (oneIn(2)) next_ = {back, AddFeatureOperation{back.feature}};
+        return RemoveFeatureOperation{back.feature};
+      }
       default:
         return AddFeatureOperation{feature()};
     }

@@ -46,7 +46,8 @@ class Run {
         agent_(optionsOf(plan, marks_, marks != nullptr)),
         scenario_(agent_, false, plan.seed, {}),
         watch_(agent_) {
-    watch_.quiet({}, {}, true);
+    for (const auto& node : agent_.server().graph().nodes) stageNames_.insert(node.stage);
+    watch_.quiet({}, {}, {}, true);
   }
 
   /// False where the agent's state did not allow the operation.
@@ -84,6 +85,10 @@ class Run {
       if (!operation.now) settle();
     }
     if (!kChangesNothing<T>) watch_.changes(kChangesSeveral<T> ? 2 : 1);
+    if constexpr (std::is_same_v<T, AnswerOperation>) watch_.answers(operation.table);
+    if constexpr (std::is_same_v<T, TableOperation>) {
+      if (operation.answer && *operation.answer != Mode::hold) watch_.answers(operation.table);
+    }
     if constexpr (std::is_same_v<T, RemoveFeatureOperation>) watch_.featureGoes(operation.feature);
     if constexpr (std::is_same_v<T, CrashOperation>) {
       watch_.serverEnds(operation.lost);
@@ -137,8 +142,9 @@ class Run {
     };
     Outcome found = outcomeOf(agent_);
     Outcome expected = recompute(wanted);
+    const Outcome all = found;
     const bool answered = setAsideUnanswered(wanted, expected, found);
-    watch_.quiet(wanted, expected, answered);
+    watch_.quiet(wanted, expected, all, answered);
     const std::string differs = difference(expected, found);
     if (!differs.empty()) expect(expected, found);
     note(differs);
@@ -196,8 +202,7 @@ class Run {
 
   /// Every stage of the graph is complete, and no other.
   [[nodiscard]] std::string incomplete() const {
-    std::set<std::string> missing;
-    for (const auto& node : agent_.server().graph().nodes) missing.insert(node.stage);
+    std::set<std::string> missing = stageNames_;
     std::string wrong;
     KilnPlatform::forEachIn(agent_.server().dependencyStatus().completed(),
                             [&](const std::string& stage, const KilnPlatform::Unit&) {
@@ -248,6 +253,7 @@ class Run {
   Scenario scenario_;
   Watch watch_;
   VlanDomainLimits limits_;
+  std::set<std::string> stageNames_;  ///< of the stage map, which is the same for every server
   std::string wrong_;
   std::vector<Operation> expected_;
 };

@@ -52,11 +52,13 @@ void Watch::say(std::string text) {
 // --- Servers come and go -----------------------------------------------------------------------------------
 
 void Watch::serverEnds(bool reverted) {
+  if (!restarted_ && changes_ == 0 && comparable_) sizes_ = agent_.server().leftovers();
   agent_.vlanDomains().status()->status().unsubscribe(*this);
   agent_.server().dependencyStatus().completed().unsubscribe(*this);
   agent_.store().observerDel(*this);
-  if (!reverted) return;
-  changes_ += 2;
+  restarted_ = true;
+  silent_.clear();
+  if (reverted) changes_ += 2;
 }
 
 void Watch::serverBegins() {
@@ -67,8 +69,10 @@ void Watch::serverBegins() {
   present_.clear();
   for (const auto& [place, request] : wanted.requests) {
     present_.insert(place);
+    contenders_.insert(place);
     mayBeProgrammed(std::get<2>(place), request.entry);
   }
+  noteFound();
   insertedSinceStart_.clear();
   accepted_.clear();
   lastWrite_.clear();
@@ -76,14 +80,48 @@ void Watch::serverBegins() {
   for (const auto& [interface, domain] : wanted.domains) domainsOfServer_[interface].insert(domain);
 }
 
+void Watch::noteFound() {
+  gone_.clear();
+  foundStatuses_.clear();
+  vanishedStatuses_.clear();
+  for (const auto& [place, status] : outcomeOf(agent_).statuses) foundStatuses_.insert(place);
+}
+
 void Watch::featureGoes(FeatureType feature) {
+  gone_.insert(feature);
   std::erase_if(present_, [&](const RequestPlace& place) { return std::get<0>(place) == feature; });
 }
 
 void Watch::handleChange(const std::string& stage) {
-  if (agent_.server().dependencyStatus().completedHas(stage)) return note(1);
+  if (agent_.server().dependencyStatus().completedHas(stage)) {
+    checkReconciled(stage);
+    return note(1);
+  }
   // Only the status stages of a feature that went are complete no more.
   if (stage.find("SrvStatusSm") == std::string::npos) say(fmt::format("{} is complete no more", stage));
+}
+
+void Watch::checkReconciled(const std::string& stage) {
+  if (stage == "reconcileCompleteSmStage" && agent_.chip().status()->pendingHwWrites()) {
+    return say("reconciliation is complete though the hardware is not");
+  }
+  if (stage.find("SrvStatusSm") == std::string::npos) return;
+  std::size_t found = 0;
+  std::size_t gone = 0;
+  for (const RequestPlace& place : foundStatuses_) {
+    const auto& [feature, database, key] = place;
+    if (gone_.contains(feature) || stage != fmt::format("{}SrvStatusSmStage-{}", database, feature)) continue;
+    ++found;
+    if (vanishedStatuses_.contains(place)) ++gone;
+  }
+  if (found == 0) return;
+  for (const KilnEmServer::Stage* created : agent_.server().stages()) {
+    if (created->name() != stage) continue;
+    const auto& counts = created->outputs().at(0)->reconciliationCounts();
+    if (counts.found == found && counts.deleted == gone) continue;
+    say(fmt::format("{} says that it found {} and deleted {}, not {} and {}", stage, counts.found,
+                    counts.deleted, found, gone));
+  }
 }
 
 // --- Requests and domains ----------------------------------------------------------------------------------
@@ -99,6 +137,7 @@ void Watch::handleStoreChange(const StoreChange& change) {
 template <class Db>
 void Watch::requestChanged(const RequestPlace& place) {
   ++inputs_;
+  requestChanges_.insert(place);
   const auto& [feature, database, key] = place;
   const auto* request = agent_.store().requests<Db>(feature)->config().find(
       KilnEmServer::requestKeyAs<typename Db::EntryKey>(key));
@@ -107,6 +146,7 @@ void Watch::requestChanged(const RequestPlace& place) {
     return;
   }
   if (present_.insert(place).second) insertedSinceStart_.insert(place);
+  contenders_.insert(place);
   mayBeProgrammed(key, request->clientData.*Db::kEntryOfClientData);
 }
 
@@ -124,6 +164,8 @@ void Watch::mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry) {
 
 void Watch::handleChange(const IntfIdSystemTcamId& interface) {
   ++inputs_;
+  // A domain that comes free goes to one that waited for it: another change, which nobody made from outside.
+  if (before_.domainsAsked.contains(interface)) ++changes_;
   note(hashOf(interface));
   const auto domain = agent_.vlanDomains().status()->status().get(interface);
   if (!domain) return;
@@ -143,6 +185,7 @@ void Watch::statusChanged(const RequestPlace& place) {
   const auto& [feature, database, requestKey] = place;
   const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(requestKey);
   const auto* record = agent_.store().statuses<Db>(feature)->status().find(key);
+  if (record == nullptr && foundStatuses_.contains(place)) vanishedStatuses_.insert(place);
   std::optional<Request> request;
   if (const auto* found = agent_.store().requests<Db>(feature)->config().find(key)) {
     request = {found->clientData.*Db::kEntryOfClientData, found->requestVersion, found->requestKind};
@@ -166,6 +209,9 @@ void Watch::statusWritten(const RequestPlace& place, const std::optional<Request
   if (seen.result != (held ? 3 : 1) || (held && seen.status != EmStatus::hwPending)) {
     return say(fmt::format("status of {} is {} with result {}", textOf(place), seen.status, seen.result));
   }
+  if (!held && seen.status == EmStatus::hwKeyConflict && !hasRival(place)) {
+    say(fmt::format("status of {} is a conflict with nobody", textOf(place)));
+  }
   if (held || seen.status != EmStatus::hwSuccess) return;
   if (!takenUp(place, *request)) say(fmt::format("{} cannot have succeeded", textOf(place)));
   if (!accepted(place, request->entry)) {
@@ -185,6 +231,36 @@ bool Watch::accepted(const RequestPlace& place, const EmEntry& entry) const {
   const auto domains = domainsOfServer_.find(*interface);
   return domains != domainsOfServer_.end() &&
          std::any_of(domains->second.begin(), domains->second.end(), has);
+}
+
+std::set<EmResolvedKey> Watch::hwKeysOf(const EmRequestKey& key) const {
+  std::set<EmResolvedKey> hwKeys;
+  const auto add = [&](std::optional<std::uint16_t> domain) {
+    if (const auto hwKey = composed(key.emComposerKey, domain)) hwKeys.insert(*hwKey);
+  };
+  const auto interface = interfaceOf(key.emComposerKey);
+  if (!interface) {
+    add({});
+    return hwKeys;
+  }
+  const auto domains = domainsOfWindow_.find(*interface);
+  if (domains == domainsOfWindow_.end()) return hwKeys;
+  for (const std::uint16_t domain : domains->second) add(domain);
+  return hwKeys;
+}
+
+bool Watch::hasRival(const RequestPlace& place) const {
+  const auto& [feature, database, key] = place;
+  const std::set<EmResolvedKey> hwKeys = hwKeysOf(key);
+  return std::any_of(contenders_.begin(), contenders_.end(), [&](const RequestPlace& other) {
+    const auto& [otherFeature, otherDatabase, otherKey] = other;
+    if (other == place || otherFeature < feature || otherKey.emComposerKey.tag() != key.emComposerKey.tag()) {
+      return false;
+    }
+    const std::set<EmResolvedKey> others = hwKeysOf(otherKey);
+    return std::any_of(others.begin(), others.end(),
+                       [&](const auto& hwKey) { return hwKeys.contains(hwKey); });
+  });
 }
 
 // --- The chip ----------------------------------------------------------------------------------------------
@@ -218,19 +294,71 @@ bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
 
 // --- Windows -----------------------------------------------------------------------------------------------
 
-void Watch::quiet(const Wanted& wanted, const Outcome& expected, bool comparable) {
+void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable) {
   if (changes_ <= 1 && comparable_ && comparable) checkWindow(expected);
+  checkSilent(found);
+  if (changes_ == 0 && restarted_ && comparable_ && comparable) checkSizes();
+  beginSilence();
   changes_ = 0;
+  restarted_ = false;
   inputs_ = 0;
   comparable_ = comparable;
   before_ = expected;
+  beforeFound_ = found;
   statusChanges_.clear();
+  requestChanges_.clear();
   touched_.clear();
   requested_.clear();
+  contenders_.clear();
   mayBeProgrammed_.clear();
   domainsOfWindow_.clear();
   for (const auto& [interface, domain] : wanted.domains) domainsOfWindow_[interface].insert(domain);
-  for (const auto& [place, request] : wanted.requests) mayBeProgrammed(std::get<2>(place), request.entry);
+  for (const auto& [place, request] : wanted.requests) {
+    contenders_.insert(place);
+    mayBeProgrammed(std::get<2>(place), request.entry);
+  }
+}
+
+void Watch::beginSilence() {
+  silent_.clear();
+  for (int type = 1; type <= 8; ++type) {
+    const auto table = static_cast<TableTag>(type);
+    const KilnAgent::SoftTable& soft = agent_.chip().table(table);
+    if (soft.answerMode() == KilnAgent::SoftTable::AnswerMode::hold && soft.held() == 0)
+      silent_.insert(table);
+  }
+}
+
+void Watch::checkSilent(const Outcome& found) {
+  if (silent_.empty()) return;
+  for (const auto& [place, was] : beforeFound_.statuses) {
+    const auto& key = std::get<2>(place).emComposerKey;
+    if (was.status != EmStatus::hwSuccess ||
+        !silent_.contains(static_cast<TableTag>(static_cast<int>(key.tag())))) {
+      continue;
+    }
+    if (!requestChanges_.contains(place) && !gone_.contains(std::get<0>(place)) &&
+        valueIn(found.statuses, place) != was) {
+      say(fmt::format("status of {} changed without an answer", textOf(place)));
+    }
+    const auto interface = interfaceOf(key);
+    if (interface && !found.domainsAsked.contains(*interface)) {
+      say(fmt::format("{} was released while the hardware used it", *interface));
+    }
+  }
+}
+
+void Watch::checkSizes() {
+  const Sizes sizes = agent_.server().leftovers();
+  // Rows come in the same order, by name.
+  for (std::size_t i = 0; i < std::min(sizes.size(), sizes_.size()); ++i) {
+    if (sizes[i] == sizes_[i]) continue;
+    // A domain stays acknowledged while anybody asks for it, though nothing that needs it can be composed any
+    // more.
+    if (sizes_[i].first.ends_with("resolutionInUse") && sizes[i].second < sizes_[i].second) continue;
+    return say(fmt::format("{} of {} before a restart, {} of {} after it", sizes_[i].second, sizes_[i].first,
+                           sizes[i].second, sizes[i].first));
+  }
 }
 
 void Watch::checkWindow(const Outcome& expected) {

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "agent/EmbeddedAgent.h"
 #include "sim/Recompute.h"
@@ -21,7 +22,11 @@ namespace KilnSim {
 ///   write of that entry was accepted. While a request stands its status does not vanish.
 /// - The chip is asked for nothing but entries of requests of the window, under keys that these may have had.
 /// - In a window of a single change, restarts or not, what must be the same before and after is not touched.
-/// - A stage is complete once.
+/// - While a table answers nothing, what it had answered stands, and the VLAN domains that it uses are kept.
+/// - Over restarts alone, every collection, group and cache of the server ends with the same size.
+/// - A stage is complete once, the reconciliation only when the hardware has it all; and what it reports to
+/// have
+///   found and deleted is what was there and went.
 class Watch final : private KilnAgent::StoreObserver,
                     private KilnAgent::TableWatcher,
                     private KilnPlatform::KeySubscriber<IntfIdSystemTcamId>,
@@ -40,8 +45,11 @@ class Watch final : private KilnAgent::StoreObserver,
   void changes(std::size_t count) { changes_ += count; }
   /// The feature's collections are about to vanish.
   void featureGoes(FeatureType feature);
-  /// The server is quiet, and this is what must stand. `comparable` unless some answers are held back.
-  void quiet(const Wanted& wanted, const Outcome& expected, bool comparable);
+  /// The table may answer from now on.
+  void answers(TableTag table) { silent_.erase(table); }
+  /// The server is quiet. This is what must stand, `comparable` unless some answers are held back, and what
+  /// does.
+  void quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable);
 
   /// Whether the chip's last word on this write was a refusal.
   [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
@@ -55,6 +63,7 @@ class Watch final : private KilnAgent::StoreObserver,
   [[nodiscard]] std::uint64_t refusals() const { return refusals_; }
 
  private:
+  using Sizes = std::vector<std::pair<std::string, std::size_t>>;
   using Programmed = std::pair<EmResolvedKey, EmEntry>;
   void handleStoreChange(const KilnAgent::StoreChange& change) override;
   void handleOperation(const EmResolvedKey& key, Operation operation) override;
@@ -64,6 +73,8 @@ class Watch final : private KilnAgent::StoreObserver,
   void handleChange(const IntfIdSystemTcamId& interface) override;
   void handleChange(const std::string& stage) override;
 
+  void noteFound();
+  void checkReconciled(const std::string& stage);
   template <class Db>
   void requestChanged(const RequestPlace& place);
   template <class Db>
@@ -71,8 +82,14 @@ class Watch final : private KilnAgent::StoreObserver,
   void statusWritten(const RequestPlace& place, const std::optional<Request>& request,
                      const StatusSeen& seen);
   [[nodiscard]] bool accepted(const RequestPlace& place, const EmEntry& entry) const;
+  [[nodiscard]] bool hasRival(const RequestPlace& place) const;
+  /// The hardware keys that a request may have had in the window.
+  [[nodiscard]] std::set<EmResolvedKey> hwKeysOf(const EmRequestKey& key) const;
   void mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry);
   void checkWindow(const Outcome& expected);
+  void checkSilent(const Outcome& found);
+  void checkSizes();
+  void beginSilence();
   void say(std::string text);
   void note(std::uint64_t what) { digest_ = (digest_ ^ what) * 0x100000001b3; }
 
@@ -86,16 +103,25 @@ class Watch final : private KilnAgent::StoreObserver,
 
   // Of this server.
   std::set<RequestPlace> insertedSinceStart_;  ///< requests that came while it was there
+  std::set<RequestPlace> foundStatuses_;       ///< that an earlier server had published
+  std::set<RequestPlace> vanishedStatuses_;    ///< of these, the ones that did not stay
+  std::set<FeatureType> gone_;                 ///< features whose collections went meanwhile
   std::set<Programmed> accepted_;
   std::map<EmResolvedKey, std::pair<EmEntry, bool>> lastWrite_;  ///< and whether it was refused
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
 
   // Of this window.
   std::size_t changes_ = 0;
+  bool restarted_ = false;
   std::size_t inputs_ = 0;
   bool comparable_ = false;  ///< at the window's begin
   Outcome before_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
+  Outcome beforeFound_;
+  Sizes sizes_;                ///< of what the server held before it went
+  std::set<TableTag> silent_;  ///< tables that had answered all at the window's begin, and none since
+  std::set<RequestPlace> requestChanges_;
+  std::set<RequestPlace> contenders_;
   std::set<std::pair<EmRequestKey, EmEntry>> requested_;
   std::set<Programmed> mayBeProgrammed_;
   std::set<RequestPlace> statusChanges_;

@@ -2,7 +2,8 @@
 """Plants the faults of sim/mutations.json one at a time and shows what catches each.
 
 All faults go into one scratch copy of the tracked files, each behind a test of the environment variable KILN_MUTANT, so
-that one build serves them all. Prints a table: planted, caught by, after how many seeds. Exit 1 where one survives.
+that one build serves them all. Prints a table: planted, seen by the simulation after how many seeds, and by which test.
+Exit 1 where one survives both.
 """
 import argparse
 import json
@@ -33,12 +34,15 @@ def copy_tree(root, scratch):
 
 
 def plant(scratch, number, mutation, texts):
-    """A statement, which ends with ; or }, becomes if/else; anything else is an expression."""
+    """A statement, which ends with ; or }, becomes if/else; anything else is an expression. Where the new text says
+    PLANTED, it replaces the old one as it is."""
     path, old, new = mutation["file"], mutation["old"], mutation["new"]
     text = texts.setdefault(path, (scratch / path).read_text())
     if text.count(old) != mutation.get("times", 1):
         sys.exit(f"{path}: {mutation['name']}: found {text.count(old)} times: {old}")
-    if old.rstrip()[-1] in ";}":
+    if "PLANTED" in new:
+        planted = new.replace("PLANTED", f"kilnMutant({number})")
+    elif old.rstrip()[-1] in ";}":
         planted = f"if (kilnMutant({number})) {{ {new} }} else {{ {old} }}"
     else:
         planted = f"(kilnMutant({number}) ? ({new}) : ({old}))"
@@ -54,19 +58,22 @@ def run(command, number, timeout):
         return -1, (late.stdout or b"").decode(errors="replace")
 
 
+def judge_by_tests(binaries, number, options):
+    """The first test that fails; empty where none does."""
+    code, told = run([binaries / "kiln-tests", "--gtest_brief=1", "--gtest_filter=-Simulation.*"], number,
+                     options.timeout)
+    failed = re.search(r"\[  FAILED  \] ([^\s,]+)", told)
+    return "" if code == 0 else failed.group(1) if failed else "ended"
+
+
 def judge(binaries, number, options):
-    """By what the fault is caught, and after how many seeds."""
+    """By what the simulation catches the fault, and after how many seeds; both empty where it does not."""
     code, told = run([binaries / "kiln-sim", "--seeds", f"1..{options.seeds}", "--steps", str(options.steps),
-                      "--failures", "1"], number, options.timeout)
-    if code != 0:
-        seed = re.search(r"FAILED seed (\d+).*\n(.*)", told)
-        return ("simulation", seed.group(1), seed.group(2)[:70]) if seed else ("simulation", "-", "ended")
-    if (binaries / "kiln-tests").exists():
-        code, told = run([binaries / "kiln-tests", "--gtest_brief=1"], number, options.timeout)
-        failed = re.search(r"\[  FAILED  \] (\S+)", told)
-        if code != 0:
-            return "tests", "-", failed.group(1) if failed else "died"
-    return "SURVIVES", options.seeds, ""
+                      "--failures", "1", "--jobs", str(options.jobs)], number, options.timeout)
+    if code == 0:
+        return "", ""
+    seed = re.search(r"FAILED seed (\d+).*\n(.*)", told)
+    return (seed.group(1), re.sub(r"KilnEmServer::|KilnTunnelNiLib::|\|", "", seed.group(2))[:60]) if seed else ("?", "ended")
 
 
 def main():
@@ -75,8 +82,9 @@ def main():
     parser.add_argument("--seeds", type=int, default=300)
     parser.add_argument("--steps", type=int, default=500)
     parser.add_argument("--timeout", type=int, default=300, help="seconds for one fault")
+    parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("--only", type=int, nargs="*", help="numbers of faults")
-    parser.add_argument("--tests", action="store_true", help="also build and run kiln-tests")
+    parser.add_argument("--tests", action="store_true", help="also run kiln-tests")
     options = parser.parse_args()
     root = pathlib.Path(__file__).resolve().parent.parent
     scratch = pathlib.Path(options.scratch)
@@ -94,12 +102,15 @@ def main():
     subprocess.run(["cmake", "--build", "--preset", "release", "--target", *targets], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
     survivors = 0
+    print("| | Planted | Simulation, after seeds | Tests |\n|---|---|---|---|", flush=True)
     for number, mutation in enumerate(mutations, 1):
         if options.only and number not in options.only:
             continue
-        caught, seeds, what = judge(scratch / "build/release/bin", number, options)
-        survivors += caught == "SURVIVES"
-        print(f"{number:2}  {mutation['name']:58} {caught:10} {seeds!s:>5}  {what}", flush=True)
+        seeds, what = judge(scratch / "build/release/bin", number, options)
+        test = judge_by_tests(scratch / "build/release/bin", number, options) if options.tests else ""
+        survivors += not seeds and not test
+        seen = f"{seeds}: {what}" if seeds else f"not in {options.seeds}"
+        print(f"| {number} | {mutation['name']} | {seen} | {test or '-'} |", flush=True)
     sys.exit(1 if survivors else 0)
 
 
