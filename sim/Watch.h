@@ -118,6 +118,7 @@ class Watch final : private KilnAgent::StoreObserver,
   Outcome before_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
   Outcome beforeFound_;
+  std::set<EmResolvedKey> refusedBefore_;
   Sizes sizes_;                ///< of what the server held before it went
   std::set<TableTag> silent_;  ///< tables that had answered all at the window's begin, and none since
   std::set<RequestPlace> requestChanges_;
