@@ -45,6 +45,7 @@ class WholeServer {
 
   [[nodiscard]] KilnAgent::CooperativeScheduler& scheduler() { return *scheduler_; }
   [[nodiscard]] KilnAgent::MemoryStateStore& store() { return *store_; }
+  [[nodiscard]] const KilnAgent::MemoryStateStore& store() const { return *store_; }
   [[nodiscard]] KilnAgent::VlanDomainService& vlanDomains() { return vlanDomains_; }
 
  private:
