@@ -1,7 +1,9 @@
 // The agent's own collections: made by the server's implementation, held by what publishes them.
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 
 #include "platform/Collection.h"
 #include "runtime/Collection.h"
@@ -23,6 +25,7 @@ class ChangeWatcher {
 template <class K, class V>
 class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
  public:
+  explicit AgentCollection(std::size_t group) : content_(group) {}
   [[nodiscard]] const V* find(const K& key) const override { return content_.find(key); }
   [[nodiscard]] std::size_t size() const override { return content_.size(); }
   bool is(const K& key, const V& value) override {
@@ -63,9 +66,10 @@ class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
   mutable ChangeWatcher<K, V>* watcher_ = nullptr;
 };
 
+/// Collections of one group hold the same keys, mostly, and those of another group others.
 template <class K, class V>
-std::unique_ptr<KilnPlatform::KeyedCollection<K, V>> makeCollection() {
-  return std::make_unique<AgentCollection<K, V>>();
+std::unique_ptr<KilnPlatform::KeyedCollection<K, V>> makeCollection(std::size_t group = 0) {
+  return std::make_unique<AgentCollection<K, V>>(group);
 }
 
 // Of collections that makeCollection made.

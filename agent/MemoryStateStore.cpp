@@ -8,9 +8,10 @@ using KilnEmServer::FeatureType;
 
 template <class Db>
 MemoryStateStore::Records<Db>::Records(const MemoryStateStore& store, FeatureType feature)
-    : config(std::make_shared<KilnTunnelNiLib::SrvConfig<Db>>(makeCollection<Key, Request<Db>>())),
+    : config(std::make_shared<KilnTunnelNiLib::SrvConfig<Db>>(
+          makeCollection<Key, Request<Db>>(static_cast<std::size_t>(feature)))),
       status(std::make_shared<KilnTunnelNiLib::SrvStatus<Db>>(
-          makeCollection<Key, KilnTunnelNiLib::SrvStatusEntry<Key>>())),
+          makeCollection<Key, KilnTunnelNiLib::SrvStatusEntry<Key>>(static_cast<std::size_t>(feature)))),
       requestWatch(store, {StoreChange::Record::request, feature, Db::kEmType, {}}),
       statusWatch(store, {StoreChange::Record::status, feature, Db::kEmType, {}}) {
   subscribe();

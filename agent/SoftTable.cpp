@@ -59,7 +59,8 @@ void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {
   if (mode_ == AnswerMode::hold) {
     held_.push_back({outcome, std::move(handler)});
   } else if (insideCall_) {
-    call({outcome, std::move(handler)});
+    Answer answer{outcome, std::move(handler)};
+    call(answer);
   } else {
     due_.push_back({outcome, std::move(handler)});
     pending_.begin(1);
@@ -67,7 +68,7 @@ void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {
   }
 }
 
-void SoftTable::call(Answer answer) {
+void SoftTable::call(Answer& answer) {
   static const auto handleOf = [](EntryState state) {
     return std::make_shared<const Asic::OrderedSwTable::EntryHandle>(state);
   };
@@ -77,7 +78,7 @@ void SoftTable::call(Answer answer) {
   answer.handler(handles[static_cast<std::size_t>(answer.outcome)]);
 }
 
-SoftTable::Answer SoftTable::takeFront(std::deque<Answer>& answers) {
+SoftTable::Answer SoftTable::takeFront(Answers& answers) {
   Answer answer = std::move(answers.front());
   answers.pop_front();
   return answer;
@@ -89,13 +90,14 @@ void SoftTable::runAnswers() {
   std::size_t dueNow = shuffled ? 1 + randomBelow(*random_, due_.size()) : due_.size();
   while (!released_.empty() || dueNow != 0) {
     if (!released_.empty()) {
-      call(takeFront(released_));
+      Answer answer = takeFront(released_);
+      call(answer);
     } else {
       if (shuffled) std::swap(due_.front(), due_[randomBelow(*random_, due_.size())]);
       --dueNow;
       Answer answer = takeFront(due_);
       pending_.end(1);
-      call(std::move(answer));
+      call(answer);
     }
     task_.scheduler()->taskWorkCountInc(1);
     if (task_.scheduler()->taskShouldYield()) break;

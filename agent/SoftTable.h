@@ -1,10 +1,10 @@
 // One table of the software chip: applies operations at once, answers them later.
 #pragma once
 
+#include <boost/container/deque.hpp>
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <random>
@@ -175,9 +175,13 @@ class SoftTable {
     EntryState outcome;
     ResponseHandler handler;
   };
+  /// With room for many answers at a time, so that they are not allocated one by one.
+  using Answers =
+      boost::container::deque<Answer, void,
+                              boost::container::deque_options_t<boost::container::block_size<64>>>;
   void runAnswers();
-  static void call(Answer answer);
-  static Answer takeFront(std::deque<Answer>& answers);
+  static void call(Answer& answer);
+  static Answer takeFront(Answers& answers);
 
   std::string_view stem_;
   std::uint32_t capacity_;
@@ -188,9 +192,9 @@ class SoftTable {
   MdbRoom& room_;
   AnswerMode mode_ = AnswerMode::success;
   bool insideCall_ = false;
-  std::deque<Answer> due_;       ///< to be given in this order, or in any with a seed
-  std::deque<Answer> released_;  ///< held once, to be given in this order
-  std::deque<Answer> held_;
+  Answers due_;       ///< to be given in this order, or in any with a seed
+  Answers released_;  ///< held once, to be given in this order
+  Answers held_;
   std::size_t dropped_ = 0;   ///< removals that nobody waits for and that are not committed yet
   std::size_t draining_ = 0;  ///< those that are
   KilnPlatform::Task task_;

@@ -21,12 +21,17 @@ class ComposerSelectorSm final : public Stage {
   [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
     return emComposerTypeFromUnion(emKey.emComposerKey) == composerType_;
   }
+  /// Whether the request set may have to change: not for an entry that only got another content.
+  [[nodiscard]] bool concerns(const EmLogicalKey& emKey) const {
+    return isOwn(emKey) && (!ready() || (emLogicalKeyToEntry_.find(emKey) == nullptr) !=
+                                            (emLogicalKeyConfig_.find(emKey) == nullptr));
+  }
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
 
   EmComposerKeyUnionTag composerType_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
         "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
-        &ComposerSelectorSm::isOwn>
+        &ComposerSelectorSm::concerns, &ComposerSelectorSm::isOwn>
       emLogicalKeyToEntry_;
   Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
 };

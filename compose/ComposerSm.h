@@ -12,9 +12,9 @@
 #include <string>
 #include <string_view>
 
-#include "compose/LocalCollection.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
+#include "runtime/LocalState.h"
 #include "runtime/Output.h"
 #include "runtime/PendingKeys.h"
 #include "runtime/Stage.h"
@@ -26,7 +26,7 @@ class ResolverEmLogicalKeyColl {
  public:
   explicit ResolverEmLogicalKeyColl(const ResolverKey& resolverKey) : resolverKey_(resolverKey) {}
   [[nodiscard]] const ResolverKey& resolverKey() const { return resolverKey_; }
-  KILN_SET(ResolverEmLogicalKeyColl, emLogicalKeySet, EmLogicalKey)
+  KILN_SPARSE_SET(ResolverEmLogicalKeyColl, emLogicalKeySet, EmLogicalKey)
 
   /// Keys of the set that are resolved and wait for their hardware outcome.
   std::size_t outcomesAwaited = 0;

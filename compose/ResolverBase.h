@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "compose/LocalCollection.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
+#include "runtime/LocalState.h"
 #include "runtime/Stage.h"
 
 namespace KilnEmServer {

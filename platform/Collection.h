@@ -7,12 +7,22 @@
 
 namespace KilnPlatform {
 
+/// Divides the keys of a type into channels, so that a subscriber that wants few keys need not be asked about
+/// each. Specialised per key type.
+template <class K>
+struct KeyChannels {
+  static constexpr std::size_t kCount = 1;
+  static std::size_t of(const K& /*key*/) { return 0; }
+};
+
 /// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent
 /// when the call is made, and the current value, which may be absent, is to be read from it.
 template <class K>
 class KeySubscriber {
  public:
   virtual void handleChange(const K& key) = 0;
+  /// Whether keys of a channel are wanted; asked when subscribing. Others may be told all the same.
+  [[nodiscard]] virtual bool wantsChannel(std::size_t /*channel*/) const { return true; }
 
  protected:
   ~KeySubscriber() = default;

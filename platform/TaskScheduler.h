@@ -133,7 +133,7 @@ inline Task::~Task() {
   scheduler_->cancel(*this);
 }
 inline void Task::scheduleTask() {
-  scheduler_->schedule(*this);
+  if (!ready) scheduler_->schedule(*this);
 }
 
 }  // namespace KilnPlatform

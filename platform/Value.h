@@ -8,10 +8,11 @@
 #pragma once
 
 #include <fmt/format.h>
+#define XXH_INLINE_ALL
+#include <xxhash.h>
 
 #include <algorithm>
 #include <array>
-#include <boost/container_hash/hash.hpp>
 #include <boost/preprocessor/seq/enum.hpp>
 #include <boost/preprocessor/seq/transform.hpp>
 #include <boost/preprocessor/variadic/to_seq.hpp>
@@ -179,6 +180,26 @@ using U20 = BoundedUint<20>;
 
 // --- Tagged unions -----------------------------------------------------------------------------------------
 
+namespace detail {
+
+/// Copies a value's fields, and nothing of what is between them.
+template <class T>
+void storeFields(const T& value, std::byte* to) {
+  if constexpr (Described<T>) {
+    const auto storeField = [&](const auto& field) {
+      const auto& content = value.*(field.member);
+      storeFields(content, to + (reinterpret_cast<const std::byte*>(&content) -
+                                 reinterpret_cast<const std::byte*>(&value)));
+    };
+    std::apply([&](const auto&... field) { (storeField(field), ...); }, T::fields());
+  } else {
+    static_assert(std::has_unique_object_representations_v<T>);
+    std::memcpy(to, &value, sizeof(T));
+  }
+}
+
+}  // namespace detail
+
 /// A tagged union of trivially copyable alternatives. Tag value 0 is `undefined` and holds nothing; tag i
 /// holds the i-th alternative. `Traits` gives
 ///   using Tag = <NamedEnum whose value 0 is undefined>;
@@ -199,11 +220,14 @@ class TaggedUnion {
   static_assert(((sizeof(Alternatives) <= Traits::kCapacity) && ...));
   static_assert((std::is_trivially_copyable_v<Alternatives> && ...));
 
+  static_assert(Traits::kCapacity % sizeof(std::uint64_t) == 0);
+  using Words = std::array<std::uint64_t, Traits::kCapacity / sizeof(std::uint64_t)>;
+
   TaggedUnion() = default;
   template <class A>
   requires kHolds<A> TaggedUnion(const A& alternative)
       : tag_(tagOf<A>()) {  // NOLINT(google-explicit-constructor)
-    ::new (static_cast<void*>(storage_)) A(alternative);
+    detail::storeFields(alternative, storage_);
   }
 
   [[nodiscard]] Tag tag() const { return tag_; }
@@ -245,11 +269,20 @@ class TaggedUnion {
     (void)((tag_ == tagOf<Alternatives>() && (visitor(*getIf<Alternatives>()), true)) || ...);
   }
 
+  /// The alternative's bytes. What is between its fields and after them is zero: equal values have equal
+  /// words.
+  [[nodiscard]] Words words() const {
+    Words words;
+    std::memcpy(words.data(), storage_, sizeof(words));
+    return words;
+  }
+
   friend bool operator==(const TaggedUnion& a, const TaggedUnion& b) {
-    if (a.tag_ != b.tag_) return false;
-    bool equal = true;
-    a.visit([&]<class A>(const A& alternative) { equal = alternative == *b.template getIf<A>(); });
-    return equal;
+    const Words left = a.words();
+    const Words right = b.words();
+    std::uint64_t different = static_cast<std::uint64_t>(a.tag_) ^ static_cast<std::uint64_t>(b.tag_);
+    for (std::size_t word = 0; word < left.size(); ++word) different |= left[word] ^ right[word];
+    return different == 0;
   }
   friend std::strong_ordering operator<=>(const TaggedUnion& a, const TaggedUnion& b) {
     if (a.tag_ != b.tag_) return a.tag_ <=> b.tag_;
@@ -285,25 +318,72 @@ class TaggedUnion {
 
 // --- Hash --------------------------------------------------------------------------------------------------
 
-/// Hash over all fields of a plain value, continued from `seed`; well mixed in all its bits.
+namespace detail {
+
+/// Lays the fields of a plain value side by side in words.
+class WordPacker {
+ public:
+  explicit WordPacker(std::uint64_t* words) : next_(words) {}
+
+  template <class T>
+  void add(const T& value) {
+    if constexpr (std::is_enum_v<T>) {
+      add(static_cast<std::underlying_type_t<T>>(value));
+    } else if constexpr (NumberValue<T>) {
+      add(value.number());
+    } else if constexpr (UnionValue<T>) {
+      add(value.tag());
+      flush();
+      for (const std::uint64_t word : value.words()) *next_++ = word;
+    } else if constexpr (Described<T>) {
+      std::apply([&](const auto&... field) { (add(value.*(field.member)), ...); }, T::fields());
+    } else {
+      static_assert(std::is_integral_v<T>);
+      constexpr unsigned kBits = sizeof(T) * 8;
+      if (bits_ + kBits > 64) flush();
+      word_ |= static_cast<std::uint64_t>(static_cast<std::make_unsigned_t<T>>(value)) << bits_;
+      bits_ += kBits;
+    }
+  }
+  /// Ends the last word; returns what is behind it.
+  std::uint64_t* end() {
+    flush();
+    return next_;
+  }
+
+ private:
+  void flush() {
+    if (bits_ == 0) return;
+    *next_++ = word_;
+    word_ = 0;
+    bits_ = 0;
+  }
+  std::uint64_t* next_;
+  std::uint64_t word_ = 0;
+  unsigned bits_ = 0;
+};
+
+}  // namespace detail
+
+/// Hash over all fields of a plain value, continued from `seed`; well mixed in all its bits. The same on
+/// every machine of one byte order.
 template <class T>
 std::size_t hashValue(const T& value, std::size_t seed = 0) {
-  if constexpr (std::is_enum_v<T>) {
-    boost::hash_combine(seed, static_cast<std::uint64_t>(value));
-  } else if constexpr (std::is_arithmetic_v<T>) {
-    boost::hash_combine(seed, static_cast<std::uint64_t>(value));
-  } else if constexpr (NumberValue<T>) {
-    boost::hash_combine(seed, static_cast<std::uint64_t>(value.number()));
-  } else if constexpr (UnionValue<T>) {
-    seed = hashValue(value.tag(), seed);
-    value.visit([&](const auto& alternative) { seed = hashValue(alternative, seed); });
-  } else if constexpr (Described<T>) {
+  if constexpr (std::is_same_v<T, std::string>) {
+    return XXH3_64bits_withSeed(value.data(), value.size(), seed);
+  } else if constexpr (std::is_trivially_copyable_v<T>) {
+    // No field takes more than one word of its own, a union one beside its content.
+    std::array<std::uint64_t, sizeof(T) + 1> words;
+    detail::WordPacker packer(words.data());
+    packer.add(value);
+    const auto bytes = static_cast<std::size_t>(packer.end() - words.data()) * sizeof(std::uint64_t);
+    return XXH3_64bits_withSeed(words.data(), bytes, seed);
+  } else {
+    static_assert(Described<T>);
     std::apply([&](const auto&... field) { ((seed = hashValue(value.*(field.member), seed)), ...); },
                T::fields());
-  } else {
-    boost::hash_combine(seed, value);
+    return seed;
   }
-  return seed;
 }
 
 /// Function object for containers; tells them that the hash needs no further mixing.

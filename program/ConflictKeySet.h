@@ -1,63 +1,80 @@
 // Who wants which hardware key: the contenders, by hardware key, feature type and logical key.
 #pragma once
 
-#include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
 #include <cstddef>
+#include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
-#include <string_view>
+#include <utility>
 
-#include "platform/Ref.h"
-#include "runtime/Collection.h"
 #include "runtime/EmTypes.h"
 #include "runtime/LocalState.h"
 
 namespace KilnEmServer {
 
-using KilnPlatform::Ref;
-
 /// The contenders of one feature type for one hardware key, least logical key first: the order is kept by
-/// key, so that the winner is a function of the requests alone.
+/// key, so that the winner is a function of the requests alone. The first one, mostly the only one, lies in
+/// the set itself. Nothing is asked of an empty set but to file a contender.
 class FeatureTypeLogicalKeySet {
  public:
+  using Contender = std::pair<EmLogicalKey, EmConfigEntry>;
+
   explicit FeatureTypeLogicalKeySet(FeatureType featureType) : featureType_(featureType) {}
   [[nodiscard]] FeatureType featureType() const { return featureType_; }
-  [[nodiscard]] const std::map<EmLogicalKey, EmConfigEntry>& logicalKeyToEntry() const { return entries_; }
-  void logicalKeyToEntryIs(const EmLogicalKey& key, const EmConfigEntry& entry) {
-    entries_.insert_or_assign(key, entry);
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  [[nodiscard]] std::size_t size() const { return size_; }
+  /// The contender with the least logical key.
+  [[nodiscard]] const Contender& first() const { return first_; }
+  /// A contender's entry, or null.
+  [[nodiscard]] const EmConfigEntry* logicalKeyToEntry(const EmLogicalKey& key) const;
+  void logicalKeyToEntryIs(const EmLogicalKey& key, const EmConfigEntry& entry);
+  void logicalKeyToEntryDel(const EmLogicalKey& key);
+  /// Visits every contender's key, in order.
+  template <class Visitor>
+  void forEachKey(Visitor&& visit) const {
+    if (empty()) return;
+    visit(first_.first);
+    if (others_ == nullptr) return;
+    for (const auto& [key, entry] : *others_) visit(key);
   }
-  void logicalKeyToEntryDel(const EmLogicalKey& key) { entries_.erase(key); }
 
  private:
+  using Others = std::map<EmLogicalKey, EmConfigEntry>;
+
   FeatureType featureType_;
-  std::map<EmLogicalKey, EmConfigEntry> entries_;
+  std::uint32_t size_ = 0;
+  Contender first_;
+  std::unique_ptr<Others> others_;  ///< null where there are none
 };
 
 /// The contenders for one hardware key, sorted by feature type.
 class ConflictKeyToLogicalKeySet {
  public:
-  explicit ConflictKeyToLogicalKeySet(const EmHwKey& hwKey) : hwKey_(hwKey) {}
-  [[nodiscard]] const EmHwKey& hwKey() const { return hwKey_; }
   [[nodiscard]] const auto& featureTypeToLogicalKeySet() const { return sets_; }
   /// The member of a feature type, created where there is none.
-  FeatureTypeLogicalKeySet& featureTypeToLogicalKeySetIs(FeatureType featureType) {
-    return sets_.try_emplace(featureType, featureType).first->second;
-  }
+  FeatureTypeLogicalKeySet& featureTypeToLogicalKeySetIs(FeatureType featureType);
   /// The member of a feature type, or null.
-  [[nodiscard]] FeatureTypeLogicalKeySet* featureTypeToLogicalKeySet(FeatureType featureType) {
-    const auto at = sets_.find(featureType);
-    return at == sets_.end() ? nullptr : &at->second;
+  [[nodiscard]] const FeatureTypeLogicalKeySet* featureTypeToLogicalKeySet(FeatureType featureType) const {
+    for (const FeatureTypeLogicalKeySet& set : sets_) {
+      if (set.featureType() == featureType) return &set;
+    }
+    return nullptr;
   }
-  void featureTypeToLogicalKeySetDel(FeatureType featureType) { sets_.erase(featureType); }
+  [[nodiscard]] FeatureTypeLogicalKeySet* featureTypeToLogicalKeySet(FeatureType featureType) {
+    return const_cast<FeatureTypeLogicalKeySet*>(
+        std::as_const(*this).featureTypeToLogicalKeySet(featureType));
+  }
+  void featureTypeToLogicalKeySetDel(FeatureType featureType);
   /// The set of the greatest feature type; never null, since no empty level survives.
   [[nodiscard]] const FeatureTypeLogicalKeySet* greatest() const {
-    return sets_.empty() ? nullptr : &sets_.rbegin()->second;
+    return sets_.empty() ? nullptr : &sets_.back();
   }
 
  private:
-  EmHwKey hwKey_;
-  boost::container::flat_map<FeatureType, FeatureTypeLogicalKeySet> sets_;
+  boost::container::small_vector<FeatureTypeLogicalKeySet, 1> sets_;
 };
 
 /// The index over all hardware keys. No empty level survives a removal.
@@ -67,8 +84,7 @@ class ConflictKeySet final : public LocalState {
 
   /// The contenders for a hardware key, or null.
   [[nodiscard]] const ConflictKeyToLogicalKeySet* hwKeyToLogicalKeySet(const EmHwKey& hwKey) const {
-    const auto* set = sets_.find(hwKey);
-    return set == nullptr ? nullptr : set->get();
+    return sets_.find(hwKey);
   }
   /// Files a contender, creating the levels as needed.
   void insert(const EmHwKey& hwKey, const EmLogicalKey& key, const EmConfigEntry& entry);
@@ -85,7 +101,7 @@ class ConflictKeySet final : public LocalState {
   ConflictKeyToLogicalKeySet& hwKeyToLogicalKeySetIs(const EmHwKey& hwKey);
   void hwKeyToLogicalKeySetDel(const EmHwKey& hwKey);
 
-  Collection<EmHwKey, Ref<ConflictKeyToLogicalKeySet>> sets_;
+  LocalMap<EmHwKey, ConflictKeyToLogicalKeySet> sets_;
   std::map<EmHwKey, std::set<EmHwKey>> divergent_;
 };
 

@@ -150,17 +150,14 @@ void EmConflictSm::eventToConflictStatusStream2(
 
 void EmConflictSm::writeContenderStatus(const EmHwKey& hwKey, const EmLogicalKey& winner,
                                         const EmLogicalKey& contender) {
-  const ConflictKeyToLogicalKeySet* contenders = conflictKeySet_.hwKeyToLogicalKeySet(hwKey);
-  const auto& sets = contenders->featureTypeToLogicalKeySet();
-  const auto ofFeature = sets.find(contender.featureType);
-  if (ofFeature == sets.end()) return;
-  const auto& entries = ofFeature->second.logicalKeyToEntry();
-  const auto entry = entries.find(contender);
-  if (entry == entries.end()) return;  // filed under another hardware key, or under none
+  const FeatureTypeLogicalKeySet* ofFeature =
+      conflictKeySet_.hwKeyToLogicalKeySet(hwKey)->featureTypeToLogicalKeySet(contender.featureType);
+  const EmConfigEntry* entry = ofFeature == nullptr ? nullptr : ofFeature->logicalKeyToEntry(contender);
+  if (entry == nullptr) return;  // filed under another hardware key, or under none
   if (contender == winner) {
     if (emConflictStatus_.find(contender) != nullptr) emConflictStatus_.erase(contender);
   } else {
-    emConflictStatus_.insert(contender, {contender, entry->second, hwKey, EmStatus::hwKeyConflict});
+    emConflictStatus_.insert(contender, {contender, *entry, hwKey, EmStatus::hwKeyConflict});
   }
 }
 
@@ -168,18 +165,18 @@ void EmConflictSm::traceContenders(const EmHwKey& hwKey) const {
   const auto& sets = conflictKeySet_.hwKeyToLogicalKeySet(hwKey)->featureTypeToLogicalKeySet();
   tracer().trace<7>("foreach( ( *featureSetOpt ).featureTypeToLogicalKeySet ) flattening {} elements",
                     sets.size());
-  for (const auto& [featureType, set] : sets) {
-    tracer().trace<7>("Flattening element: {}", featureType);
+  for (const FeatureTypeLogicalKeySet& set : sets) {
+    tracer().trace<7>("Flattening element: {}", set.featureType());
     tracer().trace<7>("foreach( featureTypeToLogicalKeySet.logicalKeyToEntry ) flattening {} elements",
-                      set.logicalKeyToEntry().size());
-    for (const auto& [key, entry] : set.logicalKeyToEntry()) tracer().trace<7>("Flattening element: {}", key);
+                      set.size());
+    set.forEachKey([&](const EmLogicalKey& key) { tracer().trace<7>("Flattening element: {}", key); });
   }
 }
 
 // --- Statuses of keys without a hardware entry -------------------------------------------------------------
 
 void EmConflictSm::decideUnplaced(const EmLogicalKey& emLogicalKey) {
-  if (emMergedEntry_.find(emLogicalKey) != nullptr) return;  // decided with its hardware key
+  if (!unplaced(emLogicalKey)) return;  // decided with its hardware key
   if (!emLogicalKeyToEntry_) {
     emConflictStatus_.insert(emLogicalKey, {emLogicalKey, {}, {}, EmStatus{}});
     return;

@@ -48,6 +48,10 @@ class EmConflictSm final : public Stage {
   };
 
   void eventToInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
+  /// Whether the key has no hardware entry: when one that has loses it, that is a change of its own.
+  [[nodiscard]] bool unplaced(const EmLogicalKey& emLogicalKey) const {
+    return emMergedEntry_.find(emLogicalKey) == nullptr;
+  }
   void handleRequestedEntry(const EmLogicalKey& emLogicalKey, const EmConfigEntry* entryOpt);
   void handleComposeFailure(const EmComposerKeyUnionTag& composerType, const EmLogicalKey& emLogicalKey,
                             const std::string* failureOpt);
@@ -75,7 +79,8 @@ class EmConflictSm final : public Stage {
   using RequestedEntryInput =
       Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
             &EmConflictSm::handleRequestedEntry,
-            "requestStream = from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emLogicalKey={}">;
+            "requestStream = from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emLogicalKey={}",
+            Reaction::queued, &EmConflictSm::unplaced, nullptr>;
   std::optional<RequestedEntryInput> emLogicalKeyToEntry_;
   using ComposeFailureInput = NestedInput<
       EmComposeFailureByComposerType::configAttr, EmComposeFailure::failureAttr, "emComposeFailure",

@@ -152,7 +152,7 @@ void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndE
 
 std::uint32_t EmSwTableWriterSm::Versions::issue(const EmHwKey& hwKey) {
   if (++counter_ == 0) ++counter_;
-  latest_.is(hwKey, counter_);
+  latest_.obtain(hwKey) = counter_;
   return counter_;
 }
 

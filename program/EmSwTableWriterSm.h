@@ -67,11 +67,11 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
     [[nodiscard]] std::uint32_t latest(const EmHwKey& hwKey) const;
     void del(const EmHwKey& hwKey) { latest_.del(hwKey); }
     [[nodiscard]] std::size_t size() const override { return latest_.size(); }
-    void clear() override { latest_.delAll(); }
+    void clear() override { latest_.clear(); }
 
    private:
     std::uint32_t counter_ = 0;
-    Collection<EmHwKey, std::uint32_t> latest_;
+    LocalMap<EmHwKey, std::uint32_t> latest_;
   };
 
   EmResolvedKeyUnionTag emResolvedKeyType_;

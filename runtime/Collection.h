@@ -1,7 +1,9 @@
-// The server's keyed collections. Two implementations stand behind one name: a dense one for use, an ordered
+// The server's keyed collections. Behind their names stand implementations by handle for use, and an ordered
 // one for a test build that shows that no stage depends on the representation.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -12,55 +14,159 @@
 #include "platform/Assert.h"
 #include "platform/Collection.h"
 #include "platform/Value.h"
+#include "runtime/Column.h"
+#include "runtime/HandleIndex.h"
 #include "runtime/KeySpace.h"
 #include "runtime/PagedArray.h"
+#include "runtime/Trace.h"
 
 namespace KilnEmServer {
 
+using KilnPlatform::KeyChannels;
 using KilnPlatform::KeyedCollection;
 using KilnPlatform::KeySubscriber;
 using KilnPlatform::ScanCursor;
 
 /// The subscribers of one collection. Subscribers may come and go while they are being notified: one that
-/// goes is not called any more, one that comes is called from the next change on.
+/// goes is not called any more, one that comes is called from the next change on. A change is told to those
+/// who want its key's channel, in the order in which they came.
 template <class K>
 class SubscriberList {
  public:
   ~SubscriberList() {
-    for (const auto* subscriber : subscribers_) KILN_ASSERT(subscriber == nullptr);
+    for (const auto* subscriber : lists_[kAll]) KILN_ASSERT(subscriber == nullptr);
   }
 
-  void add(KeySubscriber<K>& subscriber) { subscribers_.push_back(&subscriber); }
+  void add(KeySubscriber<K>& subscriber) {
+    for (std::size_t channel = 0; channel < kAll; ++channel) {
+      if (subscriber.wantsChannel(channel)) lists_[channel].push_back(&subscriber);
+    }
+    lists_[kAll].push_back(&subscriber);
+  }
   void remove(KeySubscriber<K>& subscriber) {
-    for (auto& slot : subscribers_) {
-      if (slot == &subscriber) {
-        slot = nullptr;
-        break;
-      }
+    for (List& list : lists_) {
+      std::replace(list.begin(), list.end(), &subscriber, static_cast<KeySubscriber<K>*>(nullptr));
     }
-    if (depth_ == 0) std::erase(subscribers_, nullptr);
+    eraseGone();
   }
+  /// `key` outlives the call, whatever the subscribers do.
   void notify(const K& key) {
-    if (subscribers_.empty()) return;
+    // Who does not want a channel says so in a detailed trace.
+    List& told = lists_[TraceFacility::detailed() ? kAll : KeyChannels<K>::of(key)];
+    if (told.empty()) return;
     ++depth_;
-    const std::size_t count = subscribers_.size();
+    const std::size_t count = told.size();
     for (std::size_t i = 0; i < count; ++i) {
-      if (subscribers_[i] != nullptr) subscribers_[i]->handleChange(key);
+      if (told[i] != nullptr) told[i]->handleChange(key);
     }
-    if (--depth_ == 0) std::erase(subscribers_, nullptr);
+    --depth_;
+    if (gone_) eraseGone();
   }
-  [[nodiscard]] bool empty() const { return subscribers_.empty(); }
+  [[nodiscard]] bool empty() const { return lists_[kAll].empty(); }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
-  void forgetAll() { subscribers_.clear(); }
+  void forgetAll() {
+    for (List& list : lists_) list.clear();
+  }
 
  private:
-  std::vector<KeySubscriber<K>*> subscribers_;
+  using List = std::vector<KeySubscriber<K>*>;
+  static constexpr std::size_t kAll = KeyChannels<K>::kCount;  ///< index of the list of all
+
+  void eraseGone() {
+    gone_ = depth_ != 0;
+    if (gone_) return;
+    for (List& list : lists_) std::erase(list, nullptr);
+  }
+
+  std::array<List, kAll + 1> lists_;
   int depth_ = 0;
+  bool gone_ = false;  ///< whether a subscriber went while others were being notified
 };
 
-/// A collection whose entries lie in one array, with the place of each key's handle beside it. A deletion
-/// moves the last entry into the hole. A walk goes from the array's end to its begin: an entry only ever
-/// moves to a lower place, so what was not visited yet stays ahead of the cursor.
+/// A collection that files its values by the key's handle, for one that holds most keys that its readers and
+/// writers know. A walk goes from the least handle up; an entry never moves.
+template <class K, class V>
+class ColumnCollection final : public KeyedCollection<K, V> {
+ public:
+  /// Keys that this collection is the first to hold join `group`, unless their type has groups of its own.
+  explicit ColumnCollection(std::size_t group = 0) : group_(group) {}
+  ~ColumnCollection() override {
+    for (auto handle = values_.next(0); handle != Values::kNone; handle = values_.next(handle + 1)) {
+      keys_.release(handle);
+    }
+  }
+
+  [[nodiscard]] const V* find(const K& key) const override {
+    const auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
+    return handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
+  }
+  [[nodiscard]] std::size_t size() const override { return values_.size(); }
+
+  bool is(const K& key, const V& value) override {
+    auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
+    V* present = handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
+    if (present == nullptr) {
+      handle = keys_.acquire(key, group_);
+      values_.emplace(handle, value);
+    } else {
+      if (*present == value) return false;
+      *present = value;
+    }
+    if (subscribers_.empty()) return true;
+    keys_.use(handle);
+    keys_.expect(handle);
+    subscribers_.notify(keys_.key(handle));
+    keys_.release(handle);
+    return true;
+  }
+
+  bool del(const K& key) override {
+    const auto handle = keys_.find(key);
+    if (handle == KeySpace<K>::kNone || values_.find(handle) == nullptr) return false;
+    values_.erase(handle);
+    keys_.expect(handle);
+    subscribers_.notify(keys_.key(handle));
+    keys_.release(handle);
+    return true;
+  }
+
+  void delAll() override {
+    while (!values_.empty()) {
+      for (auto handle = values_.next(0); handle != Values::kNone; handle = values_.next(handle + 1)) {
+        del(keys_.key(handle));
+      }
+    }
+  }
+
+  std::optional<K> scanNext(ScanCursor<K>& cursor) const override {
+    const auto handle = values_.next(cursor.index);
+    if (handle == Values::kNone) return std::nullopt;
+    cursor.index = handle + std::size_t{1};
+    keys_.expect(handle);
+    return keys_.key(handle);
+  }
+
+  /// Fetches a key's value into the cache.
+  void prefetch(typename KeySpace<K>::Handle handle) const { values_.prefetch(handle); }
+
+  void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetSubscribers() const { subscribers_.forgetAll(); }
+
+ private:
+  using Values = Column<V>;
+
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  std::size_t group_;
+  Values values_;
+  mutable SubscriberList<K> subscribers_;
+};
+
+/// A collection whose entries lie in one array, found by the key's handle, for one that holds few of the keys
+/// that its readers and writers know. A deletion moves the last entry into the hole. A walk goes from the
+/// array's end to its begin: an entry only ever moves to a lower place, so what was not visited yet stays
+/// ahead of the cursor.
 template <class K, class V>
 class DenseCollection final : public KeyedCollection<K, V> {
  public:
@@ -71,51 +177,50 @@ class DenseCollection final : public KeyedCollection<K, V> {
 
   [[nodiscard]] const V* find(const K& key) const override {
     const std::uint32_t place = placeOf(keys_.find(key));
-    return place == PagedPlaces::kNone ? nullptr : &entries_[place].value;
+    return place == kNone ? nullptr : &entries_[place].value;
   }
   [[nodiscard]] std::size_t size() const override { return entries_.size(); }
 
   bool is(const K& key, const V& value) override {
-    const std::uint32_t handle = keys_.acquire(key);
-    const std::uint32_t place = places_.at(handle);
-    if (place != PagedPlaces::kNone) {
-      keys_.release(handle);  // the entry has a use of its own
-      Entry& entry = entries_[place];
-      if (entry.value == value) return false;
-      entry.value = value;
-    } else {
-      places_.is(handle, static_cast<std::uint32_t>(entries_.size()));
+    std::uint32_t handle = keys_.find(key);
+    const std::uint32_t place = placeOf(handle);
+    if (place == kNone) {
+      handle = keys_.acquire(key);
+      places_.insert(hashOf(handle), static_cast<std::uint32_t>(entries_.size()));
       entries_.emplace_back(handle, value);
+    } else {
+      V& present = entries_[place].value;
+      if (present == value) return false;
+      present = value;
     }
-    if (!subscribers_.empty()) {
-      const K changed = keys_.key(handle);
-      subscribers_.notify(changed);
-    }
+    keys_.use(handle);
+    keys_.expect(handle);
+    subscribers_.notify(keys_.key(handle));
+    keys_.release(handle);
     return true;
   }
 
   bool del(const K& key) override {
     const std::uint32_t handle = keys_.find(key);
     const std::uint32_t place = placeOf(handle);
-    if (place == PagedPlaces::kNone) return false;
-    const K deleted = keys_.key(handle);
-    places_.del(handle);
-    if (place != entries_.size() - 1) {
-      entries_[place] = std::move(entries_.back());
-      places_.is(entries_[place].handle, place);
+    if (place == kNone) return false;
+    places_.erase(hashOf(handle), place);
+    if (const auto last = static_cast<std::uint32_t>(entries_.size() - 1); place != last) {
+      const std::uint32_t moved = hashOf(entries_[last].handle);
+      places_.erase(moved, last);
+      places_.insert(moved, place);
+      entries_[place] = std::move(entries_[last]);
     }
     entries_.pop_back();
     if (entries_.empty()) places_.clear();
+    keys_.expect(handle);
+    subscribers_.notify(keys_.key(handle));
     keys_.release(handle);
-    subscribers_.notify(deleted);
     return true;
   }
 
   void delAll() override {
-    while (!entries_.empty()) {
-      const K key = keys_.key(entries_.back().handle);
-      del(key);
-    }
+    while (!entries_.empty()) del(keys_.key(entries_.back().handle));
   }
 
   std::optional<K> scanNext(ScanCursor<K>& cursor) const override {
@@ -136,17 +241,22 @@ class DenseCollection final : public KeyedCollection<K, V> {
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:
+  static constexpr std::uint32_t kNone = HandleIndex::kNone;
   struct Entry {
     std::uint32_t handle;
     [[no_unique_address]] V value;
   };
+  /// Spreads handles, which are dense, over the whole range.
+  static std::uint32_t hashOf(std::uint32_t handle) { return handle * 0x9E3779B1U ^ handle >> 15; }
   [[nodiscard]] std::uint32_t placeOf(std::uint32_t handle) const {
-    return handle == KeySpace<K>::kNone ? PagedPlaces::kNone : places_.at(handle);
+    if (handle == kNone || entries_.empty()) return kNone;
+    return places_.find(hashOf(handle),
+                        [&](std::uint32_t place) { return entries_[place].handle == handle; });
   }
 
   KeySpace<K>& keys_ = KeySpace<K>::instance();
   PagedArray<Entry> entries_;
-  PagedPlaces places_;
+  HandleIndex places_;
   mutable SubscriberList<K> subscribers_;
 };
 
@@ -154,7 +264,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
 template <class K, class V>
 class OrderedCollection final : public KeyedCollection<K, V> {
  public:
-  OrderedCollection() = default;
+  explicit OrderedCollection(std::size_t /*group*/ = 0) {}
 
   [[nodiscard]] const V* find(const K& key) const override {
     const auto at = entries_.find(key);
@@ -204,12 +314,18 @@ class OrderedCollection final : public KeyedCollection<K, V> {
   mutable SubscriberList<K> subscribers_;
 };
 
+/// `Collection` is for what holds most keys that are known where it is used, `SparseCollection` for what
+/// holds few of them.
 #ifdef KILN_ORDERED_COLLECTIONS
 template <class K, class V>
 using Collection = OrderedCollection<K, V>;
+template <class K, class V>
+using SparseCollection = OrderedCollection<K, V>;
 #else
 template <class K, class V>
-using Collection = DenseCollection<K, V>;
+using Collection = ColumnCollection<K, V>;
+template <class K, class V>
+using SparseCollection = DenseCollection<K, V>;
 #endif
 
 }  // namespace KilnEmServer

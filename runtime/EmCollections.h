@@ -91,7 +91,7 @@ class EmComposeFailure {
  public:
   explicit EmComposeFailure(EmComposerKeyUnionTag composerType) : composerType_(composerType) {}
   [[nodiscard]] EmComposerKeyUnionTag composerType() const { return composerType_; }
-  KILN_COLLECTION(EmComposeFailure, failure, EmLogicalKey, std::string)
+  KILN_SPARSE_COLLECTION(EmComposeFailure, failure, EmLogicalKey, std::string)
 
  private:
   EmComposerKeyUnionTag composerType_;
@@ -169,7 +169,7 @@ class EmSwTableConfig {
 
 /// The status of every logical key that lost its hardware key, or has none.
 class EmConflictStatus {
-  KILN_KEYED_COLLECTION(EmConflictStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
+  KILN_SPARSE_KEYED_COLLECTION(EmConflictStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
 };
 
 /// What the tables answered, per hardware key.

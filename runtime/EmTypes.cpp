@@ -14,6 +14,25 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
   return kTable[static_cast<std::size_t>(state)];
 }
 
+bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
+  switch (composerType) {
+    case EmComposerKeyUnionTag::isemUntaggedEntryKey:
+    case EmComposerKeyUnionTag::isem1TagEntryKey:
+    case EmComposerKeyUnionTag::isem2TagEntryKey:
+    case EmComposerKeyUnionTag::esemFodoVdEntryKey:
+      return true;
+    case EmComposerKeyUnionTag::isemInnerEthEntryKey:
+    case EmComposerKeyUnionTag::isemMplsEntryKey:
+    case EmComposerKeyUnionTag::esemFodoEntryKey:
+    case EmComposerKeyUnionTag::lemVpwsAcEntryKey:
+      return false;
+    case EmComposerKeyUnionTag::undefined_:
+      break;
+  }
+  KILN_ASSERT_MESSAGE(false, "Unrecognized composer type {}", composerType);
+  return false;
+}
+
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
   const auto number = static_cast<int>(key.tag());
   KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);

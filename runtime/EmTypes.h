@@ -3,12 +3,14 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <tuple>
 
 #include "platform/Assert.h"
+#include "platform/Collection.h"
 #include "platform/EmKeys.h"
 #include "platform/Hardware.h"
 #include "platform/Value.h"
@@ -33,6 +35,11 @@ struct EmLogicalKey {
   KILN_VALUE(KilnEmServer, EmLogicalKey, featureType, fapId, localCoreId, emComposerKey)
 };
 
+/// Logical keys of one composer type stand in the same collections.
+inline std::size_t keyGroup(const EmLogicalKey& key) {
+  return static_cast<std::size_t>(key.emComposerKey.tag());
+}
+
 /// A requested entry and the version of the request that carried it.
 struct EmConfigEntry {
   EmEntry emEntry;
@@ -54,6 +61,11 @@ struct EmHwKey {
   EmResolvedKey emResolvedKey;
   KILN_VALUE(KilnEmServer, EmHwKey, fapId, localCoreId, emResolvedKey)
 };
+
+/// Hardware keys of one table stand in the same collections.
+inline std::size_t keyGroup(const EmHwKey& key) {
+  return static_cast<std::size_t>(key.emResolvedKey.tag());
+}
 
 /// A requested entry with the hardware key that was composed for it. False only where both are defaults.
 struct EmHwEntry {
@@ -161,6 +173,10 @@ EmLogicalKeyState::State translateState(ResolutionState::State state);
 /// Widens a hardware outcome; any number above 3 is an assertion failure.
 EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
 
+/// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
+/// assertion failure.
+bool resolutionNeeded(EmComposerKeyUnionTag composerType);
+
 /// The composer type of a composer key; a key without one is an assertion failure.
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key);
 /// The table type of a resolved key; a key without one is an assertion failure.
@@ -206,6 +222,48 @@ struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
   static constexpr int kFirst = 0;
   static constexpr std::array<std::string_view, 2> kNames = {"resourceRequest", "resourceInUse"};
 };
+
+namespace KilnPlatform {
+
+/// By feature and composer type.
+template <>
+struct KeyChannels<KilnEmServer::EmLogicalKey> {
+  static constexpr std::size_t kTypes = EnumNames<KilnEmServer::EmComposerKeyUnionTag>::kNames.size();
+  static constexpr std::size_t kFeatures = 16;
+  static constexpr std::size_t kCount = kTypes * kFeatures;
+  static std::size_t of(const KilnEmServer::EmLogicalKey& key) {
+    return static_cast<std::size_t>(key.featureType) % kFeatures * kTypes +
+           static_cast<std::size_t>(key.emComposerKey.tag());
+  }
+  /// Whether keys of a channel have a composer type.
+  static bool known(std::size_t channel) { return channel % kTypes != 0; }
+  /// Some key of a channel.
+  static KilnEmServer::EmLogicalKey example(std::size_t channel) {
+    const auto tag = static_cast<KilnEmServer::EmComposerKeyUnionTag>(channel % kTypes);
+    return {static_cast<KilnEmServer::FeatureType>(channel / kTypes),
+            {},
+            {},
+            KilnEmServer::EmComposerKey::make(tag, [](const auto& /*alternative*/) {})};
+  }
+};
+
+/// By table.
+template <>
+struct KeyChannels<KilnEmServer::EmHwKey> {
+  static constexpr std::size_t kCount = EnumNames<KilnEmServer::EmResolvedKeyUnionTag>::kNames.size();
+  static std::size_t of(const KilnEmServer::EmHwKey& key) {
+    return static_cast<std::size_t>(key.emResolvedKey.tag());
+  }
+  /// Whether keys of a channel belong to a table.
+  static bool known(std::size_t channel) { return channel != 0; }
+  /// Some key of a channel.
+  static KilnEmServer::EmHwKey example(std::size_t channel) {
+    const auto tag = static_cast<KilnEmServer::EmResolvedKeyUnionTag>(channel);
+    return {{}, {}, KilnEmServer::EmResolvedKey::make(tag, [](const auto& /*alternative*/) {})};
+  }
+};
+
+}  // namespace KilnPlatform
 
 // Text forms are made in one place, since every stage's traces need them.
 namespace KilnPlatform {

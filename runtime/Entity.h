@@ -17,9 +17,9 @@
 #include "platform/Value.h"
 #include "runtime/Collection.h"
 
-#define KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)             \
+#define KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ValueType)       \
  public:                                                                  \
-  using name##Coll = ::KilnEmServer::Collection<KeyType, ValueType>;      \
+  using name##Coll = ::KilnEmServer::Kind<KeyType, ValueType>;            \
   [[nodiscard]] const name##Coll& name() const {                          \
     return name##_;                                                       \
   }                                                                       \
@@ -57,19 +57,25 @@
   }
 
 /// A collection of key to value.
-#define KILN_COLLECTION(Owner, name, KeyType, ValueType)      \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)       \
-  struct name##Attr {                                         \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)      \
-  };                                                          \
-  void name##Is(const KeyType& key, const ValueType& value) { \
-    name##_.is(key, value);                                   \
+#define KILN_COLLECTION_OF(Kind, Owner, name, KeyType, ValueType) \
+  KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ValueType)     \
+  struct name##Attr {                                             \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)          \
+  };                                                              \
+  void name##Is(const KeyType& key, const ValueType& value) {     \
+    name##_.is(key, value);                                       \
   }
+
+#define KILN_COLLECTION(Owner, name, KeyType, ValueType) \
+  KILN_COLLECTION_OF(Collection, Owner, name, KeyType, ValueType)
+/// The same, for one that holds few of the keys that are known where it is used.
+#define KILN_SPARSE_COLLECTION(Owner, name, KeyType, ValueType) \
+  KILN_COLLECTION_OF(SparseCollection, Owner, name, KeyType, ValueType)
 
 /// A collection whose values carry their own key, in their field `keyField`; `nameIs(value)` files a value
 /// under it.
-#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField)                          \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ValueType)                                           \
+#define KILN_KEYED_COLLECTION_OF(Kind, Owner, name, KeyType, ValueType, keyField)                 \
+  KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ValueType)                                     \
   struct name##Attr {                                                                             \
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                                          \
     static const KeyType& keyOf(const ValueType& value) { return value.keyField; }                \
@@ -86,36 +92,44 @@
     name##_.is(value.keyField, value);                                                            \
   }
 
+#define KILN_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField) \
+  KILN_KEYED_COLLECTION_OF(Collection, Owner, name, KeyType, ValueType, keyField)
+#define KILN_SPARSE_KEYED_COLLECTION(Owner, name, KeyType, ValueType, keyField) \
+  KILN_KEYED_COLLECTION_OF(SparseCollection, Owner, name, KeyType, ValueType, keyField)
+
 /// A set of keys.
-#define KILN_SET(Owner, name, KeyType)                              \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)  \
-  struct name##Attr {                                               \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit) \
-  };                                                                \
-  void name##Is(const KeyType& key) {                               \
-    name##_.is(key, {});                                            \
+#define KILN_SET_OF(Kind, Owner, name, KeyType)                          \
+  KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ::KilnPlatform::Unit) \
+  struct name##Attr {                                                    \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)      \
+  };                                                                     \
+  void name##Is(const KeyType& key) {                                    \
+    name##_.is(key, {});                                                 \
   }
+
+#define KILN_SET(Owner, name, KeyType) KILN_SET_OF(Collection, Owner, name, KeyType)
+#define KILN_SPARSE_SET(Owner, name, KeyType) KILN_SET_OF(SparseCollection, Owner, name, KeyType)
 
 /// A collection of key to a shared reference to an entity that is constructed with its key; `nameIs(key)`
 /// returns the member, creating it where there is none.
-#define KILN_ENTITY_COLLECTION(Owner, name, KeyType, EntityType)               \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)  \
-  struct name##Attr {                                                          \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>) \
-  };                                                                           \
-  ::KilnPlatform::Ref<EntityType> name##Is(const KeyType& key) {               \
-    if (const auto* member = name##_.find(key)) return *member;                \
-    auto created = std::make_shared<EntityType>(key);                          \
-    name##_.is(key, created);                                                  \
-    return created;                                                            \
+#define KILN_ENTITY_COLLECTION(Owner, name, KeyType, EntityType)                          \
+  KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Ref<EntityType>) \
+  struct name##Attr {                                                                     \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)            \
+  };                                                                                      \
+  ::KilnPlatform::Ref<EntityType> name##Is(const KeyType& key) {                          \
+    if (const auto* member = name##_.find(key)) return *member;                           \
+    auto created = std::make_shared<EntityType>(key);                                     \
+    name##_.is(key, created);                                                             \
+    return created;                                                                       \
   }
 
 /// A collection of key to a shared reference to an entity that comes from elsewhere.
-#define KILN_REFERENCE_COLLECTION(Owner, name, KeyType, EntityType)                  \
-  KILN_COLLECTION_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)        \
-  struct name##Attr {                                                                \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)       \
-  };                                                                                 \
-  void name##Is(const KeyType& key, const ::KilnPlatform::Ref<EntityType>& entity) { \
-    name##_.is(key, entity);                                                         \
+#define KILN_REFERENCE_COLLECTION(Owner, name, KeyType, EntityType)                       \
+  KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Ref<EntityType>) \
+  struct name##Attr {                                                                     \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)            \
+  };                                                                                      \
+  void name##Is(const KeyType& key, const ::KilnPlatform::Ref<EntityType>& entity) {      \
+    name##_.is(key, entity);                                                              \
   }

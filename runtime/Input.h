@@ -86,8 +86,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   std::size_t drain(std::uint64_t limit, bool& yielded) final {
     std::size_t items = 0;
     while (!pending_.empty() && pending_.headArrival() < limit) {
-      const K key = pending_.pop();
-      detail::runItem(stage_, key, [&] { self().handlePendingKey(key); });
+      pending_.expectSoon([this](auto handle) { self().expect(handle); });
+      const auto taken = pending_.take();
+      detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
       ++items;
       if (stage_.shouldYield()) {
         yielded = true;
@@ -119,7 +120,8 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   bool scanItem() final {
     const std::optional<K> key = self().collection().scanNext(cursor_);
     if (!key) return false;
-    handleItem(*key);
+    const auto held = pending_.hold(*key);
+    handleItem(held.key());
     return true;
   }
   [[nodiscard]] std::size_t collectionSize() const final {
@@ -135,6 +137,11 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     detail::runItem(stage_, key, [&] { self().handleKey(key); });
   }
   Self& self() { return *static_cast<Self*>(this); }
+  /// The key of this handle will be handled soon.
+  void expect(typename KeySpace<K>::Handle handle) const {
+    const auto& collection = static_cast<const Self*>(this)->collection();
+    if constexpr (requires { collection.prefetch(handle); }) collection.prefetch(handle);
+  }
   void handlePendingKey(const K& key) { self().handleKey(key); }
   [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
   /// Walks the collection once more, from its first key.
@@ -151,10 +158,11 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
 /// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
 /// value. `Wanted`, a function of the stage from the key alone, tells for which keys the handler does more
-/// than filter them out: the others never join the pending list.
+/// than filter them out: the others never join the pending list. `WantedChannel`, where it is not the same
+/// function, is one that gives the same answer for all keys of a channel, at all times.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
-          Reaction reaction = Reaction::queued, auto Wanted = nullptr>
-class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted>,
+          Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted>
+class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel>,
                                       typename Attr::Key, reaction> {
   using Base = KeyedInput<Input, typename Attr::Key, reaction>;
   using StageClass = detail::StageOf<Handler>;
@@ -188,6 +196,14 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
     if (this->stage_.tracer().enabled(6)) [[unlikely]]
       handleKey(key);  // traces that the filter fails
     return false;
+  }
+  [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
+    if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {
+      return true;
+    } else {
+      using Channels = KilnPlatform::KeyChannels<Key>;
+      return !Channels::known(channel) || (owner_.*WantedChannel)(Channels::example(channel));
+    }
   }
 
  private:
@@ -228,7 +244,10 @@ class NestedInput final
 
     void checkArgument() const override {}
     [[nodiscard]] const auto& collection() const { return InnerAttr::of(*entity_); }
-    void handleKey(const Key& key) { parent_.handleInnerKey(outerKey_, key); }
+    void handleKey(const Key& key) {
+      parent_.handleInnerKey(outerKey_, key,
+                             retiring_ ? parent_.find(outerKey_, key) : collection().find(key));
+    }
     void handlePendingKey(const Key& key) {
       if (retiring_) {
         this->stage_.tracer().template trace<7>(
@@ -313,8 +332,8 @@ class NestedInput final
     if (current != nullptr) inners_.at(outerKey)->start();
   }
 
-  void handleInnerKey(const OuterKey& outerKey, const Key& key) {
-    const Value* value = find(outerKey, key);
+  /// `value` is the key's value in the entity that the outer entry refers to now, or null.
+  void handleInnerKey(const OuterKey& outerKey, const Key& key, const Value* value) {
     this->stage_.tracer().template trace<7>(TraceMessage<7, OuterKey, Key, OptionalText<Value>>(From.data),
                                             outerKey, key, OptionalText<Value>{value});
     (owner_.*Handler)(outerKey, key, value);

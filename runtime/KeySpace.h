@@ -2,26 +2,30 @@
 // its values under the key's handle.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
 #include "platform/Assert.h"
 #include "platform/Value.h"
 #include "runtime/HandleIndex.h"
-#include "runtime/PagedArray.h"
 
 namespace KilnEmServer {
 
 /// All keys of one type that stand in any collection or pending list of this thread. A handle is valid as
 /// long as somebody holds a use of it.
+///
+/// Handles are dealt out in pages of kPerPage, each to keys of one group only: keys that stand in the same
+/// collections lie side by side there.
 template <class K>
 class KeySpace {
  public:
   using Handle = std::uint32_t;
   static constexpr Handle kNone = HandleIndex::kNone;
+  static constexpr std::size_t kPerPage = 64;
 
   /// This thread's space. It lives as long as the thread, so that collections of any lifetime may use it.
   static KeySpace& instance() {
@@ -29,41 +33,55 @@ class KeySpace {
     return *space;
   }
 
-  /// The handle of a key, or kNone where nobody uses the key.
-  [[nodiscard]] Handle find(const K& key) const {
+  /// The handle of a key, or kNone where nobody uses the key. `expectAt(handle)` is called with each handle
+  /// that is likely to be the key's, before that is certain.
+  template <class ExpectAt>
+  [[nodiscard]] Handle find(const K& key, ExpectAt&& expectAt) const {
     if (isLast(key)) return last_;
-    const Handle found = lookUp(hashOf(key), key);
-    if (found != kNone) last_ = found;
-    return found;
+    return lookUp(hashOf(key), key, expectAt);
   }
-  /// The handle of a key, with one more use.
-  Handle acquire(const K& key) {
+  [[nodiscard]] Handle find(const K& key) const {
+    return find(key, [](Handle) {});
+  }
+  /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
+  /// gives, or `group` where its type has none.
+  Handle acquire(const K& key, std::size_t group = 0) {
     if (!isLast(key)) {
       const std::uint32_t hash = hashOf(key);
-      const Handle found = lookUp(hash, key);
-      last_ = found != kNone ? found : add(hash, key);
+      if (lookUp(hash, key, [](Handle) {}) == kNone) add(hash, key, group);
     }
-    ++slots_[last_].uses;
+    ++slot(last_).uses;
     return last_;
   }
+  /// One more use of a handle that is in use.
+  void use(Handle handle) { ++slot(handle).uses; }
   /// Gives a use back. The last one frees the handle.
   void release(Handle handle) {
-    Slot& slot = slots_[handle];
-    KILN_ASSERT(slot.uses != 0);
-    if (--slot.uses == 0) free(handle);
+    Slot& released = slot(handle);
+    KILN_ASSERT(released.uses != 0);
+    if (--released.uses == 0) free(handle);
   }
-  /// The key of a handle that is in use.
-  [[nodiscard]] const K& key(Handle handle) const { return slots_[handle].key; }
+  /// The key of a handle that is in use; stays where it is as long as it is used.
+  [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
   /// The key is about to be looked up in several collections.
-  void expect(Handle handle) const { last_ = handle; }
+  void expect(Handle handle) const {
+    last_ = handle;
+    lastKey_ = &slot(handle).key;
+  }
+  /// Fetches the key into the cache.
+  void prefetch(Handle handle) const { __builtin_prefetch(&slot(handle)); }
   /// Keys in use.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
 
  private:
   struct Slot {
-    K key;
-    std::uint32_t hash;
-    std::uint32_t uses;
+    K key{};
+    std::uint32_t hash = 0;
+    std::uint32_t uses = 0;
+  };
+  using Page = std::array<Slot, kPerPage>;
+  struct Group {
+    std::vector<Handle> free;  ///< the next to be dealt out last
   };
 
   KeySpace() = default;
@@ -71,48 +89,74 @@ class KeySpace {
   static std::uint32_t hashOf(const K& key) {
     return static_cast<std::uint32_t>(KilnPlatform::hashValue(key));
   }
-  static bool sameKey(const K& a, const K& b) {
-    // A copy has the same bytes, and that is quicker to see than that all fields are equal.
-    if constexpr (std::is_trivially_copyable_v<K>) {
-      if (std::memcmp(&a, &b, sizeof(K)) == 0) return true;
-    }
-    return a == b;
+  [[nodiscard]] Slot& slot(Handle handle) const { return (*pages_[handle / kPerPage])[handle % kPerPage]; }
+  /// Whether the key is the one that was looked up last: mostly it is that very object.
+  [[nodiscard]] bool isLast(const K& key) const {
+    return &key == lastKey_ || (lastKey_ != nullptr && *lastKey_ == key);
   }
-  [[nodiscard]] bool isLast(const K& key) const { return last_ != kNone && sameKey(slots_[last_].key, key); }
-  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key) const {
-    return index_.find(hash, [&](Handle handle) { return sameKey(slots_[handle].key, key); });
+  template <class ExpectAt>
+  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt&& expectAt) const {
+    const Handle found = index_.find(hash, [&](Handle handle) {
+      expectAt(handle);
+      return slot(handle).key == key;
+    });
+    if (found != kNone) expect(found);
+    return found;
   }
 
-  Handle add(std::uint32_t hash, const K& key) {
-    Handle handle = static_cast<Handle>(slots_.size());
-    if (free_.empty()) {
-      slots_.emplace_back(key, hash, 0U);
-    } else {
-      handle = free_.back();
-      free_.pop_back();
-      slots_[handle] = {key, hash, 0};
-    }
+  void add(std::uint32_t hash, const K& key, std::size_t group) {
+    const Handle handle = takeFree(groupOf(key, group));
+    slot(handle) = {key, hash, 0};
     index_.insert(hash, handle);
+    expect(handle);
+  }
+  static std::size_t groupOf(const K& key, std::size_t group) {
+    if constexpr (requires { keyGroup(key); }) {
+      return keyGroup(key);
+    } else {
+      return group;
+    }
+  }
+  Handle takeFree(std::size_t group) {
+    if (group >= groups_.size()) groups_.resize(group + 1);
+    std::vector<Handle>& free = groups_[group].free;
+    if (free.empty()) {
+      const std::size_t first = pages_.size() * kPerPage;
+      pages_.push_back(std::make_unique<Page>());
+      groupOfPage_.push_back(static_cast<std::uint32_t>(group));
+      for (std::size_t i = kPerPage; i-- != 0;) free.push_back(static_cast<Handle>(first + i));
+    }
+    const Handle handle = free.back();
+    free.pop_back();
     return handle;
   }
   void free(Handle handle) {
-    index_.erase(slots_[handle].hash, handle);
-    if (last_ == handle) last_ = kNone;
+    Slot& freed = slot(handle);
+    index_.erase(freed.hash, handle);
+    if (last_ == handle) forgetLast();
     if (index_.size() == 0) {
-      last_ = kNone;
+      forgetLast();
       index_.clear();
-      slots_.clear();
-      free_ = {};
+      pages_.clear();
+      groupOfPage_.clear();
+      groups_.clear();
       return;
     }
-    if constexpr (!std::is_trivially_destructible_v<K>) slots_[handle].key = K{};
-    free_.push_back(handle);
+    if constexpr (!std::is_trivially_destructible_v<K>) freed.key = K{};
+    groups_[groupOfPage_[handle / kPerPage]].free.push_back(handle);
+  }
+  void forgetLast() {
+    last_ = kNone;
+    lastKey_ = nullptr;
   }
 
-  PagedArray<Slot> slots_;
-  std::vector<Handle> free_;
+  std::vector<std::unique_ptr<Page>> pages_;
+  std::vector<std::uint32_t> groupOfPage_;
+  std::vector<Group> groups_;
   HandleIndex index_;
-  mutable Handle last_ = kNone;  ///< the key that was looked up last is looked up again more often than not
+  // The key that was looked up last is looked up again more often than not.
+  mutable Handle last_ = kNone;
+  mutable const K* lastKey_ = nullptr;
 };
 
 }  // namespace KilnEmServer

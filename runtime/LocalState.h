@@ -3,16 +3,99 @@
 
 #include <boost/container/static_vector.hpp>
 #include <cstddef>
+#include <map>
 #include <string_view>
 #include <utility>
 
 #include "platform/Assert.h"
 #include "platform/FixedString.h"
 #include "platform/Value.h"
-#include "runtime/Collection.h"
+#include "runtime/Column.h"
+#include "runtime/KeySpace.h"
 #include "runtime/Stage.h"
 
 namespace KilnEmServer {
+
+/// A map of a stage's own, for most keys that the stage knows: without subscribers, its values may be changed
+/// in place. A value stays where it is.
+template <class K, class V>
+class LocalMap {
+ public:
+  LocalMap() = default;
+  ~LocalMap() { clear(); }
+  LocalMap(const LocalMap&) = delete;
+  LocalMap& operator=(const LocalMap&) = delete;
+
+  [[nodiscard]] std::size_t size() const { return values_.size(); }
+#ifdef KILN_ORDERED_COLLECTIONS
+  [[nodiscard]] V* find(const K& key) {
+    const auto at = values_.find(key);
+    return at == values_.end() ? nullptr : &at->second;
+  }
+  /// The value under `key`; a default one is added where there is none.
+  V& obtain(const K& key) {
+    return values_[key];
+  }
+  void del(const K& key) {
+    values_.erase(key);
+  }
+  void clear() {
+    values_.clear();
+  }
+
+ private:
+  std::map<K, V> values_;
+#else
+  [[nodiscard]] V* find(const K& key) {
+    const auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
+    return handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
+  }
+  /// The value under `key`; a default one is added where there is none.
+  V& obtain(const K& key) {
+    if (V* present = find(key)) return *present;
+    return values_.emplace(keys_.acquire(key));
+  }
+  void del(const K& key) {
+    const auto handle = keys_.find(key);
+    if (handle == KeySpace<K>::kNone || values_.find(handle) == nullptr) return;
+    values_.erase(handle);
+    keys_.release(handle);
+  }
+  void clear() {
+    for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {
+      values_.erase(handle);
+      keys_.release(handle);
+    }
+  }
+
+ private:
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  Column<V> values_;
+#endif
+
+ public:
+  [[nodiscard]] const V* find(const K& key) const {
+    return const_cast<LocalMap*>(this)->find(key);
+  }
+};
+
+/// A LocalMap that is listed with its size among its stage's local state.
+template <class K, class V>
+class LocalCollection final : public LocalState {
+ public:
+  LocalCollection(Stage& stage, std::string_view name) : LocalState(stage, name) {}
+
+  /// The value under `key`, or null; valid until it is deleted.
+  [[nodiscard]] const V* find(const K& key) const { return values_.find(key); }
+  [[nodiscard]] bool has(const K& key) const { return values_.find(key) != nullptr; }
+  void is(const K& key, const V& value) { values_.obtain(key) = value; }
+  void del(const K& key) { values_.del(key); }
+  [[nodiscard]] std::size_t size() const override { return values_.size(); }
+  void clear() override { values_.clear(); }
+
+ private:
+  LocalMap<K, V> values_;
+};
 
 /// Remembers, per key, the value that an earlier event had.
 template <class K, class V>
@@ -28,18 +111,18 @@ class Cache final : public LocalState {
   }
   void is(const K& key, const V& value) {
     tracer_.trace<7>("Inserting value {} with key {} into cache", value, key);
-    values_.is(key, value);
+    values_.obtain(key) = value;
   }
   void del(const K& key) {
     tracer_.trace<7>("Deleting key {} from cache", key);
     values_.del(key);
   }
   [[nodiscard]] std::size_t size() const override { return values_.size(); }
-  void clear() override { values_.delAll(); }
+  void clear() override { values_.clear(); }
 
  private:
   const Tracer& tracer_;
-  Collection<K, V> values_;
+  LocalMap<K, V> values_;
 };
 
 /// Collects the events that share a group key; a group holds at most `Limit` members, which is asserted with
@@ -52,52 +135,49 @@ class GroupBy final : public LocalState {
     V value;
     friend bool operator==(const Member&, const Member&) = default;
   };
-  /// One more than the limit, so that the broken limit is seen before it is asserted.
-  using Members = boost::container::static_vector<Member, Limit + 1>;
+  using Members = boost::container::static_vector<Member, Limit>;
 
   GroupBy(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {}
 
   /// Sets or, where `value` is null, removes a member, and returns the group that is left, or null.
   const Members* update(const GroupKey& group, const MemberKey& member, const V* value) {
-    const Members* present = groups_.find(group);
-    Members coll = present == nullptr ? Members{} : *present;
     if (value != nullptr) {
       tracer_.trace<7>("Inserting value {} with key {} into groupby collection with key {}", *value, member,
                        group);
-      insert(coll, member, *value);
-    } else {
-      tracer_.trace<7>("Deleting key {} from groupby collection with key {}", member, group);
-      for (auto at = coll.begin(); at != coll.end(); ++at) {
-        if (at->key == member) {
-          coll.erase(at);
-          break;
-        }
+      Members& members = groups_.obtain(group);
+      insert(members, member, *value);
+      return &members;
+    }
+    tracer_.trace<7>("Deleting key {} from groupby collection with key {}", member, group);
+    Members* members = groups_.find(group);
+    if (members == nullptr) return nullptr;
+    for (auto at = members->begin(); at != members->end(); ++at) {
+      if (at->key == member) {
+        members->erase(at);
+        break;
       }
     }
-    KILN_ASSERT_MESSAGE(coll.size() <= Limit, "( len( {} ) <= {} )", CollName.view(), Limit);
-    if (coll.empty()) {
-      groups_.del(group);
-      return nullptr;
-    }
-    groups_.is(group, coll);
-    return groups_.find(group);
+    if (!members->empty()) return members;
+    groups_.del(group);
+    return nullptr;
   }
   [[nodiscard]] std::size_t size() const override { return groups_.size(); }
-  void clear() override { groups_.delAll(); }
+  void clear() override { groups_.clear(); }
 
  private:
-  static void insert(Members& coll, const MemberKey& member, const V& value) {
-    for (Member& present : coll) {
+  static void insert(Members& members, const MemberKey& member, const V& value) {
+    for (Member& present : members) {
       if (present.key == member) {
         present.value = value;
         return;
       }
     }
-    coll.push_back({member, value});
+    KILN_ASSERT_MESSAGE(members.size() < Limit, "( len( {} ) <= {} )", CollName.view(), Limit);
+    members.push_back({member, value});
   }
 
   const Tracer& tracer_;
-  Collection<GroupKey, Members> groups_;
+  LocalMap<GroupKey, Members> groups_;
 };
 
 }  // namespace KilnEmServer

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
@@ -49,7 +48,7 @@ class PagedArray {
   }
 
  private:
-  static constexpr std::size_t kPerPage = 128;
+  static constexpr std::size_t kPerPage = 32;
   struct Page {
     alignas(T) std::byte bytes[kPerPage * sizeof(T)];
   };
@@ -59,37 +58,6 @@ class PagedArray {
 
   std::vector<std::unique_ptr<Page>> pages_;
   std::size_t size_ = 0;
-};
-
-/// A place for each handle: a map from handles to 32-bit numbers, with pages only where there are any.
-class PagedPlaces {
- public:
-  static constexpr std::uint32_t kNone = ~std::uint32_t{0};
-
-  [[nodiscard]] std::uint32_t at(std::uint32_t handle) const {
-    const std::size_t page = handle / kPerPage;
-    if (page >= pages_.size() || pages_[page] == nullptr) return kNone;
-    return pages_[page][handle % kPerPage];
-  }
-  void is(std::uint32_t handle, std::uint32_t place) {
-    const std::size_t page = handle / kPerPage;
-    if (page >= pages_.size()) pages_.resize(page + 1);
-    if (pages_[page] == nullptr) addPage(page);
-    pages_[page][handle % kPerPage] = place;
-  }
-  /// The handle has a place.
-  void del(std::uint32_t handle) { pages_[handle / kPerPage][handle % kPerPage] = kNone; }
-  /// Forgets every handle and frees the pages.
-  void clear() { pages_.clear(); }
-
- private:
-  static constexpr std::size_t kPerPage = 256;
-  void addPage(std::size_t page) {
-    pages_[page] = std::make_unique_for_overwrite<std::uint32_t[]>(kPerPage);
-    for (std::size_t i = 0; i < kPerPage; ++i) pages_[page][i] = kNone;
-  }
-
-  std::vector<std::unique_ptr<std::uint32_t[]>> pages_;
 };
 
 }  // namespace KilnEmServer

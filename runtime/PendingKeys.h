@@ -1,8 +1,11 @@
 // The keys that changed and were not handled yet.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -10,48 +13,175 @@
 
 namespace KilnEmServer {
 
-/// A queue in which a key stands at most once, in the order in which keys came. Its memory is bounded by
-/// twice the greatest number of distinct keys that ever stood in it at once, and a bit per key of the type.
+/// Numbers in the order in which they came, each with the moment of its coming: a queue of pages. Pages that
+/// are no longer needed are kept for whichever queue of the thread needs one next, up to a bound, so that in
+/// steady state queues allocate nothing, and after a flood they give its memory back.
+class ArrivalQueue {
+ public:
+  struct Item {
+    std::uint32_t number;
+    std::uint32_t arrival;  ///< its low bits
+  };
+
+  ArrivalQueue() = default;
+  ~ArrivalQueue() {
+    while (first_ != nullptr) dropFirst();
+  }
+  ArrivalQueue(const ArrivalQueue&) = delete;
+  ArrivalQueue& operator=(const ArrivalQueue&) = delete;
+
+  [[nodiscard]] bool empty() const { return size_ == 0; }
+  [[nodiscard]] std::size_t size() const { return size_; }
+
+  /// `arrival` does not fall from call to call, and grows by less than 2^32 from the first item to the last.
+  void push(std::uint32_t number, std::uint64_t arrival) {
+    if (size_ == 0) firstArrival_ = arrival;
+    if (last_ == nullptr || end_ == kPerPage) addPage();
+    last_->items[end_++] = {number, static_cast<std::uint32_t>(arrival)};
+    ++size_;
+  }
+  /// Arrival of the first item; the queue must not be empty.
+  [[nodiscard]] std::uint64_t firstArrival() const { return firstArrival_; }
+  /// The number that comes `ahead` places after the first, or the nearest one that is as easily found; the
+  /// queue must not be empty.
+  [[nodiscard]] std::uint32_t numberAhead(std::size_t ahead) const {
+    const std::size_t end = first_ == last_ ? end_ : kPerPage;
+    const std::size_t at = begin_ + ahead;
+    return first_->items[at < end ? at : end - 1].number;
+  }
+  /// Takes the first number out; the queue must not be empty.
+  std::uint32_t pop() {
+    KILN_ASSERT(size_ != 0);
+    const Item item = first_->items[begin_++];
+    --size_;
+    if (size_ == 0) {
+      begin_ = 0;
+      end_ = 0;  // the only page is used again
+      return item.number;
+    }
+    if (begin_ == kPerPage) {
+      dropFirst();
+      begin_ = 0;
+    }
+    firstArrival_ += first_->items[begin_].arrival - item.arrival;
+    return item.number;
+  }
+
+ private:
+  static constexpr std::size_t kPerPage = 255;
+  struct Page {
+    std::array<Item, kPerPage> items;
+    Page* next;
+  };
+  /// Pages that no queue needs. They live as long as the thread.
+  class Spares {
+   public:
+    Page* take() {
+      if (first_ == nullptr) return new Page;
+      --count_;
+      return std::exchange(first_, first_->next);
+    }
+    void give(Page* page) {
+      if (count_ == kKept) {
+        delete page;
+        return;
+      }
+      page->next = std::exchange(first_, page);
+      ++count_;
+    }
+
+   private:
+    static constexpr std::size_t kKept = 1024;  ///< two megabytes
+    Page* first_ = nullptr;
+    std::size_t count_ = 0;
+  };
+  static Spares& spares() {
+    static thread_local auto* const pages = new Spares;
+    return *pages;
+  }
+
+  void addPage() {
+    Page* page = spares().take();
+    page->next = nullptr;
+    if (last_ == nullptr) {
+      first_ = page;
+    } else {
+      last_->next = page;
+    }
+    last_ = page;
+    end_ = 0;
+  }
+  void dropFirst() {
+    Page* dropped = std::exchange(first_, first_->next);
+    if (first_ == nullptr) last_ = nullptr;
+    spares().give(dropped);
+  }
+
+  Page* first_ = nullptr;
+  Page* last_ = nullptr;
+  std::size_t begin_ = 0;  ///< in the first page
+  std::size_t end_ = 0;    ///< in the last
+  std::size_t size_ = 0;
+  std::uint64_t firstArrival_ = 0;
+};
+
+/// A queue in which a key stands at most once, in the order in which keys came.
 template <class K>
 class PendingKeys {
  public:
+  using Handle = typename KeySpace<K>::Handle;
+
   PendingKeys() = default;
   ~PendingKeys() { clear(); }
   PendingKeys(const PendingKeys&) = delete;
   PendingKeys& operator=(const PendingKeys&) = delete;
 
+  /// A key while it is being handled.
+  class Taken {
+   public:
+    Taken(KeySpace<K>& keys, Handle handle) : keys_(keys), handle_(handle) { keys_.expect(handle); }
+    ~Taken() { keys_.release(handle_); }
+    Taken(const Taken&) = delete;
+    Taken& operator=(const Taken&) = delete;
+    [[nodiscard]] const K& key() const { return keys_.key(handle_); }
+
+   private:
+    KeySpace<K>& keys_;
+    Handle handle_;
+  };
+
   /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where
   /// added.
   bool add(const K& key, std::uint64_t arrival) {
-    const std::uint32_t handle = keys_.acquire(key);
+    const Handle handle = keys_.acquire(key);
     if (!standing_.set(handle)) {
       keys_.release(handle);
       return false;
     }
-    queue_.push_back({handle, arrival});
+    queue_.push(handle, arrival);
     return true;
   }
-  [[nodiscard]] bool empty() const { return head_ == queue_.size(); }
-  [[nodiscard]] std::size_t size() const { return queue_.size() - head_; }
+  [[nodiscard]] bool empty() const { return queue_.empty(); }
+  [[nodiscard]] std::size_t size() const { return queue_.size(); }
   /// Arrival of the first key; the queue must not be empty.
-  [[nodiscard]] std::uint64_t headArrival() const { return queue_[head_].arrival; }
+  [[nodiscard]] std::uint64_t headArrival() const { return queue_.firstArrival(); }
 
   /// Takes the first key out. From then on a change of it stands in the queue again.
-  K pop() {
-    KILN_ASSERT(!empty());
-    const std::uint32_t handle = queue_[head_++].handle;
-    const K key = keys_.key(handle);
+  [[nodiscard]] Taken take() {
+    const Handle handle = queue_.pop();
     standing_.reset(handle);
-    keys_.expect(handle);
-    keys_.release(handle);
-    if (head_ == queue_.size()) {
-      queue_.clear();
-      head_ = 0;
-    } else if (head_ > queue_.size() / 2 && head_ >= kCompactFrom) {
-      queue_.erase(queue_.begin(), queue_.begin() + static_cast<std::ptrdiff_t>(head_));
-      head_ = 0;
-    }
-    return key;
+    return Taken(keys_, handle);
+  }
+  /// A key that does not come from the queue, as if it had.
+  [[nodiscard]] Taken hold(const K& key) { return Taken(keys_, keys_.acquire(key)); }
+  /// The same as take(), where the key is wanted only.
+  K pop() { return K(take().key()); }
+  /// Calls `fetch` with the handle of a key whose turn comes soon; the queue must not be empty.
+  template <class Fetch>
+  void expectSoon(Fetch&& fetch) const {
+    const Handle soon = queue_.numberAhead(kAhead);
+    keys_.prefetch(soon);
+    fetch(soon);
   }
 
   void clear() {
@@ -59,11 +189,8 @@ class PendingKeys {
   }
 
  private:
-  static constexpr std::size_t kCompactFrom = 64;
-  struct Item {
-    std::uint32_t handle;
-    std::uint64_t arrival;
-  };
+  /// Far enough for a fetch from memory to end meanwhile, near enough for what was fetched to be still there.
+  static constexpr std::size_t kAhead = 12;
   /// A bit per handle.
   class Bits {
    public:
@@ -83,8 +210,7 @@ class PendingKeys {
   };
 
   KeySpace<K>& keys_ = KeySpace<K>::instance();
-  std::vector<Item> queue_;
-  std::size_t head_ = 0;
+  ArrivalQueue queue_;
   Bits standing_;
 };
 

@@ -24,6 +24,7 @@ Tracer::Tracer(std::string stage) : stage_(std::move(stage)) {
   TraceFacility& facility = TraceFacility::instance();
   facility.tracers_.push_back(this);
   threshold_ = facility.thresholdOf(stage_);
+  TraceFacility::detailed_ |= enabled(6);
 }
 
 Tracer::~Tracer() {
@@ -72,7 +73,11 @@ void TraceFacility::sinkDel(const Ref<TraceSink>& sink) {
 }
 
 void TraceFacility::refresh() {
-  for (Tracer* tracer : tracers_) tracer->threshold_ = thresholdOf(tracer->stage_);
+  detailed_ = false;
+  for (Tracer* tracer : tracers_) {
+    tracer->threshold_ = thresholdOf(tracer->stage_);
+    detailed_ |= tracer->enabled(6);
+  }
 }
 
 int TraceFacility::thresholdOf(std::string_view stage) const {

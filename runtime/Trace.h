@@ -75,6 +75,9 @@ class TraceFacility {
   void sinkIs(const Ref<TraceSink>& sink);
   void sinkDel(const Ref<TraceSink>& sink);
 
+  /// Whether any component traces its filters, level 6.
+  static bool detailed() { return detailed_; }
+
  private:
   friend class Tracer;
   struct StageFilter {
@@ -88,6 +91,7 @@ class TraceFacility {
   std::vector<StageFilter> filters_;
   std::vector<Ref<TraceSink>> sinks_;
   std::vector<Tracer*> tracers_;
+  static inline bool detailed_ = false;
 };
 
 /// Writes "level stage message" lines to a stream that it does not own, for example standard error.

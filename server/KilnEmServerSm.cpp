@@ -46,25 +46,6 @@ const std::vector<std::string> kComposerNames = {composerName(EmComposerKeyUnion
 
 }  // namespace
 
-bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
-  switch (composerType) {
-    case EmComposerKeyUnionTag::isemUntaggedEntryKey:
-    case EmComposerKeyUnionTag::isem1TagEntryKey:
-    case EmComposerKeyUnionTag::isem2TagEntryKey:
-    case EmComposerKeyUnionTag::esemFodoVdEntryKey:
-      return true;
-    case EmComposerKeyUnionTag::isemInnerEthEntryKey:
-    case EmComposerKeyUnionTag::isemMplsEntryKey:
-    case EmComposerKeyUnionTag::esemFodoEntryKey:
-    case EmComposerKeyUnionTag::lemVpwsAcEntryKey:
-      return false;
-    case EmComposerKeyUnionTag::undefined_:
-      break;
-  }
-  KILN_ASSERT_MESSAGE(false, "Unrecognized composer type {}", composerType);
-  return false;
-}
-
 KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move(arguments)) {
   const auto check = [](const auto& argument, std::string_view name) {
     if (argument == nullptr) detail::nullArgument(name, __FILE__, __LINE__);

@@ -20,6 +20,9 @@ class ResolvedKeyStatusSm final : public Stage {
                       Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
  private:
+  [[nodiscard]] bool isResolved(const EmLogicalKey& emKey) const {
+    return resolutionNeeded(emComposerTypeFromUnion(emKey.emComposerKey));
+  }
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
   template <class AnyOutput>
   void write(AnyOutput& output, const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
@@ -28,7 +31,8 @@ class ResolvedKeyStatusSm final : public Stage {
   using StatusOutput = Output<ResolvedKeyStatus::resolvedKeyStatusAttr, Argument, "emKey">;
 
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResolvedKeyStatusSm::handleStatus,
-        "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}">
+        "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
+        &ResolvedKeyStatusSm::isResolved>
       emStatusMerged_;
   StatusOutput<"isemUntaggedKeyStatus"> isemUntagged_;
   StatusOutput<"isem1TagKeyStatus"> isem1Tag_;

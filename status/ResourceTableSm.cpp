@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace KilnEmServer {
 namespace {
@@ -43,13 +44,18 @@ ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEn
 
 std::optional<EmStatus> ResourceTableSm::Counted::exchange(const EmLogicalKey& key,
                                                            std::optional<EmStatus> status) {
-  const std::optional<EmStatus> was = statuses_.get(key);
+  const std::optional<EmStatus> was = this->status(key);
   if (status) {
-    statuses_.is(key, *status);
+    statuses_.obtain(key) = *status;
   } else {
     statuses_.del(key);
   }
   return was;
+}
+
+std::optional<EmStatus> ResourceTableSm::Counted::status(const EmLogicalKey& key) const {
+  const EmStatus* filed = statuses_.find(key);
+  return filed == nullptr ? std::nullopt : std::optional(*filed);
 }
 
 void ResourceTableSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* /*entryOpt*/) {
@@ -60,12 +66,14 @@ void ResourceTableSm::handleStatus(const EmLogicalKey& emKey, const EmRequestSta
   count(emKey);
 }
 
+std::optional<EmStatus> ResourceTableSm::statusOf(const EmLogicalKey& emKey) const {
+  if (emLogicalKeyToEntry_.find(emKey) == nullptr) return std::nullopt;
+  const EmRequestStatus* status = emStatusMerged_.find(emKey);
+  return status == nullptr ? EmStatus::hwPending : status->status;
+}
+
 void ResourceTableSm::count(const EmLogicalKey& emKey) {
-  std::optional<EmStatus> now;
-  if (emLogicalKeyToEntry_.find(emKey) != nullptr) {
-    const EmRequestStatus* status = emStatusMerged_.find(emKey);
-    now = status == nullptr ? EmStatus::hwPending : status->status;
-  }
+  const std::optional<EmStatus> now = statusOf(emKey);
   const std::optional<EmStatus> was = counted_.exchange(emKey, now);
   if (was == now) return;
   const EmComposerKeyUnionTag type = emComposerTypeFromUnion(emKey.emComposerKey);
@@ -78,7 +86,9 @@ void ResourceTableSm::count(const EmLogicalKey& emKey) {
 void ResourceTableSm::publish(EmComposerKeyUnionTag type) {
   const auto number = static_cast<std::size_t>(type);
   const ResourceCounts& counts = counts_[number];
-  const std::string name(KilnPlatform::kTableStems[number]);
+  static const std::vector<std::string> names(KilnPlatform::kTableStems.begin(),
+                                              KilnPlatform::kTableStems.end());
+  const std::string& name = names[number];
   const ResourceCounts* row = counts.requested == 0 ? nullptr : &counts;
   switch (emTypeOf(type)) {
     case EmType::isem:

@@ -46,15 +46,21 @@ class ResourceTableSm final : public Stage {
     explicit Counted(Stage& stage) : LocalState(stage, "counted") {}
     /// Files a key under another status, or under none; returns what it was filed under before.
     std::optional<EmStatus> exchange(const EmLogicalKey& key, std::optional<EmStatus> status);
+    [[nodiscard]] std::optional<EmStatus> status(const EmLogicalKey& key) const;
     [[nodiscard]] std::size_t size() const override { return statuses_.size(); }
-    void clear() override { statuses_.delAll(); }
+    void clear() override { statuses_.clear(); }
 
    private:
-    Collection<EmLogicalKey, EmStatus> statuses_;
+    LocalMap<EmLogicalKey, EmStatus> statuses_;
   };
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
+  /// Whether the key is filed under another status than it has.
+  [[nodiscard]] bool misfiled(const EmLogicalKey& emKey) const {
+    return !ready() || counted_.status(emKey) != statusOf(emKey);
+  }
+  [[nodiscard]] std::optional<EmStatus> statusOf(const EmLogicalKey& emKey) const;
   void count(const EmLogicalKey& emKey);
   void publish(EmComposerKeyUnionTag type);
 
@@ -62,10 +68,12 @@ class ResourceTableSm final : public Stage {
   using CountsOutput = Output<ResourceTable::resourceAttr, Argument, "name">;
 
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ResourceTableSm::handleEntry,
-        "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}">
+        "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
+        &ResourceTableSm::misfiled, nullptr>
       emLogicalKeyToEntry_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResourceTableSm::handleStatus,
-        "from( emStatusMerged.status[] ): emKey={} statusOpt={}">
+        "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
+        &ResourceTableSm::misfiled, nullptr>
       emStatusMerged_;
   Counted counted_;
   std::array<ResourceCounts, KilnPlatform::kTableStems.size()> counts_{};  ///< by the number of the key type

@@ -11,6 +11,7 @@
 #include "platform/KilnTunnelNiLib.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
+#include "runtime/LocalState.h"
 #include "runtime/Output.h"
 #include "runtime/Stage.h"
 
@@ -33,6 +34,14 @@ class SrvStatusSm : public Stage {
   [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
     return emLogicalKey.featureType == featureType_;
   }
+  [[nodiscard]] static bool ofThisDatabase(const EmComposerKey& key) {
+    return key.tag() != EmComposerKeyUnionTag::undefined_ && emTypeOf(key.tag()) == Db::kEmType;
+  }
+  /// Whether the key may be one of this feature's requests of this database.
+  [[nodiscard]] bool concerns(const EmLogicalKey& emLogicalKey) const {
+    return isOwn(emLogicalKey) &&
+           (ofThisDatabase(emLogicalKey.emComposerKey) || foreignRequests_.size() != 0);
+  }
   void eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt);
   void eventToEmStatusStream(const EmLogicalKey& emLogicalKey, const EmRequestStatus* statusOpt);
   void eventToStatusStream(const EmRequestKey& emRequestKey);
@@ -52,8 +61,11 @@ class SrvStatusSm : public Stage {
   FeatureType featureType_;
   Input<typename SrvConfig::configAttr, kConfigName, &SrvStatusSm::eventToSrvStream, kSrvStream> srvConfig_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatus", &SrvStatusSm::eventToEmStatusStream,
-        "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued, &SrvStatusSm::isOwn>
+        "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued,
+        &SrvStatusSm::concerns, &SrvStatusSm::isOwn>
       emStatus_;
+  /// Requests under keys of other databases, which no check kept out.
+  LocalCollection<RequestKey, KilnPlatform::Unit> foreignRequests_;
   Output<typename SrvStatus::statusAttr, kStatusName, kKeyName> srvStatus_;
 };
 
@@ -67,10 +79,18 @@ SrvStatusSm<Db>::SrvStatusSm(std::string_view className, FeatureType featureType
       featureType_(featureType),
       srvConfig_(*this, std::move(srvConfig), "srvStream"),
       emStatus_(*this, std::move(emStatus), "emStatusStream"),
+      foreignRequests_(*this, "foreignRequests"),
       srvStatus_(*this, std::move(srvStatus)) {}
 
 template <class Db>
-void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request* /*srvConfigOpt*/) {
+void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt) {
+  if (!ofThisDatabase(entryKey.emComposerKey)) [[unlikely]] {
+    if (srvConfigOpt != nullptr) {
+      foreignRequests_.is(entryKey, {});
+    } else {
+      foreignRequests_.del(entryKey);
+    }
+  }
   eventToStatusStream(requestKeyAs<EmRequestKey>(entryKey));
 }
 

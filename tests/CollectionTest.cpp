@@ -1,4 +1,4 @@
-// Both implementations of the keyed collections hold the same promises.
+// All implementations of the keyed collections hold the same promises.
 #include "runtime/Collection.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +19,8 @@ class CollectionTest : public testing::Test {
   C collection;
 };
 using Implementations =
-    testing::Types<DenseCollection<int, std::string>, OrderedCollection<int, std::string>>;
+    testing::Types<ColumnCollection<int, std::string>, DenseCollection<int, std::string>,
+                   OrderedCollection<int, std::string>>;
 TYPED_TEST_SUITE(CollectionTest, Implementations);
 
 TYPED_TEST(CollectionTest, NotifiesOfRealChangesOnly) {

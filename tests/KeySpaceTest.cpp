@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <random>
 #include <set>
+#include <string>
+#include <utility>
 
 #include "runtime/Collection.h"
 #include "runtime/PendingKeys.h"
@@ -14,10 +17,12 @@
 namespace KilnTest {
 namespace {
 
+using KilnEmServer::ArrivalQueue;
 using KilnEmServer::Collection;
 using KilnEmServer::HandleIndex;
 using KilnEmServer::KeySpace;
 using KilnEmServer::PendingKeys;
+using KilnEmServer::SparseCollection;
 
 // Hashes that collide, lie beside each other and wrap around the table's end, while the number of entries
 // goes up and down, so that most changes fall into a migration.
@@ -50,12 +55,36 @@ TEST(HandleIndex, AgreesWithAModelWhileItIsResized) {
   }
 }
 
+// Arrivals are kept in part only, and come apart by more than that part can tell from the first to the last
+// item ever seen, though not within the queue.
+TEST(ArrivalQueue, AgreesWithAModelOverManyPages) {
+  std::mt19937_64 random(1);
+  ArrivalQueue queue;
+  std::deque<std::pair<std::uint32_t, std::uint64_t>> model;
+  std::uint64_t arrival = 0;
+  for (unsigned step = 0; step < 60000; ++step) {
+    const bool filling = step / 5000 % 2 == 0;
+    if (model.empty() || random() % 8 < (filling ? 6U : 2U)) {
+      const auto number = static_cast<std::uint32_t>(random());
+      arrival += model.empty() ? random() % (std::uint64_t{1} << 40) : random() % (1U << 18);
+      queue.push(number, arrival);
+      model.emplace_back(number, arrival);
+    } else {
+      ASSERT_EQ(queue.firstArrival(), model.front().second);
+      ASSERT_EQ(queue.numberAhead(0), model.front().first);
+      ASSERT_EQ(queue.pop(), model.front().first);
+      model.pop_front();
+    }
+    ASSERT_EQ(queue.size(), model.size());
+  }
+}
+
 // A key belongs to whoever holds it: it goes with the last holder, and with nothing held the space is empty.
 TEST(KeySpace, ForgetsAKeyWithItsLastHolder) {
   KeySpace<std::string>& space = KeySpace<std::string>::instance();
   const std::size_t before = space.size();
   auto first = std::make_unique<Collection<std::string, int>>();
-  Collection<std::string, int> second;
+  SparseCollection<std::string, int> second;
   PendingKeys<std::string> pending;
   const auto nameOf = [](int number) {
     return "a key that is long enough to lie on the heap " + std::to_string(number);

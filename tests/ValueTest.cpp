@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -58,6 +59,21 @@ TEST(Value, EachUnionAlternativeIsOnlyItself) {
   EXPECT_EQ(ordered.size(), 9u);
   EXPECT_EQ(hashes.size(), 9u);
   EXPECT_EQ(EmResolvedKey{}, EmResolvedKey{});
+}
+
+// What lies between the fields of an alternative is whatever its place in memory held before.
+TEST(Value, AUnionIsItsFieldsAndNothingBetweenThem) {
+  const auto built = [](unsigned char before) {
+    alignas(IsemMplsComposerKey) unsigned char place[sizeof(IsemMplsComposerKey)];
+    std::memset(place, before, sizeof(place));
+    auto* key = reinterpret_cast<IsemMplsComposerKey*>(place);
+    key->label = 7;
+    key->labelSpace = 1;
+    return EmComposerKey(*key);
+  };
+  EXPECT_EQ(built(0x00), built(0xFF));
+  EXPECT_EQ(KilnPlatform::hashValue(built(0x00)), KilnPlatform::hashValue(built(0xFF)));
+  EXPECT_EQ(*built(0xFF).getIf<IsemMplsComposerKey>(), (IsemMplsComposerKey{7, 1}));
 }
 
 TEST(Value, EveryFieldOfAKeyTellsKeysApart) {

@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
   g++ cmake ninja-build git
   libfmt-dev libboost1.81-dev nlohmann-json3-dev libcli11-dev
-  liblmdb-dev pkg-config
+  liblmdb-dev libxxhash-dev pkg-config
   libgtest-dev libbenchmark-dev python3 valgrind
 )
 
