@@ -316,6 +316,15 @@ class Draw {
   /// A table that has answered all, and then nothing while things change.
   Operation silence(TableTag tag) {
     next_ = {AnswerOperation{tag, SoftTable::Order::lifo, 1, oneIn(2)}, SettleOperation{}};
+    if (oneIn(3)) {
+      // Everything goes, the latest of it before any table could say a word of it.
+      for (std::size_t each = features_; each != 0; --each) {
+        next_.push_back(
+            WithdrawAllOperation{static_cast<FeatureType>(each), databaseOf(static_cast<int>(tag))});
+      }
+      next_.push_back(RunOperation{1 + below(100)});
+      for (std::size_t fresh = 1 + below(3); fresh != 0; --fresh) next_.push_back(publish());
+    }
     for (std::size_t changes = 1 + below(3); changes != 0; --changes) next_.push_back(change());
     next_.push_back(SettleOperation{});
     next_.push_back(TableOperation{tag, SoftTable::AnswerMode::hold, {}, {}});

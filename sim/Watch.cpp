@@ -88,6 +88,7 @@ void Watch::noteFound() {
 }
 
 void Watch::featureGoes(FeatureType feature) {
+  ++inputs_;
   gone_.insert(feature);
   std::erase_if(present_, [&](const RequestPlace& place) { return std::get<0>(place) == feature; });
 }
@@ -267,7 +268,23 @@ bool Watch::hasRival(const RequestPlace& place) const {
 
 void Watch::handleOperation(const EmResolvedKey& key, Operation operation) {
   note(hashOf(key) + static_cast<std::uint64_t>(operation));
-  if (operation == Operation::removal) lastWrite_.erase(key);
+  if (operation != Operation::removal) return;
+  checkMoved(key);
+  lastWrite_.erase(key);
+}
+
+void Watch::checkMoved(const EmResolvedKey& from) {
+  if (inputs_ != 1 || restarted_ || !comparable_) return;
+  for (const auto& [place, was] : before_.statuses) {
+    const auto& key = std::get<2>(place);
+    const auto interface = interfaceOf(key.emComposerKey);
+    if (was.status != EmStatus::hwSuccess || !interface || !hwKeysOf(key).contains(from)) continue;
+    const auto domain = agent_.vlanDomains().status()->status().get(*interface);
+    const auto to = domain ? composed(key.emComposerKey, domain) : std::nullopt;
+    if (to && *to != from && !lastWrite_.contains(*to) && !hasRival(place)) {
+      say(fmt::format("{} was removed before {} was written", from, *to));
+    }
+  }
 }
 
 void Watch::handleUpcomingChange(const EmResolvedKey& key, Operation /*operation*/,

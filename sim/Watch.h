@@ -86,6 +86,8 @@ class Watch final : private KilnAgent::StoreObserver,
   /// The hardware keys that a request may have had in the window.
   [[nodiscard]] std::set<EmResolvedKey> hwKeysOf(const EmRequestKey& key) const;
   void mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry);
+  /// A key that only moves is written where it goes before it is removed where it was.
+  void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
   void checkSilent(const Outcome& found);
   void checkSizes();

@@ -31,7 +31,7 @@ constexpr std::size_t kMostJobs = 64;
 constexpr std::size_t kMostMarks = 128;
 /// One seed in so many is run a second time and must do the same; one in so many counts the marks.
 constexpr std::uint64_t kTwiceEvery = 16;
-constexpr std::uint64_t kMarksEvery = 2;
+constexpr std::uint64_t kMarksEvery = 1;
 
 struct Arguments {
   std::uint64_t seed = 0;

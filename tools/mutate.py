@@ -23,21 +23,24 @@ inline bool kilnMutant(int number) {
 """
 
 
-def copy_tree(root, scratch):
+def copy_tree(root, scratch, texts):
+    """Writes only what differs, so that only that is built again."""
     files = subprocess.run(["git", "ls-files"], cwd=root, check=True, capture_output=True, text=True).stdout.split()
     for name in files:
+        if not (root / name).is_file():
+            continue
         target = scratch / name
         target.parent.mkdir(parents=True, exist_ok=True)
-        content = (root / name).read_bytes() if (root / name).is_file() else b""
+        content = texts[name].encode() if name in texts else (root / name).read_bytes()
         if not target.is_file() or target.read_bytes() != content:
             target.write_bytes(content)
 
 
-def plant(scratch, number, mutation, texts):
+def plant(root, number, mutation, texts):
     """A statement, which ends with ; or }, becomes if/else; anything else is an expression. Where the new text says
     PLANTED, it replaces the old one as it is."""
     path, old, new = mutation["file"], mutation["old"], mutation["new"]
-    text = texts.setdefault(path, (scratch / path).read_text())
+    text = texts.setdefault(path, (root / path).read_text())
     if text.count(old) != mutation.get("times", 1):
         sys.exit(f"{path}: {mutation['name']}: found {text.count(old)} times: {old}")
     if "PLANTED" in new:
@@ -73,7 +76,7 @@ def judge(binaries, number, options):
     if code == 0:
         return "", ""
     seed = re.search(r"FAILED seed (\d+).*\n(.*)", told)
-    return (seed.group(1), re.sub(r"KilnEmServer::|KilnTunnelNiLib::|\|", "", seed.group(2))[:60]) if seed else ("?", "ended")
+    return (seed.group(1), re.sub(r"Kiln\w+::|\(.*|\|", "", seed.group(2))[:60].strip()) if seed else ("?", "ended")
 
 
 def main():
@@ -89,20 +92,18 @@ def main():
     root = pathlib.Path(__file__).resolve().parent.parent
     scratch = pathlib.Path(options.scratch)
     mutations = json.loads((root / "sim/mutations.json").read_text())
-    copy_tree(root, scratch)
     texts = {}
     for number, mutation in enumerate(mutations, 1):
-        plant(scratch, number, mutation, texts)
-    texts["platform/Assert.h"] = (scratch / "platform/Assert.h").read_text() + SWITCH
-    for path, text in texts.items():
-        (scratch / path).write_text(text)
+        plant(root, number, mutation, texts)
+    texts["platform/Assert.h"] = (root / "platform/Assert.h").read_text() + SWITCH
+    copy_tree(root, scratch, texts)
     subprocess.run(["cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
     targets = ["kiln-sim"] + (["kiln-tests"] if options.tests else [])
     subprocess.run(["cmake", "--build", "--preset", "release", "--target", *targets], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
     survivors = 0
-    print("| | Planted | Simulation, after seeds | Tests |\n|---|---|---|---|", flush=True)
+    print("| | Planted | Simulation, at seed | Tests |\n|---|---|---|---|", flush=True)
     for number, mutation in enumerate(mutations, 1):
         if options.only and number not in options.only:
             continue
@@ -110,7 +111,7 @@ def main():
         test = judge_by_tests(scratch / "build/release/bin", number, options) if options.tests else ""
         survivors += not seeds and not test
         seen = f"{seeds}: {what}" if seeds else f"not in {options.seeds}"
-        print(f"| {number} | {mutation['name']} | {seen} | {test or '-'} |", flush=True)
+        print(f"| {number} | {mutation['name']} | {seen} | {test or ('none' if options.tests else 'not run')} |", flush=True)
     sys.exit(1 if survivors else 0)
 
 
