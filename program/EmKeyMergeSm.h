@@ -18,6 +18,10 @@ class EmKeyMergeSm final : public Stage {
                StageControl control);
 
  private:
+  /// Whether the key has, or had, a hardware key: else there is nothing to join an entry with.
+  [[nodiscard]] bool placed(const EmLogicalKey& emKey) const {
+    return resolvedKeyColl_.find(emKey) != nullptr || emMergedEntry_.find(emKey) != nullptr;
+  }
   void eventToVok_stream0(const EmLogicalKey& emKey, const EmHwKey* hwKeyOpt);
   void eventToVok_stream1(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void eventToVok_pipeline0(const EmLogicalKey& emKey);
@@ -27,7 +31,8 @@ class EmKeyMergeSm final : public Stage {
       resolvedKeyColl_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
         &EmKeyMergeSm::eventToVok_stream1,
-        "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}">
+        "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}", Reaction::queued,
+        &EmKeyMergeSm::placed, nullptr>
       emLogicalKeyToEntry_;
   Output<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", "emKey"> emMergedEntry_;
 };

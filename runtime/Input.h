@@ -120,6 +120,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   bool scanItem() final {
     const std::optional<K> key = self().collection().scanNext(cursor_);
     if (!key) return false;
+    if constexpr (requires { self().walksOver(*key); }) {
+      if (self().walksOver(*key)) return true;
+    }
     const auto held = pending_.hold(*key);
     handleItem(held.key());
     return true;
@@ -159,7 +162,8 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 /// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
 /// value. `Wanted`, a function of the stage from the key alone, tells for which keys the handler does more
 /// than filter them out: the others never join the pending list. `WantedChannel`, where it is not the same
-/// function, is one that gives the same answer for all keys of a channel, at all times.
+/// function, is one that gives the same answer for all keys of a channel, at all times, and without which the
+/// handler does nothing.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted>
 class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel>,
@@ -196,6 +200,11 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
     if (this->stage_.tracer().enabled(6)) [[unlikely]]
       handleKey(key);  // traces that the filter fails
     return false;
+  }
+  /// Whether a walk has nothing to do with the key, as the handler would find out.
+  [[nodiscard]] bool walksOver(const Key& key) const
+      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
+    return !(owner_.*WantedChannel)(key) && !this->stage_.tracer().enabled(6);
   }
   [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
     if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {
