@@ -143,7 +143,7 @@ void readVlanDomains(const Json& json, ChipConfig& chip, const JsonPath& path) {
   if (chip.vlanDomains.first > chip.vlanDomains.last) path.fail("the first domain is above the last");
 }
 
-ChipConfig readChip(const Json& json) {
+ChipConfig chipOf(const Json& json) {
   const JsonPath root;
   requireObject(json, root);
   refuseOtherMembers(json, {"tables", "faps", "profiles", "vlanDomains"}, root);
@@ -178,15 +178,21 @@ ChipConfig defaultChip() {
   return chip;
 }
 
+ChipConfig readChip(std::istream& text) {
+  try {
+    return chipOf(Json::parse(text, ParseGuard(), true, true));
+  } catch (const Json::exception& error) {
+    throw InputError(parseErrorText(error));
+  }
+}
+
 ChipConfig readChipFile(const std::string& path) {
   std::ifstream file(path);
   if (!file) throw InputError(fmt::format("{}: the chip file cannot be read", path));
   try {
-    return readChip(Json::parse(file, DuplicateMembers(), true, true));
+    return readChip(file);
   } catch (const std::ios_base::failure&) {  // a directory, for example
     throw InputError(fmt::format("{}: the chip file cannot be read", path));
-  } catch (const Json::exception& error) {
-    throw InputError(fmt::format("{}: {}", path, parseErrorText(error)));
   } catch (const InputError& error) {
     throw InputError(fmt::format("{}: {}", path, error.what()));
   }

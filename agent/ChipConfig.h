@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <istream>
 #include <map>
 #include <optional>
 #include <string>
@@ -35,7 +36,9 @@ struct ChipConfig {
 ChipConfig defaultChip();
 
 /// The chip that a chip file describes: JSON in which // comments are allowed; what it leaves out is as in
-/// the default. Throws InputError with the file's name where the file is missing or something in it is wrong.
+/// the default. Throws InputError where something in it is wrong.
+ChipConfig readChip(std::istream& text);
+/// The same from a file. Throws InputError with the file's name, also where the file is missing.
 ChipConfig readChipFile(const std::string& path);
 
 }  // namespace KilnAgent

@@ -99,7 +99,8 @@ std::size_t ChipFile::recordedSlots(std::size_t bytes) const {
   std::uint64_t word = 0;
   std::memcpy(&word, map_.get() + kCountAt, sizeof word);
   const std::size_t slots = word >> 32U;
-  if (word != countWord(slots) || slots > kMaxSlots) refuse("its number of slots is damaged");
+  if (word != countWord(slots) || slots < kFirstSlots || slots > kMaxSlots)
+    refuse("its number of slots is damaged");
   const std::size_t recorded = kHeaderBytes + slots * kSlotBytes;
   if (bytes < recorded) refuse(fmt::format("is cut short: {} of {} bytes", bytes, recorded));
   // An agent that was killed while the file grew leaves bytes behind the last slot, all of them zero.

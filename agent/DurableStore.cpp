@@ -45,8 +45,6 @@ struct Place {
   explicit Place(Decoder& key)
       : feature(key.take<FeatureType>()), database(key.take<EmType>()), requestKey(key.take<EmRequestKey>()) {
     key.end();
-    KilnPlatform::enumFromNumber<FeatureType>(static_cast<int>(feature));
-    KilnPlatform::enumFromNumber<EmType>(static_cast<int>(database));
   }
   FeatureType feature;
   EmType database;
@@ -189,6 +187,7 @@ void DurableStore::visit(char kind, const std::function<void(Decoder& key, Decod
     Decoder key(record.key.substr(1));
     Decoder value(record.value);
     visitor(key, value);
+    key.end();
     value.end();
     changes_ = std::max(changes_, record.order);
     ++counters_.loaded;
@@ -210,6 +209,8 @@ void DurableStore::loadStore() {
     const Place place(key);
     withDatabase(place.database, [&]<class Db>() {
       const auto status = value.take<KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>>();
+      const auto own = KilnEmServer::requestKeyAs<typename Db::EntryKey>(place.requestKey);
+      if (status.key != own) throw std::range_error("a status of another request");
       store_.restoreStatus<Db>(place.feature, status);
     });
   });

@@ -43,7 +43,9 @@ std::string parseErrorText(const Json::exception& error) {
   return text;
 }
 
-bool DuplicateMembers::operator()(int depth, Json::parse_event_t event, const Json& parsed) {
+bool ParseGuard::operator()(int depth, Json::parse_event_t event, const Json& parsed) {
+  const bool opens = event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
+  if (opens && depth >= kMaxDepth) throw InputError(fmt::format("more than {} levels are nested", kMaxDepth));
   if (event == Json::parse_event_t::object_start) {
     names_.resize(static_cast<std::size_t>(depth) + 1);
     names_.back().clear();

@@ -38,11 +38,15 @@ struct JsonPath {
 /// What the JSON library says of malformed text, without its codes.
 std::string parseErrorText(const Json::exception& error);
 
-/// Passed to the JSON library's parser, refuses an object that names a member twice, of which the library
-/// would keep only one.
-class DuplicateMembers {
+/// Passed to the JSON library's parser, refuses what the library takes and the agent must not: an object that
+/// names a member twice, of which the library would keep only one, and deep nesting, since the library copies
+/// and writes values by recursion.
+class ParseGuard {
  public:
-  /// Throws InputError where `parsed` is a name that the open object has already.
+  /// Objects and arrays within each other; six are ever needed.
+  static constexpr int kMaxDepth = 32;
+
+  /// Throws InputError where `parsed` is a name that the open object has already, or where too much is open.
   bool operator()(int depth, Json::parse_event_t event, const Json& parsed);
 
  private:

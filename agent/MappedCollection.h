@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -119,6 +120,8 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     Version versions[2];
   };
   static_assert(sizeof(Slot) <= ChipFile::kSlotBytes && std::is_trivially_copyable_v<Slot>);
+  /// Leaves room for more changes than will ever be made.
+  static constexpr std::uint64_t kMaxWord = std::uint64_t{1} << 62U;
 
   struct Probe {
     const K* key;
@@ -133,7 +136,9 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
   struct IndexEqual {
     using is_transparent = void;
     const MappedCollection* owner;
-    bool operator()(std::uint32_t a, std::uint32_t b) const { return a == b; }
+    bool operator()(std::uint32_t a, std::uint32_t b) const {
+      return owner->slot(a).key == owner->slot(b).key;
+    }
     bool operator()(Probe a, std::uint32_t b) const { return *a.key == owner->slot(b).key; }
     bool operator()(std::uint32_t a, Probe b) const { return owner->slot(a).key == *b.key; }
   };
@@ -163,11 +168,22 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
   void load(std::uint32_t at) {
     const Slot& found = slot(at);
     if (found.word == 0) return free_.push_back(at);
-    if (current(found).checksum != checksum(found.key, current(found).value, found.word)) {
+    if (found.word > kMaxWord ||
+        current(found).checksum != checksum(found.key, current(found).value, found.word)) {
       file_.refuse(fmt::format("the entry in slot {} is damaged", at));
     }
+    requireKey(at);
     if (!index_.insert(at).second) file_.refuse(fmt::format("the key in slot {} stands there twice", at));
     changes_ = std::max(changes_, found.word / 2);
+  }
+
+  /// Refuses the file where no key has the bytes that were read last for a checksum.
+  void requireKey(std::uint32_t at) const {
+    try {
+      (void)Decoder(encoded_).take<K>();
+    } catch (const std::range_error& error) {
+      file_.refuse(fmt::format("the key in slot {} is impossible: {}", at, error.what()));
+    }
   }
 
   /// Prepares the value in one of the two places, then makes it the current one.

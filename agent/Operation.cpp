@@ -302,7 +302,7 @@ constexpr std::array kReaders = {
 
 Json parseLine(std::string_view line) {
   try {
-    Json json = Json::parse(line, DuplicateMembers());
+    Json json = Json::parse(line, ParseGuard());
     requireObject(json, {});
     return json;
   } catch (const Json::exception& error) {

@@ -13,6 +13,7 @@
 #include <tuple>
 #include <type_traits>
 
+#include "platform/KilnTunnelNiLib.h"
 #include "platform/Value.h"
 
 namespace KilnAgent {
@@ -53,6 +54,13 @@ std::string encoded(const T& value) {
   return out;
 }
 
+/// Whether a value may hold any number of the enumeration's type, not only those that have a name.
+template <class E>
+inline constexpr bool kAnyNumber = !KilnPlatform::NamedEnum<E>;
+/// A request may be of a kind that the server does not know.
+template <>
+inline constexpr bool kAnyNumber<KilnTunnelNiLib::RequestKind> = true;
+
 /// Takes values off the front of encoded bytes. Throws std::range_error where they end early or say what no
 /// value can.
 class Decoder {
@@ -62,7 +70,9 @@ class Decoder {
   template <class T>
   void take(T& value) {
     if constexpr (std::is_enum_v<T>) {
-      value = static_cast<T>(number<std::make_unsigned_t<std::underlying_type_t<T>>>());
+      const auto read = number<std::make_unsigned_t<std::underlying_type_t<T>>>();
+      if constexpr (!kAnyNumber<T>) KilnPlatform::enumFromNumber<T>(static_cast<std::int64_t>(read));
+      value = static_cast<T>(read);
     } else if constexpr (std::is_integral_v<T>) {
       value = static_cast<T>(number<std::make_unsigned_t<T>>());
     } else if constexpr (KilnPlatform::NumberValue<T>) {

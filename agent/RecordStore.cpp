@@ -48,12 +48,14 @@ class View {
   View& operator=(const View&) = delete;
   [[nodiscard]] bool valid() const { return cursor_ != nullptr; }
 
-  /// The first record at or after `key`, or with an empty one the next.
+  /// Goes to the first record whose key begins with `prefix`, or to the next one. False where there is none,
+  /// or where it cannot be read, which error() tells.
   bool next(std::string_view prefix, bool first) {
     key_ = bytesOf(prefix);
-    return mdb_cursor_get(cursor_, &key_, &value_, first ? MDB_SET_RANGE : MDB_NEXT) == 0 &&
-           key().starts_with(prefix);
+    error_ = mdb_cursor_get(cursor_, &key_, &value_, first ? MDB_SET_RANGE : MDB_NEXT);
+    return error_ == 0 && key().starts_with(prefix);
   }
+  [[nodiscard]] int error() const { return error_ == MDB_NOTFOUND ? 0 : error_; }
   [[nodiscard]] std::string_view key() const { return textOf(key_); }
   [[nodiscard]] std::string_view value() const { return textOf(value_); }
 
@@ -62,6 +64,7 @@ class View {
   MDB_cursor* cursor_ = nullptr;
   MDB_val key_{};
   MDB_val value_{};
+  int error_ = 0;
 };
 
 }  // namespace
@@ -158,6 +161,7 @@ void RecordStore::visit(std::string_view prefix, const Visitor& visitor) const {
   for (bool more = view.next(prefix, true); more; more = view.next(prefix, false)) {
     give(recordOf(view.key(), view.value()), visitor);
   }
+  if (view.error() != 0) refuse(mdb_strerror(view.error()));
 }
 
 void RecordStore::visitInOrder(std::string_view prefix, const Visitor& visitor) const {
@@ -167,6 +171,7 @@ void RecordStore::visitInOrder(std::string_view prefix, const Visitor& visitor) 
   for (bool more = view.next(prefix, true); more; more = view.next(prefix, false)) {
     records.push_back(recordOf(view.key(), view.value()));
   }
+  if (view.error() != 0) refuse(mdb_strerror(view.error()));
   std::sort(records.begin(), records.end(),
             [](const Record& a, const Record& b) { return a.order < b.order; });
   for (const Record& record : records) give(record, visitor);

@@ -8,26 +8,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <list>
 #include <optional>
 #include <type_traits>
 #include <utility>
 #include <variant>
 #include <vector>
 
-#include "agent/CapacityMonitor.h"
 #include "agent/CapacityReport.h"
 #include "agent/Dump.h"
-#include "agent/LineSocket.h"
-#include "agent/Queries.h"
-#include "agent/Readiness.h"
 #include "agent/ReconcileReport.h"
-#include "agent/Scenario.h"
+#include "agent/Service.h"
 
 namespace KilnAgent {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 /// One slice of work, and how long slices follow each other before clients are heard again.
 constexpr std::chrono::microseconds kSliceBudget{500};
@@ -81,73 +74,33 @@ AgentOptions withSlices(AgentOptions options) {
   return options;
 }
 
-class Service {
- public:
-  explicit Service(const ServeOptions& options);
-  void run();
+}  // namespace
 
- private:
-  struct Client {
-    explicit Client(LineConnection taken) : connection(std::move(taken)) {}
-    LineConnection connection;
-    std::string uncommitted;  ///< answers that wait for the next commit
-    /// An operation that waits for the agent to be idle, and the number of its line.
-    std::optional<std::pair<std::uint64_t, Operation>> waiting;
-  };
-
-  void addQueries();
-  void waitForEvents();
-  void acceptClients();
-  void takeLines();
-  void takeLine(Client& client, const LineConnection::Line& line);
-  [[nodiscard]] Json execute(const Operation& operation);
-  static void answer(Client& client, std::uint64_t line, Json answer);
-  void runSlices();
-  void runWaiting();
-  void commitIfDue();
-  void commit();
-  void sendAnswers();
-  void stop();
-  [[nodiscard]] bool anyWaiting() const;
-  [[nodiscard]] bool linesLeft() const { return linesLeft_ && !anyWaiting(); }
-  [[nodiscard]] Json aboutAgent() const;
-
-  Clock::time_point begin_ = Clock::now();
-  FileDescriptor signals_ = stopSignals();
-  EmbeddedAgent agent_;
-  Readiness readiness_{agent_, begin_};
-  LineListener listener_;
-  CapacityMonitor capacity_{agent_.capacity(), agent_.store().taskScheduler()};
-  std::string said_;  ///< what is wrong with the operation that is being executed
-  Scenario scenario_{agent_, false, 1, [this](const std::string& text) { said_ = text; },
-                     [this](const ScenarioCounters&) { readiness_.update(); }};
-  Queries queries_;
-  std::list<Client> clients_;
-  std::optional<Clock::time_point> oldestChange_;
-  bool linesLeft_ = false;
-  bool stopping_ = false;
-};
-
-Service::Service(const ServeOptions& options)
-    : agent_(withSlices(options.agent)),
+Service::Service(const ServeOptions& options, FileDescriptor stop)
+    : signals_(std::move(stop)),
+      agent_(withSlices(options.agent)),
       listener_(options.socket.empty() ? StateDirectory::socketIn(options.agent.state) : options.socket) {
   addQueries();
 }
 
 void Service::run() {
-  while (!stopping_) {
-    waitForEvents();
-    takeLines();
-    runSlices();
-    runWaiting();
-    commitIfDue();
-    if (readiness_.update()) {
-      commit();
-      readiness_.readyAndCommitted();
-    }
-    sendAnswers();
+  while (turn()) {
   }
   stop();
+}
+
+bool Service::turn() {
+  waitForEvents();
+  takeLines();
+  runSlices();
+  runWaiting();
+  commitIfDue();
+  if (readiness_.update()) {
+    commit();
+    readiness_.readyAndCommitted();
+  }
+  sendAnswers();
+  return !stopping_;
 }
 
 // --- Events ------------------------------------------------------------------------------------------------
@@ -330,11 +283,8 @@ void Service::addQueries() {
   add("capacity", [this] { return Json::parse(capacityJson(agent_, capacity_)); });
 }
 
-}  // namespace
-
 void serve(const ServeOptions& options) {
-  Service service(options);
-  service.run();
+  Service(options, stopSignals()).run();
 }
 
 }  // namespace KilnAgent

@@ -77,7 +77,10 @@ class Column {
   /// Fetches the handle's value into the cache, or what stands in its place.
   void prefetch(std::uint32_t handle) const {
     const std::size_t at = handle / kPerPage;
-    if (at < pages_.size()) __builtin_prefetch(pages_[at].values + offset(handle));
+    if (at >= pages_.size()) return;
+    // An address only: a page without values has none to point into.
+    const auto values = reinterpret_cast<std::uintptr_t>(pages_[at].values);
+    __builtin_prefetch(reinterpret_cast<const void*>(values + offset(handle) * sizeof(V)));
   }
 
  private:

@@ -251,7 +251,8 @@ std::set<EmResolvedKey> Watch::hwKeysOf(const EmRequestKey& key) const {
 }
 
 bool Watch::hasRival(const RequestPlace& place) const {
-  const auto& [feature, database, key] = place;
+  const FeatureType feature = std::get<FeatureType>(place);
+  const EmRequestKey& key = std::get<EmRequestKey>(place);
   const std::set<EmResolvedKey> hwKeys = hwKeysOf(key);
   return std::any_of(contenders_.begin(), contenders_.end(), [&](const RequestPlace& other) {
     const auto& [otherFeature, otherDatabase, otherKey] = other;

@@ -179,16 +179,21 @@ TEST(ChipFile, FilesOfOthersAndTornOnesAreRefusedAndStay) {
   const std::string path = directory / "table";
   { Entries(path).is(key(1), {1, 2, 3}); }
   const std::string whole = readWhole(path);
+  std::string twice = whole;
+  twice.replace(4096 + 64, 64, whole, 4096, 64);
   const struct {
     std::string content;
     const char* told;
   } cases[] = {
+      {twice, "the key in slot"},
       {"", "is not a table of the software chip"},
       {"some text\n", "is not a table of the software chip"},
       {std::string(100000, 'x'), "is not a table of the software chip"},
       {whole.substr(0, 4096), "is cut short"},
       {whole.substr(0, whole.size() - 1), "is cut short"},
       {whole + std::string(64, 'x'), "something foreign was appended"},
+      {whole.substr(0, 64) + "\xFF\xFF\xFF\xFF" + std::string(4, '\0') + whole.substr(72, 4096 - 72),
+       "its number of slots is damaged"},  // none, which could not grow
   };
   for (const auto& wrong : cases) {
     writeFile(path, wrong.content);

@@ -13,6 +13,7 @@
 #include "agent/Dump.h"
 #include "agent/EmbeddedAgent.h"
 #include "agent/InputError.h"
+#include "agent/RecordCode.h"
 #include "agent/RecordStore.h"
 #include "agent/Scenario.h"
 #include "sim/Plan.h"
@@ -249,6 +250,47 @@ TEST(RecordStoreFile, TornAndForeignFilesAreRefusedAndStay) {
     writeFile(path, wrong.content);
     EXPECT_NE(std::string::npos, openAndRead().find(wrong.told)) << openAndRead();
     EXPECT_EQ(wrong.content, readWhole(path));
+  }
+}
+
+TEST_F(DurableState, RecordsThatNoAgentWritesAreRefusedAndStay) {
+  using KilnAgent::encoded;
+  using KilnEmServer::FeatureType;
+  using KilnTunnelNiLib::IsemEntryKey;
+  scenario.reset();
+  agent.reset();
+  const IsemEntryKey requestKey{{}, {}, KilnTunnelNiLib::IsemMplsComposerKey{1, 0}};
+  const IsemEntryKey another{{}, {}, KilnTunnelNiLib::IsemMplsComposerKey{2, 0}};
+  const std::string place =
+      encoded(FeatureType::mpls) + encoded(KilnEmServer::EmType::isem) + encoded(requestKey);
+  const std::string status = encoded(KilnTunnelNiLib::IsemSrvStatusEntry{another, 0, 1, 1, {}, 1});
+  const std::string unknownStatus = encoded(
+      KilnTunnelNiLib::IsemSrvStatusEntry{requestKey, 0, 1, 1, static_cast<KilnEmServer::EmStatus>(4), 1});
+  const struct {
+    std::string key;
+    std::string value;
+    const char* told;
+  } cases[] = {{std::string("F") + '\x09', "", "no value 9"},
+               {std::string("F") + '\x07' + "x", "", "bytes are left over"},
+               {"S" + place, status, "a status of another request"},
+               {"S" + place, unknownStatus, "no value 4"},
+               {"R" + place, "", "it ends early"}};
+  const std::string path = directory / "state/store";
+  for (const auto& wrong : cases) {
+    {
+      RecordStore store(path, KilnAgent::Durability::process);
+      RecordStore::Batch batch(store);
+      batch.put(wrong.key, 1, wrong.value);
+      batch.commit();
+    }
+    const std::string content = readWhole(path);
+    const std::string told = errorOf([this] { open(); });
+    EXPECT_NE(std::string::npos, told.find(wrong.told)) << told;
+    EXPECT_EQ(content, readWhole(path));
+    RecordStore store(path, KilnAgent::Durability::process);
+    RecordStore::Batch batch(store);
+    batch.del(wrong.key);
+    batch.commit();
   }
 }
 

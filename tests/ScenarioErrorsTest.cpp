@@ -81,6 +81,9 @@ TEST_P(MalformedLine, EndsTheRunThereWithNothingOfItExecuted) {
 const Mistake kMistakes[] = {
     {"noJson", R"({"op":"settle")", "not a line of JSON"},
     {"noObject", "[]", "object"},
+    {"deepNesting",
+     R"({"op":"addFap","cores":)" + std::string(100'000, '[') + std::string(100'000, ']') + "}",
+     "more than 32 levels are nested"},
     {"noOperation", R"({"feature":"mpls"})", "op"},
     {"unknownOperation", R"({"op":"publich"})", "unknown operation \"publich\""},
     {"unknownFeature", R"({"op":"removeFeature","feature":"ipsec"})", "ipsec"},

@@ -1,0 +1,35 @@
+// What the fuzz targets share. A target gives libFuzzer one function; a property that does not hold ends the
+// process by an assertion, as does any exception that a parser may not throw.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "agent/InputError.h"
+#include "platform/Assert.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace KilnFuzz {
+
+inline std::string_view textIn(const std::uint8_t* data, std::size_t size) {
+  return {reinterpret_cast<const char*>(data), size};
+}
+
+/// What `call` says of its input; nothing where it takes it. What is said is one line, and says something.
+template <class Call>
+std::optional<std::string> refusalOf(Call&& call) {
+  try {
+    call();
+    return std::nullopt;
+  } catch (const KilnAgent::InputError& error) {
+    const std::string told = error.what();
+    KILN_ASSERT(!told.empty() && told.find_first_of("\r\n") == std::string::npos);
+    return told;
+  }
+}
+
+}  // namespace KilnFuzz

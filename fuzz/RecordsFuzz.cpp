@@ -1,0 +1,67 @@
+// The records of a state store, under whatever keys and with whatever bytes: the store is refused and stays
+// as it is, or an agent takes it up, programs what it asks for, and is found again as it stood.
+//
+// The input is records one after the other: a key and a value, each after the byte of its length.
+#include "agent/Dump.h"
+#include "agent/EmbeddedAgent.h"
+#include "agent/RecordStore.h"
+#include "fuzz/Fuzz.h"
+#include "fuzz/Scratch.h"
+#include "sim/Recompute.h"
+
+namespace KilnFuzz {
+namespace {
+
+std::string_view takeBytes(std::string_view& input) {
+  const std::size_t length = static_cast<unsigned char>(input.front());
+  const std::string_view bytes = input.substr(1, length);
+  input.remove_prefix(1 + bytes.size());
+  return bytes;
+}
+
+void fill(const std::string& path, std::string_view input) {
+  KilnAgent::RecordStore store(path, KilnAgent::Durability::process);
+  KilnAgent::RecordStore::Batch batch(store);
+  for (std::uint64_t order = 1; !input.empty(); ++order) {
+    const std::string_view key = takeBytes(input);
+    const std::string_view value = input.empty() ? input : takeBytes(input);
+    if (!key.empty() && key.front() != 'A') batch.put(key, order, value);
+  }
+  batch.commit();
+}
+
+/// What stands when an agent has taken the state up and is quiet.
+std::string outcomeOf(const KilnAgent::AgentOptions& options, bool again) {
+  KilnAgent::EmbeddedAgent agent(options);
+  agent.settle();
+  const std::string differs =
+      KilnSim::difference(KilnSim::recompute(KilnSim::wantedOf(agent)), KilnSim::outcomeOf(agent));
+  KILN_ASSERT_MESSAGE(differs.empty(), "{}", differs);
+  KILN_ASSERT(!again || (agent.durable()->pending() == 0 && agent.chip().counters().written == 0));
+  agent.commit();
+  std::string dump = KilnAgent::dumpText(agent);
+  const std::size_t hardware = dump.find("\"hardware\":");  // counts what this agent wrote
+  return dump.erase(hardware, dump.find('\n', hardware) - hardware);
+}
+
+}  // namespace
+}  // namespace KilnFuzz
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace KilnFuzz;
+  const ScratchDirectory directory;
+  KilnAgent::AgentOptions options;
+  options.state = directory / "state";
+  options.durability = KilnAgent::Durability::process;
+  { const KilnAgent::StateDirectory made(options.state); }
+  const std::string path = options.state + "/store";
+  fill(path, textIn(data, size));
+  const std::string content = readWhole(path);
+  std::string outcome;
+  if (refusalOf([&] { outcome = outcomeOf(options, false); })) {
+    KILN_ASSERT(readWhole(path) == content);
+  } else {
+    KILN_ASSERT(outcomeOf(options, true) == outcome);
+  }
+  return 0;
+}
