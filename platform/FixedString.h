@@ -14,9 +14,8 @@ struct FixedString {
   char data[N] = {};
 
   constexpr FixedString() = default;
-  constexpr FixedString(const char (&text)[N]) {
-    std::copy_n(text, N, data);
-  }  // NOLINT(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  constexpr FixedString(const char (&text)[N]) { std::copy_n(text, N, data); }
 
   [[nodiscard]] constexpr std::string_view view() const { return {data, N - 1}; }
   [[nodiscard]] constexpr const char* c_str() const { return data; }

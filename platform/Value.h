@@ -225,8 +225,8 @@ class TaggedUnion {
 
   TaggedUnion() = default;
   template <class A>
-  requires kHolds<A> TaggedUnion(const A& alternative)
-      : tag_(tagOf<A>()) {  // NOLINT(google-explicit-constructor)
+  requires kHolds<A>  // NOLINTNEXTLINE(google-explicit-constructor)
+  TaggedUnion(const A& alternative) : tag_(tagOf<A>()) {
     detail::storeFields(alternative, storage_);
   }
 
@@ -472,6 +472,7 @@ void readNumber(TextReader& reader, T& number, std::string_view owner) {
 /// `owner` is the type in whose name a malformed text is reported: the outermost union, where there is one,
 /// which `inUnion` tells, else the innermost type.
 template <class T>
+// One branch per kind of value, as in the writing of the form. NOLINTNEXTLINE(readability-function-size)
 void readText(TextReader& reader, T& value, std::string_view owner, bool inUnion = false) {
   if constexpr (NamedEnum<T>) {
     value = enumFromString<T>(reader.word());

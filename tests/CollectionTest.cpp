@@ -18,9 +18,8 @@ class CollectionTest : public testing::Test {
  protected:
   C collection;
 };
-using Implementations =
-    testing::Types<ColumnCollection<int, std::string>, DenseCollection<int, std::string>,
-                   OrderedCollection<int, std::string>>;
+using Implementations = testing::Types<ColumnCollection<int, std::string>, DenseCollection<int, std::string>,
+                                       OrderedCollection<int, std::string>>;
 TYPED_TEST_SUITE(CollectionTest, Implementations);
 
 TYPED_TEST(CollectionTest, NotifiesOfRealChangesOnly) {
