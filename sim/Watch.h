@@ -83,6 +83,7 @@ class Watch final : private KilnAgent::StoreObserver,
                      const StatusSeen& seen);
   [[nodiscard]] bool accepted(const RequestPlace& place, const EmEntry& entry) const;
   [[nodiscard]] bool hasRival(const RequestPlace& place) const;
+  [[nodiscard]] bool wasRefused(const EmRequestKey& key) const;
   /// The hardware keys that a request may have had in the window.
   [[nodiscard]] std::set<EmResolvedKey> hwKeysOf(const EmRequestKey& key) const;
   void mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry);
@@ -120,9 +121,9 @@ class Watch final : private KilnAgent::StoreObserver,
   Outcome before_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
   Outcome beforeFound_;
-  std::set<EmResolvedKey> refusedBefore_;
-  Sizes sizes_;                ///< of what the server held before it went
-  std::set<TableTag> silent_;  ///< tables that had answered all at the window's begin, and none since
+  std::set<EmResolvedKey> refused_;  ///< keys of which a write was refused, at the window's begin or in it
+  Sizes sizes_;                      ///< of what the server held before it went
+  std::set<TableTag> silent_;        ///< tables that had answered all at the window's begin, and none since
   std::set<RequestPlace> requestChanges_;
   std::set<RequestPlace> contenders_;
   std::set<std::pair<EmRequestKey, EmEntry>> requested_;
