@@ -239,9 +239,11 @@ Operation readEmpty(const Line& line) {
 }
 
 Operation readExpect(const Line& line) {
-  line.onlyHas({"op", "feature", "database", "key", "status", "requestVersion", "result", "absent", "now"});
-  ExpectOperation expect{featureOf(line), databaseOf(line), requestKeyOf(line),  std::nullopt,
-                         std::nullopt,    std::nullopt,     line.flag("absent"), line.flag("now")};
+  line.onlyHas({"op", "feature", "database", "key", "status", "requestVersion", "result", "absent", "now",
+                "untouched"});
+  ExpectOperation expect{featureOf(line),     databaseOf(line), requestKeyOf(line),
+                         std::nullopt,        std::nullopt,     std::nullopt,
+                         line.flag("absent"), line.flag("now"), line.flag("untouched")};
   if (line.find("status") != nullptr) expect.status = line.name<EmStatus>("status");
   expect.requestVersion = line.optionalNumber<std::uint32_t>("requestVersion");
   expect.result = line.optionalNumber<std::uint8_t>("result");
@@ -252,10 +254,10 @@ Operation readExpect(const Line& line) {
 }
 
 Operation readExpectTable(const Line& line) {
-  line.onlyHas({"op", "table", "key", "entry", "absent", "now"});
+  line.onlyHas({"op", "table", "key", "entry", "absent", "now", "untouched"});
   ExpectTableOperation expect{tableOf(line),
                               readKey(line.member("key"), &EmHwKey::emResolvedKey, line.at("key")),
-                              std::nullopt, line.flag("now")};
+                              std::nullopt, line.flag("now"), line.flag("untouched")};
   if (expect.key.emResolvedKey.tag() != expect.table) line.at("key").fail("not a key of the table");
   const Json* entry = line.find("entry");
   if ((entry != nullptr) == line.flag("absent")) {
@@ -294,6 +296,7 @@ constexpr std::array kReaders = {
     Reader{"restart", readEmpty<RestartOperation>},
     Reader{"commit", readEmpty<CommitOperation>},
     Reader{"crash", readCrash},
+    Reader{"watch", readEmpty<WatchOperation>},
     Reader{"expect", readExpect},
     Reader{"expectTable", readExpectTable},
 };

@@ -111,6 +111,8 @@ struct CommitOperation {};
 struct CrashOperation {
   bool lost;  ///< the store's changes since the last commit are lost
 };
+/// From here on it is noted which statuses and table entries are touched.
+struct WatchOperation {};
 /// What a request's status record is to say; what is not given may be anything.
 struct ExpectOperation {
   FeatureType feature;
@@ -120,7 +122,8 @@ struct ExpectOperation {
   std::optional<std::uint32_t> requestVersion;
   std::optional<std::uint8_t> result;
   bool absent;
-  bool now;  ///< looks without settling first
+  bool now;        ///< looks without settling first
+  bool untouched;  ///< nor did the record change since the last WatchOperation, there and back included
 };
 /// What a table is to hold under a key; no entry where it is to hold none.
 struct ExpectTableOperation {
@@ -128,6 +131,7 @@ struct ExpectTableOperation {
   EmHwKey key;
   std::optional<EmEntry> entry;
   bool now;
+  bool untouched;
 };
 
 using Operation =
@@ -135,7 +139,7 @@ using Operation =
                  AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation,
                  TableOperation, AnswerOperation, ExternalUserOperation, AddFapOperation, RemoveFapOperation,
                  ProfileOperation, SettleOperation, RunOperation, RestartOperation, CommitOperation,
-                 CrashOperation, ExpectOperation, ExpectTableOperation>;
+                 CrashOperation, WatchOperation, ExpectOperation, ExpectTableOperation>;
 
 /// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its

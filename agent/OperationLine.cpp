@@ -152,6 +152,10 @@ std::string line(const CrashOperation& crash) {
   return Members("crash").flag("lost", crash.lost).text();
 }
 
+std::string line(const WatchOperation& /*watch*/) {
+  return Members("watch").text();
+}
+
 std::string line(const ExpectOperation& expect) {
   return Members("expect")
       .request(expect.feature, expect.database, expect.key)
@@ -160,6 +164,7 @@ std::string line(const ExpectOperation& expect) {
       .add("result", expect.result)
       .flag("absent", expect.absent)
       .flag("now", expect.now)
+      .flag("untouched", expect.untouched)
       .text();
 }
 
@@ -170,6 +175,7 @@ std::string line(const ExpectTableOperation& expect) {
       .add("entry", expect.entry)
       .flag("absent", !expect.entry)
       .flag("now", expect.now)
+      .flag("untouched", expect.untouched)
       .text();
 }
 

@@ -18,8 +18,8 @@ constexpr std::size_t kMostInterleavedTasks = 7;
 template <class T>
 constexpr bool kEndsBatch = std::is_same_v<T, SettleOperation> || std::is_same_v<T, RestartOperation> ||
                             std::is_same_v<T, CrashOperation> || std::is_same_v<T, AnswerOperation> ||
-                            std::is_same_v<T, CommitOperation> || std::is_same_v<T, ExpectOperation> ||
-                            std::is_same_v<T, ExpectTableOperation>;
+                            std::is_same_v<T, CommitOperation> || std::is_same_v<T, WatchOperation> ||
+                            std::is_same_v<T, ExpectOperation> || std::is_same_v<T, ExpectTableOperation>;
 
 std::string requestName(FeatureType feature, EmType database, const EmRequestKey& key) {
   return fmt::format("{} {} {}", feature, database, keyToJson(key, &EmRequestKey::emComposerKey).dump());
@@ -255,33 +255,46 @@ void Scenario::apply(const CrashOperation& crash) {
   agent_.crash(crash.lost);
 }
 
+void Scenario::apply(const WatchOperation& /*watch*/) {
+  touched_.emplace(agent_.store(), agent_.chip());
+}
+
+const TouchRecord& Scenario::requireTouched() const {
+  if (!touched_) throw InputError(R"(nothing is watched; {"op":"watch"} must come first)");
+  return *touched_;
+}
+
 void Scenario::apply(const ExpectOperation& expect) {
   if (!expect.now) settle();
+  const bool touched =
+      expect.untouched && requireTouched().status(expect.feature, expect.database, expect.key);
   ++counters_.expects;
   const std::optional<StatusRecord> found = findStatus(agent_.store(), expect);
-  if (holds(expect, found)) return;
+  if (holds(expect, found) && !touched) return;
   expectationFailed(
       fmt::format("{} {}", requestName(expect.feature, expect.database, expect.key),
                   expect.absent ? "absent" : statusText(expect.status, expect.requestVersion, expect.result)),
-      found ? statusText(found->status, found->requestVersion, found->result) : "absent");
+      found ? statusText(found->status, found->requestVersion, found->result) : "absent", touched);
 }
 
 void Scenario::apply(const ExpectTableOperation& expect) {
   if (!expect.now) settle();
+  const bool touched = expect.untouched && requireTouched().entry(expect.key.emResolvedKey);
   ++counters_.expects;
   const std::optional<EmEntry> found = findEntry(agent_.chip(), expect);
-  if (found == expect.entry) return;
+  if (found == expect.entry && !touched) return;
   const auto text = [](const std::optional<EmEntry>& entry) {
     return entry ? toJson(*entry).dump() : std::string("absent");
   };
   expectationFailed(fmt::format("{} {} {}", agent_.chip().table(expect.table).stem(),
                                 keyToJson(expect.key, &EmHwKey::emResolvedKey).dump(), text(expect.entry)),
-                    text(found));
+                    text(found), touched);
 }
 
-void Scenario::expectationFailed(const std::string& expected, const std::string& found) {
+void Scenario::expectationFailed(const std::string& expected, const std::string& found, bool touched) {
   ++counters_.failedExpects;
-  sayHere(fmt::format("expected {}, found {}", expected, found));
+  sayHere(fmt::format("expected {}{}, found {}{}", expected, touched ? " untouched" : "", found,
+                      touched ? ", touched" : ""));
 }
 
 void Scenario::sayHere(std::string_view text) const {

@@ -12,6 +12,7 @@
 
 #include "agent/EmbeddedAgent.h"
 #include "agent/Operation.h"
+#include "agent/TouchRecord.h"
 
 namespace KilnAgent {
 
@@ -77,13 +78,15 @@ class Scenario {
   void apply(const RestartOperation& restart);
   void apply(const CommitOperation& commit);
   void apply(const CrashOperation& crash);
+  void apply(const WatchOperation& watch);
   void apply(const ExpectOperation& expect);
   void apply(const ExpectTableOperation& expect);
 
   void tellReconciled();
   void requireManualDomains() const;
   void requireProfile(std::optional<std::uint32_t> profile) const;
-  void expectationFailed(const std::string& expected, const std::string& found);
+  [[nodiscard]] const TouchRecord& requireTouched() const;
+  void expectationFailed(const std::string& expected, const std::string& found, bool touched);
   void sayHere(std::string_view text) const;
 
   EmbeddedAgent& agent_;
@@ -92,6 +95,7 @@ class Scenario {
   Say say_;
   Progress progress_;
   Reconciled reconciled_;
+  std::optional<TouchRecord> touched_;  ///< since the last WatchOperation
   std::uint64_t reconciledTold_ = 0;
   ScenarioCounters counters_;
   std::string name_;  ///< of the file that is run; empty for none

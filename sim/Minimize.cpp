@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace KilnSim {
@@ -112,6 +113,32 @@ Plan minimize(Plan plan) {
   return plan;
 }
 
+namespace {
+
+/// Whether the agent is quiet at some time in the operation.
+bool settles(const Operation& operation) {
+  const auto* answer = std::get_if<KilnAgent::AnswerOperation>(&operation);
+  return answer != nullptr ? !answer->now : std::holds_alternative<KilnAgent::SettleOperation>(operation);
+}
+
+bool isUntouched(const Operation& operation) {
+  const auto* status = std::get_if<KilnAgent::ExpectOperation>(&operation);
+  const auto* entry = std::get_if<KilnAgent::ExpectTableOperation>(&operation);
+  return (status != nullptr && status->untouched) || (entry != nullptr && entry->untouched);
+}
+
+/// The operation before which what is touched is to be watched: from there on the judge has not compared
+/// before the failure. None where nothing is to be untouched.
+std::optional<std::size_t> watchedFrom(const Plan& plan, const Verdict& verdict) {
+  if (std::none_of(verdict.expected.begin(), verdict.expected.end(), isUntouched)) return std::nullopt;
+  std::size_t at = verdict.at;
+  while (at > 0 && !settles(plan.operations[at - 1])) --at;
+  // An answer is given after it has settled: what comes of it is to be seen.
+  return at > 0 && std::holds_alternative<KilnAgent::AnswerOperation>(plan.operations[at - 1]) ? at - 1 : at;
+}
+
+}  // namespace
+
 std::string scenarioOf(const Plan& plan, const Verdict& verdict) {
   std::string text = fmt::format("// plan: seed {} shuffled {} yield-every {}\n// {}\n", plan.seed,
                                  plan.shuffled ? 1 : 0, plan.yieldEvery, replayCommand(plan, "THIS"));
@@ -119,7 +146,13 @@ std::string scenarioOf(const Plan& plan, const Verdict& verdict) {
   if (plan.operations.empty() || !std::holds_alternative<RunOperation>(plan.operations[0])) {
     text += KilnAgent::operationLine(RunOperation{0}) + "\n";
   }
+  const auto watched = watchedFrom(plan, verdict);
   for (std::size_t at = 0; at < plan.operations.size(); ++at) {
+    if (at == watched) {
+      if (at != verdict.at && settles(plan.operations[at]))
+        text += operationLine(KilnAgent::SettleOperation{}) + "\n";
+      text += operationLine(KilnAgent::WatchOperation{}) + "\n";
+    }
     if (std::find(verdict.idle.begin(), verdict.idle.end(), at) != verdict.idle.end()) continue;
     text += KilnAgent::operationLine(plan.operations[at]) + "\n";
   }

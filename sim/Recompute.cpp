@@ -190,6 +190,10 @@ void compare(const Map& expected, const Map& found, std::vector<std::string>& li
 
 }  // namespace
 
+KilnEmServer::EmHwKey hwKeyOf(const EmResolvedKey& key) {
+  return {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), key};
+}
+
 std::optional<IntfIdSystemTcamId> interfaceOf(const EmComposerKey& key) {
   std::optional<IntfIdSystemTcamId> interface;
   key.visit([&](const auto& fields) {

@@ -70,6 +70,8 @@ std::optional<EmResolvedKey> composed(const KilnEmServer::EmComposerKey& key,
                                       std::optional<std::uint16_t> domain);
 /// The interface whose VLAN domain the key needs, if it needs one.
 std::optional<IntfIdSystemTcamId> interfaceOf(const KilnEmServer::EmComposerKey& key);
+/// The same as a hardware key, which holds on every FAP and core.
+KilnEmServer::EmHwKey hwKeyOf(const EmResolvedKey& key);
 /// Whether the server has a part in the request at all: its kind is to be programmed, it stands in the
 /// database of its key type, and its chip and core are both all or both specific.
 bool takenUp(const RequestPlace& place, const Request& request);

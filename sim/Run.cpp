@@ -30,8 +30,8 @@ constexpr bool kIsOneOf = (std::is_same_v<T, Others> || ...);
 
 /// Operations that make no change of their own.
 template <class T>
-constexpr bool kChangesNothing =
-    kIsOneOf<T, SettleOperation, RunOperation, RestartOperation, CommitOperation, CrashOperation>;
+constexpr bool kChangesNothing = kIsOneOf<T, SettleOperation, RunOperation, RestartOperation, CommitOperation,
+                                          CrashOperation, WatchOperation>;
 /// Operations that make several, one after the other: between them others win than before and after. So does
 /// a VLAN domain, which moves several keys.
 template <class T>
@@ -62,6 +62,7 @@ class Run {
     tally_.faults += watch_.refusals();
     verdict.wrong = wrong_;
     verdict.expected = std::move(expected_);
+    for (Operation& untouched : watch_.takeExpected()) verdict.expected.push_back(std::move(untouched));
     verdict.digest = watch_.digest();
   }
   [[nodiscard]] bool failed() const { return !wrong_.empty(); }
@@ -227,16 +228,15 @@ class Run {
       if (at != found.statuses.end() && at->second == seen) continue;
       const auto& [feature, database, key] = place;
       expected_.push_back(ExpectOperation{feature, database, key, seen.status, seen.requestVersion,
-                                          seen.result, false, true});
+                                          seen.result, false, true, false});
     }
     for (const auto& [place, seen] : found.statuses) {
       if (expected.statuses.contains(place)) continue;
       const auto& [feature, database, key] = place;
-      expected_.push_back(ExpectOperation{feature, database, key, {}, {}, {}, true, true});
+      expected_.push_back(ExpectOperation{feature, database, key, {}, {}, {}, true, true, false});
     }
     const auto expectEntry = [&](const EmResolvedKey& key, std::optional<EmEntry> entry) {
-      const EmHwKey hwKey{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), key};
-      expected_.push_back(ExpectTableOperation{key.tag(), hwKey, std::move(entry), true});
+      expected_.push_back(ExpectTableOperation{key.tag(), hwKeyOf(key), std::move(entry), true, false});
     };
     for (const auto& [key, entry] : expected.tables) {
       const auto at = found.tables.find(key);

@@ -371,6 +371,7 @@ void Watch::checkSilent(const Outcome& found) {
     if (!requestChanges_.contains(place) && !gone_.contains(std::get<0>(place)) &&
         valueIn(found.statuses, place) != was) {
       say(fmt::format("status of {} changed without an answer", textOf(place)));
+      expectUntouched(place, was);
     }
     const auto interface = interfaceOf(key);
     if (interface && !found.domainsAsked.contains(*interface)) {
@@ -392,6 +393,12 @@ void Watch::checkSizes() {
   }
 }
 
+void Watch::expectUntouched(const RequestPlace& place, const StatusSeen& was) {
+  const auto& [feature, database, key] = place;
+  expected_.push_back(KilnAgent::ExpectOperation{feature, database, key, was.status, was.requestVersion,
+                                                 was.result, false, true, true});
+}
+
 void Watch::checkWindow(const Outcome& expected) {
   for (const RequestPlace& place : statusChanges_) {
     const auto was = valueIn(before_.statuses, place);
@@ -399,11 +406,14 @@ void Watch::checkWindow(const Outcome& expected) {
     if (restarted_ && wasRefused(std::get<EmRequestKey>(place))) continue;
     if (was && was == valueIn(expected.statuses, place)) {
       say(fmt::format("status of {} flapped", textOf(place)));
+      expectUntouched(place, *was);
     }
   }
   for (const EmResolvedKey& key : touched_) {
     if (!refused_.contains(key) && valueIn(before_.tables, key) == valueIn(expected.tables, key)) {
       say(fmt::format("{} was written or removed in passing", key));
+      expected_.push_back(
+          KilnAgent::ExpectTableOperation{key.tag(), hwKeyOf(key), valueIn(before_.tables, key), true, true});
     }
   }
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "agent/EmbeddedAgent.h"
+#include "agent/Operation.h"
 #include "sim/Recompute.h"
 
 namespace KilnSim {
@@ -55,6 +56,9 @@ class Watch final : private KilnAgent::StoreObserver,
   [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
   /// What did not hold since this was asked last; empty where all did.
   [[nodiscard]] std::string takeWrong() { return std::exchange(wrong_, {}); }
+  /// What was to be the same all the while and was not, as expectations of a scenario that watches since the
+  /// last quiet moment.
+  [[nodiscard]] std::vector<KilnAgent::Operation> takeExpected() { return std::exchange(expected_, {}); }
   /// Of all that was seen, in its order.
   [[nodiscard]] std::uint64_t digest() const { return digest_; }
   /// Changes of requests and domains since the window began.
@@ -90,6 +94,7 @@ class Watch final : private KilnAgent::StoreObserver,
   /// A key that only moves is written where it goes before it is removed where it was.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
+  void expectUntouched(const RequestPlace& place, const StatusSeen& was);
   void checkSilent(const Outcome& found);
   void checkSizes();
   void beginSilence();
@@ -98,6 +103,7 @@ class Watch final : private KilnAgent::StoreObserver,
 
   KilnAgent::EmbeddedAgent& agent_;
   std::string wrong_;
+  std::vector<KilnAgent::Operation> expected_;
   std::uint64_t digest_ = 0xcbf29ce484222325;
   std::uint64_t refusals_ = 0;
 

@@ -120,6 +120,10 @@ const Mistake kMistakes[] = {
      R"({"op":"expect","feature":"mpls","database":"isem","key":)" + mplsKey(R"("label":1,"labelSpace":0)") +
          "}",
      "absent"},
+    {"untouchedWithoutWatch",
+     R"({"op":"expect","feature":"mpls","database":"isem","result":1,"untouched":true,"key":)" +
+         mplsKey(R"("label":1,"labelSpace":0)") + "}",
+     R"({"op":"watch"} must come first)"},
     {"keyOfAnotherTable",
      R"({"op":"expectTable","table":"esemFodo","absent":true,"key":)" +
          mplsKey(R"("label":1,"labelSpace":0)") + "}",

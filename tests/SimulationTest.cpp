@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "agent/EmbeddedAgent.h"
 #include "agent/Scenario.h"
@@ -35,6 +36,44 @@ TEST(Simulation, AWrittenPlanDoesTheSame) {
     std::ifstream lines(path);
     scenario.run(lines, "plan");
     EXPECT_EQ(tally.tasks, agent.scheduler().counters().slices) << profile;
+  }
+}
+
+/// How many expectations fail in an agent that only executes the scenario of a plan whose last operation
+/// showed that a status and an entry did not stay untouched.
+std::uint64_t failedExpects(const std::vector<std::string>& lines) {
+  using namespace KilnTunnelNiLib;
+  Plan plan;
+  plan.shuffled = false;
+  for (const std::string& line : lines) plan.operations.push_back(KilnAgent::parseOperation(line));
+  const auto published = std::get<KilnAgent::PublishOperation>(plan.operations[0]);
+  Verdict verdict;
+  verdict.at = plan.operations.size() - 1;
+  verdict.expected = {
+      KilnAgent::ExpectOperation{published.feature, published.database, published.key, EmStatus::hwSuccess, 1,
+                                 1, false, true, true},
+      KilnAgent::ExpectTableOperation{TableTag::isemMplsEntryKey, hwKeyOf(IsemMplsEntryKey{1, 0}),
+                                      published.entry, true, true}};
+  KilnAgent::EmbeddedAgent agent(agentOptions(plan));
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  std::istringstream written(scenarioOf(plan, verdict));
+  scenario.run(written, "plan");
+  EXPECT_EQ(2U, scenario.counters().expects);
+  return scenario.counters().failedExpects;
+}
+
+TEST(Simulation, AWrittenPlanFailsWhereSomethingWasTouchedSinceTheLastQuietMoment) {
+  const std::string key =
+      R"("feature":"mpls","database":"isem","key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}})";
+  const std::string publish =
+      R"({"op":"publish",)" + key + R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
+  const std::string withdraw = R"({"op":"withdraw",)" + key + "}";
+  const std::string run = R"({"op":"run","tasks":500})";
+  const std::string settle = R"({"op":"settle"})";
+  const std::string answer = R"({"op":"answer","table":"isemMpls","order":"fifo","count":1})";
+  for (const std::string& quiet : {settle, answer}) {
+    EXPECT_EQ(0U, failedExpects({publish, run, withdraw, run, publish, quiet, settle})) << quiet;
+    EXPECT_EQ(2U, failedExpects({publish, quiet, run, withdraw, run, publish, settle})) << quiet;
   }
 }
 

@@ -1,0 +1,25 @@
+#include "agent/TouchRecord.h"
+
+namespace KilnAgent {
+
+TouchRecord::TouchRecord(MemoryStateStore& store, SoftChip& chip) : store_(store), chip_(chip) {
+  store_.observerIs(*this);
+  chip_.forEachTable([this](SoftTable& table) { table.watcherIs(*this, true); });
+}
+
+TouchRecord::~TouchRecord() {
+  chip_.forEachTable([this](SoftTable& table) { table.watcherIs(*this, false); });
+  store_.observerDel(*this);
+}
+
+void TouchRecord::handleStoreChange(const StoreChange& change) {
+  if (change.record != StoreChange::Record::status) return;
+  statuses_.insert({change.feature, change.database, change.key});
+}
+
+void TouchRecord::handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation /*operation*/,
+                                       const KilnEmServer::EmEntry* /*before*/) {
+  entries_.insert(key);
+}
+
+}  // namespace KilnAgent
