@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Line and branch coverage of the library by all tests and by simulation: coverage.sh [BUILD-DIRECTORY [SEEDS]]. Needs
-# Debian's gcovr. Branches that only exceptions take, which the compiler adds to every call, are not counted.
+# Debian's gcovr, which nothing else does. Branches that only exceptions take, which the compiler adds to every call, are
+# not counted. Prints a table and leaves coverage.txt, with the lines that never ran, and coverage.json in the directory.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+command -v gcovr >/dev/null || { echo "coverage: gcovr is missing; on Debian: apt-get install gcovr" >&2; exit 2; }
 build=${1:-build/coverage}
-seeds=${2:-300}
+seeds=${2:-100}
 cmake -G Ninja -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 -DKILN_COVERAGE=ON \
   -DKILN_YIELD_EVERY_ITEM=ON >/dev/null
 cmake --build "$build" --target kiln-tests kiln-sim kiln-agent
@@ -14,13 +16,17 @@ find "$build" -name '*.gcda' -delete
 folders=(platform runtime intake compose program status server)
 gcovr -r . --object-directory "$build" "${folders[@]/#/--filter=}" --exclude-throw-branches \
   --exclude-unreachable-branches --json "$build/coverage.json"
-for folder in "${folders[@]}" .; do
-  summary=$(gcovr -r . -a "$build/coverage.json" --filter "$folder/" --exclude-throw-branches --json-summary -)
-  python3 - "$folder" "$summary" <<'END'
+gcovr -r . -a "$build/coverage.json" --exclude-throw-branches --txt "$build/coverage.txt" \
+  --json-summary "$build/coverage-summary.json"
+python3 - "$build/coverage-summary.json" "${folders[@]}" <<'END'
 import json, sys
-s = json.loads(sys.argv[2])
-print(f"| {'all' if sys.argv[1] == '.' else sys.argv[1]} | {s['line_covered']} of {s['line_total']}, {s['line_percent']} % "
-      f"| {s['branch_covered']} of {s['branch_total']}, {s['branch_percent']} % |")
+files = json.load(open(sys.argv[1]))["files"]
+print("| Folder | Lines | Branches |\n|---|---|---|")
+for folder in sys.argv[2:] + ["all"]:
+    own = [file for file in files if folder in ("all", file["filename"].split("/")[0])]
+    cells = []
+    for what in ("line", "branch"):
+        covered, total = (sum(file[f"{what}_{of}"] for file in own) for of in ("covered", "total"))
+        cells.append(f"{covered} of {total}, {100 * covered / total:.1f} %")
+    print(f"| {folder} | {cells[0]} | {cells[1]} |")
 END
-done
-gcovr -r . -a "$build/coverage.json" --exclude-throw-branches --txt "$build/coverage.txt"
