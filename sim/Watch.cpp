@@ -24,6 +24,11 @@ std::uint64_t hashOf(const T& value) {
   return KilnPlatform::ValueHash<T>()(value);
 }
 
+/// What a status says as its result for as long as its request stands.
+std::uint8_t resultOf(RequestKind kind) {
+  return kind == RequestKind::hold ? 3 : 1;
+}
+
 /// The value under a key, or nothing.
 template <class Map, class Key>
 auto valueIn(const Map& map, const Key& key) {
@@ -197,17 +202,27 @@ void Watch::statusChanged(const RequestPlace& place) {
   } else if (request && !(insertedSinceStart_.contains(place) &&
                           !agent_.server().dependencyStatus().completedHas("finalizeStartupStage"))) {
     say(fmt::format("status of {} is gone though its request stands", textOf(place)));
+    expectStatus(place, {}, resultOf(request->requestKind));
   }
+}
+
+void Watch::expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
+                         std::optional<std::uint8_t> result) {
+  const auto& [feature, database, key] = place;
+  expected_.push_back(KilnAgent::ExpectOperation{
+      feature, database, key, {}, requestVersion, result, !requestVersion && !result, true, false});
 }
 
 void Watch::statusWritten(const RequestPlace& place, const std::optional<Request>& request,
                           const StatusSeen& seen) {
   if (!request || request->requestVersion != seen.requestVersion) {
+    expectStatus(place, request ? std::optional(request->requestVersion) : std::nullopt, {});
     return say(fmt::format("status of {} claims version {}, which does not stand", textOf(place),
                            seen.requestVersion));
   }
   const bool held = request->requestKind == RequestKind::hold;
-  if (seen.result != (held ? 3 : 1) || (held && seen.status != EmStatus::hwPending)) {
+  if (seen.result != resultOf(request->requestKind) || (held && seen.status != EmStatus::hwPending)) {
+    expectStatus(place, {}, resultOf(request->requestKind));
     return say(fmt::format("status of {} is {} with result {}", textOf(place), seen.status, seen.result));
   }
   if (!held && seen.status == EmStatus::hwKeyConflict && !hasRival(place)) {

@@ -56,7 +56,7 @@ class Watch final : private KilnAgent::StoreObserver,
   [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
   /// What did not hold since this was asked last; empty where all did.
   [[nodiscard]] std::string takeWrong() { return std::exchange(wrong_, {}); }
-  /// What was to be the same all the while and was not, as expectations of a scenario that watches since the
+  /// What statuses and entries were to be and were not, as expectations of a scenario that watches since the
   /// last quiet moment.
   [[nodiscard]] std::vector<KilnAgent::Operation> takeExpected() { return std::exchange(expected_, {}); }
   /// Of all that was seen, in its order.
@@ -94,6 +94,9 @@ class Watch final : private KilnAgent::StoreObserver,
   /// A key that only moves is written where it goes before it is removed where it was.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
+  /// A status of this version or result is to stand; none where neither is given.
+  void expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
+                    std::optional<std::uint8_t> result);
   void expectUntouched(const RequestPlace& place, const StatusSeen& was);
   void checkSilent(const Outcome& found);
   void checkSizes();

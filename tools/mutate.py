@@ -2,7 +2,8 @@
 """Plants the faults of sim/mutations.json one at a time and shows what catches each.
 
 All faults go into one scratch copy of the tracked files, each behind a test of the environment variable KILN_MUTANT, so
-that one build serves them all. Prints a table: planted, seen by the simulation after how many seeds, and by which test.
+that one build serves them all. Prints a table: planted, seen by the simulation at which seed, and by which test; and of
+how many operations the minimized scenario is, and whether kiln-agent run fails on it.
 Exit 1 where one survives both.
 """
 import argparse
@@ -13,6 +14,7 @@ import re
 import subprocess
 import sys
 
+TIMED_OUT = 1000
 SWITCH = """
 #include <cstdlib>
 /// Whether the fault of this number is planted.
@@ -58,7 +60,11 @@ def run(command, number, timeout):
         done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout, errors="replace")
         return done.returncode, done.stdout
     except subprocess.TimeoutExpired as late:
-        return -1, (late.stdout or b"").decode(errors="replace")
+        return TIMED_OUT, (late.stdout or b"").decode(errors="replace")
+
+
+def ended(code):
+    return "does not end" if code == TIMED_OUT else "ended"
 
 
 def judge_by_tests(binaries, number, options):
@@ -67,7 +73,15 @@ def judge_by_tests(binaries, number, options):
                       "--gtest_filter=-Simulation.*"], number,
                      options.timeout)
     failed = re.search(r"\[  FAILED  \] ([^\s,]+)", told)
-    return "" if code == 0 else failed.group(1) if failed else "ended"
+    return "" if code == 0 else failed.group(1) if failed else ended(code)
+
+
+def brief(text):
+    """The first words, without namespaces and without the values in parentheses."""
+    inner = re.compile(r"\([^()]*\)")
+    while inner.search(text):
+        text = inner.sub("", text)
+    return re.sub(r"Kiln\w+::|\|", "", text)[:70].strip()
 
 
 def judge(binaries, number, options):
@@ -77,7 +91,19 @@ def judge(binaries, number, options):
     if code == 0:
         return "", ""
     seed = re.search(r"FAILED seed (\d+).*\n(.*)", told)
-    return (seed.group(1), re.sub(r"Kiln\w+::|\(.*|\|", "", seed.group(2))[:60].strip()) if seed else ("?", "ended")
+    return (seed.group(1), brief(seed.group(2))) if seed else ("?", ended(code))
+
+
+def judge_minimized(binaries, number, seed, options):
+    """How long the minimized scenario is, and whether an agent that only executes it fails."""
+    out = pathlib.Path(options.scratch) / "minimized.jsonl"
+    code, told = run([binaries / "kiln-sim", "--seed", seed, "--steps", str(options.steps), "--minimize", "--out", out],
+                     number, options.timeout)
+    command = re.search(r"(\d+) operations in .*: kiln-agent (.*)", told)
+    if not command:
+        return ended(code)
+    code, told = run([binaries / "kiln-agent", *command.group(2).split()], number, options.timeout)
+    return f"{command.group(1)}: {'passes' if code == 0 else 'fails' if code == 1 else ended(code)}"
 
 
 def main():
@@ -89,33 +115,38 @@ def main():
     parser.add_argument("--jobs", type=int, default=1)
     parser.add_argument("--only", type=int, nargs="*", help="numbers of faults")
     parser.add_argument("--tests", action="store_true", help="also run kiln-tests")
+    parser.add_argument("--minimize", action="store_true", help="also run what kiln-sim makes of the seed in kiln-agent")
     parser.add_argument("--check", action="store_true", help="only see that every fault still has its place")
     options = parser.parse_args()
     root = pathlib.Path(__file__).resolve().parent.parent
-    scratch = pathlib.Path(options.scratch)
+    scratch = pathlib.Path(options.scratch).resolve()
     mutations = json.loads((root / "sim/mutations.json").read_text())
     texts = {}
     for number, mutation in enumerate(mutations, 1):
         plant(root, number, mutation, texts)
     if options.check:
         return
+    os.chdir(root)  # where scenarios find their chip
     texts["platform/Assert.h"] = (root / "platform/Assert.h").read_text() + SWITCH
     copy_tree(root, scratch, texts)
     subprocess.run(["cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
-    targets = ["kiln-sim"] + (["kiln-tests"] if options.tests else [])
+    targets = ["kiln-sim"] + ["kiln-tests"] * options.tests + ["kiln-agent"] * options.minimize
     subprocess.run(["cmake", "--build", "--preset", "release", "--target", *targets], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
+    binaries = scratch / "build/release/bin"
     survivors = 0
-    print("| | Planted | Simulation, at seed | Tests |\n|---|---|---|---|", flush=True)
+    print("| | Planted | Simulation, at seed | Tests | Minimized |\n|---|---|---|---|---|", flush=True)
     for number, mutation in enumerate(mutations, 1):
         if options.only and number not in options.only:
             continue
-        seeds, what = judge(scratch / "build/release/bin", number, options)
-        test = judge_by_tests(scratch / "build/release/bin", number, options) if options.tests else ""
+        seeds, what = judge(binaries, number, options)
+        test = judge_by_tests(binaries, number, options) if options.tests else ""
         survivors += not seeds and not test
         seen = f"{seeds}: {what}" if seeds else f"not in {options.seeds}"
-        print(f"| {number} | {mutation['name']} | {seen} | {test or ('none' if options.tests else 'not run')} |", flush=True)
+        replayed = judge_minimized(binaries, number, seeds, options) if options.minimize and seeds.isdigit() else ""
+        test = test or ("none" if options.tests else "not run")
+        print(f"| {number} | {mutation['name']} | {seen} | {test} | {replayed} |", flush=True)
     sys.exit(1 if survivors else 0)
 
 
