@@ -8,8 +8,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
+#include <string>
 #include <utility>
 
 namespace KilnSim {
@@ -18,19 +21,21 @@ namespace {
 using KilnAgent::Operation;
 using KilnAgent::RunOperation;
 
-bool fails(const Plan& plan) {
-  return !runApart(plan).wrong.empty();
+/// Whether the plan fails, and a scenario can say so where it could of the first failure.
+bool failsLike(const Verdict& first, const Plan& plan) {
+  const Verdict verdict = runApart(plan);
+  return !verdict.wrong.empty() && (first.expected.empty() || !verdict.expected.empty());
 }
 
 /// Leaves out parts of this many operations, as long as the failure stays. True where any went.
-bool leaveOut(Plan& plan, std::size_t part) {
+bool leaveOut(Plan& plan, const Verdict& first, std::size_t part) {
   bool shorter = false;
   for (std::size_t end = plan.operations.size(); end > 0;) {
     const std::size_t begin = end > part ? end - part : 0;
     Plan candidate = plan;
     candidate.operations.erase(candidate.operations.begin() + static_cast<std::ptrdiff_t>(begin),
                                candidate.operations.begin() + static_cast<std::ptrdiff_t>(end));
-    if (fails(candidate)) {
+    if (failsLike(first, candidate)) {
       plan = std::move(candidate);
       shorter = true;
     }
@@ -41,14 +46,14 @@ bool leaveOut(Plan& plan, std::size_t part) {
 
 /// Keeps a change of the plan where the failure stays.
 template <class Change>
-void tryChange(Plan& plan, Change change) {
+void tryChange(Plan& plan, const Verdict& first, Change change) {
   Plan candidate = plan;
   change(candidate);
-  if (fails(candidate)) plan = std::move(candidate);
+  if (failsLike(first, candidate)) plan = std::move(candidate);
 }
 
 /// Fewer tasks between operations.
-void shortenRuns(Plan& plan) {
+void shortenRuns(Plan& plan, const Verdict& first) {
   for (std::size_t at = 0; at < plan.operations.size(); ++at) {
     const auto* run = std::get_if<RunOperation>(&plan.operations[at]);
     if (run == nullptr) continue;
@@ -56,7 +61,7 @@ void shortenRuns(Plan& plan) {
       if (tasks >= run->tasks) continue;
       Plan candidate = plan;
       candidate.operations[at] = RunOperation{tasks};
-      if (!fails(candidate)) continue;
+      if (!failsLike(first, candidate)) continue;
       plan = std::move(candidate);
       break;
     }
@@ -76,7 +81,9 @@ Verdict runApart(const Plan& plan) {
     dup2(nowhere, STDERR_FILENO);
     Tally tally;
     const Verdict verdict = run(plan, tally, nullptr);
-    const std::string text = fmt::format("{} {}\n{}", verdict.at, verdict.step, verdict.wrong);
+    std::string text = fmt::format("{} {} {}\n", verdict.at, verdict.step, verdict.expected.size());
+    for (const Operation& expected : verdict.expected) text += operationLine(expected) + "\n";
+    text += verdict.wrong;
     const bool told = write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
     _exit(told ? 0 : 1);
   }
@@ -93,22 +100,30 @@ Verdict runApart(const Plan& plan) {
   if (WIFSIGNALED(status) || WEXITSTATUS(status) != 0) {
     verdict.wrong = "the process died\n";
     verdict.at = plan.operations.size() - 1;
-  } else if (std::sscanf(text.c_str(), "%zu %zu", &verdict.at, &verdict.step) == 2) {
-    verdict.wrong = text.substr(text.find('\n') + 1);
+    return verdict;
   }
+  std::istringstream told(text);
+  std::size_t expectations = 0;
+  std::string line;
+  told >> verdict.at >> verdict.step >> expectations;
+  std::getline(told, line);
+  while (expectations-- != 0 && std::getline(told, line)) {
+    verdict.expected.push_back(KilnAgent::parseOperation(line));
+  }
+  verdict.wrong.assign(std::istreambuf_iterator<char>(told), {});
   return verdict;
 }
 
 Plan minimize(Plan plan) {
   const Verdict first = runApart(plan);
   plan.operations.resize(std::min(plan.operations.size(), first.at + 1));
-  tryChange(plan, [](Plan& candidate) { candidate.shuffled = false; });
-  tryChange(plan, [](Plan& candidate) { candidate.yieldEvery = 0; });
+  tryChange(plan, first, [](Plan& candidate) { candidate.shuffled = false; });
+  tryChange(plan, first, [](Plan& candidate) { candidate.yieldEvery = 0; });
   for (std::size_t part = plan.operations.size() / 2; part != 0;) {
-    if (!leaveOut(plan, part) || part > 1) part /= 2;
+    if (!leaveOut(plan, first, part) || part > 1) part /= 2;
   }
-  shortenRuns(plan);
-  while (leaveOut(plan, 1)) {
+  shortenRuns(plan, first);
+  while (leaveOut(plan, first, 1)) {
   }
   return plan;
 }

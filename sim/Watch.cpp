@@ -233,6 +233,10 @@ void Watch::statusWritten(const RequestPlace& place, const std::optional<Request
   if (!accepted(place, request->entry)) {
     say(fmt::format("status of {} claims success of {}, which no table accepted", textOf(place),
                     request->entry));
+    for (const EmResolvedKey& hwKey : hwKeysOf(std::get<EmRequestKey>(place))) {
+      expected_.push_back(
+          KilnAgent::ExpectTableOperation{hwKey.tag(), hwKeyOf(hwKey), request->entry, true, false});
+    }
   }
 }
 
