@@ -68,6 +68,27 @@ void shortenRuns(Plan& plan, const Verdict& first) {
   }
 }
 
+/// What a process tells another one of a verdict.
+std::string textOf(const Verdict& verdict) {
+  std::string text = fmt::format("{} {} {}\n", verdict.at, verdict.step, verdict.expected.size());
+  for (const Operation& expected : verdict.expected) text += operationLine(expected) + "\n";
+  return text + verdict.wrong;
+}
+
+Verdict verdictIn(const std::string& text) {
+  Verdict verdict;
+  std::istringstream told(text);
+  std::size_t expectations = 0;
+  std::string line;
+  told >> verdict.at >> verdict.step >> expectations;
+  std::getline(told, line);
+  while (expectations-- != 0 && std::getline(told, line)) {
+    verdict.expected.push_back(KilnAgent::parseOperation(line));
+  }
+  verdict.wrong.assign(std::istreambuf_iterator<char>(told), {});
+  return verdict;
+}
+
 }  // namespace
 
 Verdict runApart(const Plan& plan) {
@@ -81,9 +102,7 @@ Verdict runApart(const Plan& plan) {
     dup2(nowhere, STDERR_FILENO);
     Tally tally;
     const Verdict verdict = run(plan, tally, nullptr);
-    std::string text = fmt::format("{} {} {}\n", verdict.at, verdict.step, verdict.expected.size());
-    for (const Operation& expected : verdict.expected) text += operationLine(expected) + "\n";
-    text += verdict.wrong;
+    const std::string text = textOf(verdict);
     const bool told = write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
     _exit(told ? 0 : 1);
   }
@@ -96,21 +115,10 @@ Verdict runApart(const Plan& plan) {
   close(ends[0]);
   int status = 0;
   waitpid(child, &status, 0);
+  if (!WIFSIGNALED(status) && WEXITSTATUS(status) == 0) return verdictIn(text);
   Verdict verdict;
-  if (WIFSIGNALED(status) || WEXITSTATUS(status) != 0) {
-    verdict.wrong = "the process died\n";
-    verdict.at = plan.operations.size() - 1;
-    return verdict;
-  }
-  std::istringstream told(text);
-  std::size_t expectations = 0;
-  std::string line;
-  told >> verdict.at >> verdict.step >> expectations;
-  std::getline(told, line);
-  while (expectations-- != 0 && std::getline(told, line)) {
-    verdict.expected.push_back(KilnAgent::parseOperation(line));
-  }
-  verdict.wrong.assign(std::istreambuf_iterator<char>(told), {});
+  verdict.wrong = "the process died\n";
+  verdict.at = plan.operations.size() - 1;
   return verdict;
 }
 
