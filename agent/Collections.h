@@ -51,6 +51,7 @@ class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
   void unsubscribe(KilnPlatform::KeySubscriber<K>& subscriber) const override {
     content_.unsubscribe(subscriber);
   }
+  void prefetch(std::uint32_t handle) const override { content_.prefetch(handle); }
   void forgetSubscribers() const { content_.forgetSubscribers(); }
   void watcherIs(ChangeWatcher<K, V>* watcher) const { watcher_ = watcher; }
 

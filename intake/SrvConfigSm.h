@@ -45,6 +45,9 @@ class SrvConfigSm : public Stage {
               std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
               int priority);
 
+  /// What the handler will look up under the key.
+  void expect(const RequestKey& key) const { emSrvConfig_.prefetch(logicalKeyOf(FeatureType{}, key)); }
+
  private:
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);
   [[nodiscard]] bool ofThisDatabase(const EmLogicalKey& logicalKey) const;
@@ -82,6 +85,7 @@ void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey
   } else {
     emSrvConfig_.erase(logicalKey);
   }
+  rememberLogicalKey(key, logicalKey);
 }
 
 template <class Db>

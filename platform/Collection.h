@@ -68,6 +68,10 @@ class KeyedCollection {
   virtual void subscribe(KeySubscriber<K>& subscriber) const = 0;
   virtual void unsubscribe(KeySubscriber<K>& subscriber) const = 0;
 
+  /// The key that the thread's key space knows by this handle will be looked up soon: a collection that files
+  /// by handle may fetch what it has under it.
+  virtual void prefetch(std::uint32_t /*handle*/) const {}
+
   [[nodiscard]] bool has(const K& key) const { return find(key) != nullptr; }
   [[nodiscard]] bool empty() const { return size() == 0; }
   /// A copy of the value under `key`.

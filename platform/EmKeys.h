@@ -317,6 +317,7 @@ struct EmComposerKeyTraits {
   static constexpr std::string_view kTypeName = "KilnEmServer::EmComposerKey";
   static constexpr std::string_view kName = "EmComposerKey";
   static constexpr std::size_t kCapacity = 24;
+  static constexpr std::size_t kHints = 2;  ///< for the request key, for the logical key
 };
 /// The part of a request's key that its composer works from.
 using EmComposerKey =
@@ -331,6 +332,7 @@ struct EmResolvedKeyTraits {
   static constexpr std::string_view kTypeName = "KilnEmServer::EmResolvedKey";
   static constexpr std::string_view kName = "EmResolvedKey";
   static constexpr std::size_t kCapacity = 16;
+  static constexpr std::size_t kHints = 1;  ///< for the hardware key
 };
 /// A fully resolved key of one of the chip's tables.
 using EmResolvedKey =

@@ -47,6 +47,15 @@ struct EsemEntryKey {
   KilnEmServer::EmComposerKey emComposerKey;
   KILN_VALUE(KilnTunnelNiLib, EsemEntryKey, fapId, localCoreId, emComposerKey)
 };
+inline const KilnPlatform::KeyHint& hintOf(const LemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
+inline const KilnPlatform::KeyHint& hintOf(const IsemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
+inline const KilnPlatform::KeyHint& hintOf(const EsemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
 
 // What features hand in with a request, per database.
 

@@ -31,6 +31,7 @@
 #include <utility>
 
 #include "platform/Assert.h"
+#include "platform/KeyHint.h"
 
 namespace KilnPlatform {
 
@@ -206,6 +207,7 @@ void storeFields(const T& value, std::byte* to) {
 ///   static constexpr std::string_view kTypeName;  // qualified
 ///   static constexpr std::string_view kName;      // unqualified, for error texts
 ///   static constexpr std::size_t kCapacity;       // bytes reserved for the alternative
+///   static constexpr std::size_t kHints;          // optional: hints that it carries for keys that hold it
 template <class Traits, class... Alternatives>
 class TaggedUnion {
  public:
@@ -231,6 +233,11 @@ class TaggedUnion {
   }
 
   [[nodiscard]] Tag tag() const { return tag_; }
+  /// Where a key that holds this union stood last, in the key space of number `Number`.
+  template <std::size_t Number>
+  [[nodiscard]] const KeyHint& hint() const {
+    return std::get<Number>(hints_);
+  }
 
   /// The tag under which alternative A is held.
   template <class A>
@@ -312,7 +319,16 @@ class TaggedUnion {
                                        stringValue(wanted), stringValue(tag_)));
   }
 
+  static constexpr std::size_t kHints = [] {
+    if constexpr (requires { Traits::kHints; }) {
+      return Traits::kHints;
+    } else {
+      return std::size_t{0};
+    }
+  }();
+
   Tag tag_{};
+  std::array<KeyHint, kHints> hints_;
   alignas(8) std::byte storage_[Traits::kCapacity] = {};
 };
 

@@ -43,7 +43,7 @@ class EmConflictSm final : public Stage {
  private:
   /// One hardware key to be decided: a contender that came or changed, or one that left.
   struct WorkItem {
-    EmHwKey hwKey;
+    const EmHwKey& hwKey;
     bool insert;
   };
 

@@ -61,7 +61,7 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   /// The latest issued version per hardware key, of one kind of request; 0 for a key without one.
   class Versions final : public LocalState {
    public:
-    Versions(Stage& stage, std::string_view name) : LocalState(stage, name) {}
+    Versions(Stage& stage, std::string_view name) : LocalState(stage, name) { stage.companionIs(latest_); }
     /// Issues the next version for the key; the counter skips 0.
     std::uint32_t issue(const EmHwKey& hwKey);
     [[nodiscard]] std::uint32_t latest(const EmHwKey& hwKey) const;

@@ -110,7 +110,11 @@ class ColumnCollection final : public KeyedCollection<K, V> {
       values_.emplace(handle, value);
     } else {
       if (*present == value) return false;
-      *present = value;
+      if constexpr (requires { replaceBy(*present, value); }) {
+        replaceBy(*present, value);
+      } else {
+        *present = value;
+      }
     }
     if (subscribers_.empty()) return true;
     keys_.use(handle);
@@ -146,8 +150,10 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     return keys_.key(handle);
   }
 
-  /// Fetches a key's value into the cache.
-  void prefetch(typename KeySpace<K>::Handle handle) const { values_.prefetch(handle); }
+  void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
+  /// The value under a key's handle, or null.
+  [[nodiscard]] const V* at(typename KeySpace<K>::Handle handle) const { return values_.find(handle); }
+  [[nodiscard]] const ColumnPlaces& places() const { return values_; }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }

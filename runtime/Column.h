@@ -11,17 +11,51 @@
 #include <vector>
 
 #include "platform/Assert.h"
+#include "runtime/FetchAhead.h"
 
 namespace KilnEmServer {
+
+/// Where a column's values lie, whatever they are.
+class ColumnPlaces {
+ public:
+  /// Fetches the handle's value into the cache, or what stands in its place.
+  void prefetch(std::uint32_t handle) const {
+    const std::size_t at = handle / kPerPage;
+    if (at >= pages_.size()) return;
+    // An address only: a page without values has none to point into.
+    const auto values = reinterpret_cast<std::uintptr_t>(pages_[at].values);
+    const std::uintptr_t value = values + handle % kPerPage * stride_;
+    fetchAhead(reinterpret_cast<const void*>(value));
+    if (stride_ <= kLine) return;
+    fetchAhead(reinterpret_cast<const void*>(value + kLine));
+    fetchAhead(reinterpret_cast<const void*>(value + stride_ - 1));
+  }
+
+ protected:
+  static constexpr std::size_t kPerPage = 64;
+  static constexpr std::size_t kLine = 64;  ///< bytes that are fetched together
+  struct Page {
+    std::uint64_t present = 0;  ///< a bit per handle
+    void* values = nullptr;
+  };
+
+  explicit ColumnPlaces(std::size_t stride) : stride_(stride) {}
+  ~ColumnPlaces() = default;
+
+  std::vector<Page> pages_;
+
+ private:
+  std::size_t stride_;  ///< bytes from one value to the next; 0 for values without content
+};
 
 /// A map from handles to values, for one who holds most handles of a page or none. Values lie in pages by
 /// handle: a value stays where it is, growth costs one page, a page without values takes no room.
 template <class V>
-class Column {
+class Column : public ColumnPlaces {
  public:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
 
-  Column() = default;
+  Column() : ColumnPlaces(kHasContent ? sizeof(V) : 0) {}
   ~Column() {
     clear();
     freePage(spare_);
@@ -38,7 +72,7 @@ class Column {
     if (at >= pages_.size()) return nullptr;
     const Page& page = pages_[at];
     if ((page.present >> (handle % kPerPage) & 1) == 0) return nullptr;
-    return page.values + offset(handle);
+    return valueAt(page, handle);
   }
   /// Adds a value; the handle has none.
   template <class... Args>
@@ -47,7 +81,7 @@ class Column {
     if (at >= pages_.size()) pages_.resize(at + 1);
     Page& page = pages_[at];
     if (page.values == nullptr) page.values = spare_ != nullptr ? std::exchange(spare_, nullptr) : newPage();
-    V* value = ::new (static_cast<void*>(page.values + offset(handle))) V{std::forward<Args>(args)...};
+    V* value = ::new (static_cast<void*>(valueAt(page, handle))) V{std::forward<Args>(args)...};
     page.present |= bit(handle);
     ++size_;
     return *value;
@@ -56,7 +90,7 @@ class Column {
   void erase(std::uint32_t handle) {
     Page& page = pages_[handle / kPerPage];
     KILN_ASSERT((page.present & bit(handle)) != 0);
-    page.values[offset(handle)].~V();
+    valueAt(page, handle)->~V();
     page.present &= ~bit(handle);
     --size_;
     if (page.present == 0) retire(page);
@@ -74,29 +108,19 @@ class Column {
     }
     return kNone;
   }
-  /// Fetches the handle's value into the cache, or what stands in its place.
-  void prefetch(std::uint32_t handle) const {
-    const std::size_t at = handle / kPerPage;
-    if (at >= pages_.size()) return;
-    // An address only: a page without values has none to point into.
-    const auto values = reinterpret_cast<std::uintptr_t>(pages_[at].values);
-    __builtin_prefetch(reinterpret_cast<const void*>(values + offset(handle) * sizeof(V)));
-  }
 
  private:
-  static constexpr std::size_t kPerPage = 64;
   /// Values without content need one place in all.
   static constexpr bool kHasContent = !std::is_empty_v<V>;
-  struct Page {
-    std::uint64_t present = 0;  ///< a bit per handle
-    V* values = nullptr;
-  };
+  static V* valueAt(const Page& page, std::uint32_t handle) {
+    return static_cast<V*>(page.values) + offset(handle);
+  }
   static std::size_t offset(std::uint32_t handle) { return kHasContent ? handle % kPerPage : 0; }
   static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerPage); }
 
   static V* newPage() { return std::allocator<V>().allocate(kHasContent ? kPerPage : 1); }
-  static void freePage(V* values) {
-    if (values != nullptr) std::allocator<V>().deallocate(values, kHasContent ? kPerPage : 1);
+  static void freePage(void* values) {
+    if (values != nullptr) std::allocator<V>().deallocate(static_cast<V*>(values), kHasContent ? kPerPage : 1);
   }
   /// The page holds no value any more. One such page is kept, so that a key that comes and goes allocates
   /// nothing.
@@ -105,9 +129,8 @@ class Column {
     if (size_ == 0 && pages_.size() > kPerPage) std::vector<Page>().swap(pages_);
   }
 
-  std::vector<Page> pages_;
   std::size_t size_ = 0;
-  V* spare_ = nullptr;
+  void* spare_ = nullptr;
 };
 
 }  // namespace KilnEmServer

@@ -35,6 +35,9 @@ struct EmLogicalKey {
   KILN_VALUE(KilnEmServer, EmLogicalKey, featureType, fapId, localCoreId, emComposerKey)
 };
 
+inline const KilnPlatform::KeyHint& hintOf(const EmLogicalKey& key) {
+  return key.emComposerKey.hint<1>();
+}
 /// Logical keys of one composer type stand in the same collections.
 inline std::size_t keyGroup(const EmLogicalKey& key) {
   return static_cast<std::size_t>(key.emComposerKey.tag());
@@ -62,6 +65,9 @@ struct EmHwKey {
   KILN_VALUE(KilnEmServer, EmHwKey, fapId, localCoreId, emResolvedKey)
 };
 
+inline const KilnPlatform::KeyHint& hintOf(const EmHwKey& key) {
+  return key.emResolvedKey.hint<0>();
+}
 /// Hardware keys of one table stand in the same collections.
 inline std::size_t keyGroup(const EmHwKey& key) {
   return static_cast<std::size_t>(key.emResolvedKey.tag());
@@ -119,6 +125,24 @@ struct EmSwTableStatusEntry {
   EmHwKeyStatus::State status = EmHwKeyStatus::State::hwPending;
   KILN_VALUE(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
 };
+
+// The key of another kind that a value names: who is told of the value mostly looks that up.
+inline const EmHwKey& namedKey(const EmHwEntry& value) {
+  return value.emHwKey;
+}
+inline const EmLogicalKey& namedKey(const EmLogicalKeyAndEntry& value) {
+  return value.emLogicalKey;
+}
+inline const EmLogicalKey& namedKey(const EmSwTableStatusEntry& value) {
+  return value.emLogicalKeyAndEntry.emLogicalKey;
+}
+
+/// `to` is about to be replaced by `from`, which may know less of where its hardware key stands.
+inline void replaceBy(EmHwEntry& to, const EmHwEntry& from) {
+  const std::uint32_t known = hintOf(to.emHwKey).handle();
+  to = from;
+  if (hintOf(to.emHwKey).handle() == KilnPlatform::KeyHint::kNone) hintOf(to.emHwKey).handleIs(known);
+}
 
 /// What kind of resource a composer key needs before it can be composed.
 enum class ResolverKeyUnionTag : std::uint8_t { undefined_ = 0, vd = 1 };
@@ -186,6 +210,11 @@ EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key);
 template <class EntryKey>
 EmLogicalKey logicalKeyOf(FeatureType feature, const EntryKey& key) {
   return {feature, key.fapId, key.localCoreId, key.emComposerKey};
+}
+/// The logical key was looked up and will be again from the request key, which remembers where it stands.
+template <class EntryKey>
+void rememberLogicalKey(const EntryKey& key, const EmLogicalKey& logicalKey) {
+  key.emComposerKey.template hint<1>().handleIs(hintOf(logicalKey).handle());
 }
 /// Between the request keys, which hold the same fields.
 template <class To, class From>

@@ -85,8 +85,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
   std::size_t drain(std::uint64_t limit, bool& yielded) final {
     std::size_t items = 0;
+    ahead_ = pending_.size() > 1 && KeySpace<K>::instance().size() >= kFetchedAheadFrom;
     while (!pending_.empty() && pending_.headArrival() < limit) {
-      pending_.expectSoon([this](auto handle) { self().expect(handle); });
+      if (ahead_) expectSoon();
       const auto taken = pending_.take();
       detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
       ++items;
@@ -115,7 +116,8 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   }
 
  protected:
-  using InputBase::InputBase;
+  KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
+      : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
   bool scanItem() final {
     const std::optional<K> key = self().collection().scanNext(cursor_);
@@ -140,11 +142,6 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     detail::runItem(stage_, key, [&] { self().handleKey(key); });
   }
   Self& self() { return *static_cast<Self*>(this); }
-  /// The key of this handle will be handled soon.
-  void expect(typename KeySpace<K>::Handle handle) const {
-    const auto& collection = static_cast<const Self*>(this)->collection();
-    if constexpr (requires { collection.prefetch(handle); }) collection.prefetch(handle);
-  }
   void handlePendingKey(const K& key) { self().handleKey(key); }
   [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
   /// Walks the collection once more, from its first key.
@@ -154,8 +151,38 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   }
 
  private:
+  /// With fewer keys than that, what handlers touch is mostly in the cache.
+  static constexpr std::size_t kFetchedAheadFrom = 4096;
+
+  /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
+  /// itself, later, when that is there, what lies under the key of another kind that its value names.
+  void expectSoon() {
+    const auto& collection = self().collection();
+    pending_.expectFar([&](auto handle) {
+      companions_.prefetch(handle);
+      collection.prefetch(handle);
+    });
+    if constexpr (requires { namedKey(*collection.at(0)); }) {
+      using Named = std::remove_cvref_t<decltype(namedKey(*collection.at(0)))>;
+      if (namedCompanions_ == nullptr) namedCompanions_ = &stage_.companions<Named>();
+      if (namedCompanions_->empty()) return;
+      pending_.expectNear([&](auto handle, const K& /*key*/) {
+        const auto* value = collection.at(handle);
+        if (value == nullptr) return;
+        const std::uint32_t named = hintOf(namedKey(*value)).handle();
+        KeySpace<Named>::instance().prefetch(named);
+        namedCompanions_->prefetch(named);
+      });
+    } else if constexpr (requires(const K& key) { self().expect(key); }) {
+      pending_.expectNear([&](auto /*handle*/, const K& key) { self().expect(key); });
+    }
+  }
+
   ScanCursor<K> cursor_;
   PendingKeys<K> pending_;
+  const Companions& companions_;
+  const Companions* namedCompanions_ = nullptr;
+  bool ahead_ = false;  ///< whether what is touched soon is fetched ahead
 };
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
@@ -179,7 +206,9 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
       : Base(stage, detail::childNameOf(Argument.view(), stage.takeChildNumber()), stage.takePipelineNumber(),
              streamName),
         owner_(stage),
-        entity_(std::move(entity)) {}
+        entity_(std::move(entity)) {
+    if (entity_ != nullptr) stage.companionIs(collection());
+  }
   ~Input() override { this->stop(); }
 
   void checkArgument() const override {
@@ -187,6 +216,14 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   }
   [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
   [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
+  /// The key will be looked up soon.
+  void prefetch(const Key& key) const {
+    const std::uint32_t handle = hintOf(key).handle();
+    KeySpace<Key>::instance().prefetch(handle);
+    collection().prefetch(handle);
+  }
+  void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
+  { owner_.expect(key); }
 
   void handleKey(const Key& key) {
     const Value* value = find(key);
@@ -257,6 +294,8 @@ class NestedInput final
       parent_.handleInnerKey(outerKey_, key,
                              retiring_ ? parent_.find(outerKey_, key) : collection().find(key));
     }
+    void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
+    { parent_.owner_.expect(key); }
     void handlePendingKey(const Key& key) {
       if (retiring_) {
         this->stage_.tracer().template trace<7>(

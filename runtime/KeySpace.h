@@ -11,6 +11,7 @@
 
 #include "platform/Assert.h"
 #include "platform/Value.h"
+#include "runtime/FetchAhead.h"
 #include "runtime/HandleIndex.h"
 
 namespace KilnEmServer {
@@ -37,7 +38,7 @@ class KeySpace {
   /// that is likely to be the key's, before that is certain.
   template <class ExpectAt>
   [[nodiscard]] Handle find(const K& key, ExpectAt&& expectAt) const {
-    if (isLast(key)) return last_;
+    if (isLast(key) || isWhereHinted(key)) return last_;
     return lookUp(hashOf(key), key, expectAt);
   }
   [[nodiscard]] Handle find(const K& key) const {
@@ -46,7 +47,7 @@ class KeySpace {
   /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
   /// gives, or `group` where its type has none.
   Handle acquire(const K& key, std::size_t group = 0) {
-    if (!isLast(key)) {
+    if (!isLast(key) && !isWhereHinted(key)) {
       const std::uint32_t hash = hashOf(key);
       if (lookUp(hash, key, [](Handle) {}) == kNone) add(hash, key, group);
     }
@@ -69,7 +70,12 @@ class KeySpace {
     lastKey_ = &slot(handle).key;
   }
   /// Fetches the key into the cache.
-  void prefetch(Handle handle) const { __builtin_prefetch(&slot(handle)); }
+  void prefetch(Handle handle) const {
+    if (handle / kPerPage >= pages_.size()) return;
+    const Slot& expected = slot(handle);
+    fetchAhead(&expected);
+    fetchAhead(&expected.uses);
+  }
   /// Keys in use.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
 
@@ -84,6 +90,9 @@ class KeySpace {
     std::vector<Handle> free;  ///< the next to be dealt out last
   };
 
+  /// Whether keys remember where they were found.
+  static constexpr bool kHinted = requires(const K& key) { hintOf(key); };
+
   KeySpace() = default;
 
   static std::uint32_t hashOf(const K& key) {
@@ -94,18 +103,37 @@ class KeySpace {
   [[nodiscard]] bool isLast(const K& key) const {
     return &key == lastKey_ || (lastKey_ != nullptr && *lastKey_ == key);
   }
+  /// Whether the key is where it was found last; it is then the one that was looked up last.
+  [[nodiscard]] bool isWhereHinted(const K& key) const {
+    if constexpr (kHinted) {
+      const Handle handle = hintOf(key).handle();
+      if (handle / kPerPage >= pages_.size()) return false;
+      const Slot& hinted = slot(handle);
+      if (hinted.uses == 0 || !(hinted.key == key)) return false;
+      expect(handle);
+      return true;
+    } else {
+      return false;
+    }
+  }
+  static void hintAt(const K& key, Handle handle) {
+    if constexpr (kHinted) hintOf(key).handleIs(handle);
+  }
   template <class ExpectAt>
   [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt&& expectAt) const {
     const Handle found = index_.find(hash, [&](Handle handle) {
       expectAt(handle);
       return slot(handle).key == key;
     });
-    if (found != kNone) expect(found);
+    if (found == kNone) return kNone;
+    hintAt(key, found);
+    expect(found);
     return found;
   }
 
   void add(std::uint32_t hash, const K& key, std::size_t group) {
     const Handle handle = takeFree(groupOf(key, group));
+    hintAt(key, handle);
     slot(handle) = {key, hash, 0};
     index_.insert(hash, handle);
     expect(handle);

@@ -21,6 +21,8 @@ namespace KilnEmServer {
 template <class K, class V>
 class LocalMap {
  public:
+  using Key = K;
+
   LocalMap() = default;
   ~LocalMap() { clear(); }
   LocalMap(const LocalMap&) = delete;
@@ -67,6 +69,7 @@ class LocalMap {
       keys_.release(handle);
     }
   }
+  [[nodiscard]] const ColumnPlaces& places() const { return values_; }
 
  private:
   KeySpace<K>& keys_ = KeySpace<K>::instance();
@@ -83,7 +86,9 @@ class LocalMap {
 template <class K, class V>
 class LocalCollection final : public LocalState {
  public:
-  LocalCollection(Stage& stage, std::string_view name) : LocalState(stage, name) {}
+  LocalCollection(Stage& stage, std::string_view name) : LocalState(stage, name) {
+    stage.companionIs(values_);
+  }
 
   /// The value under `key`, or null; valid until it is deleted.
   [[nodiscard]] const V* find(const K& key) const { return values_.find(key); }
@@ -101,7 +106,9 @@ class LocalCollection final : public LocalState {
 template <class K, class V>
 class Cache final : public LocalState {
  public:
-  Cache(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {}
+  Cache(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {
+    stage.companionIs(values_);
+  }
 
   /// The remembered value, or null; valid until the cache's next change.
   [[nodiscard]] const V* find(const K& key) const {
@@ -137,7 +144,9 @@ class GroupBy final : public LocalState {
   };
   using Members = boost::container::static_vector<Member, Limit>;
 
-  GroupBy(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {}
+  GroupBy(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {
+    stage.companionIs(groups_);
+  }
 
   /// Sets or, where `value` is null, removes a member, and returns the group that is left, or null.
   const Members* update(const GroupKey& group, const MemberKey& member, const V* value) {

@@ -33,7 +33,9 @@ class Output final : public OutputBase {
   static constexpr auto kOutputName = Argument + upperCamel(Attr::kName) + "Output";
 
   Output(Stage& stage, EntityRef entity)
-      : OutputBase(stage, std::string(kOutputName.view())), entity_(std::move(entity)) {}
+      : OutputBase(stage, std::string(kOutputName.view())), entity_(std::move(entity)) {
+    if (entity_ != nullptr) stage.companionIs(collection());
+  }
   ~Output() override { stop(); }
 
   void checkArgument() const override {
@@ -86,6 +88,12 @@ class Output final : public OutputBase {
 
   [[nodiscard]] const Value* find(const Key& key) const {
     return Attr::of(std::as_const(*entity_)).find(key);
+  }
+  /// The key will be looked up soon.
+  void prefetch(const Key& key) const {
+    const std::uint32_t handle = hintOf(key).handle();
+    KeySpace<Key>::instance().prefetch(handle);
+    Attr::of(std::as_const(*entity_)).prefetch(handle);
   }
 
   void deleteAll() override {

@@ -176,12 +176,18 @@ class PendingKeys {
   [[nodiscard]] Taken hold(const K& key) { return Taken(keys_, keys_.acquire(key)); }
   /// The same as take(), where the key is wanted only.
   K pop() { return K(take().key()); }
-  /// Calls `fetch` with the handle of a key whose turn comes soon; the queue must not be empty.
+  /// Calls `fetch` with the handle of a key whose turn comes some time later; the queue must not be empty.
   template <class Fetch>
-  void expectSoon(Fetch&& fetch) const {
-    const Handle soon = queue_.numberAhead(kAhead);
-    keys_.prefetch(soon);
-    fetch(soon);
+  void expectFar(Fetch&& fetch) const {
+    const Handle later = queue_.numberAhead(kFar);
+    keys_.prefetch(later);
+    fetch(later);
+  }
+  /// The same for a key whose turn comes soon, and that was expected before; `fetch` is given the key, too.
+  template <class Fetch>
+  void expectNear(Fetch&& fetch) const {
+    const Handle soon = queue_.numberAhead(kNear);
+    fetch(soon, keys_.key(soon));
   }
 
   void clear() {
@@ -189,8 +195,10 @@ class PendingKeys {
   }
 
  private:
-  /// Far enough for a fetch from memory to end meanwhile, near enough for what was fetched to be still there.
-  static constexpr std::size_t kAhead = 12;
+  // Far enough apart for a fetch from memory to end meanwhile, near enough for what was fetched to be still
+  // there.
+  static constexpr std::size_t kFar = 20;
+  static constexpr std::size_t kNear = 8;
   /// A bit per handle.
   class Bits {
    public:

@@ -6,8 +6,10 @@
 // the same handler serves the initial scan and every later change.
 #pragma once
 
+#include <boost/container/static_vector.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,6 +19,8 @@
 #include "platform/DependencyStatus.h"
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
+#include "runtime/Column.h"
+#include "runtime/KeySpace.h"
 #include "runtime/Trace.h"
 
 namespace KilnEmServer {
@@ -33,6 +37,25 @@ struct StageControl {
   int priority = 0;
   /// Scans never yield.
   bool synchronous = false;
+};
+
+/// The columns, of one type of keys, into which the handlers of a stage look.
+class Companions {
+ public:
+  void add(const ColumnPlaces& column) {
+    for (const ColumnPlaces* present : columns_) {
+      if (present == &column) return;
+    }
+    if (columns_.size() < columns_.capacity()) columns_.push_back(&column);
+  }
+  [[nodiscard]] bool empty() const { return columns_.empty(); }
+  /// A handler is about to be called for the key of this handle.
+  void prefetch(std::uint32_t handle) const {
+    for (const ColumnPlaces* column : columns_) column->prefetch(handle);
+  }
+
+ private:
+  boost::container::static_vector<const ColumnPlaces*, 8> columns_;
 };
 
 /// What all inputs of a stage share: the scan's state and its slices.
@@ -237,6 +260,18 @@ class Stage {
   void inputDel(InputBase& input) { std::erase(inputs_, &input); }
   void outputIs(OutputBase& output) { outputs_.push_back(&output); }
   void localStateIs(LocalState& state) { localStates_.push_back(&state); }
+  /// What the stage's handlers look into by keys of type K.
+  template <class K>
+  [[nodiscard]] Companions& companions() {
+    return companions_[&KeySpace<K>::instance()];
+  }
+  /// The handlers look into this collection; where it files by handle, that is made cheaper.
+  template <class Collection>
+  void companionIs(const Collection& collection) {
+    if constexpr (requires { collection.places(); }) {
+      companions<typename Collection::Key>().add(collection.places());
+    }
+  }
   /// The number of the next input child, and of the next pipeline, in the order of declaration.
   int takeChildNumber() { return childNumber_++; }
   int takePipelineNumber() { return pipelineNumber_++; }
@@ -301,6 +336,7 @@ class Stage {
   std::vector<InputBase*> inputs_;
   std::vector<OutputBase*> outputs_;
   std::vector<LocalState*> localStates_;
+  std::map<const void*, Companions> companions_;  ///< by the keys' space
   std::unique_ptr<InputBase> readyMachine_;
   std::unique_ptr<Task> eventTask_;
 };
