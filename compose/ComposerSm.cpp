@@ -157,10 +157,17 @@ void ComposerSm::handleResolution(const ResolverKeyUnionTag& resolverType, const
 
 template <class Visitor>
 void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
-  forEachIn(resolverConfigDir_->resolverConfig(),
-            [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
-              visit(getResolverKey(resolverType, emKey));
-            });
+  for (const ResolverKeyUnionTag resolverType : resolverTypes()) visit(getResolverKey(resolverType, emKey));
+}
+
+const std::vector<ResolverKeyUnionTag>& ComposerSm::resolverTypes() const {
+  const auto& configs = resolverConfigDir_->resolverConfig();
+  if (resolverTypes_.size() != configs.size()) {
+    resolverTypes_.clear();
+    forEachIn(configs,
+              [&](ResolverKeyUnionTag type, const auto& /*config*/) { resolverTypes_.push_back(type); });
+  }
+  return resolverTypes_;
 }
 
 // --- Requests ----------------------------------------------------------------------------------------------

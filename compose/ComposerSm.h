@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
@@ -145,6 +146,8 @@ class ComposerSm : public Stage {
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
+  /// The types of the resolvers that there are; none ever goes.
+  [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
   template <class Visitor>
   void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
 
@@ -162,6 +165,7 @@ class ComposerSm : public Stage {
   EmResolvedKeyUnionTag emResolvedKeyType_;
   Ref<ResolverConfigDir> resolverConfigDir_;
   Ref<const ResolverStatusDir> resolverStatusDir_;
+  mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
   std::uint64_t inUseVer_ = 0;
 
   LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;

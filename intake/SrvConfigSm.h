@@ -45,8 +45,8 @@ class SrvConfigSm : public Stage {
               std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
               int priority);
 
-  /// What the handler will look up under the key.
-  void expect(const RequestKey& key) const { emSrvConfig_.prefetch(logicalKeyOf(FeatureType{}, key)); }
+  /// What the handler looks up beside the key for which it is called.
+  void expect(const RequestKey& key) const { expectKey(logicalKeyOf(FeatureType{}, key)); }
 
  private:
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);

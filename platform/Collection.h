@@ -37,11 +37,22 @@ struct ScanCursor {
   std::optional<K> last;
 };
 
+/// What may be told which key will be looked up soon.
+class FetchedAhead {
+ public:
+  /// The key that the thread's key space knows by this handle will be looked up: a collection that files by
+  /// handle may fetch what it has under it.
+  virtual void prefetch(std::uint32_t /*handle*/) const {}
+
+ protected:
+  ~FetchedAhead() = default;
+};
+
 /// A collection of key to value. Every real change (insert, replace by another value, delete) notifies every
 /// subscriber with the key; `is` with an equal value and `del` of an absent key change nothing and notify
 /// nobody. One thread only.
 template <class K, class V>
-class KeyedCollection {
+class KeyedCollection : public FetchedAhead {
  public:
   using Key = K;
   using Value = V;
@@ -67,10 +78,6 @@ class KeyedCollection {
   /// so a reader may do it.
   virtual void subscribe(KeySubscriber<K>& subscriber) const = 0;
   virtual void unsubscribe(KeySubscriber<K>& subscriber) const = 0;
-
-  /// The key that the thread's key space knows by this handle will be looked up soon: a collection that files
-  /// by handle may fetch what it has under it.
-  virtual void prefetch(std::uint32_t /*handle*/) const {}
 
   [[nodiscard]] bool has(const K& key) const { return find(key) != nullptr; }
   [[nodiscard]] bool empty() const { return size() == 0; }

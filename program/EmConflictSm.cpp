@@ -68,8 +68,9 @@ void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, c
   tracer().trace<7>("processInputStream = inputStream => emLogicalKey={}", emLogicalKey);
   const EmHwKey* cached = cacheAttr0_.find(emLogicalKey);
   const std::optional<EmHwKey> oldKey = cached == nullptr ? std::nullopt : std::optional(*cached);
+  const EmHwKey* newKey = nullptr;
   if (hwEntryOpt != nullptr) {
-    cacheAttr0_.is(emLogicalKey, hwEntryOpt->emHwKey);
+    newKey = &cacheAttr0_.is(emLogicalKey, hwEntryOpt->emHwKey);
   } else {
     cacheAttr0_.del(emLogicalKey);
   }
@@ -78,8 +79,8 @@ void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, c
       "None, "
       "false ) ] )");
   // First filed under the new hardware key, then removed from the old one.
-  if (hwEntryOpt != nullptr) processWorkItem({hwEntryOpt->emHwKey, true}, emLogicalKey, hwEntryOpt);
-  if (oldKey && (hwEntryOpt == nullptr || *oldKey != hwEntryOpt->emHwKey)) {
+  if (newKey != nullptr) processWorkItem({*newKey, true}, emLogicalKey, hwEntryOpt);
+  if (oldKey && (newKey == nullptr || *oldKey != *newKey)) {
     processWorkItem({*oldKey, false}, emLogicalKey, hwEntryOpt);
   }
 }

@@ -40,6 +40,11 @@ class EmConflictSm final : public Stage {
                Ref<const EmComposeFailureByComposerType> emComposeFailure = nullptr);
   ~EmConflictSm() override;
 
+  /// What the handler looks up beside the key for which it is called.
+  void expect(const EmLogicalKey& emLogicalKey) const {
+    if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) expectKey(*hwKey);
+  }
+
  private:
   /// One hardware key to be decided: a contender that came or changed, or one that left.
   struct WorkItem {

@@ -21,6 +21,11 @@ class EmSwTableStatusSm final : public Stage {
                     Ref<EmLogicalKeyToStatus> emLogicalKeyToStatus, std::string name,
                     Ref<DependencyStatus> dependencyStatus, StageControl control);
 
+  /// What the handler looks up beside the key for which it is called.
+  void expect(const EmHwKey& swTableKey) const {
+    if (const EmLogicalKey* owner = cacheAttr0_.peek(swTableKey)) expectKey(*owner);
+  }
+
  private:
   /// The hardware keys that the cache files under a logical key beside the published one.
   class OtherHwKeys final : public LocalState {

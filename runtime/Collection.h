@@ -106,15 +106,15 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
     V* present = handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
     if (present == nullptr) {
-      handle = keys_.acquire(key, group_);
+      if (handle == KeySpace<K>::kNone) {
+        handle = keys_.acquire(key, group_);
+      } else {
+        keys_.use(handle);
+      }
       values_.emplace(handle, value);
     } else {
       if (*present == value) return false;
-      if constexpr (requires { replaceBy(*present, value); }) {
-        replaceBy(*present, value);
-      } else {
-        *present = value;
-      }
+      *present = value;
     }
     if (subscribers_.empty()) return true;
     keys_.use(handle);
@@ -151,8 +151,6 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   }
 
   void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
-  /// The value under a key's handle, or null.
-  [[nodiscard]] const V* at(typename KeySpace<K>::Handle handle) const { return values_.find(handle); }
   [[nodiscard]] const ColumnPlaces& places() const { return values_; }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }

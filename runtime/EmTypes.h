@@ -126,24 +126,6 @@ struct EmSwTableStatusEntry {
   KILN_VALUE(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
 };
 
-// The key of another kind that a value names: who is told of the value mostly looks that up.
-inline const EmHwKey& namedKey(const EmHwEntry& value) {
-  return value.emHwKey;
-}
-inline const EmLogicalKey& namedKey(const EmLogicalKeyAndEntry& value) {
-  return value.emLogicalKey;
-}
-inline const EmLogicalKey& namedKey(const EmSwTableStatusEntry& value) {
-  return value.emLogicalKeyAndEntry.emLogicalKey;
-}
-
-/// `to` is about to be replaced by `from`, which may know less of where its hardware key stands.
-inline void replaceBy(EmHwEntry& to, const EmHwEntry& from) {
-  const std::uint32_t known = hintOf(to.emHwKey).handle();
-  to = from;
-  if (hintOf(to.emHwKey).handle() == KilnPlatform::KeyHint::kNone) hintOf(to.emHwKey).handleIs(known);
-}
-
 /// What kind of resource a composer key needs before it can be composed.
 enum class ResolverKeyUnionTag : std::uint8_t { undefined_ = 0, vd = 1 };
 

@@ -155,33 +155,20 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   static constexpr std::size_t kFetchedAheadFrom = 4096;
 
   /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
-  /// itself, later, when that is there, what lies under the key of another kind that its value names.
+  /// itself, later, when that is there, what the stage knows to lie elsewhere.
   void expectSoon() {
-    const auto& collection = self().collection();
     pending_.expectFar([&](auto handle) {
       companions_.prefetch(handle);
-      collection.prefetch(handle);
+      if constexpr (requires { Self::kInner; }) self().collection().prefetch(handle);
     });
-    if constexpr (requires { namedKey(*collection.at(0)); }) {
-      using Named = std::remove_cvref_t<decltype(namedKey(*collection.at(0)))>;
-      if (namedCompanions_ == nullptr) namedCompanions_ = &stage_.companions<Named>();
-      if (namedCompanions_->empty()) return;
-      pending_.expectNear([&](auto handle, const K& /*key*/) {
-        const auto* value = collection.at(handle);
-        if (value == nullptr) return;
-        const std::uint32_t named = hintOf(namedKey(*value)).handle();
-        KeySpace<Named>::instance().prefetch(named);
-        namedCompanions_->prefetch(named);
-      });
-    } else if constexpr (requires(const K& key) { self().expect(key); }) {
-      pending_.expectNear([&](auto /*handle*/, const K& key) { self().expect(key); });
+    if constexpr (requires(const K& key) { self().expect(key); }) {
+      pending_.expectNear([&](const K& key) { self().expect(key); });
     }
   }
 
   ScanCursor<K> cursor_;
   PendingKeys<K> pending_;
   const Companions& companions_;
-  const Companions* namedCompanions_ = nullptr;
   bool ahead_ = false;  ///< whether what is touched soon is fetched ahead
 };
 
@@ -216,12 +203,6 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   }
   [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
   [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
-  /// The key will be looked up soon.
-  void prefetch(const Key& key) const {
-    const std::uint32_t handle = hintOf(key).handle();
-    KeySpace<Key>::instance().prefetch(handle);
-    collection().prefetch(handle);
-  }
   void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
   { owner_.expect(key); }
 
@@ -281,6 +262,7 @@ class NestedInput final
     using InnerBase = KeyedInput<Inner, Key, reaction>;
 
    public:
+    static constexpr bool kInner = true;  ///< its collection is not the stage's for good
     Inner(NestedInput& parent, const OuterKey& outerKey, InnerRef entity)
         : InnerBase(parent.stage_, parent.innerName_, parent.pipeline(), parent.streamName()),
           parent_(parent),

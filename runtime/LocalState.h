@@ -69,7 +69,9 @@ class LocalMap {
       keys_.release(handle);
     }
   }
-  [[nodiscard]] const ColumnPlaces& places() const { return values_; }
+  [[nodiscard]] const ColumnPlaces& places() const {
+    return values_;
+  }
 
  private:
   KeySpace<K>& keys_ = KeySpace<K>::instance();
@@ -116,9 +118,15 @@ class Cache final : public LocalState {
     if (value != nullptr) tracer_.trace<7>("Got value {} with key {} from cache", *value, key);
     return value;
   }
-  void is(const K& key, const V& value) {
+  /// The same for one who does not use it yet.
+  [[nodiscard]] const V* peek(const K& key) const { return values_.find(key); }
+  /// Returns the remembered value, which stays where it is until the key is deleted.
+  const V& is(const K& key, const V& value) {
     tracer_.trace<7>("Inserting value {} with key {} into cache", value, key);
-    values_.obtain(key) = value;
+    V& remembered = values_.obtain(key);
+    // An equal one may be a key that is remembered with the place where it stands.
+    if (!(remembered == value)) remembered = value;
+    return remembered;
   }
   void del(const K& key) {
     tracer_.trace<7>("Deleting key {} from cache", key);

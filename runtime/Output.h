@@ -89,12 +89,6 @@ class Output final : public OutputBase {
   [[nodiscard]] const Value* find(const Key& key) const {
     return Attr::of(std::as_const(*entity_)).find(key);
   }
-  /// The key will be looked up soon.
-  void prefetch(const Key& key) const {
-    const std::uint32_t handle = hintOf(key).handle();
-    KeySpace<Key>::instance().prefetch(handle);
-    Attr::of(std::as_const(*entity_)).prefetch(handle);
-  }
 
   void deleteAll() override {
     marks_.reset();

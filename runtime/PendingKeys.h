@@ -183,11 +183,10 @@ class PendingKeys {
     keys_.prefetch(later);
     fetch(later);
   }
-  /// The same for a key whose turn comes soon, and that was expected before; `fetch` is given the key, too.
+  /// The same for a key whose turn comes soon, and that was expected before; `fetch` is given the key.
   template <class Fetch>
   void expectNear(Fetch&& fetch) const {
-    const Handle soon = queue_.numberAhead(kNear);
-    fetch(soon, keys_.key(soon));
+    fetch(keys_.key(queue_.numberAhead(kNear)));
   }
 
   void clear() {

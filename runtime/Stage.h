@@ -6,16 +6,19 @@
 // the same handler serves the initial scan and every later change.
 #pragma once
 
-#include <boost/container/static_vector.hpp>
+#include <algorithm>
+#include <boost/container/small_vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "platform/Assert.h"
+#include "platform/Collection.h"
 #include "platform/DependencyStatus.h"
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
@@ -39,23 +42,28 @@ struct StageControl {
   bool synchronous = false;
 };
 
-/// The columns, of one type of keys, into which the handlers of a stage look.
+/// The collections, of one type of keys, into which the handlers of a stage look: the server's own and
+/// others.
 class Companions {
  public:
-  void add(const ColumnPlaces& column) {
-    for (const ColumnPlaces* present : columns_) {
-      if (present == &column) return;
-    }
-    if (columns_.size() < columns_.capacity()) columns_.push_back(&column);
-  }
-  [[nodiscard]] bool empty() const { return columns_.empty(); }
-  /// A handler is about to be called for the key of this handle.
+  void add(const ColumnPlaces& column) { addTo(columns_, column); }
+  void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
+  /// A handler is about to look up the key of this handle.
   void prefetch(std::uint32_t handle) const {
-    for (const ColumnPlaces* column : columns_) column->prefetch(handle);
+    for (const auto* column : columns_) column->prefetch(handle);
+    for (const auto* collection : others_) collection->prefetch(handle);
   }
 
  private:
-  boost::container::static_vector<const ColumnPlaces*, 8> columns_;
+  template <class T>
+  using List = boost::container::small_vector<const T*, 6>;
+  template <class T>
+  static void addTo(List<T>& list, const T& member) {
+    if (std::find(list.begin(), list.end(), &member) == list.end()) list.push_back(&member);
+  }
+
+  List<ColumnPlaces> columns_;
+  List<KilnPlatform::FetchedAhead> others_;
 };
 
 /// What all inputs of a stage share: the scan's state and its slices.
@@ -270,6 +278,8 @@ class Stage {
   void companionIs(const Collection& collection) {
     if constexpr (requires { collection.places(); }) {
       companions<typename Collection::Key>().add(collection.places());
+    } else if constexpr (std::is_abstract_v<Collection>) {
+      companions<typename Collection::Key>().add(collection);
     }
   }
   /// The number of the next input child, and of the next pipeline, in the order of declaration.
@@ -301,6 +311,15 @@ class Stage {
   /// its own readiness, without the value: "Line 23: from( this.ready )".
   Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
         StageControl control, std::string_view readyText);
+
+  /// A handler whose turn comes soon will look this key up, beside the one for which it is called.
+  template <class K>
+  void expectKey(const K& key) const {
+    const std::uint32_t handle = hintOf(key).handle();
+    KeySpace<K>::instance().prefetch(handle);
+    const auto companions = companions_.find(&KeySpace<K>::instance());
+    if (companions != companions_.end()) companions->second.prefetch(handle);
+  }
 
   /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
   virtual void checkArguments() const {}

@@ -30,16 +30,9 @@ class SrvStatusSm : public Stage {
               Ref<const SrvConfig> srvConfig, Ref<SrvStatus> srvStatus, std::string name,
               Ref<DependencyStatus> dependencyStatus, StageControl control);
 
-  /// What the handlers will look up under the key.
-  void expect(const EmLogicalKey& emLogicalKey) const {
-    const auto entryKey = requestKeyAs<RequestKey>(emLogicalKey);
-    srvConfig_.prefetch(entryKey);
-    srvStatus_.prefetch(entryKey);
-  }
-  void expect(const RequestKey& entryKey) const {
-    srvStatus_.prefetch(entryKey);
-    emStatus_.prefetch(logicalKeyOf(featureType_, entryKey));
-  }
+  // What the handlers look up beside the key for which they are called.
+  void expect(const EmLogicalKey& emLogicalKey) const { expectKey(requestKeyAs<RequestKey>(emLogicalKey)); }
+  void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
 
  private:
   [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
