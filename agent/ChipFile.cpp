@@ -18,7 +18,7 @@
 namespace KilnAgent {
 namespace {
 
-constexpr std::string_view kMagic = "KilnEmServer chip table 1\n";
+constexpr std::string_view kMagic = "KilnEmServer chip table 2\n";
 /// Where the number of slots stands in the header, so that it can be stored by one instruction.
 constexpr std::size_t kCountAt = 64;
 

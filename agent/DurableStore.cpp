@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "agent/RecordCode.h"
 
@@ -164,8 +165,14 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
 
 void DurableStore::commit() {
   if (pending_.empty()) return;
+  // In the order of the file: what lies on one of its pages is written at once.
+  std::vector<const Pendings::value_type*> sorted;
+  sorted.reserve(pending_.size());
+  for (const auto& pending : pending_) sorted.push_back(&pending);
+  std::sort(sorted.begin(), sorted.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
   RecordStore::Batch batch(file_);
-  for (const auto& [key, change] : pending_) {
+  for (const auto* pending : sorted) {
+    const auto& [key, change] = *pending;
     const std::optional<std::string> value = valueOf(key);
     if (!value) {
       batch.del(key);

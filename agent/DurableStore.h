@@ -51,6 +51,8 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
     bool fresh;           ///< whether the record was absent meanwhile, so that it does not keep its old order
   };
 
+  using Pendings = boost::unordered_flat_map<std::string, Pending>;
+
   void handleStoreChange(const StoreChange& change) override;
   void handleFeatureChange(KilnEmServer::FeatureType feature, bool present) override;
   void handleDomainChange(const VlanDomainChange& change) override;
@@ -69,7 +71,7 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   MemoryStateStore& store_;
   VlanDomainService& vlanDomains_;
   RecordStore file_;
-  boost::unordered_flat_map<std::string, Pending> pending_;
+  Pendings pending_;
   std::uint64_t changes_ = 0;
   Counters counters_;
 };

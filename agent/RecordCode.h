@@ -116,11 +116,9 @@ class Decoder {
   std::string_view rest_;
 };
 
-/// Tells by accident of damage, not of malice: FNV-1a over the bytes, folded to 32 bits.
+/// Tells of damage by accident, not by malice.
 inline std::uint32_t checksumOf(std::string_view bytes, std::uint64_t seed = 0) {
-  std::uint64_t hash = 0xCBF29CE484222325U ^ seed;
-  for (const char byte : bytes) hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3U;
-  return static_cast<std::uint32_t>(hash ^ hash >> 32U);
+  return static_cast<std::uint32_t>(XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed));
 }
 
 }  // namespace KilnAgent

@@ -18,7 +18,7 @@ namespace {
 /// Address space that is set aside; the file is as long as its content.
 constexpr std::size_t kMapBytes = std::size_t{64} << 30U;
 constexpr std::string_view kFormatKey = "A";
-constexpr std::string_view kFormat = "KilnEmServer agent store 1";
+constexpr std::string_view kFormat = "KilnEmServer agent store 2";
 /// A record's value in the file: checksum, order, value.
 constexpr std::size_t kPrefixBytes = sizeof(std::uint32_t) + sizeof(std::uint64_t);
 
