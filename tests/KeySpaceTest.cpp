@@ -10,8 +10,10 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "runtime/Collection.h"
+#include "runtime/EmTypes.h"
 #include "runtime/PendingKeys.h"
 
 namespace KilnTest {
@@ -19,6 +21,7 @@ namespace {
 
 using KilnEmServer::ArrivalQueue;
 using KilnEmServer::Collection;
+using KilnEmServer::EmHwKey;
 using KilnEmServer::HandleIndex;
 using KilnEmServer::KeySpace;
 using KilnEmServer::PendingKeys;
@@ -77,6 +80,43 @@ TEST(ArrivalQueue, AgreesWithAModelOverManyPages) {
     }
     ASSERT_EQ(queue.size(), model.size());
   }
+}
+
+// Key objects that outlive their handles: what they remember may name a handle that is free, that another key
+// has by now, or one of a page that is gone, and finds the right key all the same.
+TEST(KeySpace, FindsKeysWhateverTheyRemember) {
+  KeySpace<EmHwKey>& space = KeySpace<EmHwKey>::instance();
+  ASSERT_EQ(space.size(), 0U);
+  const auto keyOf = [](std::size_t label) {
+    return EmHwKey{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
+                   KilnTunnelNiLib::IsemMplsEntryKey{.label = static_cast<std::uint32_t>(label)}};
+  };
+  constexpr std::size_t kKeys = 300;
+  std::vector<EmHwKey> keys;
+  for (std::size_t i = 0; i < kKeys; ++i) keys.push_back(keyOf(i));
+  std::map<std::size_t, EmHwKey> held;
+  std::mt19937 random(1);
+  for (unsigned step = 0; step < 20000; ++step) {
+    const std::size_t i = random() % kKeys;
+    // From time to time a key remembers what another one does.
+    if (random() % 4 == 0) hintOf(keys[i]).handleIs(hintOf(keys[random() % kKeys]).handle());
+    const bool draining = step / 2000 % 2 == 1;
+    if (const auto at = held.find(i); at == held.end()) {
+      ASSERT_EQ(space.find(keys[i]), KeySpace<EmHwKey>::kNone);
+      if (draining && random() % 8 != 0) continue;
+      const auto handle = space.acquire(keys[i]);
+      ASSERT_EQ(hintOf(keys[i]).handle(), handle);
+      held.emplace(i, space.key(handle));
+    } else {
+      ASSERT_EQ(space.key(space.find(keys[i])), keyOf(i));
+      if (!draining && random() % 8 != 0) continue;
+      space.release(space.find(at->second));
+      held.erase(at);
+    }
+    ASSERT_EQ(space.size(), held.size());
+  }
+  for (const auto& [i, key] : held) space.release(space.find(key));
+  EXPECT_EQ(space.size(), 0U);
 }
 
 // A key belongs to whoever holds it: it goes with the last holder, and with nothing held the space is empty.
