@@ -179,16 +179,17 @@ void RecordStore::visitInOrder(std::string_view prefix, const Visitor& visitor) 
 
 RecordStore::Batch::Batch(RecordStore& store) : store_(store) {
   store_.require(mdb_txn_begin(store_.env_.get(), nullptr, 0, &transaction_));
+  store_.require(mdb_cursor_open(transaction_, store_.table_, &cursor_));
 }
 
 RecordStore::Batch::~Batch() {
-  if (transaction_ != nullptr) mdb_txn_abort(transaction_);
+  if (transaction_ != nullptr) mdb_txn_abort(transaction_);  // closes the cursor, too
 }
 
 std::optional<std::uint64_t> RecordStore::Batch::orderOf(std::string_view key) const {
   MDB_val keyBytes = bytesOf(key);
   MDB_val found{};
-  const int error = mdb_get(transaction_, store_.table_, &keyBytes, &found);
+  const int error = mdb_cursor_get(cursor_, &keyBytes, &found, MDB_SET);
   if (error == MDB_NOTFOUND) return std::nullopt;
   store_.require(error);
   return store_.recordOf(key, textOf(found)).order;
@@ -203,13 +204,15 @@ void RecordStore::Batch::put(std::string_view key, std::uint64_t order, std::str
   checksum.copy(bytes_.data(), checksum.size());
   MDB_val keyBytes = bytesOf(key);
   MDB_val valueBytes = bytesOf(bytes_);
-  store_.require(mdb_put(transaction_, store_.table_, &keyBytes, &valueBytes, 0));
+  store_.require(mdb_cursor_put(cursor_, &keyBytes, &valueBytes, 0));
 }
 
 void RecordStore::Batch::del(std::string_view key) {
   MDB_val keyBytes = bytesOf(key);
-  const int error = mdb_del(transaction_, store_.table_, &keyBytes, nullptr);
-  if (error != MDB_NOTFOUND) store_.require(error);
+  const int error = mdb_cursor_get(cursor_, &keyBytes, nullptr, MDB_SET);
+  if (error == MDB_NOTFOUND) return;
+  store_.require(error);
+  store_.require(mdb_cursor_del(cursor_, 0));
 }
 
 void RecordStore::Batch::commit() {

@@ -11,6 +11,7 @@
 
 struct MDB_env;
 struct MDB_txn;
+struct MDB_cursor;
 
 namespace KilnAgent {
 
@@ -64,6 +65,8 @@ class RecordStore {
    private:
     RecordStore& store_;
     MDB_txn* transaction_ = nullptr;
+    /// Finds a key near the one before without descending from the root: batches are best made in order.
+    MDB_cursor* cursor_ = nullptr;
     std::string bytes_;  ///< a value with its order and checksum, kept for its memory
   };
 
