@@ -71,7 +71,7 @@ class KeySpace {
   }
   /// Fetches the key into the cache.
   void prefetch(Handle handle) const {
-    if (handle / kPerPage >= pages_.size()) return;
+    if (!mayBeInUse(handle)) return;
     const Slot& expected = slot(handle);
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
@@ -85,7 +85,11 @@ class KeySpace {
     std::uint32_t hash = 0;
     std::uint32_t uses = 0;
   };
-  using Page = std::array<Slot, kPerPage>;
+  using Slots = std::array<Slot, kPerPage>;
+  struct PageUse {
+    std::uint32_t group;
+    std::uint32_t handles = 0;  ///< of the page that are in use
+  };
   struct Group {
     std::vector<Handle> free;  ///< the next to be dealt out last
   };
@@ -99,6 +103,10 @@ class KeySpace {
     return static_cast<std::uint32_t>(KilnPlatform::hashValue(key));
   }
   [[nodiscard]] Slot& slot(Handle handle) const { return (*pages_[handle / kPerPage])[handle % kPerPage]; }
+  /// Whether any handle of the page is in use.
+  [[nodiscard]] bool mayBeInUse(Handle handle) const {
+    return handle / kPerPage < pages_.size() && pages_[handle / kPerPage] != nullptr;
+  }
   /// Whether the key is the one that was looked up last: mostly it is that very object.
   [[nodiscard]] bool isLast(const K& key) const {
     return &key == lastKey_ || (lastKey_ != nullptr && *lastKey_ == key);
@@ -107,7 +115,7 @@ class KeySpace {
   [[nodiscard]] bool isWhereHinted(const K& key) const {
     if constexpr (kHinted) {
       const Handle handle = hintOf(key).handle();
-      if (handle / kPerPage >= pages_.size()) return false;
+      if (!mayBeInUse(handle)) return false;
       const Slot& hinted = slot(handle);
       if (hinted.uses == 0 || !(hinted.key == key)) return false;
       expect(handle);
@@ -150,36 +158,45 @@ class KeySpace {
     std::vector<Handle>& free = groups_[group].free;
     if (free.empty()) {
       const std::size_t first = pages_.size() * kPerPage;
-      pages_.push_back(std::make_unique<Page>());
-      groupOfPage_.push_back(static_cast<std::uint32_t>(group));
+      pages_.emplace_back();
+      pageUses_.push_back({static_cast<std::uint32_t>(group)});
       for (std::size_t i = kPerPage; i-- != 0;) free.push_back(static_cast<Handle>(first + i));
     }
     const Handle handle = free.back();
     free.pop_back();
+    std::unique_ptr<Slots>& page = pages_[handle / kPerPage];
+    if (page == nullptr) page = spare_ != nullptr ? std::move(spare_) : std::make_unique<Slots>();
+    ++pageUses_[handle / kPerPage].handles;
     return handle;
   }
   void free(Handle handle) {
     Slot& freed = slot(handle);
     index_.erase(freed.hash, handle);
     if (last_ == handle) forgetLast();
-    if (index_.size() == 0) {
-      forgetLast();
-      index_.clear();
-      pages_.clear();
-      groupOfPage_.clear();
-      groups_.clear();
-      return;
-    }
     if constexpr (!std::is_trivially_destructible_v<K>) freed.key = K{};
-    groups_[groupOfPage_[handle / kPerPage]].free.push_back(handle);
+    PageUse& use = pageUses_[handle / kPerPage];
+    groups_[use.group].free.push_back(handle);
+    // One page without keys is kept, so that a key that comes and goes allocates nothing.
+    if (--use.handles == 0) spare_ = std::move(pages_[handle / kPerPage]);
+    if (index_.size() == 0) clear();
+  }
+  /// Handles are dealt out from the first one again.
+  void clear() {
+    forgetLast();
+    index_.clear();
+    pages_.clear();
+    pageUses_.clear();
+    groups_.clear();
+    spare_.reset();
   }
   void forgetLast() {
     last_ = kNone;
     lastKey_ = nullptr;
   }
 
-  std::vector<std::unique_ptr<Page>> pages_;
-  std::vector<std::uint32_t> groupOfPage_;
+  std::vector<std::unique_ptr<Slots>> pages_;  ///< null where no handle of the page is in use
+  std::vector<PageUse> pageUses_;
+  std::unique_ptr<Slots> spare_;
   std::vector<Group> groups_;
   HandleIndex index_;
   // The key that was looked up last is looked up again more often than not.

@@ -47,6 +47,7 @@ class ResourceTableSm final : public Stage {
     /// Files a key under another status, or under none; returns what it was filed under before.
     std::optional<EmStatus> exchange(const EmLogicalKey& key, std::optional<EmStatus> status);
     [[nodiscard]] std::optional<EmStatus> status(const EmLogicalKey& key) const;
+    [[nodiscard]] bool has(const EmLogicalKey& key) const { return statuses_.find(key) != nullptr; }
     [[nodiscard]] std::size_t size() const override { return statuses_.size(); }
     void clear() override { statuses_.clear(); }
 
@@ -56,6 +57,10 @@ class ResourceTableSm final : public Stage {
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
+  /// Whether a request came or went that is filed, or not, otherwise; its status has changes of its own.
+  [[nodiscard]] bool unfiled(const EmLogicalKey& emKey) const {
+    return !ready() || counted_.has(emKey) != (emLogicalKeyToEntry_.find(emKey) != nullptr);
+  }
   /// Whether the key is filed under another status than it has.
   [[nodiscard]] bool misfiled(const EmLogicalKey& emKey) const {
     return !ready() || counted_.status(emKey) != statusOf(emKey);
@@ -69,7 +74,7 @@ class ResourceTableSm final : public Stage {
 
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ResourceTableSm::handleEntry,
         "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
-        &ResourceTableSm::misfiled, nullptr>
+        &ResourceTableSm::unfiled, nullptr>
       emLogicalKeyToEntry_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResourceTableSm::handleStatus,
         "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
