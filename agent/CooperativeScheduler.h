@@ -1,6 +1,7 @@
 // The agent's cooperative task scheduler: one thread, deterministic, repeatable from a seed.
 #pragma once
 
+#include <boost/container/flat_map.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -20,6 +21,11 @@ namespace KilnAgent {
 inline std::size_t randomBelow(std::mt19937_64& random, std::size_t bound) {
   return static_cast<std::size_t>(random() % bound);
 }
+
+/// How many runs of other tasks the agent's own work, which is of lesser priority than the stages, waits for
+/// at most: about one of each stage, so that tables answer and VLAN domains are allotted under unending load,
+/// too.
+inline constexpr std::uint32_t kAgentPatience = 64;
 
 /// A ready queue per priority, the greatest priority first. Tasks of one priority run in FIFO order, or with
 /// a seed in an order drawn from it. A task whose patience is used up runs before all others.
@@ -108,7 +114,8 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   std::optional<std::uint64_t> seed_;
   std::optional<std::mt19937_64> shuffle_;
   std::map<int, Queue, std::greater<>> queues_;
-  std::map<std::pair<std::uint64_t, std::uint64_t>, Task*> deadlines_;  ///< by deadline, then order
+  /// By deadline, then order; few tasks have one.
+  boost::container::flat_map<std::pair<std::uint64_t, std::uint64_t>, Task*> deadlines_;
   std::uint64_t nextOrder_ = 0;
   std::size_t ready_ = 0;
   std::size_t workPending_ = 0;

@@ -43,7 +43,7 @@ SoftTable::SoftTable(const Setting& setting)
       room_(*setting.room),
       task_(
           setting.scheduler, 0, "SoftChip-" + std::string(setting.stem),
-          [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this) {}
+          [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this, kAgentPatience) {}
 
 void SoftTable::noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation) {
   ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "agent/CooperativeScheduler.h"
 #include "platform/Assert.h"
 
 namespace KilnAgent {
@@ -16,7 +17,7 @@ VlanDomainService::VlanDomainService(const Ref<KilnPlatform::TaskScheduler>& sch
       limits_(limits),
       task_(
           scheduler, 0, "VlanDomainService",
-          [](void* self) { static_cast<VlanDomainService*>(self)->handlePending(); }, this) {
+          [](void* self) { static_cast<VlanDomainService*>(self)->handlePending(); }, this, kAgentPatience) {
   KILN_ASSERT(limits.first <= limits.last);
   config_->config().subscribe(*this);
 }

@@ -132,6 +132,31 @@ TEST(AgentLines, WhatIsWrongIsOneLineWithFileAndLine) {
   EXPECT_LE(cut.size(), 310U);
 }
 
+// A task of the stages' priority that is always ready: tables and VLAN-domain service have their turn all the
+// same, so that a request that needs both is programmed.
+TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
+  KilnAgent::EmbeddedAgent agent({});
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  scenario.settle();
+  std::unique_ptr<KilnPlatform::Task> load;
+  load = std::make_unique<KilnPlatform::Task>(
+      agent.store().taskScheduler(), 10, "load",
+      [](void* owner) { (*static_cast<std::unique_ptr<KilnPlatform::Task>*>(owner))->scheduleTask(); },
+      &load);
+  load->scheduleTask();
+  scenario.runLine(R"({"op":"publish","feature":"subinterface","database":"isem","requestVersion":1,)"
+                   R"("key":{"isem1TagEntryKey":{"intfId":1,"systemTcamId":0,"vlanId":100}},)"
+                   R"("entry":{"isem1TagEntry":{"lif":1,"vsi":3,"profile":1}}})");
+  agent.scheduler().run(100 * std::size_t{KilnAgent::kAgentPatience});
+  EXPECT_EQ(agent.chip().table(KilnEmServer::EmResolvedKeyUnionTag::isem1TagEntryKey).fill(), 1U);
+  const auto& statuses =
+      agent.store().statuses<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::subinterface)->status();
+  ASSERT_EQ(statuses.size(), 1U);
+  KilnPlatform::forEachIn(statuses, [](const auto& /*key*/, const auto& status) {
+    EXPECT_EQ(status.status, KilnEmServer::EmStatus::hwSuccess);
+  });
+}
+
 TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {
   KilnAgent::AgentOptions options;
   options.seed = 17;
