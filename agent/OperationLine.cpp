@@ -13,8 +13,8 @@ namespace {
 class Members {
  public:
   explicit Members(std::string_view op) { add("op", op); }
-  Members& add(const char* name, Json value) {
-    json_[name] = std::move(value);
+  Members& add(const char* name, const Json& value) {
+    json_[name] = value;
     return *this;
   }
   template <class T>

@@ -27,7 +27,7 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
 std::size_t ComposerSm::ResourceWalk::drain(std::uint64_t limit, bool& yielded) {
   std::size_t items = 0;
   while (hasPending() && headArrival() < limit) {
-    step();
+    handleNext();
     ++items;
     if (stage_.shouldYield()) {
       yielded = true;
@@ -43,7 +43,7 @@ void ComposerSm::ResourceWalk::begin() {
   state_ = state == nullptr ? std::nullopt : std::optional(*state);
 }
 
-void ComposerSm::ResourceWalk::step() {
+void ComposerSm::ResourceWalk::handleNext() {
   if (!current_) {
     arrival_ = waiting_.headArrival();
     current_ = waiting_.pop();

@@ -122,7 +122,7 @@ class ComposerSm : public Stage {
     bool scanItem() override { return false; }
     [[nodiscard]] std::size_t collectionSize() const override { return pendingCount(); }
     void begin();
-    void step();
+    void handleNext();
 
     ComposerSm& composer_;
     PendingKeys<ResolverKey> waiting_;

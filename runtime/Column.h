@@ -22,13 +22,13 @@ class ColumnPlaces {
   void prefetch(std::uint32_t handle) const {
     const std::size_t at = handle / kPerPage;
     if (at >= pages_.size()) return;
-    // An address only: a page without values has none to point into.
-    const auto values = reinterpret_cast<std::uintptr_t>(pages_[at].values);
-    const std::uintptr_t value = values + handle % kPerPage * stride_;
-    fetchAhead(reinterpret_cast<const void*>(value));
+    const auto* values = static_cast<const std::byte*>(pages_[at].values);
+    if (values == nullptr) return;
+    const std::byte* value = values + handle % kPerPage * stride_;
+    fetchAhead(value);
     if (stride_ <= kLine) return;
-    fetchAhead(reinterpret_cast<const void*>(value + kLine));
-    fetchAhead(reinterpret_cast<const void*>(value + stride_ - 1));
+    fetchAhead(value + kLine);
+    fetchAhead(value + stride_ - 1);
   }
 
  protected:
@@ -120,7 +120,8 @@ class Column : public ColumnPlaces {
 
   static V* newPage() { return std::allocator<V>().allocate(kHasContent ? kPerPage : 1); }
   static void freePage(void* values) {
-    if (values != nullptr) std::allocator<V>().deallocate(static_cast<V*>(values), kHasContent ? kPerPage : 1);
+    if (values != nullptr)
+      std::allocator<V>().deallocate(static_cast<V*>(values), kHasContent ? kPerPage : 1);
   }
   /// The page holds no value any more. One such page is kept, so that a key that comes and goes allocates
   /// nothing.
