@@ -22,8 +22,8 @@ class InplaceFunction<R(Args...), Capacity> {
 
   template <class F>
   requires(!std::is_same_v<std::decay_t<F>, InplaceFunction> && std::is_invocable_r_v<R, F&, Args...>)
-      InplaceFunction(
-          F&& target) {  // NOLINT(google-explicit-constructor,bugprone-forwarding-reference-overload)
+      // NOLINTNEXTLINE(google-explicit-constructor,bugprone-forwarding-reference-overload)
+      InplaceFunction(F&& target) {
     using T = std::decay_t<F>;
     static_assert(sizeof(T) <= Capacity && alignof(T) <= alignof(std::max_align_t));
     static_assert(std::is_nothrow_move_constructible_v<T>);

@@ -62,6 +62,14 @@ class SubscriberList {
     --depth_;
     if (gone_) eraseGone();
   }
+  /// The same for the key of a handle, which stays in use meanwhile.
+  void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
+    if (empty()) return;
+    keys.use(handle);
+    keys.expect(handle);
+    notify(keys.key(handle));
+    keys.release(handle);
+  }
   [[nodiscard]] bool empty() const { return lists_[kAll].empty(); }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetAll() {
@@ -116,11 +124,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
       if (*present == value) return false;
       *present = value;
     }
-    if (subscribers_.empty()) return true;
-    keys_.use(handle);
-    keys_.expect(handle);
-    subscribers_.notify(keys_.key(handle));
-    keys_.release(handle);
+    subscribers_.notify(keys_, handle);
     return true;
   }
 
@@ -128,8 +132,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     const auto handle = keys_.find(key);
     if (handle == KeySpace<K>::kNone || values_.find(handle) == nullptr) return false;
     values_.erase(handle);
-    keys_.expect(handle);
-    subscribers_.notify(keys_.key(handle));
+    subscribers_.notify(keys_, handle);
     keys_.release(handle);
     return true;
   }
@@ -197,10 +200,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
       if (present == value) return false;
       present = value;
     }
-    keys_.use(handle);
-    keys_.expect(handle);
-    subscribers_.notify(keys_.key(handle));
-    keys_.release(handle);
+    subscribers_.notify(keys_, handle);
     return true;
   }
 
@@ -217,8 +217,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
     }
     entries_.pop_back();
     if (entries_.empty()) places_.clear();
-    keys_.expect(handle);
-    subscribers_.notify(keys_.key(handle));
+    subscribers_.notify(keys_, handle);
     keys_.release(handle);
     return true;
   }

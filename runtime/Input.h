@@ -85,9 +85,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
   std::size_t drain(std::uint64_t limit, bool& yielded) final {
     std::size_t items = 0;
-    ahead_ = pending_.size() > 1 && KeySpace<K>::instance().size() >= kFetchedAheadFrom;
+    const bool ahead = pending_.size() > 1 && KeySpace<K>::instance().size() >= kFetchedAheadFrom;
     while (!pending_.empty() && pending_.headArrival() < limit) {
-      if (ahead_) expectSoon();
+      if (ahead) expectSoon();
       const auto taken = pending_.take();
       detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
       ++items;
@@ -169,7 +169,6 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   ScanCursor<K> cursor_;
   PendingKeys<K> pending_;
   const Companions& companions_;
-  bool ahead_ = false;  ///< whether what is touched soon is fetched ahead
 };
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
@@ -177,7 +176,8 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 /// value. `Wanted`, a function of the stage from the key alone, tells for which keys the handler does more
 /// than filter them out: the others never join the pending list. `WantedChannel`, where it is not the same
 /// function, is one that gives the same answer for all keys of a channel, at all times, and without which the
-/// handler does nothing.
+/// handler does nothing. A stage that has a public `expect(key)` is told which key comes soon, and names with
+/// `expectKey` those that its handler will look up beside it.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted>
 class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel>,
