@@ -7,6 +7,8 @@
 #include <numeric>
 #include <random>
 
+#include "runtime/PageArena.h"
+
 // The program's own definitions of these functions take the place of the C library's, also for its libraries.
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -63,12 +65,12 @@ std::vector<std::uint32_t> numbers(std::uint32_t count, bool shuffled, std::uint
 }
 
 std::uint64_t allocations() {
-  return asked.load(std::memory_order_relaxed);
+  return asked.load(std::memory_order_relaxed) + KilnEmServer::PageArena::instance().counters().pages;
 }
 
 std::size_t heapBytes() {
   const auto info = ::mallinfo2();
-  return info.uordblks + info.hblkhd;
+  return info.uordblks + info.hblkhd + KilnEmServer::PageArena::instance().counters().bytes;
 }
 
 }  // namespace KilnBench

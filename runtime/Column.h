@@ -4,7 +4,6 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -12,6 +11,7 @@
 
 #include "platform/Assert.h"
 #include "runtime/FetchAhead.h"
+#include "runtime/PageArena.h"
 
 namespace KilnEmServer {
 
@@ -118,10 +118,10 @@ class Column : public ColumnPlaces {
   static std::size_t offset(std::uint32_t handle) { return kHasContent ? handle % kPerPage : 0; }
   static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerPage); }
 
-  static V* newPage() { return std::allocator<V>().allocate(kHasContent ? kPerPage : 1); }
+  static constexpr std::size_t kPageBytes = (kHasContent ? kPerPage : 1) * sizeof(V);
+  static void* newPage() { return PageArena::instance().take(kPageBytes); }
   static void freePage(void* values) {
-    if (values != nullptr)
-      std::allocator<V>().deallocate(static_cast<V*>(values), kHasContent ? kPerPage : 1);
+    if (values != nullptr) PageArena::instance().give(values, kPageBytes);
   }
   /// The page holds no value any more. One such page is kept, so that a key that comes and goes allocates
   /// nothing.

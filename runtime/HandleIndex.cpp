@@ -1,6 +1,5 @@
 #include "runtime/HandleIndex.h"
 
-#include <new>
 #include <utility>
 
 #include "platform/Assert.h"
@@ -17,8 +16,7 @@ constexpr std::size_t kCellsPerChange = 16;
 
 void HandleIndex::Table::allocate(std::size_t capacity) {
   // Fresh pages of the system are zero: nothing is written for cells that are not used yet.
-  cells.reset(static_cast<Cell*>(std::calloc(capacity, sizeof(Cell))));
-  if (cells == nullptr) throw std::bad_alloc();
+  cells = makeTable<Cell>(capacity);
   mask = capacity - 1;
   size = 0;
 }

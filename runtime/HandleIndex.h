@@ -3,8 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
+
+#include "runtime/PageArena.h"
 
 namespace KilnEmServer {
 
@@ -32,12 +32,9 @@ class HandleIndex {
     std::uint32_t hash;
     std::uint32_t handlePlusOne;  ///< 0 in an empty cell
   };
-  struct Free {
-    void operator()(Cell* cells) const { std::free(cells); }
-  };
   /// Linear probing; a power of two of cells, never full.
   struct Table {
-    std::unique_ptr<Cell[], Free> cells;
+    TablePtr<Cell> cells;
     std::size_t mask = 0;
     std::size_t size = 0;
 

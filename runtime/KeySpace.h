@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -13,6 +12,7 @@
 #include "platform/Value.h"
 #include "runtime/FetchAhead.h"
 #include "runtime/HandleIndex.h"
+#include "runtime/PageArena.h"
 
 namespace KilnEmServer {
 
@@ -164,8 +164,8 @@ class KeySpace {
     }
     const Handle handle = free.back();
     free.pop_back();
-    std::unique_ptr<Slots>& page = pages_[handle / kPerPage];
-    if (page == nullptr) page = spare_ != nullptr ? std::move(spare_) : std::make_unique<Slots>();
+    PagePtr<Slots>& page = pages_[handle / kPerPage];
+    if (page == nullptr) page = spare_ != nullptr ? std::move(spare_) : makePage<Slots>();
     ++pageUses_[handle / kPerPage].handles;
     return handle;
   }
@@ -194,9 +194,9 @@ class KeySpace {
     lastKey_ = nullptr;
   }
 
-  std::vector<std::unique_ptr<Slots>> pages_;  ///< null where no handle of the page is in use
+  std::vector<PagePtr<Slots>> pages_;  ///< null where no handle of the page is in use
   std::vector<PageUse> pageUses_;
-  std::unique_ptr<Slots> spare_;
+  PagePtr<Slots> spare_;
   std::vector<Group> groups_;
   HandleIndex index_;
   // The key that was looked up last is looked up again more often than not.

@@ -2,12 +2,12 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
+#include "runtime/PageArena.h"
 
 namespace KilnEmServer {
 
@@ -28,7 +28,7 @@ class PagedArray {
 
   template <class... Args>
   T& emplace_back(Args&&... args) {
-    if (size_ == pages_.size() * kPerPage) pages_.push_back(std::make_unique_for_overwrite<Page>());
+    if (size_ == pages_.size() * kPerPage) pages_.push_back(makePage<Page>());
     T* element = ::new (static_cast<void*>(slot(size_))) T{std::forward<Args>(args)...};
     ++size_;
     return *element;
@@ -56,7 +56,7 @@ class PagedArray {
     return reinterpret_cast<T*>(pages_[at / kPerPage]->bytes) + at % kPerPage;
   }
 
-  std::vector<std::unique_ptr<Page>> pages_;
+  std::vector<PagePtr<Page>> pages_;
   std::size_t size_ = 0;
 };
 

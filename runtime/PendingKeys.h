@@ -4,12 +4,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
 #include "runtime/KeySpace.h"
+#include "runtime/PageArena.h"
 
 namespace KilnEmServer {
 
@@ -77,13 +77,13 @@ class ArrivalQueue {
   class Spares {
    public:
     Page* take() {
-      if (first_ == nullptr) return new Page;
+      if (first_ == nullptr) return makePage<Page>().release();
       --count_;
       return std::exchange(first_, first_->next);
     }
     void give(Page* page) {
       if (count_ == kKept) {
-        delete page;
+        GivePageBack()(page);
         return;
       }
       page->next = std::exchange(first_, page);

@@ -1,0 +1,139 @@
+#include "runtime/PageArena.h"
+
+#include <sys/mman.h>
+
+#include <cstdlib>
+
+#include "platform/Assert.h"
+
+namespace KilnEmServer {
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kFromAllocator = true;
+#elif defined(__has_feature)
+constexpr bool kFromAllocator = __has_feature(address_sanitizer);
+#else
+constexpr bool kFromAllocator = false;
+#endif
+
+constexpr std::size_t kHugePage = std::size_t{2} << 20U;
+
+/// Memory of the system that begins at a huge page's boundary.
+void* mapHuge(std::size_t bytes) {
+  const auto map = [](std::size_t size) {
+    void* const mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) throw std::bad_alloc();
+    return static_cast<std::byte*>(mapped);
+  };
+  std::byte* begin = map(bytes);
+  if (const std::size_t past = reinterpret_cast<std::uintptr_t>(begin) % kHugePage; past != 0) {
+    ::munmap(begin, bytes);
+    begin = map(bytes + kHugePage);
+    const std::size_t before = (kHugePage - reinterpret_cast<std::uintptr_t>(begin) % kHugePage) % kHugePage;
+    if (before != 0) ::munmap(begin, before);
+    if (before != kHugePage) ::munmap(begin + before + bytes, kHugePage - before);
+    begin += before;
+  }
+  ::madvise(begin, bytes, MADV_HUGEPAGE);  // where the system has none, small pages do
+  return begin;
+}
+
+}  // namespace
+
+template <class T>
+void PageArena::link(T*& first, T& member) {
+  member.previous = nullptr;
+  member.next = first;
+  if (first != nullptr) first->previous = &member;
+  first = &member;
+}
+
+template <class T>
+void PageArena::unlink(T*& first, T& member) {
+  (member.previous != nullptr ? member.previous->next : first) = member.next;
+  if (member.next != nullptr) member.next->previous = member.previous;
+}
+
+void* PageArena::take(std::size_t bytes) {
+  ++counters_.pages;
+  if (kFromAllocator || bytes > kMaxPage) return ::operator new(bytes);
+  const std::size_t size = (bytes + kStep - 1) / kStep * kStep;
+  Span*& roomy = roomy_[size / kStep - 1];
+  Span& span = roomy != nullptr ? *roomy : openSpan(size);
+  ++span.pages;
+  void* page = nullptr;
+  if (span.free != nullptr) {
+    page = std::exchange(span.free, span.free->next);
+  } else {
+    page = std::exchange(span.fresh, span.fresh + size);
+  }
+  if (span.free == nullptr && span.fresh + size > span.end) unlink(roomy, span);
+  return page;
+}
+
+void PageArena::give(void* page, std::size_t bytes) noexcept {
+  if (kFromAllocator || bytes > kMaxPage) {
+    ::operator delete(page);
+    return;
+  }
+  Block& block = blockOf(page);
+  const auto offset =
+      static_cast<std::size_t>(static_cast<std::byte*>(page) - reinterpret_cast<std::byte*>(&block));
+  Span& span = block.spans[offset / kSpan];
+  KILN_ASSERT(span.size >= bytes && span.pages != 0);
+  const bool wasFull = span.free == nullptr && span.fresh + span.size > span.end;
+  span.free = ::new (page) FreePage{span.free};
+  --span.pages;
+  if (wasFull) link(roomy_[span.size / kStep - 1], span);
+  if (span.pages == 0) closeSpan(span);
+}
+
+PageArena::Span& PageArena::openSpan(std::size_t size) {
+  Block& block = open_ != nullptr ? *open_ : openBlock();
+  std::size_t at = 0;
+  while (block.spans[at].size != 0) ++at;
+  Span& span = block.spans[at];
+  auto* const begin = reinterpret_cast<std::byte*>(&block) + at * kSpan;
+  constexpr std::size_t kHead = (sizeof(Block) + kStep - 1) / kStep * kStep;
+  span = {.fresh = begin + (at == 0 ? kHead : 0), .end = begin + kSpan, .size = size};
+  if (++block.used == kSpans) unlink(open_, block);
+  link(roomy_[size / kStep - 1], span);
+  counters_.bytes += kSpan;
+  return span;
+}
+
+void PageArena::closeSpan(Span& span) noexcept {
+  unlink(roomy_[span.size / kStep - 1], span);
+  span.size = 0;
+  counters_.bytes -= kSpan;
+  Block& block = blockOf(&span);
+  if (block.used-- == kSpans) link(open_, block);
+  if (block.used != 0) return;
+  unlink(open_, block);
+  if (Block* const given = std::exchange(spare_, &block)) ::munmap(given, kBlock);
+}
+
+PageArena::Block& PageArena::openBlock() {
+  Block* block = std::exchange(spare_, nullptr);
+  if (block == nullptr) block = ::new (mapHuge(kBlock)) Block;
+  link(open_, *block);
+  return *block;
+}
+
+void* takeTable(std::size_t bytes) {
+  if (!kFromAllocator && bytes % kHugePage == 0) return mapHuge(bytes);
+  void* const table = std::calloc(bytes, 1);
+  if (table == nullptr) throw std::bad_alloc();
+  return table;
+}
+
+void giveTable(void* table, std::size_t bytes) noexcept {
+  if (!kFromAllocator && bytes % kHugePage == 0) {
+    ::munmap(table, bytes);
+  } else {
+    std::free(table);
+  }
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,129 @@
+// Memory for pages of values and tables, laid out for few misses of the address translation.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+namespace KilnEmServer {
+
+/// Gives out pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
+/// advised to back by one huge page each: what an entry's stages hold lies in dozens of places, and with
+/// small pages nearly each of them costs a walk of the translation tables. Blocks that are empty are given
+/// back, one at a time and but for one.
+///
+/// A block is split into spans, a span into pages of one size. Sizes above kMaxPage come from the allocator.
+/// With the address sanitizer all do, so that it sees each page for itself.
+class PageArena {
+ public:
+  /// Counted since the thread began.
+  struct Counters {
+    std::size_t bytes = 0;    ///< of spans in use
+    std::uint64_t pages = 0;  ///< given out, ever
+  };
+
+  static constexpr std::size_t kMaxPage = 16384;
+
+  /// This thread's arena. It lives as long as the thread.
+  static PageArena& instance() {
+    static thread_local auto* const arena = new PageArena;
+    return *arena;
+  }
+
+  /// Memory for one page, aligned for any type; its content is undefined. Throws std::bad_alloc.
+  [[nodiscard]] void* take(std::size_t bytes);
+  /// Takes a page back that was taken with the same size.
+  void give(void* page, std::size_t bytes) noexcept;
+  [[nodiscard]] const Counters& counters() const { return counters_; }
+
+ private:
+  static constexpr std::size_t kBlock = std::size_t{2} << 20U;
+  static constexpr std::size_t kSpan = std::size_t{64} << 10U;
+  static constexpr std::size_t kSpans = kBlock / kSpan;
+  static constexpr std::size_t kStep = 256;  ///< sizes are rounded up to a multiple of it
+  static constexpr std::size_t kSizes = kMaxPage / kStep;
+
+  struct FreePage {
+    FreePage* next;
+  };
+  struct Span {
+    FreePage* free = nullptr;    ///< pages that were given back
+    std::byte* fresh = nullptr;  ///< from here to `end` nothing was given out yet
+    std::byte* end = nullptr;
+    std::size_t size = 0;      ///< of its pages; 0 while nobody uses it
+    std::size_t pages = 0;     ///< given out
+    Span* previous = nullptr;  ///< among the spans of this size with room
+    Span* next = nullptr;
+  };
+  /// Stands at the block's begin; its first span has so much less room.
+  struct Block {
+    std::array<Span, kSpans> spans;
+    std::size_t used = 0;       ///< spans
+    Block* previous = nullptr;  ///< among the blocks with a free span
+    Block* next = nullptr;
+  };
+
+  PageArena() = default;
+
+  static Block& blockOf(void* address) {
+    return *reinterpret_cast<Block*>(reinterpret_cast<std::uintptr_t>(address) & ~(kBlock - 1));
+  }
+  Span& openSpan(std::size_t size);
+  void closeSpan(Span& span) noexcept;
+  Block& openBlock();
+
+  template <class T>
+  static void link(T*& first, T& member);
+  template <class T>
+  static void unlink(T*& first, T& member);
+
+  std::array<Span*, kSizes> roomy_ = {};  ///< per size the spans with room
+  Block* open_ = nullptr;                 ///< the blocks with a free span
+  Block* spare_ = nullptr;                ///< an empty block that is kept
+  Counters counters_;
+};
+
+/// Destroys an object that lies in a page of its own.
+struct GivePageBack {
+  template <class T>
+  void operator()(T* object) const noexcept {
+    object->~T();
+    PageArena::instance().give(object, sizeof(T));
+  }
+};
+template <class T>
+using PagePtr = std::unique_ptr<T, GivePageBack>;
+/// Makes an object in a page of its own; members without initializers are left as they are.
+template <class T>
+PagePtr<T> makePage() {
+  static_assert(std::is_nothrow_default_constructible_v<T> && alignof(T) <= alignof(std::max_align_t));
+  return PagePtr<T>(::new (PageArena::instance().take(sizeof(T))) T);
+}
+
+/// Zeroed memory for a table, in huge pages where it fills some; throws std::bad_alloc.
+[[nodiscard]] void* takeTable(std::size_t bytes);
+/// Gives a table back that was taken with the same size.
+void giveTable(void* table, std::size_t bytes) noexcept;
+
+/// Gives back a table of that many elements.
+struct GiveTableBack {
+  std::size_t size = 0;
+  template <class T>
+  void operator()(T* table) const noexcept {
+    giveTable(table, size * sizeof(T));
+  }
+};
+template <class T>
+using TablePtr = std::unique_ptr<T[], GiveTableBack>;
+/// Makes a table whose bytes are all zero.
+template <class T>
+TablePtr<T> makeTable(std::size_t size) {
+  static_assert(std::is_trivial_v<T>);
+  return TablePtr<T>(static_cast<T*>(takeTable(size * sizeof(T))), GiveTableBack{size});
+}
+
+}  // namespace KilnEmServer
