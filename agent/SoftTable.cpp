@@ -55,14 +55,14 @@ void SoftTable::watcherIs(TableWatcher& watcher, bool on) {
   if (on) watchers_.push_back(&watcher);
 }
 
-void SoftTable::deliver(EntryState outcome, ResponseHandler handler) {
+void SoftTable::deliver(EntryState outcome, ResponseHandler&& handler) {
   if (mode_ == AnswerMode::hold) {
-    held_.push_back({outcome, std::move(handler)});
+    held_.emplace_back(outcome, std::move(handler));
   } else if (insideCall_) {
-    Answer answer{outcome, std::move(handler)};
+    Answer answer(outcome, std::move(handler));
     call(answer);
   } else {
-    due_.push_back({outcome, std::move(handler)});
+    due_.emplace_back(outcome, std::move(handler));
     pending_.begin(1);
     task_.scheduleTask();
   }

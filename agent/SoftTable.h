@@ -153,7 +153,7 @@ class SoftTable {
 
  protected:
   /// Takes over the answer of an operation that was applied with this outcome.
-  void deliver(EntryState outcome, ResponseHandler handler);
+  void deliver(EntryState outcome, ResponseHandler&& handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
   void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
   [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
@@ -172,6 +172,7 @@ class SoftTable {
 
  private:
   struct Answer {
+    Answer(EntryState of, ResponseHandler&& told) : outcome(of), handler(std::move(told)) {}
     EntryState outcome;
     ResponseHandler handler;
   };

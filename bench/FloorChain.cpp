@@ -1,3 +1,4 @@
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <tuple>
@@ -5,6 +6,7 @@
 #include <vector>
 
 #include "bench/Chain.h"
+#include "runtime/PageArena.h"
 
 namespace KilnBench {
 namespace {
@@ -24,22 +26,27 @@ template <std::size_t bytes>
   if constexpr (bytes > 8) __builtin_prefetch(begin + bytes - 8);
 }
 
-/// Elements that never move, by handle.
+/// Elements that never move, by handle; they lie in the same kind of memory as the server's.
 template <class T>
 class Pages {
  public:
-  static constexpr std::size_t kPerPage = 1024;
-  [[nodiscard]] T& operator[](Handle handle) { return pages_[handle / kPerPage][handle % kPerPage]; }
+  static constexpr std::size_t kPerPage = 128;
+  [[nodiscard]] T& operator[](Handle handle) {
+    return pages_[handle / kPerPage]->elements[handle % kPerPage];
+  }
   [[nodiscard]] const T& operator[](Handle handle) const {
-    return pages_[handle / kPerPage][handle % kPerPage];
+    return pages_[handle / kPerPage]->elements[handle % kPerPage];
   }
   /// Makes room for a handle, the one after the greatest so far.
   void makeRoom(Handle handle) {
-    if (handle == pages_.size() * kPerPage) pages_.push_back(std::make_unique_for_overwrite<T[]>(kPerPage));
+    if (handle == pages_.size() * kPerPage) pages_.push_back(KilnEmServer::makePage<Page>());
   }
 
  private:
-  std::vector<std::unique_ptr<T[]>> pages_;
+  struct Page {
+    std::array<T, kPerPage> elements;
+  };
+  std::vector<KilnEmServer::PagePtr<Page>> pages_;
 };
 
 class Bits {

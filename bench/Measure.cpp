@@ -65,7 +65,7 @@ std::vector<std::uint32_t> numbers(std::uint32_t count, bool shuffled, std::uint
 }
 
 std::uint64_t allocations() {
-  return asked.load(std::memory_order_relaxed) + KilnEmServer::PageArena::instance().counters().pages;
+  return asked.load(std::memory_order_relaxed) + KilnEmServer::PageArena::instance().counters().mappings;
 }
 
 std::size_t heapBytes() {

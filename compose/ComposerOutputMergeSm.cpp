@@ -16,8 +16,7 @@ ComposerOutputMergeSm::ComposerOutputMergeSm(Ref<const SwTableKeyConfigByCompose
 void ComposerOutputMergeSm::handleConfig0(const EmComposerKeyUnionTag& composerType,
                                           const EmLogicalKey& logicalKey, const EmHwKey* swTableKeyOpt) {
   const auto* composerTypeColl = groupByAttr0_.update(logicalKey, composerType, swTableKeyOpt);
-  swTableKeyConfig_.write(logicalKey,
-                          composerTypeColl == nullptr ? nullptr : &composerTypeColl->front().value);
+  swTableKeyConfig_.write(logicalKey, composerTypeColl == nullptr ? nullptr : &composerTypeColl->value(0));
 }
 
 Ref<ComposerOutputMergeSm> composerOutputMergeSmFactory(

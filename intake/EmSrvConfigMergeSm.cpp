@@ -17,7 +17,7 @@ EmSrvConfigMergeSm::EmSrvConfigMergeSm(Ref<const EmTypeToConfig> emTypeToConfig,
 void EmSrvConfigMergeSm::handleConfig0(const EmType& emType, const EmLogicalKey& emKey,
                                        const EmConfigEntry* entryOpt) {
   const auto* emTypeColl = groupByAttr0_.update(emKey, emType, entryOpt);
-  logicalKeyToEntry_.write(emKey, emTypeColl == nullptr ? nullptr : &emTypeColl->front().value);
+  logicalKeyToEntry_.write(emKey, emTypeColl == nullptr ? nullptr : &emTypeColl->value(0));
 }
 
 Ref<EmSrvConfigMergeSm> emSrvConfigMergeSmFactory(Ref<const EmTypeToConfig> emTypeToConfig,

@@ -47,14 +47,17 @@ constexpr Field<T, M> fieldOf(const char* name, M T::*member) {
 }
 
 #define KILN_VALUE_FIELD(r, Type, field) ::KilnPlatform::fieldOf(#field, &Type::field)
-/// Describes a value type: its name, its fields in declaration order, equality and ordering over them.
-#define KILN_VALUE(Namespace, Type, ...)                                                         \
-  friend auto operator<=>(const Type&, const Type&) = default;                                   \
+/// Describes a value type: its name, its fields in the order in which they are named.
+#define KILN_VALUE_FIELDS(Namespace, Type, ...)                                                  \
   static constexpr std::string_view kTypeName = #Namespace "::" #Type;                           \
   static constexpr auto fields() {                                                               \
     return std::tuple{BOOST_PP_SEQ_ENUM(                                                         \
         BOOST_PP_SEQ_TRANSFORM(KILN_VALUE_FIELD, Type, BOOST_PP_VARIADIC_TO_SEQ(__VA_ARGS__)))}; \
   }
+/// Describes a value type, and gives it equality and ordering over its fields in declaration order.
+#define KILN_VALUE(Namespace, Type, ...)                       \
+  friend auto operator<=>(const Type&, const Type&) = default; \
+  KILN_VALUE_FIELDS(Namespace, Type, __VA_ARGS__)
 
 /// The names of an enumeration's values, in numeric order from `kFirst`. Specialised per enumeration:
 ///   static constexpr std::string_view kTypeName;
@@ -327,9 +330,10 @@ class TaggedUnion {
     }
   }();
 
+  // The small members come last, so that whoever holds a union may put small members of its own behind them.
+  alignas(8) std::byte storage_[Traits::kCapacity] = {};
   Tag tag_{};
   std::array<KeyHint, kHints> hints_;
-  alignas(8) std::byte storage_[Traits::kCapacity] = {};
 };
 
 // --- Hash --------------------------------------------------------------------------------------------------

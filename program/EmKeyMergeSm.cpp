@@ -14,6 +14,10 @@ EmKeyMergeSm::EmKeyMergeSm(Ref<const ResolvedKeyColl> resolvedKeyColl,
       emLogicalKeyToEntry_(*this, std::move(emLogicalKeyToEntry), "vok_stream1"),
       emMergedEntry_(*this, std::move(emMergedEntry)) {}
 
+void EmKeyMergeSm::handleInitialized() {
+  emLogicalKeyToEntry_.changesLookInto(resolvedKeyColl_.collection());
+}
+
 void EmKeyMergeSm::eventToVok_stream0(const EmLogicalKey& emKey, const EmHwKey* /*hwKeyOpt*/) {
   eventToVok_pipeline0(emKey);
 }

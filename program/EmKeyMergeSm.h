@@ -17,6 +17,9 @@ class EmKeyMergeSm final : public Stage {
                Ref<EmMergedEntry> emMergedEntry, std::string name, Ref<DependencyStatus> dependencyStatus,
                StageControl control);
 
+ protected:
+  void handleInitialized() override;
+
  private:
   /// Whether the key has, or had, a hardware key: else there is nothing to join an entry with.
   [[nodiscard]] bool placed(const EmLogicalKey& emKey) const {

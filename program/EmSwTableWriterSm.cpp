@@ -96,21 +96,30 @@ void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
 void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry) {
   const std::uint32_t version = keyLatestWriteVersion_.issue(hwKey);
   tracer().trace<9>("{} add {}", name(), hwKey);
-  const auto answered = [writer = weak_from_this(), hwKey, logicalKeyAndEntry, version](EntryState state) {
-    if (const auto self = writer.lock()) self->handleWriteResponse(state, hwKey, logicalKeyAndEntry, version);
-  };
   try {
-    writeTableEntry(hwKey, logicalKeyAndEntry.emEntry.emEntry,
-                    [answered](const EntryHandleRef& handle) { answered(handle->entryState()); });
+    writeTableEntry(
+        hwKey, logicalKeyAndEntry.emEntry.emEntry,
+        [writer = weak_from_this(), hwKey, logicalKeyAndEntry, version](const EntryHandleRef& handle) {
+          if (const auto self = writer.lock())
+            self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, version);
+        });
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: write of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
-    // What an earlier write left under the key is wanted no more.
-    try {
-      deleteTableEntry(hwKey,
-                       [answered](const EntryHandleRef& /*handle*/) { answered(EntryState::refused_); });
-    } catch (const std::range_error&) {
-      answered(EntryState::refused_);
-    }
+    removeUnwritable(hwKey, logicalKeyAndEntry, version);
+  }
+}
+
+// What an earlier write left under the key is wanted no more.
+void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                                         std::uint32_t version) {
+  try {
+    deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, logicalKeyAndEntry,
+                             version](const EntryHandleRef& /*handle*/) {
+      if (const auto self = writer.lock())
+        self->handleWriteResponse(EntryState::refused_, hwKey, logicalKeyAndEntry, version);
+    });
+  } catch (const std::range_error&) {
+    handleWriteResponse(EntryState::refused_, hwKey, logicalKeyAndEntry, version);
   }
 }
 

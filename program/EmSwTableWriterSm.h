@@ -51,6 +51,8 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   void handleLeftStatus(const EmHwKey& hwKey, const EmSwTableStatusEntry* status);
   void handleDivergent(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
   void requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry);
+  void removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                        std::uint32_t version);
   void requestDelete(const EmHwKey& hwKey);
   void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                            const EmLogicalKeyAndEntry& logicalKeyAndEntry, std::uint32_t version);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <typeinfo>
 #include <utility>
 
 #include "platform/Asic.h"
@@ -21,11 +22,23 @@ class InterfaceHolder {
   explicit InterfaceHolder(Ref<TableInterface> held) : held_(std::move(held)) {}
   /// The unit's table, or null where it is missing or of another class.
   [[nodiscard]] SwTable* table(Asic::UnitId unit) const {
-    return dynamic_cast<SwTable*>(held_->orderedSwTable(unit));
+    Asic::OrderedSwTable* const found = held_->orderedSwTable(unit);
+    if (found == nullptr) return nullptr;
+    const std::type_info& type = typeid(*found);
+    if (found != found_ || &type != type_) {
+      table_ = dynamic_cast<SwTable*>(found);
+      found_ = found;
+      type_ = &type;
+    }
+    return table_;
   }
 
  private:
   Ref<TableInterface> held_;
+  // What was found last is mostly found again, and is of the same class then.
+  mutable const Asic::OrderedSwTable* found_ = nullptr;
+  mutable const std::type_info* type_ = nullptr;
+  mutable SwTable* table_ = nullptr;
 };
 
 /// Holds a writer's table itself.

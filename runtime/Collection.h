@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -34,61 +35,68 @@ template <class K>
 class SubscriberList {
  public:
   ~SubscriberList() {
-    for (const auto* subscriber : lists_[kAll]) KILN_ASSERT(subscriber == nullptr);
+    if (lists_ == nullptr) return;
+    for (const auto* subscriber : lists_->told[kAll]) KILN_ASSERT(subscriber == nullptr);
   }
 
   void add(KeySubscriber<K>& subscriber) {
+    if (lists_ == nullptr) lists_ = std::make_unique<Lists>();
     for (std::size_t channel = 0; channel < kAll; ++channel) {
-      if (subscriber.wantsChannel(channel)) lists_[channel].push_back(&subscriber);
+      if (subscriber.wantsChannel(channel)) lists_->told[channel].push_back(&subscriber);
     }
-    lists_[kAll].push_back(&subscriber);
+    lists_->told[kAll].push_back(&subscriber);
   }
   void remove(KeySubscriber<K>& subscriber) {
-    for (List& list : lists_) {
+    if (lists_ == nullptr) return;
+    for (List& list : lists_->told) {
       std::replace(list.begin(), list.end(), &subscriber, static_cast<KeySubscriber<K>*>(nullptr));
     }
-    eraseGone();
+    eraseGone(*lists_);
   }
   /// `key` outlives the call, whatever the subscribers do.
   void notify(const K& key) {
+    if (lists_ != nullptr) notifyOf(*lists_, key);
+  }
+  /// The same for the key of a handle, which stays in use meanwhile.
+  void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
+    if (lists_ == nullptr) return;
+    keys.use(handle);
+    keys.expect(handle);
+    notifyOf(*lists_, keys.key(handle));
+    keys.release(handle);
+  }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetAll() { lists_.reset(); }
+
+ private:
+  static constexpr std::size_t kAll = KeyChannels<K>::kCount;  ///< index of the list of all
+  using List = std::vector<KeySubscriber<K>*>;
+  /// Made with the first subscriber: most collections of small ones have none.
+  struct Lists {
+    std::array<List, kAll + 1> told;
+    int depth = 0;
+    bool gone = false;  ///< whether a subscriber went while others were being notified
+  };
+
+  static void notifyOf(Lists& lists, const K& key) {
     // Who does not want a channel says so in a detailed trace.
-    List& told = lists_[TraceFacility::detailed() ? kAll : KeyChannels<K>::of(key)];
+    List& told = lists.told[TraceFacility::detailed() ? kAll : KeyChannels<K>::of(key)];
     if (told.empty()) return;
-    ++depth_;
+    ++lists.depth;
     const std::size_t count = told.size();
     for (std::size_t i = 0; i < count; ++i) {
       if (told[i] != nullptr) told[i]->handleChange(key);
     }
-    --depth_;
-    if (gone_) eraseGone();
+    --lists.depth;
+    if (lists.gone) eraseGone(lists);
   }
-  /// The same for the key of a handle, which stays in use meanwhile.
-  void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
-    if (empty()) return;
-    keys.use(handle);
-    keys.expect(handle);
-    notify(keys.key(handle));
-    keys.release(handle);
-  }
-  [[nodiscard]] bool empty() const { return lists_[kAll].empty(); }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
-  void forgetAll() {
-    for (List& list : lists_) list.clear();
+  static void eraseGone(Lists& lists) {
+    lists.gone = lists.depth != 0;
+    if (lists.gone) return;
+    for (List& list : lists.told) std::erase(list, nullptr);
   }
 
- private:
-  using List = std::vector<KeySubscriber<K>*>;
-  static constexpr std::size_t kAll = KeyChannels<K>::kCount;  ///< index of the list of all
-
-  void eraseGone() {
-    gone_ = depth_ != 0;
-    if (gone_) return;
-    for (List& list : lists_) std::erase(list, nullptr);
-  }
-
-  std::array<List, kAll + 1> lists_;
-  int depth_ = 0;
-  bool gone_ = false;  ///< whether a subscriber went while others were being notified
+  std::unique_ptr<Lists> lists_;
 };
 
 /// A collection that files its values by the key's handle, for one that holds most keys that its readers and
@@ -155,6 +163,8 @@ class ColumnCollection final : public KeyedCollection<K, V> {
 
   void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
   [[nodiscard]] const ColumnPlaces& places() const { return values_; }
+  /// The columns into which subscribers look inside each change; see Input::changesLookInto.
+  [[nodiscard]] ColumnList& lookedIntoOnChange() const { return lookedIntoOnChange_; }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
@@ -168,6 +178,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   std::size_t group_;
   Values values_;
   mutable SubscriberList<K> subscribers_;
+  mutable ColumnList lookedIntoOnChange_;
 };
 
 /// A collection whose entries lie in one array, found by the key's handle, for one that holds few of the keys
@@ -250,7 +261,10 @@ class DenseCollection final : public KeyedCollection<K, V> {
     [[no_unique_address]] V value;
   };
   /// Spreads handles, which are dense, over the whole range.
-  static std::uint32_t hashOf(std::uint32_t handle) { return handle * 0x9E3779B1U ^ handle >> 15; }
+  static std::uint32_t hashOf(std::uint32_t handle) {
+    const std::uint32_t spread = handle * 0x9E3779B1U;
+    return spread ^ spread >> 15;
+  }
   [[nodiscard]] std::uint32_t placeOf(std::uint32_t handle) const {
     if (handle == kNone || entries_.empty()) return kNone;
     return places_.find(hashOf(handle),

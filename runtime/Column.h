@@ -1,7 +1,9 @@
 // Values by handle: what one holder of keys files under them.
 #pragma once
 
+#include <algorithm>
 #include <bit>
+#include <boost/container/small_vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -18,34 +20,54 @@ namespace KilnEmServer {
 /// Where a column's values lie, whatever they are.
 class ColumnPlaces {
  public:
+  /// Handles of one page.
+  static constexpr std::size_t kPerPage = 128;
+
   /// Fetches the handle's value into the cache, or what stands in its place.
   void prefetch(std::uint32_t handle) const {
     const std::size_t at = handle / kPerPage;
     if (at >= pages_.size()) return;
-    const auto* values = static_cast<const std::byte*>(pages_[at].values);
-    if (values == nullptr) return;
+    fetchAhead(&present_[handle / kPerWord]);
+    const auto* values = static_cast<const std::byte*>(pages_[at]);
+    if (values == nullptr || stride_ == 0) return;
     const std::byte* value = values + handle % kPerPage * stride_;
     fetchAhead(value);
-    if (stride_ <= kLine) return;
-    fetchAhead(value + kLine);
+    if (stride_ > kLine) fetchAhead(value + kLine);
     fetchAhead(value + stride_ - 1);
   }
 
  protected:
-  static constexpr std::size_t kPerPage = 64;
+  static constexpr std::size_t kPerWord = 64;
+  static constexpr std::size_t kWordsPerPage = kPerPage / kPerWord;
   static constexpr std::size_t kLine = 64;  ///< bytes that are fetched together
-  struct Page {
-    std::uint64_t present = 0;  ///< a bit per handle
-    void* values = nullptr;
-  };
 
   explicit ColumnPlaces(std::size_t stride) : stride_(stride) {}
   ~ColumnPlaces() = default;
 
-  std::vector<Page> pages_;
+  // Bits and pages lie apart: where the pages are is known from few lines, so that fetching ahead does not
+  // wait.
+  std::vector<std::uint64_t> present_;  ///< a bit per handle
+  std::vector<void*> pages_;            ///< null where no handle of the page has a value
 
  private:
   std::size_t stride_;  ///< bytes from one value to the next; 0 for values without content
+};
+
+/// Columns that are looked into together, each once.
+class ColumnList {
+ public:
+  void add(const ColumnPlaces& column) {
+    if (std::find(columns_.begin(), columns_.end(), &column) == columns_.end()) columns_.push_back(&column);
+  }
+  void remove(const ColumnPlaces& column) {
+    columns_.erase(std::remove(columns_.begin(), columns_.end(), &column), columns_.end());
+  }
+  void prefetch(std::uint32_t handle) const {
+    for (const ColumnPlaces* column : columns_) column->prefetch(handle);
+  }
+
+ private:
+  boost::container::small_vector<const ColumnPlaces*, 6> columns_;
 };
 
 /// A map from handles to values, for one who holds most handles of a page or none. Values lie in pages by
@@ -56,10 +78,7 @@ class Column : public ColumnPlaces {
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
 
   Column() : ColumnPlaces(kHasContent ? sizeof(V) : 0) {}
-  ~Column() {
-    clear();
-    freePage(spare_);
-  }
+  ~Column() { clear(); }
   Column(const Column&) = delete;
   Column& operator=(const Column&) = delete;
 
@@ -68,43 +87,44 @@ class Column : public ColumnPlaces {
 
   /// The handle's value, or null. Stays valid until that value is erased.
   [[nodiscard]] V* find(std::uint32_t handle) const {
-    const std::size_t at = handle / kPerPage;
-    if (at >= pages_.size()) return nullptr;
-    const Page& page = pages_[at];
-    if ((page.present >> (handle % kPerPage) & 1) == 0) return nullptr;
-    return valueAt(page, handle);
+    const std::size_t word = handle / kPerWord;
+    if (word >= present_.size() || (present_[word] & bit(handle)) == 0) return nullptr;
+    return valueAt(handle);
   }
   /// Adds a value; the handle has none.
   template <class... Args>
   V& emplace(std::uint32_t handle, Args&&... args) {
     const std::size_t at = handle / kPerPage;
-    if (at >= pages_.size()) pages_.resize(at + 1);
-    Page& page = pages_[at];
-    if (page.values == nullptr) page.values = spare_ != nullptr ? std::exchange(spare_, nullptr) : newPage();
-    V* value = ::new (static_cast<void*>(valueAt(page, handle))) V{std::forward<Args>(args)...};
-    page.present |= bit(handle);
+    if (at >= pages_.size()) {
+      pages_.resize(at + 1);
+      present_.resize((at + 1) * kWordsPerPage);
+    }
+    if (pages_[at] == nullptr) pages_[at] = PageArena::instance().take(kPageBytes);
+    V* value = ::new (static_cast<void*>(valueAt(handle))) V{std::forward<Args>(args)...};
+    present_[handle / kPerWord] |= bit(handle);
     ++size_;
+    ++emplaced_;
     return *value;
   }
   /// Removes the value that the handle has.
   void erase(std::uint32_t handle) {
-    Page& page = pages_[handle / kPerPage];
-    KILN_ASSERT((page.present & bit(handle)) != 0);
-    valueAt(page, handle)->~V();
-    page.present &= ~bit(handle);
+    std::uint64_t& word = present_[handle / kPerWord];
+    KILN_ASSERT((word & bit(handle)) != 0);
+    valueAt(handle)->~V();
+    word &= ~bit(handle);
     --size_;
-    if (page.present == 0) retire(page);
+    if (word == 0) retire(handle / kPerPage);
   }
   void clear() {
     for (std::uint32_t handle = next(0); handle != kNone; handle = next(handle + 1)) erase(handle);
   }
   /// The least handle with a value from `handle` on, or kNone.
   [[nodiscard]] std::uint32_t next(std::size_t handle) const {
-    for (std::size_t at = handle / kPerPage; at < pages_.size(); ++at) {
-      std::uint64_t present = pages_[at].present;
-      if (at == handle / kPerPage) present &= ~std::uint64_t{0} << (handle % kPerPage);
+    for (std::size_t word = handle / kPerWord; word < present_.size(); ++word) {
+      std::uint64_t present = present_[word];
+      if (word == handle / kPerWord) present &= ~std::uint64_t{0} << (handle % kPerWord);
       if (present != 0)
-        return static_cast<std::uint32_t>(at * kPerPage + static_cast<unsigned>(std::countr_zero(present)));
+        return static_cast<std::uint32_t>(word * kPerWord + static_cast<unsigned>(std::countr_zero(present)));
     }
     return kNone;
   }
@@ -112,26 +132,28 @@ class Column : public ColumnPlaces {
  private:
   /// Values without content need one place in all.
   static constexpr bool kHasContent = !std::is_empty_v<V>;
-  static V* valueAt(const Page& page, std::uint32_t handle) {
-    return static_cast<V*>(page.values) + offset(handle);
-  }
-  static std::size_t offset(std::uint32_t handle) { return kHasContent ? handle % kPerPage : 0; }
-  static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerPage); }
-
   static constexpr std::size_t kPageBytes = (kHasContent ? kPerPage : 1) * sizeof(V);
-  static void* newPage() { return PageArena::instance().take(kPageBytes); }
-  static void freePage(void* values) {
-    if (values != nullptr) PageArena::instance().give(values, kPageBytes);
+
+  [[nodiscard]] V* valueAt(std::uint32_t handle) const {
+    return static_cast<V*>(pages_[handle / kPerPage]) + (kHasContent ? handle % kPerPage : 0);
   }
-  /// The page holds no value any more. One such page is kept, so that a key that comes and goes allocates
-  /// nothing.
-  void retire(Page& page) {
-    freePage(std::exchange(spare_, std::exchange(page.values, nullptr)));
-    if (size_ == 0 && pages_.size() > kPerPage) std::vector<Page>().swap(pages_);
+  static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerWord); }
+
+  /// Gives a page back that holds no value any more. So that a key that comes and goes costs little, an empty
+  /// column forgets where its pages were only after as many values as it will cost to note that anew.
+  void retire(std::size_t page) {
+    for (std::size_t word = page * kWordsPerPage; word < (page + 1) * kWordsPerPage; ++word) {
+      if (present_[word] != 0) return;
+    }
+    PageArena::instance().give(std::exchange(pages_[page], nullptr), kPageBytes);
+    if (size_ != 0 || emplaced_ < pages_.size()) return;
+    emplaced_ = 0;
+    std::vector<void*>().swap(pages_);
+    std::vector<std::uint64_t>().swap(present_);
   }
 
   std::size_t size_ = 0;
-  void* spare_ = nullptr;
+  std::size_t emplaced_ = 0;  ///< values since the column noted where its pages are
 };
 
 }  // namespace KilnEmServer

@@ -45,7 +45,7 @@ inline std::size_t keyGroup(const EmLogicalKey& key) {
 
 /// A requested entry and the version of the request that carried it.
 struct EmConfigEntry {
-  EmEntry emEntry;
+  [[no_unique_address]] EmEntry emEntry;
   std::uint32_t requestVersion = 0;
   KILN_VALUE(KilnEmServer, EmConfigEntry, emEntry, requestVersion)
 };
@@ -59,11 +59,23 @@ struct EmLogicalKeyAndEntry {
 
 /// The key as the chip's table sees it.
 struct EmHwKey {
+  EmHwKey() = default;
+  EmHwKey(Hardware::Kiln::FapId fap, Hardware::Kiln::LocalCoreId core, const EmResolvedKey& key)
+      : emResolvedKey(key), fapId(fap), localCoreId(core) {}
+
+  // Chip and core lie in the gap behind the union, though they come before it in every other respect.
+  [[no_unique_address]] EmResolvedKey emResolvedKey;
   Hardware::Kiln::FapId fapId;
   Hardware::Kiln::LocalCoreId localCoreId;
-  EmResolvedKey emResolvedKey;
-  KILN_VALUE(KilnEmServer, EmHwKey, fapId, localCoreId, emResolvedKey)
+
+  friend bool operator==(const EmHwKey&, const EmHwKey&) = default;
+  friend std::strong_ordering operator<=>(const EmHwKey& a, const EmHwKey& b) {
+    return std::tie(a.fapId, a.localCoreId, a.emResolvedKey) <=>
+           std::tie(b.fapId, b.localCoreId, b.emResolvedKey);
+  }
+  KILN_VALUE_FIELDS(KilnEmServer, EmHwKey, fapId, localCoreId, emResolvedKey)
 };
+static_assert(sizeof(EmHwKey) == 24 && sizeof(EmConfigEntry) == 24);
 
 inline const KilnPlatform::KeyHint& hintOf(const EmHwKey& key) {
   return key.emResolvedKey.hint<0>();

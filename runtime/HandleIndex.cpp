@@ -71,8 +71,9 @@ void HandleIndex::erase(std::uint32_t hash, std::uint32_t handle) {
 }
 
 void HandleIndex::clear() {
-  current_ = {};
   old_ = {};
+  // The least table is kept: what is empty now and then allocates nothing.
+  if (current_.mask + 1 != kLeastCapacity || current_.size != 0) current_ = {};
 }
 
 void HandleIndex::resize(std::size_t capacity) {
@@ -80,18 +81,24 @@ void HandleIndex::resize(std::size_t capacity) {
   old_ = std::exchange(current_, {});
   current_.allocate(capacity);
   migrateAt_ = 0;
+  while (old_.cells[migrateAt_].handlePlusOne != 0) ++migrateAt_;
 }
 
+/// Goes around the old table, from an empty cell on. Entries that follow each other without a gap are moved
+/// together: who looks for one of them must find all or none of those before it.
 void HandleIndex::migrate(std::size_t cells) {
   if (old_.cells == nullptr) return;
-  for (; cells != 0 && old_.size != 0; --cells) {
-    const Cell cell = old_.cells[migrateAt_];
-    if (cell.handlePlusOne == 0) {
-      migrateAt_ = (migrateAt_ + 1) & old_.mask;
-    } else {
-      old_.eraseAt(migrateAt_);
+  bool inRow = false;
+  while (old_.size != 0 && (cells != 0 || inRow)) {
+    Cell& cell = old_.cells[migrateAt_];
+    inRow = cell.handlePlusOne != 0;
+    if (inRow) {
       current_.insert(cell);
+      cell = {};
+      --old_.size;
     }
+    migrateAt_ = (migrateAt_ + 1) & old_.mask;
+    cells -= cells != 0 ? 1 : 0;
   }
   if (old_.size == 0) old_ = {};
 }

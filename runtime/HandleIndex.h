@@ -23,7 +23,7 @@ class HandleIndex {
   void insert(std::uint32_t hash, std::uint32_t handle);
   /// The handle stands under this hash.
   void erase(std::uint32_t hash, std::uint32_t handle);
-  /// Forgets everything and frees the memory.
+  /// Forgets everything and frees the memory, but for a small table.
   void clear();
   [[nodiscard]] std::size_t size() const { return current_.size + old_.size; }
 
@@ -57,7 +57,7 @@ class HandleIndex {
 
   Table current_;
   Table old_;                  ///< what is still to be moved
-  std::size_t migrateAt_ = 0;  ///< no cell of `old_` below it is in use, but by entries that wrapped around
+  std::size_t migrateAt_ = 0;  ///< the cell of `old_` to be looked at next
 };
 
 }  // namespace KilnEmServer

@@ -196,10 +196,22 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
         entity_(std::move(entity)) {
     if (entity_ != nullptr) stage.companionIs(collection());
   }
-  ~Input() override { this->stop(); }
+  ~Input() override {
+    this->stop();
+    if (column_ != nullptr) lookedInto([this](ColumnList& columns) { columns.remove(*column_); });
+  }
 
   void checkArgument() const override {
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  /// `Wanted` looks up the key of each change in the stage's `map`: who makes the change is to fetch it
+  /// ahead.
+  template <class Map>
+  void changesLookInto(const Map& map) {
+    if constexpr (requires { map.places(); }) {
+      column_ = &map.places();
+      lookedInto([this](ColumnList& columns) { columns.add(*column_); });
+    }
   }
   [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
   [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
@@ -234,8 +246,16 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   }
 
  private:
+  template <class Use>
+  void lookedInto(Use&& use) {
+    if constexpr (requires { collection().lookedIntoOnChange(); }) {
+      if (entity_ != nullptr) use(collection().lookedIntoOnChange());
+    }
+  }
+
   StageClass& owner_;
   EntityRef entity_;
+  const ColumnPlaces* column_ = nullptr;  ///< of changesLookInto
 };
 
 /// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner

@@ -2,14 +2,18 @@
 // its values under the key's handle.
 #pragma once
 
+#include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
 #include "platform/Value.h"
+#include "runtime/Column.h"
 #include "runtime/FetchAhead.h"
 #include "runtime/HandleIndex.h"
 #include "runtime/PageArena.h"
@@ -26,7 +30,7 @@ class KeySpace {
  public:
   using Handle = std::uint32_t;
   static constexpr Handle kNone = HandleIndex::kNone;
-  static constexpr std::size_t kPerPage = 64;
+  static constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
 
   /// This thread's space. It lives as long as the thread, so that collections of any lifetime may use it.
   static KeySpace& instance() {
@@ -38,8 +42,10 @@ class KeySpace {
   /// that is likely to be the key's, before that is certain.
   template <class ExpectAt>
   [[nodiscard]] Handle find(const K& key, ExpectAt&& expectAt) const {
-    if (isLast(key) || isWhereHinted(key)) return last_;
-    return lookUp(hashOf(key), key, expectAt);
+    // Mostly it is the very object that was looked up last.
+    if (&key == lastKey_) [[likely]]
+      return last_;
+    return findOther(key, expectAt);
   }
   [[nodiscard]] Handle find(const K& key) const {
     return find(key, [](Handle) {});
@@ -47,10 +53,8 @@ class KeySpace {
   /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
   /// gives, or `group` where its type has none.
   Handle acquire(const K& key, std::size_t group = 0) {
-    if (!isLast(key) && !isWhereHinted(key)) {
-      const std::uint32_t hash = hashOf(key);
-      if (lookUp(hash, key, [](Handle) {}) == kNone) add(hash, key, group);
-    }
+    if (&key != lastKey_) [[unlikely]]
+      findOrAdd(key, group);
     ++slot(last_).uses;
     return last_;
   }
@@ -88,10 +92,24 @@ class KeySpace {
   using Slots = std::array<Slot, kPerPage>;
   struct PageUse {
     std::uint32_t group;
-    std::uint32_t handles = 0;  ///< of the page that are in use
-  };
-  struct Group {
-    std::vector<Handle> free;  ///< the next to be dealt out last
+    std::uint32_t nextWithRoom = kNone;                     ///< page of the group
+    std::array<std::uint64_t, kPerPage / 64> handles = {};  ///< a bit for each that is in use
+
+    [[nodiscard]] bool empty() const {
+      return std::all_of(handles.begin(), handles.end(), [](std::uint64_t word) { return word == 0; });
+    }
+    [[nodiscard]] bool full() const {
+      return std::all_of(handles.begin(), handles.end(), [](std::uint64_t word) { return ~word == 0; });
+    }
+    /// Takes the least handle that is not in use; there must be one.
+    std::uint32_t take() {
+      std::size_t word = 0;
+      while (~handles[word] == 0) ++word;
+      const auto bit = static_cast<unsigned>(std::countr_one(handles[word]));
+      handles[word] |= std::uint64_t{1} << bit;
+      return static_cast<std::uint32_t>(word * 64 + bit);
+    }
+    void give(std::uint32_t handle) { handles[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
   };
 
   /// Whether keys remember where they were found.
@@ -107,17 +125,25 @@ class KeySpace {
   [[nodiscard]] bool mayBeInUse(Handle handle) const {
     return handle / kPerPage < pages_.size() && pages_[handle / kPerPage] != nullptr;
   }
-  /// Whether the key is the one that was looked up last: mostly it is that very object.
-  [[nodiscard]] bool isLast(const K& key) const {
-    return &key == lastKey_ || (lastKey_ != nullptr && *lastKey_ == key);
+  template <class ExpectAt>
+  [[gnu::noinline]] Handle findOther(const K& key, ExpectAt&& expectAt) const {
+    if (isWhereHinted(key) || equalsLast(key)) return last_;
+    return lookUp(hashOf(key), key, expectAt);
   }
+  /// The key is the one that was looked up last from then on.
+  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group) {
+    if (isWhereHinted(key) || equalsLast(key)) return;
+    const std::uint32_t hash = hashOf(key);
+    if (lookUp(hash, key, [](Handle) {}) == kNone) add(hash, key, group);
+  }
+  [[nodiscard]] bool equalsLast(const K& key) const { return lastKey_ != nullptr && *lastKey_ == key; }
   /// Whether the key is where it was found last; it is then the one that was looked up last.
   [[nodiscard]] bool isWhereHinted(const K& key) const {
     if constexpr (kHinted) {
       const Handle handle = hintOf(key).handle();
       if (!mayBeInUse(handle)) return false;
       const Slot& hinted = slot(handle);
-      if (hinted.uses == 0 || !(hinted.key == key)) return false;
+      if (hinted.uses == 0 || (&hinted.key != &key && !(hinted.key == key))) return false;
       expect(handle);
       return true;
     } else {
@@ -154,40 +180,45 @@ class KeySpace {
     }
   }
   Handle takeFree(std::size_t group) {
-    if (group >= groups_.size()) groups_.resize(group + 1);
-    std::vector<Handle>& free = groups_[group].free;
-    if (free.empty()) {
-      const std::size_t first = pages_.size() * kPerPage;
+    if (group >= withRoom_.size()) withRoom_.resize(group + 1, kNone);
+    std::uint32_t& first = withRoom_[group];
+    if (first == kNone) {
+      first = static_cast<std::uint32_t>(pages_.size());
       pages_.emplace_back();
       pageUses_.push_back({static_cast<std::uint32_t>(group)});
-      for (std::size_t i = kPerPage; i-- != 0;) free.push_back(static_cast<Handle>(first + i));
     }
-    const Handle handle = free.back();
-    free.pop_back();
-    PagePtr<Slots>& page = pages_[handle / kPerPage];
-    if (page == nullptr) page = spare_ != nullptr ? std::move(spare_) : makePage<Slots>();
-    ++pageUses_[handle / kPerPage].handles;
+    const std::uint32_t at = first;
+    PageUse& use = pageUses_[at];
+    const auto handle = static_cast<Handle>(at * kPerPage + use.take());
+    if (use.full()) first = use.nextWithRoom;
+    PagePtr<Slots>& page = pages_[at];
+    if (page == nullptr) page = makePage<Slots>();
     return handle;
   }
-  void free(Handle handle) {
+  [[gnu::noinline]] void free(Handle handle) {
     Slot& freed = slot(handle);
     index_.erase(freed.hash, handle);
     if (last_ == handle) forgetLast();
     if constexpr (!std::is_trivially_destructible_v<K>) freed.key = K{};
     PageUse& use = pageUses_[handle / kPerPage];
-    groups_[use.group].free.push_back(handle);
-    // One page without keys is kept, so that a key that comes and goes allocates nothing.
-    if (--use.handles == 0) spare_ = std::move(pages_[handle / kPerPage]);
+    if (use.full()) use.nextWithRoom = std::exchange(withRoom_[use.group], handle / kPerPage);
+    use.give(handle % kPerPage);
+    if (use.empty()) pages_[handle / kPerPage].reset();
     if (index_.size() == 0) clear();
   }
   /// Handles are dealt out from the first one again.
   void clear() {
     forgetLast();
     index_.clear();
-    pages_.clear();
-    pageUses_.clear();
-    groups_.clear();
-    spare_.reset();
+    forget(pages_);
+    forget(pageUses_);
+    withRoom_.clear();
+  }
+  /// Empties a list, and gives back its memory where it is much.
+  template <class T>
+  static void forget(std::vector<T>& list) {
+    list.clear();
+    if (list.capacity() > 64) list.shrink_to_fit();
   }
   void forgetLast() {
     last_ = kNone;
@@ -196,8 +227,7 @@ class KeySpace {
 
   std::vector<PagePtr<Slots>> pages_;  ///< null where no handle of the page is in use
   std::vector<PageUse> pageUses_;
-  PagePtr<Slots> spare_;
-  std::vector<Group> groups_;
+  std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
   HandleIndex index_;
   // The key that was looked up last is looked up again more often than not.
   mutable Handle last_ = kNone;

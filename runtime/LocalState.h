@@ -1,8 +1,10 @@
 // Collections of a stage's own: caches and group-bys.
 #pragma once
 
-#include <boost/container/static_vector.hpp>
+#include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string_view>
 #include <utility>
@@ -145,12 +147,21 @@ class Cache final : public LocalState {
 template <class GroupKey, class MemberKey, class V, std::size_t Limit, KilnPlatform::FixedString CollName>
 class GroupBy final : public LocalState {
  public:
-  struct Member {
-    MemberKey key;
-    V value;
-    friend bool operator==(const Member&, const Member&) = default;
+  /// What a group holds, in the order in which it came.
+  class Members {
+   public:
+    [[nodiscard]] std::size_t size() const { return size_; }
+    /// The value of the member at a place below size().
+    [[nodiscard]] const V& value(std::size_t at) const { return values_[at]; }
+
+   private:
+    friend GroupBy;
+    // Side by side in arrays there are no gaps: groups are many.
+    std::array<V, Limit> values_;
+    std::array<MemberKey, Limit> keys_;
+    std::uint8_t size_ = 0;
+    static_assert(Limit < 256);
   };
-  using Members = boost::container::static_vector<Member, Limit>;
 
   GroupBy(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {
     stage.companionIs(groups_);
@@ -162,19 +173,14 @@ class GroupBy final : public LocalState {
       tracer_.trace<7>("Inserting value {} with key {} into groupby collection with key {}", *value, member,
                        group);
       Members& members = groups_.obtain(group);
-      insert(members, member, *value);
+      put(members, member, *value);
       return &members;
     }
     tracer_.trace<7>("Deleting key {} from groupby collection with key {}", member, group);
     Members* members = groups_.find(group);
     if (members == nullptr) return nullptr;
-    for (auto at = members->begin(); at != members->end(); ++at) {
-      if (at->key == member) {
-        members->erase(at);
-        break;
-      }
-    }
-    if (!members->empty()) return members;
+    remove(*members, member);
+    if (members->size_ != 0) return members;
     groups_.del(group);
     return nullptr;
   }
@@ -182,15 +188,27 @@ class GroupBy final : public LocalState {
   void clear() override { groups_.clear(); }
 
  private:
-  static void insert(Members& members, const MemberKey& member, const V& value) {
-    for (Member& present : members) {
-      if (present.key == member) {
-        present.value = value;
-        return;
-      }
+  /// The member's place, or size() where the group does not have it.
+  static std::size_t placeOf(const Members& members, const MemberKey& member) {
+    const auto end = members.keys_.begin() + members.size_;
+    return static_cast<std::size_t>(std::find(members.keys_.begin(), end, member) - members.keys_.begin());
+  }
+  static void put(Members& members, const MemberKey& member, const V& value) {
+    const std::size_t at = placeOf(members, member);
+    if (at == members.size_) {
+      KILN_ASSERT_MESSAGE(at < Limit, "( len( {} ) <= {} )", CollName.view(), Limit);
+      members.keys_[at] = member;
+      ++members.size_;
     }
-    KILN_ASSERT_MESSAGE(members.size() < Limit, "( len( {} ) <= {} )", CollName.view(), Limit);
-    members.push_back({member, value});
+    members.values_[at] = value;
+  }
+  static void remove(Members& members, const MemberKey& member) {
+    std::size_t at = placeOf(members, member);
+    if (at == members.size_) return;
+    for (--members.size_; at != members.size_; ++at) {
+      members.keys_[at] = members.keys_[at + 1];
+      members.values_[at] = members.values_[at + 1];
+    }
   }
 
   const Tracer& tracer_;

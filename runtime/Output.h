@@ -34,7 +34,7 @@ class Output final : public OutputBase {
 
   Output(Stage& stage, EntityRef entity)
       : OutputBase(stage, std::string(kOutputName.view())), entity_(std::move(entity)) {
-    if (entity_ != nullptr) stage.companionIs(collection());
+    if (entity_ != nullptr) stage.writtenIs(collection());
   }
   ~Output() override { stop(); }
 

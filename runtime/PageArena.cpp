@@ -56,7 +56,6 @@ void PageArena::unlink(T*& first, T& member) {
 }
 
 void* PageArena::take(std::size_t bytes) {
-  ++counters_.pages;
   if (kFromAllocator || bytes > kMaxPage) return ::operator new(bytes);
   const std::size_t size = (bytes + kStep - 1) / kStep * kStep;
   Span*& roomy = roomy_[size / kStep - 1];
@@ -116,24 +115,33 @@ void PageArena::closeSpan(Span& span) noexcept {
 
 PageArena::Block& PageArena::openBlock() {
   Block* block = std::exchange(spare_, nullptr);
-  if (block == nullptr) block = ::new (mapHuge(kBlock)) Block;
+  if (block == nullptr) block = ::new (map(kBlock)) Block;
   link(open_, *block);
   return *block;
 }
 
-void* takeTable(std::size_t bytes) {
-  if (!kFromAllocator && bytes % kHugePage == 0) return mapHuge(bytes);
-  void* const table = std::calloc(bytes, 1);
-  if (table == nullptr) throw std::bad_alloc();
-  return table;
+void* PageArena::map(std::size_t bytes) {
+  ++counters_.mappings;
+  return mapHuge(bytes);
 }
 
-void giveTable(void* table, std::size_t bytes) noexcept {
-  if (!kFromAllocator && bytes % kHugePage == 0) {
-    ::munmap(table, bytes);
-  } else {
-    std::free(table);
+void* PageArena::takeTable(std::size_t bytes) {
+  if (kFromAllocator || bytes % kHugePage != 0) {
+    void* const table = std::calloc(bytes, 1);
+    if (table == nullptr) throw std::bad_alloc();
+    return table;
   }
+  counters_.bytes += bytes;
+  return map(bytes);
+}
+
+void PageArena::giveTable(void* table, std::size_t bytes) noexcept {
+  if (kFromAllocator || bytes % kHugePage != 0) {
+    std::free(table);
+    return;
+  }
+  counters_.bytes -= bytes;
+  ::munmap(table, bytes);
 }
 
 }  // namespace KilnEmServer

@@ -20,10 +20,9 @@ namespace KilnEmServer {
 /// With the address sanitizer all do, so that it sees each page for itself.
 class PageArena {
  public:
-  /// Counted since the thread began.
   struct Counters {
-    std::size_t bytes = 0;    ///< of spans in use
-    std::uint64_t pages = 0;  ///< given out, ever
+    std::size_t bytes = 0;       ///< of spans and tables in use now
+    std::uint64_t mappings = 0;  ///< how often the system was asked for memory since the thread began
   };
 
   static constexpr std::size_t kMaxPage = 16384;
@@ -38,11 +37,15 @@ class PageArena {
   [[nodiscard]] void* take(std::size_t bytes);
   /// Takes a page back that was taken with the same size.
   void give(void* page, std::size_t bytes) noexcept;
+  /// Zeroed memory for a table, in huge pages of its own where it fills some. Throws std::bad_alloc.
+  [[nodiscard]] void* takeTable(std::size_t bytes);
+  /// Takes a table back that was taken with the same size.
+  void giveTable(void* table, std::size_t bytes) noexcept;
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
  private:
   static constexpr std::size_t kBlock = std::size_t{2} << 20U;
-  static constexpr std::size_t kSpan = std::size_t{64} << 10U;
+  static constexpr std::size_t kSpan = std::size_t{128} << 10U;
   static constexpr std::size_t kSpans = kBlock / kSpan;
   static constexpr std::size_t kStep = 256;  ///< sizes are rounded up to a multiple of it
   static constexpr std::size_t kSizes = kMaxPage / kStep;
@@ -75,6 +78,7 @@ class PageArena {
   Span& openSpan(std::size_t size);
   void closeSpan(Span& span) noexcept;
   Block& openBlock();
+  void* map(std::size_t bytes);
 
   template <class T>
   static void link(T*& first, T& member);
@@ -104,17 +108,12 @@ PagePtr<T> makePage() {
   return PagePtr<T>(::new (PageArena::instance().take(sizeof(T))) T);
 }
 
-/// Zeroed memory for a table, in huge pages where it fills some; throws std::bad_alloc.
-[[nodiscard]] void* takeTable(std::size_t bytes);
-/// Gives a table back that was taken with the same size.
-void giveTable(void* table, std::size_t bytes) noexcept;
-
 /// Gives back a table of that many elements.
 struct GiveTableBack {
   std::size_t size = 0;
   template <class T>
   void operator()(T* table) const noexcept {
-    giveTable(table, size * sizeof(T));
+    PageArena::instance().giveTable(table, size * sizeof(T));
   }
 };
 template <class T>
@@ -123,7 +122,7 @@ using TablePtr = std::unique_ptr<T[], GiveTableBack>;
 template <class T>
 TablePtr<T> makeTable(std::size_t size) {
   static_assert(std::is_trivial_v<T>);
-  return TablePtr<T>(static_cast<T*>(takeTable(size * sizeof(T))), GiveTableBack{size});
+  return TablePtr<T>(static_cast<T*>(PageArena::instance().takeTable(size * sizeof(T))), GiveTableBack{size});
 }
 
 }  // namespace KilnEmServer

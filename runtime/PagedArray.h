@@ -11,7 +11,7 @@
 
 namespace KilnEmServer {
 
-/// A vector without reallocation of its elements. An empty one holds no page.
+/// A vector without reallocation of its elements. One that never held any holds no page.
 template <class T>
 class PagedArray {
  public:
@@ -37,11 +37,7 @@ class PagedArray {
     KILN_ASSERT(size_ != 0);
     slot(--size_)->~T();
     // One page more than needed is kept, so that a size that swings about a page's end allocates nothing.
-    if (size_ == 0) {
-      pages_.clear();
-    } else if (size_ + 2 * kPerPage <= pages_.size() * kPerPage) {
-      pages_.pop_back();
-    }
+    if (size_ + 2 * kPerPage <= pages_.size() * kPerPage) pages_.pop_back();
   }
   void clear() {
     while (size_ != 0) pop_back();

@@ -46,24 +46,28 @@ struct StageControl {
 /// others.
 class Companions {
  public:
-  void add(const ColumnPlaces& column) { addTo(columns_, column); }
+  void add(const ColumnPlaces& column) { columns_.add(column); }
   void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
+  /// What others look into at each change that the stage makes.
+  void addFollowing(const ColumnList& columns) { addTo(following_, columns); }
   /// A handler is about to look up the key of this handle.
   void prefetch(std::uint32_t handle) const {
-    for (const auto* column : columns_) column->prefetch(handle);
+    columns_.prefetch(handle);
     for (const auto* collection : others_) collection->prefetch(handle);
+    for (const auto* columns : following_) columns->prefetch(handle);
   }
 
  private:
   template <class T>
-  using List = boost::container::small_vector<const T*, 6>;
+  using List = boost::container::small_vector<const T*, 4>;
   template <class T>
   static void addTo(List<T>& list, const T& member) {
     if (std::find(list.begin(), list.end(), &member) == list.end()) list.push_back(&member);
   }
 
-  List<ColumnPlaces> columns_;
+  ColumnList columns_;
   List<KilnPlatform::FetchedAhead> others_;
+  List<ColumnList> following_;
 };
 
 /// What all inputs of a stage share: the scan's state and its slices.
@@ -280,6 +284,14 @@ class Stage {
       companions<typename Collection::Key>().add(collection.places());
     } else if constexpr (std::is_abstract_v<Collection>) {
       companions<typename Collection::Key>().add(collection);
+    }
+  }
+  /// The handlers write this collection.
+  template <class Collection>
+  void writtenIs(const Collection& collection) {
+    companionIs(collection);
+    if constexpr (requires { collection.lookedIntoOnChange(); }) {
+      companions<typename Collection::Key>().addFollowing(collection.lookedIntoOnChange());
     }
   }
   /// The number of the next input child, and of the next pipeline, in the order of declaration.

@@ -42,6 +42,11 @@ ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEn
       esem_(*this, std::move(esemResourceTable)),
       lem_(*this, std::move(lemResourceTable)) {}
 
+void ResourceTableSm::handleInitialized() {
+  emLogicalKeyToEntry_.changesLookInto(counted_.statuses());
+  emStatusMerged_.changesLookInto(counted_.statuses());
+}
+
 std::optional<EmStatus> ResourceTableSm::Counted::exchange(const EmLogicalKey& key,
                                                            std::optional<EmStatus> status) {
   const std::optional<EmStatus> was = this->status(key);

@@ -39,6 +39,9 @@ class ResourceTableSm final : public Stage {
                   Ref<ResourceTable> esemResourceTable, Ref<ResourceTable> lemResourceTable, std::string name,
                   Ref<DependencyStatus> dependencyStatus, StageControl control);
 
+ protected:
+  void handleInitialized() override;
+
  private:
   /// The status under which each key was counted last.
   class Counted final : public LocalState {
@@ -50,6 +53,7 @@ class ResourceTableSm final : public Stage {
     [[nodiscard]] bool has(const EmLogicalKey& key) const { return statuses_.find(key) != nullptr; }
     [[nodiscard]] std::size_t size() const override { return statuses_.size(); }
     void clear() override { statuses_.clear(); }
+    [[nodiscard]] const auto& statuses() const { return statuses_; }
 
    private:
     LocalMap<EmLogicalKey, EmStatus> statuses_;
