@@ -148,7 +148,7 @@ Json capacityRows(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
 
 // --- Text, rendered from the JSON --------------------------------------------------------------------------
 
-std::string number(const Json& row, const char* name) {
+std::string countText(const Json& row, const char* name) {
   return grouped(row.at(name).get<std::uint64_t>());
 }
 
@@ -170,17 +170,17 @@ void addTable(Lines out, const Json& row) {
   const std::size_t marks =
       used == 0 ? 0 : std::clamp<std::size_t>(static_cast<std::size_t>(used * kBarWidth / max), 1, kBarWidth);
   fmt::format_to(out, "{} [{:#<{}}{:.<{}}] {} of {} used ({:.1f} %), {} free, {} pending{}\n", placeText(row),
-                 "", marks, "", kBarWidth - marks, number(row, "used"), number(row, "max-limit"),
-                 row.at("used-percent").get<double>(), number(row, "free"), number(row, "pending"),
+                 "", marks, "", kBarWidth - marks, countText(row, "used"), countText(row, "max-limit"),
+                 row.at("used-percent").get<double>(), countText(row, "free"), countText(row, "pending"),
                  row.at("used-threshold-upper-exceeded").get<bool>() ? "  ALARM" : "");
   fmt::format_to(out, "      requested {}, of these failed {}; high-watermark {} at {}\n",
-                 number(row, "requested"), number(row, "failed"), number(row, "high-watermark"),
+                 countText(row, "requested"), countText(row, "failed"), countText(row, "high-watermark"),
                  seconds(row, "high-watermark-time"));
   for (const Json& feature : row.at("features")) {
     const auto& name = feature.at("feature").get_ref<const std::string&>();
     fmt::format_to(out, "      {}: {} used ({:.1f} %), {} free, {} pending\n", name.empty() ? "server" : name,
-                   number(feature, "used"), feature.at("used-percent").get<double>(), number(feature, "free"),
-                   number(feature, "pending"));
+                   countText(feature, "used"), feature.at("used-percent").get<double>(),
+                   countText(feature, "free"), countText(feature, "pending"));
   }
 }
 
@@ -189,8 +189,8 @@ void addResources(Lines out, const Json& rows) {
   for (const Json& row : rows) {
     fmt::format_to(out, "  {} {:13} {} requested, {} programmed, {} waiting, {} failed\n",
                    row.at("database").get_ref<const std::string&>(),
-                   row.at("table").get_ref<const std::string&>(), number(row, "requested"),
-                   number(row, "programmed"), number(row, "waiting"), number(row, "failed"));
+                   row.at("table").get_ref<const std::string&>(), countText(row, "requested"),
+                   countText(row, "programmed"), countText(row, "waiting"), countText(row, "failed"));
   }
 }
 

@@ -19,8 +19,6 @@ using namespace KilnAgent;
 using namespace KilnTunnelNiLib;
 using KilnEmServer::EmComposerKey;
 
-constexpr int kTableTypes = 8;
-
 /// Draws operations over few keys, so that they meet.
 class Draw {
  public:

@@ -22,6 +22,9 @@ struct Plan {
   std::size_t withdrawnFrom = 0;  ///< index of the first operation that is part of withdrawing everything
 };
 
+/// Types of tables, numbered from 1.
+constexpr int kTableTypes = 8;
+
 /// Kinds of runs. `mixed` draws its weights; the others press one side of the server.
 constexpr std::array<std::string_view, 6> kProfiles = {"mixed",   "calm",    "storm",
                                                        "restart", "domains", "tables"};

@@ -17,7 +17,6 @@ namespace {
 using namespace KilnAgent;
 using Mode = SoftTable::AnswerMode;
 
-constexpr int kTableTypes = 8;
 /// One moment in so many is also compared as the dump shows it.
 constexpr std::uint64_t kDumpEvery = 64;
 /// Runs of tasks in which the server becomes quiet: so many, and so many more for each request and each

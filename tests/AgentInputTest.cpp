@@ -19,29 +19,12 @@
 #include "agent/Scenario.h"
 #include "runtime/Trace.h"
 #include "tests/Golden.h"
+#include "tests/Lines.h"
 
 namespace KilnTests {
 namespace {
 
 using KilnAgent::InputError;
-
-/// What `call` says of its input.
-template <class Call>
-std::string errorOf(Call call) {
-  try {
-    call();
-  } catch (const InputError& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
-std::string publish(int label) {
-  return fmt::format(R"({{"op":"publish","feature":"mpls","database":"isem","requestVersion":1,)"
-                     R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
-                     R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
-                     label);
-}
 
 /// A directory of its own, and the command line as a user runs it.
 class AgentInput : public testing::Test {
@@ -79,7 +62,7 @@ TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
     EXPECT_EQ(result.code, 2) << arguments;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
-  const std::string lines = write("in.jsonl", publish(1));
+  const std::string lines = write("in.jsonl", publishLine(1));
   EXPECT_EQ(run("run --yield-every 4294967296 " + lines).code, 2);
   EXPECT_EQ(run("run --seed -1 " + lines).code, 2);
   for (const char* argument : {"--trace 010", "--trace 0x1", "--upper 0", "--upper 101", "--clear 0x10"}) {
@@ -92,7 +75,7 @@ TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
 }
 
 TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
-  const std::string lines = write("in.jsonl", publish(1));
+  const std::string lines = write("in.jsonl", publishLine(1));
   EXPECT_EQ(run("run " + lines + " >/dev/full").code, 2);
   EXPECT_EQ(run("run " + lines + " --trace 9 --trace-file /dev/full >" + path("out")).code, 0);
   EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --chip " + path("nowhere")).code, 2);
@@ -162,7 +145,7 @@ TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {
   options.seed = 17;
   KilnAgent::EmbeddedAgent agent(options);
   KilnAgent::Scenario scenario(agent, false, 1, {});
-  for (int label = 0; label < 3; ++label) scenario.runLine(publish(label));
+  for (int label = 0; label < 3; ++label) scenario.runLine(publishLine(label));
   for (const char* capacity : {"1", "0"}) {
     scenario.settle();
     scenario.runLine(fmt::format(R"({{"op":"table","table":"isemMpls","capacity":{}}})", capacity));

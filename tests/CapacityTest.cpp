@@ -26,7 +26,7 @@ using KilnAgent::makeCollection;
 using KilnMdb::ProfileCapabilities;
 using KilnPlatform::TableCapacityEntry;
 using KilnPlatform::TableCapacityKey;
-using Tag = EmResolvedKeyUnionTag;
+using ResolvedTag = EmResolvedKeyUnionTag;
 
 class ManualClock final : public Clock {
  public:
@@ -38,7 +38,7 @@ class ManualClock final : public Clock {
 /// and counts how often it is asked.
 class CountingWriter final : public EmSwTableWriterSm {
  public:
-  CountingWriter(Tag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
+  CountingWriter(ResolvedTag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
                  const Bench& bench)
       : EmSwTableWriterSm(tag, config, status, "writer", bench.status, bench.control()) {}
   [[nodiscard]] std::uint32_t numEntries(FapId /*fapId*/, LocalCoreId /*core*/) const override {
@@ -67,7 +67,7 @@ class Capacity : public testing::Test {
 
   Capacity() {
     for (int i = 1; i <= 7; ++i) {
-      const auto tag = static_cast<Tag>(i);
+      const auto tag = static_cast<ResolvedTag>(i);
       writers[tag] = std::make_shared<CountingWriter>(tag, config, status, bench);
     }
     profiles->profileCapabilitiesIs(1, profileOf(kMax));
@@ -91,7 +91,7 @@ class Capacity : public testing::Test {
     const auto entry = table->entry().get({tableName, feature, "SemCapacity", chip});
     return entry ? fmt::format("{} {} {}", entry->used, entry->free, entry->maxLimit) : "none";
   }
-  void holdEntries(Tag tag, std::uint32_t entries) {
+  void holdEntries(ResolvedTag tag, std::uint32_t entries) {
     writers.at(tag)->entries = entries;
     status->statusIs(mplsHwKey(statusNumber++), {});
     bench.settle();
@@ -120,7 +120,7 @@ class Capacity : public testing::Test {
           makeCollection<std::string, KilnTunnelNiLib::SemCapacityExternal>());
   Ref<EmSwTableConfig> config = std::make_shared<EmSwTableConfig>();
   Ref<EmSwTableStatus> status = std::make_shared<EmSwTableStatus>();
-  std::map<Tag, Ref<CountingWriter>> writers;
+  std::map<ResolvedTag, Ref<CountingWriter>> writers;
   Ref<SemCapacitySm> sm;
   std::uint32_t statusNumber = 0;
 };
@@ -130,9 +130,9 @@ TEST_F(Capacity, EntriesAreCountedInTheTableThatTheFapTypeKeepsThemIn) {
   addFap(4, 4);
   addFap(5, 5);
   start();
-  holdEntries(Tag::isem1TagEntryKey, 10);
-  holdEntries(Tag::isemMplsEntryKey, 100);
-  holdEntries(Tag::esemFodoEntryKey, 7);
+  holdEntries(ResolvedTag::isem1TagEntryKey, 10);
+  holdEntries(ResolvedTag::isemMplsEntryKey, 100);
+  holdEntries(ResolvedTag::esemFodoEntryKey, 7);
   EXPECT_EQ("10 990 1000", row("ISEM1", "", "Fap3/0"));
   EXPECT_EQ("200 800 1000", row("ISEM2", "", "Fap3/0"));
   EXPECT_EQ("0 1000 1000", row("ISEM3", "", "Fap3/0"));
@@ -148,7 +148,7 @@ TEST_F(Capacity, EntriesAreCountedInTheTableThatTheFapTypeKeepsThemIn) {
 TEST_F(Capacity, OnFapType3NothingIsCountedBesidesCore0) {
   addFap(3, 3, 3);
   start();
-  holdEntries(Tag::isemUntaggedEntryKey, 1);
+  holdEntries(ResolvedTag::isemUntaggedEntryKey, 1);
   use("user", 3, 1, 0, 50);
   for (const auto& [key, entry] : contentOf(table->entry())) EXPECT_EQ("Fap3/0", key.chip);
   EXPECT_EQ("none", row("ISEM2", "SRv6", "Fap3/0"));
@@ -184,7 +184,7 @@ TEST_F(Capacity, WhatAFapDoesNotHaveIsLeftOut) {
   profiles->profileCapabilitiesIs(2, partial);
   profileIds->profileIdIs(FapId(4), 2);
   start();
-  holdEntries(Tag::isemMplsEntryKey, 1);
+  holdEntries(ResolvedTag::isemMplsEntryKey, 1);
   use("unknown everywhere", 4, 0, 1, 9);
   use("unknown to type 3", 3, 0, 2, 9);
   use("of a missing table", 4, 0, 0, 9);
@@ -229,7 +229,7 @@ TEST_F(Capacity, RowsAreWrittenAndStampedOnlyWhereTheirNumbersChange) {
   const TableCapacityKey steady{"ESEM", "", "SemCapacity", "Fap4/0"};
   clock->time = std::chrono::nanoseconds(500);
   const Recorder recorder(table->entry());
-  holdEntries(Tag::isem2TagEntryKey, 3);
+  holdEntries(ResolvedTag::isem2TagEntryKey, 3);
   EXPECT_EQ(2U, recorder.changes.size()) << "one row for each core";
   EXPECT_EQ(500, table->entry().get(changing)->updated.count());
   EXPECT_EQ(1, table->entry().get(steady)->updated.count());
@@ -249,7 +249,7 @@ TEST_F(Capacity, AnUpdateCostsTheSameHoweverManyEntriesThereAre) {
     const std::size_t askedBefore = asked();
     const auto slices = bench.scheduler->counters().slices;
     const std::size_t rows = recorder.changes.size();
-    writers.at(Tag::isemMplsEntryKey)->entries = entries;
+    writers.at(ResolvedTag::isemMplsEntryKey)->entries = entries;
     for (std::uint32_t i = 0; i < entries; ++i) status->statusIs(mplsHwKey(statusNumber++), {});
     bench.settle();
     costs.insert({sm->counters().updates - updates, asked() - askedBefore, recorder.changes.size() - rows,
@@ -286,22 +286,22 @@ TEST_F(Capacity, ChangesThatNeverEndDoNotHoldAnUpdateUp) {
 TEST_F(Capacity, AWriteThatComesAfterTheUpdateOfItsRequestIsCounted) {
   addFap(4, 4);
   start(bench.control().priority);
-  writers.at(Tag::isemMplsEntryKey)->initialize();
+  writers.at(ResolvedTag::isemMplsEntryKey)->initialize();
   bench.settle();
   config->configIs(mplsHwKey(1), {});  // the stage's update stands before the writer's task
   bench.settle();
-  EXPECT_EQ(1U, writers.at(Tag::isemMplsEntryKey)->entries);
+  EXPECT_EQ(1U, writers.at(ResolvedTag::isemMplsEntryKey)->entries);
   EXPECT_EQ("2 998 1000", row("ISEM1", "", "Fap4/0"));
 }
 
 using CapacityDeathTest = Capacity;
 
 TEST_F(CapacityDeathTest, UnknownTypesAndMissingProfilesAreFatal) {
-  EXPECT_DEATH(entryWidth60Bit(Tag::lemVpwsAcEntryKey), "Unsupported keyType lemVpwsAcEntryKey");
-  EXPECT_DEATH(entryWidth60Bit(Tag::undefined_), "Unsupported keyType ");
+  EXPECT_DEATH(entryWidth60Bit(ResolvedTag::lemVpwsAcEntryKey), "Unsupported keyType lemVpwsAcEntryKey");
+  EXPECT_DEATH(entryWidth60Bit(ResolvedTag::undefined_), "Unsupported keyType ");
   EXPECT_DEATH(entryWidth60Bit(KilnTunnelNiLib::SemType{1}), "Unsupported type 1");
-  EXPECT_DEATH(physicalTableIdForKeyType(Tag::lemVpwsAcEntryKey, 4), "Unsupported keyType ");
-  EXPECT_DEATH(physicalTableIdForKeyType(Tag::isemMplsEntryKey, 6), "Unsupported FapType 6");
+  EXPECT_DEATH(physicalTableIdForKeyType(ResolvedTag::lemVpwsAcEntryKey, 4), "Unsupported keyType ");
+  EXPECT_DEATH(physicalTableIdForKeyType(ResolvedTag::isemMplsEntryKey, 6), "Unsupported FapType 6");
   EXPECT_DEATH(physicalTableIdForExternalType(2, 3, 0), "Unsupported type 2");
   EXPECT_DEATH(physicalTableIdForExternalType(0, 2, 0), "Unsupported FapType 2");
   EXPECT_DEATH(isTableOnFapTypeCore(7, LocalCoreId(0), 64), "Unsupported fapType 7");
@@ -315,10 +315,10 @@ TEST_F(CapacityDeathTest, UnknownTypesAndMissingProfilesAreFatal) {
   otherKind.tables.front().exactMatch = false;
   profiles->profileCapabilitiesIs(2, otherKind);
   EXPECT_DEATH(static_cast<void>(sm->calculateMdbEmMax(64, FapId(5))), "emCapabilities");
-  const auto lem = std::make_shared<CountingWriter>(Tag::lemVpwsAcEntryKey, config, status, bench);
+  const auto lem = std::make_shared<CountingWriter>(ResolvedTag::lemVpwsAcEntryKey, config, status, bench);
   sm->swTableWriterIs(lem);
   EXPECT_DEATH(bench.settle(), "Unsupported keyType lemVpwsAcEntryKey");
-  sm->swTableWriterDel(Tag::lemVpwsAcEntryKey);
+  sm->swTableWriterDel(ResolvedTag::lemVpwsAcEntryKey);
 }
 
 // --- Alarms ------------------------------------------------------------------------------------------------
@@ -554,7 +554,7 @@ TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
 
 TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
   Server server(6);
-  const auto innerEth = [&] { return server.agent.chip().table(Tag::isemInnerEthEntryKey).fill(); };
+  const auto innerEth = [&] { return server.agent.chip().table(ResolvedTag::isemInnerEthEntryKey).fill(); };
   server.run(mpls(1) + "\n" + mpls(2) + "\n" + mpls(3));
   server.run(kInnerEth);
   EXPECT_EQ(0U, innerEth()) << "there is room for three wide entries";

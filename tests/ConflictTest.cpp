@@ -14,7 +14,6 @@ namespace KilnTest {
 namespace {
 
 using Feature = FeatureType;
-constexpr auto kMplsType = EmComposerKeyUnionTag::isemMplsEntryKey;
 
 /// The conflict stage, with or without the inputs that tell it about keys without a hardware entry.
 struct ConflictSetUp {
@@ -48,8 +47,6 @@ EmRequestStatus lost(const EmLogicalKey& key, const EmHwKey& hwKey,
   return {key, entry, hwKey, EmStatus::hwKeyConflict};
 }
 
-const EmHwKey kH1 = mplsHwKey(1);
-const EmHwKey kH2 = mplsHwKey(2);
 const EmHwKey kD1 = mplsHwKey(1, FapId(4), LocalCoreId(2));  ///< of one core; its twin is kH1
 
 TEST(Conflict, TheGreaterFeatureWinsAndItsGoingHandsOver) {

@@ -19,6 +19,7 @@
 #include "sim/Plan.h"
 #include "sim/Recompute.h"
 #include "tests/Golden.h"
+#include "tests/Lines.h"
 #include "tests/TempDirectory.h"
 
 namespace KilnTests {
@@ -31,15 +32,6 @@ using KilnAgent::EmbeddedAgent;
 using KilnAgent::InputError;
 using KilnAgent::RecordStore;
 using KilnAgent::Scenario;
-
-std::string errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const InputError& error) {
-    return error.what();
-  }
-  return "no error";
-}
 
 /// An agent over a directory, which can be ended as if its process had been killed.
 class DurableState : public testing::Test {

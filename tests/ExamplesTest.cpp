@@ -75,13 +75,13 @@ TEST_P(Examples, HoldInEveryOrderAndEndAlike) {
   }
 }
 
-std::string nameOf(const testing::TestParamInfo<std::string>& info) {
+std::string exampleName(const testing::TestParamInfo<std::string>& info) {
   std::string name = std::filesystem::path(info.param).stem();
   std::replace(name.begin(), name.end(), '-', '_');
   return name;
 }
 
-INSTANTIATE_TEST_SUITE_P(All, Examples, testing::ValuesIn(examples()), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, Examples, testing::ValuesIn(examples()), exampleName);
 
 }  // namespace
 }  // namespace KilnTests

@@ -22,7 +22,6 @@ namespace KilnTest {
 namespace {
 
 using namespace KilnTunnelNiLib;
-constexpr auto kMplsType = EmComposerKeyUnionTag::isemMplsEntryKey;
 constexpr auto kFodoType = EmComposerKeyUnionTag::esemFodoEntryKey;
 EmLogicalKey keyOf(std::uint32_t n) {
   return mplsKey(FeatureType::mpls, n);
@@ -195,9 +194,9 @@ struct FeatureStatus {
 
 template <class Kind>
 class RestartedStage : public testing::Test {};
-using Kinds = testing::Types<Intake, ConfigMergeKind, Selector, Translation<false>, Translation<true>,
-                             OutputMerge, KeyMerge, TableStatus, KeyStatus, FeatureStatus>;
-TYPED_TEST_SUITE(RestartedStage, Kinds);
+using StageKinds = testing::Types<Intake, ConfigMergeKind, Selector, Translation<false>, Translation<true>,
+                                  OutputMerge, KeyMerge, TableStatus, KeyStatus, FeatureStatus>;
+TYPED_TEST_SUITE(RestartedStage, StageKinds);
 
 TYPED_TEST(RestartedStage, TouchesOnlyWhatChanged) {
   for (const std::uint32_t yieldEvery : {0u, 1u}) {

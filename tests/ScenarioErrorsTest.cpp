@@ -50,7 +50,7 @@ std::ostream& operator<<(std::ostream& out, const Mistake& mistake) {
   return out << mistake.line;
 }
 
-std::string nameOf(const testing::TestParamInfo<Mistake>& info) {
+std::string mistakeName(const testing::TestParamInfo<Mistake>& info) {
   return info.param.name;
 }
 
@@ -130,7 +130,7 @@ const Mistake kMistakes[] = {
      "not a key of the table"},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, MalformedLine, testing::ValuesIn(kMistakes), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, MalformedLine, testing::ValuesIn(kMistakes), mistakeName);
 
 class RefusedRequest : public testing::TestWithParam<Mistake> {};
 
@@ -176,7 +176,7 @@ const Mistake kRefusals[] = {
     {"kind", publish(mplsKey(R"("label":2,"labelSpace":0)"), R"(,"requestKind":7)"), "request kind 7"},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, RefusedRequest, testing::ValuesIn(kRefusals), nameOf);
+INSTANTIATE_TEST_SUITE_P(All, RefusedRequest, testing::ValuesIn(kRefusals), mistakeName);
 
 TEST(AcceptedRequest, ReservedVlansAreAllowed) {
   KilnAgent::EmbeddedAgent agent({});

@@ -18,6 +18,7 @@
 #include "agent/InputError.h"
 #include "agent/LineSocket.h"
 #include "tests/Golden.h"
+#include "tests/Lines.h"
 #include "tests/TempDirectory.h"
 
 namespace KilnTests {
@@ -26,12 +27,6 @@ namespace {
 using Json = nlohmann::json;
 using KilnAgent::FileDescriptor;
 
-std::string publish(int label, int version = 1) {
-  return fmt::format(R"({{"op":"publish","feature":"mpls","database":"isem","requestVersion":{},)"
-                     R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
-                     R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
-                     version, label);
-}
 const std::string kSettle = R"({"op":"settle"})";
 const std::string kShowAgent = R"({"op":"show","what":"agent"})";
 const std::string kShowDump = R"({"op":"show","what":"dump"})";
@@ -127,7 +122,7 @@ TEST_F(Serve, AnswersEachOperationAndWhatItAcknowledgedOutlivesAKill) {
   start();
   {
     Client client(socketPath());
-    EXPECT_EQ((Json{{"line", 1}, {"ok", true}, {"durable", true}}), client.ask(publish(1)));
+    EXPECT_EQ((Json{{"line", 1}, {"ok", true}, {"durable", true}}), client.ask(publishLine(1)));
     client.send("\n// a comment\n");
     EXPECT_EQ((Json{{"line", 4}, {"ok", true}, {"durable", false}}),
               client.ask(R"({"op":"table","table":"isemMpls","capacity":77})"));
@@ -172,7 +167,7 @@ TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
     EXPECT_EQ(false, answer["ok"]);
     EXPECT_NE(std::string::npos, answer.value("error", "").find(wrong.told)) << answer;
   }
-  EXPECT_EQ(true, client.ask(publish(1))["ok"]);
+  EXPECT_EQ(true, client.ask(publishLine(1))["ok"]);
   client.send(
       R"({"op":"withdraw","feature":"mpls","database":"isem","key":{"isemMplsEntryKey":{"label":1,"la)");
   client.endSending();
@@ -184,7 +179,7 @@ TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
 TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
   start();
   std::string many;
-  for (int label = 1; label <= 200; ++label) many += publish(label) + "\n";
+  for (int label = 1; label <= 200; ++label) many += publishLine(label) + "\n";
   for (int round = 0; round < 10; ++round) Client(socketPath()).send(many);  // and is gone before any answer
   Client deaf(socketPath());
   std::string questions;
@@ -244,11 +239,11 @@ TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
 
 TEST_F(Serve, SendShowsTheAnswersAndTellsWhetherAllWasWell) {
   start();
-  writeFile(directory / "good.jsonl", "// two\n" + publish(1) + "\n" + publish(2));
+  writeFile(directory / "good.jsonl", "// two\n" + publishLine(1) + "\n" + publishLine(2));
   EXPECT_EQ(0, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
   EXPECT_EQ("{\"durable\":true,\"line\":2,\"ok\":true}\n{\"durable\":true,\"line\":3,\"ok\":true}\n",
             readWhole(directory / "out"));
-  writeFile(directory / "bad.jsonl", publish(3) + "\nnonsense\n");
+  writeFile(directory / "bad.jsonl", publishLine(3) + "\nnonsense\n");
   EXPECT_EQ(1, run(fmt::format("send --quiet {} {}", socketPath(), directory / "bad.jsonl")));
   const std::string out = readWhole(directory / "out");
   EXPECT_EQ(1, std::count(out.begin(), out.end(), '\n')) << out;

@@ -17,8 +17,6 @@ namespace {
 using HwState = EmHwKeyStatus::State;
 const EmLogicalKey kA = mplsKey(FeatureType::mpls, 1);
 const EmLogicalKey kB = mplsKey(FeatureType::evpn, 1);
-const EmHwKey kH1 = mplsHwKey(1);
-const EmHwKey kH2 = mplsHwKey(2);
 const EmHwKey kH3 = mplsHwKey(3);
 
 EmRequestStatus tableStatus(const EmLogicalKey& key, const EmHwKey& hwKey,

@@ -169,6 +169,8 @@ inline std::size_t localEntries(const Stage& stage) {
 
 // --- Values ------------------------------------------------------------------------------------------------
 
+constexpr auto kMplsType = EmComposerKeyUnionTag::isemMplsEntryKey;
+
 inline EmLogicalKey mplsKey(FeatureType feature, std::uint32_t label, FapId fap = FapId::allFap(),
                             LocalCoreId core = LocalCoreId::all()) {
   return {feature, fap, core, KilnTunnelNiLib::IsemMplsComposerKey{label, 0}};
@@ -177,6 +179,8 @@ inline EmHwKey mplsHwKey(std::uint32_t label, FapId fap = FapId::allFap(),
                          LocalCoreId core = LocalCoreId::all()) {
   return {fap, core, KilnTunnelNiLib::IsemMplsEntryKey{label, 0}};
 }
+inline const EmHwKey kH1 = mplsHwKey(1);
+inline const EmHwKey kH2 = mplsHwKey(2);
 inline EmLogicalKey fodoKey(std::uint32_t fodoId, FeatureType feature = FeatureType::vpws) {
   return {feature, FapId::allFap(), LocalCoreId::all(), KilnTunnelNiLib::EsemFodoComposerKey{fodoId}};
 }

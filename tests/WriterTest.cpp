@@ -22,7 +22,6 @@ using TableState = Asic::SwTableBase::EntryState;
 using MplsTable = FakeTable<Asic::IsemMplsKilnSwTable>;
 using MplsInterface = FakeInterface<Asic::IsemMplsKilnInterface>;
 
-const EmHwKey kH1 = mplsHwKey(1);
 const EmLogicalKey kL1 = mplsKey(FeatureType::mpls, 1);
 
 EmLogicalKeyAndEntry wanted(std::uint32_t lif, const EmLogicalKey& key = kL1) {
@@ -260,7 +259,7 @@ struct WriterKind {
 template <class Kind>
 class EachWriter : public testing::Test {};
 using namespace Asic;  // NOLINT: the list below would drown in it
-using Kinds = testing::Types<
+using WriterKinds = testing::Types<
     WriterKind<IsemUntaggedSwTableWriter, IsemUntaggedKilnSwTable, IsemUntaggedKilnInterface,
                isemUntaggedSwTableWriterFactory>,
     WriterKind<Isem1TagSwTableWriter, Isem1TagKilnSwTable, Isem1TagKilnInterface,
@@ -276,7 +275,7 @@ using Kinds = testing::Types<
     WriterKind<EsemFodoSwTableWriter, EsemFodoKilnSwTable, EsemFodoKilnSwTable, esemFodoSwTableWriterFactory>,
     WriterKind<LemVpwsAcSwTableWriter, LemVpwsAcKilnSwTable, LemVpwsAcKilnSwTable,
                lemVpwsAcSwTableWriterFactory>>;
-TYPED_TEST_SUITE(EachWriter, Kinds);
+TYPED_TEST_SUITE(EachWriter, WriterKinds);
 
 TYPED_TEST(EachWriter, ProgramsItsOwnTable) {
   using Table = typename TypeParam::TableClass;
