@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build git
-  clang-14 libclang-rt-14-dev
+  clang-14 libclang-rt-14-dev llvm-14
   libfmt-dev libboost1.81-dev nlohmann-json3-dev libcli11-dev
   liblmdb-dev libxxhash-dev pkg-config
   libgtest-dev libbenchmark-dev python3 valgrind
