@@ -318,35 +318,35 @@ void KilnEmServerSm::createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std:
   const auto create = [&](auto factory, const auto& held) -> Ref<EmSwTableWriterSm> {
     return factory(emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control());
   };
-  using Tag = EmResolvedKeyUnionTag;
+  using ResolvedTag = EmResolvedKeyUnionTag;
   Ref<EmSwTableWriterSm>& writer = swTableWriterSm_[tag];
   switch (tag) {
-    case Tag::isemUntaggedEntryKey:
+    case ResolvedTag::isemUntaggedEntryKey:
       writer = create(isemUntaggedSwTableWriterFactory, arguments_.isemUntagged);
       break;
-    case Tag::isem1TagEntryKey:
+    case ResolvedTag::isem1TagEntryKey:
       writer = create(isem1TagSwTableWriterFactory, arguments_.isem1Tag);
       break;
-    case Tag::isem2TagEntryKey:
+    case ResolvedTag::isem2TagEntryKey:
       writer = create(isem2TagSwTableWriterFactory, arguments_.isem2Tag);
       break;
-    case Tag::isemInnerEthEntryKey:
+    case ResolvedTag::isemInnerEthEntryKey:
       writer = create(isemInnerEthSwTableWriterFactory, arguments_.isemInnerEth);
       break;
-    case Tag::isemMplsEntryKey:
+    case ResolvedTag::isemMplsEntryKey:
       writer = create(isemMplsSwTableWriterFactory, arguments_.isemMpls);
       break;
-    case Tag::esemFodoVdEntryKey:
+    case ResolvedTag::esemFodoVdEntryKey:
       writer = create(esemFodoVdSwTableWriterFactory, arguments_.esemFodoVd);
       break;
-    case Tag::esemFodoEntryKey:
+    case ResolvedTag::esemFodoEntryKey:
       writer = create(esemFodoSwTableWriterFactory, tableOf<Asic::EsemFodoKilnSwTable>(arguments_.esemFodo));
       break;
-    case Tag::lemVpwsAcEntryKey:
+    case ResolvedTag::lemVpwsAcEntryKey:
       writer =
           create(lemVpwsAcSwTableWriterFactory, tableOf<Asic::LemVpwsAcKilnSwTable>(arguments_.lemVpwsAc));
       break;
-    case Tag::undefined_:
+    case ResolvedTag::undefined_:
       break;
   }
 }
