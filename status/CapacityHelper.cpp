@@ -22,7 +22,7 @@ CapacityHelper::CapacityHelper(Ref<KilnPlatform::TableCapacity> tableCapacity, R
       task_(
           control.scheduler, control.priority, agentName_ + "-UpdateTask",
           [](void* owner) { static_cast<CapacityHelper*>(owner)->update(); }, this, kPatience),
-      fapMark_(hardwareStatus_->fap(), task_) {}
+      fapMark_(hardwareStatus_->fap(), task_, &settingChanged_) {}
 
 void CapacityHelper::initCapacityTableFeatureMaps() {
   KILN_ASSERT_MESSAGE(false, "Must implement in child");
@@ -43,10 +43,13 @@ void CapacityHelper::handleInitialized() {
 void CapacityHelper::update() {
   const KilnPlatform::RunningStageScope scope(agentName_);
   ++counters_.updates;
-  ++generation_;
-  removeRowsOfGoneFaps();
-  updateCapacityTable();
-  removeRowsLeftOut();
+  const bool usageIsSame = usageUnchanged();
+  if (std::exchange(settingChanged_, false) || !usageIsSame) {
+    ++generation_;
+    removeRowsOfGoneFaps();
+    updateCapacityTable();
+    removeRowsLeftOut();
+  }
   tracer_.trace<9>("update {}: {} rows", counters_.updates, rows_.size());
   if (updateMustFollow()) scheduleUpdate();
 }

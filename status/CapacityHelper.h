@@ -90,6 +90,11 @@ class CapacityHelper {
 
   /// Registers the tables that the stage reports; to be called by its constructor.
   virtual void initCapacityTableFeatureMaps();
+  /// Whether tables are used as they were at the last call; false at the first. An update that nothing but
+  /// usage asked for goes no further then.
+  [[nodiscard]] virtual bool usageUnchanged() { return false; }
+  /// To be set where something else than usage changed.
+  [[nodiscard]] bool& settingChanged() { return settingChanged_; }
   /// Calls updateCapacityEntry for every row that there is to be.
   virtual void updateCapacityTable();
   /// Removes the rows of a FAP that is no more.
@@ -125,6 +130,7 @@ class CapacityHelper {
       rows_;                      ///< own rows, with the update that wrote them
   std::uint64_t generation_ = 0;  ///< number of the running update
   Counters counters_;
+  bool settingChanged_ = true;
   Task task_;
   ChangeMark<Hardware::Kiln::FapId, Hardware::Kiln::FapInfo> fapMark_;
 };

@@ -6,13 +6,15 @@
 
 namespace KilnEmServer {
 
-/// Subscribes to a collection for its lifetime. A change only makes the task ready, whatever the key: its
-/// cost does not depend on how many changes came before it. Collection and task must outlive the mark.
+/// Subscribes to a collection for its lifetime. A change only makes the task ready, and sets `changed` where
+/// that is not null, whatever the key: its cost does not depend on how many changes came before it.
+/// Collection, task and flag must outlive the mark.
 template <class K, class V>
 class ChangeMark final : private KilnPlatform::KeySubscriber<K> {
  public:
-  ChangeMark(const KilnPlatform::KeyedCollection<K, V>& collection, KilnPlatform::Task& task)
-      : collection_(collection), task_(task) {
+  ChangeMark(const KilnPlatform::KeyedCollection<K, V>& collection, KilnPlatform::Task& task,
+             bool* changed = nullptr)
+      : collection_(collection), task_(task), changed_(changed) {
     collection_.subscribe(*this);
   }
   ~ChangeMark() { collection_.unsubscribe(*this); }
@@ -20,10 +22,14 @@ class ChangeMark final : private KilnPlatform::KeySubscriber<K> {
   ChangeMark& operator=(const ChangeMark&) = delete;
 
  private:
-  void handleChange(const K& /*key*/) override { task_.scheduleTask(); }
+  void handleChange(const K& /*key*/) override {
+    if (changed_ != nullptr) *changed_ = true;
+    task_.scheduleTask();
+  }
 
   const KilnPlatform::KeyedCollection<K, V>& collection_;
   KilnPlatform::Task& task_;
+  bool* changed_;
 };
 
 }  // namespace KilnEmServer

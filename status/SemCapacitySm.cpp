@@ -119,9 +119,9 @@ SemCapacitySm::SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref
       externalDir_(std::move(externalDir)),
       emSwTableConfig_(std::move(emSwTableConfig)),
       emSwTableStatus_(std::move(emSwTableStatus)),
-      capabilitiesMark_(capabilitiesStatus_->profileCapabilities(), task()),
-      profileIdMark_(mdbLocalStatus_->profileId(), task()),
-      externalMark_(externalDir_->user(), task()),
+      capabilitiesMark_(capabilitiesStatus_->profileCapabilities(), task(), &settingChanged()),
+      profileIdMark_(mdbLocalStatus_->profileId(), task(), &settingChanged()),
+      externalMark_(externalDir_->user(), task(), &settingChanged()),
       configMark_(emSwTableConfig_->config(), task()),
       statusMark_(emSwTableStatus_->status(), task()) {
   SemCapacitySm::initCapacityTableFeatureMaps();
@@ -139,16 +139,19 @@ void SemCapacitySm::initCapacityTableFeatureMaps() {
 void SemCapacitySm::swTableWriterIs(Ref<const EmSwTableWriterSm> writer) {
   const Tag tag = writer->emResolvedKeyType();
   swTableWriter_[tag] = std::move(writer);
+  settingChanged() = true;
   scheduleUpdate();
 }
 
 void SemCapacitySm::swTableWriterDel(Tag tag) {
   swTableWriter_.erase(tag);
+  settingChanged() = true;
   scheduleUpdate();
 }
 
 void SemCapacitySm::swTableWriterDelAll() {
   swTableWriter_.clear();
+  settingChanged() = true;
   scheduleUpdate();
 }
 
@@ -177,15 +180,30 @@ bool SemCapacitySm::countedHere(PhysicalTableId tableId, const Place& place) con
   return table != nullptr && table->exactMatch;
 }
 
+// Most changes of the tables' status are new versions of entries that they hold already.
+bool SemCapacitySm::usageUnchanged() {
+  usageNow_.clear();
+  KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
+    if (profileCapabilitiesOf(fapId) == nullptr) return;
+    for (const LocalCoreId core : info.cores) {
+      for (const auto& [tag, writer] : swTableWriter_) usageNow_.push_back(writer->numEntries(fapId, core));
+    }
+  });
+  if (usageNow_ == usage_) return true;
+  usage_.swap(usageNow_);
+  return false;
+}
+
 void SemCapacitySm::updateCapacityTable() {
   const ExternalUsage external = externalUsage();
+  auto entries = usage_.cbegin();
   KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
     if (profileCapabilitiesOf(fapId) == nullptr) return;
     for (const LocalCoreId core : info.cores) {
       const Place place{fapId, info.fapType, core};
       UsageByTable usage;
       addMaxima(usage, place);
-      addWriters(usage, place);
+      for (const auto& [tag, writer] : swTableWriter_) addWriter(usage, place, tag, *entries++);
       addExternal(usage, place, external);
       writeRows(usage, fapNameToChipExternalComponent(info.name, core));
     }
@@ -209,13 +227,11 @@ void SemCapacitySm::addMaxima(UsageByTable& usage, const Place& place) const {
   }
 }
 
-void SemCapacitySm::addWriters(UsageByTable& usage, const Place& place) const {
-  for (const auto& [tag, writer] : swTableWriter_) {
-    const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
-    if (!countedHere(tableId, place)) continue;
-    std::uint32_t& used = usage[tableId][""].used;
-    used = addEntries(used, writer->numEntries(place.fapId, place.core), entryWidth60Bit(tag));
-  }
+void SemCapacitySm::addWriter(UsageByTable& usage, const Place& place, Tag tag, std::uint32_t entries) const {
+  const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
+  if (!countedHere(tableId, place)) return;
+  std::uint32_t& used = usage[tableId][""].used;
+  used = addEntries(used, entries, entryWidth60Bit(tag));
 }
 
 void SemCapacitySm::addExternal(UsageByTable& usage, const Place& place,

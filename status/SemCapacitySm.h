@@ -85,6 +85,7 @@ class SemCapacitySm final : public CapacityHelper {
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
 
   void initCapacityTableFeatureMaps() override;
+  [[nodiscard]] bool usageUnchanged() override;
   void updateCapacityTable() override;
   [[nodiscard]] bool updateMustFollow() const override;
 
@@ -92,7 +93,8 @@ class SemCapacitySm final : public CapacityHelper {
   [[nodiscard]] bool countedHere(PhysicalTableId tableId, const Place& place) const;
   [[nodiscard]] ExternalUsage externalUsage() const;
   void addMaxima(UsageByTable& usage, const Place& place) const;
-  void addWriters(UsageByTable& usage, const Place& place) const;
+  void addWriter(UsageByTable& usage, const Place& place, EmResolvedKeyUnionTag tag,
+                 std::uint32_t entries) const;
   void addExternal(UsageByTable& usage, const Place& place, const ExternalUsage& external) const;
   void writeRows(const UsageByTable& usage, const std::string& chip);
 
@@ -103,6 +105,9 @@ class SemCapacitySm final : public CapacityHelper {
   Ref<const EmSwTableStatus> emSwTableStatus_;
   CapacityTableNames mdbTableToTableName_;
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
+  /// Entries per FAP that has a profile, core and writer, in the order of their walks.
+  std::vector<std::uint32_t> usage_;
+  std::vector<std::uint32_t> usageNow_;  ///< kept, so that counting allocates nothing
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
   ChangeMark<FapId, std::uint32_t> profileIdMark_;
   ChangeMark<std::string, KilnTunnelNiLib::SemCapacityExternal> externalMark_;
