@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 
 #include "platform/Collection.h"
 #include "runtime/Collection.h"
@@ -42,9 +41,7 @@ class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
       del(*content_.scanNext(first));
     }
   }
-  std::optional<K> scanNext(KilnPlatform::ScanCursor<K>& cursor) const override {
-    return content_.scanNext(cursor);
-  }
+  const K* scanNext(KilnPlatform::ScanCursor<K>& cursor) const override { return content_.scanNext(cursor); }
   void subscribe(KilnPlatform::KeySubscriber<K>& subscriber) const override {
     content_.subscribe(subscriber);
   }

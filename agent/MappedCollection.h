@@ -8,7 +8,6 @@
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -88,16 +87,16 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
 
   void delAll() override {
     KilnPlatform::ScanCursor<K> cursor;
-    while (const std::optional<K> key = scanNext(cursor)) del(*key);
+    while (const K* key = scanNext(cursor)) del(*key);
   }
 
-  std::optional<K> scanNext(KilnPlatform::ScanCursor<K>& cursor) const override {
+  const K* scanNext(KilnPlatform::ScanCursor<K>& cursor) const override {
     if (!std::exchange(cursor.started, true)) cursor.index = file_.slots();
     while (cursor.index != 0) {
       const Slot& candidate = slot(--cursor.index);
-      if (candidate.word != 0) return candidate.key;
+      if (candidate.word != 0) return &candidate.key;
     }
-    return std::nullopt;
+    return nullptr;
   }
 
   void subscribe(KilnPlatform::KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }

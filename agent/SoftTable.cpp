@@ -45,11 +45,6 @@ SoftTable::SoftTable(const Setting& setting)
           setting.scheduler, 0, "SoftChip-" + std::string(setting.stem),
           [](void* self) { static_cast<SoftTable*>(self)->runAnswers(); }, this, kAgentPatience) {}
 
-void SoftTable::noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation) {
-  ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);
-  for (TableWatcher* watcher : watchers_) watcher->handleOperation(key, operation);
-}
-
 void SoftTable::watcherIs(TableWatcher& watcher, bool on) {
   std::erase(watchers_, &watcher);
   if (on) watchers_.push_back(&watcher);

@@ -155,7 +155,11 @@ class SoftTable {
   /// Takes over the answer of an operation that was applied with this outcome.
   void deliver(EntryState outcome, ResponseHandler&& handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
-  void noteOperation(const KilnEmServer::EmResolvedKey& key, TableWatcher::Operation operation);
+  template <class Key>
+  void noteOperation(const Key& key, TableWatcher::Operation operation) {
+    ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);
+    for (TableWatcher* watcher : watchers_) watcher->handleOperation(key, operation);
+  }
   [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
   /// Whether there is room for one more entry of this table's key type.
   [[nodiscard]] bool hasRoomFor(KilnEmServer::EmResolvedKeyUnionTag tag) const {
@@ -297,8 +301,8 @@ class SoftSwTable final : public SwTable, public SoftTable {
     const std::uint64_t before = counters_.removed;
     KilnPlatform::ScanCursor<Key> cursor;
     while (claimed_.size() < entrys_->size() && reconciling_) {
-      const std::optional<Key> key = entrys_->scanNext(cursor);
-      KILN_ASSERT(key && "an unclaimed entry is found by a walk");
+      const Key* key = entrys_->scanNext(cursor);
+      KILN_ASSERT(key != nullptr && "an unclaimed entry is found by a walk");
       if (!claimed_.contains(*key)) remove(*key);
     }
     reconciling_ = false;

@@ -70,6 +70,8 @@ int main(int argc, char** argv) {
   std::string operation;
   app.add_option("--entries", setting.entries, "how many")->check(CLI::Range(1, 1'500'000));
   app.add_option("--rounds", setting.rounds, "of new versions and of identical ones; the last is printed");
+  app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
+      ->check(CLI::PositiveNumber);
   app.add_option("--subject", subject)->check(CLI::IsMember({"mixed", "store", "chip", "floor"}));
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");

@@ -20,7 +20,7 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   if (current_ == resolverKey) {
     begin();
   } else if (waiting_.add(resolverKey, stage_.arrivals())) {
-    stage_.noteArrival();
+    stage_.noteArrival(*this);
   }
 }
 
@@ -50,8 +50,9 @@ void ComposerSm::ResourceWalk::handleNext() {
     begin();
   }
   if (const auto* coll = composer_.resolverKeyToEmLogicalKey_.find(*current_)) {
-    if (const auto emKey = (*coll)->emLogicalKeySet().scanNext(cursor_)) {
-      detail::runItem(stage_, *emKey, [&] { composer_.handleRequest(*emKey); });
+    if (const EmLogicalKey* next = (*coll)->emLogicalKeySet().scanNext(cursor_)) {
+      const EmLogicalKey emKey = *next;  // it may leave the set meanwhile
+      detail::runItem(stage_, emKey, [&] { composer_.handleRequest(emKey); });
       return;
     }
   }

@@ -77,6 +77,7 @@ void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey
                                     const Request* entryOpt) {
   using KilnTunnelNiLib::RequestKind;
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
+  expectFurtherOn(logicalKey);
   const bool admitted =
       entryOpt != nullptr && ofThisDatabase(logicalKey) && ofOneScope(logicalKey) &&
       (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);

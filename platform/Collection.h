@@ -13,6 +13,8 @@ template <class K>
 struct KeyChannels {
   static constexpr std::size_t kCount = 1;
   static std::size_t of(const K& /*key*/) { return 0; }
+  /// The group of a channel's keys, below 64.
+  static std::size_t groupOf(std::size_t /*channel*/) { return 0; }
 };
 
 /// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent
@@ -35,6 +37,9 @@ struct ScanCursor {
   bool started = false;
   std::size_t index = 0;
   std::optional<K> last;
+  /// Groups of keys that nobody asks about, a bit each: a collection that knows its keys by group may leave
+  /// them out.
+  std::uint64_t unwanted = 0;
 };
 
 /// What may be told which key will be looked up soon.
@@ -69,10 +74,11 @@ class KeyedCollection : public FetchedAhead {
   /// Deletes every key, notifying each.
   virtual void delAll() = 0;
 
-  /// The next key of a walk, or nothing at its end. The walk survives every change made between two calls: a
-  /// key that is present from the first call to the last is visited at least once, and each call makes
-  /// progress. The order is deterministic: the same operations give the same order everywhere.
-  virtual std::optional<K> scanNext(ScanCursor<K>& cursor) const = 0;
+  /// The next key of a walk, or null at its end; valid until the key is deleted. The walk survives every
+  /// change made between two calls: a key that is present from the first call to the last is visited at least
+  /// once, and each call makes progress. The order is deterministic: the same operations give the same order
+  /// everywhere.
+  virtual const K* scanNext(ScanCursor<K>& cursor) const = 0;
 
   /// Adds a subscriber, which must stay alive until it is removed. Subscribing does not change the content,
   /// so a reader may do it.

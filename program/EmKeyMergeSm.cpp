@@ -31,6 +31,7 @@ void EmKeyMergeSm::eventToVok_pipeline0(const EmLogicalKey& emKey) {
   const EmHwKey* hwKey = resolvedKeyColl_.find(emKey);
   const EmConfigEntry* entry = emLogicalKeyToEntry_.find(emKey);
   if (hwKey != nullptr && entry != nullptr) {
+    expectFurtherOn(*hwKey);
     emMergedEntry_.insert(emKey, {*entry, *hwKey});
   } else {
     emMergedEntry_.erase(emKey);

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -105,8 +104,9 @@ template <class K, class V>
 class ColumnCollection final : public KeyedCollection<K, V> {
  public:
   /// Keys that this collection is the first to hold join `group`, unless their type has groups of its own.
-  explicit ColumnCollection(std::size_t group = 0) : group_(group) {}
+  explicit ColumnCollection(std::size_t group = 0) : group_(group) { keys_.columnIs(values_); }
   ~ColumnCollection() override {
+    keys_.columnDel(values_);
     for (auto handle = values_.next(0); handle != Values::kNone; handle = values_.next(handle + 1)) {
       keys_.release(handle);
     }
@@ -153,12 +153,17 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     }
   }
 
-  std::optional<K> scanNext(ScanCursor<K>& cursor) const override {
-    const auto handle = values_.next(cursor.index);
-    if (handle == Values::kNone) return std::nullopt;
+  const K* scanNext(ScanCursor<K>& cursor) const override {
+    auto handle = values_.next(cursor.index);
+    if constexpr (requires(const K& key) { keyGroup(key); }) {
+      while (handle != Values::kNone && (cursor.unwanted >> keys_.groupAt(handle) & 1) != 0) {
+        handle = values_.next(keys_.pageAfter(handle));
+      }
+    }
+    if (handle == Values::kNone) return nullptr;
     cursor.index = handle + std::size_t{1};
     keys_.expect(handle);
-    return keys_.key(handle);
+    return &keys_.key(handle);
   }
 
   void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
@@ -194,6 +199,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
   }
 
   [[nodiscard]] const V* find(const K& key) const override {
+    if (entries_.empty()) return nullptr;
     const std::uint32_t place = placeOf(keys_.find(key));
     return place == kNone ? nullptr : &entries_[place].value;
   }
@@ -216,6 +222,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
   }
 
   bool del(const K& key) override {
+    if (entries_.empty()) return false;
     const std::uint32_t handle = keys_.find(key);
     const std::uint32_t place = placeOf(handle);
     if (place == kNone) return false;
@@ -237,16 +244,16 @@ class DenseCollection final : public KeyedCollection<K, V> {
     while (!entries_.empty()) del(keys_.key(entries_.back().handle));
   }
 
-  std::optional<K> scanNext(ScanCursor<K>& cursor) const override {
+  const K* scanNext(ScanCursor<K>& cursor) const override {
     if (!cursor.started) {
       cursor.started = true;
       cursor.index = entries_.size();
     }
     if (cursor.index > entries_.size()) cursor.index = entries_.size();
-    if (cursor.index == 0) return std::nullopt;
+    if (cursor.index == 0) return nullptr;
     const std::uint32_t handle = entries_[--cursor.index].handle;
     keys_.expect(handle);
-    return keys_.key(handle);
+    return &keys_.key(handle);
   }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
@@ -314,11 +321,11 @@ class OrderedCollection final : public KeyedCollection<K, V> {
     }
   }
 
-  std::optional<K> scanNext(ScanCursor<K>& cursor) const override {
+  const K* scanNext(ScanCursor<K>& cursor) const override {
     const auto at = cursor.last ? entries_.upper_bound(*cursor.last) : entries_.begin();
-    if (at == entries_.end()) return std::nullopt;
+    if (at == entries_.end()) return nullptr;
     cursor.last = at->first;
-    return at->first;
+    return &at->first;
   }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }

@@ -258,6 +258,7 @@ struct KeyChannels<KilnEmServer::EmLogicalKey> {
     return static_cast<std::size_t>(key.featureType) % kFeatures * kTypes +
            static_cast<std::size_t>(key.emComposerKey.tag());
   }
+  static std::size_t groupOf(std::size_t channel) { return channel % kTypes; }
   /// Whether keys of a channel have a composer type.
   static bool known(std::size_t channel) { return channel % kTypes != 0; }
   /// Some key of a channel.
@@ -277,6 +278,7 @@ struct KeyChannels<KilnEmServer::EmHwKey> {
   static std::size_t of(const KilnEmServer::EmHwKey& key) {
     return static_cast<std::size_t>(key.emResolvedKey.tag());
   }
+  static std::size_t groupOf(std::size_t channel) { return channel; }
   /// Whether keys of a channel belong to a table.
   static bool known(std::size_t channel) { return channel != 0; }
   /// Some key of a channel.

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -85,7 +84,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
   std::size_t drain(std::uint64_t limit, bool& yielded) final {
     std::size_t items = 0;
-    const bool ahead = pending_.size() > 1 && KeySpace<K>::instance().size() >= kFetchedAheadFrom;
+    const bool far = KeySpace<K>::instance().size() >= kFetchedAheadFrom;
+    const bool ahead = far && pending_.size() > 1;
+    stage_.loneChangeIs(far && !ahead);
     while (!pending_.empty() && pending_.headArrival() < limit) {
       if (ahead) expectSoon();
       const auto taken = pending_.take();
@@ -108,7 +109,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
         if (!self().wants(key)) return;
       }
       if (pending_.add(key, stage_.arrivals())) {
-        stage_.noteArrival();
+        stage_.noteArrival(*this);
       } else {
         stage_.noteCoalesced();
       }
@@ -119,15 +120,26 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
+  /// Keys of groups that the stage does not want are no items, whether or not they are traced: slices end
+  /// where they ended without traces.
   bool scanItem() final {
-    const std::optional<K> key = self().collection().scanNext(cursor_);
-    if (!key) return false;
-    if constexpr (requires { self().walksOver(*key); }) {
-      if (self().walksOver(*key)) return true;
+    if constexpr (requires { self().unwantedGroups(); }) {
+      if (!cursor_.started && cursor_.index == 0) unwanted_ = self().unwantedGroups();
+      cursor_.unwanted = traced() ? 0 : unwanted_;
     }
-    const auto held = pending_.hold(*key);
-    handleItem(held.key());
-    return true;
+    while (const K* key = self().collection().scanNext(cursor_)) {
+      const KeyUse<K> held(*key);
+      if (isUnwanted(held.key())) {
+        if (traced()) handleItem(held.key());
+        continue;
+      }
+      if constexpr (requires { self().walksOver(held.key()); }) {
+        if (self().walksOver(held.key())) return true;
+      }
+      handleItem(held.key());
+      return true;
+    }
+    return false;
   }
   [[nodiscard]] std::size_t collectionSize() const final {
     return static_cast<const Self*>(this)->collection().size();
@@ -166,7 +178,15 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     }
   }
 
+  /// Whether what the stage does not want is traced.
+  [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
+  [[nodiscard]] bool isUnwanted(const K& key) const {
+    using Channels = KilnPlatform::KeyChannels<K>;
+    return unwanted_ != 0 && (unwanted_ >> Channels::groupOf(Channels::of(key)) & 1) != 0;
+  }
+
   ScanCursor<K> cursor_;
+  std::uint64_t unwanted_ = 0;  ///< groups of keys, a bit each
   PendingKeys<K> pending_;
   const Companions& companions_;
 };
@@ -235,6 +255,16 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   [[nodiscard]] bool walksOver(const Key& key) const
       requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
     return !(owner_.*WantedChannel)(key) && !this->stage_.tracer().enabled(6);
+  }
+  /// The groups of keys without a wanted channel, a bit each.
+  [[nodiscard]] std::uint64_t unwantedGroups() const
+      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
+    using Channels = KilnPlatform::KeyChannels<Key>;
+    std::uint64_t wanted = 0;
+    for (std::size_t channel = 0; channel < Channels::kCount; ++channel) {
+      if (wantsChannel(channel)) wanted |= std::uint64_t{1} << Channels::groupOf(channel);
+    }
+    return ~wanted;
   }
   [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
     if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {

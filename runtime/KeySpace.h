@@ -80,6 +80,20 @@ class KeySpace {
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
   }
+  /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
+  [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
+  [[nodiscard]] static Handle pageAfter(Handle handle) {
+    return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
+  }
+  /// The same with what any collection has under it.
+  void prefetchEverywhere(Handle handle) const {
+    if (!mayBeInUse(handle)) return;
+    prefetch(handle);
+    columns_.prefetch(handle);
+  }
+  /// A column by handles of this space, for prefetchEverywhere.
+  void columnIs(const ColumnPlaces& column) { columns_.add(column); }
+  void columnDel(const ColumnPlaces& column) { columns_.remove(column); }
   /// Keys in use.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
 
@@ -229,9 +243,29 @@ class KeySpace {
   std::vector<PageUse> pageUses_;
   std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
   HandleIndex index_;
+  ColumnList columns_;
   // The key that was looked up last is looked up again more often than not.
   mutable Handle last_ = kNone;
   mutable const K* lastKey_ = nullptr;
+};
+
+/// A key that stays in use meanwhile. Looking up key() is cheap, in whatever collections.
+template <class K>
+class KeyUse {
+ public:
+  explicit KeyUse(const K& key) : handle_(keys_.acquire(key)) { keys_.expect(handle_); }
+  /// Takes over a use of the handle.
+  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) : keys_(keys), handle_(handle) {
+    keys_.expect(handle_);
+  }
+  ~KeyUse() { keys_.release(handle_); }
+  KeyUse(const KeyUse&) = delete;
+  KeyUse& operator=(const KeyUse&) = delete;
+  [[nodiscard]] const K& key() const { return keys_.key(handle_); }
+
+ private:
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  typename KeySpace<K>::Handle handle_;
 };
 
 }  // namespace KilnEmServer

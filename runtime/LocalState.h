@@ -25,12 +25,24 @@ class LocalMap {
  public:
   using Key = K;
 
+#ifdef KILN_ORDERED_COLLECTIONS
   LocalMap() = default;
-  ~LocalMap() { clear(); }
+  ~LocalMap() = default;
+#else
+  LocalMap() {
+    keys_.columnIs(values_);
+  }
+  ~LocalMap() {
+    clear();
+    keys_.columnDel(values_);
+  }
+#endif
   LocalMap(const LocalMap&) = delete;
   LocalMap& operator=(const LocalMap&) = delete;
 
-  [[nodiscard]] std::size_t size() const { return values_.size(); }
+  [[nodiscard]] std::size_t size() const {
+    return values_.size();
+  }
 #ifdef KILN_ORDERED_COLLECTIONS
   [[nodiscard]] V* find(const K& key) {
     const auto at = values_.find(key);

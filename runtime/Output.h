@@ -119,7 +119,9 @@ class Output final : public OutputBase {
     }
   }
 
-  void insertMarking(const Key& key, const Value& value) {
+  void insertMarking(const Key& given, const Value& value) {
+    const KeyUse<Key> use(given);
+    const Key& key = use.key();
     if (reconciling()) marks_->heldBack.del(key);
     const Mark before = markOf(key);
     const bool present = collection().has(key);
@@ -175,21 +177,21 @@ class Output final : public OutputBase {
 
   bool deletionScanItem(bool& deleted) override {
     if (noteSeen_) {
-      if (const auto key = collection().scanNext(cursor_)) {
+      if (const Key* key = collection().scanNext(cursor_)) {
         deleted = markOf(*key) == Mark::none;
-        if (deleted) deleteStale(*key);
+        if (deleted) deleteStale(Key(*key));
         return true;
       }
     }
     ScanCursor<Key> first;
-    if (const auto key = marks_->heldBack.scanNext(first)) {
-      stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), *key);
-      deleted = collection().has(*key);
-      if (deleted) deleteStale(*key);
-      marks_->heldBack.del(*key);
-      return true;
-    }
-    return false;
+    const Key* heldBack = marks_->heldBack.scanNext(first);
+    if (heldBack == nullptr) return false;
+    const Key key = *heldBack;
+    stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), key);
+    deleted = collection().has(key);
+    if (deleted) deleteStale(key);
+    marks_->heldBack.del(key);
+    return true;
   }
 
   void deleteStale(const Key& key) {

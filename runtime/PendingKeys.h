@@ -136,20 +136,6 @@ class PendingKeys {
   PendingKeys(const PendingKeys&) = delete;
   PendingKeys& operator=(const PendingKeys&) = delete;
 
-  /// A key while it is being handled.
-  class Taken {
-   public:
-    Taken(KeySpace<K>& keys, Handle handle) : keys_(keys), handle_(handle) { keys_.expect(handle); }
-    ~Taken() { keys_.release(handle_); }
-    Taken(const Taken&) = delete;
-    Taken& operator=(const Taken&) = delete;
-    [[nodiscard]] const K& key() const { return keys_.key(handle_); }
-
-   private:
-    KeySpace<K>& keys_;
-    Handle handle_;
-  };
-
   /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where
   /// added.
   bool add(const K& key, std::uint64_t arrival) {
@@ -167,13 +153,11 @@ class PendingKeys {
   [[nodiscard]] std::uint64_t headArrival() const { return queue_.firstArrival(); }
 
   /// Takes the first key out. From then on a change of it stands in the queue again.
-  [[nodiscard]] Taken take() {
+  [[nodiscard]] KeyUse<K> take() {
     const Handle handle = queue_.pop();
     standing_.reset(handle);
-    return Taken(keys_, handle);
+    return KeyUse<K>(keys_, handle);
   }
-  /// A key that does not come from the queue, as if it had.
-  [[nodiscard]] Taken hold(const K& key) { return Taken(keys_, keys_.acquire(key)); }
   /// The same as take(), where the key is wanted only.
   K pop() { return K(take().key()); }
   /// Calls `fetch` with the handle of a key whose turn comes some time later; the queue must not be empty.

@@ -298,8 +298,9 @@ std::size_t Stage::pendingCount() const {
   return count;
 }
 
-void Stage::noteArrival() {
+void Stage::noteArrival(InputBase& input) {
   ++arrivals_;
+  if (!std::exchange(input.waiting_, true)) waiting_.push_back(&input);
   if (initialScanDone_ && eventTask_ != nullptr) eventTask_->scheduleTask();
 }
 
@@ -366,12 +367,15 @@ void Stage::reapInputs() {
   }
 }
 
-InputBase* Stage::nextInput(std::uint64_t& limit) const {
+InputBase* Stage::nextInput(std::uint64_t& limit) {
+  std::erase_if(waiting_, [](InputBase* input) {
+    input->waiting_ = input->hasPending();
+    return !input->waiting_;
+  });
   InputBase* first = nullptr;
   std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
   limit = arrivals_;
-  for (InputBase* input : inputs_) {
-    if (!input->hasPending()) continue;
+  for (InputBase* input : waiting_) {
     const std::uint64_t arrival = input->headArrival();
     if (arrival < least) {
       limit = std::min(limit, least);
@@ -396,7 +400,7 @@ void Stage::runEvents() {
     items += input->drain(limit, yielded);
   }
   control_.scheduler->taskWorkCountInc(items);
-  if (const std::size_t pending = pendingCount(); pending > 0) {
+  if (const std::size_t pending = yielded ? pendingCount() : 0; pending > 0) {
     tracer_.trace<8>("yielding after {} events ({} pending)", items, pending);
     control_.scheduler->taskWorkPendingIs(pending);
     eventTask_->scheduleTask();

@@ -140,6 +140,8 @@ class InputBase {
   int pipeline_;
   ScanState scanState_ = ScanState::notStarted;
   bool subscribed_ = false;
+  friend Stage;
+  bool waiting_ = false;  ///< whether it stands in the stage's list
   std::size_t totalItems_ = 0;
   std::size_t sizeAtPause_ = 0;
   std::unique_ptr<Task> task_;
@@ -269,7 +271,10 @@ class Stage {
 
   // For inputs, outputs and local state.
   void inputIs(InputBase& input) { inputs_.push_back(&input); }
-  void inputDel(InputBase& input) { std::erase(inputs_, &input); }
+  void inputDel(InputBase& input) {
+    std::erase(inputs_, &input);
+    std::erase(waiting_, &input);
+  }
   void outputIs(OutputBase& output) { outputs_.push_back(&output); }
   void localStateIs(LocalState& state) { localStates_.push_back(&state); }
   /// What the stage's handlers look into by keys of type K.
@@ -299,8 +304,10 @@ class Stage {
   int takePipelineNumber() { return pipelineNumber_++; }
   /// The arrival number of the next key that joins a pending list.
   [[nodiscard]] std::uint64_t arrivals() const { return arrivals_; }
-  /// A key joined a pending list: sees to it that the list is drained.
-  void noteArrival();
+  /// A key joined the pending list of an input: sees to it that the list is drained.
+  void noteArrival(InputBase& input);
+  /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
+  void loneChangeIs(bool lone) { loneChange_ = lone; }
   /// A key changed again before it was handled.
   void noteCoalesced() { ++coalescedChanges_; }
   void handleScanComplete();
@@ -333,6 +340,14 @@ class Stage {
     if (companions != companions_.end()) companions->second.prefetch(handle);
   }
 
+  /// The change that is being handled goes on under this key: where it came alone, what any stage has under
+  /// the key is fetched now, all at once, and not by each stage in its turn.
+  template <class K>
+  void expectFurtherOn(const K& key) const {
+    if (loneChange_) [[unlikely]]
+      KeySpace<K>::instance().prefetchEverywhere(hintOf(key).handle());
+  }
+
   /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
   virtual void checkArguments() const {}
   /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
@@ -346,7 +361,7 @@ class Stage {
   void runEvents();
   void handleInitialScanDone();
   void readyIs(bool ready);
-  [[nodiscard]] InputBase* nextInput(std::uint64_t& limit) const;
+  [[nodiscard]] InputBase* nextInput(std::uint64_t& limit);
 
   std::string_view className_;
   std::string name_;
@@ -365,6 +380,8 @@ class Stage {
   std::uint64_t arrivals_ = 0;
   std::uint64_t coalescedChanges_ = 0;
   std::vector<InputBase*> inputs_;
+  std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
+  bool loneChange_ = false;
   std::vector<OutputBase*> outputs_;
   std::vector<LocalState*> localStates_;
   std::map<const void*, Companions> companions_;  ///< by the keys' space
