@@ -35,12 +35,6 @@ class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
     if (watcher_ != nullptr) tellWatcher(key, nullptr);
     return content_.del(key);
   }
-  void delAll() override {
-    while (!content_.empty()) {
-      KilnPlatform::ScanCursor<K> first;
-      del(*content_.scanNext(first));
-    }
-  }
   const K* scanNext(KilnPlatform::ScanCursor<K>& cursor) const override { return content_.scanNext(cursor); }
   void subscribe(KilnPlatform::KeySubscriber<K>& subscriber) const override {
     content_.subscribe(subscriber);

@@ -85,11 +85,6 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     return true;
   }
 
-  void delAll() override {
-    KilnPlatform::ScanCursor<K> cursor;
-    while (const K* key = scanNext(cursor)) del(*key);
-  }
-
   const K* scanNext(KilnPlatform::ScanCursor<K>& cursor) const override {
     if (!std::exchange(cursor.started, true)) cursor.index = file_.slots();
     while (cursor.index != 0) {

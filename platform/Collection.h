@@ -71,8 +71,14 @@ class KeyedCollection : public FetchedAhead {
   virtual bool is(const K& key, const V& value) = 0;
   /// Deletes. True where the key was present.
   virtual bool del(const K& key) = 0;
-  /// Deletes every key, notifying each.
-  virtual void delAll() = 0;
+  /// Deletes every key, notifying each; also those that subscribers insert meanwhile. One walk per round: a
+  /// walk that began anew for each key would pass by all that was emptied before.
+  virtual void delAll() {
+    while (!empty()) {
+      ScanCursor<K> cursor;
+      while (const K* key = scanNext(cursor)) del(*key);
+    }
+  }
 
   /// The next key of a walk, or null at its end; valid until the key is deleted. The walk survives every
   /// change made between two calls: a key that is present from the first call to the last is visited at least

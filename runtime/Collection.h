@@ -314,13 +314,6 @@ class OrderedCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  void delAll() override {
-    while (!entries_.empty()) {
-      const K key = entries_.begin()->first;
-      del(key);
-    }
-  }
-
   const K* scanNext(ScanCursor<K>& cursor) const override {
     const auto at = cursor.last ? entries_.upper_bound(*cursor.last) : entries_.begin();
     if (at == entries_.end()) return nullptr;

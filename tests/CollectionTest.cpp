@@ -7,8 +7,10 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "TestSupport.h"
+#include "agent/Collections.h"
 
 namespace KilnTest {
 namespace {
@@ -43,6 +45,38 @@ TYPED_TEST(CollectionTest, DelAllNotifiesEachKeyOfAConsistentCollection) {
   const auto deletions = recorder.deletions();  // a key still present at its notification is not counted
   EXPECT_EQ(std::set<int>(deletions.begin(), deletions.end()).size(), 20u);
   EXPECT_EQ(deletions.size(), 20u);
+}
+
+/// Implements only what must be implemented, and counts the walks over it that begin.
+class CountedWalks final : public KeyedCollection<int, int> {
+ public:
+  [[nodiscard]] const int* find(const int& key) const override { return content_.find(key); }
+  [[nodiscard]] std::size_t size() const override { return content_.size(); }
+  bool is(const int& key, const int& value) override { return content_.is(key, value); }
+  bool del(const int& key) override { return content_.del(key); }
+  const int* scanNext(ScanCursor<int>& cursor) const override {
+    if (!std::exchange(cursor.started, true)) ++walks;
+    return content_.scanNext(cursor);
+  }
+  void subscribe(KeySubscriber<int>& subscriber) const override { content_.subscribe(subscriber); }
+  void unsubscribe(KeySubscriber<int>& subscriber) const override { content_.unsubscribe(subscriber); }
+  mutable int walks = 0;
+
+ private:
+  ColumnCollection<int, int> content_;
+};
+
+// A walk that begins anew passes by all places that are empty by then.
+TEST(CollectionWalks, DelAllWalksOnce) {
+  CountedWalks collection;
+  for (int key = 0; key < 100; ++key) collection.is(key, key);
+  collection.delAll();
+  EXPECT_TRUE(collection.empty());
+  EXPECT_EQ(collection.walks, 1);
+  const auto agents = KilnAgent::makeCollection<int, int>();
+  for (int key = 0; key < 100; ++key) agents->is(key, key);
+  agents->delAll();
+  EXPECT_TRUE(agents->empty());
 }
 
 // A value or key that lives in the collection itself is a usual argument: copies of what was found are
