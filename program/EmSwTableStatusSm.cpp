@@ -1,5 +1,6 @@
 #include "program/EmSwTableStatusSm.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -72,24 +73,26 @@ void EmSwTableStatusSm::publish(const EmLogicalKey& logicalKey, const EmHwKey& s
                    static_cast<EmStatus>(status.status)});
 }
 
+void EmSwTableStatusSm::OtherHwKeys::remove(HwKeys& keys, const EmHwKey& hwKey) {
+  keys.erase(std::remove(keys.begin(), keys.end(), hwKey), keys.end());
+}
+
 void EmSwTableStatusSm::OtherHwKeys::add(const EmLogicalKey& logicalKey, const EmHwKey& hwKey) {
-  std::vector<EmHwKey>& keys = keys_[logicalKey];
-  std::erase(keys, hwKey);
+  HwKeys& keys = keys_.obtain(logicalKey);
+  remove(keys, hwKey);
   keys.push_back(hwKey);
 }
 
 void EmSwTableStatusSm::OtherHwKeys::del(const EmLogicalKey& logicalKey, const EmHwKey& hwKey) {
-  if (keys_.empty()) return;
-  const auto at = keys_.find(logicalKey);
-  if (at == keys_.end()) return;
-  std::erase(at->second, hwKey);
-  if (at->second.empty()) keys_.erase(at);
+  HwKeys* keys = keys_.size() == 0 ? nullptr : keys_.find(logicalKey);
+  if (keys == nullptr) return;
+  remove(*keys, hwKey);
+  if (keys->empty()) keys_.del(logicalKey);
 }
 
 const EmHwKey* EmSwTableStatusSm::OtherHwKeys::last(const EmLogicalKey& logicalKey) const {
-  if (keys_.empty()) return nullptr;
-  const auto at = keys_.find(logicalKey);
-  return at == keys_.end() ? nullptr : &at->second.back();
+  const HwKeys* keys = keys_.size() == 0 ? nullptr : keys_.find(logicalKey);
+  return keys == nullptr ? nullptr : &keys->back();
 }
 
 Ref<EmSwTableStatusSm> emSwTableStatusSmFactory(Ref<const EmSwTableStatus> emSwTableStatus,

@@ -1,9 +1,8 @@
 // Restates the tables' answers, which are per hardware key, for the logical keys that own them.
 #pragma once
 
-#include <map>
+#include <boost/container/small_vector.hpp>
 #include <string>
-#include <vector>
 
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
@@ -39,7 +38,11 @@ class EmSwTableStatusSm final : public Stage {
     void clear() override { keys_.clear(); }
 
    private:
-    std::map<EmLogicalKey, std::vector<EmHwKey>> keys_;
+    /// Mostly one: a key that moves leaves one hardware key behind.
+    using HwKeys = boost::container::small_vector<EmHwKey, 1>;
+    static void remove(HwKeys& keys, const EmHwKey& hwKey);
+
+    LocalMap<EmLogicalKey, HwKeys> keys_;
   };
 
   void handleStatus(const EmHwKey& swTableKey, const EmSwTableStatusEntry* statusOpt);
