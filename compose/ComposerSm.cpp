@@ -25,16 +25,8 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
 }
 
 std::size_t ComposerSm::ResourceWalk::drain(std::uint64_t limit, bool& yielded) {
-  std::size_t items = 0;
-  while (hasPending() && headArrival() < limit) {
-    handleNext();
-    ++items;
-    if (stage_.shouldYield()) {
-      yielded = true;
-      break;
-    }
-  }
-  return items;
+  return stage_.control().drainWhile([&] { return hasPending() && headArrival() < limit; },
+                                     [&] { handleNext(); }, yielded);
 }
 
 void ComposerSm::ResourceWalk::begin() {
@@ -58,6 +50,42 @@ void ComposerSm::ResourceWalk::handleNext() {
   }
   const ResolverKey walked = *std::exchange(current_, std::nullopt);
   composer_.resourceUpdateHandled(walked, state_);
+}
+
+// --- AskedResources ----------------------------------------------------------------------------------------
+
+ComposerSm::AskedResources::AskedResources(ComposerSm& composer)
+    : OutputBase(composer, "resolverConfigDirResolverRequestOutput"), composer_(composer) {}
+
+std::optional<ResolverKey> ComposerSm::AskedResources::next() {
+  const auto& types = composer_.resolverTypes();
+  for (; type_ < types.size(); ++type_, cursor_ = {}) {
+    const ResolverComposerConfig* asked = composer_.askedOf(types[type_]);
+    if (asked == nullptr) continue;
+    if (const ResolverKey* key = asked->resolverRequest().scanNext(cursor_)) return *key;
+  }
+  return std::nullopt;
+}
+
+void ComposerSm::AskedResources::rewind() {
+  type_ = 0;
+  cursor_ = {};
+}
+
+bool ComposerSm::AskedResources::deletionScanItem(bool& deleted) {
+  const auto key = next();
+  if (key) deleted = composer_.releaseUnused(*key);
+  return key.has_value();
+}
+
+bool ComposerSm::AskedResources::deleteNext() {
+  auto key = next();
+  if (!key) {  // the deletion scan may have left the cursor past others
+    rewind();
+    key = next();
+  }
+  if (key) composer_.askedOf(key->tag())->resolverRequestDel(*key);
+  return key.has_value();
 }
 
 // --- ComposerSm --------------------------------------------------------------------------------------------
@@ -84,6 +112,7 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
       resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
       resolverStatuses_(*this, resolverStatusDir_),
       resourceWalk_(*this),
+      askedResources_(*this),
       swTableKeyConfig_(*this, std::move(swTableKeyConfig)),
       emComposeFailure_(*this, std::move(emComposeFailure)) {}
 
@@ -117,28 +146,6 @@ void ComposerSm::handleInitialized() {
             [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
               KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
                                   "isSupportedResolverType( resolverStatusIter->resolverType() )");
-            });
-}
-
-// What an earlier composer asked for and nobody needs any more.
-void ComposerSm::handleScansDone() {
-  std::vector<ResolverKey> asked;
-  forEachIn(
-      resolverConfigDir_->resolverConfig(), [&](ResolverKeyUnionTag /*type*/, const auto& resolverConfig) {
-        const auto composerConfig = resolverConfig->resolverComposerConfig(composerType_);
-        if (!composerConfig) return;
-        forEachIn((*composerConfig)->resolverRequest(),
-                  [&](const ResolverKey& key, const ResolverRequest& /*request*/) { asked.push_back(key); });
-      });
-  for (const ResolverKey& key : asked) releaseUnused(key);
-}
-
-void ComposerSm::handleDeleteAll() {
-  forEachIn(resolverConfigDir_->resolverConfig(),
-            [&](ResolverKeyUnionTag /*type*/, const auto& resolverConfig) {
-              if (const auto composerConfig = resolverConfig->resolverComposerConfig(composerType_)) {
-                (*composerConfig)->resolverRequestDelAll();
-              }
             });
 }
 
@@ -225,12 +232,17 @@ void ComposerSm::request(const ResolverKey& resolverKey) {
   composerConfig->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceRequest, 0, 0});
 }
 
-void ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
-  if (resolverKeyToEmLogicalKey_.has(resolverKey) || hwStatusCount_.has(resolverKey)) return;
-  const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverKey.tag());
-  if (resolverConfig == nullptr) return;
+bool ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
+  if (resolverKeyToEmLogicalKey_.has(resolverKey) || hwStatusCount_.has(resolverKey)) return false;
+  ResolverComposerConfig* asked = askedOf(resolverKey.tag());
+  return asked != nullptr && asked->resolverRequest().del(resolverKey);
+}
+
+ResolverComposerConfig* ComposerSm::askedOf(ResolverKeyUnionTag resolverType) const {
+  const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverType);
+  if (resolverConfig == nullptr) return nullptr;
   const auto* composerConfig = (*resolverConfig)->resolverComposerConfig().find(composerType_);
-  if (composerConfig != nullptr) (*composerConfig)->resolverRequestDel(resolverKey);
+  return composerConfig == nullptr ? nullptr : composerConfig->get();
 }
 
 // --- Composition -------------------------------------------------------------------------------------------

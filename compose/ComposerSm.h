@@ -94,8 +94,6 @@ class ComposerSm : public Stage {
  protected:
   void checkArguments() const override;
   void handleInitialized() override;
-  void handleScansDone() override;
-  void handleDeleteAll() override;
 
  private:
   using State = EmLogicalKeyState::State;
@@ -132,6 +130,27 @@ class ComposerSm : public Stage {
     std::optional<ResolutionState> state_;  ///< the resolution when the walk began
   };
 
+  /// What this composer asks the resolvers for. The deletion scan gives back what an earlier composer asked
+  /// for and nobody needs any more; nothing is counted.
+  class AskedResources final : public OutputBase {
+   public:
+    explicit AskedResources(ComposerSm& composer);
+    void checkArgument() const override {}
+    bool deleteNext() override;
+
+   private:
+    void beginSeen() override { rewind(); }
+    bool deletionScanItem(bool& deleted) override;
+    void endSeen() override {}
+    /// The next resource of a walk over those that are asked for.
+    std::optional<ResolverKey> next();
+    void rewind();
+
+    ComposerSm& composer_;
+    std::size_t type_ = 0;  ///< place of the resolver type whose resources are walked
+    KilnPlatform::ScanCursor<ResolverKey> cursor_;
+  };
+
   void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
   /// Counts inside the call that writes the status: a release that is decided before the status is handled
   /// must not overlook it. It does nothing else.
@@ -153,7 +172,10 @@ class ComposerSm : public Stage {
 
   void withdraw(const EmLogicalKey& emKey);
   void request(const ResolverKey& resolverKey);
-  void releaseUnused(const ResolverKey& resolverKey);
+  /// Gives the resource back unless it is needed; true where it did.
+  bool releaseUnused(const ResolverKey& resolverKey);
+  /// What this composer asks a type's resolver for; null before its first request.
+  [[nodiscard]] ResolverComposerConfig* askedOf(ResolverKeyUnionTag resolverType) const;
   bool compose(const EmLogicalKey& emKey);
   void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
   void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
@@ -190,6 +212,7 @@ class ComposerSm : public Stage {
               "from( resolverStatusDir.resolverStatus[].status[] ): resolverType={} resolverKey={} state={}">
       resolverStatuses_;
   ResourceWalk resourceWalk_;
+  AskedResources askedResources_;
   Output<SwTableKeyConfig::emLogicalKeyToResolvedKeyAttr, "swTableKeyConfig", "emLogicalKey">
       swTableKeyConfig_;
   Output<EmComposeFailure::failureAttr, "emComposeFailure", "emLogicalKey"> emComposeFailure_;

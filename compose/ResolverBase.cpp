@@ -1,8 +1,9 @@
 #include "compose/ResolverBase.h"
 
+#include <fmt/format.h>
+
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 namespace KilnEmServer {
 
@@ -40,6 +41,7 @@ void ResolverBase::handleInitialized() {
 }
 
 void ResolverBase::handleDeleteAll() {
+  sweepTask_.reset();
   resolverStatus_->statusDelAll();
 }
 
@@ -97,7 +99,7 @@ void ResolverBase::deleteRequestComposer(const ResolverKey& resolverKey, EmCompo
   tracer().trace<8>("deleteRequestComposer {} {}", resolverKey, composerType);
   resolutionInUse_.del(resolverKey);
   if (!requested(resolverKey)) {
-    if (swept_) deleteRequest(resolverKey);
+    if (givesBack_) deleteRequest(resolverKey);
     return;
   }
   const ResolutionState* status = resolverStatus().status().find(resolverKey);
@@ -154,18 +156,34 @@ void ResolverBase::deleteResolutionState(const ResolverKey& resolverKey) {
   resolverStatus_->statusDel(resolverKey);
 }
 
-void ResolverBase::sweep() {
+void ResolverBase::sweep(std::string reportAs) {
+  givesBack_ = true;
+  sweepReport_ = std::move(reportAs);
+  sweepTask_ = std::make_unique<Task>(
+      control().scheduler, control().priority, fmt::format("{}-SweepTask", className()),
+      [](void* owner) { static_cast<ResolverBase*>(owner)->runSweep(); }, this);
+  sweeping_ = true;
+  runSweep();
+}
+
+void ResolverBase::runSweep() {
   const KilnPlatform::RunningStageScope scope(name());
-  swept_ = true;
-  std::vector<ResolverKey> unused;
-  forEachIn(resolverStatus().status(), [&](const ResolverKey& resolverKey, const ResolutionState& /*state*/) {
-    if (!requested(resolverKey)) unused.push_back(resolverKey);
-  });
-  for (const ResolverKey& resolverKey : unused) {
-    tracer().trace<8>("sweep");
-    resolutionInUse_.del(resolverKey);
-    deleteRequest(resolverKey);
-  }
+  control().runSlice(
+      *sweepTask_, [&] { return sweeping_; }, [&] { sweepNext(); },
+      [&] { return resolverStatus().status().size(); });
+  if (sweeping_) return;
+  sweepTask_.reset();
+  if (!sweepReport_.empty()) dependencyStatus().completedIs(sweepReport_);
+}
+
+void ResolverBase::sweepNext() {
+  const ResolverKey* next = resolverStatus().status().scanNext(sweepCursor_);
+  sweeping_ = next != nullptr;
+  if (!sweeping_ || requested(*next)) return;
+  const ResolverKey resolverKey = *next;
+  tracer().trace<8>("sweep");
+  resolutionInUse_.del(resolverKey);
+  deleteRequest(resolverKey);
 }
 
 }  // namespace KilnEmServer

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -47,9 +48,10 @@ class ResolverBase : public Stage {
   void setResolutionSuccess(const ResolverKey& resolverKey, std::uint64_t val);
   void deleteResolutionState(const ResolverKey& resolverKey);
 
-  /// Gives back what no composer asks for. To be run once, when every composer has asked for what it needs:
-  /// before it nothing is given back, since a composer that is still starting may ask for it again.
-  void sweep();
+  /// Gives back what no composer asks for, in slices. To be run once, when every composer has asked for what
+  /// it needs: before it nothing is given back, since a composer that is still starting may ask for it again.
+  /// `reportAs` is recorded as complete in the dependency status when all is done; nothing where it is empty.
+  void sweep(std::string reportAs = {});
 
  protected:
   void checkArguments() const override;
@@ -62,11 +64,17 @@ class ResolverBase : public Stage {
   void takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType,
                      const ResolverRequest& request);
   void setResolution(const ResolutionState& state);
+  void runSweep();
+  void sweepNext();
 
   ResolverKeyUnionTag resolverType_;
   Ref<const ResolverConfig> resolverConfig_;
   Ref<ResolverStatus> resolverStatus_;
-  bool swept_ = false;
+  bool givesBack_ = false;  ///< from the begin of the sweep on
+  bool sweeping_ = false;
+  KilnPlatform::ScanCursor<ResolverKey> sweepCursor_;
+  std::string sweepReport_;
+  std::unique_ptr<Task> sweepTask_;
   LocalCollection<ResolverKey, KilnPlatform::Unit> resolutionInUse_;
   NestedInput<
       ResolverConfig::resolverComposerConfigAttr, ResolverComposerConfig::resolverRequestAttr,

@@ -206,20 +206,16 @@ const std::string* EmConflictSm::failureOf(const EmLogicalKey& emLogicalKey) con
 
 void EmConflictSm::insertPending() {
   const KilnPlatform::RunningStageScope scope(name());
-  std::size_t items = 0;
-  while (!waiting_.keys.empty()) {
-    const EmLogicalKey key = waiting_.keys.pop();
-    const EmConfigEntry* entry = emLogicalKeyToEntry_->find(key);
-    if (entry != nullptr && emMergedEntry_.find(key) == nullptr && failureOf(key) == nullptr) {
-      writeUnplaced(key, *entry, EmStatus::hwPending);
-    }
-    ++items;
-    if (shouldYield()) break;
-  }
-  control().scheduler->taskWorkCountInc(items);
-  if (waiting_.keys.empty()) return;
-  control().scheduler->taskWorkPendingIs(waiting_.keys.size());
-  pendingTask_->scheduleTask();
+  control().runSlice(
+      *pendingTask_, [&] { return !waiting_.keys.empty(); },
+      [&] {
+        const EmLogicalKey key = waiting_.keys.pop();
+        const EmConfigEntry* entry = emLogicalKeyToEntry_->find(key);
+        if (entry != nullptr && emMergedEntry_.find(key) == nullptr && failureOf(key) == nullptr) {
+          writeUnplaced(key, *entry, EmStatus::hwPending);
+        }
+      },
+      [&] { return waiting_.keys.size(); });
 }
 
 Ref<EmConflictSm> emConflictSmFactory(Ref<const EmMergedEntry> emMergedEntry,

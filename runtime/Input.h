@@ -83,21 +83,16 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   [[nodiscard]] std::uint64_t headArrival() const final { return pending_.headArrival(); }
 
   std::size_t drain(std::uint64_t limit, bool& yielded) final {
-    std::size_t items = 0;
     const bool far = KeySpace<K>::instance().size() >= kFetchedAheadFrom;
     const bool ahead = far && pending_.size() > 1;
     stage_.loneChangeIs(far && !ahead);
-    while (!pending_.empty() && pending_.headArrival() < limit) {
+    const auto arrived = [&] { return !pending_.empty() && pending_.headArrival() < limit; };
+    const auto handleFirst = [&] {
       if (ahead) expectSoon();
       const auto taken = pending_.take();
       detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
-      ++items;
-      if (stage_.shouldYield()) {
-        yielded = true;
-        break;
-      }
-    }
-    return items;
+    };
+    return stage_.control().drainWhile(arrived, handleFirst, yielded);
   }
 
   void handleChange(const K& key) final {

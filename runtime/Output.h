@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -90,11 +91,16 @@ class Output final : public OutputBase {
     return Attr::of(std::as_const(*entity_)).find(key);
   }
 
-  void deleteAll() override {
+  bool deleteNext() override {
     marks_.reset();
     awaited_.reset();
     marking_ = false;
-    collection().delAll();
+    const Key* key = collection().scanNext(cursor_);
+    if (key == nullptr) {  // the deletion scan may have left the cursor past others
+      cursor_ = {};
+      key = collection().scanNext(cursor_);
+    }
+    return key != nullptr && collection().del(Key(*key));
   }
 
  private:

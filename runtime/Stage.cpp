@@ -278,6 +278,12 @@ void Stage::initialize() {
 }
 
 void Stage::doDeleteAll() {
+  beginDeleteAll();
+  while (deleteNext()) {
+  }
+}
+
+void Stage::beginDeleteAll() {
   const KilnPlatform::RunningStageScope scope(name_);
   const std::vector<InputBase*> children = inputs_;
   for (auto child = children.rbegin(); child != children.rend(); ++child) (*child)->stop();
@@ -285,11 +291,14 @@ void Stage::doDeleteAll() {
   eventTask_.reset();
   handleDeleteAll();
   for (LocalState* state : localStates_) state->clear();
-  for (OutputBase* output : outputs_) {
-    output->stop();
-    output->deleteAll();
-  }
+  for (OutputBase* output : outputs_) output->stop();
   dependencyStatus_->completedDel(name_);
+}
+
+bool Stage::deleteNext() {
+  const KilnPlatform::RunningStageScope scope(name_);
+  return std::any_of(outputs_.begin(), outputs_.end(),
+                     [](OutputBase* output) { return output->deleteNext(); });
 }
 
 std::size_t Stage::pendingCount() const {
@@ -326,7 +335,6 @@ void Stage::handleInitialScanDone() {
     tracer_.trace<9>("pipeline {} scan is done", pipeline);
   }
   idle_ = true;
-  handleScansDone();
   if (pendingCount() > 0) eventTask_->scheduleTask();
   if (outputs_.empty()) {
     handleOutputReady();

@@ -40,6 +40,34 @@ struct StageControl {
   int priority = 0;
   /// Scans never yield.
   bool synchronous = false;
+
+  /// To be asked after each item of work: whether the running slice has used its share.
+  [[nodiscard]] bool shouldYield() const { return !synchronous && scheduler->taskShouldYield(); }
+  /// Calls `handleNext()` as long as `hasNext()` and the running slice has a share left, which is looked at
+  /// after each item; sets `yielded` where it was used up. Returns the number of items.
+  template <class HasNext, class HandleNext>
+  std::size_t drainWhile(HasNext&& hasNext, HandleNext&& handleNext, bool& yielded) const {
+    std::size_t items = 0;
+    while (hasNext()) {
+      handleNext();
+      ++items;
+      if (shouldYield()) {
+        yielded = true;
+        break;
+      }
+    }
+    return items;
+  }
+  /// The same for a task of its own, which is told of the work done, and scheduled again where work is left:
+  /// about `left()` items.
+  template <class HasNext, class HandleNext, class Left>
+  void runSlice(Task& task, HasNext&& hasNext, HandleNext&& handleNext, Left&& left) const {
+    bool yielded = false;
+    scheduler->taskWorkCountInc(drainWhile(hasNext, handleNext, yielded));
+    if (!yielded || !hasNext()) return;
+    scheduler->taskWorkPendingIs(left());
+    task.scheduleTask();
+  }
 };
 
 /// The collections, of one type of keys, into which the handlers of a stage look: the server's own and
@@ -175,8 +203,8 @@ class OutputBase {
   void startReconciling();
   /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
   void handleInputReady();
-  /// Deletes every key of the output.
-  virtual void deleteAll() = 0;
+  /// Deletes one more key of the output, whatever reconciliation has to say of it; false where none is left.
+  virtual bool deleteNext() = 0;
   void stop() { task_.reset(); }
 
   [[nodiscard]] const std::string& name() const { return name_; }
@@ -244,6 +272,10 @@ class Stage {
   /// Withdraws all that the stage wrote and deletes its inputs' reactions and tasks; the stage is then dead.
   /// Destruction alone leaves the outputs as they stand.
   void doDeleteAll();
+  /// The same in parts, for slices: after beginDeleteAll() the stage is dead, and each call of deleteNext()
+  /// deletes one key that stands in an output, until it returns false.
+  void beginDeleteAll();
+  bool deleteNext();
 
   [[nodiscard]] std::string_view className() const { return className_; }
   [[nodiscard]] const std::string& name() const { return name_; }
@@ -315,9 +347,7 @@ class Stage {
   /// An input has something to destroy once it can no longer be running.
   void reapRequested() { reapRequested_ = true; }
   void reapInputs();
-  [[nodiscard]] bool shouldYield() const {
-    return !control_.synchronous && control_.scheduler->taskShouldYield();
-  }
+  [[nodiscard]] bool shouldYield() const { return control_.shouldYield(); }
 
   /// Passes `passed` on; a filter that fails is traced with its expression.
   bool filter(bool passed, std::string_view expression) const {
@@ -348,13 +378,12 @@ class Stage {
       KeySpace<K>::instance().prefetchEverywhere(hintOf(key).handle());
   }
 
+  [[nodiscard]] DependencyStatus& dependencyStatus() const { return *dependencyStatus_; }
   /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
   virtual void checkArguments() const {}
   /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
   virtual void handleInitialized() {}
-  /// The initial scans are complete.
-  virtual void handleScansDone() {}
-  /// Part of doDeleteAll: withdraws what the stage wrote past its declared outputs.
+  /// Part of the withdrawal, at its begin: withdraws what the stage wrote past its declared outputs.
   virtual void handleDeleteAll() {}
 
  private:

@@ -39,6 +39,7 @@ std::string composerName(EmComposerKeyUnionTag type) {
 }
 
 const std::vector<std::string> kResolverNames = {"resolverSmsStage-vd"};
+const std::vector<std::string> kSweepNames = {"resolverSweepStage-vd"};
 const std::vector<std::string> kComposerNames = {composerName(EmComposerKeyUnionTag::isemUntaggedEntryKey),
                                                  composerName(EmComposerKeyUnionTag::isem1TagEntryKey),
                                                  composerName(EmComposerKeyUnionTag::isem2TagEntryKey),
@@ -83,6 +84,7 @@ KilnEmServerSm::~KilnEmServerSm() {
   isemSrvStatusSm_.clear();
   esemSrvStatusSm_.clear();
   lemSrvStatusSm_.clear();
+  leaving_.clear();
   resolvedKeyStatusSm_.reset();
   emStatusSm_.reset();
   swTableStatusSm_.reset();
@@ -286,8 +288,7 @@ void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory)
 }
 
 void KilnEmServerSm::doResolverSweep() {
-  for (const auto& [type, resolver] : resolverSm_) resolver->sweep();
-  report("resolverSweepStage");
+  resolverSm_.at(ResolverKeyUnionTag::vd)->sweep(kSweepNames[0]);
 }
 
 void KilnEmServerSm::createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name) {
@@ -444,6 +445,7 @@ void KilnEmServerSm::handleChange(const std::string& name) {
   };
   reportWhenComplete("resolverSmsStage", kResolverNames);
   reportWhenComplete("composerSmsStage", kComposerNames);
+  reportWhenComplete("resolverSweepStage", kSweepNames);
   // The tables dropped what nobody wrote again, and tell nobody of it.
   if (name == "reconcileCompleteSmStage" && semCapacitySm_ != nullptr) semCapacitySm_->scheduleUpdate();
 }
@@ -461,14 +463,31 @@ void KilnEmServerSm::handleChange(const FeatureType& feature) {
 }
 
 void KilnEmServerSm::handleFeatures() {
-  while (!changedFeatures_.empty()) {
-    const FeatureType feature = changedFeatures_.pop();
-    const bool present = arguments_.entityManager->features().has(feature);
-    if (isemSrvConfigByFeature_->isemConfigHas(feature) && (!present || featureReplaced(feature))) {
-      unmountFeature(feature);
-    }
-    if (present) mountFeature(feature);
+  const auto hasNext = [this] { return !changedFeatures_.empty() || !leaving_.empty(); };
+  const auto handleNext = [this] {
+    if (changedFeatures_.empty()) return withdrawNext();
+    handleFeature(changedFeatures_.pop());
+  };
+  control().runSlice(*featureTask_, hasNext, handleNext,
+                     [this] { return changedFeatures_.size() + leaving_.size(); });
+}
+
+void KilnEmServerSm::handleFeature(FeatureType feature) {
+  const bool present = arguments_.entityManager->features().has(feature);
+  if (isemSrvConfigByFeature_->isemConfigHas(feature) && (!present || featureReplaced(feature))) {
+    unmountFeature(feature);
   }
+  if (present) mountFeature(feature);
+}
+
+void KilnEmServerSm::withdrawNext() {
+  const auto& [feature, stage] = leaving_.front();
+  if (stage->deleteNext()) return;
+  const FeatureType withdrawn = feature;
+  leaving_.pop_front();
+  if (!arguments_.entityManager->features().has(withdrawn)) return;
+  tracer_.trace<8>("{} came back before its statuses were withdrawn", withdrawn);
+  mountFeature(withdrawn);
 }
 
 bool KilnEmServerSm::featureReplaced(FeatureType feature) const {
@@ -488,7 +507,9 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
     const std::string name = fmt::format("{}-{}", base, feature);
     if (stages.contains(feature) || !dependencyManagerSm_->released(name)) return;
     dependencyStatus_->completedDel(name);  // reported in the absent stage's place
-    (this->*action)(feature, name);
+    const bool follows = std::any_of(leaving_.begin(), leaving_.end(),
+                                     [&](const Leaving& leaving) { return leaving.stage->name() == name; });
+    if (!follows) (this->*action)(feature, name);
   };
   createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);
   createReleased("esemSrvStatusSmStage", &KilnEmServerSm::createEsemSrvStatusSm, esemSrvStatusSm_);
@@ -497,11 +518,13 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
 
 void KilnEmServerSm::unmountFeature(FeatureType feature) {
   const auto destroy = [&](const char* base, auto& stages) {
-    const auto at = stages.find(feature);
-    if (at == stages.end()) return;
-    at->second->doDeleteAll();
-    stages.erase(at);
-    report(fmt::format("{}-{}", base, feature));  // nothing is left of it to wait for
+    const std::string name = fmt::format("{}-{}", base, feature);
+    if (const auto at = stages.find(feature); at != stages.end()) {
+      at->second->beginDeleteAll();
+      leaving_.push_back({feature, std::move(at->second)});
+      stages.erase(at);
+    }
+    if (dependencyManagerSm_->released(name)) report(name);  // nothing is left of it to wait for
   };
   destroy("isemSrvStatusSmStage", isemSrvStatusSm_);
   destroy("esemSrvStatusSmStage", esemSrvStatusSm_);

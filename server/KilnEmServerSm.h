@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -201,6 +202,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   // Features that come and go.
   void handleChange(const FeatureType& feature) override;
   void handleFeatures();
+  void handleFeature(FeatureType feature);
+  void withdrawNext();
   void mountFeature(FeatureType feature);
   void unmountFeature(FeatureType feature);
   [[nodiscard]] bool featureReplaced(FeatureType feature) const;
@@ -237,6 +240,13 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   std::map<FeatureType, Ref<EsemSrvStatusSm>> esemSrvStatusSm_;
   std::map<FeatureType, Ref<LemSrvStatusSm>> lemSrvStatusSm_;
 
+  /// A status stage of a feature that went. It withdraws its statuses in slices; one that takes its place,
+  /// because the feature came back meanwhile, is created after that.
+  struct Leaving {
+    FeatureType feature;
+    Ref<Stage> stage;
+  };
+  std::deque<Leaving> leaving_;
   PendingKeys<FeatureType> changedFeatures_;
   std::unique_ptr<Task> featureTask_;
   std::unique_ptr<DependencyManagerSm> dependencyManagerSm_;

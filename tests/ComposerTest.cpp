@@ -415,13 +415,39 @@ TEST_F(ComposerTest, ARestartKeepsWhatIsWantedAndSweepsTheRest) {
   c.withdraw(oneTag({2, 1}, 1));
   c.bench.settle();
   EXPECT_TRUE(changes.changes.empty());
-  c.resolver->sweep();
-  c.bench.settle();
+  EXPECT_FALSE(c.bench.completed("sweep"));
+  c.bench.create([&] {
+    c.resolver->sweep("sweep");
+    EXPECT_LE(changes.changes.size(), 1u);
+    return c.resolver;
+  });
+  EXPECT_EQ(mostPerSlice(*c.bench.scheduler, [&] { return changes.changes.size(); }), 1u);
+  EXPECT_TRUE(c.bench.completed("sweep"));
   const std::vector<Interface> swept = changes.deletions();
   EXPECT_EQ(std::set<Interface>(swept.begin(), swept.end()),
             (std::set<Interface>{{2, 1}, {3, 1}, {4, 1}, {5, 1}}));
   EXPECT_EQ(changes.changes.size(), swept.size());
   EXPECT_EQ(c.state(untagged({6, 1})), KeyState::resolutionPending);
+}
+
+TEST_F(ComposerTest, GivesBackInSlicesWhatAnEarlierComposerAskedFor) {
+  Composing c(service, 1);
+  c.startResolver();
+  const auto asked = c.configDir->resolverConfigIs(ResolverKeyUnionTag::vd)->resolverComposerConfigIs(k1Tag);
+  for (std::uint16_t port = 0; port < 20; ++port) {
+    asked->resolverRequestIs({vd({port, 1}), ResolverRequest::RequestType::resourceRequest, 0, 0});
+  }
+  for (std::uint16_t port = 0; port < 5; ++port) c.request(oneTag({port, 1}, 1));
+  c.startComposers();
+  const auto standing = [&] { return asked->resolverRequest().size(); };
+  EXPECT_GE(standing(), 19u);
+  EXPECT_LE(mostPerSlice(*c.bench.scheduler, standing), 1u);
+  EXPECT_EQ(standing(), 5u);
+  EXPECT_EQ(service.config->config().size(), 20u) << "given back before the sweep";
+  EXPECT_TRUE(c.bench.completed(c.sides.at(k1Tag).composer->name()));
+  c.resolver->sweep();
+  c.bench.settle();
+  EXPECT_EQ(service.config->config().size(), 5u);
 }
 
 TEST_F(ComposerTest, TearingDownWithdrawsRequestsAndKeys) {

@@ -2,6 +2,7 @@
 // of what became of an output, and tables whose answers the test gives.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -80,6 +81,18 @@ class Bench {
 /// A number below `bound`.
 inline std::uint32_t below(std::mt19937& random, std::uint32_t bound) {
   return static_cast<std::uint32_t>(random() % bound);
+}
+
+/// Runs slices until none is ready; by how much `count()` changed most in one of them.
+template <class Count>
+std::size_t mostPerSlice(KilnAgent::CooperativeScheduler& scheduler, Count count) {
+  std::size_t most = 0;
+  for (std::size_t before = count(); scheduler.runOne();) {
+    const std::size_t after = count();
+    most = std::max(most, std::max(before, after) - std::min(before, after));
+    before = after;
+  }
+  return most;
 }
 
 /// Captures traces while it lives.
