@@ -8,10 +8,16 @@ using KilnEmServer::FeatureType;
 
 template <class Db>
 MemoryStateStore::Records<Db>::Records(const MemoryStateStore& store, FeatureType feature)
-    : config(std::make_shared<KilnTunnelNiLib::SrvConfig<Db>>(
-          makeCollection<Key, Request<Db>>(static_cast<std::size_t>(feature)))),
-      status(std::make_shared<KilnTunnelNiLib::SrvStatus<Db>>(
-          makeCollection<Key, KilnTunnelNiLib::SrvStatusEntry<Key>>(static_cast<std::size_t>(feature)))),
+    : config(Disposal::share(
+          store.disposal_,
+          std::make_unique<KilnTunnelNiLib::SrvConfig<Db>>(
+              makeCollection<Key, Request<Db>>(static_cast<std::size_t>(feature))),
+          [](auto& entity) -> auto& { return entity.config(); })),
+      status(Disposal::share(
+          store.disposal_,
+          std::make_unique<KilnTunnelNiLib::SrvStatus<Db>>(
+              makeCollection<Key, KilnTunnelNiLib::SrvStatusEntry<Key>>(static_cast<std::size_t>(feature))),
+          [](auto& entity) -> auto& { return entity.status(); })),
       requestWatch(store, {StoreChange::Record::request, feature, Db::kEmType, {}}),
       statusWatch(store, {StoreChange::Record::status, feature, Db::kEmType, {}}) {
   subscribe();
@@ -31,7 +37,9 @@ void MemoryStateStore::Records<Db>::forgetServer() {
 }
 
 MemoryStateStore::MemoryStateStore(Ref<KilnPlatform::TaskScheduler> scheduler)
-    : scheduler_(std::move(scheduler)), features_(makeCollection<FeatureType, KilnPlatform::Unit>()) {
+    : scheduler_(std::move(scheduler)),
+      disposal_(std::make_shared<Disposal>(scheduler_)),
+      features_(makeCollection<FeatureType, KilnPlatform::Unit>()) {
   KilnPlatform::forEachEnumValue<FeatureType>([this](FeatureType feature) { addFeature(feature); });
   commit();
 }
@@ -129,6 +137,7 @@ void MemoryStateStore::revert() {
 }
 
 void MemoryStateStore::forgetServer() {
+  disposal_->resume();
   forgetSubscribers(*features_);
   for (const auto& [feature, records] : records_) {
     records->lem.forgetServer();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent/Collections.h"
+#include "agent/Disposal.h"
 #include "platform/StateStore.h"
 #include "runtime/EmTypes.h"
 
@@ -202,6 +203,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   }
 
   Ref<KilnPlatform::TaskScheduler> scheduler_;
+  std::shared_ptr<Disposal> disposal_;  ///< of the collections of features that went
   std::vector<StoreObserver*> observers_;
   std::map<KilnEmServer::FeatureType, std::unique_ptr<Feature>> records_;
   std::unique_ptr<Features> features_;

@@ -1,0 +1,110 @@
+// Features that go and come back, on the embedded agent: in slices, however much they leave behind.
+#include <gtest/gtest.h>
+
+#include "TestSupport.h"
+#include "agent/EmbeddedAgent.h"
+#include "server/KilnEmServerSm.h"
+
+namespace KilnTest {
+namespace {
+
+using Isem = KilnTunnelNiLib::Isem;
+using KilnTunnelNiLib::IsemEntryKey;
+constexpr FeatureType kFeature = FeatureType::mpls;
+constexpr std::uint32_t kRequests = 40;
+
+class FeatureGoesTest : public testing::Test {
+ protected:
+  FeatureGoesTest() { publish(kRequests); }
+
+  void publish(std::uint32_t labels) {
+    for (std::uint32_t label = 0; label < labels; ++label) {
+      agent.store().requestIs<Isem>(kFeature, requestKeyAs<IsemEntryKey>(mplsKey(kFeature, label)),
+                                    {{KilnTunnelNiLib::IsemMplsEntry{label, 0}}, 1, {}});
+    }
+    agent.settle();
+  }
+  [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kFeature); }
+  [[nodiscard]] bool complete() const {
+    return agent.server().dependencyStatus().completedHas("isemSrvStatusSmStage-mpls");
+  }
+  [[nodiscard]] std::size_t leftovers() const {
+    std::size_t sum = 0;
+    for (const auto& [name, size] : agent.server().leftovers()) sum += size;
+    return sum;
+  }
+  /// Takes the feature away and goes on until its statuses are half withdrawn.
+  auto half() {
+    const auto left = statuses();
+    agent.store().removeFeature(kFeature);
+    while (left->status().size() > kRequests / 2 && agent.scheduler().runOne()) {
+    }
+    EXPECT_EQ(left->status().size(), kRequests / 2);
+    return left;
+  }
+
+  KilnAgent::EmbeddedAgent agent{yieldsAfterEachItem()};
+
+ private:
+  static KilnAgent::AgentOptions yieldsAfterEachItem() {
+    KilnAgent::AgentOptions options;
+    options.yieldEvery = 1;
+    return options;
+  }
+};
+
+TEST_F(FeatureGoesTest, ItsStatusesAreWithdrawnInSlices) {
+  const auto left = statuses();
+  ASSERT_EQ(left->status().size(), kRequests);
+  agent.store().removeFeature(kFeature);
+  EXPECT_EQ(mostPerSlice(agent.scheduler(), [&] { return left->status().size(); }), 1u);
+  EXPECT_TRUE(left->status().empty());
+  EXPECT_TRUE(complete());
+  EXPECT_EQ(leftovers(), 0u);
+}
+
+// Keys are in use as long as a collection holds them: so that shows when collections are destroyed.
+TEST_F(FeatureGoesTest, ItsCollectionsAreDestroyedInSlices) {
+  const auto keys = [] { return KeySpace<IsemEntryKey>::instance().size(); };
+  const std::size_t before = keys();
+  agent.store().removeFeature(kFeature);
+  EXPECT_EQ(keys(), before) << "the server holds them still";
+  EXPECT_EQ(mostPerSlice(agent.scheduler(), keys), 1u);
+  EXPECT_EQ(keys(), before - kRequests);
+}
+
+TEST_F(FeatureGoesTest, ComesBackWhileItsStatusesAreWithdrawn) {
+  const auto left = half();
+  EXPECT_TRUE(complete()) << "nothing waits for a feature that is gone";
+  agent.store().addFeature(kFeature);
+  publish(3);
+  EXPECT_TRUE(left->status().empty());
+  ASSERT_EQ(statuses()->status().size(), 3u);
+  KilnPlatform::forEachIn(statuses()->status(), [](const auto& /*key*/, const auto& status) {
+    EXPECT_EQ(status.status, EmStatus::hwSuccess);
+  });
+  EXPECT_TRUE(complete());
+  EXPECT_EQ(agent.server().emLogicalKeyToEntry()->emLogicalKeyToEntry().size(), 3u);
+}
+
+TEST_F(FeatureGoesTest, ComesBackAndGoesAgainWhileItsStatusesAreWithdrawn) {
+  const auto left = half();
+  agent.store().addFeature(kFeature);
+  agent.scheduler().runOne();
+  agent.store().removeFeature(kFeature);
+  agent.settle();
+  EXPECT_TRUE(left->status().empty());
+  EXPECT_TRUE(complete());
+  EXPECT_EQ(leftovers(), 0u);
+}
+
+TEST_F(FeatureGoesTest, TheEndOfTheServerLeavesTheRestAsItStands) {
+  const auto left = half();
+  agent.restart();
+  agent.settle();
+  EXPECT_EQ(left->status().size(), kRequests / 2);
+  EXPECT_EQ(leftovers(), 0u);
+}
+
+}  // namespace
+}  // namespace KilnTest
