@@ -90,19 +90,21 @@ void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emL
   static constexpr std::string_view kPath =
       "conflictKeySet.hwKeyToLogicalKeySet[ hwKey ].featureTypeToLogicalKeySet[ emLogicalKey.featureType "
       "].logicalKeyToEntry[ emLogicalKey ]";
-  const bool convergent = fapCoreConvergent(item.hwKey);
+  const KeyUse<EmHwKey> use(item.hwKey);
+  const EmHwKey& hwKey = use.key();
+  const bool convergent = fapCoreConvergent(hwKey);
   if (item.insert) {
-    tracer().trace<7>("into( {} ): inserting k1={}, k2={}, k3={}, value={}", kPath, item.hwKey,
+    tracer().trace<7>("into( {} ): inserting k1={}, k2={}, k3={}, value={}", kPath, hwKey,
                       emLogicalKey.featureType, emLogicalKey, hwEntryOpt->emEntry);
-    conflictKeySet_.insert(item.hwKey, emLogicalKey, hwEntryOpt->emEntry);
+    conflictKeySet_.insert(hwKey, emLogicalKey, hwEntryOpt->emEntry);
   } else {
-    tracer().trace<7>("into( {} ): deleting k1={}, k2={}, k3={}", kPath, item.hwKey, emLogicalKey.featureType,
+    tracer().trace<7>("into( {} ): deleting k1={}, k2={}, k3={}", kPath, hwKey, emLogicalKey.featureType,
                       emLogicalKey);
-    conflictKeySet_.erase(item.hwKey, emLogicalKey);
+    conflictKeySet_.erase(hwKey, emLogicalKey);
   }
-  decide(item.hwKey, item.insert ? &emLogicalKey : nullptr);
+  decide(hwKey, item.insert ? &emLogicalKey : nullptr);
   if (!convergent) return;
-  if (const auto* divergentKeys = conflictKeySet_.divergentKeysOf(item.hwKey)) {
+  if (const auto* divergentKeys = conflictKeySet_.divergentKeysOf(hwKey)) {
     for (const EmHwKey& divergentKey : *divergentKeys) {
       tracer().trace<8>("{} follows its twin", divergentKey);
       decide(divergentKey, nullptr);

@@ -55,12 +55,14 @@ void EmSwTableStatusSm::remove(const EmLogicalKey& logicalKey, const EmHwKey& sw
   emLogicalKeyToStatus_.erase(logicalKey);
 }
 
-void EmSwTableStatusSm::insert(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey,
+void EmSwTableStatusSm::insert(const EmLogicalKey& owner, const EmHwKey& swTableKey,
                                const EmSwTableStatusEntry& status) {
+  const KeyUse<EmLogicalKey> use(owner);
+  const EmLogicalKey& logicalKey = use.key();
   if (const EmRequestStatus* published = emLogicalKeyToStatus_.find(logicalKey)) {
     const EmHwKey previous = published->emSwTableKeyFapCore;
-    const EmLogicalKey* owner = previous == swTableKey ? nullptr : cacheAttr0_.find(previous);
-    if (owner != nullptr && *owner == logicalKey) otherHwKeys_.add(logicalKey, previous);
+    const EmLogicalKey* before = previous == swTableKey ? nullptr : cacheAttr0_.find(previous);
+    if (before != nullptr && *before == logicalKey) otherHwKeys_.add(logicalKey, previous);
     otherHwKeys_.del(logicalKey, swTableKey);
   }
   publish(logicalKey, swTableKey, status);

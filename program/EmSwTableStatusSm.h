@@ -47,7 +47,7 @@ class EmSwTableStatusSm final : public Stage {
 
   void handleStatus(const EmHwKey& swTableKey, const EmSwTableStatusEntry* statusOpt);
   void remove(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey);
-  void insert(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
+  void insert(const EmLogicalKey& owner, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
   void publish(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
 
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableStatusSm::handleStatus,

@@ -125,10 +125,12 @@ void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKe
 
 // --- Answers -----------------------------------------------------------------------------------------------
 
-void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
+void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey& answered,
                                             const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                             std::uint32_t version) {
   const KilnPlatform::RunningStageScope scope(name());
+  const KeyUse<EmHwKey> use(answered);
+  const EmHwKey& hwKey = use.key();
   tracer().trace<8>("{}", version);
   if (keyLatestWriteVersion_.latest(hwKey) == version && emSwTableConfig_.find(hwKey) != nullptr) {
     writeStatus(hwKey, logicalKeyAndEntry,

@@ -54,7 +54,7 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   void removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                         std::uint32_t version);
   void requestDelete(const EmHwKey& hwKey);
-  void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
+  void handleWriteResponse(EntryState entryState, const EmHwKey& answered,
                            const EmLogicalKeyAndEntry& logicalKeyAndEntry, std::uint32_t version);
   void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, std::uint32_t version);
   void writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
