@@ -376,14 +376,18 @@ void Stage::reapInputs() {
 }
 
 InputBase* Stage::nextInput(std::uint64_t& limit) {
-  std::erase_if(waiting_, [](InputBase* input) {
-    input->waiting_ = input->hasPending();
-    return !input->waiting_;
-  });
   InputBase* first = nullptr;
   std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
   limit = arrivals_;
-  for (InputBase* input : waiting_) {
+  for (std::size_t at = 0; at < waiting_.size();) {
+    InputBase* const input = waiting_[at];
+    if (!input->hasPending()) {
+      input->waiting_ = false;
+      waiting_[at] = waiting_.back();
+      waiting_.pop_back();
+      continue;
+    }
+    ++at;
     const std::uint64_t arrival = input->headArrival();
     if (arrival < least) {
       limit = std::min(limit, least);
