@@ -25,9 +25,6 @@ namespace {
 /// One slice of work, and how long slices follow each other before clients are heard again.
 constexpr std::chrono::microseconds kSliceBudget{500};
 constexpr std::chrono::milliseconds kTurnBudget{2};
-/// Changes are committed when the agent is idle, or this old, or this many.
-constexpr std::chrono::milliseconds kMaxCommitAge{5};
-constexpr std::size_t kMaxBatch = 20'000;
 constexpr std::size_t kLinesPerTurn = 256;
 constexpr std::size_t kMaxClients = 64;
 /// How long a stopping agent tries to send its last answers.
@@ -220,16 +217,12 @@ void Service::runWaiting() {
 /// Answers leave when everything up to them is committed.
 void Service::commitIfDue() {
   const std::size_t pending = agent_.durable()->pending();
-  if (pending == 0) return commit();
-  const Clock::time_point now = Clock::now();
-  if (!oldestChange_) oldestChange_ = now;
   const bool idle = agent_.scheduler().idle() && !linesLeft();
-  if (idle || pending >= kMaxBatch || now - *oldestChange_ >= kMaxCommitAge) commit();
+  if (pending == 0 || pace_.due(pending) || idle) commit();
 }
 
 void Service::commit() {
-  agent_.commit();
-  oldestChange_.reset();
+  if (agent_.durable()->pending() != 0) pace_.commit([this] { agent_.commit(); });
   for (Client& client : clients_) client.connection.send(std::exchange(client.uncommitted, {}));
 }
 

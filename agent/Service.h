@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "agent/CapacityMonitor.h"
+#include "agent/CommitPace.h"
 #include "agent/LineSocket.h"
 #include "agent/Queries.h"
 #include "agent/Readiness.h"
@@ -74,7 +75,7 @@ class Service {
                      [this](const ScenarioCounters&) { readiness_.update(); }};
   Queries queries_;
   std::list<Client> clients_;
-  std::optional<Clock::time_point> oldestChange_;
+  CommitPace pace_;
   bool linesLeft_ = false;
   bool stopping_ = false;
 };

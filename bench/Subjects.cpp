@@ -249,9 +249,8 @@ void DurableAgent::withdraw(std::uint32_t n) {
   KilnBench::withdraw(agent_->store(), requestOf(kMixed, n));
 }
 void DurableAgent::settle() {
-  constexpr std::size_t kCommitFrom = 20'000;  // changed records, as a serving agent does
   agent_->scheduler().runUntilIdle();
-  if (agent_->durable()->pending() >= kCommitFrom) agent_->commit();
+  if (pace_.due(agent_->durable()->pending())) pace_.commit([this] { agent_->commit(); });
 }
 std::uint32_t DurableAgent::settled(std::uint32_t version) const {
   return countSettled(agent_->store(), version);

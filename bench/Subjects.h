@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "agent/CommitPace.h"
 #include "agent/CooperativeScheduler.h"
 #include "agent/EmbeddedAgent.h"
 #include "agent/MemoryStateStore.h"
@@ -112,6 +113,7 @@ class DurableAgent {
  private:
   std::string directory_;
   std::unique_ptr<KilnAgent::EmbeddedAgent> agent_;
+  KilnAgent::CommitPace pace_;  ///< as a serving agent has it
 };
 
 }  // namespace KilnBench
