@@ -110,12 +110,22 @@ void PageArena::closeSpan(Span& span) noexcept {
   if (block.used-- == kSpans) link(open_, block);
   if (block.used != 0) return;
   unlink(open_, block);
-  if (Block* const given = std::exchange(spare_, &block)) ::munmap(given, kBlock);
+  if (Block* const before = std::exchange(spare_, &block)) {
+    ::madvise(before, kBlock, MADV_FREE);
+    empty_.push_back(before);  // there is room; see openBlock
+  }
 }
 
 PageArena::Block& PageArena::openBlock() {
-  Block* block = std::exchange(spare_, nullptr);
-  if (block == nullptr) block = ::new (map(kBlock)) Block;
+  void* memory = std::exchange(spare_, nullptr);
+  if (memory == nullptr && !empty_.empty()) {
+    memory = empty_.back();
+    empty_.pop_back();
+  } else if (memory == nullptr) {
+    memory = map(kBlock);
+    empty_.reserve(++blocks_);
+  }
+  Block* const block = ::new (memory) Block;
   link(open_, *block);
   return *block;
 }

@@ -8,13 +8,14 @@
 #include <new>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace KilnEmServer {
 
 /// Gives out pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
 /// advised to back by one huge page each: what an entry's stages hold lies in dozens of places, and with
-/// small pages nearly each of them costs a walk of the translation tables. Blocks that are empty are given
-/// back, one at a time and but for one.
+/// small pages nearly each of them costs a walk of the translation tables. Empty blocks are used again before
+/// new ones; the system is told that it may take their memory when it is short of it.
 ///
 /// A block is split into spans, a span into pages of one size. Sizes above kMaxPage come from the allocator.
 /// With the address sanitizer all do, so that it sees each page for itself.
@@ -87,7 +88,9 @@ class PageArena {
 
   std::array<Span*, kSizes> roomy_ = {};  ///< per size the spans with room
   Block* open_ = nullptr;                 ///< the blocks with a free span
-  Block* spare_ = nullptr;                ///< an empty block that is kept
+  Block* spare_ = nullptr;                ///< the block that became empty last
+  std::vector<Block*> empty_;             ///< the others, whose memory may be gone
+  std::size_t blocks_ = 0;                ///< all there are
   Counters counters_;
 };
 
