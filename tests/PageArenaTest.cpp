@@ -1,0 +1,60 @@
+// Memory for pages: no two share a byte, whatever sizes come and go, and what was given back is used again.
+#include "runtime/PageArena.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <vector>
+
+namespace KilnTest {
+namespace {
+
+using KilnEmServer::PageArena;
+
+/// A page whose bytes all say whose it is.
+struct Page {
+  void* memory;
+  std::size_t bytes;
+  unsigned char mark;
+  [[nodiscard]] bool intact() const {
+    const auto* at = static_cast<const unsigned char*>(memory);
+    return std::all_of(at, at + bytes, [this](unsigned char byte) { return byte == mark; });
+  }
+};
+
+// The arena is full of one size, then of many, then nearly empty, several times over.
+TEST(PageArena, PagesOfAnySizesStayApart) {
+  PageArena& arena = PageArena::instance();
+  const std::size_t bytesBefore = arena.counters().bytes;
+  std::mt19937 random(7);
+  std::vector<Page> pages;
+  const auto giveBack = [&](std::size_t at) {
+    std::swap(pages[at], pages.back());
+    ASSERT_TRUE(pages.back().intact());
+    arena.give(pages.back().memory, pages.back().bytes);
+    pages.pop_back();
+  };
+  std::uint64_t mappings = 0;
+  for (unsigned round = 0; round < 4; ++round) {
+    for (unsigned step = 0; step < 3000; ++step) {
+      const std::size_t bytes = round % 2 == 0 ? 14'336 : 1 + random() % (PageArena::kMaxPage + 2000);
+      const Page page{arena.take(bytes), bytes, static_cast<unsigned char>(random())};
+      ASSERT_EQ(reinterpret_cast<std::uintptr_t>(page.memory) % alignof(std::max_align_t), 0U);
+      std::memset(page.memory, page.mark, bytes);
+      pages.push_back(page);
+      if (random() % 3 == 0) giveBack(random() % pages.size());
+    }
+    while (pages.size() > 5) giveBack(random() % pages.size());
+    if (round == 1) mappings = arena.counters().mappings;
+  }
+  EXPECT_EQ(arena.counters().mappings, mappings) << "what was given back is not used again";
+  while (!pages.empty()) giveBack(0);
+  EXPECT_EQ(arena.counters().bytes, bytesBefore);
+}
+
+}  // namespace
+}  // namespace KilnTest
