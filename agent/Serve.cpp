@@ -18,6 +18,7 @@
 #include "agent/Dump.h"
 #include "agent/ReconcileReport.h"
 #include "agent/Service.h"
+#include "runtime/PageArena.h"
 
 namespace KilnAgent {
 namespace {
@@ -277,6 +278,7 @@ void Service::addQueries() {
 }
 
 void serve(const ServeOptions& options) {
+  KilnEmServer::PageArena::instance().reserve(options.reserved);
   Service(options, stopSignals()).run();
 }
 

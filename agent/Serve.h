@@ -8,8 +8,9 @@
 namespace KilnAgent {
 
 struct ServeOptions {
-  AgentOptions agent;  ///< with a state directory
-  std::string socket;  ///< where to listen; empty for the state directory's own place
+  AgentOptions agent;        ///< with a state directory
+  std::string socket;        ///< where to listen; empty for the state directory's own place
+  std::size_t reserved = 0;  ///< bytes of memory for entries that are taken from the system at the start
 };
 
 /// Serves until SIGTERM or SIGINT, which withdraws nothing. A line is an operation of the scenario language,

@@ -69,6 +69,7 @@ struct RunArguments : AgentArguments {
 struct ServeArguments : AgentArguments {
   ServeArguments() { yieldEvery = 0; }
   std::string socket;
+  std::uint32_t reserveMib = 0;
 };
 
 struct SendArguments {
@@ -350,7 +351,14 @@ void addServe(CLI::App& app, ServeArguments& arguments) {
   addAgentOptions(command, arguments);
   command->get_option("--state")->required();
   command->add_option("--socket", arguments.socket, "Where to listen; DIR/socket by default");
-  command->callback([&] { serve({agentOptions(arguments), arguments.socket}); });
+  command
+      ->add_option("--reserve", arguments.reserveMib,
+                   "Memory for entries to take from the system at the start, in MiB; about 1 per 1,000 "
+                   "entries. Without it the first use of memory lengthens slices")
+      ->check(CLI::Range(0, 1 << 20));
+  command->callback([&] {
+    serve({agentOptions(arguments), arguments.socket, std::size_t{arguments.reserveMib} << 20U});
+  });
 }
 
 void addSend(CLI::App& app, SendArguments& arguments, int& result) {

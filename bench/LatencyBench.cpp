@@ -10,6 +10,7 @@
 
 #include "bench/Measure.h"
 #include "bench/Subjects.h"
+#include "runtime/PageArena.h"
 
 namespace KilnBench {
 namespace {
@@ -193,9 +194,11 @@ BENCHMARK(latencySaturated)
     ->Unit(benchmark::kMillisecond);
 
 /// The longest slices of first inserts at once, of a restart, and of withdrawals at once: growth and decay of
-/// the whole included.
+/// the whole included; with so many bytes per entry reserved before.
 void worstSlices(benchmark::State& state) {
   const auto entries = static_cast<std::uint32_t>(state.range(0));
+  KilnEmServer::PageArena::instance().reserve(std::size_t{entries} *
+                                              static_cast<std::size_t>(state.range(1)));
   for (auto _ : state) {
     WholeServer server(kMixed, kSliceBudget);
     const auto run = [&](const char* name, auto&& cause) {
@@ -221,8 +224,11 @@ void worstSlices(benchmark::State& state) {
 }
 BENCHMARK(worstSlices)
     ->Name("slices/mixed")
-    ->Arg(100'000)
-    ->Arg(1'000'000)
+    ->ArgNames({"", "reservedPerEntry"})
+    ->Args({100'000, 0})
+    ->Args({100'000, 1'500})
+    ->Args({1'000'000, 0})
+    ->Args({1'000'000, 1'500})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 

@@ -1,4 +1,4 @@
-// The whole road: what each operation costs per entry, beside the floor, the naive chain, and what of it is
+// The whole road: what each operation costs per entry, beside the floor, the naive server, and what of it is
 // store and chip.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -14,6 +14,7 @@
 
 #include "bench/Chain.h"
 #include "bench/Cycle.h"
+#include "bench/NaiveServer.h"
 #include "bench/Subjects.h"
 
 namespace KilnBench {
@@ -76,7 +77,7 @@ class Comparison {
 /// Only the whole server and the chip have something to do at a restart.
 bool takesPart(const std::string& name, Operation operation) {
   return operation != Operation::restart ||
-         (name != "floor" && name != "naive" && name != "store" && !name.starts_with("durable"));
+         (name != "floor" && name != "naiveChain" && name != "store" && !name.starts_with("durable"));
 }
 
 void report(benchmark::State& state, Comparison& comparison, const std::string& name, Operation operation,
@@ -93,11 +94,12 @@ void report(benchmark::State& state, Comparison& comparison, const std::string& 
     state.counters["times_road"] = own.nanoseconds / costOf("mixed").nanoseconds;
   }
   if (name != "mixed") return;
+  state.counters["naive_ns"] = costOf("naive").nanoseconds;
+  state.counters["naive_times"] = costOf("naive").nanoseconds / own.nanoseconds;
   if (takesPart("floor", operation)) {
     state.counters["floor_ns"] = costOf("floor").nanoseconds;
-    state.counters["naive_ns"] = costOf("naive").nanoseconds;
     state.counters["times_floor"] = own.nanoseconds / costOf("floor").nanoseconds;
-    state.counters["naive_times"] = costOf("naive").nanoseconds / own.nanoseconds;
+    state.counters["naive_chain_ns"] = costOf("naiveChain").nanoseconds;
     state.counters["store_ns"] = costOf("store").nanoseconds;
   }
   state.counters["chip_ns"] = costOf("chip").nanoseconds;
@@ -126,9 +128,10 @@ void registerComparison(const std::shared_ptr<Comparison>& comparison, const std
 constexpr std::array<std::uint32_t, 4> kSizes = {1'000, 10'000, 100'000, 1'000'000};
 
 bool registerMixed() {
-  const auto comparison = std::make_shared<Comparison>(std::vector{
-      candidate<FloorChain>("floor"), candidate<NaiveChain>("naive"), candidate<WholeServer>("mixed", kMixed),
-      candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
+  const auto comparison = std::make_shared<Comparison>(
+      std::vector{candidate<FloorChain>("floor"), candidate<NaiveChain>("naiveChain"),
+                  candidate<KilnNaive::Server>("naive"), candidate<WholeServer>("mixed", kMixed),
+                  candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
   for (const std::uint32_t entries : kSizes) {
     for (const bool shuffled : {false, true}) {
       for (const Candidate& each : comparison->candidates()) {

@@ -135,6 +135,18 @@ void* PageArena::map(std::size_t bytes) {
   return mapHuge(bytes);
 }
 
+void PageArena::reserve(std::size_t bytes) {
+  if (kFromAllocator) return;
+  constexpr std::size_t kSmallPage = 4096;
+  empty_.reserve(blocks_ + bytes / kBlock + 1);
+  while (empty_.size() * kBlock < bytes) {
+    auto* const begin = static_cast<std::byte*>(map(kBlock));
+    for (std::size_t at = 0; at < kBlock; at += kSmallPage) begin[at] = std::byte{0};
+    empty_.push_back(reinterpret_cast<Block*>(begin));
+    ++blocks_;
+  }
+}
+
 void* PageArena::takeTable(std::size_t bytes) {
   if (kFromAllocator || bytes % kHugePage != 0) {
     void* const table = std::calloc(bytes, 1);

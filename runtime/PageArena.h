@@ -42,6 +42,9 @@ class PageArena {
   [[nodiscard]] void* takeTable(std::size_t bytes);
   /// Takes a table back that was taken with the same size.
   void giveTable(void* table, std::size_t bytes) noexcept;
+  /// Makes sure that so many bytes of pages can be taken without asking the system, which gives and zeroes
+  /// two megabytes at once when they are touched first. Throws std::bad_alloc.
+  void reserve(std::size_t bytes);
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
  private:

@@ -56,5 +56,17 @@ TEST(PageArena, PagesOfAnySizesStayApart) {
   EXPECT_EQ(arena.counters().bytes, bytesBefore);
 }
 
+TEST(PageArena, WhatIsReservedIsTakenWithoutTheSystem) {
+  PageArena& arena = PageArena::instance();
+  constexpr std::size_t kPages = 1000;
+  constexpr std::size_t kBytes = 8192;
+  arena.reserve(kPages * kBytes * 9 / 8);
+  const std::uint64_t mappings = arena.counters().mappings;
+  std::vector<void*> pages;
+  for (std::size_t page = 0; page < kPages; ++page) pages.push_back(arena.take(kBytes));
+  EXPECT_EQ(arena.counters().mappings, mappings);
+  for (void* page : pages) arena.give(page, kBytes);
+}
+
 }  // namespace
 }  // namespace KilnTest

@@ -1,0 +1,47 @@
+// The keys that changed and were not handled yet: a queue of keys, and a set of those that stand in it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <unordered_set>
+#include <utility>
+
+#include "platform/Value.h"
+#include "runtime/KeySpace.h"
+
+namespace KilnEmServer {
+
+template <class K>
+class PendingKeys {
+ public:
+  bool add(const K& key, std::uint64_t arrival) {
+    if (!standing_.insert(key).second) return false;
+    queue_.emplace_back(key, arrival);
+    return true;
+  }
+  [[nodiscard]] bool empty() const { return queue_.empty(); }
+  [[nodiscard]] std::size_t size() const { return queue_.size(); }
+  [[nodiscard]] std::uint64_t headArrival() const { return queue_.front().second; }
+  [[nodiscard]] KeyUse<K> take() { return KeyUse<K>(pop()); }
+  K pop() {
+    const K key = queue_.front().first;
+    queue_.pop_front();
+    standing_.erase(key);
+    return key;
+  }
+  template <class Fetch>
+  void expectFar(Fetch&& /*fetch*/) const {}
+  template <class Fetch>
+  void expectNear(Fetch&& /*fetch*/) const {}
+  void clear() {
+    queue_.clear();
+    standing_.clear();
+  }
+
+ private:
+  std::deque<std::pair<K, std::uint64_t>> queue_;
+  std::unordered_set<K, KilnPlatform::ValueHash<K>> standing_;
+};
+
+}  // namespace KilnEmServer
