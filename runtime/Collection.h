@@ -268,10 +268,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
     [[no_unique_address]] V value;
   };
   /// Spreads handles, which are dense, over the whole range.
-  static std::uint32_t hashOf(std::uint32_t handle) {
-    const std::uint32_t spread = handle * 0x9E3779B1U;
-    return spread ^ spread >> 15;
-  }
+  static std::uint32_t hashOf(std::uint32_t handle) { return handle * 0x9E3779B1U; }
   [[nodiscard]] std::uint32_t placeOf(std::uint32_t handle) const {
     if (handle == kNone || entries_.empty()) return kNone;
     return places_.find(hashOf(handle),

@@ -1,5 +1,6 @@
 #include "runtime/HandleIndex.h"
 
+#include <bit>
 #include <utility>
 
 #include "platform/Assert.h"
@@ -19,10 +20,11 @@ void HandleIndex::Table::allocate(std::size_t capacity) {
   cells = makeTable<Cell>(capacity);
   mask = capacity - 1;
   size = 0;
+  shift = 32 - static_cast<unsigned>(std::countr_zero(capacity));
 }
 
 void HandleIndex::Table::insert(Cell cell) {
-  std::size_t at = cell.hash & mask;
+  std::size_t at = home(cell.hash);
   while (cells[at].handlePlusOne != 0) at = (at + 1) & mask;
   cells[at] = cell;
   ++size;
@@ -30,7 +32,7 @@ void HandleIndex::Table::insert(Cell cell) {
 
 bool HandleIndex::Table::erase(std::uint32_t hash, std::uint32_t handle) {
   if (size == 0) return false;
-  std::size_t at = hash & mask;
+  std::size_t at = home(hash);
   while (cells[at].handlePlusOne != handle + 1) {
     if (cells[at].handlePlusOne == 0) return false;
     at = (at + 1) & mask;
@@ -43,8 +45,7 @@ bool HandleIndex::Table::erase(std::uint32_t hash, std::uint32_t handle) {
 void HandleIndex::Table::eraseAt(std::size_t at) {
   std::size_t gap = at;
   for (std::size_t next = (at + 1) & mask; cells[next].handlePlusOne != 0; next = (next + 1) & mask) {
-    const std::size_t home = cells[next].hash & mask;
-    if (((next - home) & mask) < ((next - gap) & mask)) continue;
+    if (((next - home(cells[next].hash)) & mask) < ((next - gap) & mask)) continue;
     cells[gap] = cells[next];
     gap = next;
   }
@@ -58,7 +59,7 @@ void HandleIndex::insert(std::uint32_t hash, std::uint32_t handle) {
   } else if (const std::size_t capacity = current_.mask + 1; (size() + 1) * 8 > capacity * 5) {
     resize(capacity * 2);
   }
-  current_.insert({hash, handle + 1});
+  (migrated(hash) ? current_ : old_).insert({hash, handle + 1});
   migrate(kCellsPerChange);
 }
 
@@ -80,8 +81,9 @@ void HandleIndex::resize(std::size_t capacity) {
   if (old_.cells != nullptr) migrate(old_.mask + 1 + old_.size);
   old_ = std::exchange(current_, {});
   current_.allocate(capacity);
-  migrateAt_ = 0;
-  while (old_.cells[migrateAt_].handlePlusOne != 0) ++migrateAt_;
+  migrateFrom_ = 0;
+  while (old_.cells[migrateFrom_].handlePlusOne != 0) ++migrateFrom_;
+  migrated_ = 0;
 }
 
 /// Goes around the old table, from an empty cell on. Entries that follow each other without a gap are moved
@@ -90,14 +92,14 @@ void HandleIndex::migrate(std::size_t cells) {
   if (old_.cells == nullptr) return;
   bool inRow = false;
   while (old_.size != 0 && (cells != 0 || inRow)) {
-    Cell& cell = old_.cells[migrateAt_];
+    Cell& cell = old_.cells[(migrateFrom_ + migrated_) & old_.mask];
     inRow = cell.handlePlusOne != 0;
     if (inRow) {
       current_.insert(cell);
       cell = {};
       --old_.size;
     }
-    migrateAt_ = (migrateAt_ + 1) & old_.mask;
+    ++migrated_;
     cells -= cells != 0 ? 1 : 0;
   }
   if (old_.size == 0) old_ = {};
