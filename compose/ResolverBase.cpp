@@ -163,6 +163,7 @@ void ResolverBase::sweep(std::string reportAs) {
       control().scheduler, control().priority, fmt::format("{}-SweepTask", className()),
       [](void* owner) { static_cast<ResolverBase*>(owner)->runSweep(); }, this);
   sweeping_ = true;
+  sweepCursor_ = {};
   runSweep();
 }
 

@@ -145,14 +145,6 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  void delAll() override {
-    while (!values_.empty()) {
-      for (auto handle = values_.next(0); handle != Values::kNone; handle = values_.next(handle + 1)) {
-        del(keys_.key(handle));
-      }
-    }
-  }
-
   const K* scanNext(ScanCursor<K>& cursor) const override {
     auto handle = values_.next(cursor.index);
     if constexpr (requires(const K& key) { keyGroup(key); }) {
@@ -238,10 +230,6 @@ class DenseCollection final : public KeyedCollection<K, V> {
     subscribers_.notify(keys_, handle);
     keys_.release(handle);
     return true;
-  }
-
-  void delAll() override {
-    while (!entries_.empty()) del(keys_.key(entries_.back().handle));
   }
 
   const K* scanNext(ScanCursor<K>& cursor) const override {

@@ -116,12 +116,9 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
   /// Keys of groups that the stage does not want are no items, whether or not they are traced: slices end
-  /// where they ended without traces.
+  /// where they ended without traces, and last longer with them.
   bool scanItem() final {
-    if constexpr (requires { self().unwantedGroups(); }) {
-      if (!cursor_.started && cursor_.index == 0) unwanted_ = self().unwantedGroups();
-      cursor_.unwanted = traced() ? 0 : unwanted_;
-    }
+    cursor_.unwanted = traced() ? 0 : unwanted_;
     while (const K* key = self().collection().scanNext(cursor_)) {
       const KeyUse<K> held(*key);
       if (isUnwanted(held.key())) {
@@ -140,6 +137,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     return static_cast<const Self*>(this)->collection().size();
   }
   void subscribe() final {
+    if constexpr (requires { self().unwantedGroups(); }) unwanted_ = self().unwantedGroups();
     if constexpr (reaction != Reaction::none) self().collection().subscribe(*this);
   }
   void unsubscribe() final {

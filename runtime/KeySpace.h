@@ -80,12 +80,7 @@ class KeySpace {
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
   }
-  /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
-  [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
-  [[nodiscard]] static Handle pageAfter(Handle handle) {
-    return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
-  }
-  /// The same with what any collection has under it.
+  /// The same, with what any column has under it.
   void prefetchEverywhere(Handle handle) const {
     if (!mayBeInUse(handle)) return;
     prefetch(handle);
@@ -94,6 +89,11 @@ class KeySpace {
   /// A column by handles of this space, for prefetchEverywhere.
   void columnIs(const ColumnPlaces& column) { columns_.add(column); }
   void columnDel(const ColumnPlaces& column) { columns_.remove(column); }
+  /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
+  [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
+  [[nodiscard]] static Handle pageAfter(Handle handle) {
+    return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
+  }
   /// Keys in use.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
 

@@ -13,9 +13,8 @@
 
 namespace KilnEmServer {
 
-/// Numbers in the order in which they came, each with the moment of its coming: a queue of pages. Pages that
-/// are no longer needed are kept for whichever queue of the thread needs one next, up to a bound, so that in
-/// steady state queues allocate nothing, and after a flood they give its memory back.
+/// Numbers in the order in which they came, each with the moment of its coming: a queue of pages, which the
+/// thread's arena has for whoever needs one next.
 class ArrivalQueue {
  public:
   struct Item {
@@ -73,35 +72,8 @@ class ArrivalQueue {
     std::array<Item, kPerPage> items;
     Page* next;
   };
-  /// Pages that no queue needs. They live as long as the thread.
-  class Spares {
-   public:
-    Page* take() {
-      if (first_ == nullptr) return makePage<Page>().release();
-      --count_;
-      return std::exchange(first_, first_->next);
-    }
-    void give(Page* page) {
-      if (count_ == kKept) {
-        GivePageBack()(page);
-        return;
-      }
-      page->next = std::exchange(first_, page);
-      ++count_;
-    }
-
-   private:
-    static constexpr std::size_t kKept = 1024;  ///< two megabytes
-    Page* first_ = nullptr;
-    std::size_t count_ = 0;
-  };
-  static Spares& spares() {
-    static thread_local auto* const pages = new Spares;
-    return *pages;
-  }
-
   void addPage() {
-    Page* page = spares().take();
+    Page* page = makePage<Page>().release();
     page->next = nullptr;
     if (last_ == nullptr) {
       first_ = page;
@@ -112,9 +84,8 @@ class ArrivalQueue {
     end_ = 0;
   }
   void dropFirst() {
-    Page* dropped = std::exchange(first_, first_->next);
+    const PagePtr<Page> dropped(std::exchange(first_, first_->next));
     if (first_ == nullptr) last_ = nullptr;
-    spares().give(dropped);
   }
 
   Page* first_ = nullptr;

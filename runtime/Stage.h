@@ -59,7 +59,7 @@ struct StageControl {
     return items;
   }
   /// The same for a task of its own, which is told of the work done, and scheduled again where work is left:
-  /// about `left()` items.
+  /// `left()` items, or as many things of several items.
   template <class HasNext, class HandleNext, class Left>
   void runSlice(Task& task, HasNext&& hasNext, HandleNext&& handleNext, Left&& left) const {
     bool yielded = false;

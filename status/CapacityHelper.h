@@ -90,7 +90,7 @@ class CapacityHelper {
 
   /// Registers the tables that the stage reports; to be called by its constructor.
   virtual void initCapacityTableFeatureMaps();
-  /// Whether tables are used as they were at the last call; false at the first. An update that nothing but
+  /// Whether tables are used as they were at the last call. An update that nothing but
   /// usage asked for goes no further then.
   [[nodiscard]] virtual bool usageUnchanged() { return false; }
   /// To be set where something else than usage changed.

@@ -64,9 +64,6 @@ class NaiveCollection final : public KeyedCollection<K, V> {
     subscribers_.notify(deleted);
     return true;
   }
-  void delAll() override {
-    while (!entries_.empty()) del(K(entries_.begin()->first));
-  }
   /// Begins again where the order changed since, or the last key went.
   const K* scanNext(ScanCursor<K>& cursor) const override {
     auto at = entries_.begin();
