@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <span>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "agent/Disposal.h"
 #include "platform/StateStore.h"
 #include "runtime/EmTypes.h"
+#include "runtime/ExpectedItems.h"
 
 namespace KilnAgent {
 
@@ -94,6 +96,21 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   template <class Db>
   void requestDel(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key) {
     if (auto* records = recordsOf<Db>(feature)) records->config->config().del(key);
+  }
+  /// Many of one feature at once, in their order: cheaper than one by one, as what they will touch is fetched
+  /// meanwhile.
+  template <class Db>
+  void requestsAre(KilnEmServer::FeatureType feature,
+                   std::span<const std::pair<typename Db::EntryKey, Request<Db>>> requests) {
+    eachExpected<Db>(
+        feature, requests, [](const auto& request) -> const auto& { return request.first; },
+        [](auto& config, const auto& request) { config.is(request.first, request.second); });
+  }
+  template <class Db>
+  void requestsDel(KilnEmServer::FeatureType feature, std::span<const typename Db::EntryKey> keys) {
+    eachExpected<Db>(
+        feature, keys, [](const auto& key) -> const auto& { return key; },
+        [](auto& config, const auto& key) { config.del(key); });
   }
   template <class Db>
   void requestDelAll(KilnEmServer::FeatureType feature) {
@@ -200,6 +217,17 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     } else {
       return &found->second->esem;
     }
+  }
+
+  /// Calls `change(requests, item)` for each item, with what stands under its key in the feature's requests.
+  template <class Db, class Item, class KeyOf, class Change>
+  void eachExpected(KilnEmServer::FeatureType feature, std::span<const Item> items, KeyOf&& keyOf,
+                    Change&& change) {
+    const auto* records = recordsOf<Db>(feature);
+    if (records == nullptr) return;
+    const auto config = records->config;
+    KilnEmServer::forEachExpected(config->config(), items, keyOf,
+                                  [&](const Item& item) { change(config->config(), item); });
   }
 
   Ref<KilnPlatform::TaskScheduler> scheduler_;

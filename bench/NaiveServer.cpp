@@ -5,7 +5,7 @@
 namespace KilnNaive {
 
 struct Server::Content {
-  KilnBench::WholeServer server;
+  KilnBench::ServerWithLists server;
 };
 
 Server::Server() : content_(std::make_unique<Content>()) {}

@@ -7,6 +7,7 @@ namespace KilnBench {
 namespace {
 
 using namespace KilnTunnelNiLib;
+using KilnAgent::MemoryStateStore;
 using KilnAgent::withDatabase;
 using KilnEmServer::EmComposerKey;
 using KilnEmServer::EmEntry;
@@ -89,6 +90,18 @@ EmComposerKey keyOf(RequestMix type, std::uint32_t n) {
   }
 }
 
+template <class Db>
+typename Db::EntryKey requestKey(const Request& request) {
+  return {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key};
+}
+template <class Db>
+MemoryStateStore::Request<Db> record(const EmEntry& entry, std::uint32_t version) {
+  MemoryStateStore::Request<Db> record;
+  record.clientData.*Db::kEntryOfClientData = entry;
+  record.requestVersion = version;
+  return record;
+}
+
 }  // namespace
 
 std::string_view mixName(RequestMix mix) {
@@ -127,31 +140,51 @@ EmEntry entryOf(const EmComposerKey& key, std::uint32_t n, std::uint32_t version
   }
 }
 
-void publish(KilnAgent::MemoryStateStore& store, const Request& request, const EmEntry& entry,
-             std::uint32_t version) {
+void publish(MemoryStateStore& store, const Request& request, const EmEntry& entry, std::uint32_t version) {
   withDatabase(request.database, [&]<class Db>() {
-    KilnAgent::MemoryStateStore::Request<Db> record;
-    record.clientData.*Db::kEntryOfClientData = entry;
-    record.requestVersion = version;
-    store.requestIs<Db>(request.feature,
-                        {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key},
-                        record);
+    store.requestIs<Db>(request.feature, requestKey<Db>(request), record<Db>(entry, version));
   });
 }
 
-void withdraw(KilnAgent::MemoryStateStore& store, const Request& request) {
-  withDatabase(request.database, [&]<class Db>() {
-    store.requestDel<Db>(request.feature,
-                         {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key});
+void withdraw(MemoryStateStore& store, const Request& request) {
+  withDatabase(request.database,
+               [&]<class Db>() { store.requestDel<Db>(request.feature, requestKey<Db>(request)); });
+}
+
+RequestLists::RequestLists() {
+  forEachList([](auto& lists, FeatureType /*feature*/) {
+    lists.published.reserve(kMost);
+    lists.withdrawn.reserve(kMost);
   });
 }
 
-std::optional<StatusView> statusOf(const KilnAgent::MemoryStateStore& store, const Request& request) {
+void RequestLists::publish(const Request& request, const EmEntry& entry, std::uint32_t version) {
+  ++size_;
+  withDatabase(request.database, [&]<class Db>() {
+    listsOf<Db>(request.feature).published.emplace_back(requestKey<Db>(request), record<Db>(entry, version));
+  });
+}
+
+void RequestLists::withdraw(const Request& request) {
+  ++size_;
+  withDatabase(request.database, [&]<class Db>() {
+    listsOf<Db>(request.feature).withdrawn.push_back(requestKey<Db>(request));
+  });
+}
+
+void RequestLists::handIn(MemoryStateStore& store) {
+  if (std::exchange(size_, 0) == 0) return;
+  forEachList([&]<class Db>(Lists<Db>& lists, FeatureType feature) {
+    store.requestsAre<Db>(feature, lists.published);
+    store.requestsDel<Db>(feature, lists.withdrawn);
+    lists.published.clear();
+    lists.withdrawn.clear();
+  });
+}
+
+std::optional<StatusView> statusOf(const MemoryStateStore& store, const Request& request) {
   return withDatabase(request.database, [&]<class Db>() -> std::optional<StatusView> {
-    const auto* found =
-        store.statuses<Db>(request.feature)
-            ->status()
-            .find({Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), request.key});
+    const auto* found = store.statuses<Db>(request.feature)->status().find(requestKey<Db>(request));
     if (found == nullptr) return std::nullopt;
     return StatusView{found->status, found->requestVersion};
   });

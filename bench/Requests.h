@@ -3,9 +3,13 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "agent/MemoryStateStore.h"
 #include "platform/EmKeys.h"
@@ -38,6 +42,48 @@ KilnEmServer::EmEntry entryOf(const KilnEmServer::EmComposerKey& key, std::uint3
 void publish(KilnAgent::MemoryStateStore& store, const Request& request, const KilnEmServer::EmEntry& entry,
              std::uint32_t version);
 void withdraw(KilnAgent::MemoryStateStore& store, const Request& request);
+
+/// What features hand in together: per feature and database a list of requests and one of keys to withdraw.
+/// For each key at most one of the two, and once.
+class RequestLists {
+ public:
+  RequestLists();
+  void publish(const Request& request, const KilnEmServer::EmEntry& entry, std::uint32_t version);
+  void withdraw(const Request& request);
+  /// Hands all in and empties the lists.
+  void handIn(KilnAgent::MemoryStateStore& store);
+  /// Whether it is time to.
+  [[nodiscard]] bool full() const { return size_ == kMost; }
+
+ private:
+  static constexpr std::size_t kMost = 256;
+  template <class Db>
+  struct Lists {
+    std::vector<std::pair<typename Db::EntryKey, KilnAgent::MemoryStateStore::Request<Db>>> published;
+    std::vector<typename Db::EntryKey> withdrawn;
+  };
+  /// By the feature's number, which is from 1 to 8.
+  template <class Db>
+  using ByFeature = std::array<Lists<Db>, 9>;
+  template <class Db>
+  Lists<Db>& listsOf(KilnEmServer::FeatureType feature) {
+    return std::get<ByFeature<Db>>(lists_)[static_cast<std::size_t>(feature)];
+  }
+
+  /// Calls the visitor with the lists and the feature of each, of all databases.
+  template <class Visitor>
+  void forEachList(Visitor&& visitor) {
+    KilnAgent::forEachDatabase([&]<class Db>() {
+      KilnPlatform::forEachEnumValue<KilnEmServer::FeatureType>(
+          [&](KilnEmServer::FeatureType feature) { visitor(listsOf<Db>(feature), feature); });
+    });
+  }
+
+  std::tuple<ByFeature<KilnTunnelNiLib::Isem>, ByFeature<KilnTunnelNiLib::Esem>,
+             ByFeature<KilnTunnelNiLib::Lem>>
+      lists_;
+  std::size_t size_ = 0;
+};
 /// What a request's feature can read; null where nothing was published yet.
 struct StatusView {
   KilnEmServer::EmStatus status;

@@ -130,8 +130,9 @@ constexpr std::array<std::uint32_t, 4> kSizes = {1'000, 10'000, 100'000, 1'000'0
 bool registerMixed() {
   const auto comparison = std::make_shared<Comparison>(
       std::vector{candidate<FloorChain>("floor"), candidate<NaiveChain>("naiveChain"),
-                  candidate<KilnNaive::Server>("naive"), candidate<WholeServer>("mixed", kMixed),
-                  candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
+                  candidate<KilnNaive::Server>("naive"), candidate<ServerWithLists>("mixed", kMixed),
+                  candidate<WholeServer>("mixedSingly", kMixed), candidate<StoreAlone>("store", kMixed),
+                  candidate<ChipAlone>("chip", kMixed)});
   for (const std::uint32_t entries : kSizes) {
     for (const bool shuffled : {false, true}) {
       for (const Candidate& each : comparison->candidates()) {
@@ -145,7 +146,7 @@ bool registerMixed() {
 /// All requests at once: the server sees no end of them before it begins.
 bool registerAtOnce() {
   const auto comparison =
-      std::make_shared<Comparison>(std::vector{candidate<WholeServer>("mixedAtOnce", kMixed)});
+      std::make_shared<Comparison>(std::vector{candidate<ServerWithLists>("mixedAtOnce", kMixed)});
   for (const std::uint32_t entries : {100'000U, 1'000'000U}) {
     registerComparison(comparison, "mixedAtOnce", {entries, true, entries});
   }
@@ -156,7 +157,7 @@ bool registerTypes() {
   KilnPlatform::forEachEnumValue<RequestMix>([](RequestMix type) {
     if (type == kMixed) return;
     const std::string name(mixName(type));
-    const auto comparison = std::make_shared<Comparison>(std::vector{candidate<WholeServer>(name, type)});
+    const auto comparison = std::make_shared<Comparison>(std::vector{candidate<ServerWithLists>(name, type)});
     std::uint32_t last = 0;
     for (const std::uint32_t size : kSizes) {
       const std::uint32_t entries = std::min(size, mostRequests(type));
@@ -172,7 +173,7 @@ bool registerTypes() {
 bool registerDurable() {
   using KilnAgent::Durability;
   const auto comparison = std::make_shared<Comparison>(std::vector{
-      candidate<WholeServer>("mixed", kMixed), candidate<DurableAgent>("durable", Durability::power),
+      candidate<ServerWithLists>("mixed", kMixed), candidate<DurableAgent>("durable", Durability::power),
       candidate<DurableAgent>("durableNoSync", Durability::process)});
   for (const std::uint32_t entries : {10'000U, 100'000U, 1'000'000U}) {
     for (const char* name : {"durable", "durableNoSync"}) {

@@ -37,6 +37,16 @@ void publishVersion(MemoryStateStore& store, RequestMix mix, std::uint32_t n, st
   const Request request = requestOf(mix, n);
   publish(store, request, entryOf(request.key, n, version), version);
 }
+void publishVersion(RequestLists& lists, MemoryStateStore& store, RequestMix mix, std::uint32_t n,
+                    std::uint32_t version) {
+  const Request request = requestOf(mix, n);
+  lists.publish(request, entryOf(request.key, n, version), version);
+  if (lists.full()) lists.handIn(store);
+}
+void withdrawFrom(RequestLists& lists, MemoryStateStore& store, const Request& request) {
+  lists.withdraw(request);
+  if (lists.full()) lists.handIn(store);
+}
 
 /// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
 /// domain of an interface is told from its number.
@@ -152,13 +162,20 @@ std::uint32_t WholeServer::settled(std::uint32_t version) const {
   return countSettled(*store_, version);
 }
 
+void ServerWithLists::publish(std::uint32_t n, std::uint32_t version) {
+  publishVersion(lists_, server_.store(), mix_, n, version);
+}
+void ServerWithLists::withdraw(std::uint32_t n) {
+  withdrawFrom(lists_, server_.store(), requestOf(mix_, n));
+}
+
 // --- The store alone ---------------------------------------------------------------------------------------
 
 StoreAlone::StoreAlone(RequestMix mix) : mix_(mix), store_(std::make_shared<CooperativeScheduler>()) {}
 
 void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
   const Request request = requestOf(mix_, n);
-  KilnBench::publish(store_, request, entryOf(request.key, n, version), version);
+  publishVersion(lists_, store_, mix_, n, version);
   KilnAgent::withDatabase(request.database, [&]<class Db>() {
     store_.restoreStatus<Db>(request.feature, {.key = {Hardware::Kiln::FapId::allFap(),
                                                        Hardware::Kiln::LocalCoreId::all(), request.key},
@@ -169,7 +186,7 @@ void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
 }
 void StoreAlone::withdraw(std::uint32_t n) {
   const Request request = requestOf(mix_, n);
-  KilnBench::withdraw(store_, request);
+  withdrawFrom(lists_, store_, request);
   KilnAgent::withDatabase(request.database, [&]<class Db>() {
     const typename Db::EntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
                                     request.key};
@@ -243,12 +260,13 @@ DurableAgent::~DurableAgent() {
 }
 
 void DurableAgent::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(agent_->store(), kMixed, n, version);
+  publishVersion(lists_, agent_->store(), kMixed, n, version);
 }
 void DurableAgent::withdraw(std::uint32_t n) {
-  KilnBench::withdraw(agent_->store(), requestOf(kMixed, n));
+  withdrawFrom(lists_, agent_->store(), requestOf(kMixed, n));
 }
 void DurableAgent::settle() {
+  lists_.handIn(agent_->store());
   agent_->scheduler().runUntilIdle();
   if (pace_.due(agent_->durable()->pending())) pace_.commit([this] { agent_->commit(); });
 }

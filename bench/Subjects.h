@@ -58,17 +58,38 @@ class WholeServer {
   Ref<KilnEmServer::KilnEmServerSm> server_;
 };
 
+/// The whole server, and features that hand in their requests in lists.
+class ServerWithLists {
+ public:
+  explicit ServerWithLists(RequestMix mix = kMixed) : mix_(mix), server_(mix) {}
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle() {
+    lists_.handIn(server_.store());
+    server_.settle();
+  }
+  void stop() { server_.stop(); }
+  void start() { server_.start(); }
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const { return server_.settled(version); }
+
+ private:
+  RequestMix mix_;
+  RequestLists lists_;
+  WholeServer server_;
+};
+
 /// The store alone: the requests, and the statuses that a server would publish.
 class StoreAlone {
  public:
   explicit StoreAlone(RequestMix mix = kMixed);
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
-  void settle() {}
+  void settle() { lists_.handIn(store_); }
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
   RequestMix mix_;
+  RequestLists lists_;
   KilnAgent::MemoryStateStore store_;
 };
 
@@ -112,6 +133,7 @@ class DurableAgent {
 
  private:
   std::string directory_;
+  RequestLists lists_;
   std::unique_ptr<KilnAgent::EmbeddedAgent> agent_;
   KilnAgent::CommitPace pace_;  ///< as a serving agent has it
 };

@@ -53,7 +53,8 @@ CycleCost run(const std::string& name, const CycleSetting& setting, CycleObserve
   if (name == "floor") return run<FloorChain>(setting, observer);
   if (name == "store") return run<StoreAlone>(setting, observer);
   if (name == "chip") return run<ChipAlone>(setting, observer);
-  return run<WholeServer>(setting, observer);
+  if (name == "mixedSingly") return run<WholeServer>(setting, observer);
+  return run<ServerWithLists>(setting, observer);
 }
 
 }  // namespace
@@ -72,7 +73,8 @@ int main(int argc, char** argv) {
   app.add_option("--rounds", setting.rounds, "of new versions and of identical ones; the last is printed");
   app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
       ->check(CLI::PositiveNumber);
-  app.add_option("--subject", subject)->check(CLI::IsMember({"mixed", "store", "chip", "floor"}));
+  app.add_option("--subject", subject)
+      ->check(CLI::IsMember({"mixed", "mixedSingly", "store", "chip", "floor"}));
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");
   CLI11_PARSE(app, argc, argv);

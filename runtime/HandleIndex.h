@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "runtime/FetchAhead.h"
 #include "runtime/PageArena.h"
 
 namespace KilnEmServer {
@@ -23,6 +24,12 @@ class HandleIndex {
     const bool moved = migrated(hash);
     const std::uint32_t found = (moved ? current_ : old_).find(hash, equal);
     return found != kNone ? found : (moved ? old_ : current_).find(hash, equal);
+  }
+  /// Fetches what `find` will look at first into the cache.
+  void prefetch(std::uint32_t hash) const {
+    current_.prefetch(hash);
+    if (old_.cells != nullptr) [[unlikely]]
+      old_.prefetch(hash);
   }
   void insert(std::uint32_t hash, std::uint32_t handle);
   /// The handle stands under this hash.
@@ -54,6 +61,9 @@ class HandleIndex {
         if (cells[at].hash == hash && equal(cells[at].handlePlusOne - 1)) return cells[at].handlePlusOne - 1;
       }
       return kNone;
+    }
+    void prefetch(std::uint32_t hash) const {
+      if (cells != nullptr) fetchAhead(&cells[home(hash)]);
     }
     void allocate(std::size_t capacity);
     void insert(Cell cell);

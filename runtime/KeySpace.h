@@ -73,6 +73,22 @@ class KeySpace {
     last_ = handle;
     lastKey_ = &slot(handle).key;
   }
+  /// A key that nobody has in hand will be looked up: fetches where the index has it. Returns what
+  /// expectFound takes, when that is there.
+  [[nodiscard]] std::uint32_t expectInIndex(const K& key) const {
+    const std::uint32_t hash = hashOf(key);
+    index_.prefetch(hash);
+    return hash;
+  }
+  /// Fetches what is likely to be stored of the key. Returns its handle, likewise likely, or kNone where
+  /// nobody uses the key.
+  Handle expectFound(std::uint32_t hash, const K& key) const {
+    const Handle likely = index_.find(hash, [](Handle) { return true; });
+    if (likely == kNone) return kNone;
+    hintAt(key, likely);
+    prefetch(likely);
+    return likely;
+  }
   /// Fetches the key into the cache.
   void prefetch(Handle handle) const {
     if (!mayBeInUse(handle)) return;
