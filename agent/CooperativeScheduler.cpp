@@ -12,13 +12,22 @@ CooperativeScheduler::CooperativeScheduler(std::unique_ptr<KilnPlatform::YieldPo
   if (seed) shuffle_.emplace(*seed);
 }
 
+CooperativeScheduler::Queue& CooperativeScheduler::queueOf(const Task& task) {
+  auto at = queues_.begin();
+  while (at != queues_.end() && at->priority > task.priority()) ++at;
+  if (at != queues_.end() && at->priority == task.priority()) [[likely]]
+    return *at;
+  return *queues_.emplace(at, task.priority());
+}
+
 void CooperativeScheduler::schedule(Task& task) {
   if (task.ready) return;
-  Queue& queue = queues_[task.priority()];
+  Queue& queue = queueOf(task);
   const std::uint64_t deadline = task.patience() == 0 ? kNoDeadline : counters_.slices + task.patience();
   const std::uint64_t order = nextOrder_++;
   task.ready = true;
   task.readySince = queue.first + queue.slots.size();
+  if (queue.slots.full()) queue.slots.set_capacity(2 * queue.slots.size() + 8);
   queue.slots.push_back({&task, deadline, order});
   ++queue.live;
   ++ready_;
@@ -28,7 +37,7 @@ void CooperativeScheduler::schedule(Task& task) {
 void CooperativeScheduler::cancel(Task& task) {
   if (running_ == &task) running_ = nullptr;
   if (!task.ready) return;
-  Queue& queue = queues_.at(task.priority());
+  Queue& queue = queueOf(task);
   release(queue, queue.slots[task.readySince - queue.first]);
   while (!queue.slots.empty() && queue.slots.front().task == nullptr) {
     queue.slots.pop_front();
@@ -66,7 +75,7 @@ CooperativeScheduler::Task* CooperativeScheduler::takeNext() {
     cancel(*task);
     return task;
   }
-  for (auto& [priority, queue] : queues_) {
+  for (Queue& queue : queues_) {
     if (queue.live != 0) return takeFrom(queue);
   }
   return nullptr;
@@ -97,7 +106,7 @@ void CooperativeScheduler::runUntilIdle() {
 }
 
 void CooperativeScheduler::forgetAll() {
-  for (auto& [priority, queue] : queues_) {
+  for (Queue& queue : queues_) {
     for (Slot& slot : queue.slots) {
       if (slot.task != nullptr) release(queue, slot);
     }

@@ -1,17 +1,16 @@
 // The agent's cooperative task scheduler: one thread, deterministic, repeatable from a seed.
 #pragma once
 
+#include <boost/circular_buffer.hpp>
 #include <boost/container/flat_map.hpp>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <random>
 #include <utility>
+#include <vector>
 
 #include "platform/TaskScheduler.h"
 
@@ -81,7 +80,9 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   };
   /// A ready task's `readySince` is `first` plus its index in `slots`.
   struct Queue {
-    std::deque<Slot> slots;
+    explicit Queue(int queuePriority) : priority(queuePriority) {}
+    int priority;
+    boost::circular_buffer<Slot> slots;
     std::uint64_t first = 0;
     std::size_t live = 0;
   };
@@ -105,6 +106,7 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
     std::uint64_t& yields_;
   };
 
+  Queue& queueOf(const Task& task);
   Task* takeNext();
   Task* takeFrom(Queue& queue);
   void release(Queue& queue, Slot& slot);
@@ -113,7 +115,7 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   CountingPolicy policy_;
   std::optional<std::uint64_t> seed_;
   std::optional<std::mt19937_64> shuffle_;
-  std::map<int, Queue, std::greater<>> queues_;
+  std::vector<Queue> queues_;  ///< the greatest priority first; few
   /// By deadline, then order; few tasks have one.
   boost::container::flat_map<std::pair<std::uint64_t, std::uint64_t>, Task*> deadlines_;
   std::uint64_t nextOrder_ = 0;

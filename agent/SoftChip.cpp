@@ -7,12 +7,6 @@ namespace {
 
 using Hardware::Kiln::FapId;
 
-Ref<Hardware::Kiln::Status> makeChipStatus(const ChipConfig& config) {
-  auto status = std::make_shared<Hardware::Kiln::Status>(makeCollection<FapId, Hardware::Kiln::FapInfo>());
-  for (const ChipConfig::Fap& fap : config.faps) status->fap().is(fap.fapId, fap.info);
-  return status;
-}
-
 Ref<Hardware::Kiln::MdbStatus> makeMdbStatus(const ChipConfig& config) {
   auto status = std::make_shared<Hardware::Kiln::MdbStatus>(
       makeCollection<FapId, std::uint32_t>(), makeCollection<std::uint32_t, KilnMdb::ProfileCapabilities>());
@@ -27,7 +21,9 @@ Ref<Hardware::Kiln::MdbStatus> makeMdbStatus(const ChipConfig& config) {
 
 SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
                    std::optional<std::uint64_t> seed, const std::string& directory)
-    : chipStatus_(makeChipStatus(config)), mdbStatus_(makeMdbStatus(config)) {
+    : chipStatus_(std::make_shared<Hardware::Kiln::Status>(makeCollection<FapId, Hardware::Kiln::FapInfo>())),
+      mdbStatus_(makeMdbStatus(config)) {
+  for (const ChipConfig::Fap& fap : config.faps) fapIs(fap.fapId, &fap.info);
   if (seed) random_.emplace(*seed);
   const auto make = [&]<class Own>(Ref<Own>& own) {
     const auto number = static_cast<std::size_t>(Own::kTag);
@@ -40,7 +36,7 @@ SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskSchedul
         pending_.get(),
         &room_,
         directory.empty() ? std::string() : fmt::format("{}/{}", directory, stem)};
-    own = std::make_shared<Own>(setting, chipStatus_);
+    own = std::make_shared<Own>(setting, faps_);
     tables_[number] = &own->table();
     room_.tableIs(Own::kTag, own->table());
   };
@@ -63,13 +59,22 @@ HardwareCounters SoftChip::counters() const {
 }
 
 void SoftChip::addFap(const ChipConfig::Fap& fap) {
-  chipStatus_->fap().is(fap.fapId, fap.info);
+  fapIs(fap.fapId, &fap.info);
   profileIs(fap.fapId, fap.profile);
 }
 
 void SoftChip::removeFap(FapId fapId) {
   profileIs(fapId, std::nullopt);
-  chipStatus_->fap().del(fapId);
+  fapIs(fapId, nullptr);
+}
+
+void SoftChip::fapIs(const FapId& fapId, const Hardware::Kiln::FapInfo* info) {
+  if (fapId.number() < faps_.size()) faps_.set(fapId.number(), info != nullptr);
+  if (info != nullptr) {
+    chipStatus_->fap().is(fapId, *info);
+  } else {
+    chipStatus_->fap().del(fapId);
+  }
 }
 
 void SoftChip::profileIs(FapId fapId, std::optional<std::uint32_t> profile) {

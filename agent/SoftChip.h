@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -18,6 +19,9 @@
 
 namespace KilnAgent {
 
+/// The FAPs that exist, by their numbers. A FAP whose number does not fit into a unit's has no unit.
+using FapSet = std::bitset<256>;
+
 /// The interface to one table type. All FAPs share one table, since every entry is spread to all of them.
 template <class TableInterface, class TableClass>
 class SoftInterface final : public TableInterface {
@@ -27,21 +31,21 @@ class SoftInterface final : public TableInterface {
   static constexpr KilnEmServer::EmResolvedKeyUnionTag kTag =
       KilnEmServer::EmResolvedKey::tagOf<typename SwTable::Key>();
 
-  SoftInterface(const SoftTable::Setting& setting, Ref<const Hardware::Kiln::Status> chip)
-      : table_(setting), chip_(std::move(chip)) {}
+  /// `faps` must outlive the interface.
+  SoftInterface(const SoftTable::Setting& setting, const FapSet& faps) : table_(setting), faps_(faps) {}
 
   /// The table for the unit of all FAPs and those of the FAPs that exist; null for any other.
   [[nodiscard]] Asic::OrderedSwTable* orderedSwTable(Asic::UnitId unit) const override {
     const Hardware::Kiln::FapId fapId(unit.number() & 0xFFU);
     const bool known =
-        unit == Asic::UnitId::allFap() || (unit == Asic::UnitId::ofFap(fapId) && chip_->fap().has(fapId));
+        unit == Asic::UnitId::allFap() || (unit == Asic::UnitId::ofFap(fapId) && faps_.test(fapId.number()));
     return known ? &table_ : nullptr;
   }
   [[nodiscard]] SoftSwTable<SwTable>& table() { return table_; }
 
  private:
   mutable SoftSwTable<SwTable> table_;
-  Ref<const Hardware::Kiln::Status> chip_;
+  const FapSet& faps_;
 };
 
 /// The chip. It outlives the servers that work on it.
@@ -99,6 +103,9 @@ class SoftChip final : public Asic::OrderedTableInterface {
   template <class Interface, class SwTable>
   using Own = Ref<SoftInterface<Interface, SwTable>>;
 
+  void fapIs(const Hardware::Kiln::FapId& fapId, const Hardware::Kiln::FapInfo* info);
+
+  FapSet faps_;  ///< those of the chip status
   Ref<Hardware::Kiln::Status> chipStatus_;
   Ref<Hardware::Kiln::MdbStatus> mdbStatus_;
   std::optional<std::mt19937_64> random_;

@@ -173,7 +173,7 @@ class Output final : public OutputBase {
 
   void beginSeen() override {
     marks_ = std::make_unique<Marks>();
-    awaited_ = std::make_unique<SparseCollection<Key, KilnPlatform::Unit>>();
+    awaited_ = std::make_unique<Collection<Key, KilnPlatform::Unit>>();
     marking_ = true;
     noteSeen_ = !collection().empty();
     countFound(collection().size());
@@ -219,7 +219,7 @@ class Output final : public OutputBase {
   ScanCursor<Key> cursor_;
   std::unique_ptr<Marks> marks_;  ///< only while the output is being reconciled
   /// Keys that stay as they stood until something is known of them; null where there are none.
-  std::unique_ptr<SparseCollection<Key, KilnPlatform::Unit>> awaited_;
+  std::unique_ptr<Collection<Key, KilnPlatform::Unit>> awaited_;
 };
 
 }  // namespace KilnEmServer

@@ -376,9 +376,10 @@ void Stage::reapInputs() {
 }
 
 InputBase* Stage::nextInput(std::uint64_t& limit) {
+  limit = arrivals_;
+  if (waiting_.size() == 1 && waiting_.front()->hasPending()) return waiting_.front();
   InputBase* first = nullptr;
   std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
-  limit = arrivals_;
   for (std::size_t at = 0; at < waiting_.size();) {
     InputBase* const input = waiting_[at];
     if (!input->hasPending()) {

@@ -297,6 +297,10 @@ class Stage {
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
   /// Number of changed keys that wait to be handled.
   [[nodiscard]] std::size_t pendingCount() const;
+  [[nodiscard]] bool hasPending() const {
+    return std::any_of(waiting_.begin(), waiting_.end(),
+                       [](const InputBase* input) { return input->hasPending(); });
+  }
   /// How many changes found their key waiting already, since the stage exists.
   [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
   [[nodiscard]] const Tracer& tracer() const { return tracer_; }

@@ -182,28 +182,35 @@ bool SemCapacitySm::countedHere(PhysicalTableId tableId, const Place& place) con
 
 // Most changes of the tables' status are new versions of entries that they hold already.
 bool SemCapacitySm::usageUnchanged() {
-  usageNow_.clear();
+  if (settingChanged()) findCounted();
+  bool unchanged = true;
+  for (Counted& each : counted_) {
+    const std::uint32_t entries = each.writer->numEntries(each.fapId, each.core);
+    if (std::exchange(each.entries, entries) != entries) unchanged = false;
+  }
+  return unchanged;
+}
+
+void SemCapacitySm::findCounted() {
+  counted_.clear();
   KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
     if (profileCapabilitiesOf(fapId) == nullptr) return;
     for (const LocalCoreId core : info.cores) {
-      for (const auto& [tag, writer] : swTableWriter_) usageNow_.push_back(writer->numEntries(fapId, core));
+      for (const auto& [tag, writer] : swTableWriter_) counted_.push_back({writer.get(), fapId, core});
     }
   });
-  if (usageNow_ == usage_) return true;
-  usage_.swap(usageNow_);
-  return false;
 }
 
 void SemCapacitySm::updateCapacityTable() {
   const ExternalUsage external = externalUsage();
-  auto entries = usage_.cbegin();
+  auto counted = counted_.cbegin();
   KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
     if (profileCapabilitiesOf(fapId) == nullptr) return;
     for (const LocalCoreId core : info.cores) {
       const Place place{fapId, info.fapType, core};
       UsageByTable usage;
       addMaxima(usage, place);
-      for (const auto& [tag, writer] : swTableWriter_) addWriter(usage, place, tag, *entries++);
+      for (const auto& [tag, writer] : swTableWriter_) addWriter(usage, place, tag, (counted++)->entries);
       addExternal(usage, place, external);
       writeRows(usage, fapNameToChipExternalComponent(info.name, core));
     }
@@ -262,7 +269,7 @@ void SemCapacitySm::writeRows(const UsageByTable& usage, const std::string& chip
 // A writer that has changes before it may write, or remove, an entry whose status ends as it was.
 bool SemCapacitySm::updateMustFollow() const {
   return std::any_of(swTableWriter_.begin(), swTableWriter_.end(),
-                     [](const auto& registered) { return registered.second->pendingCount() != 0; });
+                     [](const auto& registered) { return registered.second->hasPending(); });
 }
 
 Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,

@@ -81,11 +81,19 @@ class SemCapacitySm final : public CapacityHelper {
     FapType fapType;
     LocalCoreId core;
   };
+  /// What a writer holds in one place.
+  struct Counted {
+    const EmSwTableWriterSm* writer;
+    FapId fapId;
+    LocalCoreId core;
+    std::uint32_t entries = 0;  ///< when it was counted last
+  };
   using ExternalUsage =
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
 
   void initCapacityTableFeatureMaps() override;
   [[nodiscard]] bool usageUnchanged() override;
+  void findCounted();
   void updateCapacityTable() override;
   [[nodiscard]] bool updateMustFollow() const override;
 
@@ -105,9 +113,9 @@ class SemCapacitySm final : public CapacityHelper {
   Ref<const EmSwTableStatus> emSwTableStatus_;
   CapacityTableNames mdbTableToTableName_;
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
-  /// Entries per FAP that has a profile, core and writer, in the order of their walks.
-  std::vector<std::uint32_t> usage_;
-  std::vector<std::uint32_t> usageNow_;  ///< kept, so that counting allocates nothing
+  /// What is counted: FAPs that have a profile, with their cores and the writers, in the order of their
+  /// walks.
+  std::vector<Counted> counted_;
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
   ChangeMark<FapId, std::uint32_t> profileIdMark_;
   ChangeMark<std::string, KilnTunnelNiLib::SemCapacityExternal> externalMark_;
