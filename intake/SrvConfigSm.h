@@ -78,6 +78,7 @@ void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey
   using KilnTunnelNiLib::RequestKind;
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
   expectFurtherOn(logicalKey);
+  expectFurtherOn(key);
   const bool admitted =
       entryOpt != nullptr && ofThisDatabase(logicalKey) && ofOneScope(logicalKey) &&
       (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
