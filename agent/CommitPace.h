@@ -8,20 +8,21 @@
 namespace KilnAgent {
 
 /// Decides when a batch of changes is due: when the oldest of them is kMaxAge old, or when there are
-/// kMaxBatch, but not before as much time has passed as the last commit took. So commits take at most half
-/// the time, and batches are the larger, and cheaper by change, the more a commit costs.
+/// kMaxBatch, but not before kRest times as much time has passed as the last commit took. So commits take at
+/// most a third of the time, and batches are the larger, and cheaper by change, the more a commit costs.
 class CommitPace {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kMaxAge{5};
   static constexpr std::size_t kMaxBatch = 20'000;
+  static constexpr int kRest = 2;
 
   /// Whether a commit is due; to be asked again and again. `changes` wait for it.
   [[nodiscard]] bool due(std::size_t changes) {
     if (changes == 0) return false;
     const Clock::time_point now = Clock::now();
     if (!oldest_) oldest_ = now;
-    return now - ended_ >= took_ && (changes >= kMaxBatch || now - *oldest_ >= kMaxAge);
+    return now - ended_ >= kRest * took_ && (changes >= kMaxBatch || now - *oldest_ >= kMaxAge);
   }
   /// Makes a commit, whether or not it is due.
   template <class Commit>

@@ -1,6 +1,7 @@
 #include "agent/DurableStore.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -70,34 +71,44 @@ DurableStore::~DurableStore() {
 
 // --- Following changes -------------------------------------------------------------------------------------
 
-void DurableStore::note(std::string key, bool absent) {
-  const auto [at, isNew] = pending_.try_emplace(std::move(key), Pending{++changes_, absent});
-  if (isNew) return;
-  if (at->second.fresh && !absent) at->second.order = changes_;
-  at->second.fresh = at->second.fresh || absent;
+void DurableStore::note(Pending& pending, bool absent) {
+  ++changes_;
+  const bool isNew = pending.order == 0;
+  if (isNew) ++pendingCount_;
+  if (isNew || (pending.fresh && !absent)) pending.order = changes_;
+  pending.fresh = pending.fresh || absent;
+}
+
+template <class Db>
+DurableStore::PendingOfFeature<Db>& DurableStore::pendingOf(FeatureType feature) {
+  auto& own = std::get<PendingByFeature<Db>>(records_)[static_cast<std::size_t>(feature)];
+  if (own == nullptr) own = std::make_unique<PendingOfFeature<Db>>();
+  return *own;
 }
 
 void DurableStore::handleStoreChange(const StoreChange& change) {
-  const bool isRequest = change.record == StoreChange::Record::request;
-  const bool present = withDatabase(change.database, [&]<class Db>() {
+  withDatabase(change.database, [&]<class Db>() {
     const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(change.key);
-    return isRequest ? store_.requests<Db>(change.feature)->config().has(key)
-                     : store_.statuses<Db>(change.feature)->status().has(key);
+    auto& pending = pendingOf<Db>(change.feature);
+    if (change.record == StoreChange::Record::request) {
+      note(pending.requests.obtain(key), !store_.requests<Db>(change.feature)->config().has(key));
+    } else {
+      note(pending.statuses.obtain(key), !store_.statuses<Db>(change.feature)->status().has(key));
+    }
   });
-  note(keyOf(isRequest ? kRequest : kStatus, change.feature, change.database, change.key), !present);
 }
 
 void DurableStore::handleFeatureChange(FeatureType feature, bool present) {
-  note(keyOf(kAbsentFeature, feature), present);
+  noteOther(keyOf(kAbsentFeature, feature), present);
   if (present) return;
   forEachDatabase([&]<class Db>() {
-    const auto noteAll = [&](char kind, const auto& records) {
-      KilnPlatform::forEachIn(records, [&](const auto& key, const auto&) {
-        note(keyOf(kind, feature, Db::kEmType, KilnEmServer::requestKeyAs<EmRequestKey>(key)), true);
-      });
+    const auto noteAll = [&](PendingByKey<Db>& pending, const auto& records) {
+      KilnPlatform::forEachIn(records,
+                              [&](const auto& key, const auto&) { note(pending.obtain(key), true); });
     };
-    noteAll(kRequest, store_.requests<Db>(feature)->config());
-    noteAll(kStatus, store_.statuses<Db>(feature)->status());
+    auto& pending = pendingOf<Db>(feature);
+    noteAll(pending.requests, store_.requests<Db>(feature)->config());
+    noteAll(pending.statuses, store_.statuses<Db>(feature)->status());
   });
 }
 
@@ -105,29 +116,19 @@ void DurableStore::handleDomainChange(const VlanDomainChange& change) {
   using Record = VlanDomainChange::Record;
   switch (change.record) {
     case Record::settings:
-      return note(keyOf(kSettings), false);
+      return noteOther(keyOf(kSettings), false);
     case Record::share:
-      return note(keyOf(kShare, change.interface), false);
+      return noteOther(keyOf(kShare, change.interface), false);
     case Record::request:
-      return note(keyOf(kDomainRequest, change.interface),
-                  !vlanDomains_.config()->config().has(change.interface));
+      return noteOther(keyOf(kDomainRequest, change.interface),
+                       !vlanDomains_.config()->config().has(change.interface));
     case Record::allotment:
-      return note(keyOf(kAllotment, change.interface),
-                  !vlanDomains_.status()->status().has(change.interface));
+      return noteOther(keyOf(kAllotment, change.interface),
+                       !vlanDomains_.status()->status().has(change.interface));
   }
 }
 
 // --- Commits -----------------------------------------------------------------------------------------------
-
-std::optional<std::string> DurableStore::storeValueOf(char kind, Decoder& key) const {
-  const Place place(key);
-  return withDatabase(place.database, [&]<class Db>() -> std::optional<std::string> {
-    const auto own = KilnEmServer::requestKeyAs<typename Db::EntryKey>(place.requestKey);
-    if (!store_.features().has(place.feature)) return std::nullopt;
-    if (kind == kRequest) return encodedIfAny(store_.requests<Db>(place.feature)->config().find(own));
-    return encodedIfAny(store_.statuses<Db>(place.feature)->status().find(own));
-  });
-}
 
 std::optional<std::string> DurableStore::domainValueOf(char kind, Decoder& key) const {
   const auto interface = key.take<Interface>();
@@ -155,36 +156,135 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
     }
     case kAbsentFeature:
       return store_.features().has(rest.take<FeatureType>()) ? std::nullopt : std::optional(std::string());
-    case kRequest:
-    case kStatus:
-      return storeValueOf(key.front(), rest);
     default:
       return domainValueOf(key.front(), rest);
   }
 }
 
-void DurableStore::commit() {
-  if (pending_.empty()) return;
-  // In the order of the file: what lies on one of its pages is written at once.
-  std::vector<const Pendings::value_type*> sorted;
-  sorted.reserve(pending_.size());
-  for (const auto& pending : pending_) sorted.push_back(&pending);
-  std::sort(sorted.begin(), sorted.end(), [](const auto* a, const auto* b) { return a->first < b->first; });
-  RecordStore::Batch batch(file_);
-  for (const auto* pending : sorted) {
-    const auto& [key, change] = *pending;
-    const std::optional<std::string> value = valueOf(key);
-    if (!value) {
-      batch.del(key);
-      continue;
-    }
-    const bool mayStand = isOrdered(key.front()) && !change.fresh;
-    batch.put(key, mayStand ? batch.orderOf(key).value_or(change.order) : change.order, *value);
+/// What a commit writes, one record after the other, their keys and values in one piece of memory.
+class DurableStore::Writes {
+ public:
+  explicit Writes(std::size_t records) { writes_.reserve(records); }
+
+  /// Adds a record: `addKey(bytes)` appends its key, `addValue(bytes)` its value and returns true, or returns
+  /// false where the record is to go.
+  template <class AddKey, class AddValue>
+  void add(const Pending& change, AddKey&& addKey, AddValue&& addValue) {
+    Write write;
+    write.change = change;
+    write.keyAt = bytes_.size();
+    addKey(bytes_);
+    write.valueAt = bytes_.size();
+    write.stays = addValue(bytes_);
+    write.end = bytes_.size();
+    write.head = headOf(keyOf(write));
+    writes_.push_back(write);
   }
-  batch.commit();
+
+  /// In the order of the file: what lies on one of its pages is written at once.
+  void commitTo(RecordStore& file) {
+    std::sort(writes_.begin(), writes_.end(), [this](const Write& a, const Write& b) {
+      return a.head != b.head ? a.head < b.head : keyOf(a) < keyOf(b);
+    });
+    RecordStore::Batch batch(file);
+    for (const Write& write : writes_) {
+      const std::string_view key = keyOf(write);
+      const std::string_view value = view(write.valueAt, write.end);
+      if (!write.stays) {
+        batch.del(key);
+      } else if (isOrdered(key.front()) && !write.change.fresh) {
+        batch.putInPlace(key, write.change.order, value);
+      } else {
+        batch.put(key, write.change.order, value);
+      }
+    }
+    batch.commit();
+  }
+
+ private:
+  /// The first bytes of a key, as numbers that have the keys' order; most keys differ there.
+  using Head = std::array<std::uint64_t, 3>;
+  struct Write {
+    Head head;
+    Pending change;
+    std::size_t keyAt;
+    std::size_t valueAt;
+    std::size_t end;
+    bool stays;
+  };
+
+  static Head headOf(std::string_view key) {
+    Head head{};
+    const std::size_t size = std::min(key.size(), sizeof head);
+    for (std::size_t at = 0; at < size; ++at) {
+      head[at / 8] |= std::uint64_t{static_cast<unsigned char>(key[at])} << (56 - at % 8 * 8);
+    }
+    return head;
+  }
+  [[nodiscard]] std::string_view view(std::size_t begin, std::size_t end) const {
+    return std::string_view(bytes_).substr(begin, end - begin);
+  }
+  [[nodiscard]] std::string_view keyOf(const Write& write) const { return view(write.keyAt, write.valueAt); }
+
+  std::vector<Write> writes_;
+  std::string bytes_;
+};
+
+template <class Visitor>
+void DurableStore::forEachPending(Visitor&& visitor) {
+  forEachDatabase([&]<class Db>() {
+    auto& byFeature = std::get<PendingByFeature<Db>>(records_);
+    for (std::size_t number = 0; number < byFeature.size(); ++number) {
+      if (byFeature[number] == nullptr) continue;
+      visitor.template operator()<Db>(static_cast<FeatureType>(number), *byFeature[number]);
+    }
+  });
+}
+
+void DurableStore::commit() {
+  if (pendingCount_ == 0) return;
+  Writes writes(pendingCount_);
+  forEachPending([&]<class Db>(FeatureType feature, const PendingOfFeature<Db>& pending) {
+    const auto add = [&](char kind, const PendingByKey<Db>& changed, const auto* records) {
+      changed.forEach([&](const auto& key, const Pending& change) {
+        writes.add(
+            change,
+            [&](std::string& bytes) {
+              bytes.push_back(kind);
+              encode(bytes, feature);
+              encode(bytes, Db::kEmType);
+              encode(bytes, key);
+            },
+            [&](std::string& bytes) {
+              const auto* value = records == nullptr ? nullptr : records->find(key);
+              if (value != nullptr) encode(bytes, *value);
+              return value != nullptr;
+            });
+      });
+    };
+    const auto requests = store_.requests<Db>(feature);
+    const auto statuses = store_.statuses<Db>(feature);
+    add(kRequest, pending.requests, requests == nullptr ? nullptr : &requests->config());
+    add(kStatus, pending.statuses, statuses == nullptr ? nullptr : &statuses->status());
+  });
+  for (const auto& [key, change] : others_) {
+    const std::optional<std::string> value = valueOf(key);
+    writes.add(
+        change, [&](std::string& bytes) { bytes += key; },
+        [&](std::string& bytes) {
+          bytes += value.value_or("");
+          return value.has_value();
+        });
+  }
+  writes.commitTo(file_);
   ++counters_.commits;
-  counters_.records += pending_.size();
-  pending_.clear();
+  counters_.records += pendingCount_;
+  forEachPending([]<class Db>(FeatureType /*feature*/, PendingOfFeature<Db>& pending) {
+    pending.requests.clear();
+    pending.statuses.clear();
+  });
+  others_.clear();
+  pendingCount_ = 0;
 }
 
 // --- Loading -----------------------------------------------------------------------------------------------

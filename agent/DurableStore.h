@@ -1,18 +1,23 @@
 // Keeps what must outlive the agent's process in a file: requests, statuses, VLAN domains.
 #pragma once
 
+#include <array>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 #include "agent/MemoryStateStore.h"
 #include "agent/RecordCode.h"
 #include "agent/RecordStore.h"
 #include "agent/VlanDomainService.h"
+#include "runtime/LocalMap.h"
 
 namespace KilnAgent {
 
@@ -40,38 +45,59 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   DurableStore& operator=(const DurableStore&) = delete;
 
   /// Records that changed since the last commit.
-  [[nodiscard]] std::size_t pending() const { return pending_.size(); }
+  [[nodiscard]] std::size_t pending() const { return pendingCount_; }
   /// Makes every change so far durable. Throws std::runtime_error where the file cannot be written.
   void commit();
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
  private:
+  /// A record that changed.
   struct Pending {
-    std::uint64_t order;  ///< of the change, among all changes
-    bool fresh;           ///< whether the record was absent meanwhile, so that it does not keep its old order
+    std::uint64_t order = 0;  ///< of the change, among all changes
+    bool fresh = false;  ///< whether the record was absent meanwhile, so that it does not keep its old order
   };
-
-  using Pendings = boost::unordered_flat_map<std::string, Pending>;
+  template <class Db>
+  using PendingByKey = KilnEmServer::LocalMap<typename Db::EntryKey, Pending>;
+  /// Changed records of one feature.
+  template <class Db>
+  struct PendingOfFeature {
+    PendingByKey<Db> requests;
+    PendingByKey<Db> statuses;
+  };
+  /// By the feature's number, which is from 1 to 8; null where nothing changed yet.
+  template <class Db>
+  using PendingByFeature = std::array<std::unique_ptr<PendingOfFeature<Db>>, 9>;
+  class Writes;
 
   void handleStoreChange(const StoreChange& change) override;
   void handleFeatureChange(KilnEmServer::FeatureType feature, bool present) override;
   void handleDomainChange(const VlanDomainChange& change) override;
-  void note(std::string key, bool absent);
+  void note(Pending& pending, bool absent);
+  void noteOther(std::string key, bool absent) { note(others_[std::move(key)], absent); }
+  template <class Db>
+  PendingOfFeature<Db>& pendingOf(KilnEmServer::FeatureType feature);
 
   void loadStore();
   void loadVlanDomains();
   /// Visits every record of a kind in the file.
   void visit(char kind, const std::function<void(Decoder& key, Decoder& value)>& visitor);
 
-  /// What is to stand under a key now; nothing where the record is to go.
+  /// Calls `visitor.template operator()<Db>(feature, pending)` for each feature of which something changed.
+  template <class Visitor>
+  void forEachPending(Visitor&& visitor);
+  /// What is to stand under a key of another kind than requests and statuses; nothing where the record is to
+  /// go.
   [[nodiscard]] std::optional<std::string> valueOf(std::string_view key) const;
-  [[nodiscard]] std::optional<std::string> storeValueOf(char kind, Decoder& key) const;
   [[nodiscard]] std::optional<std::string> domainValueOf(char kind, Decoder& key) const;
 
   MemoryStateStore& store_;
   VlanDomainService& vlanDomains_;
   RecordStore file_;
-  Pendings pending_;
+  std::tuple<PendingByFeature<KilnTunnelNiLib::Isem>, PendingByFeature<KilnTunnelNiLib::Esem>,
+             PendingByFeature<KilnTunnelNiLib::Lem>>
+      records_;                                             ///< requests and statuses that changed
+  boost::unordered_flat_map<std::string, Pending> others_;  ///< what else changed, by the record's key; few
+  std::size_t pendingCount_ = 0;
   std::uint64_t changes_ = 0;
   Counters counters_;
 };

@@ -5,6 +5,7 @@
 // part of it: who stores such bytes stores what they mean beside them.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -21,9 +22,11 @@ namespace KilnAgent {
 /// Appends the bytes of a number, the most significant first.
 template <std::unsigned_integral N>
 void encodeNumber(std::string& out, N number) {
-  for (int shift = static_cast<int>(sizeof(N) - 1) * 8; shift >= 0; shift -= 8) {
-    out.push_back(static_cast<char>(number >> shift));
+  std::array<char, sizeof(N)> bytes;
+  for (std::size_t at = 0; at < sizeof(N); ++at) {
+    bytes[at] = static_cast<char>(number >> (sizeof(N) - 1 - at) * 8);
   }
+  out.append(bytes.data(), bytes.size());
 }
 
 /// Appends the encoding of `value`.

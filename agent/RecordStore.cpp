@@ -186,16 +186,21 @@ RecordStore::Batch::~Batch() {
   if (transaction_ != nullptr) mdb_txn_abort(transaction_);  // closes the cursor, too
 }
 
-std::optional<std::uint64_t> RecordStore::Batch::orderOf(std::string_view key) const {
+void RecordStore::Batch::putInPlace(std::string_view key, std::uint64_t order, std::string_view value) {
   MDB_val keyBytes = bytesOf(key);
   MDB_val found{};
   const int error = mdb_cursor_get(cursor_, &keyBytes, &found, MDB_SET);
-  if (error == MDB_NOTFOUND) return std::nullopt;
+  if (error == MDB_NOTFOUND) return put(key, order, value);
   store_.require(error);
-  return store_.recordOf(key, textOf(found)).order;
+  write(key, store_.recordOf(key, textOf(found)).order, value, MDB_CURRENT);
 }
 
 void RecordStore::Batch::put(std::string_view key, std::uint64_t order, std::string_view value) {
+  write(key, order, value, 0);
+}
+
+void RecordStore::Batch::write(std::string_view key, std::uint64_t order, std::string_view value,
+                               unsigned flags) {
   bytes_.assign(sizeof(std::uint32_t), '\0');
   encodeNumber(bytes_, order);
   bytes_ += value;
@@ -204,7 +209,7 @@ void RecordStore::Batch::put(std::string_view key, std::uint64_t order, std::str
   checksum.copy(bytes_.data(), checksum.size());
   MDB_val keyBytes = bytesOf(key);
   MDB_val valueBytes = bytesOf(bytes_);
-  store_.require(mdb_cursor_put(cursor_, &keyBytes, &valueBytes, 0));
+  store_.require(mdb_cursor_put(cursor_, &keyBytes, &valueBytes, flags));
 }
 
 void RecordStore::Batch::del(std::string_view key) {

@@ -55,14 +55,17 @@ class RecordStore {
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
-    /// The order under which a record stands.
-    [[nodiscard]] std::optional<std::uint64_t> orderOf(std::string_view key) const;
+    /// Writes a record. One that stands keeps its order.
+    void putInPlace(std::string_view key, std::uint64_t order, std::string_view value);
+    /// Writes a record under an order of its own.
     void put(std::string_view key, std::uint64_t order, std::string_view value);
     /// Does nothing for a record that is not there.
     void del(std::string_view key);
     void commit();
 
    private:
+    void write(std::string_view key, std::uint64_t order, std::string_view value, unsigned flags);
+
     RecordStore& store_;
     MDB_txn* transaction_ = nullptr;
     /// Finds a key near the one before without descending from the root: batches are best made in order.

@@ -241,36 +241,42 @@ std::uint32_t ChipAlone::settled(std::uint32_t /*version*/) const {
   return static_cast<std::uint32_t>(entries);
 }
 
-// --- The agent with a state directory ----------------------------------------------------------------------
+// --- The whole agent ---------------------------------------------------------------------------------------
 
-DurableAgent::DurableAgent(KilnAgent::Durability durability) {
-  std::string pattern = (std::filesystem::temp_directory_path() / "kiln-bench-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-  directory_ = pattern;
+WholeAgent::WholeAgent(std::optional<KilnAgent::Durability> durability) {
   KilnAgent::AgentOptions options;
   options.chip = roomyChip();
-  options.state = directory_ + "/state";
-  options.durability = durability;
+  if (durability) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "kiln-bench-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    directory_ = pattern;
+    options.state = directory_ + "/state";
+    options.durability = *durability;
+  }
   agent_ = std::make_unique<KilnAgent::EmbeddedAgent>(options);
   agent_->settle();
 }
-DurableAgent::~DurableAgent() {
+WholeAgent::~WholeAgent() {
   agent_.reset();
-  std::filesystem::remove_all(directory_);
+  if (!directory_.empty()) std::filesystem::remove_all(directory_);
 }
 
-void DurableAgent::publish(std::uint32_t n, std::uint32_t version) {
+void WholeAgent::publish(std::uint32_t n, std::uint32_t version) {
   publishVersion(lists_, agent_->store(), kMixed, n, version);
 }
-void DurableAgent::withdraw(std::uint32_t n) {
+void WholeAgent::withdraw(std::uint32_t n) {
   withdrawFrom(lists_, agent_->store(), requestOf(kMixed, n));
 }
-void DurableAgent::settle() {
+void WholeAgent::settle() {
   lists_.handIn(agent_->store());
   agent_->scheduler().runUntilIdle();
+  if (directory_.empty()) return;
   if (pace_.due(agent_->durable()->pending())) pace_.commit([this] { agent_->commit(); });
 }
-std::uint32_t DurableAgent::settled(std::uint32_t version) const {
+void WholeAgent::finish() {
+  if (!directory_.empty()) agent_->commit();
+}
+std::uint32_t WholeAgent::settled(std::uint32_t version) const {
   return countSettled(agent_->store(), version);
 }
 

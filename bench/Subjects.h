@@ -116,23 +116,24 @@ class ChipAlone {
   std::uint64_t answers_ = 0;
 };
 
-/// The whole agent with a state directory of its own, which goes with it. Changes are committed when it
-/// settles, and in between as often as a serving agent would that has no time to be idle.
-class DurableAgent {
+/// The whole agent: without a state directory where no durability is given, else with one of its own, which
+/// goes with it. Changes are committed at the end, and before as often as a serving agent would that has no
+/// time to be idle.
+class WholeAgent {
  public:
-  explicit DurableAgent(KilnAgent::Durability durability);
-  ~DurableAgent();
-  DurableAgent(const DurableAgent&) = delete;
-  DurableAgent& operator=(const DurableAgent&) = delete;
+  explicit WholeAgent(std::optional<KilnAgent::Durability> durability = std::nullopt);
+  ~WholeAgent();
+  WholeAgent(const WholeAgent&) = delete;
+  WholeAgent& operator=(const WholeAgent&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
   void settle();
   /// Commits what is not yet.
-  void finish() { agent_->commit(); }
+  void finish();
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
-  std::string directory_;
+  std::string directory_;  ///< empty where there is none
   RequestLists lists_;
   std::unique_ptr<KilnAgent::EmbeddedAgent> agent_;
   KilnAgent::CommitPace pace_;  ///< as a serving agent has it

@@ -53,7 +53,8 @@ CycleCost run(const std::string& name, const CycleSetting& setting, CycleObserve
   if (name == "floor") return run<FloorChain>(setting, observer);
   if (name == "store") return run<StoreAlone>(setting, observer);
   if (name == "chip") return run<ChipAlone>(setting, observer);
-  if (name == "durable") return run<DurableAgent>(setting, observer, KilnAgent::Durability::power);
+  if (name == "durable") return run<WholeAgent>(setting, observer, KilnAgent::Durability::power);
+  if (name == "agent") return run<WholeAgent>(setting, observer);
   if (name == "mixedSingly") return run<WholeServer>(setting, observer);
   return run<ServerWithLists>(setting, observer);
 }
@@ -75,7 +76,7 @@ int main(int argc, char** argv) {
   app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
       ->check(CLI::PositiveNumber);
   app.add_option("--subject", subject)
-      ->check(CLI::IsMember({"mixed", "mixedSingly", "durable", "store", "chip", "floor"}));
+      ->check(CLI::IsMember({"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor"}));
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");
   CLI11_PARSE(app, argc, argv);
