@@ -19,8 +19,7 @@ using Interface = VlanDomainService::Interface;
 // A record's key begins with its kind. What follows, and its value:
 constexpr char kSettings = 'V';       // nothing: the VLAN-domain service's mode and limits
 constexpr char kAbsentFeature = 'F';  // a feature that was removed: nothing
-constexpr char kRequest = 'R';        // feature, database, key: the request
-constexpr char kStatus = 'S';         // feature, database, key: the status
+constexpr char kRequest = 'R';        // feature, database, key: which of both it has, the request, its status
 constexpr char kShare = 'G';          // an interface: one with which it shares its VLAN domain
 constexpr char kDomainRequest = 'C';  // an interface for which a VLAN domain is asked: nothing
 constexpr char kAllotment = 'D';      // an interface: its VLAN domain
@@ -40,6 +39,17 @@ std::string keyOf(char kind, const Parts&... parts) {
 template <class T>
 std::optional<std::string> encodedIfAny(const T* value) {
   return value == nullptr ? std::nullopt : std::optional<std::string>(encoded(*value));
+}
+
+/// What a record of the state store has: a request, its status, or both.
+enum Parts : std::uint8_t { kHasRequest = 1, kHasStatus = 2 };
+
+/// A status without its key, which is the record's.
+template <class Status, class Visitor>
+void forEachField(Status& status, Visitor&& visitor) {
+  const auto [key, reference, requestVersion, one, state, result] = Status::fields();
+  const auto visit = [&](const auto&... field) { (visitor(status.*(field.member)), ...); };
+  visit(reference, requestVersion, one, state, result);
 }
 
 /// What stands before each record of the state store.
@@ -71,29 +81,32 @@ DurableStore::~DurableStore() {
 
 // --- Following changes -------------------------------------------------------------------------------------
 
+void DurableStore::noteStatus(Pending& pending) {
+  if (!std::exchange(pending.noted, true)) ++pendingCount_;
+}
+
 void DurableStore::note(Pending& pending, bool absent) {
+  noteStatus(pending);
   ++changes_;
-  const bool isNew = pending.order == 0;
-  if (isNew) ++pendingCount_;
-  if (isNew || (pending.fresh && !absent)) pending.order = changes_;
+  if (pending.order == 0 || (pending.fresh && !absent)) pending.order = changes_;
   pending.fresh = pending.fresh || absent;
 }
 
 template <class Db>
-DurableStore::PendingOfFeature<Db>& DurableStore::pendingOf(FeatureType feature) {
+DurableStore::PendingByKey<Db>& DurableStore::pendingOf(FeatureType feature) {
   auto& own = std::get<PendingByFeature<Db>>(records_)[static_cast<std::size_t>(feature)];
-  if (own == nullptr) own = std::make_unique<PendingOfFeature<Db>>();
+  if (own == nullptr) own = std::make_unique<PendingByKey<Db>>();
   return *own;
 }
 
 void DurableStore::handleStoreChange(const StoreChange& change) {
   withDatabase(change.database, [&]<class Db>() {
     const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(change.key);
-    auto& pending = pendingOf<Db>(change.feature);
+    Pending& pending = pendingOf<Db>(change.feature).obtain(key);
     if (change.record == StoreChange::Record::request) {
-      note(pending.requests.obtain(key), !store_.requests<Db>(change.feature)->config().has(key));
+      note(pending, !store_.requests<Db>(change.feature)->config().has(key));
     } else {
-      note(pending.statuses.obtain(key), !store_.statuses<Db>(change.feature)->status().has(key));
+      noteStatus(pending);
     }
   });
 }
@@ -102,13 +115,11 @@ void DurableStore::handleFeatureChange(FeatureType feature, bool present) {
   noteOther(keyOf(kAbsentFeature, feature), present);
   if (present) return;
   forEachDatabase([&]<class Db>() {
-    const auto noteAll = [&](PendingByKey<Db>& pending, const auto& records) {
-      KilnPlatform::forEachIn(records,
-                              [&](const auto& key, const auto&) { note(pending.obtain(key), true); });
-    };
     auto& pending = pendingOf<Db>(feature);
-    noteAll(pending.requests, store_.requests<Db>(feature)->config());
-    noteAll(pending.statuses, store_.statuses<Db>(feature)->status());
+    KilnPlatform::forEachIn(store_.requests<Db>(feature)->config(),
+                            [&](const auto& key, const auto&) { note(pending.obtain(key), true); });
+    KilnPlatform::forEachIn(store_.statuses<Db>(feature)->status(),
+                            [&](const auto& key, const auto&) { noteStatus(pending.obtain(key)); });
   });
 }
 
@@ -164,14 +175,20 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
 /// What a commit writes, one record after the other, their keys and values in one piece of memory.
 class DurableStore::Writes {
  public:
+  /// Where a record comes in the order of its kind.
+  struct Order {
+    std::uint64_t number;
+    bool mayStand;  ///< where the record stands in the file, its order stays
+  };
+
   explicit Writes(std::size_t records) { writes_.reserve(records); }
 
   /// Adds a record: `addKey(bytes)` appends its key, `addValue(bytes)` its value and returns true, or returns
   /// false where the record is to go.
   template <class AddKey, class AddValue>
-  void add(const Pending& change, AddKey&& addKey, AddValue&& addValue) {
+  void add(const Order& order, AddKey&& addKey, AddValue&& addValue) {
     Write write;
-    write.change = change;
+    write.order = order;
     write.keyAt = bytes_.size();
     addKey(bytes_);
     write.valueAt = bytes_.size();
@@ -192,10 +209,10 @@ class DurableStore::Writes {
       const std::string_view value = view(write.valueAt, write.end);
       if (!write.stays) {
         batch.del(key);
-      } else if (isOrdered(key.front()) && !write.change.fresh) {
-        batch.putInPlace(key, write.change.order, value);
+      } else if (write.order.mayStand) {
+        batch.putInPlace(key, write.order.number, value);
       } else {
-        batch.put(key, write.change.order, value);
+        batch.put(key, write.order.number, value);
       }
     }
     batch.commit();
@@ -206,7 +223,7 @@ class DurableStore::Writes {
   using Head = std::array<std::uint64_t, 3>;
   struct Write {
     Head head;
-    Pending change;
+    Order order;
     std::size_t keyAt;
     std::size_t valueAt;
     std::size_t end;
@@ -242,35 +259,38 @@ void DurableStore::forEachPending(Visitor&& visitor) {
 }
 
 void DurableStore::commit() {
+  const auto orderOf = [](const Pending& change, bool ordered) {
+    return Writes::Order{ordered ? change.order : 0, ordered && !change.fresh};
+  };
   if (pendingCount_ == 0) return;
   Writes writes(pendingCount_);
-  forEachPending([&]<class Db>(FeatureType feature, const PendingOfFeature<Db>& pending) {
-    const auto add = [&](char kind, const PendingByKey<Db>& changed, const auto* records) {
-      changed.forEach([&](const auto& key, const Pending& change) {
-        writes.add(
-            change,
-            [&](std::string& bytes) {
-              bytes.push_back(kind);
-              encode(bytes, feature);
-              encode(bytes, Db::kEmType);
-              encode(bytes, key);
-            },
-            [&](std::string& bytes) {
-              const auto* value = records == nullptr ? nullptr : records->find(key);
-              if (value != nullptr) encode(bytes, *value);
-              return value != nullptr;
-            });
-      });
-    };
+  forEachPending([&]<class Db>(FeatureType feature, const PendingByKey<Db>& pending) {
     const auto requests = store_.requests<Db>(feature);
     const auto statuses = store_.statuses<Db>(feature);
-    add(kRequest, pending.requests, requests == nullptr ? nullptr : &requests->config());
-    add(kStatus, pending.statuses, statuses == nullptr ? nullptr : &statuses->status());
+    pending.forEach([&](const auto& key, const Pending& change) {
+      const auto* request = requests == nullptr ? nullptr : requests->config().find(key);
+      const auto* status = statuses == nullptr ? nullptr : statuses->status().find(key);
+      writes.add(
+          orderOf(change, request != nullptr),
+          [&](std::string& bytes) {
+            bytes.push_back(kRequest);
+            encode(bytes, feature);
+            encode(bytes, Db::kEmType);
+            encode(bytes, key);
+          },
+          [&](std::string& bytes) {
+            encode(bytes, static_cast<std::uint8_t>((request == nullptr ? 0 : kHasRequest) |
+                                                    (status == nullptr ? 0 : kHasStatus)));
+            if (request != nullptr) encode(bytes, *request);
+            if (status != nullptr) forEachField(*status, [&](const auto& field) { encode(bytes, field); });
+            return request != nullptr || status != nullptr;
+          });
+    });
   });
   for (const auto& [key, change] : others_) {
     const std::optional<std::string> value = valueOf(key);
     writes.add(
-        change, [&](std::string& bytes) { bytes += key; },
+        orderOf(change, isOrdered(key.front())), [&](std::string& bytes) { bytes += key; },
         [&](std::string& bytes) {
           bytes += value.value_or("");
           return value.has_value();
@@ -279,10 +299,7 @@ void DurableStore::commit() {
   writes.commitTo(file_);
   ++counters_.commits;
   counters_.records += pendingCount_;
-  forEachPending([]<class Db>(FeatureType /*feature*/, PendingOfFeature<Db>& pending) {
-    pending.requests.clear();
-    pending.statuses.clear();
-  });
+  forEachPending([]<class Db>(FeatureType /*feature*/, PendingByKey<Db>& pending) { pending.clear(); });
   others_.clear();
   pendingCount_ = 0;
 }
@@ -307,17 +324,16 @@ void DurableStore::loadStore() {
   visit(kAbsentFeature, [this](Decoder& key, Decoder&) { store_.removeFeature(key.take<FeatureType>()); });
   visit(kRequest, [this](Decoder& key, Decoder& value) {
     const Place place(key);
+    const auto parts = value.take<std::uint8_t>();
+    if (parts == 0 || parts > (kHasRequest | kHasStatus)) throw std::range_error("no part of a request");
     withDatabase(place.database, [&]<class Db>() {
-      store_.requestIs<Db>(place.feature, KilnEmServer::requestKeyAs<typename Db::EntryKey>(place.requestKey),
-                           value.take<MemoryStateStore::Request<Db>>());
-    });
-  });
-  visit(kStatus, [this](Decoder& key, Decoder& value) {
-    const Place place(key);
-    withDatabase(place.database, [&]<class Db>() {
-      const auto status = value.take<KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>>();
       const auto own = KilnEmServer::requestKeyAs<typename Db::EntryKey>(place.requestKey);
-      if (status.key != own) throw std::range_error("a status of another request");
+      if ((parts & kHasRequest) != 0) {
+        store_.requestIs<Db>(place.feature, own, value.take<MemoryStateStore::Request<Db>>());
+      }
+      if ((parts & kHasStatus) == 0) return;
+      KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey> status{.key = own};
+      forEachField(status, [&](auto& field) { value.take(field); });
       store_.restoreStatus<Db>(place.feature, status);
     });
   });

@@ -53,29 +53,27 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
  private:
   /// A record that changed.
   struct Pending {
-    std::uint64_t order = 0;  ///< of the change, among all changes
+    std::uint64_t order = 0;  ///< of the change, among all changes; 0 where only a request's status changed
+    bool noted = false;
     bool fresh = false;  ///< whether the record was absent meanwhile, so that it does not keep its old order
   };
+  /// Requests that changed, or whose status did.
   template <class Db>
   using PendingByKey = KilnEmServer::LocalMap<typename Db::EntryKey, Pending>;
-  /// Changed records of one feature.
-  template <class Db>
-  struct PendingOfFeature {
-    PendingByKey<Db> requests;
-    PendingByKey<Db> statuses;
-  };
   /// By the feature's number, which is from 1 to 8; null where nothing changed yet.
   template <class Db>
-  using PendingByFeature = std::array<std::unique_ptr<PendingOfFeature<Db>>, 9>;
+  using PendingByFeature = std::array<std::unique_ptr<PendingByKey<Db>>, 9>;
   class Writes;
 
   void handleStoreChange(const StoreChange& change) override;
   void handleFeatureChange(KilnEmServer::FeatureType feature, bool present) override;
   void handleDomainChange(const VlanDomainChange& change) override;
+  /// A record was changed; `absent` tells whether it is gone now.
   void note(Pending& pending, bool absent);
+  void noteStatus(Pending& pending);
   void noteOther(std::string key, bool absent) { note(others_[std::move(key)], absent); }
   template <class Db>
-  PendingOfFeature<Db>& pendingOf(KilnEmServer::FeatureType feature);
+  PendingByKey<Db>& pendingOf(KilnEmServer::FeatureType feature);
 
   void loadStore();
   void loadVlanDomains();

@@ -18,7 +18,7 @@ namespace {
 /// Address space that is set aside; the file is as long as its content.
 constexpr std::size_t kMapBytes = std::size_t{64} << 30U;
 constexpr std::string_view kFormatKey = "A";
-constexpr std::string_view kFormat = "KilnEmServer agent store 2";
+constexpr std::string_view kFormat = "KilnEmServer agent store 3";
 /// A record's value in the file: checksum, order, value.
 constexpr std::size_t kPrefixBytes = sizeof(std::uint32_t) + sizeof(std::uint64_t);
 
@@ -192,7 +192,8 @@ void RecordStore::Batch::putInPlace(std::string_view key, std::uint64_t order, s
   const int error = mdb_cursor_get(cursor_, &keyBytes, &found, MDB_SET);
   if (error == MDB_NOTFOUND) return put(key, order, value);
   store_.require(error);
-  write(key, store_.recordOf(key, textOf(found)).order, value, MDB_CURRENT);
+  const std::uint64_t standing = store_.recordOf(key, textOf(found)).order;
+  write(key, standing == 0 ? order : standing, value, MDB_CURRENT);
 }
 
 void RecordStore::Batch::put(std::string_view key, std::uint64_t order, std::string_view value) {

@@ -55,7 +55,7 @@ class RecordStore {
     Batch(const Batch&) = delete;
     Batch& operator=(const Batch&) = delete;
 
-    /// Writes a record. One that stands keeps its order.
+    /// Writes a record. One that stands keeps its order, unless that is 0.
     void putInPlace(std::string_view key, std::uint64_t order, std::string_view value);
     /// Writes a record under an order of its own.
     void put(std::string_view key, std::uint64_t order, std::string_view value);

@@ -252,21 +252,19 @@ TEST_F(DurableState, RecordsThatNoAgentWritesAreRefusedAndStay) {
   scenario.reset();
   agent.reset();
   const IsemEntryKey requestKey{{}, {}, KilnTunnelNiLib::IsemMplsComposerKey{1, 0}};
-  const IsemEntryKey another{{}, {}, KilnTunnelNiLib::IsemMplsComposerKey{2, 0}};
   const std::string place =
       encoded(FeatureType::mpls) + encoded(KilnEmServer::EmType::isem) + encoded(requestKey);
-  const std::string status = encoded(KilnTunnelNiLib::IsemSrvStatusEntry{another, 0, 1, 1, {}, 1});
-  const std::string unknownStatus = encoded(
-      KilnTunnelNiLib::IsemSrvStatusEntry{requestKey, 0, 1, 1, static_cast<KilnEmServer::EmStatus>(4), 1});
+  const std::string unknownStatus =
+      encoded(std::uint64_t{0}) + encoded(std::uint32_t{1}) + encoded(std::uint32_t{1}) + "\x04\x01";
   const struct {
     std::string key;
     std::string value;
     const char* told;
   } cases[] = {{std::string("F") + '\x09', "", "no value 9"},
                {std::string("F") + '\x07' + "x", "", "bytes are left over"},
-               {"S" + place, status, "a status of another request"},
-               {"S" + place, unknownStatus, "no value 4"},
-               {"R" + place, "", "it ends early"}};
+               {"R" + place, "\x04", "no part of a request"},
+               {"R" + place, "\x02" + unknownStatus, "no value 4"},
+               {"R" + place, "\x03", "it ends early"}};
   const std::string path = directory / "state/store";
   for (const auto& wrong : cases) {
     {
@@ -298,7 +296,9 @@ TEST(RecordStoreFile, ABatchWithoutCommitLeavesNoTrace) {
     batch.put("Rgone", 3, "x");
     batch.del("Rgone");
     batch.del("Rnever");
-    EXPECT_EQ(2U, batch.orderOf("Ra"));
+    batch.putInPlace("Ra", 0, "another");
+    batch.put("Rc", 0, "first");
+    batch.putInPlace("Rc", 3, "third");
     batch.commit();
   }
   const RecordStore store(directory / "store", KilnAgent::Durability::power);
@@ -307,7 +307,7 @@ TEST(RecordStoreFile, ABatchWithoutCommitLeavesNoTrace) {
   };
   store.visit("R", add);
   store.visitInOrder("R", add);
-  EXPECT_EQ("Ra=second Rb=first Rb=first Ra=second ", seen);
+  EXPECT_EQ("Ra=another Rb=first Rc=third Rb=first Ra=another Rc=third ", seen);
 }
 
 }  // namespace
