@@ -44,11 +44,13 @@ void CapacityHelper::update() {
   const KilnPlatform::RunningStageScope scope(agentName_);
   ++counters_.updates;
   const bool usageIsSame = usageUnchanged();
-  if (std::exchange(settingChanged_, false) || !usageIsSame) {
+  if (std::exchange(settingChanged_, false)) {
     ++generation_;
     removeRowsOfGoneFaps();
     updateCapacityTable();
     removeRowsLeftOut();
+  } else if (!usageIsSame) {
+    updateCapacityTable();
   }
   tracer_.trace<9>("update {}: {} rows", counters_.updates, rows_.size());
   if (updateMustFollow()) scheduleUpdate();

@@ -43,7 +43,7 @@ class SchedulerClock final : public Clock {
 
 /// Keeps one reporting agent's rows of the capacity table. However many changes ask for an update, one task
 /// makes it: when nothing of a higher priority is ready, or after kPatience runs of other tasks. A row is
-/// written only where its numbers changed; a row that an update does not write again is removed, also one
+/// written only where its numbers changed; a row for which there is no reason any more is removed, also one
 /// that an earlier process left. The rows of other reporting agents are left alone.
 class CapacityHelper {
  public:
@@ -95,7 +95,8 @@ class CapacityHelper {
   [[nodiscard]] virtual bool usageUnchanged() { return false; }
   /// To be set where something else than usage changed.
   [[nodiscard]] bool& settingChanged() { return settingChanged_; }
-  /// Calls updateCapacityEntry for every row that there is to be.
+  /// Calls updateCapacityEntry for every row that there is to be; where nothing but usage changed, only for
+  /// those of which it changed.
   virtual void updateCapacityTable();
   /// Removes the rows of a FAP that is no more.
   virtual void handleFapRemoved(const std::string& fapName);

@@ -182,39 +182,49 @@ bool SemCapacitySm::countedHere(PhysicalTableId tableId, const Place& place) con
 
 // Most changes of the tables' status are new versions of entries that they hold already.
 bool SemCapacitySm::usageUnchanged() {
-  if (settingChanged()) findCounted();
+  if (settingChanged()) findRows();
   bool unchanged = true;
   for (Counted& each : counted_) {
     const std::uint32_t entries = each.writer->numEntries(each.fapId, each.core);
-    if (std::exchange(each.entries, entries) != entries) unchanged = false;
+    if (std::exchange(each.entries, entries) == entries) continue;
+    unchanged = false;
+    if (each.row != Counted::kNoRow) tableRows_[each.row].changed = true;
   }
   return unchanged;
 }
 
-void SemCapacitySm::findCounted() {
+void SemCapacitySm::findRows() {
   counted_.clear();
-  KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
-    if (profileCapabilitiesOf(fapId) == nullptr) return;
-    for (const LocalCoreId core : info.cores) {
-      for (const auto& [tag, writer] : swTableWriter_) counted_.push_back({writer.get(), fapId, core});
-    }
-  });
-}
-
-void SemCapacitySm::updateCapacityTable() {
+  tableRows_.clear();
   const ExternalUsage external = externalUsage();
-  auto counted = counted_.cbegin();
   KilnPlatform::forEachIn(hardwareStatus().fap(), [&](FapId fapId, const Hardware::Kiln::FapInfo& info) {
     if (profileCapabilitiesOf(fapId) == nullptr) return;
     for (const LocalCoreId core : info.cores) {
       const Place place{fapId, info.fapType, core};
       UsageByTable usage;
       addMaxima(usage, place);
-      for (const auto& [tag, writer] : swTableWriter_) addWriter(usage, place, tag, (counted++)->entries);
+      addWriters(usage, place);
       addExternal(usage, place, external);
-      writeRows(usage, fapNameToChipExternalComponent(info.name, core));
+      addRows(std::move(usage), fapNameToChipExternalComponent(info.name, core));
     }
   });
+}
+
+// Where nothing but usage changed, the other rows stand as they are.
+void SemCapacitySm::updateCapacityTable() {
+  for (Row& row : tableRows_) {
+    if (!std::exchange(row.changed, false)) continue;
+    const std::uint32_t used = usedBy(row.usage);
+    const std::uint32_t max = row.usage.max;
+    updateCapacityEntry(row.key, row.chip, used, used < max ? max - used : 0, 0, max);
+  }
+}
+
+std::uint32_t SemCapacitySm::usedBy(const CapacityUsage& usage) const {
+  std::uint32_t used = usage.external;
+  for (const std::size_t at : usage.counted)
+    used = addEntries(used, counted_[at].entries, counted_[at].width);
+  return used;
 }
 
 SemCapacitySm::ExternalUsage SemCapacitySm::externalUsage() const {
@@ -234,11 +244,14 @@ void SemCapacitySm::addMaxima(UsageByTable& usage, const Place& place) const {
   }
 }
 
-void SemCapacitySm::addWriter(UsageByTable& usage, const Place& place, Tag tag, std::uint32_t entries) const {
-  const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
-  if (!countedHere(tableId, place)) return;
-  std::uint32_t& used = usage[tableId][""].used;
-  used = addEntries(used, entries, entryWidth60Bit(tag));
+void SemCapacitySm::addWriters(UsageByTable& usage, const Place& place) {
+  for (const auto& [tag, writer] : swTableWriter_) {
+    counted_.push_back({writer, place.fapId, place.core});
+    const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
+    if (!countedHere(tableId, place)) continue;
+    counted_.back().width = entryWidth60Bit(tag);
+    usage[tableId][""].counted.push_back(counted_.size() - 1);
+  }
 }
 
 void SemCapacitySm::addExternal(UsageByTable& usage, const Place& place,
@@ -251,17 +264,17 @@ void SemCapacitySm::addExternal(UsageByTable& usage, const Place& place,
         physicalTableIdForExternalType(user.semType, place.fapType, place.core.number());
     if (!countedHere(tableId, place)) continue;
     CapacityUsage& feature = usage[tableId][kExternalFeature];
-    feature.used = addEntries(feature.used, user.entries, entryWidth60Bit(user.semType));
+    feature.external = addEntries(feature.external, user.entries, entryWidth60Bit(user.semType));
     feature.max = calculateMdbEmMax(tableId, place.fapId);
   }
 }
 
-void SemCapacitySm::writeRows(const UsageByTable& usage, const std::string& chip) {
-  for (const auto& [tableId, byFeature] : usage) {
-    for (const auto& [feature, capacity] : byFeature) {
-      const std::uint32_t free = capacity.used < capacity.max ? capacity.max - capacity.used : 0;
-      updateCapacityEntry({mdbTableToTableName_.at(tableId), feature, agentName()}, chip, capacity.used, free,
-                          0, capacity.max);
+void SemCapacitySm::addRows(UsageByTable&& usage, const std::string& chip) {
+  for (auto& [tableId, byFeature] : usage) {
+    for (auto& [feature, capacity] : byFeature) {
+      for (const std::size_t at : capacity.counted) counted_[at].row = tableRows_.size();
+      tableRows_.push_back(
+          {{mdbTableToTableName_.at(tableId), feature, agentName()}, chip, std::move(capacity)});
     }
   }
 }

@@ -69,12 +69,22 @@ class SemCapacitySm final : public CapacityHelper {
   using LocalCoreId = Hardware::Kiln::LocalCoreId;
   using PhysicalTableId = KilnMdb::PhysicalTableId;
 
+  /// What one feature uses of one table in one place. The entries of the writers whose table it is, by the
+  /// writers' places in `counted_`, come on top of what the external users told of.
   struct CapacityUsage {
-    std::uint32_t used = 0;
+    std::uint32_t external = 0;
     std::uint32_t max = 0;
+    std::vector<std::size_t> counted;
   };
   using UsageByFeature = std::map<std::string, CapacityUsage>;
   using UsageByTable = std::map<PhysicalTableId, UsageByFeature>;
+  /// A row of the capacity table.
+  struct Row {
+    TableKey key;
+    std::string chip;
+    CapacityUsage usage;
+    bool changed = true;  ///< since it was written last
+  };
   /// One core of one FAP.
   struct Place {
     FapId fapId;
@@ -83,17 +93,20 @@ class SemCapacitySm final : public CapacityHelper {
   };
   /// What a writer holds in one place.
   struct Counted {
-    const EmSwTableWriterSm* writer;
+    static constexpr std::size_t kNoRow = ~std::size_t{0};
+    Ref<const EmSwTableWriterSm> writer;
     FapId fapId;
     LocalCoreId core;
+    std::uint32_t width = 0;    ///< of an entry
     std::uint32_t entries = 0;  ///< when it was counted last
+    std::size_t row = kNoRow;   ///< the one in which it is counted
   };
   using ExternalUsage =
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
 
   void initCapacityTableFeatureMaps() override;
   [[nodiscard]] bool usageUnchanged() override;
-  void findCounted();
+  void findRows();
   void updateCapacityTable() override;
   [[nodiscard]] bool updateMustFollow() const override;
 
@@ -101,10 +114,10 @@ class SemCapacitySm final : public CapacityHelper {
   [[nodiscard]] bool countedHere(PhysicalTableId tableId, const Place& place) const;
   [[nodiscard]] ExternalUsage externalUsage() const;
   void addMaxima(UsageByTable& usage, const Place& place) const;
-  void addWriter(UsageByTable& usage, const Place& place, EmResolvedKeyUnionTag tag,
-                 std::uint32_t entries) const;
+  void addWriters(UsageByTable& usage, const Place& place);
   void addExternal(UsageByTable& usage, const Place& place, const ExternalUsage& external) const;
-  void writeRows(const UsageByTable& usage, const std::string& chip);
+  void addRows(UsageByTable&& usage, const std::string& chip);
+  [[nodiscard]] std::uint32_t usedBy(const CapacityUsage& usage) const;
 
   Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus_;
   Ref<const KilnMdbLocalStatus> mdbLocalStatus_;
