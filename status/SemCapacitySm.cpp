@@ -246,7 +246,7 @@ void SemCapacitySm::addMaxima(UsageByTable& usage, const Place& place) const {
 
 void SemCapacitySm::addWriters(UsageByTable& usage, const Place& place) {
   for (const auto& [tag, writer] : swTableWriter_) {
-    counted_.push_back({writer, place.fapId, place.core});
+    counted_.push_back({writer.get(), place.fapId, place.core});
     const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
     if (!countedHere(tableId, place)) continue;
     counted_.back().width = entryWidth60Bit(tag);

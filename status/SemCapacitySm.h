@@ -94,7 +94,7 @@ class SemCapacitySm final : public CapacityHelper {
   /// What a writer holds in one place.
   struct Counted {
     static constexpr std::size_t kNoRow = ~std::size_t{0};
-    Ref<const EmSwTableWriterSm> writer;
+    const EmSwTableWriterSm* writer;  ///< one of swTableWriter_
     FapId fapId;
     LocalCoreId core;
     std::uint32_t width = 0;    ///< of an entry
