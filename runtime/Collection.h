@@ -119,14 +119,10 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   [[nodiscard]] std::size_t size() const override { return values_.size(); }
 
   bool is(const K& key, const V& value) override {
-    auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
-    V* present = handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
+    const auto handle = keys_.obtain(key, group_, [this](auto candidate) { values_.prefetch(candidate); });
+    V* present = values_.find(handle);
     if (present == nullptr) {
-      if (handle == KeySpace<K>::kNone) {
-        handle = keys_.acquire(key, group_);
-      } else {
-        keys_.use(handle);
-      }
+      keys_.use(handle);
       values_.emplace(handle, value);
     } else {
       if (*present == value) return false;
@@ -198,10 +194,10 @@ class DenseCollection final : public KeyedCollection<K, V> {
   [[nodiscard]] std::size_t size() const override { return entries_.size(); }
 
   bool is(const K& key, const V& value) override {
-    std::uint32_t handle = keys_.find(key);
+    const std::uint32_t handle = keys_.obtain(key, 0, [](auto) {});
     const std::uint32_t place = placeOf(handle);
     if (place == kNone) {
-      handle = keys_.acquire(key);
+      keys_.use(handle);
       places_.insert(hashOf(handle), static_cast<std::uint32_t>(entries_.size()));
       entries_.emplace_back(handle, value);
     } else {

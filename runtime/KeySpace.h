@@ -53,9 +53,14 @@ class KeySpace {
   /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
   /// gives, or `group` where its type has none.
   Handle acquire(const K& key, std::size_t group = 0) {
+    ++slot(obtain(key, group, [](Handle) {})).uses;
+    return last_;
+  }
+  /// The same without a use more: who gets the handle of a key that nobody used takes one at once.
+  template <class ExpectAt>
+  Handle obtain(const K& key, std::size_t group, ExpectAt&& expectAt) {
     if (&key != lastKey_) [[unlikely]]
-      findOrAdd(key, group);
-    ++slot(last_).uses;
+      findOrAdd(key, group, expectAt);
     return last_;
   }
   /// One more use of a handle that is in use.
@@ -161,10 +166,11 @@ class KeySpace {
     return lookUp(hashOf(key), key, expectAt);
   }
   /// The key is the one that was looked up last from then on.
-  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group) {
+  template <class ExpectAt>
+  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt&& expectAt) {
     if (isWhereHinted(key) || equalsLast(key)) return;
     const std::uint32_t hash = hashOf(key);
-    if (lookUp(hash, key, [](Handle) {}) == kNone) add(hash, key, group);
+    if (lookUp(hash, key, expectAt) == kNone) add(hash, key, group);
   }
   [[nodiscard]] bool equalsLast(const K& key) const { return lastKey_ != nullptr && *lastKey_ == key; }
   /// Whether the key is where it was found last; it is then the one that was looked up last.

@@ -65,8 +65,10 @@ class LocalMap {
   }
   /// The value under `key`; a default one is added where there is none.
   V& obtain(const K& key) {
-    if (V* present = find(key)) return *present;
-    return values_.emplace(keys_.acquire(key));
+    const auto handle = keys_.obtain(key, 0, [this](auto candidate) { values_.prefetch(candidate); });
+    if (V* present = values_.find(handle)) return *present;
+    keys_.use(handle);
+    return values_.emplace(handle);
   }
   void del(const K& key) {
     const auto handle = keys_.find(key);
