@@ -126,9 +126,9 @@ class SemCapacitySm final : public CapacityHelper {
   Ref<const EmSwTableStatus> emSwTableStatus_;
   CapacityTableNames mdbTableToTableName_;
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
-  /// What is counted: FAPs that have a profile, with their cores and the writers, in the order of their
-  /// walks.
-  std::vector<Counted> counted_;
+  // As they follow from everything but usage.
+  std::vector<Counted> counted_;  ///< the writers on each core of the FAPs that have a profile
+  std::vector<Row> tableRows_;
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
   ChangeMark<FapId, std::uint32_t> profileIdMark_;
   ChangeMark<std::string, KilnTunnelNiLib::SemCapacityExternal> externalMark_;
