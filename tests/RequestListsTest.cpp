@@ -1,6 +1,7 @@
 // Requests that features hand in as lists.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <random>
 #include <string>
 #include <utility>
@@ -44,7 +45,8 @@ class Followed final : private KilnAgent::StoreObserver {
 
 TEST(RequestLists, AListIsTakenInAsIfItsRequestsCameOneByOne) {
   constexpr FeatureType kFeature = FeatureType::mpls;
-  std::mt19937 random(7);
+  std::mt19937 engine(7);
+  const auto random = [&engine] { return static_cast<std::uint32_t>(engine()); };
   Followed listed;
   Followed single;
   for (int round = 0; round < 40; ++round) {
