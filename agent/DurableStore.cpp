@@ -41,8 +41,9 @@ std::optional<std::string> encodedIfAny(const T* value) {
   return value == nullptr ? std::nullopt : std::optional<std::string>(encoded(*value));
 }
 
-/// What a record of the state store has: a request, its status, or both.
-enum Parts : std::uint8_t { kHasRequest = 1, kHasStatus = 2 };
+// What a record of the state store has: a request, its status, or both.
+constexpr std::uint8_t kHasRequest = 1;
+constexpr std::uint8_t kHasStatus = 2;
 
 /// A status without its key, which is the record's.
 template <class Status, class Visitor>
@@ -81,33 +82,38 @@ DurableStore::~DurableStore() {
 
 // --- Following changes -------------------------------------------------------------------------------------
 
-void DurableStore::noteStatus(Pending& pending) {
-  if (!std::exchange(pending.noted, true)) ++pendingCount_;
-}
-
 void DurableStore::note(Pending& pending, bool absent) {
-  noteStatus(pending);
-  ++changes_;
-  if (pending.order == 0 || (pending.fresh && !absent)) pending.order = changes_;
-  pending.fresh = pending.fresh || absent;
+  if (absent) {
+    pending = {0, true};
+  } else if (pending.order == 0) {
+    pending.order = ++changes_;
+  }
 }
 
-template <class Db>
-DurableStore::PendingByKey<Db>& DurableStore::pendingOf(FeatureType feature) {
-  auto& own = std::get<PendingByFeature<Db>>(records_)[static_cast<std::size_t>(feature)];
-  if (own == nullptr) own = std::make_unique<PendingByKey<Db>>();
-  return *own;
+void DurableStore::noteOther(std::string key, bool absent) {
+  const auto [at, isNew] = others_.try_emplace(std::move(key));
+  if (isNew) ++pendingCount_;
+  note(at->second, absent);
+}
+
+template <class Db, class Change>
+void DurableStore::noteRequest(FeatureType feature, const typename Db::EntryKey& key, Change&& change) {
+  auto& byKey = std::get<PendingByFeature<Db>>(requests_).of(feature);
+  if (byKey == nullptr) byKey = std::make_unique<PendingByKey<Db>>();
+  const Pending* before = byKey->find(key);
+  if (before == nullptr) ++pendingCount_;
+  Pending pending = before == nullptr ? Pending{} : *before;
+  change(pending);
+  byKey->is(key, pending);
 }
 
 void DurableStore::handleStoreChange(const StoreChange& change) {
   withDatabase(change.database, [&]<class Db>() {
     const auto key = KilnEmServer::requestKeyAs<typename Db::EntryKey>(change.key);
-    Pending& pending = pendingOf<Db>(change.feature).obtain(key);
-    if (change.record == StoreChange::Record::request) {
+    noteRequest<Db>(change.feature, key, [&](Pending& pending) {
+      if (change.record != StoreChange::Record::request) return;
       note(pending, !store_.requests<Db>(change.feature)->config().has(key));
-    } else {
-      noteStatus(pending);
-    }
+    });
   });
 }
 
@@ -115,11 +121,12 @@ void DurableStore::handleFeatureChange(FeatureType feature, bool present) {
   noteOther(keyOf(kAbsentFeature, feature), present);
   if (present) return;
   forEachDatabase([&]<class Db>() {
-    auto& pending = pendingOf<Db>(feature);
-    KilnPlatform::forEachIn(store_.requests<Db>(feature)->config(),
-                            [&](const auto& key, const auto&) { note(pending.obtain(key), true); });
-    KilnPlatform::forEachIn(store_.statuses<Db>(feature)->status(),
-                            [&](const auto& key, const auto&) { noteStatus(pending.obtain(key)); });
+    KilnPlatform::forEachIn(store_.requests<Db>(feature)->config(), [&](const auto& key, const auto&) {
+      noteRequest<Db>(feature, key, [this](Pending& pending) { note(pending, true); });
+    });
+    KilnPlatform::forEachIn(store_.statuses<Db>(feature)->status(), [&](const auto& key, const auto&) {
+      noteRequest<Db>(feature, key, [](Pending&) {});
+    });
   });
 }
 
@@ -175,44 +182,39 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
 /// What a commit writes, one record after the other, their keys and values in one piece of memory.
 class DurableStore::Writes {
  public:
-  /// Where a record comes in the order of its kind.
-  struct Order {
-    std::uint64_t number;
-    bool mayStand;  ///< where the record stands in the file, its order stays
-  };
-
   explicit Writes(std::size_t records) { writes_.reserve(records); }
 
   /// Adds a record: `addKey(bytes)` appends its key, `addValue(bytes)` its value and returns true, or returns
-  /// false where the record is to go.
+  /// false where the record is to go. Those that are not `ordered` have the order 0.
   template <class AddKey, class AddValue>
-  void add(const Order& order, AddKey&& addKey, AddValue&& addValue) {
+  void add(const Pending& change, bool ordered, AddKey&& addKey, AddValue&& addValue) {
     Write write;
-    write.order = order;
+    write.order = ordered ? change.order : 0;
+    write.mayStand = ordered && !change.fresh;
     write.keyAt = bytes_.size();
     addKey(bytes_);
     write.valueAt = bytes_.size();
     write.stays = addValue(bytes_);
     write.end = bytes_.size();
-    write.head = headOf(keyOf(write));
+    write.head = headOf(keyIn(write));
     writes_.push_back(write);
   }
 
   /// In the order of the file: what lies on one of its pages is written at once.
   void commitTo(RecordStore& file) {
     std::sort(writes_.begin(), writes_.end(), [this](const Write& a, const Write& b) {
-      return a.head != b.head ? a.head < b.head : keyOf(a) < keyOf(b);
+      return a.head != b.head ? a.head < b.head : keyIn(a) < keyIn(b);
     });
     RecordStore::Batch batch(file);
     for (const Write& write : writes_) {
-      const std::string_view key = keyOf(write);
+      const std::string_view key = keyIn(write);
       const std::string_view value = view(write.valueAt, write.end);
       if (!write.stays) {
         batch.del(key);
-      } else if (write.order.mayStand) {
-        batch.putInPlace(key, write.order.number, value);
+      } else if (write.mayStand) {
+        batch.putInPlace(key, write.order, value);
       } else {
-        batch.put(key, write.order.number, value);
+        batch.put(key, write.order, value);
       }
     }
     batch.commit();
@@ -223,11 +225,12 @@ class DurableStore::Writes {
   using Head = std::array<std::uint64_t, 3>;
   struct Write {
     Head head;
-    Order order;
+    std::uint64_t order;
     std::size_t keyAt;
     std::size_t valueAt;
     std::size_t end;
     bool stays;
+    bool mayStand;  ///< where the record stands in the file, its order stays
   };
 
   static Head headOf(std::string_view key) {
@@ -241,67 +244,72 @@ class DurableStore::Writes {
   [[nodiscard]] std::string_view view(std::size_t begin, std::size_t end) const {
     return std::string_view(bytes_).substr(begin, end - begin);
   }
-  [[nodiscard]] std::string_view keyOf(const Write& write) const { return view(write.keyAt, write.valueAt); }
+  [[nodiscard]] std::string_view keyIn(const Write& write) const { return view(write.keyAt, write.valueAt); }
 
   std::vector<Write> writes_;
   std::string bytes_;
 };
 
-template <class Visitor>
-void DurableStore::forEachPending(Visitor&& visitor) {
-  forEachDatabase([&]<class Db>() {
-    auto& byFeature = std::get<PendingByFeature<Db>>(records_);
-    for (std::size_t number = 0; number < byFeature.size(); ++number) {
-      if (byFeature[number] == nullptr) continue;
-      visitor.template operator()<Db>(static_cast<FeatureType>(number), *byFeature[number]);
-    }
+template <class Db>
+void DurableStore::addRequests(Writes& writes, FeatureType feature, const PendingByKey<Db>& pending) const {
+  const auto requests = store_.requests<Db>(feature);
+  const auto statuses = store_.statuses<Db>(feature);
+  KilnPlatform::forEachIn(pending, [&](const auto& key, const Pending& change) {
+    const auto* request = requests == nullptr ? nullptr : requests->config().find(key);
+    const auto* status = statuses == nullptr ? nullptr : statuses->status().find(key);
+    const int parts = (request == nullptr ? 0 : kHasRequest) | (status == nullptr ? 0 : kHasStatus);
+    writes.add(
+        change, request != nullptr,
+        [&](std::string& bytes) {
+          bytes.push_back(kRequest);
+          encode(bytes, feature);
+          encode(bytes, Db::kEmType);
+          encode(bytes, key);
+        },
+        [&](std::string& bytes) {
+          encode(bytes, static_cast<std::uint8_t>(parts));
+          if (request != nullptr) encode(bytes, *request);
+          if (status != nullptr) forEachField(*status, [&](const auto& field) { encode(bytes, field); });
+          return parts != 0;
+        });
   });
 }
 
-void DurableStore::commit() {
-  const auto orderOf = [](const Pending& change, bool ordered) {
-    return Writes::Order{ordered ? change.order : 0, ordered && !change.fresh};
-  };
-  if (pendingCount_ == 0) return;
-  Writes writes(pendingCount_);
-  forEachPending([&]<class Db>(FeatureType feature, const PendingByKey<Db>& pending) {
-    const auto requests = store_.requests<Db>(feature);
-    const auto statuses = store_.statuses<Db>(feature);
-    pending.forEach([&](const auto& key, const Pending& change) {
-      const auto* request = requests == nullptr ? nullptr : requests->config().find(key);
-      const auto* status = statuses == nullptr ? nullptr : statuses->status().find(key);
-      writes.add(
-          orderOf(change, request != nullptr),
-          [&](std::string& bytes) {
-            bytes.push_back(kRequest);
-            encode(bytes, feature);
-            encode(bytes, Db::kEmType);
-            encode(bytes, key);
-          },
-          [&](std::string& bytes) {
-            encode(bytes, static_cast<std::uint8_t>((request == nullptr ? 0 : kHasRequest) |
-                                                    (status == nullptr ? 0 : kHasStatus)));
-            if (request != nullptr) encode(bytes, *request);
-            if (status != nullptr) forEachField(*status, [&](const auto& field) { encode(bytes, field); });
-            return request != nullptr || status != nullptr;
-          });
-    });
-  });
+void DurableStore::addOthers(Writes& writes) const {
   for (const auto& [key, change] : others_) {
     const std::optional<std::string> value = valueOf(key);
     writes.add(
-        orderOf(change, isOrdered(key.front())), [&](std::string& bytes) { bytes += key; },
+        change, isOrdered(key.front()), [&](std::string& bytes) { bytes += key; },
         [&](std::string& bytes) {
           bytes += value.value_or("");
           return value.has_value();
         });
   }
+}
+
+void DurableStore::forgetPending() {
+  std::apply(
+      [](auto&... databases) {
+        (databases.forEach([](FeatureType, auto& pending) { pending.reset(); }), ...);
+      },
+      requests_);
+  others_.clear();
+  pendingCount_ = 0;
+}
+
+void DurableStore::commit() {
+  if (pendingCount_ == 0) return;
+  Writes writes(pendingCount_);
+  forEachDatabase([&]<class Db>() {
+    std::get<PendingByFeature<Db>>(requests_).forEach([&](FeatureType feature, const auto& pending) {
+      if (pending != nullptr) addRequests<Db>(writes, feature, *pending);
+    });
+  });
+  addOthers(writes);
   writes.commitTo(file_);
   ++counters_.commits;
   counters_.records += pendingCount_;
-  forEachPending([]<class Db>(FeatureType /*feature*/, PendingByKey<Db>& pending) { pending.clear(); });
-  others_.clear();
-  pendingCount_ = 0;
+  forgetPending();
 }
 
 // --- Loading -----------------------------------------------------------------------------------------------

@@ -1,7 +1,6 @@
 // Keeps what must outlive the agent's process in a file: requests, statuses, VLAN domains.
 #pragma once
 
-#include <array>
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +16,7 @@
 #include "agent/RecordCode.h"
 #include "agent/RecordStore.h"
 #include "agent/VlanDomainService.h"
-#include "runtime/LocalMap.h"
+#include "runtime/Collection.h"
 
 namespace KilnAgent {
 
@@ -51,38 +50,41 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
  private:
-  /// A record that changed.
+  /// What is to be known of a record that changed.
   struct Pending {
-    std::uint64_t order = 0;  ///< of the change, among all changes; 0 where only a request's status changed
-    bool noted = false;
+    /// The number of the change that brought it, among all changes; 0 where it is gone, or where only a
+    /// request's status changed.
+    std::uint64_t order = 0;
     bool fresh = false;  ///< whether the record was absent meanwhile, so that it does not keep its old order
+    friend bool operator==(const Pending&, const Pending&) = default;
   };
   /// Requests that changed, or whose status did.
   template <class Db>
-  using PendingByKey = KilnEmServer::LocalMap<typename Db::EntryKey, Pending>;
-  /// By the feature's number, which is from 1 to 8; null where nothing changed yet.
+  using PendingByKey = KilnEmServer::SparseCollection<typename Db::EntryKey, Pending>;
+  /// Null where nothing changed.
   template <class Db>
-  using PendingByFeature = std::array<std::unique_ptr<PendingByKey<Db>>, 9>;
+  using PendingByFeature = ByFeature<std::unique_ptr<PendingByKey<Db>>>;
   class Writes;
 
   void handleStoreChange(const StoreChange& change) override;
   void handleFeatureChange(KilnEmServer::FeatureType feature, bool present) override;
   void handleDomainChange(const VlanDomainChange& change) override;
-  /// A record was changed; `absent` tells whether it is gone now.
+  /// Notes that a record came, changed or, where it is `absent` now, went.
   void note(Pending& pending, bool absent);
-  void noteStatus(Pending& pending);
-  void noteOther(std::string key, bool absent) { note(others_[std::move(key)], absent); }
-  template <class Db>
-  PendingByKey<Db>& pendingOf(KilnEmServer::FeatureType feature);
+  void noteOther(std::string key, bool absent);
+  /// The record of a request is to be written; `change(pending)` notes more of it.
+  template <class Db, class Change>
+  void noteRequest(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key, Change&& change);
 
   void loadStore();
   void loadVlanDomains();
   /// Visits every record of a kind in the file.
   void visit(char kind, const std::function<void(Decoder& key, Decoder& value)>& visitor);
 
-  /// Calls `visitor.template operator()<Db>(feature, pending)` for each feature of which something changed.
-  template <class Visitor>
-  void forEachPending(Visitor&& visitor);
+  template <class Db>
+  void addRequests(Writes& writes, KilnEmServer::FeatureType feature, const PendingByKey<Db>& pending) const;
+  void addOthers(Writes& writes) const;
+  void forgetPending();
   /// What is to stand under a key of another kind than requests and statuses; nothing where the record is to
   /// go.
   [[nodiscard]] std::optional<std::string> valueOf(std::string_view key) const;
@@ -93,8 +95,8 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   RecordStore file_;
   std::tuple<PendingByFeature<KilnTunnelNiLib::Isem>, PendingByFeature<KilnTunnelNiLib::Esem>,
              PendingByFeature<KilnTunnelNiLib::Lem>>
-      records_;                                             ///< requests and statuses that changed
-  boost::unordered_flat_map<std::string, Pending> others_;  ///< what else changed, by the record's key; few
+      requests_;
+  boost::unordered_flat_map<std::string, Pending> others_;  ///< what else changed, by the record's key
   std::size_t pendingCount_ = 0;
   std::uint64_t changes_ = 0;
   Counters counters_;

@@ -1,6 +1,8 @@
 // The agent's state store: the features' requests and the statuses that the server publishes to them.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -38,6 +40,25 @@ class StoreObserver {
 
  protected:
   ~StoreObserver() = default;
+};
+
+/// One of something for each feature.
+template <class T>
+class ByFeature {
+ public:
+  [[nodiscard]] T& of(KilnEmServer::FeatureType feature) {
+    return each_[static_cast<std::size_t>(feature) - Names::kFirst];
+  }
+  /// Calls `visitor(feature, of(feature))` for each feature.
+  template <class Visitor>
+  void forEach(Visitor&& visitor) {
+    KilnPlatform::forEachEnumValue<KilnEmServer::FeatureType>(
+        [&](KilnEmServer::FeatureType feature) { visitor(feature, of(feature)); });
+  }
+
+ private:
+  using Names = KilnPlatform::EnumNames<KilnEmServer::FeatureType>;
+  std::array<T, Names::kNames.size()> each_{};
 };
 
 /// Calls `visitor.template operator()<Db>()` for each of the three databases, in the order of EmType.
@@ -98,7 +119,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     if (auto* records = recordsOf<Db>(feature)) records->config->config().del(key);
   }
   /// Many of one feature at once, in their order: cheaper than one by one, as what they will touch is fetched
-  /// meanwhile.
+  /// meanwhile. The list is for the collection that the feature has at its begin.
   template <class Db>
   void requestsAre(KilnEmServer::FeatureType feature,
                    std::span<const std::pair<typename Db::EntryKey, Request<Db>>> requests) {
@@ -219,7 +240,8 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     }
   }
 
-  /// Calls `change(requests, item)` for each item, with what stands under its key in the feature's requests.
+  /// Calls `change(requests, item)` for each item, when what stands in the feature's requests under its key
+  /// has been fetched.
   template <class Db, class Item, class KeyOf, class Change>
   void eachExpected(KilnEmServer::FeatureType feature, std::span<const Item> items, KeyOf&& keyOf,
                     Change&& change) {

@@ -152,7 +152,7 @@ void withdraw(MemoryStateStore& store, const Request& request) {
 }
 
 RequestLists::RequestLists() {
-  forEachList([](auto& lists, FeatureType /*feature*/) {
+  forEachList([]<class Db>(FeatureType /*feature*/, Lists<Db>& lists) {
     lists.published.reserve(kMost);
     lists.withdrawn.reserve(kMost);
   });
@@ -174,7 +174,7 @@ void RequestLists::withdraw(const Request& request) {
 
 void RequestLists::handIn(MemoryStateStore& store) {
   if (std::exchange(size_, 0) == 0) return;
-  forEachList([&]<class Db>(Lists<Db>& lists, FeatureType feature) {
+  forEachList([&]<class Db>(FeatureType feature, Lists<Db>& lists) {
     store.requestsAre<Db>(feature, lists.published);
     store.requestsDel<Db>(feature, lists.withdrawn);
     lists.published.clear();

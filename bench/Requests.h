@@ -62,25 +62,25 @@ class RequestLists {
     std::vector<std::pair<typename Db::EntryKey, KilnAgent::MemoryStateStore::Request<Db>>> published;
     std::vector<typename Db::EntryKey> withdrawn;
   };
-  /// By the feature's number, which is from 1 to 8.
   template <class Db>
-  using ByFeature = std::array<Lists<Db>, 9>;
+  using ListsByFeature = KilnAgent::ByFeature<Lists<Db>>;
   template <class Db>
   Lists<Db>& listsOf(KilnEmServer::FeatureType feature) {
-    return std::get<ByFeature<Db>>(lists_)[static_cast<std::size_t>(feature)];
+    return std::get<ListsByFeature<Db>>(lists_).of(feature);
   }
 
-  /// Calls the visitor with the lists and the feature of each, of all databases.
+  /// Calls `visitor.template operator()<Db>(feature, lists)` for each feature's lists of each database.
   template <class Visitor>
   void forEachList(Visitor&& visitor) {
     KilnAgent::forEachDatabase([&]<class Db>() {
-      KilnPlatform::forEachEnumValue<KilnEmServer::FeatureType>(
-          [&](KilnEmServer::FeatureType feature) { visitor(listsOf<Db>(feature), feature); });
+      std::get<ListsByFeature<Db>>(lists_).forEach([&](KilnEmServer::FeatureType feature, Lists<Db>& lists) {
+        visitor.template operator()<Db>(feature, lists);
+      });
     });
   }
 
-  std::tuple<ByFeature<KilnTunnelNiLib::Isem>, ByFeature<KilnTunnelNiLib::Esem>,
-             ByFeature<KilnTunnelNiLib::Lem>>
+  std::tuple<ListsByFeature<KilnTunnelNiLib::Isem>, ListsByFeature<KilnTunnelNiLib::Esem>,
+             ListsByFeature<KilnTunnelNiLib::Lem>>
       lists_;
   std::size_t size_ = 0;
 };

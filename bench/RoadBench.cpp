@@ -178,7 +178,7 @@ bool registerDurable() {
                   candidate<WholeAgent>("durable", Durability::power),
                   candidate<WholeAgent>("durableNoSync", Durability::process)});
   for (const std::uint32_t entries : {10'000U, 100'000U, 1'000'000U}) {
-    for (const char* name : {"durable", "durableNoSync"}) {
+    for (const char* name : {"agent", "durable", "durableNoSync"}) {
       registerComparison(comparison, name, {entries, true});
     }
   }

@@ -7,9 +7,9 @@
 
 namespace KilnPlatform {
 
-/// The handle under which a key stood in its key space when it was looked up last. It is no part of the key's
-/// value; copies of the key take it along, and whoever uses it verifies it. Three bytes without alignment,
-/// which fit where a key has a gap; greater handles are not kept.
+/// The handle under which a key stood in its key space when it was looked up last, or is likely to stand. It
+/// is no part of the key's value; copies of the key take it along, and whoever uses it verifies it. Three
+/// bytes without alignment, which fit where a key has a gap; greater handles are not kept.
 class KeyHint {
  public:
   static constexpr std::uint32_t kNone = 0xFFFFFF;

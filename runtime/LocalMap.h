@@ -50,11 +50,6 @@ class LocalMap {
   void clear() {
     values_.clear();
   }
-  /// Visits every key and value; the map must not change meanwhile.
-  template <class Visitor>
-  void forEach(Visitor&& visitor) const {
-    for (const auto& [key, value] : values_) visitor(key, value);
-  }
 
  private:
   std::map<K, V> values_;
@@ -80,12 +75,6 @@ class LocalMap {
     for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {
       values_.erase(handle);
       keys_.release(handle);
-    }
-  }
-  template <class Visitor>
-  void forEach(Visitor&& visitor) const {
-    for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {
-      visitor(keys_.key(handle), *values_.find(handle));
     }
   }
   [[nodiscard]] const ColumnPlaces& places() const {

@@ -297,6 +297,7 @@ class Stage {
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
   /// Number of changed keys that wait to be handled.
   [[nodiscard]] std::size_t pendingCount() const;
+  /// Whether there are any.
   [[nodiscard]] bool hasPending() const {
     return std::any_of(waiting_.begin(), waiting_.end(),
                        [](const InputBase* input) { return input->hasPending(); });

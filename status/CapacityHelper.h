@@ -44,7 +44,8 @@ class SchedulerClock final : public Clock {
 /// Keeps one reporting agent's rows of the capacity table. However many changes ask for an update, one task
 /// makes it: when nothing of a higher priority is ready, or after kPatience runs of other tasks. A row is
 /// written only where its numbers changed; a row for which there is no reason any more is removed, also one
-/// that an earlier process left. The rows of other reporting agents are left alone.
+/// that an earlier process left. The rows of other reporting agents are left alone; a row of this one that
+/// somebody else changed is mended when its own numbers, or anything but usage, change.
 class CapacityHelper {
  public:
   /// What was done since construction.
@@ -90,9 +91,12 @@ class CapacityHelper {
 
   /// Registers the tables that the stage reports; to be called by its constructor.
   virtual void initCapacityTableFeatureMaps();
-  /// Whether tables are used as they were at the last call. An update that nothing but
-  /// usage asked for goes no further then.
-  [[nodiscard]] virtual bool usageUnchanged() { return false; }
+  /// Whether tables are used as they were at the last call. An update that nothing but usage asked for goes
+  /// no further then. A stage that cannot tell has whole updates only.
+  [[nodiscard]] virtual bool usageUnchanged() {
+    settingChanged_ = true;
+    return false;
+  }
   /// To be set where something else than usage changed.
   [[nodiscard]] bool& settingChanged() { return settingChanged_; }
   /// Calls updateCapacityEntry for every row that there is to be; where nothing but usage changed, only for
@@ -129,7 +133,7 @@ class CapacityHelper {
   std::set<TableKey> tables_;
   std::map<KilnPlatform::TableCapacityKey, std::uint64_t>
       rows_;                      ///< own rows, with the update that wrote them
-  std::uint64_t generation_ = 0;  ///< number of the running update
+  std::uint64_t generation_ = 0;  ///< number of the latest update that was not of usage only
   Counters counters_;
   bool settingChanged_ = true;
   Task task_;

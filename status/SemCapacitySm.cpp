@@ -188,7 +188,7 @@ bool SemCapacitySm::usageUnchanged() {
     const std::uint32_t entries = each.writer->numEntries(each.fapId, each.core);
     if (std::exchange(each.entries, entries) == entries) continue;
     unchanged = false;
-    if (each.row != Counted::kNoRow) tableRows_[each.row].changed = true;
+    tableRows_[each.row].changed = true;
   }
   return unchanged;
 }
@@ -246,11 +246,10 @@ void SemCapacitySm::addMaxima(UsageByTable& usage, const Place& place) const {
 
 void SemCapacitySm::addWriters(UsageByTable& usage, const Place& place) {
   for (const auto& [tag, writer] : swTableWriter_) {
-    counted_.push_back({writer.get(), place.fapId, place.core});
     const PhysicalTableId tableId = physicalTableIdForKeyType(tag, place.fapType);
     if (!countedHere(tableId, place)) continue;
-    counted_.back().width = entryWidth60Bit(tag);
-    usage[tableId][""].counted.push_back(counted_.size() - 1);
+    usage[tableId][""].counted.push_back(counted_.size());
+    counted_.push_back({writer.get(), place.fapId, place.core, entryWidth60Bit(tag)});
   }
 }
 

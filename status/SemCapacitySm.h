@@ -93,13 +93,12 @@ class SemCapacitySm final : public CapacityHelper {
   };
   /// What a writer holds in one place.
   struct Counted {
-    static constexpr std::size_t kNoRow = ~std::size_t{0};
     const EmSwTableWriterSm* writer;  ///< one of swTableWriter_
     FapId fapId;
     LocalCoreId core;
-    std::uint32_t width = 0;    ///< of an entry
+    std::uint32_t width;        ///< of an entry
     std::uint32_t entries = 0;  ///< when it was counted last
-    std::size_t row = kNoRow;   ///< the one in which it is counted
+    std::size_t row = 0;        ///< the one in which it is counted
   };
   using ExternalUsage =
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
@@ -127,7 +126,7 @@ class SemCapacitySm final : public CapacityHelper {
   CapacityTableNames mdbTableToTableName_;
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
   // As they follow from everything but usage.
-  std::vector<Counted> counted_;  ///< the writers on each core of the FAPs that have a profile
+  std::vector<Counted> counted_;  ///< the writers, on each core on which their table is counted
   std::vector<Row> tableRows_;
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
   ChangeMark<FapId, std::uint32_t> profileIdMark_;

@@ -64,15 +64,15 @@ class DurableState : public testing::Test {
     }
     return text;
   }
-  static std::string untagged(int intfId, const char* op = "publish") {
+  static std::string untagged(int intfId, const char* op = "publish", int version = 1) {
     const std::string key =
         fmt::format(R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemUntaggedEntryKey":)"
                     R"({{"intfId":{},"systemTcamId":0}}}})",
                     op, intfId);
     if (std::string_view(op) == "withdraw") return key + "}";
-    return key + fmt::format(R"(,"requestVersion":1,"entry":{{"isemUntaggedEntry":)"
+    return key + fmt::format(R"(,"requestVersion":{},"entry":{{"isemUntaggedEntry":)"
                              R"({{"lif":{},"vsi":1,"profile":0}}}}}})",
-                             intfId);
+                             version, intfId);
   }
 
   TempDirectory directory;
@@ -181,6 +181,54 @@ TEST_F(DurableState, AFeatureThatWentAndCameBackBetweenCommitsHasOnlyItsNewReque
   EXPECT_EQ(dump, dumpWithoutHardware(*agent));
   EXPECT_EQ(1U,
             agent->store().requests<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->config().size());
+}
+
+TEST_F(DurableState, AStatusOutlivesItsRequestAndIsWithdrawnAfterARestart) {
+  const auto statuses = [this] {
+    return agent->store().statuses<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->status().size();
+  };
+  for (const int intfId : {1, 2}) run(untagged(intfId));
+  settleAndCommit();
+  run(untagged(1, "withdraw"));
+  agent->commit();
+  reopen();
+  EXPECT_EQ(2U, statuses()) << "before the server has run";
+  agent->settle();
+  EXPECT_EQ(1U, statuses());
+  EXPECT_EQ("-2-------", allotted());
+}
+
+TEST_F(DurableState, ARequestIsLoadedWhereItsLastPublicationPutIt) {
+  const auto loaded = [this] {
+    agent->commit();
+    reopen();
+    std::string order;
+    KilnPlatform::forEachIn(
+        agent->store().requests<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->config(),
+        [&](const auto& key, const auto&) {
+          order += std::to_string(
+              key.emComposerKey.template get<KilnTunnelNiLib::IsemUntaggedComposerKey>().intfId);
+        });
+    return order;
+  };
+  for (const int intfId : {3, 1}) run(untagged(intfId));
+  settleAndCommit();
+  run(untagged(3, "withdraw"));
+  run(untagged(2));
+  run(untagged(3));
+  EXPECT_EQ("123", loaded()) << "it came back before it was committed that it had gone";
+  agent->settle();
+  run(untagged(1, "withdraw"));
+  agent->commit();  // leaves its status in the file
+  run(untagged(4));
+  run(untagged(1));
+  EXPECT_EQ("2341", loaded());
+  agent->settle();
+  run(untagged(2, "withdraw"));
+  run(untagged(2));
+  run(untagged(5));
+  run(untagged(2, "publish", 2));
+  EXPECT_EQ("34125", loaded()) << "another version keeps the place";
 }
 
 TEST_F(DurableState, WhatIsChangedOftenBetweenCommitsIsWrittenOnce) {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <optional>
 #include <random>
-#include <string>
 #include <utility>
 #include <vector>
 

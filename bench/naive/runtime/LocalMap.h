@@ -24,10 +24,6 @@ class LocalMap {
   V& obtain(const K& key) { return values_[key]; }
   void del(const K& key) { values_.erase(key); }
   void clear() { values_.clear(); }
-  template <class Visitor>
-  void forEach(Visitor&& visitor) const {
-    for (const auto& [key, value] : values_) visitor(key, value);
-  }
 
  private:
   std::unordered_map<K, V, KilnPlatform::ValueHash<K>> values_;
