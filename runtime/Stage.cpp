@@ -377,7 +377,13 @@ void Stage::reapInputs() {
 
 InputBase* Stage::nextInput(std::uint64_t& limit) {
   limit = arrivals_;
-  if (waiting_.size() == 1 && waiting_.front()->hasPending()) return waiting_.front();
+  if (waiting_.size() == 1) {
+    InputBase* const only = waiting_.front();
+    if (only->hasPending()) return only;
+    only->waiting_ = false;
+    waiting_.clear();
+    return nullptr;
+  }
   InputBase* first = nullptr;
   std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
   for (std::size_t at = 0; at < waiting_.size();) {
