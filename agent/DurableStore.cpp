@@ -276,10 +276,11 @@ void DurableStore::addRequests(Writes& writes, FeatureType feature, const Pendin
 }
 
 void DurableStore::addOthers(Writes& writes) const {
-  for (const auto& [key, change] : others_) {
+  for (const auto& other : others_) {
+    const std::string& key = other.first;
     const std::optional<std::string> value = valueOf(key);
     writes.add(
-        change, isOrdered(key.front()), [&](std::string& bytes) { bytes += key; },
+        other.second, isOrdered(key.front()), [&](std::string& bytes) { bytes += key; },
         [&](std::string& bytes) {
           bytes += value.value_or("");
           return value.has_value();

@@ -77,7 +77,8 @@ class PageArena {
   PageArena() = default;
 
   static Block& blockOf(void* address) {
-    return *reinterpret_cast<Block*>(reinterpret_cast<std::uintptr_t>(address) & ~(kBlock - 1));
+    auto* const byte = static_cast<std::byte*>(address);
+    return *reinterpret_cast<Block*>(byte - reinterpret_cast<std::uintptr_t>(address) % kBlock);
   }
   Span& openSpan(std::size_t size);
   void closeSpan(Span& span) noexcept;
