@@ -45,9 +45,9 @@ std::optional<std::string> encodedIfAny(const T* value) {
 constexpr std::uint8_t kHasRequest = 1;
 constexpr std::uint8_t kHasStatus = 2;
 
-/// A status without its key, which is the record's.
+/// Visits the fields of a status but for its key, which is the record's.
 template <class Status, class Visitor>
-void forEachField(Status& status, Visitor&& visitor) {
+void forEachFieldButKey(Status& status, Visitor&& visitor) {
   const auto [key, reference, requestVersion, one, state, result] = Status::fields();
   const auto visit = [&](const auto&... field) { (visitor(status.*(field.member)), ...); };
   visit(reference, requestVersion, one, state, result);
@@ -269,7 +269,8 @@ void DurableStore::addRequests(Writes& writes, FeatureType feature, const Pendin
         [&](std::string& bytes) {
           encode(bytes, static_cast<std::uint8_t>(parts));
           if (request != nullptr) encode(bytes, *request);
-          if (status != nullptr) forEachField(*status, [&](const auto& field) { encode(bytes, field); });
+          if (status != nullptr)
+            forEachFieldButKey(*status, [&](const auto& field) { encode(bytes, field); });
           return parts != 0;
         });
   });
@@ -289,11 +290,7 @@ void DurableStore::addOthers(Writes& writes) const {
 }
 
 void DurableStore::forgetPending() {
-  std::apply(
-      [](auto&... databases) {
-        (databases.forEach([](FeatureType, auto& pending) { pending.reset(); }), ...);
-      },
-      requests_);
+  requests_ = {};
   others_.clear();
   pendingCount_ = 0;
 }
@@ -342,7 +339,7 @@ void DurableStore::loadStore() {
       }
       if ((parts & kHasStatus) == 0) return;
       KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey> status{.key = own};
-      forEachField(status, [&](auto& field) { value.take(field); });
+      forEachFieldButKey(status, [&](auto& field) { value.take(field); });
       store_.restoreStatus<Db>(place.feature, status);
     });
   });

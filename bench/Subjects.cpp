@@ -273,9 +273,6 @@ void WholeAgent::settle() {
   if (directory_.empty()) return;
   if (pace_.due(agent_->durable()->pending())) pace_.commit([this] { agent_->commit(); });
 }
-void WholeAgent::finish() {
-  if (!directory_.empty()) agent_->commit();
-}
 std::uint32_t WholeAgent::settled(std::uint32_t version) const {
   return countSettled(agent_->store(), version);
 }

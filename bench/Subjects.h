@@ -128,8 +128,8 @@ class WholeAgent {
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
   void settle();
-  /// Commits what is not yet.
-  void finish();
+  /// Commits what is not yet, where there is something to commit to.
+  void finish() { agent_->commit(); }
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:

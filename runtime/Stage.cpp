@@ -377,7 +377,7 @@ void Stage::reapInputs() {
 
 InputBase* Stage::nextInput(std::uint64_t& limit) {
   limit = arrivals_;
-  if (waiting_.size() == 1) {
+  if (waiting_.size() == 1) {  // as most of the time: there is no order to find out
     InputBase* const only = waiting_.front();
     if (only->hasPending()) return only;
     only->waiting_ = false;
