@@ -18,12 +18,16 @@ void Disposal::resume() {
 }
 
 void Disposal::runSlice() {
+  const auto dropNext = [this] {
+    if (!waste_.front()->dropNext()) waste_.pop_front();
+  };
+  const auto left = [this] {
+    std::size_t items = waste_.size();
+    for (const auto& waste : waste_) items += waste->size();
+    return items;
+  };
   control_.runSlice(
-      task_, [this] { return !waste_.empty(); },
-      [this] {
-        if (!waste_.front()->dropNext()) waste_.pop_front();
-      },
-      [this] { return waste_.size(); });
+      task_, [this] { return !waste_.empty(); }, dropNext, left);
 }
 
 }  // namespace KilnAgent

@@ -1,6 +1,7 @@
 // Destroys collections in slices.
 #pragma once
 
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <type_traits>
@@ -39,6 +40,8 @@ class Disposal {
     virtual ~Waste() = default;
     /// Deletes one more entry; false where none is left.
     virtual bool dropNext() = 0;
+    /// How many entries are left.
+    [[nodiscard]] virtual std::size_t size() const = 0;
   };
   template <class Entity, class ContentOf>
   struct WasteOf final : Waste {
@@ -50,6 +53,7 @@ class Disposal {
       const auto* key = content.scanNext(cursor);
       return key != nullptr && content.del(typename Content::Key(*key));
     }
+    [[nodiscard]] std::size_t size() const override { return contentOf(*entity).size(); }
     using Content = std::remove_reference_t<std::invoke_result_t<ContentOf, Entity&>>;
     using Watcher = ChangeWatcher<typename Content::Key, typename Content::Value>;
     std::unique_ptr<Entity> entity;

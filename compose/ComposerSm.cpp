@@ -78,6 +78,15 @@ bool ComposerSm::AskedResources::deletionScanItem(bool& deleted) {
   return key.has_value();
 }
 
+std::size_t ComposerSm::AskedResources::size() const {
+  std::size_t resources = 0;
+  for (const ResolverKeyUnionTag type : composer_.resolverTypes()) {
+    const ResolverComposerConfig* asked = composer_.askedOf(type);
+    if (asked != nullptr) resources += asked->resolverRequest().size();
+  }
+  return resources;
+}
+
 bool ComposerSm::AskedResources::deleteNext() {
   auto key = next();
   if (!key) {  // the deletion scan may have left the cursor past others

@@ -137,6 +137,7 @@ class ComposerSm : public Stage {
     explicit AskedResources(ComposerSm& composer);
     void checkArgument() const override {}
     bool deleteNext() override;
+    [[nodiscard]] std::size_t size() const override;
 
    private:
     void beginSeen() override { rewind(); }

@@ -101,6 +101,7 @@ class Output final : public OutputBase {
     }
     return key != nullptr && collection().del(Key(*key));
   }
+  [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
 
  private:
   /// Which keys were written, and which deletions are held back.

@@ -292,13 +292,20 @@ void Stage::beginDeleteAll() {
   handleDeleteAll();
   for (LocalState* state : localStates_) state->clear();
   for (OutputBase* output : outputs_) output->stop();
-  dependencyStatus_->completedDel(name_);
+}
+
+std::size_t Stage::keysInOutputs() const {
+  std::size_t keys = 0;
+  for (const OutputBase* output : outputs_) keys += output->size();
+  return keys;
 }
 
 bool Stage::deleteNext() {
   const KilnPlatform::RunningStageScope scope(name_);
-  return std::any_of(outputs_.begin(), outputs_.end(),
-                     [](OutputBase* output) { return output->deleteNext(); });
+  const bool more =
+      std::any_of(outputs_.begin(), outputs_.end(), [](OutputBase* output) { return output->deleteNext(); });
+  if (!more) dependencyStatus_->completedDel(name_);
+  return more;
 }
 
 std::size_t Stage::pendingCount() const {

@@ -205,6 +205,8 @@ class OutputBase {
   void handleInputReady();
   /// Deletes one more key of the output, whatever reconciliation has to say of it; false where none is left.
   virtual bool deleteNext() = 0;
+  /// How many keys stand in the output.
+  [[nodiscard]] virtual std::size_t size() const = 0;
   void stop() { task_.reset(); }
 
   [[nodiscard]] const std::string& name() const { return name_; }
@@ -273,9 +275,12 @@ class Stage {
   /// Destruction alone leaves the outputs as they stand.
   void doDeleteAll();
   /// The same in parts, for slices: after beginDeleteAll() the stage is dead, and each call of deleteNext()
-  /// deletes one key that stands in an output, until it returns false.
+  /// deletes one key that stands in an output, until it returns false. Only then is the stage's name taken
+  /// back from the dependency status.
   void beginDeleteAll();
   bool deleteNext();
+  /// How many keys stand in the outputs.
+  [[nodiscard]] std::size_t keysInOutputs() const;
 
   [[nodiscard]] std::string_view className() const { return className_; }
   [[nodiscard]] const std::string& name() const { return name_; }

@@ -468,8 +468,12 @@ void KilnEmServerSm::handleFeatures() {
     if (changedFeatures_.empty()) return withdrawNext();
     handleFeature(changedFeatures_.pop());
   };
-  control().runSlice(*featureTask_, hasNext, handleNext,
-                     [this] { return changedFeatures_.size() + leaving_.size(); });
+  const auto left = [this] {
+    std::size_t items = changedFeatures_.size() + leaving_.size();
+    for (const Leaving& leaving : leaving_) items += leaving.stage->keysInOutputs();
+    return items;
+  };
+  control().runSlice(*featureTask_, hasNext, handleNext, left);
 }
 
 void KilnEmServerSm::handleFeature(FeatureType feature) {
@@ -481,13 +485,13 @@ void KilnEmServerSm::handleFeature(FeatureType feature) {
 }
 
 void KilnEmServerSm::withdrawNext() {
-  const auto& [feature, stage] = leaving_.front();
-  if (stage->deleteNext()) return;
-  const FeatureType withdrawn = feature;
+  if (leaving_.front().stage->deleteNext()) return;
+  const Leaving left = std::move(leaving_.front());
   leaving_.pop_front();
-  if (!arguments_.entityManager->features().has(withdrawn)) return;
-  tracer_.trace<8>("{} came back before its statuses were withdrawn", withdrawn);
-  mountFeature(withdrawn);
+  // Nothing is left of it to wait for.
+  if (!arguments_.entityManager->features().has(left.feature)) return report(left.stage->name());
+  tracer_.trace<8>("{} came back before its statuses were withdrawn", left.feature);
+  mountFeature(left.feature);
 }
 
 bool KilnEmServerSm::featureReplaced(FeatureType feature) const {
@@ -506,10 +510,11 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
   const auto createReleased = [&](const char* base, auto action, const auto& stages) {
     const std::string name = fmt::format("{}-{}", base, feature);
     if (stages.contains(feature) || !dependencyManagerSm_->released(name)) return;
-    dependencyStatus_->completedDel(name);  // reported in the absent stage's place
     const bool follows = std::any_of(leaving_.begin(), leaving_.end(),
                                      [&](const Leaving& leaving) { return leaving.stage->name() == name; });
-    if (!follows) (this->*action)(feature, name);
+    if (follows) return;
+    dependencyStatus_->completedDel(name);  // reported in the absent stage's place
+    (this->*action)(feature, name);
   };
   createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);
   createReleased("esemSrvStatusSmStage", &KilnEmServerSm::createEsemSrvStatusSm, esemSrvStatusSm_);
@@ -517,18 +522,16 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
 }
 
 void KilnEmServerSm::unmountFeature(FeatureType feature) {
-  const auto destroy = [&](const char* base, auto& stages) {
-    const std::string name = fmt::format("{}-{}", base, feature);
-    if (const auto at = stages.find(feature); at != stages.end()) {
-      at->second->beginDeleteAll();
-      leaving_.push_back({feature, std::move(at->second)});
-      stages.erase(at);
-    }
-    if (dependencyManagerSm_->released(name)) report(name);  // nothing is left of it to wait for
+  const auto destroy = [&](auto& stages) {
+    const auto at = stages.find(feature);
+    if (at == stages.end()) return;
+    at->second->beginDeleteAll();
+    leaving_.push_back({feature, std::move(at->second)});
+    stages.erase(at);
   };
-  destroy("isemSrvStatusSmStage", isemSrvStatusSm_);
-  destroy("esemSrvStatusSmStage", esemSrvStatusSm_);
-  destroy("lemSrvStatusSmStage", lemSrvStatusSm_);
+  destroy(isemSrvStatusSm_);
+  destroy(esemSrvStatusSm_);
+  destroy(lemSrvStatusSm_);
   isemSrvConfigByFeature_->isemConfigDel(feature);
   esemSrvConfigByFeature_->esemConfigDel(feature);
   lemSrvConfigByFeature_->lemConfigDel(feature);

@@ -89,13 +89,34 @@ TEST_F(FeatureGoesTest, ComesBackWhileItsStatusesAreWithdrawn) {
 
 TEST_F(FeatureGoesTest, ComesBackAndGoesAgainWhileItsStatusesAreWithdrawn) {
   const auto left = half();
+  EXPECT_EQ(agent.scheduler().workPending(), left->status().size() + 3)
+      << "keys, and the ends of three stages";
   agent.store().addFeature(kFeature);
   agent.scheduler().runOne();
+  EXPECT_TRUE(complete()) << "as long as its statuses are not withdrawn";
   agent.store().removeFeature(kFeature);
   agent.settle();
   EXPECT_TRUE(left->status().empty());
   EXPECT_TRUE(complete());
   EXPECT_EQ(leftovers(), 0u);
+}
+
+TEST_F(FeatureGoesTest, StartUpWaitsUntilItsStatusesAreWithdrawn) {
+  const auto started = [&](const char* stage) {
+    return agent.server().dependencyStatus().completedHas(stage);
+  };
+  const auto left = statuses();
+  agent.restart();
+  while (!started("emStatusSmStage")) agent.scheduler().runOne();
+  agent.scheduler().run(kRequests / 2);
+  ASSERT_FALSE(complete());
+  agent.store().removeFeature(kFeature);
+  while (!left->status().empty()) {
+    EXPECT_FALSE(complete() || started("finalizeStartupStage"));
+    ASSERT_TRUE(agent.scheduler().runOne());
+  }
+  agent.settle();
+  EXPECT_TRUE(complete() && started("finalizeStartupStage"));
 }
 
 TEST_F(FeatureGoesTest, TheEndOfTheServerLeavesTheRestAsItStands) {

@@ -281,7 +281,13 @@ TEST(Stage, TeardownWithdrawsWhatDestructionLeaves) {
   const auto stage = set.start();
   set.bench.settle();
   set.source->itemIs(1, 5);  // waits to be handled
-  stage->doDeleteAll();
+  stage->beginDeleteAll();
+  for (std::size_t left = 10; left != 0; --left) {
+    EXPECT_EQ(stage->keysInOutputs(), left);
+    EXPECT_TRUE(set.bench.completed("copy"));
+    EXPECT_TRUE(stage->deleteNext());
+  }
+  EXPECT_FALSE(stage->deleteNext());
   EXPECT_TRUE(set.sink->result().empty());
   EXPECT_FALSE(set.bench.completed("copy"));
   set.source->itemIs(2, 5);
