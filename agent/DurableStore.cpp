@@ -120,13 +120,11 @@ void DurableStore::handleStoreChange(const StoreChange& change) {
 void DurableStore::handleFeatureChange(FeatureType feature, bool present) {
   noteOther(keyOf(kAbsentFeature, feature), present);
   if (present) return;
+  removed_.insert(feature);
   forEachDatabase([&]<class Db>() {
-    KilnPlatform::forEachIn(store_.requests<Db>(feature)->config(), [&](const auto& key, const auto&) {
-      noteRequest<Db>(feature, key, [this](Pending& pending) { note(pending, true); });
-    });
-    KilnPlatform::forEachIn(store_.statuses<Db>(feature)->status(), [&](const auto& key, const auto&) {
-      noteRequest<Db>(feature, key, [](Pending&) {});
-    });
+    auto& byKey = std::get<PendingByFeature<Db>>(requests_).of(feature);
+    if (byKey != nullptr) pendingCount_ -= byKey->size();
+    byKey.reset();
   });
 }
 
@@ -201,11 +199,10 @@ class DurableStore::Writes {
   }
 
   /// In the order of the file: what lies on one of its pages is written at once.
-  void commitTo(RecordStore& file) {
+  void writeTo(RecordStore::Batch& batch) {
     std::sort(writes_.begin(), writes_.end(), [this](const Write& a, const Write& b) {
       return a.head != b.head ? a.head < b.head : keyIn(a) < keyIn(b);
     });
-    RecordStore::Batch batch(file);
     for (const Write& write : writes_) {
       const std::string_view key = keyIn(write);
       const std::string_view value = view(write.valueAt, write.end);
@@ -217,7 +214,6 @@ class DurableStore::Writes {
         batch.put(key, write.order, value);
       }
     }
-    batch.commit();
   }
 
  private:
@@ -291,6 +287,7 @@ void DurableStore::addOthers(Writes& writes) const {
 
 void DurableStore::forgetPending() {
   requests_ = {};
+  removed_.clear();
   others_.clear();
   pendingCount_ = 0;
 }
@@ -304,7 +301,10 @@ void DurableStore::commit() {
     });
   });
   addOthers(writes);
-  writes.commitTo(file_);
+  RecordStore::Batch batch(file_);
+  for (const FeatureType feature : removed_) counters_.records += batch.delAll(keyOf(kRequest, feature));
+  writes.writeTo(batch);
+  batch.commit();
   ++counters_.commits;
   counters_.records += pendingCount_;
   forgetPending();

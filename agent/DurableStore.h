@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -96,6 +97,8 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   std::tuple<PendingByFeature<KilnTunnelNiLib::Isem>, PendingByFeature<KilnTunnelNiLib::Esem>,
              PendingByFeature<KilnTunnelNiLib::Lem>>
       requests_;
+  /// Features that went since the last commit: what the file has of them goes before what changed later.
+  std::set<KilnEmServer::FeatureType> removed_;
   boost::unordered_flat_map<std::string, Pending> others_;  ///< what else changed, by the record's key
   std::size_t pendingCount_ = 0;
   std::uint64_t changes_ = 0;

@@ -221,6 +221,19 @@ void RecordStore::Batch::del(std::string_view key) {
   store_.require(mdb_cursor_del(cursor_, 0));
 }
 
+std::size_t RecordStore::Batch::delAll(std::string_view prefix) {
+  MDB_val key = bytesOf(prefix);
+  MDB_val value{};
+  std::size_t deleted = 0;
+  int error = mdb_cursor_get(cursor_, &key, &value, MDB_SET_RANGE);
+  for (; error == 0 && textOf(key).starts_with(prefix); ++deleted) {
+    store_.require(mdb_cursor_del(cursor_, 0));
+    error = mdb_cursor_get(cursor_, &key, &value, MDB_NEXT);
+  }
+  if (error != MDB_NOTFOUND) store_.require(error);
+  return deleted;
+}
+
 void RecordStore::Batch::commit() {
   store_.require(mdb_txn_commit(std::exchange(transaction_, nullptr)));
 }

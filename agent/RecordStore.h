@@ -61,6 +61,8 @@ class RecordStore {
     void put(std::string_view key, std::uint64_t order, std::string_view value);
     /// Does nothing for a record that is not there.
     void del(std::string_view key);
+    /// Deletes the records whose keys begin with `prefix`; returns how many.
+    std::size_t delAll(std::string_view prefix);
     void commit();
 
    private:

@@ -169,9 +169,15 @@ TEST_F(DurableState, OrdersSettingsAndAbsencesSurvive) {
 }
 
 TEST_F(DurableState, AFeatureThatWentAndCameBackBetweenCommitsHasOnlyItsNewRequests) {
-  for (const int intfId : {1, 2}) run(untagged(intfId));
+  for (int intfId = 1; intfId <= 300; ++intfId) run(untagged(intfId));
+  for (const char* other : {"subinterface", "srv6"}) {
+    std::string line = untagged(1000 + other[1]);
+    run(line.replace(line.find("mpls"), 4, other));
+  }
   settleAndCommit();
+  run(untagged(3, "publish", 2));
   run(R"({"op":"removeFeature","feature":"mpls"})");
+  EXPECT_EQ(1U, agent->durable()->pending()) << "its records are not looked at one by one";
   run(R"({"op":"addFeature","feature":"mpls"})");
   run(untagged(2));
   settleAndCommit();
