@@ -1,6 +1,7 @@
 #include "server/KilnEmServerSm.h"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 
 #include "compose/EsemFodoVdComposerSm.h"
@@ -33,17 +34,16 @@ Ref<Table> tableOf(const Ref<Interface>& interface) {
   return Ref<Table>(interface, table);
 }
 
-/// The name under which one composer of `composerSmsStage` reports.
-std::string composerName(EmComposerKeyUnionTag type) {
-  return fmt::format("composerSmsStage-{}", type);
+/// The name under which the part for one type of a stage of the map reports.
+template <class Type>
+std::string partName(std::string_view stage, Type type) {
+  return fmt::format("{}-{}", stage, type);
 }
 
-const std::vector<std::string> kResolverNames = {"resolverSmsStage-vd"};
-const std::vector<std::string> kSweepNames = {"resolverSweepStage-vd"};
-const std::vector<std::string> kComposerNames = {composerName(EmComposerKeyUnionTag::isemUntaggedEntryKey),
-                                                 composerName(EmComposerKeyUnionTag::isem1TagEntryKey),
-                                                 composerName(EmComposerKeyUnionTag::isem2TagEntryKey),
-                                                 composerName(EmComposerKeyUnionTag::esemFodoVdEntryKey)};
+constexpr std::array kResolverTypes{ResolverKeyUnionTag::vd};
+constexpr std::array kResolvingComposerTypes{
+    EmComposerKeyUnionTag::isemUntaggedEntryKey, EmComposerKeyUnionTag::isem1TagEntryKey,
+    EmComposerKeyUnionTag::isem2TagEntryKey, EmComposerKeyUnionTag::esemFodoVdEntryKey};
 
 }  // namespace
 
@@ -250,10 +250,11 @@ void KilnEmServerSm::createComposerSelectorSm(EmComposerKeyUnionTag composerType
 }
 
 void KilnEmServerSm::createResolverSms() {
-  resolverSm_[ResolverKeyUnionTag::vd] = resolverVdFactory(
-      resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd),
-      resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd), arguments_.vlanDomainConfig,
-      arguments_.vlanDomainStatus, kResolverNames[0], partStatus_, control());
+  resolverSm_[ResolverKeyUnionTag::vd] =
+      resolverVdFactory(resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd),
+                        resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd),
+                        arguments_.vlanDomainConfig, arguments_.vlanDomainStatus,
+                        partName("resolverSmsStage", ResolverKeyUnionTag::vd), partStatus_, control());
 }
 
 void KilnEmServerSm::createComposerSms() {
@@ -284,11 +285,11 @@ void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory)
   composerSm_[type] = factory(
       logicalKeyConfigByComposerType_->configIs(type), swTableKeyConfigByComposerType_->configIs(type),
       swTableKeyStatusByComposerType_->statusIs(type), resolverConfigDir_, resolverStatusDir_,
-      composerName(type), partStatus_, control(), emComposeFailure_->configIs(type));
+      partName("composerSmsStage", type), partStatus_, control(), emComposeFailure_->configIs(type));
 }
 
 void KilnEmServerSm::doResolverSweep() {
-  resolverSm_.at(ResolverKeyUnionTag::vd)->sweep(kSweepNames[0]);
+  for (const auto& [type, resolver] : resolverSm_) resolver->sweep(partName("resolverSweepStage", type));
 }
 
 void KilnEmServerSm::createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name) {
@@ -440,19 +441,17 @@ void KilnEmServerSm::finalizeStartup() {
 }
 
 void KilnEmServerSm::handleChange(const std::string& name) {
-  const auto reportWhenComplete = [&](const char* stage, const std::vector<std::string>& parts) {
-    if (name.starts_with(stage) && name != stage && allComplete(parts)) report(stage);
+  const auto reportWhenComplete = [&](const char* stage, const auto& types) {
+    const auto complete = [&](auto type) { return partStatus_->completedHas(partName(stage, type)); };
+    if (name.starts_with(stage) && name != stage && std::all_of(types.begin(), types.end(), complete)) {
+      report(stage);
+    }
   };
-  reportWhenComplete("resolverSmsStage", kResolverNames);
-  reportWhenComplete("composerSmsStage", kComposerNames);
-  reportWhenComplete("resolverSweepStage", kSweepNames);
+  reportWhenComplete("resolverSmsStage", kResolverTypes);
+  reportWhenComplete("composerSmsStage", kResolvingComposerTypes);
+  reportWhenComplete("resolverSweepStage", kResolverTypes);
   // The tables dropped what nobody wrote again, and tell nobody of it.
   if (name == "reconcileCompleteSmStage" && semCapacitySm_ != nullptr) semCapacitySm_->scheduleUpdate();
-}
-
-bool KilnEmServerSm::allComplete(const std::vector<std::string>& names) const {
-  return std::all_of(names.begin(), names.end(),
-                     [this](const std::string& name) { return partStatus_->completedHas(name); });
 }
 
 // --- Features that come and go -----------------------------------------------------------------------------

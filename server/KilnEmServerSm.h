@@ -197,7 +197,6 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
 
   // Stages of the map that consist of several objects are complete when each of these is.
   void handleChange(const std::string& name) override;
-  [[nodiscard]] bool allComplete(const std::vector<std::string>& names) const;
 
   // Features that come and go.
   void handleChange(const FeatureType& feature) override;
