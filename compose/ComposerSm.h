@@ -131,7 +131,9 @@ class ComposerSm : public Stage {
   };
 
   /// What this composer asks the resolvers for. The deletion scan gives back what an earlier composer asked
-  /// for and nobody needs any more; nothing is counted.
+  /// for and nobody needs any more. Nothing is counted, as the server creates composers over requests that
+  /// are new, and no deletion is held back: until the sweep the resolver gives no resource back, so that one
+  /// that is asked for anew is still there.
   class AskedResources final : public OutputBase {
    public:
     explicit AskedResources(ComposerSm& composer);
