@@ -144,6 +144,8 @@ class ComposerSm : public Stage {
    private:
     void beginSeen() override { rewind(); }
     bool deletionScanItem(bool& deleted) override;
+    [[nodiscard]] std::size_t seenCount() const override { return 0; }
+    void forgetNextSeen() override {}
     void endSeen() override {}
     /// The next resource of a walk over those that are asked for.
     std::optional<ResolverKey> next();

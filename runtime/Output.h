@@ -91,15 +91,12 @@ class Output final : public OutputBase {
   }
 
   bool deleteNext() override {
+    marking_ = false;
+    if (marks_ != nullptr && deleteNextOf(marks_->seen)) return true;
+    if (awaited_ != nullptr && deleteNextOf(*awaited_)) return true;
     marks_.reset();
     awaited_.reset();
-    marking_ = false;
-    const Key* key = collection().scanNext(cursor_);
-    if (key == nullptr) {  // the deletion scan may have left the cursor past others
-      cursor_ = {};
-      key = collection().scanNext(cursor_);
-    }
-    return key != nullptr && collection().del(Key(*key));
+    return deleteNextOf(collection());
   }
   [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
 
@@ -111,6 +108,16 @@ class Output final : public OutputBase {
   };
 
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
+  /// Deletes the key at the cursor, wherever a walk before this one has left that.
+  template <class Keys>
+  bool deleteNextOf(Keys& keys) {
+    const Key* key = keys.scanNext(cursor_);
+    if (key == nullptr) {
+      cursor_ = {};
+      key = keys.scanNext(cursor_);
+    }
+    return key != nullptr && keys.del(Key(*key));
+  }
 
   void checkOwnKey(const Key& key, const Key& ownKey) const {
     if (ownKey == key) [[likely]]
@@ -167,7 +174,7 @@ class Output final : public OutputBase {
   }
 
   void endAwaitingWhereNone() {
-    if (!awaited_->empty()) return;
+    if (awaited_ != nullptr && !awaited_->empty()) return;
     awaited_.reset();
     marking_ = false;
   }
@@ -209,6 +216,8 @@ class Output final : public OutputBase {
     collection().del(key);
   }
 
+  [[nodiscard]] std::size_t seenCount() const override { return marks_ == nullptr ? 0 : marks_->seen.size(); }
+  void forgetNextSeen() override { deleteNextOf(marks_->seen); }
   void endSeen() override {
     marks_.reset();
     endAwaitingWhereNone();
@@ -218,7 +227,7 @@ class Output final : public OutputBase {
   bool noteSeen_ = false;
   bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
   ScanCursor<Key> cursor_;
-  std::unique_ptr<Marks> marks_;  ///< only while the output is being reconciled
+  std::unique_ptr<Marks> marks_;  ///< null once they are forgotten
   /// Keys that stay as they stood until something is known of them; null where there are none.
   std::unique_ptr<Collection<Key, KilnPlatform::Unit>> awaited_;
 };

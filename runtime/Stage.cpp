@@ -116,7 +116,7 @@ void OutputBase::startReconciling() {
       [](void* owner) {
         auto& output = *static_cast<OutputBase*>(owner);
         const KilnPlatform::RunningStageScope scope(output.stage_.name());
-        output.handleInputReady();
+        output.ready_ ? output.forgetSeen() : output.handleInputReady();
       },
       this);
   stage_.tracer().trace<9>("Reconciling {}: {:}", name_, reconciling_);
@@ -165,11 +165,20 @@ void OutputBase::handleInputReady() {
   if (reconciling_) {
     if (!deletionScan()) return;
     reconciling_ = false;
-    endSeen();
     reconciliationStateIs(ReconciliationState::skipNothing);
   }
+  forgetSeen();
   ready_ = true;
   stage_.handleOutputReady();
+}
+
+void OutputBase::forgetSeen() {
+  const auto left = [this] { return seenCount(); };
+  stage_.control().runSlice(
+      *task_, left, [this] { forgetNextSeen(); }, left);
+  if (left() != 0) return;
+  endSeen();
+  task_.reset();
 }
 
 bool OutputBase::deletionScan() {
@@ -195,7 +204,6 @@ bool OutputBase::deletionScan() {
       "Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.", items,
       deletions);
   scheduler.taskWorkCountInc(items);
-  task_.reset();
   useBookmark_ = false;
   return true;
 }

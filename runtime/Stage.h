@@ -203,7 +203,8 @@ class OutputBase {
   void startReconciling();
   /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
   void handleInputReady();
-  /// Deletes one more key of the output, whatever reconciliation has to say of it; false where none is left.
+  /// Deletes one more key of the output, whatever reconciliation has to say of it, or forgets what it noted
+  /// of one; false where none is left.
   virtual bool deleteNext() = 0;
   /// How many keys stand in the output.
   [[nodiscard]] virtual std::size_t size() const = 0;
@@ -228,13 +229,19 @@ class OutputBase {
   virtual void beginSeen() = 0;
   /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.
   virtual bool deletionScanItem(bool& deleted) = 0;
-  /// Forgets which keys were written.
+  /// How many keys are noted as written.
+  [[nodiscard]] virtual std::size_t seenCount() const = 0;
+  /// Forgets one of them.
+  virtual void forgetNextSeen() = 0;
+  /// All are forgotten.
   virtual void endSeen() = 0;
 
   Stage& stage_;
 
  private:
   [[nodiscard]] bool deletionScan();
+  /// Runs a slice of forgetting which keys were written: nobody waits for that.
+  void forgetSeen();
   void reconciliationStateIs(ReconciliationState state);
 
   std::string name_;

@@ -131,6 +131,9 @@ TEST_P(Reconciliation, DeletesOnlyWhatIsStale) {
     while (!stage->initialScanDone()) set.bench.scheduler->run(1);
     EXPECT_FALSE(set.bench.completed("copy"));  // not before the deletion scan is done
     EXPECT_GT(set.sink->result().size(), 3u);
+    while (stage->output().reconciling()) set.bench.scheduler->run(1);
+    EXPECT_EQ(set.bench.scheduler->run(100), 2u)
+        << "of three keys that were noted one is forgotten per slice";
   }
   set.bench.settle();
   EXPECT_EQ(contentOf(set.sink->result()), contentOf(set.source->item()));
@@ -278,6 +281,13 @@ TEST(Stage, TeardownWithdrawsWhatDestructionLeaves) {
   }
   EXPECT_GT(set.sink->result().size(), 1u);
   EXPECT_TRUE(set.bench.scheduler->idle());
+  {
+    const auto stage = set.start();
+    set.bench.scheduler->run(2);
+    ASSERT_TRUE(stage->output().reconciling());
+    stage->doDeleteAll();
+    EXPECT_TRUE(set.sink->result().empty());
+  }
   const auto stage = set.start();
   set.bench.settle();
   set.source->itemIs(1, 5);  // waits to be handled
