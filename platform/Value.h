@@ -288,11 +288,11 @@ class TaggedUnion {
   }
 
   friend bool operator==(const TaggedUnion& a, const TaggedUnion& b) {
-    const Words left = a.words();
-    const Words right = b.words();
-    std::uint64_t different = static_cast<std::uint64_t>(a.tag_) ^ static_cast<std::uint64_t>(b.tag_);
-    for (std::size_t word = 0; word < left.size(); ++word) different |= left[word] ^ right[word];
-    return different == 0;
+    // Word by word: what was written just now in parts cannot be read at once in wider ones.
+    for (std::size_t at = 0; at < std::tuple_size_v<Words>; ++at) {
+      if (a.word(at) != b.word(at)) return false;
+    }
+    return a.tag_ == b.tag_;
   }
   friend std::strong_ordering operator<=>(const TaggedUnion& a, const TaggedUnion& b) {
     if (a.tag_ != b.tag_) return a.tag_ <=> b.tag_;
@@ -317,6 +317,11 @@ class TaggedUnion {
   }
 
  private:
+  [[nodiscard]] std::uint64_t word(std::size_t at) const {
+    std::uint64_t word;
+    std::memcpy(&word, storage_ + at * sizeof(word), sizeof(word));
+    return word;
+  }
   [[noreturn]] [[gnu::cold]] void throwBadAccess(Tag wanted) const {
     throw std::range_error(fmt::format("{}: bad union access to {}, the value holds {}", Traits::kName,
                                        stringValue(wanted), stringValue(tag_)));
