@@ -21,6 +21,7 @@
 #include "platform/EmKeys.h"
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
+#include "runtime/ExpectedItems.h"
 
 namespace KilnAgent {
 
@@ -239,6 +240,9 @@ class SoftSwTable final : public SwTable, public SoftTable {
     remove(key);
     deliver(EntryState::success_, std::move(handler));
   }
+  void entryExpected(const Key& key) override {
+    if (mapped_ == nullptr) expected_.expect(*entrys_, key);
+  }
   [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return *entrys_; }
 
   [[nodiscard]] std::size_t fill() const override { return entrys_->size(); }
@@ -295,7 +299,8 @@ class SoftSwTable final : public SwTable, public SoftTable {
 
   void unclaimAll() final {
     reconciling_ = !entrys_->empty();
-    claimed_.clear();
+    claimed_ = {};
+    claimed_.reserve(entrys_->size());  // so that no claim has to wait for the growth of the whole
   }
   std::size_t dropUnclaimed() override {
     const std::uint64_t before = counters_.removed;
@@ -315,6 +320,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
 
   std::unique_ptr<typename SwTable::Entrys> entrys_;
   MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same where it lies in a file
+  KilnEmServer::ExpectedKeys<typename SwTable::Entrys> expected_;
   bool reconciling_ = false;  ///< whether entries of a server before this one may be unclaimed
   boost::unordered_flat_set<Key, KilnPlatform::ValueHash<Key>>
       claimed_;  ///< while reconciling, all others are not

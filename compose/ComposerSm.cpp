@@ -20,12 +20,13 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   if (current_ == resolverKey) {
     begin();
   } else if (waiting_.add(resolverKey, stage_.arrivals())) {
-    stage_.noteArrival(*this);
+    stage_.noteArrival();
+    stage_.noteWaiting(*this);
   }
 }
 
-std::size_t ComposerSm::ResourceWalk::drain(std::uint64_t limit, bool& yielded) {
-  return stage_.control().drainWhile([&] { return hasPending() && headArrival() < limit; },
+std::size_t ComposerSm::ResourceWalk::drain(Arrival limit, bool& yielded) {
+  return stage_.control().drainWhile([&] { return hasPending() && isBefore(headArrival(), limit); },
                                      [&] { handleNext(); }, yielded);
 }
 

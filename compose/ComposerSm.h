@@ -109,10 +109,10 @@ class ComposerSm : public Stage {
     void checkArgument() const override {}
     [[nodiscard]] bool hasPending() const override { return current_ || !waiting_.empty(); }
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
-    [[nodiscard]] std::uint64_t headArrival() const override {
+    [[nodiscard]] Arrival headArrival() const override {
       return current_ ? arrival_ : waiting_.headArrival();
     }
-    std::size_t drain(std::uint64_t limit, bool& yielded) override;
+    std::size_t drain(Arrival limit, bool& yielded) override;
 
    private:
     void subscribe() override {}
@@ -125,7 +125,7 @@ class ComposerSm : public Stage {
     ComposerSm& composer_;
     PendingKeys<ResolverKey> waiting_;
     std::optional<ResolverKey> current_;
-    std::uint64_t arrival_ = 0;
+    Arrival arrival_ = 0;
     KilnPlatform::ScanCursor<EmLogicalKey> cursor_;
     std::optional<ResolutionState> state_;  ///< the resolution when the walk began
   };

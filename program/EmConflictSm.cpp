@@ -92,6 +92,7 @@ void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emL
       "].logicalKeyToEntry[ emLogicalKey ]";
   const KeyUse<EmHwKey> use(item.hwKey);
   const EmHwKey& hwKey = use.key();
+  if (item.insert) hintOf(hwEntryOpt->emHwKey).handleIs(hintOf(item.hwKey).handle());
   const bool convergent = fapCoreConvergent(hwKey);
   if (item.insert) {
     tracer().trace<7>("into( {} ): inserting k1={}, k2={}, k3={}, value={}", kPath, hwKey,

@@ -31,11 +31,18 @@ void EmKeyMergeSm::eventToVok_pipeline0(const EmLogicalKey& emKey) {
   const EmHwKey* hwKey = resolvedKeyColl_.find(emKey);
   const EmConfigEntry* entry = emLogicalKeyToEntry_.find(emKey);
   if (hwKey != nullptr && entry != nullptr) {
-    expectFurtherOn(*hwKey);
+    expectHwKey(emKey, *hwKey);
     emMergedEntry_.insert(emKey, {*entry, *hwKey});
   } else {
     emMergedEntry_.erase(emKey);
   }
+}
+
+// The key that was merged last remembers where it stands, unlike the one that was composed.
+void EmKeyMergeSm::expectHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const {
+  if (!changeIsLone()) return;
+  const EmHwEntry* before = emMergedEntry_.find(emKey);
+  expectFurtherOn(before != nullptr && before->emHwKey == hwKey ? before->emHwKey : hwKey);
 }
 
 Ref<EmKeyMergeSm> emKeyMergeSmFactory(Ref<const ResolvedKeyColl> resolvedKeyColl,

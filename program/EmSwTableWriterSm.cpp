@@ -19,9 +19,19 @@ EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
       leftStatus_(*this, emSwTableStatus),
       emSwTableStatus_(std::move(emSwTableStatus)),
       keyLatestWriteVersion_(*this, "keyLatestWriteVersion"),
-      keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion") {}
+      keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion") {
+  KeySpace<EmHwKey>::instance().followerIs(*this);
+}
 
-EmSwTableWriterSm::~EmSwTableWriterSm() = default;
+EmSwTableWriterSm::~EmSwTableWriterSm() {
+  KeySpace<EmHwKey>::instance().followerDel(*this);
+}
+
+// Tables fetch what they have under a key in two steps, the second with the next key that they are told of.
+void EmSwTableWriterSm::expectNow(const EmHwKey& hwKey) const {
+  expectTableKey(hwKey);
+  expectTableKey(hwKey);
+}
 
 void EmSwTableWriterSm::writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/,
                                         ResponseHandler /*handler*/) {

@@ -16,7 +16,9 @@ namespace KilnEmServer {
 /// The base of the eight table writers. Every writer sees every key of the shared configuration and keeps
 /// only those of its own table. A newer request for a key supersedes an outstanding one; the older one's
 /// answer is recognised by its version and dropped. A failed write is not retried.
-class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSwTableWriterSm> {
+class EmSwTableWriterSm : public Stage,
+                          public KeyFollower<EmHwKey>,
+                          public std::enable_shared_from_this<EmSwTableWriterSm> {
  public:
   using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
   using EntryState = Asic::SwTableBase::EntryState;
@@ -34,6 +36,9 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
   /// Number of entries that this writer's table holds on that FAP and core.
   [[nodiscard]] virtual std::uint32_t numEntries(Hardware::Kiln::FapId fapId,
                                                  Hardware::Kiln::LocalCoreId localCoreId) const;
+  /// A request for the key will be handled soon. What its table has under it is fetched ahead.
+  void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey); }
+  void expectNow(const EmHwKey& hwKey) const final;
 
  protected:
   EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType, Ref<const EmSwTableConfig> emSwTableConfig,
@@ -42,6 +47,8 @@ class EmSwTableWriterSm : public Stage, public std::enable_shared_from_this<EmSw
 
   void handleInitialized() override;
   void handleDeleteAll() override;
+  /// Announces the key to the table, where it is one of this writer's.
+  virtual void expectTableKey(const EmHwKey& /*hwKey*/) const {}
 
  private:
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {

@@ -93,6 +93,12 @@ class SwTableWriter : public EmSwTableWriterSm {
     return table == nullptr ? 0 : static_cast<std::uint32_t>(table->entrys().size());
   }
 
+  void expectTableKey(const EmHwKey& hwKey) const override {
+    const auto* tableKey = hwKey.emResolvedKey.template getIf<typename Table::Key>();
+    Table* table = tableKey == nullptr ? nullptr : holder_.table(Asic::UnitId::allFap());
+    if (table != nullptr) table->entryExpected(*tableKey);
+  }
+
  private:
   [[nodiscard]] const typename Table::Key& tableKeyOf(const EmHwKey& emHwKey) const {
     tracer().template trace<9>("{}", emHwKey);

@@ -60,9 +60,8 @@ class SubscriberList {
   void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
     if (lists_ == nullptr) return;
     keys.use(handle);
-    keys.expect(handle);
-    notifyOf(*lists_, keys.key(handle));
-    keys.release(handle);
+    const KeyUse<K> changed(keys, handle);
+    notifyOf(*lists_, changed.key());
   }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetAll() { lists_.reset(); }
@@ -87,9 +86,10 @@ class SubscriberList {
       if (told[i] != nullptr) told[i]->handleChange(key);
     }
     --lists.depth;
-    if (lists.gone) eraseGone(lists);
+    if (lists.gone) [[unlikely]]
+      eraseGone(lists);
   }
-  static void eraseGone(Lists& lists) {
+  [[gnu::noinline]] static void eraseGone(Lists& lists) {
     lists.gone = lists.depth != 0;
     if (lists.gone) return;
     for (List& list : lists.told) std::erase(list, nullptr);

@@ -23,17 +23,15 @@ class ColumnPlaces {
   /// Handles of one page.
   static constexpr std::size_t kPerPage = 128;
 
-  /// Fetches the handle's value into the cache, or what stands in its place.
+  /// Fetches the handle's value, where it has one, into the cache. Values that are to come are not fetched:
+  /// they lie behind those that came last.
   void prefetch(std::uint32_t handle) const {
-    const std::size_t at = handle / kPerPage;
-    if (at >= pages_.size()) return;
-    fetchAhead(&present_[handle / kPerWord]);
-    const auto* values = static_cast<const std::byte*>(pages_[at]);
-    if (values == nullptr || stride_ == 0) return;
-    const std::byte* value = values + handle % kPerPage * stride_;
+    if (!has(handle)) return;
+    const auto* value =
+        static_cast<const std::byte*>(pages_[handle / kPerPage]) + handle % kPerPage * stride_;
     fetchAhead(value);
-    if (stride_ > kLine) fetchAhead(value + kLine);
-    fetchAhead(value + stride_ - 1);
+    if (last_ > kLine) fetchAhead(value + kLine);
+    fetchAhead(value + last_);
   }
 
  protected:
@@ -41,16 +39,24 @@ class ColumnPlaces {
   static constexpr std::size_t kWordsPerPage = kPerPage / kPerWord;
   static constexpr std::size_t kLine = 64;  ///< bytes that are fetched together
 
-  explicit ColumnPlaces(std::size_t stride) : stride_(stride) {}
+  /// `stride` is the number of bytes from one value to the next; 0 for values without content.
+  explicit ColumnPlaces(std::size_t stride) : stride_(stride), last_(stride == 0 ? 0 : stride - 1) {}
   ~ColumnPlaces() = default;
+
+  [[nodiscard]] bool has(std::uint32_t handle) const {
+    return handle < known_ && (present_[handle / kPerWord] & bit(handle)) != 0;
+  }
+  static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerWord); }
 
   // Bits and pages lie apart: where the pages are is known from few lines, so that fetching ahead does not
   // wait.
   std::vector<std::uint64_t> present_;  ///< a bit per handle
   std::vector<void*> pages_;            ///< null where no handle of the page has a value
+  std::size_t known_ = 0;               ///< handles below it have a bit
 
  private:
-  std::size_t stride_;  ///< bytes from one value to the next; 0 for values without content
+  std::size_t stride_;
+  std::size_t last_;  ///< byte of a value
 };
 
 /// Columns that are looked into together, each once.
@@ -86,11 +92,7 @@ class Column : public ColumnPlaces {
   [[nodiscard]] bool empty() const { return size_ == 0; }
 
   /// The handle's value, or null. Stays valid until that value is erased.
-  [[nodiscard]] V* find(std::uint32_t handle) const {
-    const std::size_t word = handle / kPerWord;
-    if (word >= present_.size() || (present_[word] & bit(handle)) == 0) return nullptr;
-    return valueAt(handle);
-  }
+  [[nodiscard]] V* find(std::uint32_t handle) const { return has(handle) ? valueAt(handle) : nullptr; }
   /// Adds a value; the handle has none.
   template <class... Args>
   V& emplace(std::uint32_t handle, Args&&... args) {
@@ -98,6 +100,7 @@ class Column : public ColumnPlaces {
     if (at >= pages_.size()) {
       pages_.resize(at + 1);
       present_.resize((at + 1) * kWordsPerPage);
+      known_ = (at + 1) * kPerPage;
     }
     if (pages_[at] == nullptr) pages_[at] = PageArena::instance().take(kPageBytes);
     V* value = ::new (static_cast<void*>(valueAt(handle))) V{std::forward<Args>(args)...};
@@ -137,7 +140,6 @@ class Column : public ColumnPlaces {
   [[nodiscard]] V* valueAt(std::uint32_t handle) const {
     return static_cast<V*>(pages_[handle / kPerPage]) + (kHasContent ? handle % kPerPage : 0);
   }
-  static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerWord); }
 
   /// Gives a page back that holds no value any more. So that a key that comes and goes costs little, an empty
   /// column forgets where its pages were only after as many values as it will cost to note that anew.
@@ -148,6 +150,7 @@ class Column : public ColumnPlaces {
     PageArena::instance().give(std::exchange(pages_[page], nullptr), kPageBytes);
     if (size_ != 0 || emplaced_ < pages_.size()) return;
     emplaced_ = 0;
+    known_ = 0;
     std::vector<void*>().swap(pages_);
     std::vector<std::uint64_t>().swap(present_);
   }

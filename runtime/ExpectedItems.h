@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <utility>
 
 #include "runtime/KeySpace.h"
 
@@ -30,5 +31,22 @@ void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& k
     for (const Item& item : some) visit(item);
   }
 }
+
+/// Announces the keys of a collection one by one, each some time before it will be looked up: its place in
+/// the index is fetched at once, what is stored of it when the next one is announced.
+template <class C>
+class ExpectedKeys {
+ public:
+  void expect(const C& collection, const typename C::Key& key) {
+    using Keys = KeySpace<typename C::Key>;
+    const Keys& keys = Keys::instance();
+    const std::uint32_t before = std::exchange(hash_, keys.expectInIndex(key));
+    const auto handle = keys.expectFound(before);
+    if (handle != Keys::kNone) collection.prefetch(handle);
+  }
+
+ private:
+  std::uint32_t hash_ = 0;  ///< of the key that was announced last
+};
 
 }  // namespace KilnEmServer

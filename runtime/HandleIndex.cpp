@@ -64,7 +64,8 @@ void HandleIndex::insert(std::uint32_t hash, std::uint32_t handle) {
 }
 
 void HandleIndex::erase(std::uint32_t hash, std::uint32_t handle) {
-  const bool erased = current_.erase(hash, handle) || old_.erase(hash, handle);
+  const bool erased = migrated(hash) ? current_.erase(hash, handle) || old_.erase(hash, handle)
+                                     : old_.erase(hash, handle) || current_.erase(hash, handle);
   KILN_ASSERT(erased);
   migrate(kCellsPerChange);
   const std::size_t capacity = current_.mask + 1;

@@ -80,13 +80,13 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
  public:
   [[nodiscard]] bool hasPending() const final { return !pending_.empty(); }
   [[nodiscard]] std::size_t pendingCount() const final { return pending_.size(); }
-  [[nodiscard]] std::uint64_t headArrival() const final { return pending_.headArrival(); }
+  [[nodiscard]] Arrival headArrival() const final { return pending_.headArrival(); }
 
-  std::size_t drain(std::uint64_t limit, bool& yielded) final {
-    const bool far = KeySpace<K>::instance().size() >= kFetchedAheadFrom;
+  std::size_t drain(Arrival limit, bool& yielded) final {
+    const bool far = KeySpace<K>::instance().many();
     const bool ahead = far && pending_.size() > 1;
     stage_.loneChangeIs(far && !ahead);
-    const auto arrived = [&] { return !pending_.empty() && pending_.headArrival() < limit; };
+    const auto arrived = [&] { return !pending_.empty() && isBefore(pending_.headArrival(), limit); };
     const auto handleFirst = [&] {
       if (ahead) expectSoon();
       const auto taken = pending_.take();
@@ -103,11 +103,13 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       if constexpr (requires { self().wants(key); }) {
         if (!self().wants(key)) return;
       }
-      if (pending_.add(key, stage_.arrivals())) {
-        stage_.noteArrival(*this);
-      } else {
+      const bool first = pending_.empty();
+      if (!pending_.add(key, stage_.arrivals())) {
         stage_.noteCoalesced();
+        return;
       }
+      stage_.noteArrival();
+      if (first) stage_.noteWaiting(*this);
     }
   }
 
@@ -156,9 +158,6 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   }
 
  private:
-  /// With fewer keys than that, what handlers touch is mostly in the cache.
-  static constexpr std::size_t kFetchedAheadFrom = 4096;
-
   /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
   /// itself, later, when that is there, what the stage knows to lie elsewhere.
   void expectSoon() {

@@ -16,9 +16,13 @@
 #include "runtime/Column.h"
 #include "runtime/FetchAhead.h"
 #include "runtime/HandleIndex.h"
+#include "runtime/KeyFollower.h"
 #include "runtime/PageArena.h"
 
 namespace KilnEmServer {
+
+template <class K>
+class KeyUse;
 
 /// All keys of one type that stand in any collection or pending list of this thread. A handle is valid as
 /// long as somebody holds a use of it.
@@ -38,12 +42,13 @@ class KeySpace {
     return *space;
   }
 
-  /// The handle of a key, or kNone where nobody uses the key. `expectAt(handle)` is called with each handle
-  /// that is likely to be the key's, before that is certain.
+  /// The handle of a key, or kNone where nobody uses the key; where keys are many, one that was used until
+  /// recently may still have a handle, which nothing stands under. `expectAt(handle)` is called with each
+  /// handle that is likely to be the key's, before that is certain.
   template <class ExpectAt>
   [[nodiscard]] Handle find(const K& key, ExpectAt&& expectAt) const {
     // Mostly it is the very object that was looked up last.
-    if (&key == lastKey_) [[likely]]
+    if (&key == &lastSlot_->key) [[likely]]
       return last_;
     return findOther(key, expectAt);
   }
@@ -53,31 +58,25 @@ class KeySpace {
   /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
   /// gives, or `group` where its type has none.
   Handle acquire(const K& key, std::size_t group = 0) {
-    ++slot(obtain(key, group, [](Handle) {})).uses;
+    obtain(key, group, [](Handle) {});
+    ++lastSlot_->uses;
     return last_;
   }
   /// The same without a use more: who gets the handle of a key that nobody used takes one at once.
   template <class ExpectAt>
   Handle obtain(const K& key, std::size_t group, ExpectAt&& expectAt) {
-    if (&key != lastKey_) [[unlikely]]
+    if (&key != &lastSlot_->key) [[unlikely]]
       findOrAdd(key, group, expectAt);
     return last_;
   }
   /// One more use of a handle that is in use.
   void use(Handle handle) { ++slot(handle).uses; }
   /// Gives a use back. The last one frees the handle.
-  void release(Handle handle) {
-    Slot& released = slot(handle);
-    KILN_ASSERT(released.uses != 0);
-    if (--released.uses == 0) free(handle);
-  }
+  void release(Handle handle) { release(slot(handle), handle); }
   /// The key of a handle that is in use; stays where it is as long as it is used.
   [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
   /// The key is about to be looked up in several collections.
-  void expect(Handle handle) const {
-    last_ = handle;
-    lastKey_ = &slot(handle).key;
-  }
+  void expect(Handle handle) const { expect(slot(handle), handle); }
   /// A key that nobody has in hand will be looked up: fetches where the index has it. Returns what
   /// expectFound takes, when that is there.
   [[nodiscard]] std::uint32_t expectInIndex(const K& key) const {
@@ -88,10 +87,13 @@ class KeySpace {
   /// Fetches what is likely to be stored of the key. Returns its handle, likewise likely, or kNone where
   /// nobody uses the key.
   Handle expectFound(std::uint32_t hash, const K& key) const {
+    const Handle likely = expectFound(hash);
+    if (likely != kNone) hintAt(key, likely);
+    return likely;
+  }
+  Handle expectFound(std::uint32_t hash) const {
     const Handle likely = index_.find(hash, [](Handle) { return true; });
-    if (likely == kNone) return kNone;
-    hintAt(key, likely);
-    prefetch(likely);
+    if (likely != kNone) prefetch(likely);
     return likely;
   }
   /// Fetches the key into the cache.
@@ -101,22 +103,30 @@ class KeySpace {
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
   }
-  /// The same, with what any column has under it.
-  void prefetchEverywhere(Handle handle) const {
-    if (!mayBeInUse(handle)) return;
-    prefetch(handle);
-    columns_.prefetch(handle);
+  /// Fetches what any column, and any follower, has under a key that remembers where it stands.
+  void prefetchEverywhere(const K& key) const {
+    const Handle handle = hintOf(key).handle();
+    if (mayBeInUse(handle)) {
+      prefetch(handle);
+      columns_.prefetch(handle);
+    }
+    for (const KeyFollower<K>* follower : followers_) follower->expectNow(key);
   }
   /// A column by handles of this space, for prefetchEverywhere.
   void columnIs(const ColumnPlaces& column) { columns_.add(column); }
   void columnDel(const ColumnPlaces& column) { columns_.remove(column); }
+  /// One who is told of such keys, too; to be taken out before it goes.
+  void followerIs(const KeyFollower<K>& follower) { followers_.push_back(&follower); }
+  void followerDel(const KeyFollower<K>& follower) { std::erase(followers_, &follower); }
   /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
   [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
   [[nodiscard]] static Handle pageAfter(Handle handle) {
     return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
   }
-  /// Keys in use.
+  /// Keys in use; where they are many, some that were until now are among them.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
+  /// Whether what they have is too much to be in the cache.
+  [[nodiscard]] bool many() const { return index_.size() >= kMany; }
 
  private:
   struct Slot {
@@ -147,11 +157,23 @@ class KeySpace {
     void give(std::uint32_t handle) { handles[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
   };
 
+  static constexpr std::size_t kMany = 4096;
   /// Whether keys remember where they were found.
   static constexpr bool kHinted = requires(const K& key) { hintOf(key); };
 
+  friend class KeyUse<K>;
+
   KeySpace() = default;
 
+  void release(Slot& released, Handle handle) {
+    KILN_ASSERT((released.uses & ~kRetired) != 0);
+    if (--released.uses == 0) [[unlikely]]
+      retire(handle);
+  }
+  void expect(Slot& expected, Handle handle) const {
+    last_ = handle;
+    lastSlot_ = &expected;
+  }
   static std::uint32_t hashOf(const K& key) {
     return static_cast<std::uint32_t>(KilnPlatform::hashValue(key));
   }
@@ -162,25 +184,29 @@ class KeySpace {
   }
   template <class ExpectAt>
   [[gnu::noinline]] Handle findOther(const K& key, ExpectAt&& expectAt) const {
-    if (isWhereHinted(key) || equalsLast(key)) return last_;
+    if (isWhereHinted(key) || isLast(key)) return last_;
     return lookUp(hashOf(key), key, expectAt);
   }
   /// The key is the one that was looked up last from then on.
   template <class ExpectAt>
   [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt&& expectAt) {
-    if (isWhereHinted(key) || equalsLast(key)) return;
+    if (isWhereHinted(key) || isLast(key)) return;
     const std::uint32_t hash = hashOf(key);
     if (lookUp(hash, key, expectAt) == kNone) add(hash, key, group);
   }
-  [[nodiscard]] bool equalsLast(const K& key) const { return lastKey_ != nullptr && *lastKey_ == key; }
+  [[nodiscard]] bool isLast(const K& key) const {
+    if (last_ == kNone || !(lastSlot_->key == key)) return false;
+    hintAt(key, last_);
+    return true;
+  }
   /// Whether the key is where it was found last; it is then the one that was looked up last.
   [[nodiscard]] bool isWhereHinted(const K& key) const {
     if constexpr (kHinted) {
       const Handle handle = hintOf(key).handle();
       if (!mayBeInUse(handle)) return false;
-      const Slot& hinted = slot(handle);
+      Slot& hinted = slot(handle);
       if (hinted.uses == 0 || (&hinted.key != &key && !(hinted.key == key))) return false;
-      expect(handle);
+      expect(hinted, handle);
       return true;
     } else {
       return false;
@@ -231,7 +257,28 @@ class KeySpace {
     if (page == nullptr) page = makePage<Slots>();
     return handle;
   }
-  [[gnu::noinline]] void free(Handle handle) {
+  /// Nobody uses the handle any more. Among many keys it is freed when some more were retired, and what the
+  /// index has of it is there; until then its key may come into use again.
+  [[gnu::noinline]] void retire(Handle handle) {
+    if (!many()) {
+      free(handle);
+      return;
+    }
+    Slot& retired = slot(handle);
+    index_.prefetch(retired.hash);
+    retired.uses = kRetired;
+    freeRetired(std::exchange(retired_[nextRetired_], handle));
+    nextRetired_ = (nextRetired_ + 1) % retired_.size();
+    if (many()) return;
+    for (Handle& before : retired_) freeRetired(std::exchange(before, kNone));
+  }
+  void freeRetired(Handle handle) {
+    if (handle == kNone) return;
+    Slot& retired = slot(handle);
+    retired.uses &= ~kRetired;
+    if (retired.uses == 0) free(handle);
+  }
+  void free(Handle handle) {
     Slot& freed = slot(handle);
     index_.erase(freed.hash, handle);
     if (last_ == handle) forgetLast();
@@ -258,35 +305,43 @@ class KeySpace {
   }
   void forgetLast() {
     last_ = kNone;
-    lastKey_ = nullptr;
+    lastSlot_ = &nobody_;
   }
 
   std::vector<PagePtr<Slots>> pages_;  ///< null where no handle of the page is in use
   std::vector<PageUse> pageUses_;
   std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
   HandleIndex index_;
+  /// In the uses of a handle that stands in `retired_`.
+  static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
+  std::array<Handle, 8> retired_ = {kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone};
+  std::size_t nextRetired_ = 0;
   ColumnList columns_;
+  std::vector<const KeyFollower<K>*> followers_;
   // The key that was looked up last is looked up again more often than not.
   mutable Handle last_ = kNone;
-  mutable const K* lastKey_ = nullptr;
+  mutable Slot* lastSlot_ = &nobody_;  ///< never null
+  Slot nobody_;                        ///< no key that is looked up stands there
 };
 
 /// A key that stays in use meanwhile. Looking up key() is cheap, in whatever collections.
 template <class K>
 class KeyUse {
  public:
-  explicit KeyUse(const K& key) : handle_(keys_.acquire(key)) { keys_.expect(handle_); }
+  explicit KeyUse(const K& key) : KeyUse(KeySpace<K>::instance(), KeySpace<K>::instance().acquire(key)) {}
   /// Takes over a use of the handle.
-  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) : keys_(keys), handle_(handle) {
-    keys_.expect(handle_);
+  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle)
+      : keys_(keys), slot_(keys.slot(handle)), handle_(handle) {
+    keys_.expect(slot_, handle_);
   }
-  ~KeyUse() { keys_.release(handle_); }
+  ~KeyUse() { keys_.release(slot_, handle_); }
   KeyUse(const KeyUse&) = delete;
   KeyUse& operator=(const KeyUse&) = delete;
-  [[nodiscard]] const K& key() const { return keys_.key(handle_); }
+  [[nodiscard]] const K& key() const { return slot_.key; }
 
  private:
-  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  KeySpace<K>& keys_;
+  typename KeySpace<K>::Slot& slot_;
   typename KeySpace<K>::Handle handle_;
 };
 

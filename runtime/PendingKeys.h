@@ -13,13 +13,20 @@
 
 namespace KilnEmServer {
 
+/// A moment: the low bits of a count that only grows. Moments that are compared lie less than 2^31 apart.
+using Arrival = std::uint32_t;
+/// Whether `a` came before `b`.
+inline bool isBefore(Arrival a, Arrival b) {
+  return static_cast<std::int32_t>(a - b) < 0;
+}
+
 /// Numbers in the order in which they came, each with the moment of its coming: a queue of pages, which the
 /// thread's arena has for whoever needs one next.
 class ArrivalQueue {
  public:
   struct Item {
     std::uint32_t number;
-    std::uint32_t arrival;  ///< its low bits
+    Arrival arrival;
   };
 
   ArrivalQueue() = default;
@@ -32,15 +39,14 @@ class ArrivalQueue {
   [[nodiscard]] bool empty() const { return size_ == 0; }
   [[nodiscard]] std::size_t size() const { return size_; }
 
-  /// `arrival` does not fall from call to call, and grows by less than 2^32 from the first item to the last.
-  void push(std::uint32_t number, std::uint64_t arrival) {
-    if (size_ == 0) firstArrival_ = arrival;
-    if (last_ == nullptr || end_ == kPerPage) addPage();
-    last_->items[end_++] = {number, static_cast<std::uint32_t>(arrival)};
+  void push(std::uint32_t number, Arrival arrival) {
+    if (end_ == kPerPage) [[unlikely]]
+      addPage();
+    last_->items[end_++] = {number, arrival};
     ++size_;
   }
   /// Arrival of the first item; the queue must not be empty.
-  [[nodiscard]] std::uint64_t firstArrival() const { return firstArrival_; }
+  [[nodiscard]] Arrival firstArrival() const { return first_->items[begin_].arrival; }
   /// The number that comes `ahead` places after the first, or the nearest one that is as easily found; the
   /// queue must not be empty.
   [[nodiscard]] std::uint32_t numberAhead(std::size_t ahead) const {
@@ -51,19 +57,15 @@ class ArrivalQueue {
   /// Takes the first number out; the queue must not be empty.
   std::uint32_t pop() {
     KILN_ASSERT(size_ != 0);
-    const Item item = first_->items[begin_++];
-    --size_;
-    if (size_ == 0) {
+    const std::uint32_t number = first_->items[begin_++].number;
+    if (--size_ == 0) {
       begin_ = 0;
       end_ = 0;  // the only page is used again
-      return item.number;
-    }
-    if (begin_ == kPerPage) {
+    } else if (begin_ == kPerPage) [[unlikely]] {
       dropFirst();
       begin_ = 0;
     }
-    firstArrival_ += first_->items[begin_].arrival - item.arrival;
-    return item.number;
+    return number;
   }
 
  private:
@@ -72,7 +74,7 @@ class ArrivalQueue {
     std::array<Item, kPerPage> items;
     Page* next;
   };
-  void addPage() {
+  [[gnu::noinline]] void addPage() {
     Page* page = makePage<Page>().release();
     page->next = nullptr;
     if (last_ == nullptr) {
@@ -83,17 +85,16 @@ class ArrivalQueue {
     last_ = page;
     end_ = 0;
   }
-  void dropFirst() {
+  [[gnu::noinline]] void dropFirst() {
     const PagePtr<Page> dropped(std::exchange(first_, first_->next));
     if (first_ == nullptr) last_ = nullptr;
   }
 
   Page* first_ = nullptr;
   Page* last_ = nullptr;
-  std::size_t begin_ = 0;  ///< in the first page
-  std::size_t end_ = 0;    ///< in the last
+  std::size_t begin_ = 0;       ///< in the first page
+  std::size_t end_ = kPerPage;  ///< in the last; that of a full one where there is none
   std::size_t size_ = 0;
-  std::uint64_t firstArrival_ = 0;
 };
 
 /// A queue in which a key stands at most once, in the order in which keys came.
@@ -109,19 +110,17 @@ class PendingKeys {
 
   /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where
   /// added.
-  bool add(const K& key, std::uint64_t arrival) {
-    const Handle handle = keys_.acquire(key);
-    if (!standing_.set(handle)) {
-      keys_.release(handle);
-      return false;
-    }
+  bool add(const K& key, Arrival arrival) {
+    const Handle handle = keys_.obtain(key, 0, [](Handle) {});
+    if (!standing_.set(handle)) return false;
+    keys_.use(handle);
     queue_.push(handle, arrival);
     return true;
   }
   [[nodiscard]] bool empty() const { return queue_.empty(); }
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
   /// Arrival of the first key; the queue must not be empty.
-  [[nodiscard]] std::uint64_t headArrival() const { return queue_.firstArrival(); }
+  [[nodiscard]] Arrival headArrival() const { return queue_.firstArrival(); }
 
   /// Takes the first key out. From then on a change of it stands in the queue again.
   [[nodiscard]] KeyUse<K> take() {
@@ -158,7 +157,8 @@ class PendingKeys {
    public:
     /// True where the bit was not set.
     bool set(std::uint32_t handle) {
-      if (handle / 64 >= words_.size()) words_.resize(handle / 64 + 1);
+      if (handle / 64 >= words_.size()) [[unlikely]]
+        grow(handle / 64 + 1);
       std::uint64_t& word = words_[handle / 64];
       const std::uint64_t bit = std::uint64_t{1} << (handle % 64);
       if ((word & bit) != 0) return false;
@@ -168,6 +168,8 @@ class PendingKeys {
     void reset(std::uint32_t handle) { words_[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
 
    private:
+    [[gnu::noinline]] void grow(std::size_t words) { words_.resize(words); }
+
     std::vector<std::uint64_t> words_;
   };
 

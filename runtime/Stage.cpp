@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 namespace KilnEmServer {
@@ -227,8 +226,8 @@ class ReadyMachine final : public InputBase {
   void checkArgument() const override {}
   [[nodiscard]] bool hasPending() const override { return false; }
   [[nodiscard]] std::size_t pendingCount() const override { return 0; }
-  [[nodiscard]] std::uint64_t headArrival() const override { return 0; }
-  std::size_t drain(std::uint64_t /*limit*/, bool& /*yielded*/) override { return 0; }
+  [[nodiscard]] Arrival headArrival() const override { return 0; }
+  std::size_t drain(Arrival /*limit*/, bool& /*yielded*/) override { return 0; }
 
  private:
   void subscribe() override {}
@@ -322,8 +321,7 @@ std::size_t Stage::pendingCount() const {
   return count;
 }
 
-void Stage::noteArrival(InputBase& input) {
-  ++arrivals_;
+void Stage::noteWaiting(InputBase& input) {
   if (!std::exchange(input.waiting_, true)) waiting_.push_back(&input);
   if (initialScanDone_ && eventTask_ != nullptr) eventTask_->scheduleTask();
 }
@@ -390,7 +388,7 @@ void Stage::reapInputs() {
   }
 }
 
-InputBase* Stage::nextInput(std::uint64_t& limit) {
+InputBase* Stage::nextInput(Arrival& limit) {
   limit = arrivals_;
   if (waiting_.size() == 1) {  // as most of the time: there is no order to find out
     InputBase* const only = waiting_.front();
@@ -400,7 +398,7 @@ InputBase* Stage::nextInput(std::uint64_t& limit) {
     return nullptr;
   }
   InputBase* first = nullptr;
-  std::uint64_t least = std::numeric_limits<std::uint64_t>::max();
+  Arrival least = arrivals_;
   for (std::size_t at = 0; at < waiting_.size();) {
     InputBase* const input = waiting_[at];
     if (!input->hasPending()) {
@@ -410,13 +408,13 @@ InputBase* Stage::nextInput(std::uint64_t& limit) {
       continue;
     }
     ++at;
-    const std::uint64_t arrival = input->headArrival();
-    if (arrival < least) {
-      limit = std::min(limit, least);
+    const Arrival arrival = input->headArrival();
+    if (isBefore(arrival, least)) {
+      limit = least;
       least = arrival;
       first = input;
-    } else {
-      limit = std::min(limit, arrival);
+    } else if (isBefore(arrival, limit)) {
+      limit = arrival;
     }
   }
   return first;
@@ -425,7 +423,7 @@ InputBase* Stage::nextInput(std::uint64_t& limit) {
 void Stage::runEvents() {
   const KilnPlatform::RunningStageScope scope(name_);
   std::size_t items = 0;
-  std::uint64_t limit = 0;
+  Arrival limit = 0;
   // Items of different inputs are taken in the order of their arrival, in runs from one input.
   bool yielded = false;
   while (!yielded) {

@@ -10,11 +10,11 @@
 #include <boost/container/small_vector.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -24,6 +24,7 @@
 #include "platform/TaskScheduler.h"
 #include "runtime/Column.h"
 #include "runtime/KeySpace.h"
+#include "runtime/PendingKeys.h"
 #include "runtime/Trace.h"
 
 namespace KilnEmServer {
@@ -130,10 +131,10 @@ class InputBase {
   /// Whether changed keys wait, how many, and the arrival of the first of them.
   [[nodiscard]] virtual bool hasPending() const = 0;
   [[nodiscard]] virtual std::size_t pendingCount() const = 0;
-  [[nodiscard]] virtual std::uint64_t headArrival() const = 0;
+  [[nodiscard]] virtual Arrival headArrival() const = 0;
   /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share,
   /// which sets `yielded`. Returns how many it handled.
-  virtual std::size_t drain(std::uint64_t limit, bool& yielded) = 0;
+  virtual std::size_t drain(Arrival limit, bool& yielded) = 0;
   /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested. True
   /// where something is still to be destroyed later.
   virtual bool reap() { return false; }
@@ -329,7 +330,10 @@ class Stage {
   /// What the stage's handlers look into by keys of type K.
   template <class K>
   [[nodiscard]] Companions& companions() {
-    return companions_[&KeySpace<K>::instance()];
+    const void* const keys = &KeySpace<K>::instance();
+    Companions* known = companionsOf(keys);
+    if (known == nullptr) known = companions_.emplace_back(keys, std::make_unique<Companions>()).second.get();
+    return *known;
   }
   /// The handlers look into this collection; where it files by handle, that is made cheaper.
   template <class Collection>
@@ -352,9 +356,11 @@ class Stage {
   int takeChildNumber() { return childNumber_++; }
   int takePipelineNumber() { return pipelineNumber_++; }
   /// The arrival number of the next key that joins a pending list.
-  [[nodiscard]] std::uint64_t arrivals() const { return arrivals_; }
-  /// A key joined the pending list of an input: sees to it that the list is drained.
-  void noteArrival(InputBase& input);
+  [[nodiscard]] Arrival arrivals() const { return arrivals_; }
+  /// A key joined a pending list.
+  void noteArrival() { ++arrivals_; }
+  /// The pending list of an input is no longer empty: sees to it that it is drained.
+  void noteWaiting(InputBase& input);
   /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
   void loneChangeIs(bool lone) { loneChange_ = lone; }
   /// A key changed again before it was handled.
@@ -383,16 +389,17 @@ class Stage {
   void expectKey(const K& key) const {
     const std::uint32_t handle = hintOf(key).handle();
     KeySpace<K>::instance().prefetch(handle);
-    const auto companions = companions_.find(&KeySpace<K>::instance());
-    if (companions != companions_.end()) companions->second.prefetch(handle);
+    if (const Companions* companions = companionsOf(&KeySpace<K>::instance())) companions->prefetch(handle);
   }
 
+  /// Whether the change that is being handled came alone, among many keys.
+  [[nodiscard]] bool changeIsLone() const { return loneChange_; }
   /// The change that is being handled goes on under this key: where it came alone, what any stage has under
   /// the key is fetched now, all at once, and not by each stage in its turn.
   template <class K>
   void expectFurtherOn(const K& key) const {
     if (loneChange_) [[unlikely]]
-      KeySpace<K>::instance().prefetchEverywhere(hintOf(key).handle());
+      KeySpace<K>::instance().prefetchEverywhere(key);
   }
 
   [[nodiscard]] DependencyStatus& dependencyStatus() const { return *dependencyStatus_; }
@@ -407,7 +414,13 @@ class Stage {
   void runEvents();
   void handleInitialScanDone();
   void readyIs(bool ready);
-  [[nodiscard]] InputBase* nextInput(std::uint64_t& limit);
+  [[nodiscard]] Companions* companionsOf(const void* keys) const {
+    for (const auto& [space, companions] : companions_) {
+      if (space == keys) return companions.get();
+    }
+    return nullptr;
+  }
+  [[nodiscard]] InputBase* nextInput(Arrival& limit);
 
   std::string_view className_;
   std::string name_;
@@ -423,14 +436,15 @@ class Stage {
   int childNumber_ = 0;
   int pipelineNumber_ = 0;
   bool reapRequested_ = false;
-  std::uint64_t arrivals_ = 0;
+  Arrival arrivals_ = 0;
   std::uint64_t coalescedChanges_ = 0;
   std::vector<InputBase*> inputs_;
   std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
   bool loneChange_ = false;
   std::vector<OutputBase*> outputs_;
   std::vector<LocalState*> localStates_;
-  std::map<const void*, Companions> companions_;  ///< by the keys' space
+  /// By the keys' space; few.
+  std::vector<std::pair<const void*, std::unique_ptr<Companions>>> companions_;
   std::unique_ptr<InputBase> readyMachine_;
   std::unique_ptr<Task> eventTask_;
 };

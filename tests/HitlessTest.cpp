@@ -113,6 +113,7 @@ class Restarted {
     return *agent_.reconcileMonitor().ended();
   }
   [[nodiscard]] KilnAgent::EmbeddedAgent& agent() { return agent_; }
+  [[nodiscard]] std::uint64_t failedExpects() const { return scenario_.counters().failedExpects; }
 
  private:
   static KilnAgent::AgentOptions optionsOf(const Setting& setting) {
@@ -177,6 +178,25 @@ TEST(Hitless, ARestartWithNothingChangedTouchesNothing) {
     }
     EXPECT_EQ(kept, report.statusesFound);
   }
+}
+
+// Among many keys memory is fetched ahead, and keys that go are forgotten later.
+TEST(Hitless, ManyKeysComeStayAndGo) {
+  Restarted run({}, generated(9000));
+  ASSERT_TRUE(KilnEmServer::KeySpace<KilnEmServer::EmLogicalKey>::instance().many());
+  EXPECT_EQ(run.failedExpects(), 0U);
+  run.run(publishMpls("evpn", 5000, 1) + R"({"op":"settle"})");  // alone among many
+  const ReconcileReport report = run.restart();
+  EXPECT_EQ(report.state, ReconcileReport::State::complete);
+  EXPECT_GT(report.statusesFound, 8000U);
+  EXPECT_EQ(report.statusesChanged, 0U);
+  EXPECT_EQ(report.disturbed, 0U);
+  for (const auto feature : KilnPlatform::EnumNames<KilnEmServer::FeatureType>::kNames) {
+    run.run(fmt::format(R"({{"op":"removeFeature","feature":"{}"}})", feature));
+  }
+  run.run(R"({"op":"settle"})");
+  for (const auto& [name, size] : run.agent().server().leftovers()) EXPECT_EQ(size, 0U) << name;
+  EXPECT_EQ(run.agent().server().emSwTableConfig()->config().size(), 0U);
 }
 
 TEST(Hitless, OnlyWhatChangedWhileTheServerWasDownReachesTheHardware) {

@@ -10,4 +10,10 @@ void forEachExpected(const C& /*collection*/, std::span<const Item> items, KeyOf
   for (const Item& item : items) visit(item);
 }
 
+template <class C>
+class ExpectedKeys {
+ public:
+  void expect(const C& /*collection*/, const typename C::Key& /*key*/) {}
+};
+
 }  // namespace KilnEmServer

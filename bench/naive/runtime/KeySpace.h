@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "runtime/KeyFollower.h"
+
 namespace KilnEmServer {
 
 template <class K>
@@ -14,10 +16,12 @@ class KeySpace {
     static KeySpace space;
     return space;
   }
-  /// None that would be worth fetching ahead.
-  [[nodiscard]] std::size_t size() const { return 0; }
+  /// Nothing is fetched ahead.
+  [[nodiscard]] bool many() const { return false; }
   void prefetch(Handle /*handle*/) const {}
-  void prefetchEverywhere(Handle /*handle*/) const {}
+  void prefetchEverywhere(const K& /*key*/) const {}
+  void followerIs(const KeyFollower<K>& /*follower*/) {}
+  void followerDel(const KeyFollower<K>& /*follower*/) {}
 };
 
 template <class K>

@@ -12,17 +12,22 @@
 
 namespace KilnEmServer {
 
+using Arrival = std::uint32_t;
+inline bool isBefore(Arrival a, Arrival b) {
+  return static_cast<std::int32_t>(a - b) < 0;
+}
+
 template <class K>
 class PendingKeys {
  public:
-  bool add(const K& key, std::uint64_t arrival) {
+  bool add(const K& key, Arrival arrival) {
     if (!standing_.insert(key).second) return false;
     queue_.emplace_back(key, arrival);
     return true;
   }
   [[nodiscard]] bool empty() const { return queue_.empty(); }
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
-  [[nodiscard]] std::uint64_t headArrival() const { return queue_.front().second; }
+  [[nodiscard]] Arrival headArrival() const { return queue_.front().second; }
   [[nodiscard]] KeyUse<K> take() { return KeyUse<K>(pop()); }
   K pop() {
     const K key = queue_.front().first;
@@ -40,7 +45,7 @@ class PendingKeys {
   }
 
  private:
-  std::deque<std::pair<K, std::uint64_t>> queue_;
+  std::deque<std::pair<K, Arrival>> queue_;
   std::unordered_set<K, KilnPlatform::ValueHash<K>> standing_;
 };
 
