@@ -1,6 +1,7 @@
 // When a slice has used its share: the policies that the agent offers.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 
@@ -20,23 +21,32 @@ class EveryItems final : public KilnPlatform::YieldPolicy {
   std::uint32_t items_;
 };
 
-/// Yields once a slice has run for `budget` of the machine's steady clock, which it reads every few items
-/// only. Runs under it are not repeatable.
+/// Yields once a slice has run for `budget` of the machine's steady clock. It reads the clock every few items
+/// only, and the nearer the end, the more often: a slice exceeds its budget by about an item. Runs under it
+/// are not repeatable.
 class TimeBudget final : public KilnPlatform::YieldPolicy {
  public:
   explicit TimeBudget(std::chrono::nanoseconds budget) : budget_(budget) {}
   std::uint32_t sliceBegins() override {
     begin_ = std::chrono::steady_clock::now();
-    return kItemsPerLook;
+    items_ = 0;
+    return kItemsToFirstLook;
   }
-  std::uint32_t ask(std::uint32_t /*itemsDone*/) override {
-    return std::chrono::steady_clock::now() - begin_ >= budget_ ? 0 : kItemsPerLook;
+  std::uint32_t ask(std::uint32_t itemsDone) override {
+    items_ += itemsDone;
+    const std::chrono::nanoseconds used = std::chrono::steady_clock::now() - begin_;
+    if (used >= budget_) return 0;
+    // What fits into half of the time that is left, if the next items take as long as those before.
+    const auto fit = (budget_ - used).count() * items_ / (2 * used.count() + 1);
+    return static_cast<std::uint32_t>(std::clamp<std::int64_t>(fit, 1, kMostItemsPerLook));
   }
 
  private:
-  static constexpr std::uint32_t kItemsPerLook = 64;
+  static constexpr std::uint32_t kItemsToFirstLook = 16;
+  static constexpr std::uint32_t kMostItemsPerLook = 64;
   std::chrono::nanoseconds budget_;
   std::chrono::steady_clock::time_point begin_;
+  std::int64_t items_ = 0;  ///< of this slice
 };
 
 }  // namespace KilnAgent

@@ -2,7 +2,9 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
 
 #include "platform/Assert.h"
 
@@ -111,7 +113,7 @@ void PageArena::closeSpan(Span& span) noexcept {
   if (block.used != 0) return;
   unlink(open_, block);
   if (Block* const before = std::exchange(spare_, &block)) {
-    ::madvise(before, kBlock, MADV_FREE);
+    if (!isReserved(before)) ::madvise(before, kBlock, MADV_FREE);
     empty_.push_back(before);  // there is room; see openBlock
   }
 }
@@ -121,6 +123,8 @@ PageArena::Block& PageArena::openBlock() {
   if (memory == nullptr && !empty_.empty()) {
     memory = empty_.back();
     empty_.pop_back();
+  } else if (memory == nullptr && untouched_.size() != 0) {
+    memory = std::exchange(untouched_.begin, untouched_.begin + kBlock);
   } else if (memory == nullptr) {
     memory = map(kBlock);
     empty_.reserve(++blocks_);
@@ -136,15 +140,26 @@ void* PageArena::map(std::size_t bytes) {
 }
 
 void PageArena::reserve(std::size_t bytes) {
-  if (kFromAllocator) return;
+  if (kFromAllocator || untouched_.size() >= bytes) return;
   constexpr std::size_t kSmallPage = 4096;
-  empty_.reserve(blocks_ + bytes / kBlock + 1);
-  while (empty_.size() * kBlock < bytes) {
-    auto* const begin = static_cast<std::byte*>(map(kBlock));
-    for (std::size_t at = 0; at < kBlock; at += kSmallPage) begin[at] = std::byte{0};
-    empty_.push_back(reinterpret_cast<Block*>(begin));
-    ++blocks_;
+  // Empty blocks count for nothing: no table fits into them, and their memory may be gone.
+  for (; untouched_.size() != 0; untouched_.begin += kBlock) {
+    empty_.push_back(reinterpret_cast<Block*>(untouched_.begin));
   }
+  const std::size_t blocks = (bytes + kBlock - 1) / kBlock;
+  reserved_.reserve(reserved_.size() + 1);
+  empty_.reserve(blocks_ + blocks);
+  auto* const begin = static_cast<std::byte*>(map(blocks * kBlock));
+  for (std::size_t at = 0; at < blocks * kBlock; at += kSmallPage) begin[at] = std::byte{0};
+  blocks_ += blocks;
+  untouched_ = {begin, begin + blocks * kBlock};
+  reserved_.push_back(untouched_);
+}
+
+bool PageArena::isReserved(const void* address) const {
+  return std::any_of(reserved_.begin(), reserved_.end(), [&](const Memory& memory) {
+    return std::less_equal<>()(memory.begin, address) && std::less<>()(address, memory.end);
+  });
 }
 
 void* PageArena::takeTable(std::size_t bytes) {
@@ -154,7 +169,9 @@ void* PageArena::takeTable(std::size_t bytes) {
     return table;
   }
   counters_.bytes += bytes;
-  return map(bytes);
+  if (untouched_.size() < bytes) return map(bytes);
+  untouched_.end -= bytes;
+  return untouched_.end;
 }
 
 void PageArena::giveTable(void* table, std::size_t bytes) noexcept {
@@ -163,7 +180,12 @@ void PageArena::giveTable(void* table, std::size_t bytes) noexcept {
     return;
   }
   counters_.bytes -= bytes;
-  ::munmap(table, bytes);
+  if (!isReserved(table)) {
+    ::munmap(table, bytes);
+    return;
+  }
+  auto* const begin = static_cast<std::byte*>(table);
+  for (std::size_t at = 0; at < bytes; at += kBlock) empty_.push_back(reinterpret_cast<Block*>(begin + at));
 }
 
 }  // namespace KilnEmServer

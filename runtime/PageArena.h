@@ -15,7 +15,8 @@ namespace KilnEmServer {
 /// Gives out pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
 /// advised to back by one huge page each: what an entry's stages hold lies in dozens of places, and with
 /// small pages nearly each of them costs a walk of the translation tables. Empty blocks are used again before
-/// new ones; the system is told that it may take their memory when it is short of it.
+/// new ones; the system is told that it may take their memory when it is short of it. Memory that was
+/// reserved goes to blocks from one end and to tables from the other; tables that come back become blocks.
 ///
 /// A block is split into spans, a span into pages of one size. Sizes above kMaxPage come from the allocator.
 /// With the address sanitizer all do, so that it sees each page for itself.
@@ -42,8 +43,8 @@ class PageArena {
   [[nodiscard]] void* takeTable(std::size_t bytes);
   /// Takes a table back that was taken with the same size.
   void giveTable(void* table, std::size_t bytes) noexcept;
-  /// Makes sure that so many bytes of pages can be taken without asking the system, which gives and zeroes
-  /// two megabytes at once when they are touched first. Throws std::bad_alloc.
+  /// Makes sure that so many bytes of pages and tables can be taken without asking the system, which gives
+  /// and zeroes two megabytes at once when they are touched first. Throws std::bad_alloc.
   void reserve(std::size_t bytes);
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
@@ -54,6 +55,11 @@ class PageArena {
   static constexpr std::size_t kStep = 256;  ///< sizes are rounded up to a multiple of it
   static constexpr std::size_t kSizes = kMaxPage / kStep;
 
+  struct Memory {
+    std::byte* begin = nullptr;
+    std::byte* end = nullptr;
+    [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(end - begin); }
+  };
   struct FreePage {
     FreePage* next;
   };
@@ -83,6 +89,7 @@ class PageArena {
   Span& openSpan(std::size_t size);
   void closeSpan(Span& span) noexcept;
   Block& openBlock();
+  [[nodiscard]] bool isReserved(const void* address) const;
   void* map(std::size_t bytes);
 
   template <class T>
@@ -94,7 +101,9 @@ class PageArena {
   Block* open_ = nullptr;                 ///< the blocks with a free span
   Block* spare_ = nullptr;                ///< the block that became empty last
   std::vector<Block*> empty_;             ///< the others, whose memory may be gone
-  std::size_t blocks_ = 0;                ///< all there are
+  std::size_t blocks_ = 0;                ///< all there are, and all that reserved memory may become
+  std::vector<Memory> reserved_;          ///< all that ever was
+  Memory untouched_;                      ///< of the latest what nobody took yet; zeroed
   Counters counters_;
 };
 

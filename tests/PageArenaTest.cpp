@@ -60,10 +60,22 @@ TEST(PageArena, WhatIsReservedIsTakenWithoutTheSystem) {
   PageArena& arena = PageArena::instance();
   constexpr std::size_t kPages = 1000;
   constexpr std::size_t kBytes = 8192;
-  arena.reserve(kPages * kBytes * 9 / 8);
+  constexpr std::size_t kTable = std::size_t{4} << 20U;
+  arena.reserve(kPages * kBytes * 9 / 8 + kTable);
   const std::uint64_t mappings = arena.counters().mappings;
+  auto* const table = static_cast<unsigned char*>(arena.takeTable(kTable));
+  EXPECT_TRUE(std::all_of(table, table + kTable, [](unsigned char byte) { return byte == 0; }));
+  std::memset(table, 0xFF, kTable);
   std::vector<void*> pages;
-  for (std::size_t page = 0; page < kPages; ++page) pages.push_back(arena.take(kBytes));
+  const auto takeAndFill = [&](std::size_t count) {
+    for (std::size_t page = 0; page < count; ++page) {
+      pages.push_back(arena.take(kBytes));
+      std::memset(pages.back(), 0xFF, kBytes);
+    }
+  };
+  takeAndFill(kPages);
+  arena.giveTable(table, kTable);
+  takeAndFill(kTable / kBytes * 7 / 8);  // where the table was
   EXPECT_EQ(arena.counters().mappings, mappings);
   for (void* page : pages) arena.give(page, kBytes);
 }
