@@ -38,8 +38,9 @@ struct ScanCursor {
   std::size_t index = 0;
   std::optional<K> last;
   /// Groups of keys that nobody asks about, a bit each: a collection that knows its keys by group may leave
-  /// them out.
+  /// out those that lie before an index.
   std::uint64_t unwanted = 0;
+  std::size_t unwantedBefore = 0;
 };
 
 /// What may be told which key will be looked up soon.

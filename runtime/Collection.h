@@ -144,7 +144,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   const K* scanNext(ScanCursor<K>& cursor) const override {
     auto handle = values_.next(cursor.index);
     if constexpr (requires(const K& key) { keyGroup(key); }) {
-      while (handle != Values::kNone && (cursor.unwanted >> keys_.groupAt(handle) & 1) != 0) {
+      while (handle < cursor.unwantedBefore && (cursor.unwanted >> keys_.groupAt(handle) & 1) != 0) {
         handle = values_.next(keys_.pageAfter(handle));
       }
     }

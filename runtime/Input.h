@@ -117,14 +117,19 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
-  /// Keys of groups that the stage does not want are no items, whether or not they are traced: slices end
-  /// where they ended without traces, and last longer with them.
+  /// Keys of groups that the stage does not want are no items; but a run of them counts as one after some
+  /// pages of handles, so that its slice ends in time. Where that is does not depend on whether they are
+  /// traced.
   bool scanItem() final {
+    constexpr std::size_t kPagesPerItem = 32;
+    constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
     cursor_.unwanted = traced() ? 0 : unwanted_;
+    cursor_.unwantedBefore = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
     while (const K* key = self().collection().scanNext(cursor_)) {
       const KeyUse<K> held(*key);
       if (isUnwanted(held.key())) {
         if (traced()) handleItem(held.key());
+        if (cursor_.index > cursor_.unwantedBefore) return true;
         continue;
       }
       if constexpr (requires { self().walksOver(held.key()); }) {

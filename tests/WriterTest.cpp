@@ -190,6 +190,31 @@ TEST_F(WriterTest, KeysOfOtherTablesAreLeftAlone) {
   EXPECT_EQ(table->writes + table->removals, 0u);
 }
 
+// The walk over a shared collection leaves out the keys of other tables by whole pages, and still ends its
+// slices in time, at the same places whatever is traced.
+TEST_F(WriterTest, AWalkPastManyKeysOfOtherTablesIsDoneInSlices) {
+  writer.reset();
+  for (std::uint32_t fodo = 0; fodo < 20'000; ++fodo) {
+    const EmHwKey other{FapId::allFap(), LocalCoreId::all(),
+                        KilnTunnelNiLib::EsemFodoEntryKey{KilnPlatform::U18(fodo)}};
+    config->configIs(other, wanted(1));
+  }
+  config->configIs(kH1, wanted(1));
+  const auto slices = [&] {
+    const std::uint64_t before = bench.scheduler->counters().slices;
+    start();
+    const std::uint64_t done = bench.scheduler->counters().slices - before;
+    writer.reset();
+    return done;
+  };
+  const std::uint64_t untraced = slices();
+#ifndef KILN_ORDERED_COLLECTIONS  // which know no pages
+  EXPECT_GE(untraced, 20'000U / 4096U);
+#endif
+  const TraceCapture traces(9);
+  EXPECT_EQ(slices(), untraced);
+}
+
 TEST_F(WriterTest, NoTableHoldsDivergentKeys) {
   const FapId fap(4);
   const LocalCoreId core(2);
