@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <boost/container/small_vector.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -63,17 +62,24 @@ class ColumnPlaces {
 class ColumnList {
  public:
   void add(const ColumnPlaces& column) {
-    if (std::find(columns_.begin(), columns_.end(), &column) == columns_.end()) columns_.push_back(&column);
+    if (std::find(columns_.begin(), columns_.end(), &column) != columns_.end()) return;
+    columns_.push_back(&column);
+    ++changes_;
   }
   void remove(const ColumnPlaces& column) {
-    columns_.erase(std::remove(columns_.begin(), columns_.end(), &column), columns_.end());
+    std::erase(columns_, &column);
+    ++changes_;
   }
   void prefetch(std::uint32_t handle) const {
     for (const ColumnPlaces* column : columns_) column->prefetch(handle);
   }
+  [[nodiscard]] const std::vector<const ColumnPlaces*>& columns() const { return columns_; }
+  /// How often any list of this thread changed.
+  static std::uint64_t changes() { return changes_; }
 
  private:
-  boost::container::small_vector<const ColumnPlaces*, 6> columns_;
+  std::vector<const ColumnPlaces*> columns_;
+  static inline constinit thread_local std::uint64_t changes_ = 0;
 };
 
 /// A map from handles to values, for one who holds most handles of a page or none. Values lie in pages by

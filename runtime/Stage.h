@@ -81,12 +81,23 @@ class Companions {
   void addFollowing(const ColumnList& columns) { addTo(following_, columns); }
   /// A handler is about to look up the key of this handle.
   void prefetch(std::uint32_t handle) const {
-    columns_.prefetch(handle);
+    if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
+      gather();
+    for (const ColumnPlaces* column : all_) column->prefetch(handle);
     for (const auto* collection : others_) collection->prefetch(handle);
-    for (const auto* columns : following_) columns->prefetch(handle);
   }
 
  private:
+  /// Others come and go, seldom.
+  [[gnu::noinline]] void gather() const {
+    all_ = columns_.columns();
+    for (const ColumnList* columns : following_) {
+      for (const ColumnPlaces* column : columns->columns()) {
+        if (std::find(all_.begin(), all_.end(), column) == all_.end()) all_.push_back(column);
+      }
+    }
+    gatheredAt_ = ColumnList::changes();
+  }
   template <class T>
   using List = boost::container::small_vector<const T*, 4>;
   template <class T>
@@ -97,6 +108,9 @@ class Companions {
   ColumnList columns_;
   List<KilnPlatform::FetchedAhead> others_;
   List<ColumnList> following_;
+  mutable std::vector<const ColumnPlaces*>
+      all_;  ///< the columns and those that follow, when so many lists had changed
+  mutable std::uint64_t gatheredAt_ = ~std::uint64_t{0};
 };
 
 /// What all inputs of a stage share: the scan's state and its slices.
