@@ -302,11 +302,12 @@ void DurableStore::commit() {
   });
   addOthers(writes);
   RecordStore::Batch batch(file_);
-  for (const FeatureType feature : removed_) counters_.records += batch.delAll(keyOf(kRequest, feature));
+  std::size_t records = pendingCount_;
+  for (const FeatureType feature : removed_) records += batch.delAll(keyOf(kRequest, feature));
   writes.writeTo(batch);
   batch.commit();
   ++counters_.commits;
-  counters_.records += pendingCount_;
+  counters_.records += records;
   forgetPending();
 }
 

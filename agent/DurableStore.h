@@ -44,7 +44,7 @@ class DurableStore final : private StoreObserver, private VlanDomainObserver {
   DurableStore(const DurableStore&) = delete;
   DurableStore& operator=(const DurableStore&) = delete;
 
-  /// Records that changed since the last commit.
+  /// Changes since the last commit: records, and features that were removed with all of theirs.
   [[nodiscard]] std::size_t pending() const { return pendingCount_; }
   /// Makes every change so far durable. Throws std::runtime_error where the file cannot be written.
   void commit();

@@ -240,8 +240,8 @@ class SoftSwTable final : public SwTable, public SoftTable {
     remove(key);
     deliver(EntryState::success_, std::move(handler));
   }
-  void entryExpected(const Key& key) override {
-    if (mapped_ == nullptr) expected_.expect(*entrys_, key);
+  void entryExpected(const Key& key, bool next) override {
+    if (mapped_ == nullptr) expected_.expect(*entrys_, key, next);
   }
   [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return *entrys_; }
 

@@ -22,8 +22,8 @@ class EveryItems final : public KilnPlatform::YieldPolicy {
 };
 
 /// Yields once a slice has run for `budget` of the machine's steady clock. It reads the clock every few items
-/// only, and the nearer the end, the more often: a slice exceeds its budget by about an item. Runs under it
-/// are not repeatable.
+/// only, and the nearer the end, the more often: a slice exceeds its budget by about an item, unless items
+/// take much longer all at once. Runs under it are not repeatable.
 class TimeBudget final : public KilnPlatform::YieldPolicy {
  public:
   explicit TimeBudget(std::chrono::nanoseconds budget) : budget_(budget) {}
@@ -37,16 +37,17 @@ class TimeBudget final : public KilnPlatform::YieldPolicy {
     const std::chrono::nanoseconds used = std::chrono::steady_clock::now() - begin_;
     if (used >= budget_) return 0;
     // What fits into half of the time that is left, if the next items take as long as those before.
-    const auto fit = (budget_ - used).count() * items_ / (2 * used.count() + 1);
-    return static_cast<std::uint32_t>(std::clamp<std::int64_t>(fit, 1, kMostItemsPerLook));
+    const double perItem = static_cast<double>(used.count() + 1) / items_;
+    const double fit = static_cast<double>((budget_ - used).count()) / (2 * perItem);
+    return static_cast<std::uint32_t>(std::clamp(fit, 1.0, kMostItemsPerLook));
   }
 
  private:
   static constexpr std::uint32_t kItemsToFirstLook = 16;
-  static constexpr std::uint32_t kMostItemsPerLook = 64;
+  static constexpr double kMostItemsPerLook = 64;
   std::chrono::nanoseconds budget_;
   std::chrono::steady_clock::time_point begin_;
-  std::int64_t items_ = 0;  ///< of this slice
+  std::uint32_t items_ = 0;  ///< of this slice
 };
 
 }  // namespace KilnAgent

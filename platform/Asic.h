@@ -95,9 +95,9 @@ class KilnSwTable : public OrderedSwTable {
   virtual void entryRemoveWithResponseHandler(const TableKey& key,
                                               const Ref<const DependencyEntryHandle>& dependency,
                                               ResponseHandler handler) = 0;
-  /// An operation on this key is likely to follow soon: a table may fetch what it has under it. Nothing that
-  /// can be observed depends on it.
-  virtual void entryExpected(const TableKey& /*key*/) {}
+  /// An operation on this key is likely to follow soon, and with `next` before those on other keys: a table
+  /// may fetch what it has under it. Nothing that can be observed depends on it.
+  virtual void entryExpected(const TableKey& /*key*/, bool /*next*/) {}
   /// The current entries.
   [[nodiscard]] virtual const Entrys& entrys() const = 0;
   [[nodiscard]] std::size_t size() const override { return entrys().size(); }

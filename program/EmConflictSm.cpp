@@ -92,6 +92,7 @@ void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emL
       "].logicalKeyToEntry[ emLogicalKey ]";
   const KeyUse<EmHwKey> use(item.hwKey);
   const EmHwKey& hwKey = use.key();
+  // For EmKeyMergeSm, which will have this key in hand when the entry changes.
   if (item.insert) hintOf(hwEntryOpt->emHwKey).handleIs(hintOf(item.hwKey).handle());
   const bool convergent = fapCoreConvergent(hwKey);
   if (item.insert) {

@@ -27,12 +27,6 @@ EmSwTableWriterSm::~EmSwTableWriterSm() {
   KeySpace<EmHwKey>::instance().followerDel(*this);
 }
 
-// Tables fetch what they have under a key in two steps, the second with the next key that they are told of.
-void EmSwTableWriterSm::expectNow(const EmHwKey& hwKey) const {
-  expectTableKey(hwKey);
-  expectTableKey(hwKey);
-}
-
 void EmSwTableWriterSm::writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/,
                                         ResponseHandler /*handler*/) {
   throw std::logic_error("Must implement in child");

@@ -37,8 +37,8 @@ class EmSwTableWriterSm : public Stage,
   [[nodiscard]] virtual std::uint32_t numEntries(Hardware::Kiln::FapId fapId,
                                                  Hardware::Kiln::LocalCoreId localCoreId) const;
   /// A request for the key will be handled soon. What its table has under it is fetched ahead.
-  void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey); }
-  void expectNow(const EmHwKey& hwKey) const final;
+  void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
+  void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
 
  protected:
   EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType, Ref<const EmSwTableConfig> emSwTableConfig,
@@ -48,7 +48,7 @@ class EmSwTableWriterSm : public Stage,
   void handleInitialized() override;
   void handleDeleteAll() override;
   /// Announces the key to the table, where it is one of this writer's.
-  virtual void expectTableKey(const EmHwKey& /*hwKey*/) const {}
+  virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
 
  private:
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {

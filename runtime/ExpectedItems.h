@@ -33,15 +33,15 @@ void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& k
 }
 
 /// Announces the keys of a collection one by one, each some time before it will be looked up: its place in
-/// the index is fetched at once, what is stored of it when the next one is announced.
+/// the index is fetched at once, what is stored of it when another one is announced, or where it is `next`.
 template <class C>
 class ExpectedKeys {
  public:
-  void expect(const C& collection, const typename C::Key& key) {
+  void expect(const C& collection, const typename C::Key& key, bool next) {
     using Keys = KeySpace<typename C::Key>;
     const Keys& keys = Keys::instance();
-    const std::uint32_t before = std::exchange(hash_, keys.expectInIndex(key));
-    const auto handle = keys.expectFound(before);
+    const std::uint32_t hash = keys.expectInIndex(key);
+    const auto handle = keys.expectFound(next ? hash : std::exchange(hash_, hash));
     if (handle != Keys::kNone) collection.prefetch(handle);
   }
 

@@ -118,8 +118,8 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
   /// Keys of groups that the stage does not want are no items; but a run of them counts as one after some
-  /// pages of handles, so that its slice ends in time. Where that is does not depend on whether they are
-  /// traced.
+  /// pages of handles, so that its slice ends in time, in collections that are walked by handle. Where that
+  /// is does not depend on whether they are traced.
   bool scanItem() final {
     constexpr std::size_t kPagesPerItem = 32;
     constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;

@@ -3,11 +3,11 @@
 
 namespace KilnEmServer {
 
-/// Whoever looks under keys of a type where no column is.
+/// One who keeps something under keys of this type elsewhere than in a column.
 template <class K>
 class KeyFollower {
  public:
-  /// A change goes on under this key: what lies under it is to be fetched now.
+  /// A change goes on under this key: what lies under it may be fetched now.
   virtual void expectNow(const K& key) const = 0;
 
  protected:

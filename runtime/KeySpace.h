@@ -71,7 +71,7 @@ class KeySpace {
   }
   /// One more use of a handle that is in use.
   void use(Handle handle) { ++slot(handle).uses; }
-  /// Gives a use back. The last one frees the handle.
+  /// Gives a use back. With the last one the handle is free, or soon will be.
   void release(Handle handle) { release(slot(handle), handle); }
   /// The key of a handle that is in use; stays where it is as long as it is used.
   [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
@@ -103,7 +103,7 @@ class KeySpace {
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
   }
-  /// Fetches what any column, and any follower, has under a key that remembers where it stands.
+  /// Fetches what followers have under the key, and any column, where the key remembers its place.
   void prefetchEverywhere(const K& key) const {
     const Handle handle = hintOf(key).handle();
     if (mayBeInUse(handle)) {

@@ -91,8 +91,8 @@ class Output final : public OutputBase {
   }
 
   bool deleteNext() override {
-    marking_ = false;
-    if (marks_ != nullptr && deleteNextOf(marks_->seen)) return true;
+    if (std::exchange(marking_, false)) cursor_ = {};
+    if (marks_ != nullptr && (deleteNextOf(marks_->seen) || deleteNextOf(marks_->heldBack))) return true;
     if (awaited_ != nullptr && deleteNextOf(*awaited_)) return true;
     marks_.reset();
     awaited_.reset();
@@ -108,7 +108,7 @@ class Output final : public OutputBase {
   };
 
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
-  /// Deletes the key at the cursor, wherever a walk before this one has left that.
+  /// Deletes the key at the cursor. At the end the cursor stands before the first key, of any collection.
   template <class Keys>
   bool deleteNextOf(Keys& keys) {
     const Key* key = keys.scanNext(cursor_);
@@ -116,6 +116,7 @@ class Output final : public OutputBase {
       cursor_ = {};
       key = keys.scanNext(cursor_);
     }
+    if (key == nullptr) cursor_ = {};
     return key != nullptr && keys.del(Key(*key));
   }
 
@@ -198,7 +199,10 @@ class Output final : public OutputBase {
     }
     ScanCursor<Key> first;
     const Key* heldBack = marks_->heldBack.scanNext(first);
-    if (heldBack == nullptr) return false;
+    if (heldBack == nullptr) {
+      cursor_ = {};
+      return false;
+    }
     const Key key = *heldBack;
     stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), key);
     deleted = collection().has(key);

@@ -15,8 +15,9 @@ namespace KilnEmServer {
 /// Gives out pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
 /// advised to back by one huge page each: what an entry's stages hold lies in dozens of places, and with
 /// small pages nearly each of them costs a walk of the translation tables. Empty blocks are used again before
-/// new ones; the system is told that it may take their memory when it is short of it. Memory that was
-/// reserved goes to blocks from one end and to tables from the other; tables that come back become blocks.
+/// new ones; the system is told that it may take their memory when it is short of it, unless it was reserved.
+/// Memory that was reserved goes to blocks from one end and to tables from the other; tables that come back
+/// become blocks.
 ///
 /// A block is split into spans, a span into pages of one size. Sizes above kMaxPage come from the allocator.
 /// With the address sanitizer all do, so that it sees each page for itself.

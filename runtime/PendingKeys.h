@@ -108,8 +108,8 @@ class PendingKeys {
   PendingKeys(const PendingKeys&) = delete;
   PendingKeys& operator=(const PendingKeys&) = delete;
 
-  /// Adds the key at the end unless it stands in the queue. `arrival` grows from call to call. True where
-  /// added.
+  /// Adds the key at the end unless it stands in the queue. `arrival` comes after the one before. True
+  /// where added.
   bool add(const K& key, Arrival arrival) {
     const Handle handle = keys_.obtain(key, 0, [](Handle) {});
     if (!standing_.set(handle)) return false;

@@ -409,7 +409,7 @@ InputBase* Stage::nextInput(Arrival& limit) {
     }
     ++at;
     const Arrival arrival = input->headArrival();
-    if (isBefore(arrival, least)) {
+    if (first == nullptr || isBefore(arrival, least)) {
       limit = least;
       least = arrival;
       first = input;

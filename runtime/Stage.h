@@ -78,7 +78,10 @@ class Companions {
   void add(const ColumnPlaces& column) { columns_.add(column); }
   void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
   /// What others look into at each change that the stage makes.
-  void addFollowing(const ColumnList& columns) { addTo(following_, columns); }
+  void addFollowing(const ColumnList& columns) {
+    addTo(following_, columns);
+    gatheredAt_ = kNever;
+  }
   /// A handler is about to look up the key of this handle.
   void prefetch(std::uint32_t handle) const {
     if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
@@ -110,7 +113,8 @@ class Companions {
   List<ColumnList> following_;
   mutable std::vector<const ColumnPlaces*>
       all_;  ///< the columns and those that follow, when so many lists had changed
-  mutable std::uint64_t gatheredAt_ = ~std::uint64_t{0};
+  static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+  mutable std::uint64_t gatheredAt_ = kNever;
 };
 
 /// What all inputs of a stage share: the scan's state and its slices.

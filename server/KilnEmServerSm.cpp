@@ -511,8 +511,9 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
     if (stages.contains(feature) || !dependencyManagerSm_->released(name)) return;
     const bool follows = std::any_of(leaving_.begin(), leaving_.end(),
                                      [&](const Leaving& leaving) { return leaving.stage->name() == name; });
+    // It was reported in the absent stage's place, or is the name of one that leaves.
+    dependencyStatus_->completedDel(name);
     if (follows) return;
-    dependencyStatus_->completedDel(name);  // reported in the absent stage's place
     (this->*action)(feature, name);
   };
   createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);

@@ -93,7 +93,7 @@ TEST_F(FeatureGoesTest, ComesBackAndGoesAgainWhileItsStatusesAreWithdrawn) {
       << "keys, and the ends of three stages";
   agent.store().addFeature(kFeature);
   agent.scheduler().runOne();
-  EXPECT_TRUE(complete()) << "as long as its statuses are not withdrawn";
+  EXPECT_FALSE(complete()) << "it has no stage yet";
   agent.store().removeFeature(kFeature);
   agent.settle();
   EXPECT_TRUE(left->status().empty());

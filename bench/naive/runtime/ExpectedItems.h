@@ -13,7 +13,7 @@ void forEachExpected(const C& /*collection*/, std::span<const Item> items, KeyOf
 template <class C>
 class ExpectedKeys {
  public:
-  void expect(const C& /*collection*/, const typename C::Key& /*key*/) {}
+  void expect(const C& /*collection*/, const typename C::Key& /*key*/, bool /*next*/) {}
 };
 
 }  // namespace KilnEmServer
