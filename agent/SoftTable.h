@@ -167,7 +167,7 @@ class SoftTable {
     return fill() < capacity_ && room_.hasRoom(tag);
   }
 
-  /// Every entry is unclaimed from now on. Costs nothing per entry.
+  /// Every entry is unclaimed from now on. Costs nothing per entry but room for its claim.
   virtual void unclaimAll() = 0;
   /// Returns how many entries it dropped.
   virtual std::size_t dropUnclaimed() = 0;

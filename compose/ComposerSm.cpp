@@ -20,8 +20,7 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   if (current_ == resolverKey) {
     begin();
   } else if (waiting_.add(resolverKey, stage_.arrivals())) {
-    stage_.noteArrival();
-    stage_.noteWaiting(*this);
+    stage_.noteArrival(*this, true);
   }
 }
 

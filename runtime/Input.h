@@ -108,8 +108,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
         stage_.noteCoalesced();
         return;
       }
-      stage_.noteArrival();
-      if (first) stage_.noteWaiting(*this);
+      stage_.noteArrival(*this, first);
     }
   }
 

@@ -158,6 +158,8 @@ class KeySpace {
   };
 
   static constexpr std::size_t kMany = 4096;
+  /// In the uses of a handle that stands in `retired_`.
+  static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
   /// Whether keys remember where they were found.
   static constexpr bool kHinted = requires(const K& key) { hintOf(key); };
 
@@ -312,8 +314,6 @@ class KeySpace {
   std::vector<PageUse> pageUses_;
   std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
   HandleIndex index_;
-  /// In the uses of a handle that stands in `retired_`.
-  static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
   std::array<Handle, 8> retired_ = {kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone};
   std::size_t nextRetired_ = 0;
   ColumnList columns_;

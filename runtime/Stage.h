@@ -91,7 +91,7 @@ class Companions {
   }
 
  private:
-  /// Others come and go, seldom.
+  /// The lists that follow change when stages come and go, which is seldom.
   [[gnu::noinline]] void gather() const {
     all_ = columns_.columns();
     for (const ColumnList* columns : following_) {
@@ -111,9 +111,9 @@ class Companions {
   ColumnList columns_;
   List<KilnPlatform::FetchedAhead> others_;
   List<ColumnList> following_;
-  mutable std::vector<const ColumnPlaces*>
-      all_;  ///< the columns and those that follow, when so many lists had changed
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+  /// The columns and those that follow, each once, as they were when `gatheredAt_` changes had been made.
+  mutable std::vector<const ColumnPlaces*> all_;
   mutable std::uint64_t gatheredAt_ = kNever;
 };
 
@@ -375,10 +375,11 @@ class Stage {
   int takePipelineNumber() { return pipelineNumber_++; }
   /// The arrival number of the next key that joins a pending list.
   [[nodiscard]] Arrival arrivals() const { return arrivals_; }
-  /// A key joined a pending list.
-  void noteArrival() { ++arrivals_; }
-  /// The pending list of an input is no longer empty: sees to it that it is drained.
-  void noteWaiting(InputBase& input);
+  /// A key joined the pending list of an input; where it is the `first`, sees to it that the list is drained.
+  void noteArrival(InputBase& input, bool first) {
+    ++arrivals_;
+    if (first) noteWaiting(input);
+  }
   /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
   void loneChangeIs(bool lone) { loneChange_ = lone; }
   /// A key changed again before it was handled.
@@ -429,6 +430,7 @@ class Stage {
   virtual void handleDeleteAll() {}
 
  private:
+  void noteWaiting(InputBase& input);
   void runEvents();
   void handleInitialScanDone();
   void readyIs(bool ready);

@@ -513,8 +513,7 @@ void KilnEmServerSm::mountFeature(FeatureType feature) {
                                      [&](const Leaving& leaving) { return leaving.stage->name() == name; });
     // It was reported in the absent stage's place, or is the name of one that leaves.
     dependencyStatus_->completedDel(name);
-    if (follows) return;
-    (this->*action)(feature, name);
+    if (!follows) (this->*action)(feature, name);
   };
   createReleased("isemSrvStatusSmStage", &KilnEmServerSm::createIsemSrvStatusSm, isemSrvStatusSm_);
   createReleased("esemSrvStatusSmStage", &KilnEmServerSm::createEsemSrvStatusSm, esemSrvStatusSm_);
