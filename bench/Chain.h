@@ -87,6 +87,24 @@ class FloorChain {
   std::unique_ptr<Content> content_;
 };
 
+/// The same chain as stages of the server's runtime: what remains of the floor's cheapness where stages are
+/// separate, and can be scanned, yielded, restarted and traced.
+class StageChain {
+ public:
+  StageChain();
+  ~StageChain();
+  StageChain(const StageChain&) = delete;
+  StageChain& operator=(const StageChain&) = delete;
+  void publish(std::uint32_t n, std::uint32_t version);
+  void withdraw(std::uint32_t n);
+  void settle();
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
+
+ private:
+  struct Content;
+  std::unique_ptr<Content> content_;
+};
+
 /// A chain as one would write it at first: a map per stage, a std::function per subscription, called at once,
 /// which reads the value by key.
 class NaiveChain {

@@ -51,6 +51,7 @@ CycleCost run(const CycleSetting& setting, CycleObserver& observer, Arguments...
 
 CycleCost run(const std::string& name, const CycleSetting& setting, CycleObserver& observer) {
   if (name == "floor") return run<FloorChain>(setting, observer);
+  if (name == "stageChain") return run<StageChain>(setting, observer);
   if (name == "store") return run<StoreAlone>(setting, observer);
   if (name == "chip") return run<ChipAlone>(setting, observer);
   if (name == "durable") return run<WholeAgent>(setting, observer, KilnAgent::Durability::power);
@@ -76,7 +77,7 @@ int main(int argc, char** argv) {
   app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
       ->check(CLI::PositiveNumber);
   app.add_option("--subject", subject)
-      ->check(CLI::IsMember({"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor"}));
+      ->check(CLI::IsMember({"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor", "stageChain"}));
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");
   CLI11_PARSE(app, argc, argv);
