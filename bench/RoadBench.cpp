@@ -76,8 +76,9 @@ class Comparison {
 
 /// Only the whole server and the chip have something to do at a restart.
 bool takesPart(const std::string& name, Operation operation) {
-  return operation != Operation::restart || (name != "floor" && name != "naiveChain" && name != "store" &&
-                                             name != "agent" && !name.starts_with("durable"));
+  return operation != Operation::restart ||
+         (name != "floor" && name != "stageChain" && name != "naiveChain" && name != "store" &&
+          name != "agent" && !name.starts_with("durable"));
 }
 
 void report(benchmark::State& state, Comparison& comparison, const std::string& name, Operation operation,
@@ -100,6 +101,7 @@ void report(benchmark::State& state, Comparison& comparison, const std::string& 
   if (takesPart("floor", operation)) {
     state.counters["floor_ns"] = costOf("floor").nanoseconds;
     state.counters["times_floor"] = own.nanoseconds / costOf("floor").nanoseconds;
+    state.counters["stage_chain_ns"] = costOf("stageChain").nanoseconds;
     state.counters["naive_chain_ns"] = costOf("naiveChain").nanoseconds;
     state.counters["store_ns"] = costOf("store").nanoseconds;
   }
@@ -130,10 +132,10 @@ constexpr std::array<std::uint32_t, 4> kSizes = {1'000, 10'000, 100'000, 1'000'0
 
 bool registerMixed() {
   const auto comparison = std::make_shared<Comparison>(
-      std::vector{candidate<FloorChain>("floor"), candidate<NaiveChain>("naiveChain"),
-                  candidate<KilnNaive::Server>("naive"), candidate<ServerWithLists>("mixed", kMixed),
-                  candidate<WholeServer>("mixedSingly", kMixed), candidate<StoreAlone>("store", kMixed),
-                  candidate<ChipAlone>("chip", kMixed)});
+      std::vector{candidate<FloorChain>("floor"), candidate<StageChain>("stageChain"),
+                  candidate<NaiveChain>("naiveChain"), candidate<KilnNaive::Server>("naive"),
+                  candidate<ServerWithLists>("mixed", kMixed), candidate<WholeServer>("mixedSingly", kMixed),
+                  candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
   for (const std::uint32_t entries : kSizes) {
     for (const bool shuffled : {false, true}) {
       for (const Candidate& each : comparison->candidates()) {

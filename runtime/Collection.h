@@ -59,8 +59,7 @@ class SubscriberList {
   /// The same for the key of a handle, which stays in use meanwhile.
   void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
     if (lists_ == nullptr) return;
-    keys.use(handle);
-    const KeyUse<K> changed(keys, handle);
+    const KeyUse<K> changed = KeyUse<K>::another(keys, handle);
     notifyOf(*lists_, changed.key());
   }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
@@ -79,7 +78,13 @@ class SubscriberList {
   static void notifyOf(Lists& lists, const K& key) {
     // Who does not want a channel says so in a detailed trace.
     List& told = lists.told[TraceFacility::detailed() ? kAll : KeyChannels<K>::of(key)];
-    if (told.empty()) return;
+    if (told.size() == 1) {  // as mostly: nothing is looked at after the call
+      if (told.front() != nullptr) told.front()->handleChange(key);
+    } else if (!told.empty()) {
+      notifyAll(lists, told, key);
+    }
+  }
+  [[gnu::noinline]] static void notifyAll(Lists& lists, const List& told, const K& key) {
     ++lists.depth;
     const std::size_t count = told.size();
     for (std::size_t i = 0; i < count; ++i) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/Assert.h"
+#include "runtime/AlwaysInline.h"
 #include "runtime/FetchAhead.h"
 #include "runtime/PageArena.h"
 
@@ -24,7 +25,7 @@ class ColumnPlaces {
 
   /// Fetches the handle's value, where it has one, into the cache. Values that are to come are not fetched:
   /// they lie behind those that came last.
-  void prefetch(std::uint32_t handle) const {
+  KILN_ALWAYS_INLINE void prefetch(std::uint32_t handle) const {
     if (!has(handle)) return;
     const auto* value =
         static_cast<const std::byte*>(pages_[handle / kPerPage]) + handle % kPerPage * stride_;
@@ -98,7 +99,9 @@ class Column : public ColumnPlaces {
   [[nodiscard]] bool empty() const { return size_ == 0; }
 
   /// The handle's value, or null. Stays valid until that value is erased.
-  [[nodiscard]] V* find(std::uint32_t handle) const { return has(handle) ? valueAt(handle) : nullptr; }
+  [[nodiscard]] KILN_ALWAYS_INLINE V* find(std::uint32_t handle) const {
+    return has(handle) ? valueAt(handle) : nullptr;
+  }
   /// Adds a value; the handle has none.
   template <class... Args>
   V& emplace(std::uint32_t handle, Args&&... args) {

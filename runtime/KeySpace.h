@@ -13,6 +13,7 @@
 
 #include "platform/Assert.h"
 #include "platform/Value.h"
+#include "runtime/AlwaysInline.h"
 #include "runtime/Column.h"
 #include "runtime/FetchAhead.h"
 #include "runtime/HandleIndex.h"
@@ -71,6 +72,8 @@ class KeySpace {
   }
   /// One more use of a handle that is in use.
   void use(Handle handle) { ++slot(handle).uses; }
+  /// One more use of the handle that was looked up last.
+  void useLast() { ++lastSlot_->uses; }
   /// Gives a use back. With the last one the handle is free, or soon will be.
   void release(Handle handle) { release(slot(handle), handle); }
   /// The key of a handle that is in use; stays where it is as long as it is used.
@@ -167,7 +170,7 @@ class KeySpace {
 
   KeySpace() = default;
 
-  void release(Slot& released, Handle handle) {
+  KILN_ALWAYS_INLINE void release(Slot& released, Handle handle) {
     KILN_ASSERT((released.uses & ~kRetired) != 0);
     if (--released.uses == 0) [[unlikely]]
       retire(handle);
@@ -334,12 +337,22 @@ class KeyUse {
       : keys_(keys), slot_(keys.slot(handle)), handle_(handle) {
     keys_.expect(slot_, handle_);
   }
-  ~KeyUse() { keys_.release(slot_, handle_); }
+  /// Another use of a handle that is in use.
+  static KeyUse another(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
+    return KeyUse(keys, keys.slot(handle), handle);
+  }
+  KILN_ALWAYS_INLINE ~KeyUse() { keys_.release(slot_, handle_); }
   KeyUse(const KeyUse&) = delete;
   KeyUse& operator=(const KeyUse&) = delete;
   [[nodiscard]] const K& key() const { return slot_.key; }
 
  private:
+  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Slot& slot, typename KeySpace<K>::Handle handle)
+      : keys_(keys), slot_(slot), handle_(handle) {
+    ++slot.uses;
+    keys_.expect(slot_, handle_);
+  }
+
   KeySpace<K>& keys_;
   typename KeySpace<K>::Slot& slot_;
   typename KeySpace<K>::Handle handle_;

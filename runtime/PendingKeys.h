@@ -1,6 +1,7 @@
 // The keys that changed and were not handled yet.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "platform/Assert.h"
+#include "runtime/AlwaysInline.h"
 #include "runtime/KeySpace.h"
 #include "runtime/PageArena.h"
 
@@ -39,7 +41,7 @@ class ArrivalQueue {
   [[nodiscard]] bool empty() const { return size_ == 0; }
   [[nodiscard]] std::size_t size() const { return size_; }
 
-  void push(std::uint32_t number, Arrival arrival) {
+  KILN_ALWAYS_INLINE void push(std::uint32_t number, Arrival arrival) {
     if (end_ == kPerPage) [[unlikely]]
       addPage();
     last_->items[end_++] = {number, arrival};
@@ -47,15 +49,13 @@ class ArrivalQueue {
   }
   /// Arrival of the first item; the queue must not be empty.
   [[nodiscard]] Arrival firstArrival() const { return first_->items[begin_].arrival; }
-  /// The number that comes `ahead` places after the first, or the nearest one that is as easily found; the
-  /// queue must not be empty.
+  /// The number that stands `ahead` places after the first, below both size() and the size of a page.
   [[nodiscard]] std::uint32_t numberAhead(std::size_t ahead) const {
-    const std::size_t end = first_ == last_ ? end_ : kPerPage;
     const std::size_t at = begin_ + ahead;
-    return first_->items[at < end ? at : end - 1].number;
+    return at < kPerPage ? first_->items[at].number : first_->next->items[at - kPerPage].number;
   }
   /// Takes the first number out; the queue must not be empty.
-  std::uint32_t pop() {
+  KILN_ALWAYS_INLINE std::uint32_t pop() {
     KILN_ASSERT(size_ != 0);
     const std::uint32_t number = first_->items[begin_++].number;
     if (--size_ == 0) {
@@ -110,10 +110,10 @@ class PendingKeys {
 
   /// Adds the key at the end unless it stands in the queue. `arrival` comes after the one before. True
   /// where added.
-  bool add(const K& key, Arrival arrival) {
+  KILN_ALWAYS_INLINE bool add(const K& key, Arrival arrival) {
     const Handle handle = keys_.obtain(key, 0, [](Handle) {});
     if (!standing_.set(handle)) return false;
-    keys_.use(handle);
+    keys_.useLast();
     queue_.push(handle, arrival);
     return true;
   }
@@ -123,24 +123,30 @@ class PendingKeys {
   [[nodiscard]] Arrival headArrival() const { return queue_.firstArrival(); }
 
   /// Takes the first key out. From then on a change of it stands in the queue again.
-  [[nodiscard]] KeyUse<K> take() {
+  [[nodiscard]] KILN_ALWAYS_INLINE KeyUse<K> take() {
     const Handle handle = queue_.pop();
     standing_.reset(handle);
+    far_ -= static_cast<std::size_t>(far_ != 0);
+    near_ -= static_cast<std::size_t>(near_ != 0);
     return KeyUse<K>(keys_, handle);
   }
   /// The same as take(), where the key is wanted only.
   K pop() { return K(take().key()); }
-  /// Calls `fetch` with the handle of a key whose turn comes some time later; the queue must not be empty.
+  /// Calls `fetch` with the handles of keys whose turn comes some time later, each once.
   template <class Fetch>
-  void expectFar(Fetch&& fetch) const {
-    const Handle later = queue_.numberAhead(kFar);
-    keys_.prefetch(later);
-    fetch(later);
+  void expectFar(Fetch&& fetch) {
+    for (const std::size_t end = std::min(queue_.size(), kFar); far_ < end; ++far_) {
+      const Handle later = queue_.numberAhead(far_);
+      keys_.prefetch(later);
+      fetch(later);
+    }
   }
-  /// The same for a key whose turn comes soon, and that was expected before; `fetch` is given the key.
+  /// The same with keys whose turn comes soon, and that were expected before; `fetch` is given the key.
   template <class Fetch>
-  void expectNear(Fetch&& fetch) const {
-    fetch(keys_.key(queue_.numberAhead(kNear)));
+  void expectNear(Fetch&& fetch) {
+    for (const std::size_t end = std::min(queue_.size(), kNear); near_ < end; ++near_) {
+      fetch(keys_.key(queue_.numberAhead(near_)));
+    }
   }
 
   void clear() {
@@ -156,7 +162,7 @@ class PendingKeys {
   class Bits {
    public:
     /// True where the bit was not set.
-    bool set(std::uint32_t handle) {
+    KILN_ALWAYS_INLINE bool set(std::uint32_t handle) {
       if (handle / 64 >= words_.size()) [[unlikely]]
         grow(handle / 64 + 1);
       std::uint64_t& word = words_[handle / 64];
@@ -176,6 +182,9 @@ class PendingKeys {
   KeySpace<K>& keys_ = KeySpace<K>::instance();
   ArrivalQueue queue_;
   Bits standing_;
+  // How many of the first keys were told to expectFar and expectNear.
+  std::size_t far_ = 0;
+  std::size_t near_ = 0;
 };
 
 }  // namespace KilnEmServer
