@@ -72,16 +72,22 @@ int main(int argc, char** argv) {
   std::string subject = "mixed";
   std::string perfControl;
   std::string operation;
+  bool warm = false;
   app.add_option("--entries", setting.entries, "how many")->check(CLI::Range(1, 1'500'000));
   app.add_option("--rounds", setting.rounds, "of new versions and of identical ones; the last is printed");
   app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
       ->check(CLI::PositiveNumber);
   app.add_option("--subject", subject)
       ->check(CLI::IsMember({"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor", "stageChain"}));
+  app.add_flag("--warm", warm, "runs it once before, so that the memory is there already");
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");
   CLI11_PARSE(app, argc, argv);
 
+  if (warm) {
+    Watched nobody({}, {});
+    (void)run(subject, setting, nobody);
+  }
   Watched observer(perfControl, operation);
   const CycleCost costs = run(subject, setting, observer);
   nlohmann::ordered_json out;

@@ -46,7 +46,9 @@ class SrvConfigSm : public Stage {
               int priority);
 
   /// What the handler looks up beside the key for which it is called.
-  void expect(const RequestKey& key) const { expectKey(logicalKeyOf(FeatureType{}, key)); }
+  void expect(const FeatureType& feature, const RequestKey& key) const {
+    expectKey(logicalKeyOf(feature, key));
+  }
 
  private:
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);

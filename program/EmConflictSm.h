@@ -42,7 +42,11 @@ class EmConflictSm final : public Stage {
 
   /// What the handler looks up beside the key for which it is called.
   void expect(const EmLogicalKey& emLogicalKey) const {
-    if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) expectKey(*hwKey);
+    if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) {
+      expectKey(*hwKey);
+    } else if (const EmHwEntry* hwEntry = emMergedEntry_.find(emLogicalKey)) {
+      expectKey(hwEntry->emHwKey);
+    }
   }
 
  private:

@@ -322,8 +322,10 @@ class NestedInput final
       parent_.handleInnerKey(outerKey_, key,
                              retiring_ ? parent_.find(outerKey_, key) : collection().find(key));
     }
-    void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
-    { parent_.owner_.expect(key); }
+    void expect(const Key& key) const requires requires(const StageClass& stage, const OuterKey& outerKey) {
+      stage.expect(outerKey, key);
+    }
+    { parent_.owner_.expect(outerKey_, key); }
     void handlePendingKey(const Key& key) {
       if (retiring_) {
         this->stage_.tracer().template trace<7>(

@@ -407,6 +407,10 @@ class Stage {
   template <class K>
   void expectKey(const K& key) const {
     const std::uint32_t handle = hintOf(key).handle();
+    if (handle == KilnPlatform::KeyHint::kNone) {  // it is new, in all probability
+      (void)KeySpace<K>::instance().expectInIndex(key);
+      return;
+    }
     KeySpace<K>::instance().prefetch(handle);
     if (const Companions* companions = companionsOf(&KeySpace<K>::instance())) companions->prefetch(handle);
   }
