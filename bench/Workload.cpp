@@ -78,7 +78,8 @@ int main(int argc, char** argv) {
   app.add_option("--burst", setting.burst, "requests after which the server runs until it is idle")
       ->check(CLI::PositiveNumber);
   app.add_option("--subject", subject)
-      ->check(CLI::IsMember({"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor", "stageChain"}));
+      ->check(CLI::IsMember(
+          {"mixed", "mixedSingly", "agent", "durable", "store", "chip", "floor", "stageChain"}));
   app.add_flag("--warm", warm, "runs it once before, so that the memory is there already");
   app.add_option("--perf-control", perfControl, "the FIFO that perf record --control was given");
   app.add_option("--operation", operation, "the one that perf is to see");

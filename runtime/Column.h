@@ -34,6 +34,11 @@ class ColumnPlaces {
     fetchAhead(value + last_);
   }
 
+  /// Whether the handle has a value.
+  [[nodiscard]] bool has(std::uint32_t handle) const {
+    return handle < known_ && (present_[handle / kPerWord] & bit(handle)) != 0;
+  }
+
  protected:
   static constexpr std::size_t kPerWord = 64;
   static constexpr std::size_t kWordsPerPage = kPerPage / kPerWord;
@@ -43,9 +48,6 @@ class ColumnPlaces {
   explicit ColumnPlaces(std::size_t stride) : stride_(stride), last_(stride == 0 ? 0 : stride - 1) {}
   ~ColumnPlaces() = default;
 
-  [[nodiscard]] bool has(std::uint32_t handle) const {
-    return handle < known_ && (present_[handle / kPerWord] & bit(handle)) != 0;
-  }
   static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerWord); }
 
   // Bits and pages lie apart: where the pages are is known from few lines, so that fetching ahead does not

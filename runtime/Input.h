@@ -166,13 +166,22 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   /// itself, later, when that is there, what the stage knows to lie elsewhere.
   void expectSoon() {
     pending_.expectFar([&](auto handle) {
-      companions_.prefetch(handle);
-      if constexpr (requires { Self::kInner; }) self().collection().prefetch(handle);
+      const auto& collection = self().collection();
+      if constexpr (requires { collection.places(); }) {
+        companions_.prefetch(handle, &collection.places());
+        if (pending_.size() > kAtHand) collection.prefetch(handle);
+      } else {
+        companions_.prefetch(handle);
+        if constexpr (requires { Self::kInner; }) collection.prefetch(handle);
+      }
     });
     if constexpr (requires(const K& key) { self().expect(key); }) {
       pending_.expectNear([&](const K& key) { self().expect(key); });
     }
   }
+
+  /// Of so few changed keys the values are still in the cache, where they were written just now.
+  static constexpr std::size_t kAtHand = 512;
 
   /// Whether what the stage does not want is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }

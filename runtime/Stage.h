@@ -76,30 +76,41 @@ struct StageControl {
 class Companions {
  public:
   void add(const ColumnPlaces& column) { columns_.add(column); }
+  /// A collection that they write.
+  void addWritten(const ColumnPlaces& column) { written_.add(column); }
   void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
   /// What others look into at each change that the stage makes.
   void addFollowing(const ColumnList& columns) {
     addTo(following_, columns);
     gatheredAt_ = kNever;
   }
-  /// A handler is about to look up the key of this handle.
-  void prefetch(std::uint32_t handle) const {
+  /// A handler is about to look up the key of this handle, which changed in the column `input`. That one is
+  /// left out; and where it has the key no more, so is what the handlers write: it will only be erased.
+  void prefetch(std::uint32_t handle, const ColumnPlaces* input = nullptr) const {
     if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
       gather();
-    for (const ColumnPlaces* column : all_) column->prefetch(handle);
+    const bool goes = input != nullptr && !input->has(handle);
+    const ColumnPlaces* const* const end = all_.data() + (goes ? lookedInto_ : all_.size());
+    for (const ColumnPlaces* const* column = all_.data(); column != end; ++column) {
+      if (*column != input) (*column)->prefetch(handle);
+    }
     for (const auto* collection : others_) collection->prefetch(handle);
   }
 
  private:
   /// The lists that follow change when stages come and go, which is seldom.
   [[gnu::noinline]] void gather() const {
-    all_ = columns_.columns();
-    for (const ColumnList* columns : following_) {
-      for (const ColumnPlaces* column : columns->columns()) {
-        if (std::find(all_.begin(), all_.end(), column) == all_.end()) all_.push_back(column);
-      }
-    }
+    all_.clear();
+    gather(columns_);
+    for (const ColumnList* columns : following_) gather(*columns);
+    lookedInto_ = all_.size();
+    gather(written_);
     gatheredAt_ = ColumnList::changes();
+  }
+  void gather(const ColumnList& columns) const {
+    for (const ColumnPlaces* column : columns.columns()) {
+      if (std::find(all_.begin(), all_.end(), column) == all_.end()) all_.push_back(column);
+    }
   }
   template <class T>
   using List = boost::container::small_vector<const T*, 4>;
@@ -109,11 +120,14 @@ class Companions {
   }
 
   ColumnList columns_;
+  ColumnList written_;
   List<KilnPlatform::FetchedAhead> others_;
   List<ColumnList> following_;
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
-  /// The columns and those that follow, each once, as they were when `gatheredAt_` changes had been made.
+  /// The columns, those that follow and those that are written, each once, as they were when `gatheredAt_`
+  /// changes had been made.
   mutable std::vector<const ColumnPlaces*> all_;
+  mutable std::size_t lookedInto_ = 0;  ///< how many of them, the first ones, are looked into
   mutable std::uint64_t gatheredAt_ = kNever;
 };
 
@@ -365,7 +379,11 @@ class Stage {
   /// The handlers write this collection.
   template <class Collection>
   void writtenIs(const Collection& collection) {
-    companionIs(collection);
+    if constexpr (requires { collection.places(); }) {
+      companions<typename Collection::Key>().addWritten(collection.places());
+    } else {
+      companionIs(collection);
+    }
     if constexpr (requires { collection.lookedIntoOnChange(); }) {
       companions<typename Collection::Key>().addFollowing(collection.lookedIntoOnChange());
     }
