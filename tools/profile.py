@@ -42,7 +42,8 @@ def record(binary, entries, operation, directory):
         os.mkfifo(control)
     command = ["perf", "record", "--quiet", "--freq", "997", "--call-graph", "dwarf,16384", "--event", "cpu-clock",
                "--delay=-1", "--control", f"fifo:{control}", "--output", data,
-               binary, "--entries", str(entries), "--rounds", "1", "--perf-control", control, "--operation", operation]
+               binary, "--entries", str(entries), "--rounds", "1", "--warm", "--perf-control", control,
+               "--operation", operation]
     out = subprocess.run(command, check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
     script = subprocess.run(["perf", "script", "--input", data, "--no-inline", "--fields", "ip,sym"], check=True,
                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True).stdout
