@@ -19,6 +19,7 @@ class KeySpace {
   /// Nothing is fetched ahead.
   [[nodiscard]] bool many() const { return false; }
   void prefetch(Handle /*handle*/) const {}
+  Handle expectInIndex(const K& /*key*/) const { return 0; }
   void prefetchEverywhere(const K& /*key*/) const {}
   void followerIs(const KeyFollower<K>& /*follower*/) {}
   void followerDel(const KeyFollower<K>& /*follower*/) {}
