@@ -32,14 +32,13 @@ struct StageKey {
   KilnPlatform::KeyHint hint = {};
 
   friend bool operator==(const StageKey&, const StageKey&) = default;
-  friend auto operator<=>(const StageKey&, const StageKey&) = default;
   KILN_VALUE_FIELDS(KilnBench, StageKey, first, second, third, fourth, fifth)
 };
 static_assert(sizeof(StageKey) == sizeof(ChainKey));
 const KilnPlatform::KeyHint& hintOf(const StageKey& key) {
   return key.hint;
 }
-constexpr StageKey stageKey(std::uint32_t n) {
+StageKey stageKey(std::uint32_t n) {
   const auto& words = chainKey(n).words;
   return {words[0], words[1], words[2], words[3], static_cast<std::uint32_t>(words[4])};
 }

@@ -127,7 +127,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     const auto handle = keys_.obtain(key, group_, [this](auto candidate) { values_.prefetch(candidate); });
     V* present = values_.find(handle);
     if (present == nullptr) {
-      keys_.use(handle);
+      keys_.useLast();
       values_.emplace(handle, value);
     } else {
       if (*present == value) return false;
@@ -202,7 +202,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
     const std::uint32_t handle = keys_.obtain(key, 0, [](auto) {});
     const std::uint32_t place = placeOf(handle);
     if (place == kNone) {
-      keys_.use(handle);
+      keys_.useLast();
       places_.insert(hashOf(handle), static_cast<std::uint32_t>(entries_.size()));
       entries_.emplace_back(handle, value);
     } else {

@@ -33,7 +33,8 @@ void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& k
 }
 
 /// Announces the keys of a collection one by one, each some time before it will be looked up: its place in
-/// the index is fetched at once, what is stored of it when another one is announced, or where it is `next`.
+/// the index is fetched at once, what is stored of it when another one is announced, or where it is `next`;
+/// of the last one of a list it is not.
 template <class C>
 class ExpectedKeys {
  public:

@@ -162,6 +162,10 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   }
 
  private:
+  /// What was written just now under so few changed keys is still in a core's own cache: an entry has about a
+  /// kilobyte in all stages, such caches half a megabyte and more.
+  static constexpr std::size_t kAtHand = 512;
+
   /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
   /// itself, later, when that is there, what the stage knows to lie elsewhere.
   void expectSoon() {
@@ -179,9 +183,6 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       pending_.expectNear([&](const K& key) { self().expect(key); });
     }
   }
-
-  /// Of so few changed keys the values are still in the cache, where they were written just now.
-  static constexpr std::size_t kAtHand = 512;
 
   /// Whether what the stage does not want is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
@@ -297,7 +298,8 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
 /// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers
 /// to another entity, every key of the old one is looked at again, and handled as absent where no other has
 /// it. With immediate reactions both an outer entry's coming and an inner key's change are handled inside the
-/// call that makes them.
+/// call that makes them. A stage that has a public `expect(outerKey, key)` is told which inner key comes
+/// soon.
 template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued>
 class NestedInput final

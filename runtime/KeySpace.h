@@ -70,9 +70,7 @@ class KeySpace {
       findOrAdd(key, group, expectAt);
     return last_;
   }
-  /// One more use of a handle that is in use.
-  void use(Handle handle) { ++slot(handle).uses; }
-  /// One more use of the handle that was looked up last.
+  /// One more use of the handle that was looked up last, and found or added.
   void useLast() { ++lastSlot_->uses; }
   /// Gives a use back. With the last one the handle is free, or soon will be.
   void release(Handle handle) { release(slot(handle), handle); }

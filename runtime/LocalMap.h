@@ -62,7 +62,7 @@ class LocalMap {
   V& obtain(const K& key) {
     const auto handle = keys_.obtain(key, 0, [this](auto candidate) { values_.prefetch(candidate); });
     if (V* present = values_.find(handle)) return *present;
-    keys_.use(handle);
+    keys_.useLast();
     return values_.emplace(handle);
   }
   void del(const K& key) {

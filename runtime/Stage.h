@@ -85,7 +85,8 @@ class Companions {
     gatheredAt_ = kNever;
   }
   /// A handler is about to look up the key of this handle, which changed in the column `input`. That one is
-  /// left out; and where it has the key no more, so is what the handlers write: it will only be erased.
+  /// left out; and where it has the key no more, so is what the handlers write: most likely it will be
+  /// erased.
   void prefetch(std::uint32_t handle, const ColumnPlaces* input = nullptr) const {
     if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
       gather();
