@@ -66,15 +66,14 @@ constexpr ChainValue<stage> chainStep(const ChainValue<stage - 1>& before) {
   return value;
 }
 
-/// The least that a chain can cost: keys interned once, columns by 32-bit handle in pages, lists of changed
-/// handles with a dirty bit, batches of 256 that go through all stages, memory fetched ahead. Hand-written,
-/// without a runtime: nothing can be plugged in, scanned, yielded, restarted or traced.
-class FloorChain {
+/// A chain of one design; `Content` has functions of the same names.
+template <class Content>
+class Chain {
  public:
-  FloorChain();
-  ~FloorChain();
-  FloorChain(const FloorChain&) = delete;
-  FloorChain& operator=(const FloorChain&) = delete;
+  Chain();
+  ~Chain();
+  Chain(const Chain&) = delete;
+  Chain& operator=(const Chain&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
   /// Works off what was published and withdrawn since the last time.
@@ -83,44 +82,52 @@ class FloorChain {
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
-  struct Content;
   std::unique_ptr<Content> content_;
 };
+
+template <class Content>
+Chain<Content>::Chain() : content_(std::make_unique<Content>()) {}
+template <class Content>
+Chain<Content>::~Chain() = default;
+template <class Content>
+void Chain<Content>::publish(std::uint32_t n, std::uint32_t version) {
+  content_->publish(n, version);
+}
+template <class Content>
+void Chain<Content>::withdraw(std::uint32_t n) {
+  content_->withdraw(n);
+}
+template <class Content>
+void Chain<Content>::settle() {
+  content_->settle();
+}
+template <class Content>
+std::uint32_t Chain<Content>::settled(std::uint32_t version) const {
+  return content_->settled(version);
+}
+
+/// What the last stage makes of a version of a request begins with this word.
+constexpr std::uint64_t lastWordOf(std::uint32_t version) {
+  return version + kStages * (kStages - 1) / 2;
+}
+
+/// The least that a chain can cost: keys interned once, columns by 32-bit handle in pages, lists of changed
+/// handles with a dirty bit, batches of 256 that go through all stages, memory fetched ahead. Hand-written,
+/// without a runtime: nothing can be plugged in, scanned, yielded, restarted or traced.
+struct FloorContent;
+extern template class Chain<FloorContent>;
+using FloorChain = Chain<FloorContent>;
 
 /// The same chain as stages of the server's runtime: what remains of the floor's cheapness where stages are
 /// separate, and can be scanned, yielded, restarted and traced.
-class StageChain {
- public:
-  StageChain();
-  ~StageChain();
-  StageChain(const StageChain&) = delete;
-  StageChain& operator=(const StageChain&) = delete;
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
-  void settle();
-  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
-
- private:
-  struct Content;
-  std::unique_ptr<Content> content_;
-};
+struct StageContent;
+extern template class Chain<StageContent>;
+using StageChain = Chain<StageContent>;
 
 /// A chain as one would write it at first: a map per stage, a std::function per subscription, called at once,
 /// which reads the value by key.
-class NaiveChain {
- public:
-  NaiveChain();
-  ~NaiveChain();
-  NaiveChain(const NaiveChain&) = delete;
-  NaiveChain& operator=(const NaiveChain&) = delete;
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
-  void settle() {}
-  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
-
- private:
-  struct Content;
-  std::unique_ptr<Content> content_;
-};
+struct NaiveContent;
+extern template class Chain<NaiveContent>;
+using NaiveChain = Chain<NaiveContent>;
 
 }  // namespace KilnBench

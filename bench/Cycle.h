@@ -49,6 +49,12 @@ class CycleObserver {
   ~CycleObserver() = default;
 };
 
+/// Whether a subject has something to do at a restart.
+template <class Subject>
+concept Restartable = requires(Subject& subject) {
+  subject.stop();
+};
+
 /// Runs the operations over one subject, which must be empty, and checks after each what it led to.
 template <class Subject>
 class Cycle {
@@ -60,7 +66,7 @@ class Cycle {
     publish(Operation::firstInsert);
     for (std::uint32_t round = 0; round < setting_.rounds; ++round) publish(Operation::newVersion);
     for (std::uint32_t round = 0; round < setting_.rounds; ++round) publish(Operation::republish);
-    if constexpr (requires { subject_.stop(); }) restart();
+    if constexpr (Restartable<Subject>) restart();
     measure(Operation::withdraw, [this](std::uint32_t n) { subject_.withdraw(n); });
     expect(0);
     return cost_;

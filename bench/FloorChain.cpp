@@ -144,7 +144,19 @@ struct Change {
 
 }  // namespace
 
-struct FloorChain::Content {
+struct FloorContent {
+  void publish(std::uint32_t n, std::uint32_t version) { add(n, version); }
+  void withdraw(std::uint32_t n) { add(n, 0); }
+  void settle() { handleBatch(); }
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
+    const auto& last = std::get<kStages - 1>(columns);
+    std::uint32_t count = 0;
+    for (Handle handle = 0; handle < used; ++handle) {
+      if (last.present.test(handle) && last.values[handle].words[0] == lastWordOf(version)) ++count;
+    }
+    return count;
+  }
+
   template <std::size_t stage>
   auto& column() {
     return std::get<stage>(columns);
@@ -272,27 +284,6 @@ struct FloorChain::Content {
   std::size_t waiting = 0;
 };
 
-FloorChain::FloorChain() : content_(std::make_unique<Content>()) {}
-FloorChain::~FloorChain() = default;
-
-void FloorChain::publish(std::uint32_t n, std::uint32_t version) {
-  content_->add(n, version);
-}
-void FloorChain::withdraw(std::uint32_t n) {
-  content_->add(n, 0);
-}
-void FloorChain::settle() {
-  content_->handleBatch();
-}
-std::uint32_t FloorChain::settled(std::uint32_t version) const {
-  const auto& last = std::get<kStages - 1>(content_->columns);
-  std::uint32_t count = 0;
-  for (Handle handle = 0; handle < content_->used; ++handle) {
-    if (last.present.test(handle) && last.values[handle].words[0] == version + kStages * (kStages - 1) / 2) {
-      ++count;
-    }
-  }
-  return count;
-}
+template class Chain<FloorContent>;
 
 }  // namespace KilnBench

@@ -56,8 +56,8 @@ struct Collections<std::index_sequence<stages...>> {
 
 }  // namespace
 
-struct NaiveChain::Content {
-  Content() {
+struct NaiveContent {
+  NaiveContent() {
     [this]<std::size_t... before>(std::index_sequence<before...>) {
       (connect<before + 1>(), ...);
     }
@@ -76,24 +76,22 @@ struct NaiveChain::Content {
     });
   }
 
+  void publish(std::uint32_t n, std::uint32_t version) {
+    std::get<0>(stages).is(chainKey(n), chainRequest(n, version));
+  }
+  void withdraw(std::uint32_t n) { std::get<0>(stages).del(chainKey(n)); }
+  void settle() {}
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
+    std::uint32_t count = 0;
+    for (const auto& [key, value] : std::get<kStages - 1>(stages).entries()) {
+      if (value.words[0] == lastWordOf(version)) ++count;
+    }
+    return count;
+  }
+
   Collections<std::make_index_sequence<kStages>>::Type stages;
 };
 
-NaiveChain::NaiveChain() : content_(std::make_unique<Content>()) {}
-NaiveChain::~NaiveChain() = default;
-
-void NaiveChain::publish(std::uint32_t n, std::uint32_t version) {
-  std::get<0>(content_->stages).is(chainKey(n), chainRequest(n, version));
-}
-void NaiveChain::withdraw(std::uint32_t n) {
-  std::get<0>(content_->stages).del(chainKey(n));
-}
-std::uint32_t NaiveChain::settled(std::uint32_t version) const {
-  std::uint32_t count = 0;
-  for (const auto& [key, value] : std::get<kStages - 1>(content_->stages).entries()) {
-    if (value.words[0] == version + kStages * (kStages - 1) / 2) ++count;
-  }
-  return count;
-}
+template class Chain<NaiveContent>;
 
 }  // namespace KilnBench

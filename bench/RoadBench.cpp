@@ -20,15 +20,17 @@
 namespace KilnBench {
 namespace {
 
-/// One thing that is measured: its name, and a cycle over a new one of it.
+/// One thing that is measured: its name, whether it has something to do at a restart, and a cycle over a new
+/// one of it.
 struct Candidate {
   std::string name;
+  bool restarts;
   std::function<CycleCost(const CycleSetting&)> cycle;
 };
 
 template <class Subject, class... Arguments>
 Candidate candidate(std::string name, Arguments... arguments) {
-  return {std::move(name), [=](const CycleSetting& setting) {
+  return {std::move(name), Restartable<Subject>, [=](const CycleSetting& setting) {
             Subject subject(arguments...);
             return Cycle<Subject>(subject, setting).run();
           }};
@@ -41,6 +43,10 @@ class Comparison {
   explicit Comparison(std::vector<Candidate> candidates) : candidates_(std::move(candidates)) {}
 
   [[nodiscard]] const std::vector<Candidate>& candidates() const { return candidates_; }
+  [[nodiscard]] bool restarts(const std::string& name) const {
+    return std::any_of(candidates_.begin(), candidates_.end(),
+                       [&](const Candidate& each) { return each.name == name && each.restarts; });
+  }
   /// The medians of one candidate's cycles; measures all candidates at the first call for a setting.
   const CycleCost& cost(const std::string& name, const CycleSetting& setting) {
     auto& byName = costs_[std::tuple(setting.entries, setting.shuffled, setting.burst)];
@@ -74,13 +80,6 @@ class Comparison {
   std::map<std::tuple<std::uint32_t, bool, std::uint32_t>, std::map<std::string, CycleCost>> costs_;
 };
 
-/// Only the whole server and the chip have something to do at a restart.
-bool takesPart(const std::string& name, Operation operation) {
-  return operation != Operation::restart ||
-         (name != "floor" && name != "stageChain" && name != "naiveChain" && name != "store" &&
-          name != "agent" && !name.starts_with("durable"));
-}
-
 void report(benchmark::State& state, Comparison& comparison, const std::string& name, Operation operation,
             const CycleSetting& setting) {
   const auto costOf = [&](const std::string& of) { return comparison.cost(of, setting)[indexOf(operation)]; };
@@ -98,7 +97,7 @@ void report(benchmark::State& state, Comparison& comparison, const std::string& 
   if (name != "mixed") return;
   state.counters["naive_ns"] = costOf("naive").nanoseconds;
   state.counters["naive_times"] = costOf("naive").nanoseconds / own.nanoseconds;
-  if (takesPart("floor", operation)) {
+  if (operation != Operation::restart) {
     state.counters["floor_ns"] = costOf("floor").nanoseconds;
     state.counters["times_floor"] = own.nanoseconds / costOf("floor").nanoseconds;
     state.counters["stage_chain_ns"] = costOf("stageChain").nanoseconds;
@@ -118,7 +117,7 @@ void registerComparison(const std::shared_ptr<Comparison>& comparison, const std
                         const CycleSetting& setting) {
   for (std::size_t index = 0; index < kOperationNames.size(); ++index) {
     const auto operation = static_cast<Operation>(index);
-    if (!takesPart(name, operation)) continue;
+    if (operation == Operation::restart && !comparison->restarts(name)) continue;
     const auto title = fmt::format("{}/{}/{}/{}", name, kOperationNames[index],
                                    setting.shuffled ? "shuffled" : "inOrder", setting.entries);
     benchmark::RegisterBenchmark(

@@ -88,8 +88,8 @@ class StepSm final : public KilnEmServer::Stage {
 
 }  // namespace
 
-struct StageChain::Content {
-  Content() {
+struct StageContent {
+  StageContent() {
     [this]<std::size_t... before>(std::index_sequence<before...>) {
       (connect<before + 1>(), ...);
     }
@@ -104,6 +104,20 @@ struct StageChain::Content {
   void connect() {
     stages.push_back(KilnEmServer::makeStage<StepSm<stage>>(results<stage - 1>(), results<stage>(), status,
                                                             KilnEmServer::StageControl{scheduler, 3, false}));
+  }
+  void publish(std::uint32_t n, std::uint32_t version) { waiting.push_back({stageKey(n), n, version}); }
+  void withdraw(std::uint32_t n) { waiting.push_back({stageKey(n), n, 0}); }
+  void settle() {
+    handIn();
+    scheduler->runUntilIdle();
+  }
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
+    std::uint32_t count = 0;
+    KilnPlatform::forEachIn(std::as_const(*std::get<kStages - 1>(collections)).result(),
+                            [&](const auto& /*key*/, const auto& last) {
+                              if (last.chain.words[0] == lastWordOf(version)) ++count;
+                            });
+    return count;
   }
   /// Requests come in lists, as those of the server's features do.
   void handIn() {
@@ -143,26 +157,6 @@ struct StageChain::Content {
   std::vector<Change> waiting;
 };
 
-StageChain::StageChain() : content_(std::make_unique<Content>()) {}
-StageChain::~StageChain() = default;
-
-void StageChain::publish(std::uint32_t n, std::uint32_t version) {
-  content_->waiting.push_back({stageKey(n), n, version});
-}
-void StageChain::withdraw(std::uint32_t n) {
-  content_->waiting.push_back({stageKey(n), n, 0});
-}
-void StageChain::settle() {
-  content_->handIn();
-  content_->scheduler->runUntilIdle();
-}
-std::uint32_t StageChain::settled(std::uint32_t version) const {
-  std::uint32_t count = 0;
-  KilnPlatform::forEachIn(content_->results<kStages - 1>()->result(),
-                          [&](const auto& /*key*/, const auto& last) {
-                            if (last.chain.words[0] == version + kStages * (kStages - 1) / 2) ++count;
-                          });
-  return count;
-}
+template class Chain<StageContent>;
 
 }  // namespace KilnBench
