@@ -12,9 +12,7 @@ using KilnPlatform::forEachIn;
 // --- ResourceWalk ------------------------------------------------------------------------------------------
 
 ComposerSm::ResourceWalk::ResourceWalk(ComposerSm& composer)
-    : InputBase(composer, detail::childNameOf("resourceWalk", composer.takeChildNumber()),
-                composer.takePipelineNumber(), "resourceWalk"),
-      composer_(composer) {}
+    : OwnWork(composer, "resourceWalk"), composer_(composer) {}
 
 void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   if (current_ == resolverKey) {
@@ -172,19 +170,23 @@ void ComposerSm::handleResolution(const ResolverKeyUnionTag& resolverType, const
   handleResourceUpdate(resolverKey, resolverType, state);
 }
 
-template <class Visitor>
-void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
-  for (const ResolverKeyUnionTag resolverType : resolverTypes()) visit(getResolverKey(resolverType, emKey));
+template <class Directory>
+const std::vector<ResolverKeyUnionTag>& ComposerSm::typesOf(const Directory& directory,
+                                                            std::vector<ResolverKeyUnionTag>& known) {
+  if (known.size() != directory.size()) {
+    known.clear();
+    forEachIn(directory, [&](ResolverKeyUnionTag type, const auto& /*entity*/) { known.push_back(type); });
+  }
+  return known;
 }
 
 const std::vector<ResolverKeyUnionTag>& ComposerSm::resolverTypes() const {
-  const auto& configs = resolverConfigDir_->resolverConfig();
-  if (resolverTypes_.size() != configs.size()) {
-    resolverTypes_.clear();
-    forEachIn(configs,
-              [&](ResolverKeyUnionTag type, const auto& /*config*/) { resolverTypes_.push_back(type); });
-  }
-  return resolverTypes_;
+  return typesOf(resolverConfigDir_->resolverConfig(), resolverTypes_);
+}
+
+template <class Visitor>
+void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
+  for (const ResolverKeyUnionTag resolverType : resolverTypes()) visit(getResolverKey(resolverType, emKey));
 }
 
 // --- Requests ----------------------------------------------------------------------------------------------
@@ -197,7 +199,6 @@ void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
   }
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
     updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
-    request(resolverKey);
   });
   maybeComposeKey(emLogicalKey);
 }
@@ -226,6 +227,7 @@ void ComposerSm::updateResolverToEmKeyColl(const ResolverKey& resolverKey, const
     resolverKeyToEmLogicalKey_.is(resolverKey, coll);
     // The resolution may stand already, for another composer: then no change of it would ever come.
     handleResourceUpdate(resolverKey, resolverKey.tag(), resolution(resolverKey));
+    request(resolverKey);
   } else if (present != nullptr) {
     (*present)->emLogicalKeySetDel(emLogicalKey);
     if (!(*present)->emLogicalKeySet().empty()) return;
@@ -303,12 +305,12 @@ const ResolutionState* ComposerSm::resolution(const ResolverKey& resolverKey) co
 
 ResolutionState::State ComposerSm::getResolutionState(const EmLogicalKey& emLogicalKey) const {
   ResolutionState::State least = ResolutionState::resolutionSuccess_;
-  forEachIn(resolverStatusDir_->resolverStatus(),
-            [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
-              const ResolutionState* state = resolution(getResolverKey(resolverType, emLogicalKey));
-              KILN_ASSERT_MESSAGE(state != nullptr, "resolverStatusIter->statusHas( resolverKey )");
-              least = std::min(least, state->state);
-            });
+  for (const ResolverKeyUnionTag resolverType :
+       typesOf(resolverStatusDir_->resolverStatus(), resolverStatusTypes_)) {
+    const ResolutionState* state = resolution(getResolverKey(resolverType, emLogicalKey));
+    KILN_ASSERT_MESSAGE(state != nullptr, "resolverStatusIter->statusHas( resolverKey )");
+    least = std::min(least, state->state);
+  }
   return least;
 }
 
@@ -370,6 +372,7 @@ void ComposerSm::countHwStatus(const EmLogicalKey& emKey, const EmHwKeyStatus* s
 void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType) {
   const Ref<ResolverEmLogicalKeyColl>* coll = resolverKeyToEmLogicalKey_.find(resolverKey);
   if (coll == nullptr || (*coll)->outcomesAwaited != 0 || (*coll)->outcomesKnown == 0) return;
+  if ((*coll)->inUseSince == inUseVer_) return;
   const ResolutionState* state = resolution(resolverKey);
   if (state == nullptr || state->state != ResolutionState::resolutionSuccess_) return;
   // Until every key was handled with this resolution, outcomes may still be those of the one before.
@@ -377,6 +380,7 @@ void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionT
   resolverConfigDir_->resolverConfigIs(resolverType)
       ->resolverComposerConfigIs(composerType_)
       ->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceInUse, state->val, inUseVer_});
+  (*coll)->inUseSince = inUseVer_;
 }
 
 // --- Changes of a resolution -------------------------------------------------------------------------------

@@ -35,6 +35,9 @@ class ResolverEmLogicalKeyColl {
   std::size_t outcomesKnown = 0;
   /// The resolution that every key of the set was handled with; none while a change of it is being handled.
   std::optional<ResolutionState> handled;
+  /// The epoch of the composer in which it last told the resolver that the resolution of `handled` is in use;
+  /// none if it did not since.
+  std::optional<std::uint64_t> inUseSince;
 
  private:
   ResolverKey resolverKey_;
@@ -100,13 +103,12 @@ class ComposerSm : public Stage {
 
   /// The resolver keys whose change is being handled. One is walked at a time, a logical key per item; the
   /// walk survives what its own handlers do to the set.
-  class ResourceWalk final : public InputBase {
+  class ResourceWalk final : public OwnWork {
    public:
     explicit ResourceWalk(ComposerSm& composer);
     /// Walks the resolver key's logical keys from the first one, again where it is doing so.
     void add(const ResolverKey& resolverKey);
 
-    void checkArgument() const override {}
     [[nodiscard]] bool hasPending() const override { return current_ || !waiting_.empty(); }
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
     [[nodiscard]] Arrival headArrival() const override {
@@ -115,10 +117,6 @@ class ComposerSm : public Stage {
     std::size_t drain(Arrival limit, bool& yielded) override;
 
    private:
-    void subscribe() override {}
-    void unsubscribe() override {}
-    bool scanItem() override { return false; }
-    [[nodiscard]] std::size_t collectionSize() const override { return pendingCount(); }
     void begin();
     void handleNext();
 
@@ -172,10 +170,15 @@ class ComposerSm : public Stage {
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
   /// The types of the resolvers that there are; none ever goes.
   [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
+  /// The types of which a directory has an entity; `known` is what they were last.
+  template <class Directory>
+  static const std::vector<ResolverKeyUnionTag>& typesOf(const Directory& directory,
+                                                         std::vector<ResolverKeyUnionTag>& known);
   template <class Visitor>
   void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
 
   void withdraw(const EmLogicalKey& emKey);
+  /// Asks for a resource that a first key uses; it stays asked for as long as any does.
   void request(const ResolverKey& resolverKey);
   /// Gives the resource back unless it is needed; true where it did.
   bool releaseUnused(const ResolverKey& resolverKey);
@@ -193,6 +196,7 @@ class ComposerSm : public Stage {
   Ref<ResolverConfigDir> resolverConfigDir_;
   Ref<const ResolverStatusDir> resolverStatusDir_;
   mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
+  mutable std::vector<ResolverKeyUnionTag> resolverStatusTypes_;
   std::uint64_t inUseVer_ = 0;
 
   LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;

@@ -73,6 +73,24 @@ std::string inline childNameOf(std::string_view argument, int number) {
 
 }  // namespace detail
 
+/// What a stage gives itself to do: there is no collection to subscribe to or to walk.
+class OwnWork : public InputBase {
+ public:
+  void checkArgument() const final {}
+
+ protected:
+  /// `name` is that of the work, as of an argument.
+  OwnWork(Stage& stage, std::string_view name)
+      : InputBase(stage, detail::childNameOf(name, stage.takeChildNumber()), stage.takePipelineNumber(),
+                  name) {}
+
+ private:
+  void subscribe() final {}
+  void unsubscribe() final {}
+  bool scanItem() final { return false; }
+  [[nodiscard]] std::size_t collectionSize() const final { return pendingCount(); }
+};
+
 /// The half of an input that knows its key: the pending list and the walk. `Self::handleKey(key)` handles one
 /// key; `Self::collection()` is what is walked.
 template <class Self, class K, Reaction reaction>
@@ -87,7 +105,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     const bool ahead = far && pending_.size() > 1;
     stage_.loneChangeIs(far && !ahead);
     const auto arrived = [&] { return !pending_.empty() && isBefore(pending_.headArrival(), limit); };
-    const auto handleFirst = [&] {
+    const auto handleFirst = [&]() KILN_ALWAYS_INLINE_LAMBDA {
       if (ahead) expectSoon();
       const auto taken = pending_.take();
       detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });

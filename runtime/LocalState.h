@@ -31,6 +31,8 @@ class LocalCollection final : public LocalState {
   void del(const K& key) { values_.del(key); }
   [[nodiscard]] std::size_t size() const override { return values_.size(); }
   void clear() override { values_.clear(); }
+  /// The map itself, for Input::changesLookInto.
+  [[nodiscard]] const LocalMap<K, V>& map() const { return values_; }
 
  private:
   LocalMap<K, V> values_;

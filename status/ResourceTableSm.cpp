@@ -1,6 +1,6 @@
 #include "status/ResourceTableSm.h"
 
-#include <optional>
+#include <bit>
 #include <utility>
 #include <vector>
 
@@ -26,6 +26,11 @@ void countKey(ResourceCounts& counts, EmStatus status, std::uint32_t change) {
   }
 }
 
+/// A requested key without a status waits for one.
+EmStatus statusOf(const EmRequestStatus* status) {
+  return status == nullptr ? EmStatus::hwPending : status->status;
+}
+
 }  // namespace
 
 ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
@@ -37,55 +42,60 @@ ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEn
             "from( this.ready )"),
       emLogicalKeyToEntry_(*this, std::move(emLogicalKeyToEntry)),
       emStatusMerged_(*this, std::move(emStatusMerged)),
-      counted_(*this),
+      changedTables_(*this),
+      counted_(*this, "counted"),
       isem_(*this, std::move(isemResourceTable)),
       esem_(*this, std::move(esemResourceTable)),
       lem_(*this, std::move(lemResourceTable)) {}
 
 void ResourceTableSm::handleInitialized() {
-  emLogicalKeyToEntry_.changesLookInto(counted_.statuses());
-  emStatusMerged_.changesLookInto(counted_.statuses());
+  emLogicalKeyToEntry_.changesLookInto(counted_.map());
+  emStatusMerged_.changesLookInto(counted_.map());
 }
 
-std::optional<EmStatus> ResourceTableSm::Counted::exchange(const EmLogicalKey& key,
-                                                           std::optional<EmStatus> status) {
-  const std::optional<EmStatus> was = this->status(key);
-  if (status) {
-    statuses_.obtain(key) = *status;
+void ResourceTableSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt) {
+  const EmStatus* counted = counted_.find(emKey);
+  if ((entryOpt != nullptr) == (counted != nullptr)) return;
+  const EmStatus now = statusOf(emStatusMerged_.find(emKey));
+  count(emKey, counted, entryOpt == nullptr ? nullptr : &now);
+}
+
+void ResourceTableSm::handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt) {
+  const EmStatus* counted = counted_.find(emKey);
+  if (counted == nullptr) return;  // not requested
+  const EmStatus now = statusOf(statusOpt);
+  if (now != *counted) count(emKey, counted, &now);
+}
+
+void ResourceTableSm::count(const EmLogicalKey& emKey, const EmStatus* was, const EmStatus* now) {
+  const auto number = static_cast<std::size_t>(emComposerTypeFromUnion(emKey.emComposerKey));
+  ResourceCounts& counts = counts_[number];
+  if (was != nullptr) countKey(counts, *was, -1U);
+  if (now != nullptr) {
+    countKey(counts, *now, 1);
+    counted_.is(emKey, *now);
   } else {
-    statuses_.del(key);
+    counted_.del(emKey);
   }
-  return was;
+  changedTables_.add(number);
 }
 
-std::optional<EmStatus> ResourceTableSm::Counted::status(const EmLogicalKey& key) const {
-  const EmStatus* filed = statuses_.find(key);
-  return filed == nullptr ? std::nullopt : std::optional(*filed);
+void ResourceTableSm::ChangedTables::add(std::size_t number) {
+  const bool first = changed_ == 0;
+  changed_ |= std::uint32_t{1} << number;
+  if (!first) return;
+  arrival_ = stage_.arrivals();
+  stage_.noteArrival(*this, first);
 }
 
-void ResourceTableSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* /*entryOpt*/) {
-  count(emKey);
-}
-
-void ResourceTableSm::handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* /*statusOpt*/) {
-  count(emKey);
-}
-
-std::optional<EmStatus> ResourceTableSm::statusOf(const EmLogicalKey& emKey) const {
-  if (emLogicalKeyToEntry_.find(emKey) == nullptr) return std::nullopt;
-  const EmRequestStatus* status = emStatusMerged_.find(emKey);
-  return status == nullptr ? EmStatus::hwPending : status->status;
-}
-
-void ResourceTableSm::count(const EmLogicalKey& emKey) {
-  const std::optional<EmStatus> now = statusOf(emKey);
-  const std::optional<EmStatus> was = counted_.exchange(emKey, now);
-  if (was == now) return;
-  const EmComposerKeyUnionTag type = emComposerTypeFromUnion(emKey.emComposerKey);
-  ResourceCounts& counts = counts_[static_cast<std::size_t>(type)];
-  if (was) countKey(counts, *was, -1U);
-  if (now) countKey(counts, *now, 1);
-  publish(type);
+std::size_t ResourceTableSm::ChangedTables::drain(Arrival limit, bool& yielded) {
+  return stage_.control().drainWhile([&] { return hasPending() && isBefore(arrival_, limit); },
+                                     [&] {
+                                       const int number = std::countr_zero(changed_);
+                                       changed_ &= changed_ - 1;
+                                       owner_.publish(static_cast<EmComposerKeyUnionTag>(number));
+                                     },
+                                     yielded);
 }
 
 void ResourceTableSm::publish(EmComposerKeyUnionTag type) {

@@ -2,9 +2,9 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "runtime/EmCollections.h"
@@ -30,8 +30,9 @@ class ResourceTable {
   KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
 };
 
-/// Files every requested logical key under the state of its status. A key's change costs the same however
-/// many keys there are.
+/// Files every requested logical key under the state of its status, inside the call that changes it: that is
+/// all in the stage itself. The rows that changed are published on the stage's task, each once however many
+/// keys changed it.
 class ResourceTableSm final : public Stage {
  public:
   ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
@@ -43,48 +44,43 @@ class ResourceTableSm final : public Stage {
   void handleInitialized() override;
 
  private:
-  /// The status under which each key was counted last.
-  class Counted final : public LocalState {
+  /// The tables whose counts changed since they were published, a bit for each by the number of its key type.
+  class ChangedTables final : public OwnWork {
    public:
-    explicit Counted(Stage& stage) : LocalState(stage, "counted") {}
-    /// Files a key under another status, or under none; returns what it was filed under before.
-    std::optional<EmStatus> exchange(const EmLogicalKey& key, std::optional<EmStatus> status);
-    [[nodiscard]] std::optional<EmStatus> status(const EmLogicalKey& key) const;
-    [[nodiscard]] bool has(const EmLogicalKey& key) const { return statuses_.find(key) != nullptr; }
-    [[nodiscard]] std::size_t size() const override { return statuses_.size(); }
-    void clear() override { statuses_.clear(); }
-    [[nodiscard]] const auto& statuses() const { return statuses_; }
+    explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
+    void add(std::size_t number);
+
+    [[nodiscard]] bool hasPending() const override { return changed_ != 0; }
+    [[nodiscard]] std::size_t pendingCount() const override {
+      return static_cast<std::size_t>(std::popcount(changed_));
+    }
+    [[nodiscard]] Arrival headArrival() const override { return arrival_; }
+    std::size_t drain(Arrival limit, bool& yielded) override;
 
    private:
-    LocalMap<EmLogicalKey, EmStatus> statuses_;
+    ResourceTableSm& owner_;
+    std::uint32_t changed_ = 0;
+    Arrival arrival_ = 0;  ///< of the first of them
   };
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
-  /// Whether a request came or went that is filed, or not, otherwise; its status has changes of its own.
-  [[nodiscard]] bool unfiled(const EmLogicalKey& emKey) const {
-    return !ready() || counted_.has(emKey) != (emLogicalKeyToEntry_.find(emKey) != nullptr);
-  }
-  /// Whether the key is filed under another status than it has.
-  [[nodiscard]] bool misfiled(const EmLogicalKey& emKey) const {
-    return !ready() || counted_.status(emKey) != statusOf(emKey);
-  }
-  [[nodiscard]] std::optional<EmStatus> statusOf(const EmLogicalKey& emKey) const;
-  void count(const EmLogicalKey& emKey);
+  /// Files a key under another status, or under none where it is null.
+  void count(const EmLogicalKey& emKey, const EmStatus* was, const EmStatus* now);
   void publish(EmComposerKeyUnionTag type);
 
   template <FixedString Argument>
   using CountsOutput = Output<ResourceTable::resourceAttr, Argument, "name">;
 
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ResourceTableSm::handleEntry,
-        "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
-        &ResourceTableSm::unfiled, nullptr>
+        "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::immediate>
       emLogicalKeyToEntry_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResourceTableSm::handleStatus,
-        "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
-        &ResourceTableSm::misfiled, nullptr>
+        "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::immediate>
       emStatusMerged_;
-  Counted counted_;
+  ChangedTables changedTables_;
+  /// The status under which each requested key was counted last.
+  LocalCollection<EmLogicalKey, EmStatus> counted_;
   std::array<ResourceCounts, KilnPlatform::kTableStems.size()> counts_{};  ///< by the number of the key type
   CountsOutput<"isemResourceTable"> isem_;
   CountsOutput<"esemResourceTable"> esem_;
