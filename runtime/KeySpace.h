@@ -47,7 +47,7 @@ class KeySpace {
   /// recently may still have a handle, which nothing stands under. `expectAt(handle)` is called with each
   /// handle that is likely to be the key's, before that is certain.
   template <class ExpectAt>
-  [[nodiscard]] Handle find(const K& key, ExpectAt&& expectAt) const {
+  [[nodiscard]] Handle find(const K& key, ExpectAt expectAt) const {
     // Mostly it is the very object that was looked up last.
     if (&key == &lastSlot_->key) [[likely]]
       return last_;
@@ -65,7 +65,7 @@ class KeySpace {
   }
   /// The same without a use more: who gets the handle of a key that nobody used takes one at once.
   template <class ExpectAt>
-  Handle obtain(const K& key, std::size_t group, ExpectAt&& expectAt) {
+  Handle obtain(const K& key, std::size_t group, ExpectAt expectAt) {
     if (&key != &lastSlot_->key) [[unlikely]]
       findOrAdd(key, group, expectAt);
     return last_;
@@ -99,7 +99,10 @@ class KeySpace {
   }
   /// Fetches the key into the cache.
   void prefetch(Handle handle) const {
-    if (!mayBeInUse(handle)) return;
+    if (mayBeInUse(handle)) prefetchUsed(handle);
+  }
+  /// The same of a handle that is in use.
+  KILN_ALWAYS_INLINE void prefetchUsed(Handle handle) const {
     const Slot& expected = slot(handle);
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
@@ -142,10 +145,14 @@ class KeySpace {
     std::array<std::uint64_t, kPerPage / 64> handles = {};  ///< a bit for each that is in use
 
     [[nodiscard]] bool empty() const {
-      return std::all_of(handles.begin(), handles.end(), [](std::uint64_t word) { return word == 0; });
+      std::uint64_t any = 0;
+      for (const std::uint64_t word : handles) any |= word;
+      return any == 0;
     }
     [[nodiscard]] bool full() const {
-      return std::all_of(handles.begin(), handles.end(), [](std::uint64_t word) { return ~word == 0; });
+      std::uint64_t all = ~std::uint64_t{0};
+      for (const std::uint64_t word : handles) all &= word;
+      return ~all == 0;
     }
     /// Takes the least handle that is not in use; there must be one.
     std::uint32_t take() {
@@ -186,13 +193,13 @@ class KeySpace {
     return handle / kPerPage < pages_.size() && pages_[handle / kPerPage] != nullptr;
   }
   template <class ExpectAt>
-  [[gnu::noinline]] Handle findOther(const K& key, ExpectAt&& expectAt) const {
+  [[gnu::noinline]] Handle findOther(const K& key, ExpectAt expectAt) const {
     if (isWhereHinted(key) || isLast(key)) return last_;
     return lookUp(hashOf(key), key, expectAt);
   }
   /// The key is the one that was looked up last from then on.
   template <class ExpectAt>
-  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt&& expectAt) {
+  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt expectAt) {
     if (isWhereHinted(key) || isLast(key)) return;
     const std::uint32_t hash = hashOf(key);
     if (lookUp(hash, key, expectAt) == kNone) add(hash, key, group);
@@ -219,7 +226,7 @@ class KeySpace {
     if constexpr (kHinted) hintOf(key).handleIs(handle);
   }
   template <class ExpectAt>
-  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt&& expectAt) const {
+  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt expectAt) const {
     const Handle found = index_.find(hash, [&](Handle handle) {
       expectAt(handle);
       return slot(handle).key == key;

@@ -126,27 +126,23 @@ class PendingKeys {
   [[nodiscard]] KILN_ALWAYS_INLINE KeyUse<K> take() {
     const Handle handle = queue_.pop();
     standing_.reset(handle);
-    far_ -= static_cast<std::size_t>(far_ != 0);
-    near_ -= static_cast<std::size_t>(near_ != 0);
+    ++taken_;
     return KeyUse<K>(keys_, handle);
   }
   /// The same as take(), where the key is wanted only.
   K pop() { return K(take().key()); }
   /// Calls `fetch` with the handles of keys whose turn comes some time later, each once.
   template <class Fetch>
-  void expectFar(Fetch&& fetch) {
-    for (const std::size_t end = std::min(queue_.size(), kFar); far_ < end; ++far_) {
-      const Handle later = queue_.numberAhead(far_);
-      keys_.prefetch(later);
+  KILN_ALWAYS_INLINE void expectFar(Fetch&& fetch) {
+    expectUntil(far_, kFar, [&](Handle later) {
+      keys_.prefetchUsed(later);
       fetch(later);
-    }
+    });
   }
   /// The same with keys whose turn comes soon, and that were expected before; `fetch` is given the key.
   template <class Fetch>
-  void expectNear(Fetch&& fetch) {
-    for (const std::size_t end = std::min(queue_.size(), kNear); near_ < end; ++near_) {
-      fetch(keys_.key(queue_.numberAhead(near_)));
-    }
+  KILN_ALWAYS_INLINE void expectNear(Fetch&& fetch) {
+    expectUntil(near_, kNear, [&](Handle soon) { fetch(keys_.key(soon)); });
   }
 
   void clear() {
@@ -179,10 +175,21 @@ class PendingKeys {
     std::vector<std::uint64_t> words_;
   };
 
+  /// Calls `fetch` for those of the first `ahead` keys that were not told yet; `told` counts them.
+  template <class Fetch>
+  KILN_ALWAYS_INLINE void expectUntil(std::size_t& told, std::size_t ahead, Fetch&& fetch) {
+    if (told < taken_) told = taken_;
+    for (const std::size_t end = taken_ + std::min(queue_.size(), ahead); told < end; ++told) {
+      fetch(queue_.numberAhead(told - taken_));
+    }
+  }
+
   KeySpace<K>& keys_ = KeySpace<K>::instance();
   ArrivalQueue queue_;
   Bits standing_;
-  // How many of the first keys were told to expectFar and expectNear.
+  // Of all keys that ever came, how many were taken, and how many expectFar and expectNear passed on or
+  // missed.
+  std::size_t taken_ = 0;
   std::size_t far_ = 0;
   std::size_t near_ = 0;
 };
