@@ -17,6 +17,9 @@ void Server::publish(std::uint32_t n, std::uint32_t version) {
 void Server::withdraw(std::uint32_t n) {
   content_->server.withdraw(n);
 }
+void Server::handIn() {
+  content_->server.handIn();
+}
 void Server::settle() {
   content_->server.settle();
 }

@@ -17,6 +17,7 @@ class Server {
   Server& operator=(const Server&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
+  void handIn();
   void settle();
   void stop();
   void start();

@@ -1,5 +1,6 @@
 #include "bench/Requests.h"
 
+#include "bench/Cycle.h"
 #include "platform/KilnTunnelNiLib.h"
 #include "runtime/EmTypes.h"
 
@@ -153,27 +154,24 @@ void withdraw(MemoryStateStore& store, const Request& request) {
 
 RequestLists::RequestLists() {
   forEachList([]<class Db>(FeatureType /*feature*/, Lists<Db>& lists) {
-    lists.published.reserve(kMost);
-    lists.withdrawn.reserve(kMost);
+    lists.published.reserve(kListSize);
+    lists.withdrawn.reserve(kListSize);
   });
 }
 
 void RequestLists::publish(const Request& request, const EmEntry& entry, std::uint32_t version) {
-  ++size_;
   withDatabase(request.database, [&]<class Db>() {
     listsOf<Db>(request.feature).published.emplace_back(requestKey<Db>(request), record<Db>(entry, version));
   });
 }
 
 void RequestLists::withdraw(const Request& request) {
-  ++size_;
   withDatabase(request.database, [&]<class Db>() {
     listsOf<Db>(request.feature).withdrawn.push_back(requestKey<Db>(request));
   });
 }
 
 void RequestLists::handIn(MemoryStateStore& store) {
-  if (std::exchange(size_, 0) == 0) return;
   forEachList([&]<class Db>(FeatureType feature, Lists<Db>& lists) {
     store.requestsAre<Db>(feature, lists.published);
     store.requestsDel<Db>(feature, lists.withdrawn);

@@ -52,11 +52,8 @@ class RequestLists {
   void withdraw(const Request& request);
   /// Hands all in and empties the lists.
   void handIn(KilnAgent::MemoryStateStore& store);
-  /// Whether it is time to.
-  [[nodiscard]] bool full() const { return size_ == kMost; }
 
  private:
-  static constexpr std::size_t kMost = 256;
   template <class Db>
   struct Lists {
     std::vector<std::pair<typename Db::EntryKey, KilnAgent::MemoryStateStore::Request<Db>>> published;
@@ -82,7 +79,6 @@ class RequestLists {
   std::tuple<ListsByFeature<KilnTunnelNiLib::Isem>, ListsByFeature<KilnTunnelNiLib::Esem>,
              ListsByFeature<KilnTunnelNiLib::Lem>>
       lists_;
-  std::size_t size_ = 0;
 };
 /// What a request's feature can read; null where nothing was published yet.
 struct StatusView {

@@ -37,15 +37,9 @@ void publishVersion(MemoryStateStore& store, RequestMix mix, std::uint32_t n, st
   const Request request = requestOf(mix, n);
   publish(store, request, entryOf(request.key, n, version), version);
 }
-void publishVersion(RequestLists& lists, MemoryStateStore& store, RequestMix mix, std::uint32_t n,
-                    std::uint32_t version) {
+void publishVersion(RequestLists& lists, RequestMix mix, std::uint32_t n, std::uint32_t version) {
   const Request request = requestOf(mix, n);
   lists.publish(request, entryOf(request.key, n, version), version);
-  if (lists.full()) lists.handIn(store);
-}
-void withdrawFrom(RequestLists& lists, MemoryStateStore& store, const Request& request) {
-  lists.withdraw(request);
-  if (lists.full()) lists.handIn(store);
 }
 
 /// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
@@ -163,10 +157,10 @@ std::uint32_t WholeServer::settled(std::uint32_t version) const {
 }
 
 void ServerWithLists::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(lists_, server_.store(), mix_, n, version);
+  publishVersion(lists_, mix_, n, version);
 }
 void ServerWithLists::withdraw(std::uint32_t n) {
-  withdrawFrom(lists_, server_.store(), requestOf(mix_, n));
+  lists_.withdraw(requestOf(mix_, n));
 }
 
 // --- The store alone ---------------------------------------------------------------------------------------
@@ -175,7 +169,7 @@ StoreAlone::StoreAlone(RequestMix mix) : mix_(mix), store_(std::make_shared<Coop
 
 void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
   const Request request = requestOf(mix_, n);
-  publishVersion(lists_, store_, mix_, n, version);
+  publishVersion(lists_, mix_, n, version);
   KilnAgent::withDatabase(request.database, [&]<class Db>() {
     store_.restoreStatus<Db>(request.feature, {.key = {Hardware::Kiln::FapId::allFap(),
                                                        Hardware::Kiln::LocalCoreId::all(), request.key},
@@ -186,7 +180,7 @@ void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
 }
 void StoreAlone::withdraw(std::uint32_t n) {
   const Request request = requestOf(mix_, n);
-  withdrawFrom(lists_, store_, request);
+  lists_.withdraw(request);
   KilnAgent::withDatabase(request.database, [&]<class Db>() {
     const typename Db::EntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
                                     request.key};
@@ -262,13 +256,12 @@ WholeAgent::~WholeAgent() {
 }
 
 void WholeAgent::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(lists_, agent_->store(), kMixed, n, version);
+  publishVersion(lists_, kMixed, n, version);
 }
 void WholeAgent::withdraw(std::uint32_t n) {
-  withdrawFrom(lists_, agent_->store(), requestOf(kMixed, n));
+  lists_.withdraw(requestOf(kMixed, n));
 }
 void WholeAgent::settle() {
-  lists_.handIn(agent_->store());
   agent_->scheduler().runUntilIdle();
   if (directory_.empty()) return;
   if (pace_.due(agent_->durable()->pending())) pace_.commit([this] { agent_->commit(); });

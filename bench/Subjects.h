@@ -64,10 +64,8 @@ class ServerWithLists {
   explicit ServerWithLists(RequestMix mix = kMixed) : mix_(mix), server_(mix) {}
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
-  void settle() {
-    lists_.handIn(server_.store());
-    server_.settle();
-  }
+  void handIn() { lists_.handIn(server_.store()); }
+  void settle() { server_.settle(); }
   void stop() { server_.stop(); }
   void start() { server_.start(); }
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const { return server_.settled(version); }
@@ -127,6 +125,7 @@ class WholeAgent {
   WholeAgent& operator=(const WholeAgent&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
+  void handIn() { lists_.handIn(agent_->store()); }
   void settle();
   /// Commits what is not yet, where there is something to commit to.
   void finish() { agent_->commit(); }
