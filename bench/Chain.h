@@ -54,6 +54,19 @@ constexpr ChainValue<0> chainRequest(std::uint32_t n, std::uint32_t version) {
   return value;
 }
 
+/// A request that was made and waits to be handed in.
+struct ChainRequest {
+  ChainKey key;
+  ChainValue<0> value;
+  bool wanted;  ///< false where it is withdrawn
+};
+constexpr ChainRequest chainPublication(std::uint32_t n, std::uint32_t version) {
+  return {chainKey(n), chainRequest(n, version), true};
+}
+constexpr ChainRequest chainWithdrawal(std::uint32_t n) {
+  return {chainKey(n), {}, false};
+}
+
 /// What a stage makes of the value of the one before it.
 template <std::size_t stage>
 constexpr ChainValue<stage> chainStep(const ChainValue<stage - 1>& before) {
@@ -76,7 +89,9 @@ class Chain {
   Chain& operator=(const Chain&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
-  /// Works off what was published and withdrawn since the last time.
+  /// Hands in what was published and withdrawn.
+  void handIn();
+  /// Works off what was handed in.
   void settle();
   /// Entries that the last stage holds with what follows from this version.
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
@@ -96,6 +111,10 @@ void Chain<Content>::publish(std::uint32_t n, std::uint32_t version) {
 template <class Content>
 void Chain<Content>::withdraw(std::uint32_t n) {
   content_->withdraw(n);
+}
+template <class Content>
+void Chain<Content>::handIn() {
+  content_->handIn();
 }
 template <class Content>
 void Chain<Content>::settle() {

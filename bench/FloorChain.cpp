@@ -134,20 +134,25 @@ struct Columns<std::index_sequence<stages...>> {
   using Type = std::tuple<Column<stages>...>;
 };
 
-/// What was published or withdrawn and is not handled yet.
+/// A request that is not handled yet.
 struct Change {
-  ChainKey key;
+  const ChainRequest* request;
   std::uint32_t hash;
-  std::uint32_t n;
-  std::uint32_t version;  ///< 0 where it was withdrawn
 };
 
 }  // namespace
 
 struct FloorContent {
-  void publish(std::uint32_t n, std::uint32_t version) { add(n, version); }
-  void withdraw(std::uint32_t n) { add(n, 0); }
-  void settle() { handleBatch(); }
+  FloorContent() { requests.reserve(kBatch); }
+
+  void publish(std::uint32_t n, std::uint32_t version) { requests.push_back(chainPublication(n, version)); }
+  void withdraw(std::uint32_t n) { requests.push_back(chainWithdrawal(n)); }
+  void handIn() {
+    for (const ChainRequest& request : requests) add(request);
+    handleBatch();
+    requests.clear();
+  }
+  void settle() {}
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
     const auto& last = std::get<kStages - 1>(columns);
     std::uint32_t count = 0;
@@ -162,10 +167,9 @@ struct FloorContent {
     return std::get<stage>(columns);
   }
 
-  void add(std::uint32_t n, std::uint32_t version) {
+  void add(const ChainRequest& request) {
     Change& change = intake[waiting++];
-    change = {chainKey(n), 0, n, version};
-    change.hash = static_cast<std::uint32_t>(hashOf(change.key));
+    change = {&request, static_cast<std::uint32_t>(hashOf(request.key))};
     index.fetchCell(change.hash);
     if (waiting == kBatch) handleBatch();
   }
@@ -187,12 +191,12 @@ struct FloorContent {
       handle = free.back();
       free.pop_back();
     }
-    keys[handle] = change.key;
+    keys[handle] = change.request->key;
     index.insert(change.hash, handle);
     return handle;
   }
   [[nodiscard]] Handle find(const Change& change) const {
-    return index.find(change.hash, [&](Handle handle) { return keys[handle] == change.key; });
+    return index.find(change.hash, [&](Handle handle) { return keys[handle] == change.request->key; });
   }
   void makeRoom(Handle handle) {
     keys.makeRoom(handle);
@@ -207,7 +211,7 @@ struct FloorContent {
 
   void takeIn(const Change& change) {
     auto& own = column<0>();
-    if (change.version == 0) {
+    if (!change.request->wanted) {
       const Handle handle = find(change);
       if (handle == kNone || !own.present.test(handle)) return;
       own.present.reset(handle);
@@ -215,9 +219,9 @@ struct FloorContent {
       return;
     }
     const Handle handle = intern(change);
-    const ChainValue<0> request = chainRequest(change.n, change.version);
-    if (!own.present.set(handle) && own.values[handle] == request) return;
-    own.values[handle] = request;
+    const ChainValue<0>& value = change.request->value;
+    if (!own.present.set(handle) && own.values[handle] == value) return;
+    own.values[handle] = value;
     if (column<1>().dirty.set(handle)) changed[0].push_back(handle);
   }
 
@@ -280,6 +284,7 @@ struct FloorContent {
   Handle used = 0;
   Columns<std::make_index_sequence<kStages>>::Type columns;
   std::array<std::vector<Handle>, kStages> changed;  ///< by the stage that changed
+  std::vector<ChainRequest> requests;                ///< that were made and are not handed in
   std::array<Change, kBatch> intake{};
   std::size_t waiting = 0;
 };

@@ -76,10 +76,18 @@ struct NaiveContent {
     });
   }
 
-  void publish(std::uint32_t n, std::uint32_t version) {
-    std::get<0>(stages).is(chainKey(n), chainRequest(n, version));
+  void publish(std::uint32_t n, std::uint32_t version) { requests.push_back(chainPublication(n, version)); }
+  void withdraw(std::uint32_t n) { requests.push_back(chainWithdrawal(n)); }
+  void handIn() {
+    for (const ChainRequest& request : requests) {
+      if (request.wanted) {
+        std::get<0>(stages).is(request.key, request.value);
+      } else {
+        std::get<0>(stages).del(request.key);
+      }
+    }
+    requests.clear();
   }
-  void withdraw(std::uint32_t n) { std::get<0>(stages).del(chainKey(n)); }
   void settle() {}
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
     std::uint32_t count = 0;
@@ -90,6 +98,7 @@ struct NaiveContent {
   }
 
   Collections<std::make_index_sequence<kStages>>::Type stages;
+  std::vector<ChainRequest> requests;
 };
 
 template class Chain<NaiveContent>;

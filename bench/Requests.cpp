@@ -141,6 +141,14 @@ EmEntry entryOf(const EmComposerKey& key, std::uint32_t n, std::uint32_t version
   }
 }
 
+MadeRequest publicationOf(RequestMix mix, std::uint32_t n, std::uint32_t version) {
+  const Request request = requestOf(mix, n);
+  return {request, entryOf(request.key, n, version), version};
+}
+MadeRequest withdrawalOf(RequestMix mix, std::uint32_t n) {
+  return {requestOf(mix, n), {}, 0};
+}
+
 void publish(MemoryStateStore& store, const Request& request, const EmEntry& entry, std::uint32_t version) {
   withDatabase(request.database, [&]<class Db>() {
     store.requestIs<Db>(request.feature, requestKey<Db>(request), record<Db>(entry, version));
@@ -159,15 +167,15 @@ RequestLists::RequestLists() {
   });
 }
 
-void RequestLists::publish(const Request& request, const EmEntry& entry, std::uint32_t version) {
+void RequestLists::add(const MadeRequest& made) {
+  const Request& request = made.request;
   withDatabase(request.database, [&]<class Db>() {
-    listsOf<Db>(request.feature).published.emplace_back(requestKey<Db>(request), record<Db>(entry, version));
-  });
-}
-
-void RequestLists::withdraw(const Request& request) {
-  withDatabase(request.database, [&]<class Db>() {
-    listsOf<Db>(request.feature).withdrawn.push_back(requestKey<Db>(request));
+    Lists<Db>& lists = listsOf<Db>(request.feature);
+    if (made.version != 0) {
+      lists.published.emplace_back(requestKey<Db>(request), record<Db>(made.entry, made.version));
+    } else {
+      lists.withdrawn.push_back(requestKey<Db>(request));
+    }
   });
 }
 

@@ -34,10 +34,19 @@ struct Request {
   KilnEmServer::FeatureType feature;
   KilnEmServer::EmComposerKey key;
 };
+/// A request that was made and waits to be handed in.
+struct MadeRequest {
+  Request request;
+  KilnEmServer::EmEntry entry;
+  std::uint32_t version;  ///< 0 where it is withdrawn
+};
 /// The n-th request of a mix. Different numbers have different keys.
 Request requestOf(RequestMix mix, std::uint32_t n);
 /// The entry that a version of the n-th request asks for; another one for each version.
 KilnEmServer::EmEntry entryOf(const KilnEmServer::EmComposerKey& key, std::uint32_t n, std::uint32_t version);
+
+MadeRequest publicationOf(RequestMix mix, std::uint32_t n, std::uint32_t version);
+MadeRequest withdrawalOf(RequestMix mix, std::uint32_t n);
 
 void publish(KilnAgent::MemoryStateStore& store, const Request& request, const KilnEmServer::EmEntry& entry,
              std::uint32_t version);
@@ -48,8 +57,7 @@ void withdraw(KilnAgent::MemoryStateStore& store, const Request& request);
 class RequestLists {
  public:
   RequestLists();
-  void publish(const Request& request, const KilnEmServer::EmEntry& entry, std::uint32_t version);
-  void withdraw(const Request& request);
+  void add(const MadeRequest& made);
   /// Hands all in and empties the lists.
   void handIn(KilnAgent::MemoryStateStore& store);
 

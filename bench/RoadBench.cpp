@@ -133,8 +133,8 @@ bool registerMixed() {
   const auto comparison = std::make_shared<Comparison>(
       std::vector{candidate<FloorChain>("floor"), candidate<StageChain>("stageChain"),
                   candidate<NaiveChain>("naiveChain"), candidate<KilnNaive::Server>("naive"),
-                  candidate<ServerWithLists>("mixed", kMixed), candidate<WholeServer>("mixedSingly", kMixed),
-                  candidate<StoreAlone>("store", kMixed), candidate<ChipAlone>("chip", kMixed)});
+                  candidate<ServerWithLists>("mixed", kMixed), candidate<ServerOneByOne>("mixedSingly"),
+                  candidate<StoreAlone>("store"), candidate<ChipAlone>("chip")});
   for (const std::uint32_t entries : kSizes) {
     for (const bool shuffled : {false, true}) {
       for (const Candidate& each : comparison->candidates()) {

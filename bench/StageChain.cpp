@@ -105,12 +105,11 @@ struct StageContent {
     stages.push_back(KilnEmServer::makeStage<StepSm<stage>>(results<stage - 1>(), results<stage>(), status,
                                                             KilnEmServer::StageControl{scheduler, 3, false}));
   }
-  void publish(std::uint32_t n, std::uint32_t version) { waiting.push_back({stageKey(n), n, version}); }
-  void withdraw(std::uint32_t n) { waiting.push_back({stageKey(n), n, 0}); }
-  void settle() {
-    handIn();
-    scheduler->runUntilIdle();
+  void publish(std::uint32_t n, std::uint32_t version) {
+    waiting.push_back({stageKey(n), {chainRequest(n, version)}, true});
   }
+  void withdraw(std::uint32_t n) { waiting.push_back({stageKey(n), {}, false}); }
+  void settle() { scheduler->runUntilIdle(); }
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const {
     std::uint32_t count = 0;
     KilnPlatform::forEachIn(std::as_const(*std::get<kStages - 1>(collections)).result(),
@@ -126,10 +125,10 @@ struct StageContent {
         requests, std::span<const Change>(waiting),
         [](const Change& change) -> const StageKey& { return change.key; },
         [&](const Change& change) {
-          if (change.version == 0) {
-            requests.del(change.key);
+          if (change.wanted) {
+            requests.is(change.key, change.value);
           } else {
-            requests.is(change.key, {chainRequest(change.n, change.version)});
+            requests.del(change.key);
           }
         });
     waiting.clear();
@@ -146,8 +145,8 @@ struct StageContent {
 
   struct Change {
     StageKey key;
-    std::uint32_t n;
-    std::uint32_t version;  ///< 0 where it was withdrawn
+    Result<0> value;
+    bool wanted;  ///< false where it is withdrawn
   };
 
   Ref<KilnAgent::CooperativeScheduler> scheduler = std::make_shared<KilnAgent::CooperativeScheduler>();

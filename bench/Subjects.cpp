@@ -33,13 +33,24 @@ std::uint32_t countSettled(const MemoryStateStore& store, std::uint32_t version)
   return count;
 }
 
-void publishVersion(MemoryStateStore& store, RequestMix mix, std::uint32_t n, std::uint32_t version) {
-  const Request request = requestOf(mix, n);
-  publish(store, request, entryOf(request.key, n, version), version);
+/// A feature's statuses as the server has them.
+template <class Db>
+Ref<SrvStatus<Db>> statusesOf(MemoryStateStore& store, KilnEmServer::FeatureType feature) {
+  if constexpr (std::is_same_v<Db, Lem>) {
+    return store.lemSrvStatus(feature);
+  } else if constexpr (std::is_same_v<Db, Isem>) {
+    return store.isemSrvStatus(feature);
+  } else {
+    return store.esemSrvStatus(feature);
+  }
 }
-void publishVersion(RequestLists& lists, RequestMix mix, std::uint32_t n, std::uint32_t version) {
-  const Request request = requestOf(mix, n);
-  lists.publish(request, entryOf(request.key, n, version), version);
+
+void apply(MemoryStateStore& store, const MadeRequest& made) {
+  if (made.version != 0) {
+    publish(store, made.request, made.entry, made.version);
+  } else {
+    withdraw(store, made.request);
+  }
 }
 
 /// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
@@ -147,51 +158,46 @@ void WholeServer::stop() {
 }
 
 void WholeServer::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(*store_, mix_, n, version);
+  apply(*store_, publicationOf(mix_, n, version));
 }
 void WholeServer::withdraw(std::uint32_t n) {
-  KilnBench::withdraw(*store_, requestOf(mix_, n));
+  apply(*store_, withdrawalOf(mix_, n));
 }
 std::uint32_t WholeServer::settled(std::uint32_t version) const {
   return countSettled(*store_, version);
 }
 
-void ServerWithLists::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(lists_, mix_, n, version);
-}
-void ServerWithLists::withdraw(std::uint32_t n) {
-  lists_.withdraw(requestOf(mix_, n));
+void ServerOneByOne::handIn() {
+  for (const MadeRequest& made : made_) apply(server_.store(), made);
+  made_.clear();
 }
 
 // --- The store alone ---------------------------------------------------------------------------------------
 
-StoreAlone::StoreAlone(RequestMix mix) : mix_(mix), store_(std::make_shared<CooperativeScheduler>()) {}
+StoreAlone::StoreAlone() : store_(std::make_shared<CooperativeScheduler>()) {}
 
-void StoreAlone::publish(std::uint32_t n, std::uint32_t version) {
-  const Request request = requestOf(mix_, n);
-  publishVersion(lists_, mix_, n, version);
-  KilnAgent::withDatabase(request.database, [&]<class Db>() {
-    store_.restoreStatus<Db>(request.feature, {.key = {Hardware::Kiln::FapId::allFap(),
-                                                       Hardware::Kiln::LocalCoreId::all(), request.key},
-                                               .requestVersion = version,
-                                               .status = KilnEmServer::EmStatus::hwSuccess,
-                                               .result = kResultFromServer});
-  });
+void StoreAlone::make(const MadeRequest& made) {
+  lists_.add(made);
+  made_.push_back(made);
 }
-void StoreAlone::withdraw(std::uint32_t n) {
-  const Request request = requestOf(mix_, n);
-  lists_.withdraw(request);
-  KilnAgent::withDatabase(request.database, [&]<class Db>() {
-    const typename Db::EntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
-                                    request.key};
-    if constexpr (std::is_same_v<Db, Lem>) {
-      store_.lemSrvStatus(request.feature)->statusDel(key);
-    } else if constexpr (std::is_same_v<Db, Isem>) {
-      store_.isemSrvStatus(request.feature)->statusDel(key);
-    } else {
-      store_.esemSrvStatus(request.feature)->statusDel(key);
-    }
-  });
+
+void StoreAlone::handIn() {
+  lists_.handIn(store_);
+  for (const MadeRequest& made : made_) {
+    KilnAgent::withDatabase(made.request.database, [&]<class Db>() {
+      const typename Db::EntryKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
+                                      made.request.key};
+      if (made.version != 0) {
+        store_.restoreStatus<Db>(made.request.feature, {.key = key,
+                                                        .requestVersion = made.version,
+                                                        .status = KilnEmServer::EmStatus::hwSuccess,
+                                                        .result = kResultFromServer});
+      } else {
+        statusesOf<Db>(store_, made.request.feature)->statusDel(key);
+      }
+    });
+  }
+  made_.clear();
 }
 std::uint32_t StoreAlone::settled(std::uint32_t version) const {
   return countSettled(store_, version);
@@ -199,28 +205,26 @@ std::uint32_t StoreAlone::settled(std::uint32_t version) const {
 
 // --- The chip alone ----------------------------------------------------------------------------------------
 
-ChipAlone::ChipAlone(RequestMix mix)
-    : mix_(mix),
-      scheduler_(std::make_shared<CooperativeScheduler>()),
+ChipAlone::ChipAlone()
+    : scheduler_(std::make_shared<CooperativeScheduler>()),
       chip_(std::make_shared<KilnAgent::SoftChip>(roomyChip(), scheduler_, std::nullopt)) {}
 ChipAlone::~ChipAlone() {
   chip_->serverDied();
 }
 
-void ChipAlone::publish(std::uint32_t n, std::uint32_t version) {
-  const Request request = requestOf(mix_, n);
-  const EmEntry entry = entryOf(request.key, n, version);
-  withTableKey(request.key, [&]<class Interface, class SwTable>(const typename SwTable::Key& key) {
-    tableOf<SwTable>(*chip_->interface<Interface>())
-        .entryWriteWithResponseHandler(key, entry.get<typename SwTable::Entry>(), nullptr,
-                                       [this](const auto&) { ++answers_; });
-  });
-}
-void ChipAlone::withdraw(std::uint32_t n) {
-  withTableKey(requestOf(mix_, n).key, [&]<class Interface, class SwTable>(const typename SwTable::Key& key) {
-    tableOf<SwTable>(*chip_->interface<Interface>())
-        .entryRemoveWithResponseHandler(key, nullptr, [this](const auto&) { ++answers_; });
-  });
+void ChipAlone::handIn() {
+  for (const MadeRequest& made : made_) {
+    withTableKey(made.request.key, [&]<class Interface, class SwTable>(const typename SwTable::Key& key) {
+      auto& table = tableOf<SwTable>(*chip_->interface<Interface>());
+      if (made.version != 0) {
+        table.entryWriteWithResponseHandler(key, made.entry.get<typename SwTable::Entry>(), nullptr,
+                                            [this](const auto&) { ++answers_; });
+      } else {
+        table.entryRemoveWithResponseHandler(key, nullptr, [this](const auto&) { ++answers_; });
+      }
+    });
+  }
+  made_.clear();
 }
 void ChipAlone::stop() {
   chip_->serverEnded();
@@ -255,12 +259,6 @@ WholeAgent::~WholeAgent() {
   if (!directory_.empty()) std::filesystem::remove_all(directory_);
 }
 
-void WholeAgent::publish(std::uint32_t n, std::uint32_t version) {
-  publishVersion(lists_, kMixed, n, version);
-}
-void WholeAgent::withdraw(std::uint32_t n) {
-  lists_.withdraw(requestOf(kMixed, n));
-}
 void WholeAgent::settle() {
   agent_->scheduler().runUntilIdle();
   if (directory_.empty()) return;

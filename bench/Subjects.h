@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/CommitPace.h"
 #include "agent/CooperativeScheduler.h"
@@ -62,8 +63,8 @@ class WholeServer {
 class ServerWithLists {
  public:
   explicit ServerWithLists(RequestMix mix = kMixed) : mix_(mix), server_(mix) {}
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
+  void publish(std::uint32_t n, std::uint32_t version) { lists_.add(publicationOf(mix_, n, version)); }
+  void withdraw(std::uint32_t n) { lists_.add(withdrawalOf(mix_, n)); }
   void handIn() { lists_.handIn(server_.store()); }
   void settle() { server_.settle(); }
   void stop() { server_.stop(); }
@@ -76,30 +77,50 @@ class ServerWithLists {
   WholeServer server_;
 };
 
+/// The whole server, and features that hand in their requests one by one.
+class ServerOneByOne {
+ public:
+  void publish(std::uint32_t n, std::uint32_t version) { made_.push_back(publicationOf(kMixed, n, version)); }
+  void withdraw(std::uint32_t n) { made_.push_back(withdrawalOf(kMixed, n)); }
+  void handIn();
+  void settle() { server_.settle(); }
+  void stop() { server_.stop(); }
+  void start() { server_.start(); }
+  [[nodiscard]] std::uint32_t settled(std::uint32_t version) const { return server_.settled(version); }
+
+ private:
+  std::vector<MadeRequest> made_;
+  WholeServer server_;
+};
+
 /// The store alone: the requests, and the statuses that a server would publish.
 class StoreAlone {
  public:
-  explicit StoreAlone(RequestMix mix = kMixed);
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
-  void settle() { lists_.handIn(store_); }
+  StoreAlone();
+  void publish(std::uint32_t n, std::uint32_t version) { make(publicationOf(kMixed, n, version)); }
+  void withdraw(std::uint32_t n) { make(withdrawalOf(kMixed, n)); }
+  void handIn();
+  void settle() {}
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
-  RequestMix mix_;
+  void make(const MadeRequest& made);
+
   RequestLists lists_;
+  std::vector<MadeRequest> made_;  ///< the same, for their statuses
   KilnAgent::MemoryStateStore store_;
 };
 
 /// The chip alone: the table operations that a server would call for the requests, and their answers.
 class ChipAlone {
  public:
-  explicit ChipAlone(RequestMix mix = kMixed);
+  ChipAlone();
   ~ChipAlone();
   ChipAlone(const ChipAlone&) = delete;
   ChipAlone& operator=(const ChipAlone&) = delete;
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
+  void publish(std::uint32_t n, std::uint32_t version) { made_.push_back(publicationOf(kMixed, n, version)); }
+  void withdraw(std::uint32_t n) { made_.push_back(withdrawalOf(kMixed, n)); }
+  void handIn();
   void settle() { scheduler_->runUntilIdle(); }
   /// Ends what wrote the entries: all must be written again until `reconciled`.
   void stop();
@@ -108,7 +129,7 @@ class ChipAlone {
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
-  RequestMix mix_;
+  std::vector<MadeRequest> made_;
   Ref<KilnAgent::CooperativeScheduler> scheduler_;
   Ref<KilnAgent::SoftChip> chip_;
   std::uint64_t answers_ = 0;
@@ -123,8 +144,8 @@ class WholeAgent {
   ~WholeAgent();
   WholeAgent(const WholeAgent&) = delete;
   WholeAgent& operator=(const WholeAgent&) = delete;
-  void publish(std::uint32_t n, std::uint32_t version);
-  void withdraw(std::uint32_t n);
+  void publish(std::uint32_t n, std::uint32_t version) { lists_.add(publicationOf(kMixed, n, version)); }
+  void withdraw(std::uint32_t n) { lists_.add(withdrawalOf(kMixed, n)); }
   void handIn() { lists_.handIn(agent_->store()); }
   void settle();
   /// Commits what is not yet, where there is something to commit to.

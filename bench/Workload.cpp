@@ -56,7 +56,7 @@ CycleCost run(const std::string& name, const CycleSetting& setting, CycleObserve
   if (name == "chip") return run<ChipAlone>(setting, observer);
   if (name == "durable") return run<WholeAgent>(setting, observer, KilnAgent::Durability::power);
   if (name == "agent") return run<WholeAgent>(setting, observer);
-  if (name == "mixedSingly") return run<WholeServer>(setting, observer);
+  if (name == "mixedSingly") return run<ServerOneByOne>(setting, observer);
   return run<ServerWithLists>(setting, observer);
 }
 
