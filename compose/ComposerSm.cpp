@@ -22,11 +22,6 @@ void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   }
 }
 
-std::size_t ComposerSm::ResourceWalk::drain(Arrival limit, bool& yielded) {
-  return stage_.control().drainWhile([&] { return hasPending() && isBefore(headArrival(), limit); },
-                                     [&] { handleNext(); }, yielded);
-}
-
 void ComposerSm::ResourceWalk::begin() {
   cursor_ = {};
   const ResolutionState* state = composer_.resolution(*current_);
@@ -148,6 +143,7 @@ void ComposerSm::handleInitialized() {
             [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
               KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
                                   "isSupportedResolverType( resolverConfigIter->resolverType() )");
+              (void)placesOf(resolverType);  // listed from the start, as all local state is
             });
   forEachIn(resolverStatusDir_->resolverStatus(),
             [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
@@ -198,7 +194,9 @@ void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
     return;
   }
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
+    const bool asked = resolverKeyToEmLogicalKey_.has(resolverKey);
     updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
+    if (!asked) request(resolverKey);
   });
   maybeComposeKey(emLogicalKey);
 }
@@ -219,21 +217,24 @@ void ComposerSm::updateResolverToEmKeyColl(const ResolverKey& resolverKey, const
   if (add) {
     tracer().trace<8>("add: {}", emLogicalKey);
     if (present != nullptr) {
-      (*present)->emLogicalKeySetIs(emLogicalKey);
+      (*present)->emLogicalKeySet().add(emLogicalKey);
       return;
     }
-    const auto coll = std::make_shared<ResolverEmLogicalKeyColl>(resolverKey);
-    coll->emLogicalKeySetIs(emLogicalKey);
+    const auto coll = std::make_shared<ResolverEmLogicalKeyColl>(resolverKey, placesOf(resolverKey.tag()));
+    coll->emLogicalKeySet().add(emLogicalKey);
     resolverKeyToEmLogicalKey_.is(resolverKey, coll);
     // The resolution may stand already, for another composer: then no change of it would ever come.
     handleResourceUpdate(resolverKey, resolverKey.tag(), resolution(resolverKey));
-    request(resolverKey);
   } else if (present != nullptr) {
-    (*present)->emLogicalKeySetDel(emLogicalKey);
+    (*present)->emLogicalKeySet().remove(emLogicalKey);
     if (!(*present)->emLogicalKeySet().empty()) return;
     tracer().trace<7>("Del resolverKey coll");
     resolverKeyToEmLogicalKey_.del(resolverKey);
   }
+}
+
+KeyPlaces<EmLogicalKey>& ComposerSm::placesOf(ResolverKeyUnionTag resolverType) {
+  return places_.try_emplace(resolverType, *this, "ComposerSm.emLogicalKeyPlaces").first->second;
 }
 
 void ComposerSm::request(const ResolverKey& resolverKey) {

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +19,7 @@
 #include "runtime/LocalState.h"
 #include "runtime/Output.h"
 #include "runtime/PendingKeys.h"
+#include "runtime/PlacedKeys.h"
 #include "runtime/Stage.h"
 
 namespace KilnEmServer {
@@ -25,9 +27,12 @@ namespace KilnEmServer {
 /// The logical keys of one composer that use one resolver key, and how far they are. Never empty.
 class ResolverEmLogicalKeyColl {
  public:
-  explicit ResolverEmLogicalKeyColl(const ResolverKey& resolverKey) : resolverKey_(resolverKey) {}
+  /// `places` are those of the logical keys of all resolver keys of the same type.
+  ResolverEmLogicalKeyColl(const ResolverKey& resolverKey, KeyPlaces<EmLogicalKey>& places)
+      : resolverKey_(resolverKey), emLogicalKeySet_(places) {}
   [[nodiscard]] const ResolverKey& resolverKey() const { return resolverKey_; }
-  KILN_SPARSE_SET(ResolverEmLogicalKeyColl, emLogicalKeySet, EmLogicalKey)
+  [[nodiscard]] const PlacedKeys<EmLogicalKey>& emLogicalKeySet() const { return emLogicalKeySet_; }
+  [[nodiscard]] PlacedKeys<EmLogicalKey>& emLogicalKeySet() { return emLogicalKeySet_; }
 
   /// Keys of the set that are resolved and wait for their hardware outcome.
   std::size_t outcomesAwaited = 0;
@@ -35,12 +40,13 @@ class ResolverEmLogicalKeyColl {
   std::size_t outcomesKnown = 0;
   /// The resolution that every key of the set was handled with; none while a change of it is being handled.
   std::optional<ResolutionState> handled;
-  /// The epoch of the composer in which it last told the resolver that the resolution of `handled` is in use;
-  /// none if it did not since.
+  /// The epoch of the composer in which it last told the resolver that the resolution is in use. A change of
+  /// the resolution begins another epoch.
   std::optional<std::uint64_t> inUseSince;
 
  private:
   ResolverKey resolverKey_;
+  PlacedKeys<EmLogicalKey> emLogicalKeySet_;
 };
 
 /// One per composer type that needs resolution. The base serves any number of resolver types; which ones, and
@@ -109,16 +115,14 @@ class ComposerSm : public Stage {
     /// Walks the resolver key's logical keys from the first one, again where it is doing so.
     void add(const ResolverKey& resolverKey);
 
-    [[nodiscard]] bool hasPending() const override { return current_ || !waiting_.empty(); }
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
     [[nodiscard]] Arrival headArrival() const override {
       return current_ ? arrival_ : waiting_.headArrival();
     }
-    std::size_t drain(Arrival limit, bool& yielded) override;
 
    private:
     void begin();
-    void handleNext();
+    void handleNext() override;
 
     ComposerSm& composer_;
     PendingKeys<ResolverKey> waiting_;
@@ -168,9 +172,9 @@ class ComposerSm : public Stage {
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
-  /// The types of the resolvers that there are; none ever goes.
+  /// The types of the resolvers that there are.
   [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
-  /// The types of which a directory has an entity; `known` is what they were last.
+  /// The types of which a directory has an entity, none of which ever goes; `known` is what they were last.
   template <class Directory>
   static const std::vector<ResolverKeyUnionTag>& typesOf(const Directory& directory,
                                                          std::vector<ResolverKeyUnionTag>& known);
@@ -180,6 +184,8 @@ class ComposerSm : public Stage {
   void withdraw(const EmLogicalKey& emKey);
   /// Asks for a resource that a first key uses; it stays asked for as long as any does.
   void request(const ResolverKey& resolverKey);
+  /// The places of the logical keys that use resources of a type, each in the set of its resolver key.
+  KeyPlaces<EmLogicalKey>& placesOf(ResolverKeyUnionTag resolverType);
   /// Gives the resource back unless it is needed; true where it did.
   bool releaseUnused(const ResolverKey& resolverKey);
   /// What this composer asks a type's resolver for; null before its first request.
@@ -199,6 +205,7 @@ class ComposerSm : public Stage {
   mutable std::vector<ResolverKeyUnionTag> resolverStatusTypes_;
   std::uint64_t inUseVer_ = 0;
 
+  std::map<ResolverKeyUnionTag, KeyPlaces<EmLogicalKey>> places_;
   LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;
   LocalCollection<EmLogicalKey, State> emLogicalKeyState_;
   /// The logical keys, requested or not, whose hardware status stands, and how many of them use a resolver

@@ -98,17 +98,14 @@
   KILN_KEYED_COLLECTION_OF(SparseCollection, Owner, name, KeyType, ValueType, keyField)
 
 /// A set of keys.
-#define KILN_SET_OF(Kind, Owner, name, KeyType)                          \
-  KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ::KilnPlatform::Unit) \
-  struct name##Attr {                                                    \
-    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)      \
-  };                                                                     \
-  void name##Is(const KeyType& key) {                                    \
-    name##_.is(key, {});                                                 \
+#define KILN_SET(Owner, name, KeyType)                                         \
+  KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Unit) \
+  struct name##Attr {                                                          \
+    KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)            \
+  };                                                                           \
+  void name##Is(const KeyType& key) {                                          \
+    name##_.is(key, {});                                                       \
   }
-
-#define KILN_SET(Owner, name, KeyType) KILN_SET_OF(Collection, Owner, name, KeyType)
-#define KILN_SPARSE_SET(Owner, name, KeyType) KILN_SET_OF(SparseCollection, Owner, name, KeyType)
 
 /// A collection of key to a shared reference to an entity that is constructed with its key; `nameIs(key)`
 /// returns the member, creating it where there is none.

@@ -73,12 +73,20 @@ std::string inline childNameOf(std::string_view argument, int number) {
 
 }  // namespace detail
 
-/// What a stage gives itself to do: there is no collection to subscribe to or to walk.
+/// What a stage gives itself to do: there is no collection to subscribe to or to walk. It is no part of the
+/// initial scan, unless scanItem does it.
 class OwnWork : public InputBase {
  public:
   void checkArgument() const final {}
+  [[nodiscard]] bool hasPending() const final { return pendingCount() != 0; }
+  std::size_t drain(Arrival limit, bool& yielded) final {
+    return stage_.control().drainWhile([&] { return hasPending() && isBefore(headArrival(), limit); },
+                                       [&] { handleNext(); }, yielded);
+  }
 
  protected:
+  /// Does the first of what is pending.
+  virtual void handleNext() = 0;
   /// `name` is that of the work, as of an argument.
   OwnWork(Stage& stage, std::string_view name)
       : InputBase(stage, detail::childNameOf(name, stage.takeChildNumber()), stage.takePipelineNumber(),
@@ -87,7 +95,7 @@ class OwnWork : public InputBase {
  private:
   void subscribe() final {}
   void unsubscribe() final {}
-  bool scanItem() final { return false; }
+  bool scanItem() override { return false; }
   [[nodiscard]] std::size_t collectionSize() const final { return pendingCount(); }
 };
 
@@ -248,8 +256,7 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   void checkArgument() const override {
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
   }
-  /// `Wanted` looks up the key of each change in the stage's `map`: who makes the change is to fetch it
-  /// ahead.
+  /// Inside each change the stage looks its key up in its `map`: who makes the change is to fetch it ahead.
   template <class Map>
   void changesLookInto(const Map& map) {
     if constexpr (requires { map.places(); }) {

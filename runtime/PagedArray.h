@@ -44,7 +44,8 @@ class PagedArray {
   }
 
  private:
-  static constexpr std::size_t kPerPage = 32;
+  static constexpr std::size_t kLeastBytes = 256;  ///< of a page, of the arena's as well
+  static constexpr std::size_t kPerPage = sizeof(T) < 8 ? kLeastBytes / sizeof(T) : 32;
   struct Page {
     alignas(T) std::byte bytes[kPerPage * sizeof(T)];
   };

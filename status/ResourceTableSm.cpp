@@ -1,6 +1,5 @@
 #include "status/ResourceTableSm.h"
 
-#include <bit>
 #include <utility>
 #include <vector>
 
@@ -81,21 +80,31 @@ void ResourceTableSm::count(const EmLogicalKey& emKey, const EmStatus* was, cons
 }
 
 void ResourceTableSm::ChangedTables::add(std::size_t number) {
-  const bool first = changed_ == 0;
-  changed_ |= std::uint32_t{1} << number;
-  if (!first) return;
-  arrival_ = stage_.arrivals();
-  stage_.noteArrival(*this, first);
+  if (std::exchange(changed_[number], true)) return;
+  arrivals_[number] = stage_.arrivals();
+  stage_.noteArrival(*this, count_++ == 0);
 }
 
-std::size_t ResourceTableSm::ChangedTables::drain(Arrival limit, bool& yielded) {
-  return stage_.control().drainWhile([&] { return hasPending() && isBefore(arrival_, limit); },
-                                     [&] {
-                                       const int number = std::countr_zero(changed_);
-                                       changed_ &= changed_ - 1;
-                                       owner_.publish(static_cast<EmComposerKeyUnionTag>(number));
-                                     },
-                                     yielded);
+std::size_t ResourceTableSm::ChangedTables::first() const {
+  std::size_t first = changed_.size();
+  for (std::size_t number = 0; number < changed_.size(); ++number) {
+    if (!changed_[number]) continue;
+    if (first == changed_.size() || isBefore(arrivals_[number], arrivals_[first])) first = number;
+  }
+  return first;
+}
+
+void ResourceTableSm::ChangedTables::handleNext() {
+  const std::size_t number = first();
+  changed_[number] = false;
+  --count_;
+  owner_.publish(static_cast<EmComposerKeyUnionTag>(number));
+}
+
+bool ResourceTableSm::ChangedTables::scanItem() {
+  if (!hasPending()) return false;
+  handleNext();
+  return true;
 }
 
 void ResourceTableSm::publish(EmComposerKeyUnionTag type) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -44,23 +43,26 @@ class ResourceTableSm final : public Stage {
   void handleInitialized() override;
 
  private:
-  /// The tables whose counts changed since they were published, a bit for each by the number of its key type.
+  /// The tables whose counts changed since they were published, by the number of their key type, to be
+  /// published in the order in which they came.
   class ChangedTables final : public OwnWork {
    public:
     explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
     void add(std::size_t number);
 
-    [[nodiscard]] bool hasPending() const override { return changed_ != 0; }
-    [[nodiscard]] std::size_t pendingCount() const override {
-      return static_cast<std::size_t>(std::popcount(changed_));
-    }
-    [[nodiscard]] Arrival headArrival() const override { return arrival_; }
-    std::size_t drain(Arrival limit, bool& yielded) override;
+    [[nodiscard]] std::size_t pendingCount() const override { return count_; }
+    [[nodiscard]] Arrival headArrival() const override { return arrivals_[first()]; }
 
    private:
+    void handleNext() override;
+    /// What was counted in the scan is published before rows of an earlier stage are judged.
+    bool scanItem() override;
+    [[nodiscard]] std::size_t first() const;
+
     ResourceTableSm& owner_;
-    std::uint32_t changed_ = 0;
-    Arrival arrival_ = 0;  ///< of the first of them
+    std::array<bool, KilnPlatform::kTableStems.size()> changed_{};
+    std::array<Arrival, KilnPlatform::kTableStems.size()> arrivals_{};
+    std::size_t count_ = 0;
   };
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);

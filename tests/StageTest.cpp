@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 #include <random>
 #include <set>
@@ -14,6 +15,7 @@
 #include "runtime/Input.h"
 #include "runtime/LocalState.h"
 #include "runtime/Output.h"
+#include "runtime/PlacedKeys.h"
 
 namespace KilnTest {
 namespace {
@@ -600,6 +602,55 @@ TEST(StageDeathTest, AValueUnderAnotherKeyThanItsOwn) {
     makeStage<KeyedStage<KeyMismatch::fatal>>(source, sink, bench.status, bench.control());
   };
   EXPECT_DEATH(fatal(), "has internal key: 5, but the key specified in the into is: 4");
+}
+
+class SetsStage final : public Stage {
+ public:
+  SetsStage(Ref<DependencyStatus> status, StageControl control)
+      : Stage("SetsStage", "sets", std::move(status), std::move(control), "Line 1: from( this.ready )") {}
+  KeyPlaces<int> places{*this, "SetsStage.places"};
+  std::array<PlacedKeys<int>, 3> sets{PlacedKeys<int>(places), PlacedKeys<int>(places),
+                                      PlacedKeys<int>(places)};
+};
+
+// Sets that share their places agree with a model; a walk of one visits what is there throughout.
+TEST(PlacedKeys, AgreeWithAModelWhileTheyAreWalked) {
+  const Bench bench;
+  const std::size_t heldBefore = KeySpace<int>::instance().size();
+  for (unsigned seed = 0; seed < 200; ++seed) {
+    std::mt19937 random(seed);
+    const auto stage = makeStage<SetsStage>(bench.status, bench.control());
+    std::array<std::set<int>, 3> model;
+    const auto change = [&] {
+      const int key = static_cast<int>(random() % 200);
+      const auto own = static_cast<std::size_t>(key % 3);  // the one set that may have the key
+      if (random() % 2 == 0) {
+        stage->sets[own].add(key);
+        model[own].insert(key);
+      } else {
+        stage->sets[own].remove(key);
+        model[own].erase(key);
+      }
+    };
+    for (int i = 0; i < 300; ++i) change();
+    for (std::size_t walked = 0; walked < model.size(); ++walked) {
+      std::set<int> throughout = model[walked];
+      std::set<int> visited;
+      KilnPlatform::ScanCursor<int> cursor;
+      while (const int* key = stage->sets[walked].scanNext(cursor)) {
+        ASSERT_TRUE(model[walked].contains(*key)) << "seed " << seed;
+        visited.insert(*key);
+        for (unsigned changes = random() % 4; changes > 0; --changes) change();
+        std::erase_if(throughout, [&](int stood) { return !model[walked].contains(stood); });
+      }
+      for (const int stood : throughout) ASSERT_TRUE(visited.contains(stood)) << "seed " << seed;
+    }
+    for (std::size_t own = 0; own < model.size(); ++own) {
+      ASSERT_EQ(stage->sets[own].size(), model[own].size());
+    }
+    ASSERT_EQ(stage->places.size(), model[0].size() + model[1].size() + model[2].size());
+  }
+  EXPECT_EQ(KeySpace<int>::instance().size(), heldBefore);
 }
 
 }  // namespace

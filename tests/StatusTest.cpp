@@ -10,6 +10,7 @@
 #include "program/IsemMplsSwTableWriter.h"
 #include "status/EmStatusSm.h"
 #include "status/IsemSrvStatusSm.h"
+#include "status/ResourceTableSm.h"
 
 namespace KilnTest {
 namespace {
@@ -319,6 +320,71 @@ TEST(FeatureStatus, ARestartShowsNoStatusThatVanishesAndReturns) {
   set.serverSays(1, EmStatus::hwSuccess);
   EXPECT_EQ(recorder.deletions(), std::vector<RequestKey>{orphan.key});
   EXPECT_EQ(recorder.changes.size(), 1u);
+}
+
+// --- The table of resources --------------------------------------------------------------------------------
+
+struct Resources {
+  explicit Resources(std::uint32_t yieldEvery) : bench(yieldEvery) {}
+  auto start() {
+    return bench.create([this] {
+      return resourceTableSmFactory(entries, statuses, isem, esem, lem, "resources", bench.status,
+                                    bench.control());
+    });
+  }
+  void request(const EmLogicalKey& key) { entries->emLogicalKeyToEntryIs(key, mplsEntry(1)); }
+  void status(const EmLogicalKey& key, EmStatus status) {
+    statuses->statusIs(key, {key, mplsEntry(1), kH1, status});
+  }
+  [[nodiscard]] ResourceCounts mpls() const {
+    return isem->resource().get("isemMpls").value_or(ResourceCounts{});
+  }
+
+  Bench bench;
+  Ref<EmLogicalKeyToEntry> entries = std::make_shared<EmLogicalKeyToEntry>();
+  Ref<EmLogicalKeyToStatus> statuses = std::make_shared<EmLogicalKeyToStatus>();
+  Ref<ResourceTable> isem = std::make_shared<ResourceTable>();
+  Ref<ResourceTable> esem = std::make_shared<ResourceTable>();
+  Ref<ResourceTable> lem = std::make_shared<ResourceTable>();
+};
+
+// A new stage counts everything before it judges the rows that an earlier one left.
+TEST(ResourceTables, RowsThatAreStillTrueStandThroughARestart) {
+  for (const std::uint32_t yieldEvery : {0U, 1U}) {
+    Resources r(yieldEvery);
+    auto stage = r.start();
+    r.request(kA);
+    r.request(kB);
+    r.request(fodoKey(1));
+    r.status(kA, EmStatus::hwSuccess);
+    r.status(kB, EmStatus::hwKeyConflict);
+    r.bench.settle();
+    EXPECT_EQ(r.mpls(), (ResourceCounts{2, 1, 0, 0}));
+    stage.reset();
+    r.entries->emLogicalKeyToEntryDel(fodoKey(1));
+    r.bench.status->completedDel("resources");
+    const Recorder isem(r.isem->resource());
+    stage = r.start();
+    r.bench.settle();
+    EXPECT_TRUE(r.bench.completed("resources"));
+    EXPECT_TRUE(isem.changes.empty());
+    EXPECT_TRUE(r.esem->resource().empty()) << "nothing of it is requested any more";
+  }
+}
+
+// Rows are published in the order in which their counts changed, however often one of them changes.
+TEST(ResourceTables, ARowThatChangesAllTheTimeKeepsNoOtherBack) {
+  Resources r(1);
+  const auto stage = r.start();
+  r.request(kA);
+  r.bench.settle();
+  r.request(fodoKey(1));
+  int slices = 0;
+  for (; r.esem->resource().empty() && slices < 100; ++slices) {
+    r.status(kA, slices % 2 == 0 ? EmStatus::hwSuccess : EmStatus::hwFail);
+    r.bench.scheduler->runOne();
+  }
+  EXPECT_LT(slices, 5);
 }
 
 }  // namespace
