@@ -9,13 +9,13 @@ namespace KilnAgent {
 
 /// Decides when a batch of changes is due: when the oldest of them is kMaxAge old, or when there are
 /// kMaxBatch, but not before kRest times as much time has passed as the last commit took. So commits take at
-/// most a third of the time, and batches are the larger, and cheaper by change, the more a commit costs.
+/// most a fifth of the time, and batches are the larger, and cheaper by change, the more a commit costs.
 class CommitPace {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kMaxAge{5};
   static constexpr std::size_t kMaxBatch = 20'000;
-  static constexpr int kRest = 2;
+  static constexpr int kRest = 4;
 
   /// Whether a commit is due; to be asked again and again. `changes` wait for it.
   [[nodiscard]] bool due(std::size_t changes) {
