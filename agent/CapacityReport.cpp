@@ -16,7 +16,6 @@ namespace {
 
 using KilnEmServer::EmResolvedKeyUnionTag;
 using KilnEmServer::ResourceCounts;
-using KilnEmServer::ResourceTable;
 using Lines = std::back_insert_iterator<std::string>;
 
 /// Per cent with one digit after the point.

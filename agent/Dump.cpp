@@ -13,7 +13,6 @@
 namespace KilnAgent {
 namespace {
 
-using KilnEmServer::EmHwKey;
 using KilnEmServer::EmRequestKey;
 using KilnEmServer::FeatureType;
 

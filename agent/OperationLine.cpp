@@ -115,7 +115,7 @@ std::string line(const ExternalUserOperation& external) {
     row["localCoreId"] = usage.localCoreId.number();
     usages.push_back(std::move(row));
   }
-  return Members("externalUser").add("name", external.name).add("usage", std::move(usages)).text();
+  return Members("externalUser").add("name", external.name).add("usage", usages).text();
 }
 
 std::string line(const AddFapOperation& add) {
@@ -125,7 +125,7 @@ std::string line(const AddFapOperation& add) {
       .add("id", add.fap.fapId.number())
       .add("name", add.fap.info.name)
       .add("type", add.fap.info.fapType)
-      .add("cores", std::move(cores))
+      .add("cores", cores)
       .add("profile", add.fap.profile)
       .text();
 }

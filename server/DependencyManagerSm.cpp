@@ -14,7 +14,7 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
 
 }  // namespace
 
-DependencyManagerSm::DependencyManagerSm(std::string name, Ref<KilnPlatform::TaskScheduler> scheduler,
+DependencyManagerSm::DependencyManagerSm(const std::string& name, Ref<KilnPlatform::TaskScheduler> scheduler,
                                          int priority, Ref<KilnPlatform::DependencyStatus> dependencyStatus,
                                          CollectionExists collectionExists)
     : tracer_(name),

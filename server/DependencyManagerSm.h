@@ -24,7 +24,7 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
   /// Whether a collection exists, by its name.
   using CollectionExists = KilnPlatform::InplaceFunction<bool(const std::string&), 16>;
 
-  DependencyManagerSm(std::string name, Ref<KilnPlatform::TaskScheduler> scheduler, int priority,
+  DependencyManagerSm(const std::string& name, Ref<KilnPlatform::TaskScheduler> scheduler, int priority,
                       Ref<KilnPlatform::DependencyStatus> dependencyStatus,
                       CollectionExists collectionExists);
   ~DependencyManagerSm() override;

@@ -596,6 +596,7 @@ std::vector<StageProgress> KilnEmServerSm::reconcileProgress() const {
   return rows;
 }
 
+// NOLINTNEXTLINE(readability-function-size): a list
 std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() const {
   std::vector<std::pair<std::string, std::size_t>> sizes = {
       {"emLogicalKeyToEntry", emLogicalKeyToEntry_->emLogicalKeyToEntry().size()},

@@ -45,7 +45,7 @@ const Names kStatusByFeature = {"isemSrvStatusByFeature", "esemSrvStatusByFeatur
 }  // namespace
 
 // Each row: stage; action; waits for; reads; reads as feedback; writes.
-StageMap KilnEmServerSm::stageMap() {
+StageMap KilnEmServerSm::stageMap() {  // NOLINT(readability-function-size): a table
   const Names emTypes = {memberOf("emTypeToConfig", EmType::isem), memberOf("emTypeToConfig", EmType::esem),
                          memberOf("emTypeToConfig", EmType::lem)};
   StageMap map;
@@ -111,7 +111,7 @@ StageMap KilnEmServerSm::stageMap() {
   return map;
 }
 
-void KilnEmServerSm::addKeyedStages(StageMap& map) {
+void KilnEmServerSm::addKeyedStages(StageMap& map) {  // NOLINT(readability-function-size): a table
   const auto forEachComposerType = [](auto&& visit) {
     KilnPlatform::forEachEnumValue<EmComposerKeyUnionTag>([&](EmComposerKeyUnionTag type) {
       if (type != EmComposerKeyUnionTag::undefined_) visit(type);

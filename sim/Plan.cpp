@@ -255,7 +255,7 @@ class Draw {
 
   Operation operation() {
     if (!next_.empty() && !oneIn(4)) {
-      const Operation operation = next_.back();
+      Operation operation = std::move(next_.back());
       next_.pop_back();
       return operation;
     }
@@ -292,7 +292,7 @@ class Draw {
   }
 
   Operation restartOperation() {
-    const Operation restart = oneIn(2) ? Operation(RestartOperation{}) : Operation(CrashOperation{oneIn(4)});
+    Operation restart = oneIn(2) ? Operation(RestartOperation{}) : Operation(CrashOperation{oneIn(4)});
     if (oneIn(3)) {
       // Nothing but restarts between two quiet moments.
       next_ = {SettleOperation{}, restart};

@@ -234,8 +234,8 @@ class Run {
       const auto& [feature, database, key] = place;
       expected_.push_back(ExpectOperation{feature, database, key, {}, {}, {}, true, true, false});
     }
-    const auto expectEntry = [&](const EmResolvedKey& key, std::optional<EmEntry> entry) {
-      expected_.push_back(ExpectTableOperation{key.tag(), hwKeyOf(key), std::move(entry), true, false});
+    const auto expectEntry = [&](const EmResolvedKey& key, const std::optional<EmEntry>& entry) {
+      expected_.push_back(ExpectTableOperation{key.tag(), hwKeyOf(key), entry, true, false});
     };
     for (const auto& [key, entry] : expected.tables) {
       const auto at = found.tables.find(key);
