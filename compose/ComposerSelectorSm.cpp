@@ -15,7 +15,6 @@ ComposerSelectorSm::ComposerSelectorSm(EmComposerKeyUnionTag composerType,
       emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)) {}
 
 void ComposerSelectorSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt) {
-  if (!filter(isOwn(emKey), "filter( ( composerTypeEnum == composerType ) )")) return;
   if (entryOpt != nullptr) {
     emLogicalKeyConfig_.insert(emKey, {});
   } else {

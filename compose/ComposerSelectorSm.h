@@ -26,12 +26,13 @@ class ComposerSelectorSm final : public Stage {
     return isOwn(emKey) && (!ready() || (emLogicalKeyToEntry_.find(emKey) == nullptr) !=
                                             (emLogicalKeyConfig_.find(emKey) == nullptr));
   }
+  static constexpr FixedString kFilter = "filter( ( composerTypeEnum == composerType ) )";
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
 
   EmComposerKeyUnionTag composerType_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
         "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
-        &ComposerSelectorSm::concerns, &ComposerSelectorSm::isOwn>
+        &ComposerSelectorSm::concerns, &ComposerSelectorSm::isOwn, kFilter>
       emLogicalKeyToEntry_;
   Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
 };

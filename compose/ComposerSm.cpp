@@ -98,7 +98,7 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
                        Ref<ResolverConfigDir> resolverConfigDir,
                        Ref<const ResolverStatusDir> resolverStatusDir, std::string_view className,
                        std::string name, Ref<DependencyStatus> dependencyStatus, StageControl smControl,
-                       Ref<EmComposeFailure> emComposeFailure)
+                       Ref<EmComposeFailure> emComposeFailure, KeyTraces traces)
     : Stage(className, std::move(name), std::move(dependencyStatus), std::move(smControl),
             "from( this.ready )"),
       composerType_(composerType),
@@ -107,16 +107,17 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
       resolverStatusDir_(std::move(resolverStatusDir)),
       resolverKeyToEmLogicalKey_(*this, "ComposerSm.resolverKeyToEmLogicalKey"),
       emLogicalKeyState_(*this, "ComposerSm.emLogicalKeyState"),
-      hwStatusStanding_(*this, "ComposerSm.hwStatusStanding"),
-      hwStatusCount_(*this, "ComposerSm.hwStatusCount"),
+      departures_(*this, *this, std::move(traces)),
+      leavingCount_(*this, "ComposerSm.leavingCount"),
       emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)),
-      hwStatusCounter_(*this, resolvedKeyStatus),
       resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
       resolverStatuses_(*this, resolverStatusDir_),
       resourceWalk_(*this),
       askedResources_(*this),
       swTableKeyConfig_(*this, std::move(swTableKeyConfig)),
-      emComposeFailure_(*this, std::move(emComposeFailure)) {}
+      emComposeFailure_(*this, std::move(emComposeFailure)) {
+  if (departures_.emWrittenKeys() != nullptr) emWrittenKeys_.emplace(*this, departures_.emWrittenKeys());
+}
 
 bool ComposerSm::isSupportedResolverType(ResolverKeyUnionTag /*resolverType*/) const {
   throw std::logic_error("Must implement in child");
@@ -137,6 +138,7 @@ void ComposerSm::checkArguments() const {
 
 void ComposerSm::handleInitialized() {
   tracer().trace<8>("handleInitialized");
+  departures_.start();
   KILN_ASSERT_MESSAGE(composerType_ != EmComposerKeyUnionTag::undefined_,
                       "emComposerKeyType() != EmComposerKeyUnionTag::undefined_");
   forEachIn(resolverConfigDir_->resolverConfig(),
@@ -159,6 +161,10 @@ void ComposerSm::handleRequestChange(const EmLogicalKey& emKey, const KilnPlatfo
 void ComposerSm::handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* /*statusOpt*/) {
   if (!requested(emKey)) emLogicalKeyStateDel(emKey);
   handleStatus(emKey);
+}
+
+void ComposerSm::handleWritten(const EmLogicalKey& emKey, const std::uint32_t* hwKeysOpt) {
+  if (hwKeysOpt == nullptr) departures_.check(emKey);
 }
 
 void ComposerSm::handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
@@ -193,6 +199,7 @@ void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
     withdraw(emLogicalKey);
     return;
   }
+  if (departures_.cancel(emLogicalKey)) countLeaving(emLogicalKey, false);
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
     const bool asked = resolverKeyToEmLogicalKey_.has(resolverKey);
     updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
@@ -207,8 +214,25 @@ void ComposerSm::withdraw(const EmLogicalKey& emKey) {
       emKey, [&](const ResolverKey& resolverKey) { updateResolverToEmKeyColl(resolverKey, emKey, false); });
   swTableKeyConfig_.erase(emKey);
   emComposeFailure_.erase(emKey);
-  // A resource that was asked for in vain has no hardware status whose end would release it.
-  if (resolvedKeyStatus_.find(emKey) == nullptr) handleStatus(emKey);
+  if (departures_.begin(emKey)) countLeaving(emKey, true);
+}
+
+void ComposerSm::countLeaving(const EmLogicalKey& emKey, bool more) {
+  forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) {
+    const std::size_t* present = leavingCount_.find(resolverKey);
+    const std::size_t before = present == nullptr ? 0 : *present;
+    const std::size_t now = more ? before + 1 : before - 1;
+    if (now == 0) {
+      leavingCount_.del(resolverKey);
+    } else {
+      leavingCount_.is(resolverKey, now);
+    }
+  });
+}
+
+void ComposerSm::handleGone(const EmLogicalKey& emKey) {
+  countLeaving(emKey, false);
+  forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) { releaseUnused(resolverKey); });
 }
 
 void ComposerSm::updateResolverToEmKeyColl(const ResolverKey& resolverKey, const EmLogicalKey& emLogicalKey,
@@ -245,7 +269,7 @@ void ComposerSm::request(const ResolverKey& resolverKey) {
 }
 
 bool ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
-  if (resolverKeyToEmLogicalKey_.has(resolverKey) || hwStatusCount_.has(resolverKey)) return false;
+  if (resolverKeyToEmLogicalKey_.has(resolverKey) || leavingCount_.has(resolverKey)) return false;
   ResolverComposerConfig* asked = askedOf(resolverKey.tag());
   return asked != nullptr && asked->resolverRequest().del(resolverKey);
 }
@@ -339,7 +363,8 @@ void ComposerSm::handleStatus(const EmLogicalKey& emLogicalKey) {
   if (const EmHwKeyStatus* status = resolvedKeyStatus_.find(emLogicalKey)) {
     tracer().trace<8>("HW status present");
     // The outcome of another hardware key says nothing about the composed one, and keeps the resource held.
-    if (composed == nullptr || *composed != status->emHwKey) return;
+    if (composed == nullptr) return;
+    if (*composed != status->emHwKey) return emLogicalKeyStateIs(emLogicalKey, State::hwPending);
     tracer().trace<7>("status matches");
     emLogicalKeyStateIs(emLogicalKey, translateState(status->state));
     forEachResolverKey(emLogicalKey, [&](const ResolverKey& key) { maybeAckInUse(key, key.tag()); });
@@ -347,27 +372,7 @@ void ComposerSm::handleStatus(const EmLogicalKey& emLogicalKey) {
   }
   tracer().trace<8>("HW status empty");
   if (composed != nullptr) emLogicalKeyStateIs(emLogicalKey, State::hwPending);
-  forEachResolverKey(emLogicalKey, [&](const ResolverKey& key) { releaseUnused(key); });
-}
-
-void ComposerSm::countHwStatus(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt) {
-  const bool stands = statusOpt != nullptr;
-  if (stands == hwStatusStanding_.has(emKey)) return;
-  if (stands) {
-    hwStatusStanding_.is(emKey, {});
-  } else {
-    hwStatusStanding_.del(emKey);
-  }
-  forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) {
-    const std::size_t* present = hwStatusCount_.find(resolverKey);
-    const std::size_t before = present == nullptr ? 0 : *present;
-    const std::size_t count = stands ? before + 1 : before - 1;
-    if (count == 0) {
-      hwStatusCount_.del(resolverKey);
-    } else {
-      hwStatusCount_.is(resolverKey, count);
-    }
-  });
+  departures_.check(emLogicalKey);
 }
 
 void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType) {

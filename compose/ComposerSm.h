@@ -3,7 +3,8 @@
 // A composer asks for a resource under a resolver key as soon as one requested logical key needs it, composes
 // the hardware keys once the resource is resolved, and acknowledges the resolved value when the hardware
 // outcome of every logical key that uses it is known. It gives the resource back when no requested key needs
-// it and no hardware status of a key that needed it stands.
+// it and nothing is left of the keys that needed it: no hardware status, and no entry that a table holds or
+// was asked for.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "compose/Departures.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
 #include "runtime/LocalState.h"
@@ -51,7 +53,7 @@ class ResolverEmLogicalKeyColl {
 
 /// One per composer type that needs resolution. The base serves any number of resolver types; which ones, and
 /// how a key is composed, the derived class says.
-class ComposerSm : public Stage {
+class ComposerSm : public Stage, private Departures::Composer {
  public:
   /// `className` must outlive the stage.
   ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag emResolvedKeyType,
@@ -59,7 +61,7 @@ class ComposerSm : public Stage {
              Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
              Ref<const ResolverStatusDir> resolverStatusDir, std::string_view className, std::string name,
              Ref<DependencyStatus> dependencyStatus, StageControl smControl,
-             Ref<EmComposeFailure> emComposeFailure);
+             Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {});
 
   /// Whether this composer takes resources of that type.
   [[nodiscard]] virtual bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const;
@@ -159,16 +161,22 @@ class ComposerSm : public Stage {
   };
 
   void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
-  /// Counts inside the call that writes the status: a release that is decided before the status is handled
-  /// must not overlook it. It does nothing else.
-  void countHwStatus(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
+  [[nodiscard]] bool isLeaving(const EmLogicalKey& emKey) const { return departures_.has(emKey); }
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
+    return emKey.emComposerKey.tag() == composerType_;
+  }
+  void handleWritten(const EmLogicalKey& emKey, const std::uint32_t* hwKeysOpt);
   void handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
   void handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
                         const ResolutionState* state);
 
-  [[nodiscard]] bool requested(const EmLogicalKey& emKey) const {
+  [[nodiscard]] bool requested(const EmLogicalKey& emKey) const override {
     return emLogicalKeyConfig_.find(emKey) != nullptr;
   }
+  [[nodiscard]] bool hasHwStatus(const EmLogicalKey& emKey) const override {
+    return resolvedKeyStatus_.find(emKey) != nullptr;
+  }
+  void handleGone(const EmLogicalKey& emKey) override;
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
@@ -182,6 +190,8 @@ class ComposerSm : public Stage {
   void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
 
   void withdraw(const EmLogicalKey& emKey);
+  /// One more leaving key used each of the key's resources, or one less.
+  void countLeaving(const EmLogicalKey& emKey, bool more);
   /// Asks for a resource that a first key uses; it stays asked for as long as any does.
   void request(const ResolverKey& resolverKey);
   /// The places of the logical keys that use resources of a type, each in the set of its resolver key.
@@ -208,21 +218,20 @@ class ComposerSm : public Stage {
   std::map<ResolverKeyUnionTag, KeyPlaces<EmLogicalKey>> places_;
   LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;
   LocalCollection<EmLogicalKey, State> emLogicalKeyState_;
-  /// The logical keys, requested or not, whose hardware status stands, and how many of them use a resolver
-  /// key.
-  LocalCollection<EmLogicalKey, KilnPlatform::Unit> hwStatusStanding_;
-  LocalCollection<ResolverKey, std::size_t> hwStatusCount_;
+  /// Withdrawn keys of which something may be left, and how many of them used a resolver key.
+  Departures departures_;
+  LocalCollection<ResolverKey, std::size_t> leavingCount_;
 
   Input<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", &ComposerSm::handleRequestChange,
         "from( emLogicalKeyConfig.request[] ): emLogicalKey={} unitOpt={}">
       emLogicalKeyConfig_;
-  Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::countHwStatus,
-        "from( resolvedKeyStatus.resolvedKeyStatus[] ): counted emLogicalKey={} statusOpt={}",
-        Reaction::immediate>
-      hwStatusCounter_;
   Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::handleStatusChange,
         "from( resolvedKeyStatus.resolvedKeyStatus[] ): emLogicalKey={} statusOpt={}">
       resolvedKeyStatus_;
+  std::optional<Input<EmWrittenKeys::writtenAttr, "emWrittenKeys", &ComposerSm::handleWritten,
+                      "from( emWrittenKeys.written[] ): emLogicalKey={} hwKeysOpt={}", Reaction::queued,
+                      &ComposerSm::isLeaving, &ComposerSm::isOwn>>
+      emWrittenKeys_;
   NestedInput<ResolverStatusDir::resolverStatusAttr, ResolverStatus::statusAttr, "resolverStatusDir",
               &ComposerSm::handleResolution,
               "from( resolverStatusDir.resolverStatus[].status[] ): resolverType={} resolverKey={} state={}">

@@ -31,6 +31,6 @@ Ref<Isem1TagComposerSm> isem1TagComposerSmFactory(
     Ref<const EmLogicalKeyConfig> emLogicalKeyConfig, Ref<SwTableKeyConfig> swTableKeyConfig,
     Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
     Ref<const ResolverStatusDir> resolverStatusDir, std::string name, Ref<DependencyStatus> dependencyStatus,
-    StageControl smControl, Ref<EmComposeFailure> emComposeFailure);
+    StageControl smControl, Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {});
 
 }  // namespace KilnEmServer

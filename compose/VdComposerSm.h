@@ -24,12 +24,12 @@ class VdComposerSm : public ComposerSm {
                Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
                Ref<const ResolverStatusDir> resolverStatusDir, std::string name,
                Ref<DependencyStatus> dependencyStatus, StageControl smControl,
-               Ref<EmComposeFailure> emComposeFailure)
+               Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {})
       : ComposerSm(EmComposerKey::tagOf<ComposerKey>(), EmResolvedKey::tagOf<typename Traits::EntryKey>(),
                    std::move(emLogicalKeyConfig), std::move(swTableKeyConfig), std::move(resolvedKeyStatus),
                    std::move(resolverConfigDir), std::move(resolverStatusDir), Traits::kClassName,
                    std::move(name), std::move(dependencyStatus), std::move(smControl),
-                   std::move(emComposeFailure)) {}
+                   std::move(emComposeFailure), std::move(traces)) {}
 
   [[nodiscard]] bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const override {
     return resolverType == ResolverKeyUnionTag::vd;

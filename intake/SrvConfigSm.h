@@ -11,6 +11,7 @@
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
 #include "runtime/Output.h"
+#include "runtime/RequestAdmission.h"
 #include "runtime/Stage.h"
 
 namespace KilnEmServer {
@@ -52,8 +53,7 @@ class SrvConfigSm : public Stage {
 
  private:
   void handleConfig0(const FeatureType& feature, const RequestKey& key, const Request* entryOpt);
-  [[nodiscard]] bool ofThisDatabase(const EmLogicalKey& logicalKey) const;
-  [[nodiscard]] bool ofOneScope(const EmLogicalKey& logicalKey) const;
+  void traceLeftOut(Admission why, const EmLogicalKey& logicalKey) const;
 
   static constexpr auto kFrom =
       "Line 26: from( configByFeature." + Db::kPrefix + "Config[].config[] ): feature={} key={} entryOpt={}";
@@ -77,39 +77,35 @@ SrvConfigSm<Db>::SrvConfigSm(std::string_view className, Ref<const ByFeature> co
 template <class Db>
 void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey& key,
                                     const Request* entryOpt) {
-  using KilnTunnelNiLib::RequestKind;
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
   expectFurtherOn(logicalKey);
   expectFurtherOn(key);
-  const bool admitted =
-      entryOpt != nullptr && ofThisDatabase(logicalKey) && ofOneScope(logicalKey) &&
-      (entryOpt->requestKind == RequestKind::add || entryOpt->requestKind == RequestKind::modify);
-  if (admitted) {
+  const Admission admission =
+      entryOpt == nullptr ? Admission::admitted : admissionOf<Db>(key, entryOpt->requestKind);
+  if (entryOpt != nullptr && admission == Admission::admitted) {
     emSrvConfig_.insert(logicalKey, {entryOpt->clientData.*Db::kEntryOfClientData, entryOpt->requestVersion});
   } else {
+    if (admission != Admission::admitted) traceLeftOut(admission, logicalKey);
     emSrvConfig_.erase(logicalKey);
   }
   rememberLogicalKey(key, logicalKey);
 }
 
 template <class Db>
-bool SrvConfigSm<Db>::ofThisDatabase(const EmLogicalKey& logicalKey) const {
-  const EmComposerKeyUnionTag composerType = logicalKey.emComposerKey.tag();
-  if (composerType != EmComposerKeyUnionTag::undefined_ && emTypeOf(composerType) == Db::kEmType) return true;
-  tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}", name(),
-                             Db::kEmType, logicalKey);
-  return false;
-}
-
-// What asks for all chips but one core, or the reverse, has no place in any table.
-template <class Db>
-bool SrvConfigSm<Db>::ofOneScope(const EmLogicalKey& logicalKey) const {
-  const bool allFaps = logicalKey.fapId == Hardware::Kiln::FapId::allFap();
-  const bool allCores = logicalKey.localCoreId == Hardware::Kiln::LocalCoreId::all();
-  if (allFaps == allCores) return true;
-  tracer().template trace<0>("{}: request left out, only one of its chip and core is all: {}", name(),
-                             logicalKey);
-  return false;
+void SrvConfigSm<Db>::traceLeftOut(Admission why, const EmLogicalKey& logicalKey) const {
+  switch (why) {
+    case Admission::otherDatabase:
+      return tracer().template trace<0>("{}: request left out, its key is not one of the {} database: {}",
+                                        name(), Db::kEmType, logicalKey);
+    case Admission::mixedScope:
+      return tracer().template trace<0>("{}: request left out, only one of its chip and core is all: {}",
+                                        name(), logicalKey);
+    case Admission::unknownKind:
+      return tracer().template trace<0>("{}: request left out, its kind is unknown: {}", name(), logicalKey);
+    case Admission::held:
+    case Admission::admitted:
+      return;
+  }
 }
 
 }  // namespace KilnEmServer

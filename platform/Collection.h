@@ -25,6 +25,10 @@ class KeySubscriber {
   virtual void handleChange(const K& key) = 0;
   /// Whether keys of a channel are wanted; asked when subscribing. Others may be told all the same.
   [[nodiscard]] virtual bool wantsChannel(std::size_t /*channel*/) const { return true; }
+  /// A key of a channel that is not wanted changed, while filters are traced: may trace that, and do no more.
+  virtual void traceUnwanted(const K& /*key*/) const {}
+  /// Whether a change of the key was notified and is not handled yet.
+  [[nodiscard]] virtual bool changeWaits(const K& /*key*/) const { return false; }
 
  protected:
   ~KeySubscriber() = default;

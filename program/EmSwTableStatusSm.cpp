@@ -41,30 +41,51 @@ void EmSwTableStatusSm::remove(const EmLogicalKey& logicalKey, const EmHwKey& sw
     otherHwKeys_.del(logicalKey, swTableKey);
     return;
   }
-  while (const EmHwKey* other = otherHwKeys_.last(logicalKey)) {
-    const EmHwKey next = *other;
-    otherHwKeys_.del(logicalKey, next);
-    const EmSwTableStatusEntry* status = emSwTableStatus_.find(next);
-    // One that went, or that names another owner by now, has its own event still to come.
-    if (status != nullptr && status->emLogicalKeyAndEntry.emLogicalKey == logicalKey) {
-      tracer().trace<8>("{} keeps the status of {}", logicalKey, next);
-      publish(logicalKey, next, *status);
-      return;
-    }
+  const std::optional<EmHwKey> other = latestOther(logicalKey);
+  if (!other) return emLogicalKeyToStatus_.erase(logicalKey);
+  tracer().trace<8>("{} keeps the status of {}", logicalKey, *other);
+  otherHwKeys_.del(logicalKey, *other);
+  publish(logicalKey, *other, *emSwTableStatus_.find(*other));
+}
+
+const EmSwTableStatusEntry* EmSwTableStatusSm::statusAbout(const EmLogicalKey& logicalKey,
+                                                           const EmHwKey& swTableKey) const {
+  const EmSwTableStatusEntry* status = emSwTableStatus_.find(swTableKey);
+  const bool about = status != nullptr && status->emLogicalKeyAndEntry.emLogicalKey == logicalKey;
+  return about ? status : nullptr;
+}
+
+// One without a status about the logical key has its own event still to come.
+std::optional<EmHwKey> EmSwTableStatusSm::latestOther(const EmLogicalKey& logicalKey) const {
+  const auto* others = otherHwKeys_.find(logicalKey);
+  if (others == nullptr) return std::nullopt;
+  std::optional<EmHwKey> latest;
+  std::uint32_t answer = 0;
+  for (const EmHwKey& other : *others) {
+    const EmSwTableStatusEntry* status = statusAbout(logicalKey, other);
+    if (status == nullptr || (latest && isBefore(status->answer, answer))) continue;
+    latest = other;
+    answer = status->answer;
   }
-  emLogicalKeyToStatus_.erase(logicalKey);
+  return latest;
 }
 
 void EmSwTableStatusSm::insert(const EmLogicalKey& owner, const EmHwKey& swTableKey,
                                const EmSwTableStatusEntry& status) {
   const KeyUse<EmLogicalKey> use(owner);
   const EmLogicalKey& logicalKey = use.key();
-  if (const EmRequestStatus* published = emLogicalKeyToStatus_.find(logicalKey)) {
+  const EmRequestStatus* published = emLogicalKeyToStatus_.find(logicalKey);
+  if (published != nullptr && published->emSwTableKeyFapCore != swTableKey) {
     const EmHwKey previous = published->emSwTableKeyFapCore;
-    const EmLogicalKey* before = previous == swTableKey ? nullptr : cacheAttr0_.find(previous);
-    if (before != nullptr && *before == logicalKey) otherHwKeys_.add(logicalKey, previous);
-    otherHwKeys_.del(logicalKey, swTableKey);
+    const EmSwTableStatusEntry* before = statusAbout(logicalKey, previous);
+    if (before != nullptr && isBefore(status.answer, before->answer)) {
+      otherHwKeys_.add(logicalKey, swTableKey);
+      return;
+    }
+    const EmLogicalKey* filed = cacheAttr0_.find(previous);
+    if (filed != nullptr && *filed == logicalKey) otherHwKeys_.add(logicalKey, previous);
   }
+  otherHwKeys_.del(logicalKey, swTableKey);
   publish(logicalKey, swTableKey, status);
 }
 
@@ -90,11 +111,6 @@ void EmSwTableStatusSm::OtherHwKeys::del(const EmLogicalKey& logicalKey, const E
   if (keys == nullptr) return;
   remove(*keys, hwKey);
   if (keys->empty()) keys_.del(logicalKey);
-}
-
-const EmHwKey* EmSwTableStatusSm::OtherHwKeys::last(const EmLogicalKey& logicalKey) const {
-  const HwKeys* keys = keys_.size() == 0 ? nullptr : keys_.find(logicalKey);
-  return keys == nullptr ? nullptr : &keys->back();
 }
 
 Ref<EmSwTableStatusSm> emSwTableStatusSmFactory(Ref<const EmSwTableStatus> emSwTableStatus,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <boost/container/small_vector.hpp>
+#include <optional>
 #include <string>
 
 #include "runtime/EmCollections.h"
@@ -12,8 +13,9 @@
 
 namespace KilnEmServer {
 
-/// A logical key that moves between hardware keys has, for a while, a status under more than one. What is
-/// published is the one that was written last; when it goes, another one that still stands takes its place.
+/// A logical key that moves between hardware keys has, for a while, a status under more than one. The one
+/// that the table answered last is published, in whatever order the changes are handled; when it is removed,
+/// the latest of those that are left takes its place.
 class EmSwTableStatusSm final : public Stage {
  public:
   EmSwTableStatusSm(Ref<const EmSwTableStatus> emSwTableStatus,
@@ -32,14 +34,15 @@ class EmSwTableStatusSm final : public Stage {
     explicit OtherHwKeys(Stage& stage) : LocalState(stage, "otherHwKeys") {}
     void add(const EmLogicalKey& logicalKey, const EmHwKey& hwKey);
     void del(const EmLogicalKey& logicalKey, const EmHwKey& hwKey);
-    /// The one that was added last, or null; valid until the next change.
-    [[nodiscard]] const EmHwKey* last(const EmLogicalKey& logicalKey) const;
+    using HwKeys = boost::container::small_vector<EmHwKey, 1>;
+    /// Those of a logical key, or null; valid until the next change.
+    [[nodiscard]] const HwKeys* find(const EmLogicalKey& logicalKey) const {
+      return keys_.size() == 0 ? nullptr : keys_.find(logicalKey);
+    }
     [[nodiscard]] std::size_t size() const override { return keys_.size(); }
     void clear() override { keys_.clear(); }
 
    private:
-    /// Mostly one: a key that moves leaves one hardware key behind.
-    using HwKeys = boost::container::small_vector<EmHwKey, 1>;
     static void remove(HwKeys& keys, const EmHwKey& hwKey);
 
     LocalMap<EmLogicalKey, HwKeys> keys_;
@@ -48,6 +51,11 @@ class EmSwTableStatusSm final : public Stage {
   void handleStatus(const EmHwKey& swTableKey, const EmSwTableStatusEntry* statusOpt);
   void remove(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey);
   void insert(const EmLogicalKey& owner, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
+  /// The status of a hardware key, if it is about the logical key.
+  [[nodiscard]] const EmSwTableStatusEntry* statusAbout(const EmLogicalKey& logicalKey,
+                                                        const EmHwKey& swTableKey) const;
+  /// Of the other hardware keys the one that the table answered about last; nothing where none has a status.
+  [[nodiscard]] std::optional<EmHwKey> latestOther(const EmLogicalKey& logicalKey) const;
   void publish(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
 
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableStatusSm::handleStatus,

@@ -11,7 +11,8 @@ namespace KilnEmServer {
 EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
                                      Ref<const EmSwTableConfig> emSwTableConfig,
                                      Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-                                     Ref<DependencyStatus> dependencyStatus, StageControl control)
+                                     Ref<DependencyStatus> dependencyStatus, StageControl control,
+                                     SwTableWriterOptions options)
     : Stage("EmSwTableWriterSm", std::move(name), std::move(dependencyStatus), std::move(control),
             "from( this.ready )"),
       emResolvedKeyType_(emResolvedKeyType),
@@ -19,7 +20,10 @@ EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
       leftStatus_(*this, emSwTableStatus),
       emSwTableStatus_(std::move(emSwTableStatus)),
       keyLatestWriteVersion_(*this, "keyLatestWriteVersion"),
-      keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion") {
+      keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion"),
+      writtenKeys_(*this, options.emWrittenKeys),
+      emWrittenKeys_(std::move(options.emWrittenKeys)) {
+  if (options.retriesRefused) refusedKeys_.emplace(*this, static_cast<RefusedKeys::Retrying&>(*this));
   KeySpace<EmHwKey>::instance().followerIs(*this);
 }
 
@@ -48,17 +52,25 @@ void EmSwTableWriterSm::handleInitialized() {
 }
 
 void EmSwTableWriterSm::handleDeleteAll() {
-  std::vector<EmHwKey> written;
-  KilnPlatform::forEachIn(emSwTableStatus_->status(), [&](const EmHwKey& hwKey, const EmSwTableStatusEntry&) {
-    if (isOwn(hwKey)) written.push_back(hwKey);
+  const auto deleteOwn = [](auto& collection, auto isOwnKey) {
+    using Key = typename std::decay_t<decltype(collection)>::Key;
+    KilnPlatform::ScanCursor<Key> cursor;
+    while (const Key* key = collection.scanNext(cursor)) {
+      if (isOwnKey(*key)) collection.del(Key(*key));
+    }
+  };
+  deleteOwn(emSwTableStatus_->status(), [this](const EmHwKey& hwKey) { return isOwn(hwKey); });
+  if (emWrittenKeys_ == nullptr) return;
+  deleteOwn(emWrittenKeys_->written(), [this](const EmLogicalKey& key) {
+    return static_cast<int>(key.emComposerKey.tag()) == static_cast<int>(emResolvedKeyType_);
   });
-  for (const EmHwKey& hwKey : written) emSwTableStatus_->statusDel(hwKey);
 }
 
 // --- Requests ----------------------------------------------------------------------------------------------
 
 void EmSwTableWriterSm::handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry) {
   if (!isOwn(hwKey)) return;
+  if (refusedKeys_) refusedKeys_->forget(hwKey);
   if (!fapCoreConvergent(hwKey)) {
     handleDivergent(hwKey, logicalKeyAndEntry);
   } else if (logicalKeyAndEntry == nullptr) {
@@ -84,73 +96,112 @@ void EmSwTableWriterSm::handleDivergent(const EmHwKey& hwKey,
   }
 }
 
+EmSwTableWriterSm::Issued EmSwTableWriterSm::issue(std::uint32_t version) {
+  return {version, ++operations_, departures_};
+}
+
 void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
-  const std::uint32_t version = keyLatestDeleteVersion_.issue(hwKey);
+  const Issued issued = issue(keyLatestDeleteVersion_.issue(hwKey));
   tracer().trace<9>("{} del {}", name(), hwKey);
   try {
-    deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, version](const EntryHandleRef& handle) {
-      if (const auto self = writer.lock()) self->handleDeleteResponse(handle->entryState(), hwKey, version);
+    deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, issued](const EntryHandleRef& handle) {
+      if (const auto self = writer.lock()) self->handleDeleteResponse(handle->entryState(), hwKey, issued);
     });
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: delete of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
-    handleDeleteResponse(Asic::SwTableBase::success(), hwKey, version);
+    handleDeleteResponse(Asic::SwTableBase::success(), hwKey, issued);
   }
+  tellOperation();
 }
 
 void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry) {
-  const std::uint32_t version = keyLatestWriteVersion_.issue(hwKey);
+  const Issued issued = issue(keyLatestWriteVersion_.issue(hwKey));
   tracer().trace<9>("{} add {}", name(), hwKey);
+  writtenKeys_.written(hwKey, logicalKeyAndEntry.emLogicalKey, issued.operation);
   try {
     writeTableEntry(
         hwKey, logicalKeyAndEntry.emEntry.emEntry,
-        [writer = weak_from_this(), hwKey, logicalKeyAndEntry, version](const EntryHandleRef& handle) {
+        [writer = weak_from_this(), hwKey, logicalKeyAndEntry, issued](const EntryHandleRef& handle) {
           if (const auto self = writer.lock())
-            self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, version);
+            self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, issued);
         });
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: write of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
-    removeUnwritable(hwKey, logicalKeyAndEntry, version);
+    removeUnwritable(hwKey, logicalKeyAndEntry, issued);
   }
+  tellOperation();
 }
 
 // What an earlier write left under the key is wanted no more.
 void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
-                                         std::uint32_t version) {
+                                         const Issued& issued) {
   try {
     deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, logicalKeyAndEntry,
-                             version](const EntryHandleRef& /*handle*/) {
-      if (const auto self = writer.lock())
-        self->handleWriteResponse(EntryState::refused_, hwKey, logicalKeyAndEntry, version);
+                             issued](const EntryHandleRef& /*handle*/) {
+      const auto self = writer.lock();
+      if (self == nullptr) return;
+      self->takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
+      self->noteRemovalAnswered();
     });
   } catch (const std::range_error&) {
-    handleWriteResponse(EntryState::refused_, hwKey, logicalKeyAndEntry, version);
+    takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
   }
+}
+
+void EmSwTableWriterSm::retry(const EmHwKey& hwKey) {
+  const EmLogicalKeyAndEntry* wanted = emSwTableConfig_.find(hwKey);
+  if (wanted == nullptr) return;  // its removal waits to be handled
+  tracer().trace<8>("{} is written again", hwKey);
+  requestWrite(hwKey, EmLogicalKeyAndEntry(*wanted));
+}
+
+void EmSwTableWriterSm::retryRefused() {
+  if (!refusedKeys_) return;
+  ++departures_;
+  refusedKeys_->allDue();
+}
+
+void EmSwTableWriterSm::tellOperation() const {
+  for (Asic::ChangeSubscriber* subscriber : operationSubscribers_) subscriber->handleChange();
 }
 
 // --- Answers -----------------------------------------------------------------------------------------------
 
-void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey& answered,
+void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                                             const EmLogicalKeyAndEntry& logicalKeyAndEntry,
-                                            std::uint32_t version) {
+                                            const Issued& issued) {
+  const bool success = entryState == Asic::SwTableBase::success();
+  const bool taken = takeWriteAnswer(success, hwKey, logicalKeyAndEntry, issued);
+  if (taken && !success && refusedKeys_) refusedKeys_->add(hwKey, issued.departures != departures_);
+}
+
+bool EmSwTableWriterSm::takeWriteAnswer(bool success, const EmHwKey& answered,
+                                        const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                                        const Issued& issued) {
   const KilnPlatform::RunningStageScope scope(name());
   const KeyUse<EmHwKey> use(answered);
   const EmHwKey& hwKey = use.key();
-  tracer().trace<8>("{}", version);
-  if (keyLatestWriteVersion_.latest(hwKey) == version && emSwTableConfig_.find(hwKey) != nullptr) {
+  tracer().trace<8>("{}", issued.version);
+  writtenKeys_.answered(hwKey, issued.operation, success);
+  const bool taken =
+      keyLatestWriteVersion_.latest(hwKey) == issued.version && emSwTableConfig_.find(hwKey) != nullptr;
+  if (taken) {
     writeStatus(hwKey, logicalKeyAndEntry,
-                entryState == Asic::SwTableBase::success() ? EmHwKeyStatus::State::hwSuccess
-                                                           : EmHwKeyStatus::State::hwFail);
+                success ? EmHwKeyStatus::State::hwSuccess : EmHwKeyStatus::State::hwFail);
   } else {
     tracer().trace<8>("another write in-flight");
   }
+  tellOperation();
+  return taken;
 }
 
 void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey,
-                                             std::uint32_t version) {
+                                             const Issued& issued) {
   const KilnPlatform::RunningStageScope scope(name());
   KILN_ASSERT_MESSAGE(entryState == Asic::SwTableBase::success(),
                       "entryState == Asic::SwTableBase::success()");
-  const bool newest = keyLatestDeleteVersion_.latest(hwKey) == version;
+  writtenKeys_.answered(hwKey, issued.operation, false);
+  const bool newest = keyLatestDeleteVersion_.latest(hwKey) == issued.version;
   if (newest) keyLatestDeleteVersion_.del(hwKey);  // no answer that is still to come can be for a newer one
   if (newest && emSwTableConfig_.find(hwKey) == nullptr) {
     emSwTableStatus_->statusDel(hwKey);
@@ -158,11 +209,21 @@ void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKe
   } else {
     tracer().trace<8>("another write in-flight");
   }
+  noteRemovalAnswered();
+  tellOperation();
 }
 
+void EmSwTableWriterSm::noteRemovalAnswered() {
+  if (!refusedKeys_) return;
+  ++departures_;
+  refusedKeys_->removalAnswered();
+}
+
+// An answer counts also where it says the same as the one before: what was answered last under any of its
+// hardware keys is what a logical key is told.
 void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                     EmHwKeyStatus::State state) {
-  emSwTableStatus_->statusIs(hwKey, {logicalKeyAndEntry, state});
+  emSwTableStatus_->statusAgain(hwKey, {logicalKeyAndEntry, state, ++answers_});
 }
 
 std::uint32_t EmSwTableWriterSm::Versions::issue(const EmHwKey& hwKey) {

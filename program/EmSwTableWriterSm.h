@@ -3,9 +3,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Asic.h"
+#include "program/RefusedKeys.h"
+#include "program/WrittenKeys.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
 #include "runtime/LocalState.h"
@@ -13,12 +17,23 @@
 
 namespace KilnEmServer {
 
+/// What a writer does beyond writing.
+struct SwTableWriterOptions {
+  /// Writes that the table refused and that are still wanted are written again: the first refused first, one
+  /// each time that the table has answered a removal, and all of them once when retryRefused() is called.
+  /// Without it a refused write stays refused until its hardware key's wanted content changes.
+  bool retriesRefused = false;
+  /// Where to publish for which logical keys the table holds entries, or may come to; null for nowhere.
+  Ref<EmWrittenKeys> emWrittenKeys;
+};
+
 /// The base of the eight table writers. Every writer sees every key of the shared configuration and keeps
 /// only those of its own table. A newer request for a key supersedes an outstanding one; the older one's
-/// answer is recognised by its version and dropped. A failed write is not retried.
+/// answer is recognised by its version and dropped.
 class EmSwTableWriterSm : public Stage,
                           public KeyFollower<EmHwKey>,
-                          public std::enable_shared_from_this<EmSwTableWriterSm> {
+                          public std::enable_shared_from_this<EmSwTableWriterSm>,
+                          private RefusedKeys::Retrying {
  public:
   using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
   using EntryState = Asic::SwTableBase::EntryState;
@@ -36,6 +51,15 @@ class EmSwTableWriterSm : public Stage,
   /// Number of entries that this writer's table holds on that FAP and core.
   [[nodiscard]] virtual std::uint32_t numEntries(Hardware::Kiln::FapId fapId,
                                                  Hardware::Kiln::LocalCoreId localCoreId) const;
+  /// Reconciliation has completed: refused writes are written again, each once, also those whose refusal is
+  /// not known yet.
+  void retryRefused();
+  /// Subscribers are told after each operation that the table was asked for, and after each answer; they must
+  /// stay alive until removed.
+  void subscribe(Asic::ChangeSubscriber& subscriber) const { operationSubscribers_.push_back(&subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const {
+    std::erase(operationSubscribers_, &subscriber);
+  }
   /// A request for the key will be handled soon. What its table has under it is fetched ahead.
   void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
   void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
@@ -43,7 +67,8 @@ class EmSwTableWriterSm : public Stage,
  protected:
   EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType, Ref<const EmSwTableConfig> emSwTableConfig,
                     Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-                    Ref<DependencyStatus> dependencyStatus, StageControl control);
+                    Ref<DependencyStatus> dependencyStatus, StageControl control,
+                    SwTableWriterOptions options);
 
   void handleInitialized() override;
   void handleDeleteAll() override;
@@ -51,6 +76,12 @@ class EmSwTableWriterSm : public Stage,
   virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
 
  private:
+  /// One operation that the table was asked for.
+  struct Issued {
+    std::uint32_t version = 0;      ///< among its hardware key's operations of the same kind
+    OperationNumber operation = 0;  ///< among all of this writer
+    std::uint32_t departures = 0;   ///< of removals that had been answered when it was issued
+  };
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
     return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
   }
@@ -59,11 +90,18 @@ class EmSwTableWriterSm : public Stage,
   void handleDivergent(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
   void requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry);
   void removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
-                        std::uint32_t version);
+                        const Issued& issued);
   void requestDelete(const EmHwKey& hwKey);
-  void handleWriteResponse(EntryState entryState, const EmHwKey& answered,
-                           const EmLogicalKeyAndEntry& logicalKeyAndEntry, std::uint32_t version);
-  void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, std::uint32_t version);
+  void retry(const EmHwKey& hwKey) override;
+  [[nodiscard]] Issued issue(std::uint32_t version);
+  void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
+                           const EmLogicalKeyAndEntry& logicalKeyAndEntry, const Issued& issued);
+  /// True where the answer is for the latest write of a key that is still wanted, and so took effect.
+  bool takeWriteAnswer(bool success, const EmHwKey& answered, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                       const Issued& issued);
+  void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, const Issued& issued);
+  void noteRemovalAnswered();
+  void tellOperation() const;
   void writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                    EmHwKeyStatus::State state);
 
@@ -94,6 +132,13 @@ class EmSwTableWriterSm : public Stage,
   Ref<EmSwTableStatus> emSwTableStatus_;
   Versions keyLatestWriteVersion_;
   Versions keyLatestDeleteVersion_;
+  WrittenKeys writtenKeys_;
+  Ref<EmWrittenKeys> emWrittenKeys_;
+  OperationNumber operations_ = 0;
+  std::uint32_t answers_ = 0;     ///< that took effect on a status
+  std::uint32_t departures_ = 0;  ///< answered removals, and the end of reconciliation
+  std::optional<RefusedKeys> refusedKeys_;
+  mutable std::vector<Asic::ChangeSubscriber*> operationSubscribers_;
 };
 
 }  // namespace KilnEmServer

@@ -15,6 +15,7 @@ class EsemFodoSwTableWriter final
 
 Ref<EsemFodoSwTableWriter> esemFodoSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::EsemFodoKilnSwTable> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::EsemFodoKilnSwTable> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

@@ -16,6 +16,7 @@ class EsemFodoVdSwTableWriter final
 
 Ref<EsemFodoVdSwTableWriter> esemFodoVdSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::EsemFodoVdKilnInterface> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::EsemFodoVdKilnInterface> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

@@ -16,6 +16,7 @@ class Isem1TagSwTableWriter final
 
 Ref<Isem1TagSwTableWriter> isem1TagSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::Isem1TagKilnInterface> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::Isem1TagKilnInterface> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

@@ -16,6 +16,7 @@ class Isem2TagSwTableWriter final
 
 Ref<Isem2TagSwTableWriter> isem2TagSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::Isem2TagKilnInterface> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::Isem2TagKilnInterface> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

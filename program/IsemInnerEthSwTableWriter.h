@@ -16,6 +16,7 @@ class IsemInnerEthSwTableWriter final
 
 Ref<IsemInnerEthSwTableWriter> isemInnerEthSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::IsemInnerEthKilnInterface> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::IsemInnerEthKilnInterface> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

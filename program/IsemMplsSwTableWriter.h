@@ -16,6 +16,7 @@ class IsemMplsSwTableWriter final
 
 Ref<IsemMplsSwTableWriter> isemMplsSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::IsemMplsKilnInterface> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::IsemMplsKilnInterface> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

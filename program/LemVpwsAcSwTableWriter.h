@@ -15,6 +15,7 @@ class LemVpwsAcSwTableWriter final : public SwTableWriter<EmResolvedKeyUnionTag:
 
 Ref<LemVpwsAcSwTableWriter> lemVpwsAcSwTableWriterFactory(
     Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus, std::string name,
-    Ref<DependencyStatus> dependencyStatus, Ref<Asic::LemVpwsAcKilnSwTable> table, StageControl control);
+    Ref<DependencyStatus> dependencyStatus, Ref<Asic::LemVpwsAcKilnSwTable> table, StageControl control,
+    SwTableWriterOptions options = {});
 
 }  // namespace KilnEmServer

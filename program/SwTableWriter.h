@@ -63,9 +63,9 @@ class SwTableWriter : public EmSwTableWriterSm {
 
   SwTableWriter(Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus,
                 std::string name, Ref<DependencyStatus> dependencyStatus, Ref<Held> held,
-                StageControl control)
+                StageControl control, SwTableWriterOptions options = {})
       : EmSwTableWriterSm(tag, std::move(emSwTableConfig), std::move(emSwTableStatus), std::move(name),
-                          std::move(dependencyStatus), std::move(control)),
+                          std::move(dependencyStatus), std::move(control), std::move(options)),
         holder_(std::move(held)) {}
 
   void writeTableEntry(const EmHwKey& hwKey, const EmEntry& entry, ResponseHandler handler) override {

@@ -62,6 +62,14 @@ class SubscriberList {
     const KeyUse<K> changed = KeyUse<K>::another(keys, handle);
     notifyOf(*lists_, changed.key());
   }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const {
+    if (lists_ == nullptr) return false;
+    const List& told = lists_->told[KeyChannels<K>::of(key)];
+    return std::any_of(told.begin(), told.end(), [&](const KeySubscriber<K>* subscriber) {
+      return subscriber != nullptr && subscriber->changeWaits(key);
+    });
+  }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetAll() { lists_.reset(); }
 
@@ -76,12 +84,20 @@ class SubscriberList {
   };
 
   static void notifyOf(Lists& lists, const K& key) {
-    // Who does not want a channel says so in a detailed trace.
-    List& told = lists.told[TraceFacility::detailed() ? kAll : KeyChannels<K>::of(key)];
+    List& told = lists.told[KeyChannels<K>::of(key)];
+    if (TraceFacility::detailed()) [[unlikely]]
+      traceUnwanted(lists, told, key);
     if (told.size() == 1) {  // as mostly: nothing is looked at after the call
       if (told.front() != nullptr) told.front()->handleChange(key);
     } else if (!told.empty()) {
       notifyAll(lists, told, key);
+    }
+  }
+  [[gnu::cold]] [[gnu::noinline]] static void traceUnwanted(const Lists& lists, const List& told,
+                                                            const K& key) {
+    for (const KeySubscriber<K>* subscriber : lists.told[kAll]) {
+      const bool wanted = std::find(told.begin(), told.end(), subscriber) != told.end();
+      if (subscriber != nullptr && !wanted) subscriber->traceUnwanted(key);
     }
   }
   [[gnu::noinline]] static void notifyAll(Lists& lists, const List& told, const K& key) {
@@ -137,6 +153,14 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
+  /// Writes a value and notifies, also where an equal one is stored: for values with parts that do not count.
+  void isAgain(const K& key, const V& value) {
+    if (is(key, value)) return;
+    const auto handle = keys_.find(key);
+    *values_.find(handle) = value;
+    subscribers_.notify(keys_, handle);
+  }
+
   bool del(const K& key) override {
     const auto handle = keys_.find(key);
     if (handle == KeySpace<K>::kNone || values_.find(handle) == nullptr) return false;
@@ -166,6 +190,8 @@ class ColumnCollection final : public KeyedCollection<K, V> {
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
@@ -247,6 +273,8 @@ class DenseCollection final : public KeyedCollection<K, V> {
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
@@ -293,6 +321,14 @@ class OrderedCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
+  /// Writes a value and notifies, also where an equal one is stored: for values with parts that do not count.
+  void isAgain(const K& key, const V& value) {
+    if (is(key, value)) return;
+    const K changed = key;
+    entries_.find(key)->second = value;
+    subscribers_.notify(changed);
+  }
+
   bool del(const K& key) override {
     const K deleted = key;
     if (entries_.erase(key) == 0) return false;
@@ -309,6 +345,8 @@ class OrderedCollection final : public KeyedCollection<K, V> {
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
   /// Forgets every subscriber without telling it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 

@@ -175,6 +175,16 @@ class EmConflictStatus {
 /// What the tables answered, per hardware key.
 class EmSwTableStatus {
   KILN_COLLECTION(EmSwTableStatus, status, EmHwKey, EmSwTableStatusEntry)
+
+  /// Writes a status and notifies, also where an equal one is stored: a later answer.
+  void statusAgain(const EmHwKey& key, const EmSwTableStatusEntry& value) { status_.isAgain(key, value); }
+};
+
+/// The logical keys for which a table holds an entry, or was asked to write one and has not answered about a
+/// later operation; each with the number of hardware keys for which that is so, above 0. Only keys whose
+/// composer needs resources are listed.
+class EmWrittenKeys {
+  KILN_COLLECTION(EmWrittenKeys, written, EmLogicalKey, std::uint32_t)
 };
 
 /// One status per logical key.
@@ -213,6 +223,7 @@ KILN_ENTITY_FACTORY(EmMergedEntry, emMergedEntryFactory)
 KILN_ENTITY_FACTORY(EmSwTableConfig, emSwTableConfigFactory)
 KILN_ENTITY_FACTORY(EmConflictStatus, emConflictStatusFactory)
 KILN_ENTITY_FACTORY(EmSwTableStatus, emSwTableStatusFactory)
+KILN_ENTITY_FACTORY(EmWrittenKeys, emWrittenKeysFactory)
 KILN_ENTITY_FACTORY(EmLogicalKeyToStatus, emLogicalKeyToStatusFactory)
 #undef KILN_ENTITY_FACTORY
 

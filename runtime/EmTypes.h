@@ -1,6 +1,7 @@
 // The values that travel between stages.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <cstddef>
@@ -135,7 +136,16 @@ struct EmRequestStatus {
 struct EmSwTableStatusEntry {
   EmLogicalKeyAndEntry emLogicalKeyAndEntry;
   EmHwKeyStatus::State status = EmHwKeyStatus::State::hwPending;
-  KILN_VALUE(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
+  /// Orders the statuses of one table in time, modulo 2^32. It is not part of the value.
+  std::uint32_t answer = 0;
+
+  friend bool operator==(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
+    return a.status == b.status && a.emLogicalKeyAndEntry == b.emLogicalKeyAndEntry;
+  }
+  friend auto operator<=>(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
+    return std::tie(a.emLogicalKeyAndEntry, a.status) <=> std::tie(b.emLogicalKeyAndEntry, b.status);
+  }
+  KILN_VALUE_FIELDS(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
 };
 
 /// What kind of resource a composer key needs before it can be composed.
@@ -248,19 +258,20 @@ struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
 
 namespace KilnPlatform {
 
-/// By feature and composer type.
+/// By feature and composer type. Features without a name share the last channel of each type.
 template <>
 struct KeyChannels<KilnEmServer::EmLogicalKey> {
   static constexpr std::size_t kTypes = EnumNames<KilnEmServer::EmComposerKeyUnionTag>::kNames.size();
-  static constexpr std::size_t kFeatures = 16;
-  static constexpr std::size_t kCount = kTypes * kFeatures;
+  static constexpr std::size_t kUnnamed =
+      EnumNames<KilnEmServer::FeatureType>::kFirst + EnumNames<KilnEmServer::FeatureType>::kNames.size();
+  static constexpr std::size_t kCount = kTypes * (kUnnamed + 1);
   static std::size_t of(const KilnEmServer::EmLogicalKey& key) {
-    return static_cast<std::size_t>(key.featureType) % kFeatures * kTypes +
+    return std::min(static_cast<std::size_t>(key.featureType), kUnnamed) * kTypes +
            static_cast<std::size_t>(key.emComposerKey.tag());
   }
   static std::size_t groupOf(std::size_t channel) { return channel % kTypes; }
-  /// Whether keys of a channel have a composer type.
-  static bool known(std::size_t channel) { return channel % kTypes != 0; }
+  /// Whether keys of a channel have a composer type and one feature.
+  static bool known(std::size_t channel) { return channel % kTypes != 0 && channel / kTypes != kUnnamed; }
   /// Some key of a channel.
   static KilnEmServer::EmLogicalKey example(std::size_t channel) {
     const auto tag = static_cast<KilnEmServer::EmComposerKeyUnionTag>(channel % kTypes);

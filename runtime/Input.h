@@ -127,7 +127,11 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       handleItem(key);
     } else {
       if constexpr (requires { self().wants(key); }) {
-        if (!self().wants(key)) return;
+        if (!self().wants(key)) {
+          if (traced()) [[unlikely]]
+            this->traceUnwanted(key);
+          return;
+        }
       }
       const bool first = pending_.empty();
       if (!pending_.add(key, stage_.arrivals())) {
@@ -137,28 +141,37 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
       stage_.noteArrival(*this, first);
     }
   }
+  [[nodiscard]] bool changeWaits(const K& key) const final { return pending_.has(key); }
+  [[nodiscard]] bool changeWaits(const void* space, const void* key) const final {
+    return space == &KeySpace<K>::instance() && changeWaits(*static_cast<const K*>(key));
+  }
 
  protected:
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
   /// Keys of groups that the stage does not want are no items; but a run of them counts as one after some
-  /// pages of handles, so that its slice ends in time, in collections that are walked by handle. Where that
-  /// is does not depend on whether they are traced.
+  /// pages of handles, so that its slice ends in time, in collections that are walked by handle. Traces have
+  /// a walk of their own.
   bool scanItem() final {
     constexpr std::size_t kPagesPerItem = 32;
     constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
-    cursor_.unwanted = traced() ? 0 : unwanted_;
+    cursor_.unwanted = unwanted_;
     cursor_.unwantedBefore = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
+    if (traced()) [[unlikely]]
+      tracePassedOver(cursor_);
     while (const K* key = self().collection().scanNext(cursor_)) {
       const KeyUse<K> held(*key);
       if (isUnwanted(held.key())) {
-        if (traced()) handleItem(held.key());
+        if (traced()) this->traceUnwanted(held.key());
         if (cursor_.index > cursor_.unwantedBefore) return true;
         continue;
       }
       if constexpr (requires { self().walksOver(held.key()); }) {
-        if (self().walksOver(held.key())) return true;
+        if (self().walksOver(held.key())) {
+          if (traced()) this->traceUnwanted(held.key());
+          return true;
+        }
       }
       handleItem(held.key());
       return true;
@@ -212,6 +225,17 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
   /// Whether what the stage does not want is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
+  /// Traces the keys that the walk's next step will pass over without looking at them.
+  [[gnu::cold]] void tracePassedOver(ScanCursor<K> ahead) {
+    if constexpr (requires { self().collection().places(); }) {
+      ahead.unwanted = 0;
+      while (const K* key = self().collection().scanNext(ahead)) {
+        if (ahead.index > ahead.unwantedBefore || !isUnwanted(*key)) return;
+        const KeyUse<K> held(*key);
+        this->traceUnwanted(held.key());
+      }
+    }
+  }
   [[nodiscard]] bool isUnwanted(const K& key) const {
     using Channels = KilnPlatform::KeyChannels<K>;
     return unwanted_ != 0 && (unwanted_ >> Channels::groupOf(Channels::of(key)) & 1) != 0;
@@ -225,15 +249,17 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
 /// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
-/// value. `Wanted`, a function of the stage from the key alone, tells for which keys the handler does more
-/// than filter them out: the others never join the pending list. `WantedChannel`, where it is not the same
-/// function, is one that gives the same answer for all keys of a channel, at all times, and without which the
-/// handler does nothing. A stage that has a public `expect(key)` is told which key comes soon, and names with
-/// `expectKey` those that its handler will look up beside it.
+/// value. `Wanted`, a function of the stage from the key alone, tells which keys the handler is called for:
+/// the others never join the pending list. `WantedChannel`, where it is not the same function, is one that
+/// gives the same answer for all keys of a channel, at all times. `Filter` is the trace of a key that it does
+/// not pass, without which there is none. A stage that has a public `expect(key)` is told which key comes
+/// soon, and names with `expectKey` those that its handler will look up beside it.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
-          Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted>
-class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel>,
-                                      typename Attr::Key, reaction> {
+          Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted,
+          FixedString Filter = "">
+class Input final
+    : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel, Filter>,
+                        typename Attr::Key, reaction> {
   using Base = KeyedInput<Input, typename Attr::Key, reaction>;
   using StageClass = detail::StageOf<Handler>;
   using Key = typename Attr::Key;
@@ -271,31 +297,36 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
 
   void handleKey(const Key& key) {
     const Value* value = find(key);
-    this->stage_.tracer().template trace<7>(TraceMessage<7, Key, OptionalText<Value>>(From.data), key,
-                                            OptionalText<Value>{value});
+    traceFrom(key, value);
     (owner_.*Handler)(key, value);
   }
 
-  bool wants(const Key& key) requires(!std::is_null_pointer_v<decltype(Wanted)>) {
-    if ((owner_.*Wanted)(key)) return true;
-    if (this->stage_.tracer().enabled(6)) [[unlikely]]
-      handleKey(key);  // traces that the filter fails
-    return false;
+  [[nodiscard]] bool wants(const Key& key) const requires(!std::is_null_pointer_v<decltype(Wanted)>) {
+    return (owner_.*Wanted)(key);
   }
-  /// Whether a walk has nothing to do with the key, as the handler would find out.
+  /// Whether a walk has nothing to do with the key.
   [[nodiscard]] bool walksOver(const Key& key) const
       requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
-    return !(owner_.*WantedChannel)(key) && !this->stage_.tracer().enabled(6);
+    return !(owner_.*WantedChannel)(key);
   }
-  /// The groups of keys without a wanted channel, a bit each.
+  void traceUnwanted(const Key& key) const override {
+    if (!this->stage_.tracer().enabled(6)) return;
+    traceFrom(key, find(key));
+    if constexpr (!Filter.view().empty()) {
+      if (walksOver(key)) (void)this->stage_.filter(false, Filter.view());
+    }
+  }
+  /// The groups of keys without a wanted channel, a bit each. Keys without a type, group 0, are walked by
+  /// all; a stage without a known channel walks every key.
   [[nodiscard]] std::uint64_t unwantedGroups() const
       requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
     using Channels = KilnPlatform::KeyChannels<Key>;
     std::uint64_t wanted = 0;
     for (std::size_t channel = 0; channel < Channels::kCount; ++channel) {
-      if (wantsChannel(channel)) wanted |= std::uint64_t{1} << Channels::groupOf(channel);
+      const bool counts = Channels::known(channel) && wantsChannel(channel);
+      if (counts) wanted |= std::uint64_t{1} << Channels::groupOf(channel);
     }
-    return ~wanted;
+    return wanted == 0 ? 0 : ~(wanted | 1U);
   }
   [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
     if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {
@@ -307,6 +338,10 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   }
 
  private:
+  void traceFrom(const Key& key, const Value* value) const {
+    this->stage_.tracer().template trace<7>(TraceMessage<7, Key, OptionalText<Value>>(From.data), key,
+                                            OptionalText<Value>{value});
+  }
   template <class Use>
   void lookedInto(Use&& use) {
     if constexpr (requires { collection().lookedIntoOnChange(); }) {

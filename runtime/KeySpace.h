@@ -363,4 +363,32 @@ class KeyUse {
   typename KeySpace<K>::Handle handle_;
 };
 
+/// A use of a key that is stored for longer, in the size of a handle.
+template <class K>
+class KeyHold {
+ public:
+  using Handle = typename KeySpace<K>::Handle;
+
+  KeyHold() = default;
+  explicit KeyHold(const K& key) : handle_(KeySpace<K>::instance().acquire(key)) {}
+  KeyHold(KeyHold&& other) noexcept : handle_(std::exchange(other.handle_, KeySpace<K>::kNone)) {}
+  KeyHold& operator=(KeyHold&& other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  KeyHold(const KeyHold&) = delete;
+  KeyHold& operator=(const KeyHold&) = delete;
+  ~KeyHold() {
+    if (*this) KeySpace<K>::instance().release(handle_);
+  }
+
+  explicit operator bool() const { return handle_ != KeySpace<K>::kNone; }
+  [[nodiscard]] Handle handle() const { return handle_; }
+  /// The key; there must be one.
+  [[nodiscard]] const K& key() const { return KeySpace<K>::instance().key(handle_); }
+
+ private:
+  Handle handle_ = KeySpace<K>::kNone;
+};
+
 }  // namespace KilnEmServer

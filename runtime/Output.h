@@ -22,6 +22,11 @@ enum class KeyMismatch : std::uint8_t { report, fatal };
 /// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are
 /// written, and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan.
 /// An output that was empty at start has nothing to compare, so nothing is noted for it.
+///
+/// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
+/// waits in one of its inputs. A stage whose inputs have keys of another type has a public
+/// `decidesLater(key)`, which says so of a key of the output. One without it is to have nothing downstream
+/// before it is complete.
 template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
 class Output final : public OutputBase {
   using Key = typename Attr::Key;
@@ -32,8 +37,11 @@ class Output final : public OutputBase {
   static constexpr auto kPath = Argument + "." + Attr::kName + "[ " + KeyName + " ]";
   static constexpr auto kOutputName = Argument + upperCamel(Attr::kName) + "Output";
 
-  Output(Stage& stage, EntityRef entity)
-      : OutputBase(stage, std::string(kOutputName.view())), entity_(std::move(entity)) {
+  template <class StageClass>
+  Output(StageClass& stage, EntityRef entity)
+      : OutputBase(stage, std::string(kOutputName.view())),
+        entity_(std::move(entity)),
+        decidesLater_(decidesLaterOf<StageClass>()) {
     if (entity_ != nullptr) stage.writtenIs(collection());
   }
   ~Output() override { stop(); }
@@ -191,9 +199,10 @@ class Output final : public OutputBase {
 
   bool deletionScanItem(bool& deleted) override {
     if (noteSeen_) {
-      if (const Key* key = collection().scanNext(cursor_)) {
-        deleted = markOf(*key) == Mark::none;
-        if (deleted) deleteStale(Key(*key));
+      if (const Key* next = collection().scanNext(cursor_)) {
+        const KeyUse<Key> use(*next);
+        const Key& key = use.key();
+        if (markOf(key) == Mark::none) deleted = deleteUnlessDecidedLater(key);
         return true;
       }
     }
@@ -204,11 +213,39 @@ class Output final : public OutputBase {
       return false;
     }
     const Key key = *heldBack;
+    if (decidedLater(key) && mayWait()) return true;
     stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), key);
     deleted = collection().has(key);
     if (deleted) deleteStale(key);
     marks_->heldBack.del(key);
     return true;
+  }
+
+  /// A key that the stage will still decide is judged at the end of the scan. True where it was deleted.
+  bool deleteUnlessDecidedLater(const Key& key) {
+    if (decidedLater(key)) {
+      stage_.tracer().template trace<9>("into( {} ): k1={} will be decided later", kPath.view(), key);
+      marks_->heldBack.is(key, {});
+      return false;
+    }
+    deleteStale(key);
+    return true;
+  }
+
+  using DecidesLater = bool (*)(const Stage& stage, const Key& key);
+  template <class StageClass>
+  static constexpr DecidesLater decidesLaterOf() {
+    if constexpr (requires(const StageClass& stage, const Key& key) { stage.decidesLater(key); }) {
+      return [](const Stage& stage, const Key& key) {
+        return static_cast<const StageClass&>(stage).decidesLater(key);
+      };
+    } else {
+      return nullptr;
+    }
+  }
+  /// Whether the stage has yet to handle a change that decides the key.
+  [[nodiscard]] bool decidedLater(const Key& key) const {
+    return stage_.changeWaits(key) || (decidesLater_ != nullptr && decidesLater_(stage_, key));
   }
 
   void deleteStale(const Key& key) {
@@ -228,6 +265,7 @@ class Output final : public OutputBase {
   }
 
   EntityRef entity_;
+  DecidesLater decidesLater_;
   bool noteSeen_ = false;
   bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
   ScanCursor<Key> cursor_;

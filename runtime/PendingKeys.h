@@ -119,6 +119,9 @@ class PendingKeys {
   }
   [[nodiscard]] bool empty() const { return queue_.empty(); }
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
+  [[nodiscard]] bool has(const K& key) const {
+    return !empty() && standing_.has(keys_.find(key, [](Handle) {}));
+  }
   /// Arrival of the first key; the queue must not be empty.
   [[nodiscard]] Arrival headArrival() const { return queue_.firstArrival(); }
 
@@ -166,6 +169,9 @@ class PendingKeys {
       if ((word & bit) != 0) return false;
       word |= bit;
       return true;
+    }
+    [[nodiscard]] bool has(std::uint32_t handle) const {
+      return handle / 64 < words_.size() && (words_[handle / 64] >> (handle % 64) & 1) != 0;
     }
     void reset(std::uint32_t handle) { words_[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
 

@@ -180,6 +180,13 @@ void OutputBase::forgetSeen() {
   task_.reset();
 }
 
+bool OutputBase::mayWait() {
+  if (stage_.synchronous() || waitCount_ == kMostWaits) return false;
+  ++waitCount_;
+  waits_ = true;
+  return true;
+}
+
 bool OutputBase::deletionScan() {
   TaskScheduler& scheduler = *stage_.control().scheduler;
   std::size_t items = 0;
@@ -189,7 +196,8 @@ bool OutputBase::deletionScan() {
     ++items;
     if (std::exchange(deleted, false)) ++deletions;
     if (!stage_.synchronous() &&
-        (scheduler.taskCurrentlyRunning() != task_.get() || scheduler.taskShouldYield())) {
+        (std::exchange(waits_, false) || scheduler.taskCurrentlyRunning() != task_.get() ||
+         scheduler.taskShouldYield())) {
       useBookmark_ = true;
       stage_.tracer().trace<7>(
           "Yielding in reconciliation processing after processing {} items, including {} deletions .", items,

@@ -161,6 +161,8 @@ class InputBase {
   [[nodiscard]] int pipeline() const { return pipeline_; }
   [[nodiscard]] const std::string& childName() const { return childName_; }
 
+  /// Whether a change of this key of this key space waits.
+  [[nodiscard]] virtual bool changeWaits(const void* /*space*/, const void* /*key*/) const { return false; }
   /// Whether changed keys wait, how many, and the arrival of the first of them.
   [[nodiscard]] virtual bool hasPending() const = 0;
   [[nodiscard]] virtual std::size_t pendingCount() const = 0;
@@ -263,6 +265,9 @@ class OutputBase {
   virtual void beginSeen() = 0;
   /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.
   virtual bool deletionScanItem(bool& deleted) = 0;
+  /// To be called where the next key cannot be judged before the stage has handled a change. True where the
+  /// scan then waits for that; not for ever, since a key may change all the time.
+  bool mayWait();
   /// How many keys are noted as written.
   [[nodiscard]] virtual std::size_t seenCount() const = 0;
   /// Forgets one of them.
@@ -273,6 +278,9 @@ class OutputBase {
   Stage& stage_;
 
  private:
+  /// Slices of the deletion scan that end because a key's change waits, at most.
+  static constexpr std::uint32_t kMostWaits = 10'000;
+
   [[nodiscard]] bool deletionScan();
   /// Runs a slice of forgetting which keys were written: nobody waits for that.
   void forgetSeen();
@@ -282,6 +290,8 @@ class OutputBase {
   bool ready_ = false;
   bool reconciling_ = false;
   bool useBookmark_ = false;
+  bool waits_ = false;  ///< the scan's next key
+  std::uint32_t waitCount_ = 0;
   ReconciliationState reconciliationState_ = ReconciliationState::skipNothing;
   ReconciliationCounts counts_;
   std::unique_ptr<Task> task_;
@@ -343,6 +353,13 @@ class Stage {
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
   /// Number of changed keys that wait to be handled.
   [[nodiscard]] std::size_t pendingCount() const;
+  /// Whether a change of the key waits in one of the inputs.
+  template <class K>
+  [[nodiscard]] bool changeWaits(const K& key) const {
+    const void* const space = &KeySpace<K>::instance();
+    return std::any_of(waiting_.begin(), waiting_.end(),
+                       [&](const InputBase* input) { return input->changeWaits(space, &key); });
+  }
   /// Whether there are any.
   [[nodiscard]] bool hasPending() const {
     return std::any_of(waiting_.begin(), waiting_.end(),

@@ -138,6 +138,7 @@ void KilnEmServerSm::createCollections() {
   mdbCapabilitiesStatusIs();
   mdbLocalStatusIs();
   emComposeFailureIs();
+  emWrittenKeysIs();
   isemResourceTableIs();
   esemResourceTableIs();
   lemResourceTableIs();
@@ -285,7 +286,8 @@ void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory)
   composerSm_[type] = factory(
       logicalKeyConfigByComposerType_->configIs(type), swTableKeyConfigByComposerType_->configIs(type),
       swTableKeyStatusByComposerType_->statusIs(type), resolverConfigDir_, resolverStatusDir_,
-      partName("composerSmsStage", type), partStatus_, control(), emComposeFailure_->configIs(type));
+      partName("composerSmsStage", type), partStatus_, control(), emComposeFailure_->configIs(type),
+      KeyTraces{emLogicalKeyToEntry_, emMergedEntry_, emWrittenKeys_});
 }
 
 void KilnEmServerSm::doResolverSweep() {
@@ -318,7 +320,11 @@ void KilnEmServerSm::createEmConflictSm() {
 
 void KilnEmServerSm::createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name) {
   const auto create = [&](auto factory, const auto& held) -> Ref<EmSwTableWriterSm> {
-    return factory(emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control());
+    const auto composerType = static_cast<EmComposerKeyUnionTag>(static_cast<int>(tag));
+    return factory(
+        emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control(),
+        SwTableWriterOptions{.retriesRefused = true,
+                             .emWrittenKeys = resolutionNeeded(composerType) ? emWrittenKeys_ : nullptr});
   };
   using ResolvedTag = EmResolvedKeyUnionTag;
   Ref<EmSwTableWriterSm>& writer = swTableWriterSm_[tag];
@@ -378,7 +384,7 @@ void KilnEmServerSm::createCapacitySm() {
   semCapacitySm_ = semCapacitySmFactory(
       arguments_.tableCapacity, std::make_shared<SchedulerClock>(scheduler_), "SemCapacity",
       arguments_.hardwareStatus, mdbCapabilitiesStatus_, mdbLocalStatus_, arguments_.semCapacityExternalDir,
-      emSwTableConfig_, emSwTableStatus_, {scheduler_, kCapacityPriority});
+      emSwTableStatus_, {scheduler_, kCapacityPriority});
   for (const auto& [tag, writer] : swTableWriterSm_) {
     if (tag != EmResolvedKeyUnionTag::lemVpwsAcEntryKey) semCapacitySm_->swTableWriterIs(writer);
   }
@@ -450,8 +456,10 @@ void KilnEmServerSm::handleChange(const std::string& name) {
   reportWhenComplete("resolverSmsStage", kResolverTypes);
   reportWhenComplete("composerSmsStage", kResolvingComposerTypes);
   reportWhenComplete("resolverSweepStage", kResolverTypes);
-  // The tables dropped what nobody wrote again, and tell nobody of it.
-  if (name == "reconcileCompleteSmStage" && semCapacitySm_ != nullptr) semCapacitySm_->scheduleUpdate();
+  if (name != "reconcileCompleteSmStage") return;
+  for (const auto& [tag, writer] : swTableWriterSm_) writer->retryRefused();
+  // The tables dropped what was not written again, and notify no subscriber of it.
+  if (semCapacitySm_ != nullptr) semCapacitySm_->scheduleUpdate();
 }
 
 // --- Features that come and go -----------------------------------------------------------------------------
@@ -605,6 +613,7 @@ std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() con
       {"emConflictStatus", emConflictStatus_->status().size()},
       {"emSwTableConfig", emSwTableConfig_->config().size()},
       {"emSwTableStatus", emSwTableStatus_->status().size()},
+      {"emWrittenKeys", emWrittenKeys_->written().size()},
       {"emLogicalKeyToStatus", emLogicalKeyToStatus_->status().size()},
       {"emStatusMerged", emStatusMerged_->status().size()},
       {"isemResourceTable", isemResourceTable_->resource().size()},

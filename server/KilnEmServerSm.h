@@ -134,6 +134,7 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   KILN_SERVER_ENTITY(KilnMdbCapabilitiesStatus, mdbCapabilitiesStatus)
   KILN_SERVER_ENTITY(KilnMdbLocalStatus, mdbLocalStatus)
   KILN_SERVER_ENTITY(EmComposeFailureByComposerType, emComposeFailure)
+  KILN_SERVER_ENTITY(EmWrittenKeys, emWrittenKeys)
 
   // What became of the requested entries, in numbers.
   KILN_SERVER_ENTITY(ResourceTable, isemResourceTable)

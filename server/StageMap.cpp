@@ -71,7 +71,8 @@ StageMap KilnEmServerSm::stageMap() {  // NOLINT(readability-function-size): a t
   add("composerSmsStage", &Sm::createComposerSms,
       {"logicalKeyConfigByComposerType", "resolverStatusDir", "swTableKeyConfigByComposerType"},
       membersOf("logicalKeyConfigByComposerType", ComposerTypes::resolving) + Names{"resolverStatusDir"},
-      membersOf("swTableKeyStatusByComposerType", ComposerTypes::resolving),
+      membersOf("swTableKeyStatusByComposerType", ComposerTypes::resolving) +
+          Names{"emWrittenKeys", "emMergedEntry", "emLogicalKeyToEntry"},
       membersOf("swTableKeyConfigByComposerType", ComposerTypes::resolving) +
           membersOf("emComposeFailure", ComposerTypes::resolving) + Names{"resolverConfigDir"});
   add("composerOutputMergeStage", &Sm::createComposerOutputMergeSm,
@@ -93,7 +94,7 @@ StageMap KilnEmServerSm::stageMap() {  // NOLINT(readability-function-size): a t
   add("mdbCapabilitiesSmStage", &Sm::createMdbCapabilitiesSm, {"mdbLocalStatus", "mdbCapabilitiesStatus"},
       {"mdbLocalStatus", "hardwareMdbStatus"}, {}, {"mdbCapabilitiesStatus"});
   add("capacitySmStage", &Sm::createCapacitySm, {"emSwTableStatus", "mdbCapabilitiesStatus"},
-      {"emSwTableConfig", "emSwTableStatus", "mdbCapabilitiesStatus", "mdbLocalStatus", "hardwareStatus",
+      {"emSwTableStatus", "mdbCapabilitiesStatus", "mdbLocalStatus", "hardwareStatus",
        "semCapacityExternalDir"},
       {}, {"tableCapacity"});
   add("emStatusSmStage", &Sm::createEmStatusSm,
@@ -105,6 +106,10 @@ StageMap KilnEmServerSm::stageMap() {  // NOLINT(readability-function-size): a t
   add("finalizeStartupStage", &Sm::finalizeStartup, kStatusByFeature, {}, {}, {});
   const std::size_t finalize = map.size() - 1;
   addKeyedStages(map);
+  for (auto& entry : map) {
+    // Until then the tables may hold entries of an earlier server in the domains that are given back.
+    if (entry.stage == "resolverSweepStage") entry.after.push_back("reconcileCompleteSmStage");
+  }
   for (const auto& entry : map) {
     if (entry.stage != "finalizeStartupStage") map[finalize].after.push_back(entry.stage);
   }
@@ -134,7 +139,9 @@ void KilnEmServerSm::addKeyedStages(StageMap& map) {  // NOLINT(readability-func
                    {"emSwTableConfig"},
                    {"emSwTableConfig"},
                    {"emSwTableStatus"},
-                   {"emSwTableStatus"}});
+                   resolutionNeeded(static_cast<EmComposerKeyUnionTag>(static_cast<int>(tag)))
+                       ? Names{"emSwTableStatus", "emWrittenKeys"}
+                       : Names{"emSwTableStatus"}});
   });
   const auto addStatusStages = [&](const char* base, const char* config, const char* status,
                                    void (KilnEmServerSm::*action)(FeatureType, const std::string&)) {

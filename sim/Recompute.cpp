@@ -130,7 +130,10 @@ class Judge {
       outcome_.statuses[place] = {request.requestVersion, EmStatus::hwPending, 3};
       return;
     }
-    if (!takenUp(place, request)) return;
+    if (!takenUp(place, request)) {
+      outcome_.statuses[place] = {request.requestVersion, EmStatus::hwFail, 1};
+      return;
+    }
     if (const auto interface = interfaceOf(key.emComposerKey)) outcome_.domainsAsked.insert(*interface);
     Contender contender{{feature, key.fapId, key.localCoreId, key.emComposerKey}, place, request, {}};
     switch (compose(wanted_, key, contender.hwKey)) {

@@ -53,7 +53,6 @@ void CapacityHelper::update() {
     updateCapacityTable();
   }
   tracer_.trace<9>("update {}: {} rows", counters_.updates, rows_.size());
-  if (updateMustFollow()) scheduleUpdate();
 }
 
 void CapacityHelper::removeRowsOfGoneFaps() {

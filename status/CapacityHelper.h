@@ -104,8 +104,6 @@ class CapacityHelper {
   virtual void updateCapacityTable();
   /// Removes the rows of a FAP that is no more.
   virtual void handleFapRemoved(const std::string& fapName);
-  /// Whether what the rows depend on may still change without notice, so that another update must follow.
-  [[nodiscard]] virtual bool updateMustFollow() const { return false; }
 
   void initCapacityTableFeature(const std::string& feature, const std::string& agent,
                                 const std::string& table);

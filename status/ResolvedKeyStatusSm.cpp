@@ -28,7 +28,7 @@ void ResolvedKeyStatusSm::handleStatus(const EmLogicalKey& emKey, const EmReques
     case EmComposerKeyUnionTag::esemFodoVdEntryKey:
       return write(esemFodoVd_, emKey, statusOpt);
     default:
-      filter(false, "filter( resolutionNeeded( composerType ) )");
+      KILN_ASSERT(false && "only keys of types that need resolution are handled");
   }
 }
 

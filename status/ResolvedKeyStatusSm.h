@@ -23,6 +23,7 @@ class ResolvedKeyStatusSm final : public Stage {
   [[nodiscard]] bool isResolved(const EmLogicalKey& emKey) const {
     return resolutionNeeded(emComposerTypeFromUnion(emKey.emComposerKey));
   }
+  static constexpr FixedString kFilter = "filter( resolutionNeeded( composerType ) )";
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
   template <class AnyOutput>
   void write(AnyOutput& output, const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
@@ -32,7 +33,7 @@ class ResolvedKeyStatusSm final : public Stage {
 
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResolvedKeyStatusSm::handleStatus,
         "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
-        &ResolvedKeyStatusSm::isResolved>
+        &ResolvedKeyStatusSm::isResolved, &ResolvedKeyStatusSm::isResolved, kFilter>
       emStatusMerged_;
   StatusOutput<"isemUntaggedKeyStatus"> isemUntagged_;
   StatusOutput<"isem1TagKeyStatus"> isem1Tag_;

@@ -110,21 +110,22 @@ SemCapacitySm::SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref
                              Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
                              Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                              Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
-                             Ref<const EmSwTableConfig> emSwTableConfig,
                              Ref<const EmSwTableStatus> emSwTableStatus, const StageControl& control)
     : CapacityHelper(std::move(tableCapacity), std::move(clock), std::move(agentName),
                      std::move(hardwareStatus), control),
       capabilitiesStatus_(std::move(capabilitiesStatus)),
       mdbLocalStatus_(std::move(mdbLocalStatus)),
       externalDir_(std::move(externalDir)),
-      emSwTableConfig_(std::move(emSwTableConfig)),
       emSwTableStatus_(std::move(emSwTableStatus)),
       capabilitiesMark_(capabilitiesStatus_->profileCapabilities(), task(), &settingChanged()),
       profileIdMark_(mdbLocalStatus_->profileId(), task(), &settingChanged()),
       externalMark_(externalDir_->user(), task(), &settingChanged()),
-      configMark_(emSwTableConfig_->config(), task()),
       statusMark_(emSwTableStatus_->status(), task()) {
   SemCapacitySm::initCapacityTableFeatureMaps();
+}
+
+SemCapacitySm::~SemCapacitySm() {
+  swTableWriterDelAll();
 }
 
 // External users hold entries of "ISEM1", or on FAP type 3 of "ISEM2".
@@ -138,21 +139,24 @@ void SemCapacitySm::initCapacityTableFeatureMaps() {
 
 void SemCapacitySm::swTableWriterIs(Ref<const EmSwTableWriterSm> writer) {
   const Tag tag = writer->emResolvedKeyType();
+  swTableWriterDel(tag);
+  writer->subscribe(operationMark_);
   swTableWriter_[tag] = std::move(writer);
   settingChanged() = true;
   scheduleUpdate();
 }
 
 void SemCapacitySm::swTableWriterDel(Tag tag) {
-  swTableWriter_.erase(tag);
+  const auto at = swTableWriter_.find(tag);
+  if (at == swTableWriter_.end()) return;
+  at->second->unsubscribe(operationMark_);
+  swTableWriter_.erase(at);
   settingChanged() = true;
   scheduleUpdate();
 }
 
 void SemCapacitySm::swTableWriterDelAll() {
-  swTableWriter_.clear();
-  settingChanged() = true;
-  scheduleUpdate();
+  while (!swTableWriter_.empty()) swTableWriterDel(swTableWriter_.begin()->first);
 }
 
 std::uint32_t SemCapacitySm::calculateMdbEmMax(PhysicalTableId tableId, FapId fapId) const {
@@ -278,25 +282,18 @@ void SemCapacitySm::addRows(UsageByTable&& usage, const std::string& chip) {
   }
 }
 
-// A writer that has changes before it may write, or remove, an entry whose status ends as it was.
-bool SemCapacitySm::updateMustFollow() const {
-  return std::any_of(swTableWriter_.begin(), swTableWriter_.end(),
-                     [](const auto& registered) { return registered.second->hasPending(); });
-}
-
 Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,
                                         Ref<const Clock> clock, std::string agentName,
                                         Ref<const Hardware::Kiln::Status> hardwareStatus,
                                         Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
                                         Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                                         Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
-                                        Ref<const EmSwTableConfig> emSwTableConfig,
                                         Ref<const EmSwTableStatus> emSwTableStatus,
                                         const StageControl& control) {
   return std::make_shared<SemCapacitySm>(std::move(tableCapacity), std::move(clock), std::move(agentName),
                                          std::move(hardwareStatus), std::move(capabilitiesStatus),
                                          std::move(mdbLocalStatus), std::move(externalDir),
-                                         std::move(emSwTableConfig), std::move(emSwTableStatus), control);
+                                         std::move(emSwTableStatus), control);
 }
 
 }  // namespace KilnEmServer

@@ -40,17 +40,18 @@ using CapacityTableNames = std::map<KilnMdb::PhysicalTableId, std::string>;
 
 /// Usage comes from the table writers, each of which counts its own entries, and from external users of the
 /// same tables; maxima come from the chips' MDB profiles. An update costs what tables, FAPs, cores and
-/// external users there are, however many entries they hold.
+/// external users there are, however many entries they hold. It follows each operation that a writer issues
+/// and each answer: a table may change its size with either.
 class SemCapacitySm final : public CapacityHelper {
  public:
-  /// `emSwTableConfig` and `emSwTableStatus` tell when usage may have changed; neither is read.
+  /// A change of `emSwTableStatus` is followed by an update; it is not read.
   SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock, std::string agentName,
                 Ref<const Hardware::Kiln::Status> hardwareStatus,
                 Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
                 Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                 Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
-                Ref<const EmSwTableConfig> emSwTableConfig, Ref<const EmSwTableStatus> emSwTableStatus,
-                const StageControl& control);
+                Ref<const EmSwTableStatus> emSwTableStatus, const StageControl& control);
+  ~SemCapacitySm() override;
 
   // The writers whose entries are counted. The writer of a LEM table is none of them.
   void swTableWriterIs(Ref<const EmSwTableWriterSm> writer);
@@ -103,11 +104,20 @@ class SemCapacitySm final : public CapacityHelper {
   using ExternalUsage =
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
 
+  /// Told of the writers' operations, which change what their tables hold.
+  class OperationMark final : public Asic::ChangeSubscriber {
+   public:
+    explicit OperationMark(Task& task) : task_(task) {}
+    void handleChange() override { task_.scheduleTask(); }
+
+   private:
+    Task& task_;
+  };
+
   void initCapacityTableFeatureMaps() override;
   [[nodiscard]] bool usageUnchanged() override;
   void findRows();
   void updateCapacityTable() override;
-  [[nodiscard]] bool updateMustFollow() const override;
 
   [[nodiscard]] const KilnMdb::ProfileCapabilities* profileCapabilitiesOf(FapId fapId) const;
   [[nodiscard]] bool countedHere(PhysicalTableId tableId, const Place& place) const;
@@ -121,9 +131,9 @@ class SemCapacitySm final : public CapacityHelper {
   Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus_;
   Ref<const KilnMdbLocalStatus> mdbLocalStatus_;
   Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir_;
-  Ref<const EmSwTableConfig> emSwTableConfig_;
   Ref<const EmSwTableStatus> emSwTableStatus_;
   CapacityTableNames mdbTableToTableName_;
+  OperationMark operationMark_{task()};
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
   // As they follow from everything but usage.
   std::vector<Counted> counted_;  ///< the writers, on each core on which their table is counted
@@ -131,7 +141,6 @@ class SemCapacitySm final : public CapacityHelper {
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;
   ChangeMark<FapId, std::uint32_t> profileIdMark_;
   ChangeMark<std::string, KilnTunnelNiLib::SemCapacityExternal> externalMark_;
-  ChangeMark<EmHwKey, EmLogicalKeyAndEntry> configMark_;
   ChangeMark<EmHwKey, EmSwTableStatusEntry> statusMark_;
 };
 
@@ -142,7 +151,6 @@ Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCa
                                         Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
                                         Ref<const KilnMdbLocalStatus> mdbLocalStatus,
                                         Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
-                                        Ref<const EmSwTableConfig> emSwTableConfig,
                                         Ref<const EmSwTableStatus> emSwTableStatus,
                                         const StageControl& control);
 

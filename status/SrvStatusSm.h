@@ -11,8 +11,8 @@
 #include "platform/KilnTunnelNiLib.h"
 #include "runtime/EmCollections.h"
 #include "runtime/Input.h"
-#include "runtime/LocalState.h"
 #include "runtime/Output.h"
+#include "runtime/RequestAdmission.h"
 #include "runtime/Stage.h"
 
 namespace KilnEmServer {
@@ -30,6 +30,10 @@ class SrvStatusSm : public Stage {
               Ref<const SrvConfig> srvConfig, Ref<SrvStatus> srvStatus, std::string name,
               Ref<DependencyStatus> dependencyStatus, StageControl control);
 
+  /// Whether a change of the request's per-key status waits to be handled.
+  [[nodiscard]] bool decidesLater(const RequestKey& entryKey) const {
+    return Stage::changeWaits(logicalKeyOf(featureType_, entryKey));
+  }
   // What the handlers look up beside the key for which they are called.
   void expect(const EmLogicalKey& emLogicalKey) const { expectKey(requestKeyAs<RequestKey>(emLogicalKey)); }
   void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
@@ -38,18 +42,15 @@ class SrvStatusSm : public Stage {
   [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
     return emLogicalKey.featureType == featureType_;
   }
-  [[nodiscard]] static bool ofThisDatabase(const EmComposerKey& key) {
-    return key.tag() != EmComposerKeyUnionTag::undefined_ && emTypeOf(key.tag()) == Db::kEmType;
-  }
   /// Whether the key may be one of this feature's requests of this database.
   [[nodiscard]] bool concerns(const EmLogicalKey& emLogicalKey) const {
-    return isOwn(emLogicalKey) &&
-           (ofThisDatabase(emLogicalKey.emComposerKey) || foreignRequests_.size() != 0);
+    return isOwn(emLogicalKey) && isOfDatabase<Db>(emLogicalKey.emComposerKey);
   }
   void eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt);
   void eventToEmStatusStream(const EmLogicalKey& emLogicalKey, const EmRequestStatus* statusOpt);
   void eventToStatusStream(const EmRequestKey& emRequestKey);
   void answerHeld(const RequestKey& entryKey, const Request& request);
+  void answerLeftOut(const RequestKey& entryKey, const Request& request);
   void answerFromServer(const EmRequestKey& emRequestKey, const RequestKey& entryKey, const Request& request);
   void publish(const StatusEntry& statusEntry, const RequestKey& entryKey);
 
@@ -62,14 +63,14 @@ class SrvStatusSm : public Stage {
       "filter( ( ( emStatusOpt && ( ( *emEntryOpt ) == ( *srvConfigOpt ).clientData." + Db::kPrefix +
       "Entry ) ) && ( ( *emVerOpt ) == ( *srvConfigOpt ).requestVersion ) ) )";
 
+  static constexpr FixedString kFeatureFilter = "filter( ( emLogicalKey.featureType == featureType ) )";
+
   FeatureType featureType_;
   Input<typename SrvConfig::configAttr, kConfigName, &SrvStatusSm::eventToSrvStream, kSrvStream> srvConfig_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatus", &SrvStatusSm::eventToEmStatusStream,
         "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued,
-        &SrvStatusSm::concerns, &SrvStatusSm::isOwn>
+        &SrvStatusSm::concerns, &SrvStatusSm::isOwn, kFeatureFilter>
       emStatus_;
-  /// Requests under keys of other databases, which no check kept out.
-  LocalCollection<RequestKey, KilnPlatform::Unit> foreignRequests_;
   Output<typename SrvStatus::statusAttr, kStatusName, kKeyName> srvStatus_;
 };
 
@@ -83,25 +84,16 @@ SrvStatusSm<Db>::SrvStatusSm(std::string_view className, FeatureType featureType
       featureType_(featureType),
       srvConfig_(*this, std::move(srvConfig), "srvStream"),
       emStatus_(*this, std::move(emStatus), "emStatusStream"),
-      foreignRequests_(*this, "foreignRequests"),
       srvStatus_(*this, std::move(srvStatus)) {}
 
 template <class Db>
-void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt) {
-  if (!ofThisDatabase(entryKey.emComposerKey)) [[unlikely]] {
-    if (srvConfigOpt != nullptr) {
-      foreignRequests_.is(entryKey, {});
-    } else {
-      foreignRequests_.del(entryKey);
-    }
-  }
+void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request* /*srvConfigOpt*/) {
   eventToStatusStream(requestKeyAs<EmRequestKey>(entryKey));
 }
 
 template <class Db>
 void SrvStatusSm<Db>::eventToEmStatusStream(const EmLogicalKey& emLogicalKey,
                                             const EmRequestStatus* /*statusOpt*/) {
-  if (!filter(isOwn(emLogicalKey), "filter( ( emLogicalKey.featureType == featureType ) )")) return;
   eventToStatusStream(requestKeyAs<EmRequestKey>(emLogicalKey));
 }
 
@@ -121,6 +113,8 @@ void SrvStatusSm<Db>::eventToStatusStream(const EmRequestKey& emRequestKey) {
                              emRequestKey, kKeyName.view(), entryKey, *request);
   if (request->requestKind == RequestKind::hold) {
     answerHeld(entryKey, *request);
+  } else if (admissionOf<Db>(entryKey, request->requestKind) != Admission::admitted) {
+    answerLeftOut(entryKey, *request);
   } else {
     answerFromServer(emRequestKey, entryKey, *request);
   }
@@ -131,6 +125,14 @@ void SrvStatusSm<Db>::answerHeld(const RequestKey& entryKey, const Request& requ
   tracer().template trace<7>("Line 55: merge( vok_pipeline1 ): {}={} srvConfigOpt={}", kKeyName.view(),
                              entryKey, request);
   publish({entryKey, 0, request.requestVersion, 1, EmStatus{}, KilnTunnelNiLib::kResultHold}, entryKey);
+}
+
+// Another request may have the same logical key, so the per-key status says nothing about this one.
+template <class Db>
+void SrvStatusSm<Db>::answerLeftOut(const RequestKey& entryKey, const Request& request) {
+  tracer().template trace<8>("{} is left out", entryKey);
+  publish({entryKey, 0, request.requestVersion, 1, EmStatus::hwFail, KilnTunnelNiLib::kResultFromServer},
+          entryKey);
 }
 
 template <class Db>

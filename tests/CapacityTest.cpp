@@ -34,21 +34,23 @@ class ManualClock final : public Clock {
   std::chrono::nanoseconds time{1};
 };
 
-/// A writer that holds as many entries as the test says, or one more for each write, which it never answers;
-/// and counts how often it is asked.
+/// A writer that holds as many entries as the test says, or one more for each write; and counts how often it
+/// is asked. The test answers the latest write.
 class CountingWriter final : public EmSwTableWriterSm {
  public:
   CountingWriter(ResolvedTag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
                  const Bench& bench)
-      : EmSwTableWriterSm(tag, config, status, "writer", bench.status, bench.control()) {}
+      : EmSwTableWriterSm(tag, config, status, "writer", bench.status, bench.control(), {}) {}
   [[nodiscard]] std::uint32_t numEntries(FapId /*fapId*/, LocalCoreId /*core*/) const override {
     ++asked;
     return entries;
   }
-  void writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/,
-                       ResponseHandler /*handler*/) override {
+  void writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/, ResponseHandler handler) override {
     ++entries;
+    answer = std::move(handler);
   }
+  void deleteTableEntry(const EmHwKey& /*hwKey*/, ResponseHandler /*handler*/) override {}
+  ResponseHandler answer;
   std::uint32_t entries = 0;
   mutable std::size_t asked = 0;
 };
@@ -80,8 +82,8 @@ class Capacity : public testing::Test {
     hardware->fap().is(FapId(id), {fmt::format("Fap{}", id), type, all});
   }
   void start(int priority = -1) {
-    sm = semCapacitySmFactory(table, clock, "SemCapacity", hardware, profiles, profileIds, users, config,
-                              status, {bench.scheduler, priority});
+    sm = semCapacitySmFactory(table, clock, "SemCapacity", hardware, profiles, profileIds, users, status,
+                              {bench.scheduler, priority});
     for (const auto& [tag, writer] : writers) sm->swTableWriterIs(writer);
     sm->handleInitialized();
     bench.settle();
@@ -283,15 +285,24 @@ TEST_F(Capacity, ChangesThatNeverEndDoNotHoldAnUpdateUp) {
   EXPECT_LE(sm->counters().updates - before, 5U) << "the rate is not bounded";
 }
 
-TEST_F(Capacity, AWriteThatComesAfterTheUpdateOfItsRequestIsCounted) {
+TEST_F(Capacity, EachOperationAndEachAnswerIsFollowedByAnUpdate) {
   addFap(4, 4);
   start(bench.control().priority);
   writers.at(ResolvedTag::isemMplsEntryKey)->initialize();
   bench.settle();
-  config->configIs(mplsHwKey(1), {});  // the stage's update stands before the writer's task
+  CountingWriter& writer = *writers.at(ResolvedTag::isemMplsEntryKey);
+  config->configIs(mplsHwKey(1), {});
   bench.settle();
-  EXPECT_EQ(1U, writers.at(ResolvedTag::isemMplsEntryKey)->entries);
+  EXPECT_EQ(1U, writer.entries);
   EXPECT_EQ("2 998 1000", row("ISEM1", "", "Fap4/0"));
+  config->configIs(mplsHwKey(1), {mplsKey(FeatureType::mpls, 1), mplsEntry(1)});
+  bench.settle();
+  config->configDel(mplsHwKey(1));  // the answer changes no status then, but may change the table
+  writer.entries = 7;
+  writer.answer(std::make_shared<Asic::OrderedSwTable::EntryHandle>(Asic::SwTableBase::success()));
+  bench.settle();
+  EXPECT_TRUE(status->status().empty());
+  EXPECT_EQ("14 986 1000", row("ISEM1", "", "Fap4/0"));
 }
 
 using CapacityDeathTest = Capacity;

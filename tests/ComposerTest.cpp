@@ -143,7 +143,7 @@ class Composing {
     ComposerSide& side = sides.at(type);
     side.composer = bench.create([&]() -> Ref<ComposerSm> {
       return factory(side.config, side.keys, side.status, configDir, statusDir,
-                     fmt::format("composer-{}", type), bench.status, bench.control(), side.failure);
+                     fmt::format("composer-{}", type), bench.status, bench.control(), side.failure, {});
     });
   }
 

@@ -82,6 +82,27 @@ TEST(SwTableStatus, WhenTheLatestOfSeveralGoesAnotherThatStandsTakesItsPlace) {
   EXPECT_TRUE(recorder.deletions().empty());
 }
 
+TEST(SwTableStatus, TheLatestAnswerIsPublishedInWhateverOrderChangesAreHandled) {
+  TableStatusSetUp set;
+  set.start();
+  const auto answered = [&](const EmHwKey& hwKey, HwState state, std::uint32_t answer) {
+    set.input->statusAgain(hwKey, {{kA, mplsEntry(1)}, state, answer});
+  };
+  answered(kH1, HwState::hwSuccess, 1);
+  set.bench.settle();
+  answered(kH1, HwState::hwFail, 2);
+  answered(kH2, HwState::hwSuccess, 3);
+  answered(kH1, HwState::hwSuccess, 4);  // its change waits already, before that of the other
+  set.bench.settle();
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH1));
+  answered(kH2, HwState::hwFail, 5);
+  set.bench.settle();
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH2, EmStatus::hwFail));
+  answered(kH1, HwState::hwSuccess, 6);  // as it was
+  set.bench.settle();
+  EXPECT_EQ(set.output->status(kA), tableStatus(kA, kH1));
+}
+
 TEST(SwTableStatus, AnotherOwnersStatusIsNotTakenOver) {
   TableStatusSetUp set;
   set.start();
@@ -233,11 +254,15 @@ using KilnTunnelNiLib::RequestKind;
 const auto kRequestKey = requestKeyAs<RequestKey>(kA);
 
 struct FeatureStatusSetUp {
-  void start() {
+  explicit FeatureStatusSetUp(std::uint32_t yieldEvery = 1) : bench(yieldEvery) {}
+  void create() {
     stage = bench.create([&] {
       return isemSrvStatusSmFactory(FeatureType::mpls, emStatus, config, status, "isemStatus", bench.status,
                                     bench.control());
     });
+  }
+  void start() {
+    create();
     bench.settle();
   }
   void request(std::uint32_t version, std::uint32_t lif = 1, RequestKind kind = RequestKind::add) {
@@ -253,7 +278,7 @@ struct FeatureStatusSetUp {
     return {kRequestKey, 0, version, 1, state, 1};
   }
 
-  Bench bench{1};
+  Bench bench;
   Ref<EmLogicalKeyToStatus> emStatus = std::make_shared<EmLogicalKeyToStatus>();
   Ref<KilnTunnelNiLib::IsemSrvConfig> config =
       std::make_shared<KilnTunnelNiLib::IsemSrvConfig>(std::make_unique<Collection<RequestKey, Request>>());
@@ -298,6 +323,31 @@ TEST(FeatureStatus, AHeldRequestIsAnsweredWhateverTheServerHolds) {
   EXPECT_EQ(set.published()->result, 3);
 }
 
+TEST(FeatureStatus, ARequestThatIsLeftOutFailsAndTakesNoOtherRequestsStatus) {
+  RequestKey ofOtherDatabase = kRequestKey;
+  ofOtherDatabase.emComposerKey = KilnTunnelNiLib::EsemFodoComposerKey{1};
+  RequestKey oneCore = kRequestKey;
+  oneCore.localCoreId = Hardware::Kiln::LocalCoreId(1);
+  for (const RequestKey& key : {ofOtherDatabase, oneCore}) {
+    FeatureStatusSetUp set;
+    const EmLogicalKey logicalKey = logicalKeyOf(FeatureType::mpls, key);
+    set.emStatus->statusIs(tableStatus(logicalKey, kH1, EmStatus::hwSuccess, mplsEntry(1, 3)));
+    set.config->config().is(key, Request{{mplsEntry(1).emEntry}, 3, RequestKind::add});
+    set.start();
+    EXPECT_EQ(set.status->status().get(key), (Answer{key, 0, 3, 1, EmStatus::hwFail, 1}));
+    set.config->config().is(key, Request{{mplsEntry(1).emEntry}, 4, RequestKind::modify});
+    set.bench.settle();
+    EXPECT_EQ(set.status->status().get(key), (Answer{key, 0, 4, 1, EmStatus::hwFail, 1}));
+    set.config->config().del(key);
+    set.bench.settle();
+    EXPECT_TRUE(set.status->status().empty());
+  }
+  FeatureStatusSetUp set;
+  set.start();
+  set.request(5, 1, static_cast<RequestKind>(9));
+  EXPECT_EQ(set.published(), set.answer(5, EmStatus::hwFail)) << "of a kind that is unknown";
+}
+
 TEST(FeatureStatus, OtherFeaturesStatusesNeverArrive) {
   FeatureStatusSetUp set;
   set.start();
@@ -320,6 +370,34 @@ TEST(FeatureStatus, ARestartShowsNoStatusThatVanishesAndReturns) {
   set.serverSays(1, EmStatus::hwSuccess);
   EXPECT_EQ(recorder.deletions(), std::vector<RequestKey>{orphan.key});
   EXPECT_EQ(recorder.changes.size(), 1u);
+}
+
+// A request may be withdrawn and published again at any moment of a restart, and so may the server's status
+// of it: the status that was found is not deleted and inserted again.
+TEST(FeatureStatus, ARequestThatIsPublishedAgainDuringARestartKeepsItsStatus) {
+  for (const std::uint32_t yieldEvery : {1, 3}) {
+    for (std::size_t steps = 0; steps < 40; ++steps) {
+      FeatureStatusSetUp set(yieldEvery);
+      set.config->config().is(kRequestKey, Request{{mplsEntry(1).emEntry}, 1, RequestKind::add});
+      const auto others = [&](std::uint32_t label) {
+        return requestKeyAs<RequestKey>(mplsKey(FeatureType::mpls, label));
+      };
+      for (std::uint32_t label = 50; label < 60; ++label) {
+        auto orphan = set.answer(1, EmStatus::hwSuccess);
+        orphan.key = others(label);
+        set.status->statusIs(orphan);
+      }
+      set.status->statusIs(set.answer(1, EmStatus::hwSuccess));
+      set.create();
+      set.bench.scheduler->run(steps);
+      const Recorder recorder(set.status->status());
+      set.config->config().del(kRequestKey);
+      set.config->config().is(kRequestKey, Request{{mplsEntry(1).emEntry}, 1, RequestKind::add});
+      set.bench.settle();
+      ASSERT_TRUE(recorder.of(kRequestKey).empty()) << "after " << steps << " tasks";
+      ASSERT_EQ(set.status->status().size(), 1u);
+    }
+  }
 }
 
 // --- The table of resources --------------------------------------------------------------------------------

@@ -34,7 +34,7 @@ class WriterTest : public testing::Test {
     interface->tables[Asic::UnitId::allFap()] = table;
     start();
   }
-  void start() {
+  virtual void start() {
     writer = bench.create([&] {
       return isemMplsSwTableWriterFactory(config, status, "writer", bench.status, interface, bench.control());
     });
@@ -178,8 +178,116 @@ TEST_F(WriterTest, ARestartRemovesWhatIsWantedNoMore) {
   start();
   table->answerAll();
   EXPECT_EQ(recorder.deletions(), std::vector<EmHwKey>{mplsHwKey(2)});
-  EXPECT_TRUE(recorder.of(kH1).empty());
+  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(1), HwState::hwSuccess}));
   EXPECT_EQ(table->entrys().size(), 1u);
+}
+
+/// A writer that retries, and tells which logical keys it may have written.
+class RetryTest : public WriterTest {
+ protected:
+  void start() override {
+    writer = bench.create([&] {
+      return isemMplsSwTableWriterFactory(config, status, "writer", bench.status, interface, bench.control(),
+                                          {.retriesRefused = true, .emWrittenKeys = written});
+    });
+    bench.settle();
+  }
+  void answer(std::size_t place, TableState state = TableState::success_) {
+    table->answer(place, state);
+    bench.settle();
+  }
+  /// The labels of the operations that wait for an answer, removals below 0.
+  std::vector<int> waiting() const {
+    std::vector<int> labels;
+    for (const auto& operation : table->waiting) {
+      const int label = static_cast<int>(operation.key.label);
+      labels.push_back(operation.entry ? label : -label);
+    }
+    return labels;
+  }
+  Ref<EmWrittenKeys> written = std::make_shared<EmWrittenKeys>();
+};
+
+TEST_F(RetryTest, EachAnsweredRemovalRetriesTheKeyThatWaitsLongest) {
+  using Labels = std::vector<int>;
+  for (std::uint32_t key = 1; key <= 4; ++key) want(mplsHwKey(key), wanted(key));
+  answer(0);
+  for (const std::uint32_t key : {2, 3, 4}) {
+    answer(0, TableState::noResource_);
+    EXPECT_EQ(HwState::hwFail, status->status(mplsHwKey(key))->status);
+  }
+  EXPECT_EQ(waiting(), Labels{}) << "without room nothing is tried again";
+  drop(mplsHwKey(2));  // its refusal is of no account any more
+  drop(mplsHwKey(1));
+  EXPECT_EQ(waiting(), (Labels{-2, -1}));
+  answer(0);
+  EXPECT_EQ(waiting(), (Labels{-1, 3}));
+  answer(1, TableState::noResource_);  // it waits behind the fourth from now on
+  EXPECT_EQ(waiting(), Labels{-1});
+  answer(0);
+  EXPECT_EQ(waiting(), Labels{4});
+  answer(0);
+  EXPECT_EQ(HwState::hwSuccess, status->status(mplsHwKey(4))->status);
+  EXPECT_EQ(HwState::hwFail, status->status(mplsHwKey(3))->status);
+  drop(mplsHwKey(4));
+  want(mplsHwKey(5), wanted(5));
+  answer(0);  // a removal that is answered after a write was issued, and before its refusal
+  EXPECT_EQ(waiting(), (Labels{5, 3}));
+  answer(0, TableState::noResource_);
+  EXPECT_EQ(waiting(), (Labels{3, 5}));
+  answer(0);
+  answer(0);
+  drop(mplsHwKey(3));
+  drop(mplsHwKey(5));
+  table->answerAll();
+  EXPECT_EQ(localEntries(*writer), 0u);
+}
+
+TEST_F(RetryTest, WhenReconciliationHasCompletedEachRefusedKeyIsRetriedOnce) {
+  using Labels = std::vector<int>;
+  for (std::uint32_t key = 1; key <= 3; ++key) want(mplsHwKey(key), wanted(key));
+  answer(0, TableState::noResource_);
+  answer(0, TableState::refused_);
+  writer->retryRefused();
+  bench.settle();
+  EXPECT_EQ(waiting(), (Labels{3, 1, 2}));
+  answer(0, TableState::refused_);  // not known when reconciliation completed
+  EXPECT_EQ(waiting(), (Labels{1, 2, 3}));
+  for (int each = 0; each < 3; ++each) answer(0, TableState::refused_);
+  EXPECT_EQ(waiting(), Labels{});
+}
+
+TEST_F(RetryTest, AKeyWithoutATableIsNotRetried) {
+  const EmHwKey hwKey = mplsHwKey(7);
+  want(hwKey, {kL1, {EmEntry(KilnTunnelNiLib::EsemFodoEntry{}), 1}});
+  EXPECT_EQ(waiting(), std::vector<int>{-7});
+  answer(0);
+  EXPECT_EQ(HwState::hwFail, status->status(hwKey)->status);
+  EXPECT_TRUE(table->waiting.empty());
+}
+
+TEST_F(RetryTest, ALogicalKeyIsWrittenUntilALaterOperationIsAnswered) {
+  const EmLogicalKey other = mplsKey(FeatureType::vpws, 9);
+  want(kH1, wanted(1));
+  EXPECT_EQ(written->written(kL1), 1u) << "asked for";
+  drop(kH1);
+  EXPECT_TRUE(written->writtenHas(kL1)) << "neither answer has come";
+  answer(1);
+  EXPECT_TRUE(written->written().empty()) << "the removal came after the write";
+  answer(0);
+  EXPECT_TRUE(written->written().empty());
+  want(kH1, wanted(2));
+  want(mplsHwKey(2), wanted(2));
+  EXPECT_EQ(written->written(kL1), 2u);
+  want(kH1, {other, mplsEntry(3)});
+  answer(0);
+  EXPECT_EQ(written->written(kL1), 2u);
+  EXPECT_EQ(written->written(other), 1u);
+  answer(1, TableState::refused_);  // the table then holds none of the two
+  EXPECT_EQ(written->written(kL1), 1u);
+  EXPECT_FALSE(written->writtenHas(other));
+  writer->doDeleteAll();
+  EXPECT_TRUE(written->written().empty());
 }
 
 TEST_F(WriterTest, KeysOfOtherTablesAreLeftAlone) {
@@ -317,7 +425,7 @@ TYPED_TEST(EachWriter, ProgramsItsOwnTable) {
     interface->tables[Asic::UnitId::allFap()] = table;
     held = interface;
   }
-  const auto writer = TypeParam::kFactory(config, status, "writer", bench.status, held, bench.control());
+  const auto writer = TypeParam::kFactory(config, status, "writer", bench.status, held, bench.control(), {});
   const typename Table::Key key{};
   const EmHwKey hwKey{FapId::allFap(), LocalCoreId::all(), key};
   EXPECT_EQ(writer->emResolvedKeyType(), hwKey.emResolvedKey.tag());

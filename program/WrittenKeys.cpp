@@ -1,0 +1,83 @@
+#include "program/WrittenKeys.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "runtime/PendingKeys.h"
+
+namespace KilnEmServer {
+
+WrittenKeys::WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys)
+    : LocalState(stage, "writtenKeys"), emWrittenKeys_(std::move(emWrittenKeys)) {
+  if (emWrittenKeys_ == nullptr) return;
+  stage.companionIs(owners_);
+  stage.writtenIs(emWrittenKeys_->written());
+}
+
+void WrittenKeys::written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation) {
+  if (emWrittenKeys_ == nullptr) return;
+  Owners& owners = owners_.obtain(hwKey);
+  Owner* known = find(owners, KeySpace<EmLogicalKey>::instance().find(emLogicalKey));
+  if (known != nullptr) {
+    known->last = operation;
+  } else {
+    add(owners, emLogicalKey, operation);
+  }
+}
+
+WrittenKeys::Owner* WrittenKeys::find(Owners& owners, Handle emLogicalKey) {
+  if (emLogicalKey == KeySpace<EmLogicalKey>::kNone) return nullptr;
+  if (owners.first.emLogicalKey.handle() == emLogicalKey) return &owners.first;
+  if (owners.others == nullptr) return nullptr;
+  const auto at = std::find_if(owners.others->begin(), owners.others->end(), [&](const Owner& owner) {
+    return owner.emLogicalKey.handle() == emLogicalKey;
+  });
+  return at == owners.others->end() ? nullptr : &*at;
+}
+
+void WrittenKeys::add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation) {
+  Owner owner{KeyHold<EmLogicalKey>(emLogicalKey), operation};
+  if (!owners.first.emLogicalKey) {
+    owners.first = std::move(owner);
+  } else {
+    if (owners.others == nullptr) owners.others = std::make_unique<std::vector<Owner>>();
+    owners.others->push_back(std::move(owner));
+  }
+  count(emLogicalKey, true);
+}
+
+void WrittenKeys::answered(const EmHwKey& hwKey, OperationNumber operation, bool holds) {
+  Owners* owners = emWrittenKeys_ == nullptr ? nullptr : owners_.find(hwKey);
+  if (owners == nullptr) return;
+  dropOvertaken(*owners, operation, holds);
+  if (!owners->first.emLogicalKey) owners_.del(hwKey);
+}
+
+void WrittenKeys::dropOvertaken(Owners& owners, OperationNumber operation, bool holds) {
+  const auto drop = [&](const Owner& owner) {
+    const bool overtaken = isBefore(owner.last, operation) || (owner.last == operation && !holds);
+    if (overtaken) count(owner.emLogicalKey.key(), false);
+    return overtaken;
+  };
+  if (owners.others != nullptr) std::erase_if(*owners.others, drop);
+  if (drop(owners.first)) owners.first = {};
+  if (owners.others == nullptr) return;
+  if (!owners.first.emLogicalKey && !owners.others->empty()) {
+    owners.first = std::move(owners.others->back());
+    owners.others->pop_back();
+  }
+  if (owners.others->empty()) owners.others.reset();
+}
+
+void WrittenKeys::count(const EmLogicalKey& emLogicalKey, bool more) {
+  const std::uint32_t* present = emWrittenKeys_->written().find(emLogicalKey);
+  const std::uint32_t before = present == nullptr ? 0 : *present;
+  const std::uint32_t now = more ? before + 1 : before - 1;
+  if (now == 0) {
+    emWrittenKeys_->writtenDel(emLogicalKey);
+  } else {
+    emWrittenKeys_->writtenIs(emLogicalKey, now);
+  }
+}
+
+}  // namespace KilnEmServer

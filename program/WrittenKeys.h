@@ -1,0 +1,55 @@
+// For which logical keys a table holds entries, or may come to hold some.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "runtime/EmCollections.h"
+#include "runtime/LocalState.h"
+
+namespace KilnEmServer {
+
+/// The number of an operation among all that one writer issued; grows, modulo 2^32.
+using OperationNumber = std::uint32_t;
+
+/// Follows one table's operations and publishes for which logical keys it holds an entry, or was asked to
+/// write one. A table applies the operations on one hardware key in the order issued, so an answer says that
+/// every earlier operation on the key has been applied, and overtaken.
+class WrittenKeys final : public LocalState {
+ public:
+  /// Follows nothing where `emWrittenKeys` is null.
+  WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys);
+
+  /// An entry of `emLogicalKey` is about to be written under `hwKey`.
+  void written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation);
+  /// The table answered an operation on `hwKey`; `holds` where that was a write and succeeded.
+  void answered(const EmHwKey& hwKey, OperationNumber operation, bool holds);
+
+  [[nodiscard]] std::size_t size() const override { return owners_.size(); }
+  void clear() override { owners_.clear(); }
+
+ private:
+  using Handle = KeySpace<EmLogicalKey>::Handle;
+  /// A logical key whose entry is, or may be, stored under a hardware key.
+  struct Owner {
+    KeyHold<EmLogicalKey> emLogicalKey;
+    OperationNumber last = 0;  ///< its latest write
+  };
+  /// Mostly there is one; others follow while a key's owner changes.
+  struct Owners {
+    Owner first;
+    std::unique_ptr<std::vector<Owner>> others;
+  };
+
+  [[nodiscard]] static Owner* find(Owners& owners, Handle emLogicalKey);
+  void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
+  void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);
+  void count(const EmLogicalKey& emLogicalKey, bool more);
+
+  Ref<EmWrittenKeys> emWrittenKeys_;
+  LocalMap<EmHwKey, Owners> owners_;
+};
+
+}  // namespace KilnEmServer
