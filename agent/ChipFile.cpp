@@ -62,7 +62,8 @@ void ChipFile::create(std::string_view layout) const {
   std::memcpy(content.data() + kCountAt, &count, sizeof count);
   content.resize(kHeaderBytes + kFirstSlots * kSlotBytes);
   const std::string unfinished = path_ + ".new";
-  const FileDescriptor file(::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  const FileDescriptor file(
+      ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file.valid() || ::write(file.number(), content.data(), content.size()) != std::ssize(content) ||
       ::fsync(file.number()) != 0 || ::rename(unfinished.c_str(), path_.c_str()) != 0) {
     throw InputError(fmt::format("{}: cannot be created: {}", path_, std::strerror(errno)));
@@ -70,7 +71,7 @@ void ChipFile::create(std::string_view layout) const {
 }
 
 std::size_t ChipFile::open() {
-  file_ = FileDescriptor(::open(path_.c_str(), O_RDWR | O_CLOEXEC));
+  file_ = FileDescriptor(::open(path_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
   struct stat status {};
   if (!file_.valid() || ::fstat(file_.number(), &status) != 0) {
     refuse(fmt::format("cannot be opened: {}", std::strerror(errno)));

@@ -17,8 +17,6 @@ std::string_view kindOf(const Json& json) {
       return "a text";
     case Json::value_t::boolean:
       return "true or false";
-    case Json::value_t::number_float:
-      return "a number with a fraction, or too large a one";
     default:
       return "a number";
   }
@@ -81,8 +79,15 @@ void refuseOtherMembers(const Json& object, std::initializer_list<std::string_vi
 
 std::uint64_t readWholeNumber(const Json& json, std::uint64_t max, const JsonPath& path) {
   if (!json.is_number()) path.fail(fmt::format("expected a whole number, found {}", kindOf(json)));
+  if (json.is_number_float()) {
+    path.fail(
+        fmt::format("a fraction, an exponent or too large a number is not allowed, only the digits of a "
+                    "whole number from 0 to {}",
+                    max));
+  }
   if (!json.is_number_unsigned() || json.get<std::uint64_t>() > max) {
-    path.fail(fmt::format("{} is out of range, a whole number from 0 to {} is expected", json.dump(), max));
+    const std::string found = json == 0 ? "-0" : json.dump();  // the library keeps no other sign of 0
+    path.fail(fmt::format("{} is out of range, a whole number from 0 to {} is expected", found, max));
   }
   return json.get<std::uint64_t>();
 }

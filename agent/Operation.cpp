@@ -304,6 +304,8 @@ constexpr std::array kReaders = {
 }  // namespace
 
 Json parseLine(std::string_view line) {
+  // The library takes it for the end of its input.
+  if (line.find('\0') != std::string_view::npos) throw InputError("a NUL byte is not allowed in a line");
   try {
     Json json = Json::parse(line, ParseGuard());
     requireObject(json, {});

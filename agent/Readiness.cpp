@@ -49,9 +49,11 @@ void Readiness::readyAndCommitted() {
   manager_.tell("READY=1\nSTATUS=Ready");
   const Clock::time_point now = Clock::now();
   const auto loaded = agent_.durable() == nullptr ? 0 : agent_.durable()->counters().loaded;
-  fmt::print(stderr, "ready after {:.0f} ms: open {:.0f} ({} records), reconcile {:.0f}, commit {:.0f}\n",
-             milliseconds(now - begin_), milliseconds(opened_ - begin_), loaded,
-             milliseconds(reconciled_ - opened_), milliseconds(now - reconciled_));
+  const std::string text =
+      fmt::format("ready after {:.0f} ms: open {:.0f} ({} records), reconcile {:.0f}, commit {:.0f}\n",
+                  milliseconds(now - begin_), milliseconds(opened_ - begin_), loaded,
+                  milliseconds(reconciled_ - opened_), milliseconds(now - reconciled_));
+  std::fputs(text.c_str(), stderr);  // if it cannot be written, the agent serves all the same
 }
 
 void Readiness::stopping() const {

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 #include <lmdb.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -19,6 +21,8 @@ namespace {
 constexpr std::size_t kMapBytes = std::size_t{64} << 30U;
 constexpr std::string_view kFormatKey = "A";
 constexpr std::string_view kFormat = "KilnEmServer agent store 3";
+/// With less room than this, a disk is full.
+constexpr std::size_t kFullBytes = std::size_t{1} << 20U;
 /// A record's value in the file: checksum, order, value.
 constexpr std::size_t kPrefixBytes = sizeof(std::uint32_t) + sizeof(std::uint64_t);
 
@@ -90,7 +94,12 @@ void RecordStore::refuse(std::string_view why) const {
 }
 
 void RecordStore::require(int error) const {
-  if (error != 0) throw std::runtime_error(fmt::format("{}: {}", path_, mdb_strerror(error)));
+  if (error == 0) return;
+  struct statvfs disk {};
+  // LMDB calls a write that came to its end too early an input/output error.
+  const bool full =
+      error == EIO && ::statvfs(path_.c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize < kFullBytes;
+  throw std::runtime_error(fmt::format("{}: {}", path_, mdb_strerror(full ? ENOSPC : error)));
 }
 
 void RecordStore::open(unsigned flags) {
@@ -98,7 +107,7 @@ void RecordStore::open(unsigned flags) {
   require(mdb_env_create(&env));
   env_.reset(env);
   require(mdb_env_set_mapsize(env, kMapBytes));
-  const int error = mdb_env_open(env, path_.c_str(), MDB_NOSUBDIR | flags, 0644);
+  const int error = mdb_env_open(env, path_.c_str(), MDB_NOSUBDIR | flags, 0600);
   if (error == MDB_INVALID || error == MDB_VERSION_MISMATCH) refuse("is not an agent's state store");
   if (error != 0) refuse(fmt::format("cannot be opened: {}", mdb_strerror(error)));
 }

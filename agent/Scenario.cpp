@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "agent/JsonValue.h"
+#include "agent/LineSocket.h"
 #include "server/CheckRequest.h"
 
 namespace KilnAgent {
@@ -33,6 +34,24 @@ std::string statusText(std::optional<EmStatus> status, std::optional<std::uint32
   if (requestVersion) json["requestVersion"] = *requestVersion;
   if (result) json["result"] = *result;
   return json.dump();
+}
+
+/// Reads a line of bounded length; false at the end. Throws InputError if it is too long or cannot be read.
+bool readLine(std::istream& lines, std::string& line) {
+  line.clear();
+  auto& bytes = *lines.rdbuf();
+  while (line.size() <= LineConnection::kMaxLine) {
+    int byte = 0;
+    try {
+      byte = bytes.sbumpc();
+    } catch (const std::ios_base::failure&) {
+      throw InputError("cannot be read");
+    }
+    if (byte == std::istream::traits_type::eof()) return !line.empty();
+    if (byte == '\n') return true;
+    line += static_cast<char>(byte);
+  }
+  throw InputError(fmt::format("the line has more than {} bytes", LineConnection::kMaxLine));
 }
 
 std::optional<StatusRecord> findStatus(const MemoryStateStore& store, const ExpectOperation& expect) {
@@ -72,15 +91,15 @@ void Scenario::run(std::istream& lines, const std::string& name) {
   name_ = name;
   lineNumber_ = 0;
   std::string line;
-  while (std::getline(lines, line)) {
+  for (bool more = true; more;) {
     ++lineNumber_;
     try {
-      runLine(line);
+      more = readLine(lines, line);
+      if (more) runLine(line);
     } catch (const InputError& error) {
       throw InputError(fmt::format("{}:{}: {}", name_, lineNumber_, error.what()));
     }
   }
-  if (lines.bad()) throw InputError(fmt::format("{}: cannot be read", name_));
 }
 
 void Scenario::runLine(std::string_view line) {
@@ -261,6 +280,12 @@ void Scenario::apply(const WatchOperation& /*watch*/) {
 
 const TouchRecord& Scenario::requireTouched() const {
   if (!touched_) throw InputError(R"(nothing is watched; {"op":"watch"} must come first)");
+  if (touched_->overflowed()) {
+    throw InputError(
+        fmt::format("more than {} statuses and entries were touched since the last watch; what "
+                    "was touched is not known any more",
+                    TouchRecord::kMost));
+  }
   return *touched_;
 }
 

@@ -44,7 +44,8 @@ class Scenario {
   void reconciledIs(Reconciled reconciled) { reconciled_ = std::move(reconciled); }
 
   /// Runs one file. `name` is its name in texts. Throws InputError with file and line at the first line that
-  /// is not an operation, of which nothing is executed; what came before has been.
+  /// is not an operation or has more than LineConnection::kMaxLine bytes, of which nothing is executed; what
+  /// came before has been.
   void run(std::istream& lines, const std::string& name);
   /// Runs one line; a line without an operation does nothing. Throws InputError without file and line.
   void runLine(std::string_view line);

@@ -31,6 +31,7 @@ StateDirectory::StateDirectory(std::string path) : path_(std::move(path)) {
   lock(marker);
   claim();
   create(chip());
+  makeContentPrivate();
 }
 
 void StateDirectory::refuse(const std::string& why) const {
@@ -38,7 +39,7 @@ void StateDirectory::refuse(const std::string& why) const {
 }
 
 void StateDirectory::create(const std::string& directory) const {
-  if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) {
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
     refuse(fmt::format("cannot be created: {}", std::strerror(errno)));
   }
 }
@@ -53,7 +54,8 @@ void StateDirectory::refuseForeign(const std::string& marker) const {
 }
 
 void StateDirectory::lock(const std::string& marker) {
-  marker_ = FileDescriptor(::open(marker.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+  marker_ = FileDescriptor(::open(marker.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!marker_.valid() && errno == ELOOP) refuse(fmt::format("{} is a symbolic link", kMarker));
   if (!marker_.valid()) refuse(fmt::format("cannot be used: {}", std::strerror(errno)));
   if (::flock(marker_.number(), LOCK_EX | LOCK_NB) == 0) return;
   refuse(errno == EWOULDBLOCK ? "is in use by another agent"
@@ -72,6 +74,28 @@ void StateDirectory::claim() const {
   if (::pwrite(marker_.number(), kContent.data(), kContent.size(), 0) != std::ssize(kContent)) {
     refuse(fmt::format("cannot be written: {}", std::strerror(errno)));
   }
+}
+
+void StateDirectory::makePrivate(const std::string& path, bool directory) const {
+  constexpr mode_t kOthers = 077;
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return;
+  if (S_ISLNK(status.st_mode)) refuse(fmt::format("{} is a symbolic link", path));
+  if (!(directory ? S_ISDIR(status.st_mode) : S_ISREG(status.st_mode)))
+    refuse(fmt::format("{} is no {}", path, directory ? "directory" : "file"));
+  if ((status.st_mode & kOthers) == 0 || ::chmod(path.c_str(), status.st_mode & 0700) == 0) return;
+  refuse(fmt::format("{} cannot be made private: {}", path, std::strerror(errno)));
+}
+
+/// The directory itself last: it may be reached by a symbolic link, its content may not.
+void StateDirectory::makeContentPrivate() const {
+  makePrivate(chip(), true);
+  for (const auto& table : std::filesystem::directory_iterator(chip())) makePrivate(table.path(), false);
+  makePrivate(store(), false);
+  makePrivate(store() + "-lock", false);
+  makePrivate(path_ + "/.", true);
+  if (::fchmod(marker_.number(), 0600) != 0)
+    refuse(fmt::format("cannot be made private: {}", std::strerror(errno)));
 }
 
 }  // namespace KilnAgent

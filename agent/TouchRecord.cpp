@@ -13,13 +13,23 @@ TouchRecord::~TouchRecord() {
 }
 
 void TouchRecord::handleStoreChange(const StoreChange& change) {
-  if (change.record != StoreChange::Record::status) return;
+  if (overflowed_ || change.record != StoreChange::Record::status) return;
   statuses_.insert({change.feature, change.database, change.key});
+  stopIfFull();
 }
 
 void TouchRecord::handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation /*operation*/,
                                        const KilnEmServer::EmEntry* /*before*/) {
+  if (overflowed_) return;
   entries_.insert(key);
+  stopIfFull();
+}
+
+void TouchRecord::stopIfFull() {
+  if (statuses_.size() + entries_.size() <= kMost) return;
+  overflowed_ = true;
+  statuses_.clear();
+  entries_.clear();
 }
 
 }  // namespace KilnAgent

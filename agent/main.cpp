@@ -1,8 +1,10 @@
 // The command line: runs scenarios, shows the graph, makes scenarios.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -39,6 +41,7 @@ constexpr int kExpectationFailed = 1;
 constexpr int kBadInput = 2;
 constexpr int kDisturbed = 3;
 constexpr int kFailed = 4;
+constexpr int kRefused = 5;
 constexpr std::uint64_t kMaxSeed = std::numeric_limits<std::uint64_t>::max();
 /// Records that may change in a run before they are committed.
 constexpr std::size_t kMaxBatch = 100'000;
@@ -123,7 +126,17 @@ class ProgressLine {
   bool shown_;
 };
 
-/// A line on standard error; lost where that cannot be written, as nobody could be told.
+/// A closed standard descriptor would get the number of the first file that is opened, and what is written to
+/// it would go into that file. Each one that is missing is opened for the other direction, so that its use
+/// fails.
+void occupyStandardDescriptors() {
+  for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+    if (::fcntl(number, F_GETFD) != -1 || errno != EBADF) continue;
+    if (::open("/dev/null", number == STDIN_FILENO ? O_WRONLY : O_RDONLY) != number) ::_exit(kFailed);
+  }
+}
+
+/// A line on standard error; lost if that cannot be written.
 void tell(const std::string& text) {
   std::fputs((text + '\n').c_str(), stderr);
 }
@@ -178,7 +191,11 @@ AgentOptions agentOptions(const AgentArguments& arguments) {
 }
 
 void runFile(Scenario& scenario, const std::string& path) {
-  if (path == "-") return scenario.run(std::cin, path);
+  if (path == "-") {
+    scenario.run(std::cin, path);
+    if (std::ferror(stdin) != 0) throw InputError("standard input: cannot be read");
+    return;
+  }
   std::ifstream file = openScenario(path);
   scenario.run(file, path);
 }
@@ -214,7 +231,8 @@ int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
   progress.clear();
   finish(scenario.counters(), malformed.has_value());
   if (malformed) throw InputError(*malformed);
-  return scenario.counters().failedExpects == 0 ? 0 : kExpectationFailed;
+  if (scenario.counters().failedExpects != 0) return kExpectationFailed;
+  return scenario.counters().refusals == 0 ? 0 : kRefused;
 }
 
 int run(const RunArguments& arguments) {
@@ -294,6 +312,14 @@ CLI::Validator wholeNumber(std::uint64_t max, std::uint64_t min = 0) {
   return {read, "WHOLE"};
 }
 
+/// An empty text names no file; it is what an unset variable of a script leaves.
+CLI::Validator notEmpty() {
+  return {[](std::string& text) {
+            return text.empty() ? std::string("an empty text names nothing") : std::string();
+          },
+          "TEXT"};
+}
+
 void addAgentOptions(CLI::App* command, AgentArguments& arguments) {
   command->add_option("--trace", arguments.traceLevel, "Highest trace level that is written, 0 to 9")
       ->transform(wholeNumber(9))
@@ -303,7 +329,8 @@ void addAgentOptions(CLI::App* command, AgentArguments& arguments) {
           "--trace-stage", arguments.traceStages,
           "PART=LEVEL: another level for stages whose name contains PART; the last that fits decides")
       ->allow_extra_args(false);
-  command->add_option("--trace-file", arguments.traceFile, "Traces go to this file, not to standard error");
+  command->add_option("--trace-file", arguments.traceFile, "Traces go to this file, not to standard error")
+      ->check(notEmpty());
   command
       ->add_option("--seed", arguments.seed,
                    "Shuffles tasks and answers, repeatably; without it both keep their order")
@@ -313,11 +340,12 @@ void addAgentOptions(CLI::App* command, AgentArguments& arguments) {
                    "Slices of work end after this many items, and some run between operations; 0 never")
       ->transform(wholeNumber(std::numeric_limits<std::uint32_t>::max()))
       ->capture_default_str();
-  command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments");
-  command->add_option(
-      "--state", arguments.state,
-      "Directory in which requests, statuses, VLAN domains and the chip's entries outlive the "
-      "process; one that is absent is created");
+  command->add_option("--chip", arguments.chip, "Chip file, JSON with // comments")->check(notEmpty());
+  command
+      ->add_option("--state", arguments.state,
+                   "Directory in which requests, statuses, VLAN domains and the chip's entries outlive the "
+                   "process; one that is absent is created; only its owner can read it")
+      ->check(notEmpty());
   command->add_flag("--no-sync", arguments.noSync,
                     "Commits survive the death of the process, not a loss of power: faster");
 }
@@ -325,17 +353,23 @@ void addAgentOptions(CLI::App* command, AgentArguments& arguments) {
 /// The options of every command that runs scenarios.
 void addRunOptions(CLI::App* command, RunArguments& arguments) {
   command->add_option("FILE", arguments.files, "Scenarios, executed one after the other; - is standard input")
-      ->required();
+      ->required()
+      ->check(notEmpty());
   addAgentOptions(command, arguments);
 }
 
 void addRun(CLI::App& app, RunArguments& arguments, int& result) {
-  CLI::App* command = app.add_subcommand("run", "Runs scenarios to quiescence and shows what became of them");
+  CLI::App* command = app.add_subcommand("run", "Runs scenarios to quiescence and shows the outcome");
+  command->footer(
+      "Exit status: 0; 1 an expectation did not hold; 2 malformed input; 4 the agent failed; 5 a request was "
+      "refused");
   addRunOptions(command, arguments);
-  command->add_option(
-      "--dump", arguments.dump,
-      "Writes the final state as JSON to this file; with - to standard output, and what is shown "
-      "to people goes to standard error");
+  command
+      ->add_option(
+          "--dump", arguments.dump,
+          "Writes the final state as JSON to this file; with - to standard output, and what is shown "
+          "to people goes to standard error")
+      ->check(notEmpty());
   command->callback([&] { result = run(arguments); });
 }
 
@@ -350,12 +384,13 @@ void addServe(CLI::App& app, ServeArguments& arguments) {
       "serve", "Executes operations that come over a socket, until SIGTERM, which withdraws nothing");
   addAgentOptions(command, arguments);
   command->get_option("--state")->required();
-  command->add_option("--socket", arguments.socket, "Where to listen; DIR/socket by default");
+  command->add_option("--socket", arguments.socket, "Where to listen; DIR/socket by default")
+      ->check(notEmpty());
   command
       ->add_option("--reserve", arguments.reserveMib,
                    "Memory for entries to take from the system at the start, in MiB; about 1 per 1,000 "
                    "entries. Without it the first use of memory lengthens slices")
-      ->check(CLI::Range(0, 1 << 20));
+      ->transform(wholeNumber(1U << 20U));
   command->callback([&] {
     serve({agentOptions(arguments), arguments.socket, std::size_t{arguments.reserveMib} << 20U});
   });
@@ -364,8 +399,10 @@ void addServe(CLI::App& app, ServeArguments& arguments) {
 void addSend(CLI::App& app, SendArguments& arguments, int& result) {
   CLI::App* command = app.add_subcommand(
       "send", "Sends a scenario's operations to an agent that serves, and shows its answers");
-  command->add_option("SOCKET", arguments.socket, "Where the agent listens")->required();
-  command->add_option("FILE", arguments.file, "The operations; - is standard input")->required();
+  command->add_option("SOCKET", arguments.socket, "Where the agent listens")->required()->check(notEmpty());
+  command->add_option("FILE", arguments.file, "The operations; - is standard input")
+      ->required()
+      ->check(notEmpty());
   command->add_flag("--quiet", arguments.quiet, "Shows only the answers that are not ok");
   command->callback([&] {
     const SendOutcome outcome = sendFile(arguments.socket, arguments.file, arguments.quiet);
@@ -465,6 +502,7 @@ int runCommandLine(int argc, char** argv) {
 }  // namespace KilnAgent
 
 int main(int argc, char** argv) {
+  KilnAgent::occupyStandardDescriptors();
   try {
     return KilnAgent::runCommandLine(argc, argv);
   } catch (const KilnAgent::InputError& error) {

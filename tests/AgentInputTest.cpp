@@ -74,9 +74,25 @@ TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
   EXPECT_NE(readWhole(path("out")).find("--requests 10 "), std::string::npos);
 }
 
+TEST_F(AgentInput, EmptyOptionsAndTooMuchMemoryAreRefusedInOneLine) {
+  const std::string lines = write("in.jsonl", publishLine(1));
+  for (const std::string& arguments :
+       {"run --state '' " + lines, std::string("serve --state ''"),
+        "serve --socket '' --state " + path("state"), "run --dump '' " + lines, "run --chip '' " + lines,
+        "run --trace-file '' " + lines, std::string("run ''"),
+        "serve --reserve 1048576 --state " + path("state"),
+        "serve --reserve 010x --state " + path("state")}) {
+    const Result result = run(arguments);
+    EXPECT_EQ(2, result.code) << arguments << result.err;
+    EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+  }
+}
+
 TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
   const std::string lines = write("in.jsonl", publishLine(1));
-  EXPECT_EQ(run("run " + lines + " >/dev/full").code, 2);
+  for (const char* output : {">/dev/full", ">&-"})
+    EXPECT_EQ(run("run " + lines + " " + output).code, 2) << output;
+  EXPECT_EQ(run("run - <&-").code, 2);
   EXPECT_EQ(run("run " + lines + " --trace 9 --trace-file /dev/full >" + path("out")).code, 0);
   EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --chip " + path("nowhere")).code, 2);
   EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --trace-stage x").code, 2);
@@ -138,6 +154,24 @@ TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
   KilnPlatform::forEachIn(statuses, [](const auto& /*key*/, const auto& status) {
     EXPECT_EQ(status.status, KilnEmServer::EmStatus::hwSuccess);
   });
+}
+
+TEST(AgentWatch, MoreThanItKeepsIsSaid) {
+  KilnAgent::EmbeddedAgent agent({});
+  KilnAgent::Scenario scenario(agent, false, 1, {});
+  scenario.runLine(R"({"op":"watch"})");
+  const std::string expect =
+      R"({"op":"expect","feature":"mpls","database":"isem","absent":true,"untouched":true,"now":true,)"
+      R"("key":{"isemMplsEntryKey":{"label":1,"labelSpace":1}}})";
+  scenario.runLine(expect);
+  for (std::uint32_t label = 0; label <= KilnAgent::TouchRecord::kMost; ++label) {
+    agent.store().restoreStatus<KilnTunnelNiLib::Isem>(
+        KilnEmServer::FeatureType::mpls, {.key = {{}, {}, KilnTunnelNiLib::IsemMplsComposerKey{label, 0}}});
+  }
+  EXPECT_EQ(
+      "more than 100000 statuses and entries were touched since the last watch; what was touched is not "
+      "known any more",
+      errorOf([&] { scenario.runLine(expect); }));
 }
 
 TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {

@@ -261,6 +261,34 @@ TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
   EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(directory / "photos"), {}));
   EXPECT_NE("no error", openAt(directory / "photos/cat.jpg"));
   EXPECT_NE("no error", openAt(directory / "nowhere/state"));
+  std::filesystem::create_directory(directory / "linked");
+  ASSERT_EQ("no error", openAt(directory / "linked"));
+  for (const char* file : {"store", "chip/isemMpls", "kiln-state"}) {
+    std::filesystem::rename(directory / "linked" / file, directory / "elsewhere");
+    std::filesystem::create_symlink(directory / "elsewhere", directory / "linked" / file);
+    EXPECT_NE(std::string::npos, openAt(directory / "linked").find("is a symbolic link")) << file;
+    std::filesystem::rename(directory / "elsewhere", directory / "linked" / file);
+  }
+}
+
+TEST_F(DurableState, OnlyItsOwnerCanReadTheState) {
+  namespace fs = std::filesystem;
+  const auto others = [this](bool allow) {
+    std::size_t allowed = 0;
+    const auto look = [&](const fs::path& path) {
+      if (fs::is_symlink(path)) return;
+      const auto rights = fs::perms::group_all | fs::perms::others_all;
+      if ((fs::status(path).permissions() & rights) != fs::perms::none) ++allowed;
+      if (allow) fs::permissions(path, rights, fs::perm_options::add);
+    };
+    look(directory / "state");
+    for (const auto& file : fs::recursive_directory_iterator(directory / "state")) look(file.path());
+    return allowed;
+  };
+  settleAndCommit();
+  EXPECT_EQ(0U, others(true)) << "of what the agent created";
+  reopen();
+  EXPECT_EQ(0U, others(false)) << "of what an earlier agent left";
 }
 
 TEST(RecordStoreFile, TornAndForeignFilesAreRefusedAndStay) {

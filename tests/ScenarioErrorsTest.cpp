@@ -104,7 +104,11 @@ const Mistake kMistakes[] = {
     {"wideLabel", publish(mplsKey(R"("label":4294967296,"labelSpace":0)")), "label"},
     {"wideLabelSpace", publish(mplsKey(R"("label":2,"labelSpace":256)")), "labelSpace"},
     {"negativeLabel", publish(mplsKey(R"("label":-1,"labelSpace":0)")), "label"},
-    {"fractionalLabel", publish(mplsKey(R"("label":1.5,"labelSpace":0)")), "label"},
+    {"fractionalLabel", publish(mplsKey(R"("label":1.5,"labelSpace":0)")), "label: a fraction"},
+    {"exponent", publish(mplsKey(R"("label":1e3,"labelSpace":0)")), "an exponent"},
+    {"negativeZero", publish(mplsKey(R"("label":-0,"labelSpace":0)")), "-0 is out of range"},
+    {"nul", publish(mplsKey(R"("label":2,"labelSpace":0)")) + '\0' + "x", "NUL"},
+    {"endless", std::string(1'100'000, ' '), "more than 1048576 bytes"},
     {"labelInQuotes", publish(mplsKey(R"("label":"2","labelSpace":0)")), "label"},
     {"wideFapId", publish(R"({"fapId":65536,"localCoreId":0,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
      "fapId"},
@@ -255,10 +259,10 @@ TEST_F(CommandLine, EndsWithTwoWhereAFileIsMissing) {
   EXPECT_NE(result.err.find("nowhere.jsonl"), std::string::npos) << result.err;
 }
 
-TEST_F(CommandLine, ARefusedRequestIsToldAndFailsNothing) {
+TEST_F(CommandLine, ARefusedRequestIsToldAndHasItsOwnExitStatus) {
   const Result result = runLines(publish(oneTagKey("5000"), "", "isem", kOneTagEntry) + "\n" + kGood + "\n" +
                                  expectLine("hwSuccess") + "\n");
-  EXPECT_EQ(0, result.code) << result.err;
+  EXPECT_EQ(5, result.code) << result.err;
   EXPECT_NE(result.err.find("vlanId is 5000"), std::string::npos) << result.err;
 }
 

@@ -103,7 +103,7 @@ def judge_minimized(binaries, number, seed, options):
     if not command:
         return ended(code)
     code, told = run([binaries / "kiln-agent", *command.group(2).split()], number, options.timeout)
-    return f"{command.group(1)}: {'passes' if code == 0 else 'fails' if code == 1 else ended(code)}"
+    return f"{command.group(1)}: {'passes' if code in (0, 5) else 'fails' if code == 1 else ended(code)}"
 
 
 def main():
