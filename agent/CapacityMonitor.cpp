@@ -74,10 +74,10 @@ void CapacityMonitor::judge(const TableInstance& instance) {
   if (created || usage.used > state.highWatermark.used) state.highWatermark = {usage.used, updated};
   if (!state.exceeded && reaches(usage, thresholds_.upper)) {
     state.exceeded = true;
-    alarms_.push_back({Event::raised, instance, usage, task_.scheduler()->now()});
+    addAlarm(Event::raised, instance, usage);
   } else if (state.exceeded && !reaches(usage, thresholds_.upperClear)) {
     state.exceeded = false;
-    alarms_.push_back({Event::cleared, instance, usage, task_.scheduler()->now()});
+    addAlarm(Event::cleared, instance, usage);
   }
 }
 
@@ -86,9 +86,14 @@ void CapacityMonitor::judgeGone(const TableInstance& instance) {
   const auto at = instances_.find(instance);
   if (at == instances_.end()) return;
   if (at->second.exceeded) {
-    alarms_.push_back({Event::tableGone, instance, at->second.usage, task_.scheduler()->now()});
+    addAlarm(Event::tableGone, instance, at->second.usage);
   }
   instances_.erase(at);
+}
+
+void CapacityMonitor::addAlarm(Event event, const TableInstance& instance, const TableUsage& usage) {
+  if (alarms_.size() == kMostAlarms) alarms_.pop_front();
+  alarms_.push_back({event, instance, usage, task_.scheduler()->now()});
 }
 
 std::string_view eventName(CapacityMonitor::Event event) {

@@ -4,11 +4,11 @@
 #include <chrono>
 #include <compare>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/Ref.h"
 #include "platform/TableCapacity.h"
@@ -52,6 +52,10 @@ double percentOf(const TableUsage& usage);
 /// between two updates did not happen.
 class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::TableCapacityKey> {
  public:
+  /// The alarms that are kept.
+  static constexpr std::size_t kMostAlarms = 256;
+  using Rows = std::map<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>;
+
   enum class Event : std::uint8_t { raised, cleared, tableGone };
   struct Alarm {
     Event event;
@@ -75,23 +79,24 @@ class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::
   [[nodiscard]] const CapacityThresholds& thresholds() const { return thresholds_; }
   /// The instances that have rows now.
   [[nodiscard]] const std::map<TableInstance, State>& instances() const { return instances_; }
-  /// What happened so far, the first first.
-  [[nodiscard]] const std::vector<Alarm>& alarms() const { return alarms_; }
+  /// The rows of one of them.
+  [[nodiscard]] const Rows& rowsOf(const TableInstance& instance) const { return rows_.at(instance); }
+  /// The latest events, the oldest of them first.
+  [[nodiscard]] const std::deque<Alarm>& alarms() const { return alarms_; }
 
  private:
-  using Rows = std::map<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>;
-
   void handleChange(const KilnPlatform::TableCapacityKey& key) override;
   void judgeChanged();
   void judge(const TableInstance& instance);
   void judgeGone(const TableInstance& instance);
+  void addAlarm(Event event, const TableInstance& instance, const TableUsage& usage);
 
   const KilnPlatform::TableCapacity& capacity_;
   CapacityThresholds thresholds_;
   std::map<TableInstance, Rows> rows_;
   std::set<TableInstance> changed_;
   std::map<TableInstance, State> instances_;
-  std::vector<Alarm> alarms_;
+  std::deque<Alarm> alarms_;
   KilnPlatform::Task task_;
 };
 

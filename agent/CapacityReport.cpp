@@ -4,11 +4,11 @@
 #include <cmath>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <string_view>
 
 #include "agent/JsonValue.h"
 #include "agent/Report.h"
-#include "agent/SortedRows.h"
 #include "server/KilnEmServerSm.h"
 
 namespace KilnAgent {
@@ -75,11 +75,32 @@ std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kil
   return byTable;
 }
 
+/// What is asked for, by FAP name; it is counted once for each FAP type.
+class Demands {
+ public:
+  explicit Demands(const EmbeddedAgent& agent) {
+    KilnPlatform::forEachIn(agent.chip().chipStatus()->fap(), [&](const auto& /*fapId*/, const auto& info) {
+      typeOf_[info.name] = info.fapType;
+      if (!byType_.contains(info.fapType)) byType_[info.fapType] = demandOn(agent, info.fapType);
+    });
+  }
+  [[nodiscard]] Demand of(std::string_view fap, const std::string& table) const {
+    const auto type = typeOf_.find(fap);
+    if (type == typeOf_.end()) return {};
+    const auto& byTable = byType_.at(type->second);
+    const auto demand = byTable.find(table);
+    return demand == byTable.end() ? Demand{} : demand->second;
+  }
+
+ private:
+  std::map<std::string, Hardware::Kiln::FapType, std::less<>> typeOf_;
+  std::map<Hardware::Kiln::FapType, std::map<std::string, Demand>> byType_;
+};
+
 /// Only what the server is asked for can wait.
-Json featuresJson(const EmbeddedAgent& agent, const TableInstance& instance, const Demand& demand) {
+Json featuresJson(const CapacityMonitor::Rows& rows, const Demand& demand) {
   Json features = Json::array();
-  for (const auto& [key, entry] : sortedRows(agent.capacity().entry())) {
-    if (key.table != instance.table || key.chip != instance.chip) continue;
+  for (const auto& [key, entry] : rows) {
     Json row = usageJson({entry.used, entry.maxLimit});
     row["feature"] = key.feature;
     row["pending"] = key.feature.empty() ? demand.waiting : 0;
@@ -88,42 +109,30 @@ Json featuresJson(const EmbeddedAgent& agent, const TableInstance& instance, con
   return features;
 }
 
-Json tablesJson(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
-  std::map<std::string, std::map<std::string, Demand>, std::less<>> demandByFap;
-  KilnPlatform::forEachIn(agent.chip().chipStatus()->fap(), [&](const auto& /*fapId*/, const auto& info) {
-    demandByFap[info.name] = demandOn(agent, info.fapType);
-  });
-  Json tables = Json::array();
-  for (const auto& [instance, state] : monitor.instances()) {
-    const auto [fap, core] = KilnEmServer::CapacityHelper::fapNameAndCoreOf(instance.chip);
-    const auto demands = demandByFap.find(fap);
-    const Demand demand = demands == demandByFap.end() ? Demand{} : demands->second[instance.table];
-    Json row = placeJson(instance);
-    row.update(usageJson(state.usage));
-    row["pending"] = demand.waiting;
-    row["failed"] = demand.failed;
-    row["requested"] = demand.requested;
-    row["high-watermark"] = state.highWatermark.used;
-    row["high-watermark-time"] = state.highWatermark.time.count();
-    row["used-threshold-upper"] = monitor.thresholds().upper;
-    row["used-threshold-upper-clear"] = monitor.thresholds().upperClear;
-    row["used-threshold-upper-exceeded"] = state.exceeded;
-    row["features"] = featuresJson(agent, instance, demand);
-    tables.push_back(std::move(row));
-  }
-  return tables;
+Json tableJson(const CapacityMonitor& monitor, const Demands& demands, const TableInstance& instance,
+               const CapacityMonitor::State& state) {
+  const auto [fap, core] = KilnEmServer::CapacityHelper::fapNameAndCoreOf(instance.chip);
+  const Demand demand = demands.of(fap, instance.table);
+  Json row = placeJson(instance);
+  row.update(usageJson(state.usage));
+  row["pending"] = demand.waiting;
+  row["failed"] = demand.failed;
+  row["requested"] = demand.requested;
+  row["high-watermark"] = state.highWatermark.used;
+  row["high-watermark-time"] = state.highWatermark.time.count();
+  row["used-threshold-upper"] = monitor.thresholds().upper;
+  row["used-threshold-upper-clear"] = monitor.thresholds().upperClear;
+  row["used-threshold-upper-exceeded"] = state.exceeded;
+  row["features"] = featuresJson(monitor.rowsOf(instance), demand);
+  return row;
 }
 
-Json alarmsJson(const CapacityMonitor& monitor) {
-  Json alarms = Json::array();
-  for (const CapacityMonitor::Alarm& alarm : monitor.alarms()) {
-    Json row = placeJson(alarm.instance);
-    row["event"] = std::string(eventName(alarm.event));
-    row["time"] = alarm.time.count();
-    row.update(usageJson(alarm.usage));
-    alarms.push_back(std::move(row));
-  }
-  return alarms;
+Json alarmJson(const CapacityMonitor::Alarm& alarm) {
+  Json row = placeJson(alarm.instance);
+  row["event"] = std::string(eventName(alarm.event));
+  row["time"] = alarm.time.count();
+  row.update(usageJson(alarm.usage));
+  return row;
 }
 
 Json resourcesJson(const EmbeddedAgent& agent) {
@@ -139,10 +148,46 @@ Json resourcesJson(const EmbeddedAgent& agent) {
   return rows;
 }
 
+/// The object in one line.
+class CapacityRows final : public JsonSource {
+ public:
+  CapacityRows(const EmbeddedAgent& agent, const CapacityMonitor& monitor)
+      : JsonSource(""), agent_(agent), monitor_(monitor) {
+    addText([] { return R"({"alarms":)"; });
+    beginArray();
+    addPart([this](std::string& out) {
+      for (const CapacityMonitor::Alarm& alarm : monitor_.alarms()) addRow(out, alarmJson(alarm));
+      return false;
+    });
+    endArray();
+    addText([this] { return R"(,"resources":)" + resourcesJson(agent_).dump() + R"(,"tables":)"; });
+    beginArray();
+    addPart([this](std::string& out) { return addTables(out); });
+    endArray();
+    addText([] { return "}"; });
+  }
+
+ private:
+  /// Adds some rows; returns whether there may be more.
+  bool addTables(std::string& out) {
+    if (!demands_) demands_.emplace(agent_);
+    auto next = last_ ? monitor_.instances().upper_bound(*last_) : monitor_.instances().begin();
+    for (int row = 0; row < kRowsPerPiece && next != monitor_.instances().end(); ++row, ++next) {
+      last_ = next->first;
+      addRow(out, tableJson(monitor_, *demands_, next->first, next->second));
+    }
+    return next != monitor_.instances().end();
+  }
+
+  const EmbeddedAgent& agent_;
+  const CapacityMonitor& monitor_;
+  std::optional<Demands> demands_;
+  std::optional<TableInstance> last_;  ///< of the row that was added last
+};
+
 Json capacityRows(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
-  return {{"tables", tablesJson(agent, monitor)},
-          {"resources", resourcesJson(agent)},
-          {"alarms", alarmsJson(monitor)}};
+  CapacityRows rows(agent, monitor);
+  return Json::parse(wholeText(rows));
 }
 
 // --- Text, rendered from the JSON --------------------------------------------------------------------------
@@ -207,6 +252,10 @@ void addAlarms(Lines out, const Json& rows, const CapacityThresholds& thresholds
 
 std::string capacityJson(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
   return capacityRows(agent, monitor).dump(1) + "\n";
+}
+
+std::unique_ptr<TextSource> capacityInPieces(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {
+  return std::make_unique<CapacityRows>(agent, monitor);
 }
 
 std::string capacityText(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {

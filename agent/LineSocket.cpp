@@ -46,8 +46,8 @@ void removeStale(const std::string& path, const sockaddr_un& address) {
 
 }  // namespace
 
-void LineConnection::receive() {
-  if (!mayReceive()) return;
+bool LineConnection::receive() {
+  if (!mayReceive()) return false;
   received_.erase(0, taken_);
   scanned_ -= taken_;
   taken_ = 0;
@@ -57,21 +57,22 @@ void LineConnection::receive() {
   const bool failed = count < 0 && errno != EAGAIN && errno != EINTR;
   received_.resize(before + static_cast<std::size_t>(count > 0 ? count : 0));
   ended_ = count == 0 || failed;
+  return count > 0;
 }
 
-void LineConnection::flush() {
+bool LineConnection::flush() {
+  bool progress = false;
   while (hasUnsent()) {
     const ssize_t count =
         ::send(number(), unsent_.data() + sent_, unsent_.size() - sent_, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (count < 0) {
-      deaf_ = true;
-      break;
-    }
-    sent_ += static_cast<std::size_t>(count);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) break;
+    progress = true;
+    peerClosed_ = peerClosed_ || count < 0;
+    sent_ += count < 0 ? unsent() : static_cast<std::size_t>(count);
   }
-  unsent_.clear();
-  sent_ = 0;
+  // A client that takes its answers slowly must not make the part that was sent grow.
+  if (!hasUnsent() || sent_ >= kReadBytes) unsent_.erase(0, std::exchange(sent_, 0));
+  return progress;
 }
 
 std::optional<LineConnection::Line> LineConnection::takeLine() {
@@ -102,17 +103,24 @@ LineListener::LineListener(std::string path) : path_(std::move(path)) {
   const mode_t mask = ::umask(0177);
   const bool bound = ::bind(number(), generic(address), sizeof address) == 0;
   ::umask(mask);
-  if (!bound || ::listen(number(), kBacklog) != 0) {
+  struct stat status {};
+  if (!bound || ::lstat(path_.c_str(), &status) != 0 || ::listen(number(), kBacklog) != 0) {
     throw InputError(fmt::format("{}: cannot be listened on: {}", path_, std::strerror(errno)));
   }
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
 }
 
+/// While the socket is open, no other file can have its inode.
 LineListener::~LineListener() {
-  ::unlink(path_.c_str());
+  struct stat status {};
+  const bool found = ::lstat(path_.c_str(), &status) == 0;
+  if (found && status.st_dev == device_ && status.st_ino == inode_) ::unlink(path_.c_str());
 }
 
 std::optional<LineConnection> LineListener::accept() {
   FileDescriptor client(::accept4(number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  outOfDescriptors_ = !client.valid() && (errno == EMFILE || errno == ENFILE);
   if (!client.valid()) return std::nullopt;
   return LineConnection(std::move(client));
 }

@@ -1,6 +1,8 @@
 // Lines of text over Unix sockets: an end that listens, and the connections of its clients.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -18,15 +20,16 @@ class LineConnection {
   /// A longer line is passed over.
   static constexpr std::size_t kMaxLine = std::size_t{1} << 20U;
   /// With more than this waiting to be sent, nothing more is read.
-  static constexpr std::size_t kMaxUnsent = std::size_t{1} << 22U;
+  static constexpr std::size_t kMaxUnsent = std::size_t{1} << 20U;
 
   explicit LineConnection(FileDescriptor socket) : socket_(std::move(socket)) {}
 
   [[nodiscard]] int number() const { return socket_.number(); }
-  /// Reads what has come, up to a bound.
-  void receive();
-  /// Sends what can be sent; drops it where the client does not listen any more.
-  void flush();
+  /// Reads what was received, up to a bound. Returns whether there was anything.
+  bool receive();
+  /// Sends what can be sent; drops it if the client does not listen any more. Returns whether anything was
+  /// sent.
+  bool flush();
   /// A line of the client, with its number from 1, without its end.
   struct Line {
     std::uint64_t number = 0;
@@ -36,19 +39,25 @@ class LineConnection {
   };
   std::optional<Line> takeLine();
   void send(std::string_view text) {
-    if (!deaf_) unsent_ += text;
+    if (!peerClosed_) unsent_ += text;
   }
 
-  [[nodiscard]] bool hasUnsent() const { return sent_ != unsent_.size(); }
-  /// Whether the client takes its answers fast enough to be heard further.
-  [[nodiscard]] bool keepsUp() const { return unsent_.size() - sent_ <= kMaxUnsent; }
+  /// Bytes that wait to be sent.
+  [[nodiscard]] std::size_t unsent() const { return unsent_.size() - sent_; }
+  [[nodiscard]] bool hasUnsent() const { return unsent() != 0; }
+  /// Whether the client takes its answers fast enough for more of its lines to be read.
+  [[nodiscard]] bool keepsUp() const { return unsent() <= kMaxUnsent; }
+  /// Whether takeLine may find a line in what was received.
+  [[nodiscard]] bool mayHaveLine() const {
+    return scanned_ != received_.size() || (ended_ && taken_ != received_.size());
+  }
   [[nodiscard]] bool mayReceive() const {
     return !ended_ && received_.size() - taken_ <= kMaxLine && keepsUp();
   }
   /// The descriptor says that the client hung up.
-  void hungUp() { deaf_ = deaf_ || ended_; }
+  void hungUp() { peerClosed_ = peerClosed_ || ended_; }
   /// Nothing more is to be expected from the descriptor; what was received can still be taken.
-  [[nodiscard]] bool closed() const { return ended_ && deaf_; }
+  [[nodiscard]] bool closed() const { return ended_ && peerClosed_; }
   /// The client will send no more, and every line of it was taken.
   [[nodiscard]] bool exhausted() const { return ended_ && taken_ == received_.size(); }
 
@@ -64,7 +73,7 @@ class LineConnection {
   std::uint64_t lines_ = 0;
   bool passingOver_ = false;  ///< in the rest of a line that is too long
   bool ended_ = false;        ///< the client sends no more
-  bool deaf_ = false;         ///< nor does it listen
+  bool peerClosed_ = false;   ///< nor does it listen
 };
 
 /// A listening socket in the file system, for its owner's processes only.
@@ -73,7 +82,7 @@ class LineListener {
   /// Takes the place of a socket on which nobody listens any more. Throws InputError where another process
   /// listens there, where something else is in the way, which stays, or where the path is too long.
   explicit LineListener(std::string path);
-  /// Removes the socket.
+  /// Removes the socket, unless another one has its name now.
   ~LineListener();
   LineListener(const LineListener&) = delete;
   LineListener& operator=(const LineListener&) = delete;
@@ -81,10 +90,16 @@ class LineListener {
   [[nodiscard]] int number() const { return socket_.number(); }
   /// The next client, if one waits.
   std::optional<LineConnection> accept();
+  /// Whether the latest accept() failed because the process or the system has no descriptor left.
+  [[nodiscard]] bool outOfDescriptors() const { return outOfDescriptors_; }
 
  private:
   std::string path_;
   FileDescriptor socket_;
+  // Of the socket's name in the file system.
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+  bool outOfDescriptors_ = false;
 };
 
 /// Connects to a socket that an agent listens on; blocking. Throws InputError where it cannot.

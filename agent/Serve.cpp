@@ -7,7 +7,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <new>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -23,11 +26,16 @@
 namespace KilnAgent {
 namespace {
 
-/// One slice of work, and how long slices follow each other before clients are heard again.
+/// One slice of work, and how long slices, and the clients' lines and answers, take before the other comes.
 constexpr std::chrono::microseconds kSliceBudget{500};
 constexpr std::chrono::milliseconds kTurnBudget{2};
-constexpr std::size_t kLinesPerTurn = 256;
-constexpr std::size_t kMaxClients = 64;
+constexpr std::chrono::nanoseconds kClientsBudget = std::chrono::milliseconds(2);
+/// Of a long answer only so much is made before the client has taken it; of short ones more, so that a commit
+/// can acknowledge many.
+constexpr std::size_t kLongAnswerAhead = std::size_t{64} << 10U;
+constexpr std::size_t kMostUncommitted = std::size_t{1} << 20U;
+/// How long a client may leave its answers unread before its connection may be given to another one.
+constexpr std::chrono::seconds kUnreadPatience{60};
 /// How long a stopping agent tries to send its last answers.
 constexpr std::chrono::seconds kFarewell{1};
 
@@ -43,17 +51,30 @@ template <class T>
 constexpr bool kIsVolatile = kIsAmong<T, TableOperation, AnswerOperation, ExternalUserOperation,
                                       AddFapOperation, RemoveFapOperation, ProfileOperation>;
 
-/// Whether the operation is about the agent when nothing is pending.
+/// Whether the operation is executed when nothing is pending.
 bool needsIdleAgent(const Operation& operation) {
   return std::visit(
       []<class T>(const T& specific) {
         if constexpr (kIsAmong<T, ExpectOperation, ExpectTableOperation>) {
           return !specific.now;
         } else {
-          return kIsAmong<T, SettleOperation, AnswerOperation>;
+          return kIsAmong<T, SettleOperation, AnswerOperation, RunOperation>;
         }
       },
       operation);
+}
+
+/// An operation that a serving agent executes itself: slices run in its turns, and each answer is a commit.
+bool isOfService(const Operation& operation) {
+  return std::visit([]<class T>(const T&) { return kIsAmong<T, RunOperation, CommitOperation>; }, operation);
+}
+
+/// State that was acknowledged is never discarded.
+void refuseLoss(const Operation& operation) {
+  const auto* crash = std::get_if<CrashOperation>(&operation);
+  if (crash == nullptr || !crash->lost) return;
+  throw InputError(
+      "a serving agent does not discard what it acknowledged; without \"lost\" the server restarts");
 }
 
 /// SIGTERM and SIGINT as something to be read.
@@ -89,7 +110,7 @@ void Service::run() {
 
 bool Service::turn() {
   waitForEvents();
-  takeLines();
+  serveClients();
   runSlices();
   runWaiting();
   commitIfDue();
@@ -105,55 +126,96 @@ bool Service::turn() {
 
 void Service::waitForEvents() {
   std::vector<pollfd> watched{{signals_.number(), POLLIN, 0},
-                              {clients_.size() < kMaxClients ? listener_.number() : -1, POLLIN, 0}};
+                              {mayAccept() ? listener_.number() : -1, POLLIN, 0}};
   for (const Client& client : clients_) {
     const LineConnection& connection = client.connection;
     const int events = (connection.mayReceive() ? POLLIN : 0) | (connection.hasUnsent() ? POLLOUT : 0);
     watched.push_back({connection.closed() ? -1 : connection.number(), static_cast<short>(events), 0});
   }
-  const bool busy = !agent_.scheduler().idle() || linesLeft();
+  const bool busy = !agent_.scheduler().idle() || anyStep();
   if (::poll(watched.data(), watched.size(), busy ? 0 : readiness_.patience()) <= 0) return;
   stopping_ = watched[0].revents != 0;
   auto seen = watched.begin() + 2;
   for (Client& client : clients_) {
     const short events = (seen++)->revents;
-    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) client.connection.receive();
+    const bool readable = (events & (POLLIN | POLLHUP | POLLERR)) != 0;
+    if (readable && client.connection.receive()) client.active = Clock::now();
     if ((events & (POLLHUP | POLLERR)) != 0) client.connection.hungUp();
   }
   if (watched[1].revents != 0) acceptClients();
 }
 
+/// Out of descriptors, the number of clients that there are is the most that there can be.
 void Service::acceptClients() {
-  while (clients_.size() < kMaxClients) {
+  if (!makeRoomForClient()) return;
+  do {
     std::optional<LineConnection> connection = listener_.accept();
-    if (!connection) return;
+    if (!connection) {
+      if (listener_.outOfDescriptors()) mostClients_ = std::max<std::size_t>(clients_.size(), 1);
+      return;
+    }
     clients_.emplace_back(std::move(*connection));
+  } while (clients_.size() < mostClients_);
+}
+
+bool Service::mayAccept() const {
+  return clients_.size() < mostClients_ || std::any_of(clients_.begin(), clients_.end(), isDispensable);
+}
+
+/// A client waits: closes the connection that has been idle for longest if there are too many.
+bool Service::makeRoomForClient() {
+  if (clients_.size() < mostClients_) return true;
+  auto longest = clients_.end();
+  for (auto client = clients_.begin(); client != clients_.end(); ++client) {
+    if (client->connection.receive()) client->active = Clock::now();
+    if (!isDispensable(*client)) continue;
+    if (longest == clients_.end() || client->active < longest->active) longest = client;
   }
+  if (longest == clients_.end()) return false;
+  clients_.erase(longest);
+  return true;
+}
+
+bool Service::isDispensable(const Client& client) {
+  const bool answered = !client.waiting && !client.longAnswer && client.uncommitted.empty();
+  if (client.connection.hasUnsent()) return Clock::now() - client.active >= kUnreadPatience;
+  return answered && !client.connection.mayHaveLine();
 }
 
 // --- Lines -------------------------------------------------------------------------------------------------
 
-bool Service::anyWaiting() const {
-  return std::any_of(clients_.begin(), clients_.end(),
-                     [](const Client& client) { return client.waiting.has_value(); });
+bool Service::hasStep(const Client& client) {
+  if (client.waiting) return false;
+  if (client.longAnswer) return client.connection.unsent() + client.uncommitted.size() < kLongAnswerAhead;
+  return client.connection.keepsUp() && client.uncommitted.size() < kMostUncommitted &&
+         client.connection.mayHaveLine();
 }
 
-/// While one client waits for the agent to become idle, the others' lines wait too, so that it does.
-void Service::takeLines() {
-  linesLeft_ = false;
-  for (Client& client : clients_) {
-    std::size_t taken = 0;
-    while (client.connection.keepsUp()) {
-      if (taken == kLinesPerTurn || anyWaiting()) {
-        linesLeft_ = true;
-        break;
-      }
-      const std::optional<LineConnection::Line> line = client.connection.takeLine();
-      if (!line) break;
-      takeLine(client, *line);
-      ++taken;
+bool Service::anyStep() const {
+  return std::any_of(clients_.begin(), clients_.end(), hasStep);
+}
+
+/// Each client with something to do gets the same time; who took more has it deducted in later turns.
+void Service::serveClients() {
+  const Clock::time_point begin = Clock::now();
+  const auto active = std::count_if(clients_.begin(), clients_.end(), hasStep);
+  const Clock::duration share = kClientsBudget / std::max<std::ptrdiff_t>(active, 1);
+  Clock::time_point now = begin;
+  for (std::size_t left = clients_.size(); left != 0 && now - begin < 2 * kClientsBudget; --left) {
+    Client& client = clients_.front();
+    client.credit = std::min<Clock::duration>(client.credit + share, share);
+    while (client.credit.count() > 0 && hasStep(client)) {
+      step(client);
+      const Clock::time_point before = std::exchange(now, Clock::now());
+      client.credit -= now - before;
     }
+    clients_.splice(clients_.end(), clients_, clients_.begin());
   }
+}
+
+void Service::step(Client& client) {
+  if (client.longAnswer) return continueLongAnswer(client);
+  if (const auto line = client.connection.takeLine()) takeLine(client, *line);
 }
 
 void Service::takeLine(Client& client, const LineConnection::Line& line) {
@@ -163,22 +225,29 @@ void Service::takeLine(Client& client, const LineConnection::Line& line) {
     if (line.cutOff) throw InputError("the line has no end");
     if (Scenario::isBlank(line.text)) return;
     const Json json = parseLine(line.text);
-    if (json.value("op", Json()) == "show") return answer(client, line.number, queries_.answer(json));
-    Operation operation = readOperation(json);
-    if (needsIdleAgent(operation)) {
-      client.waiting.emplace(line.number, std::move(operation));
-    } else {
-      answer(client, line.number, execute(operation));
-    }
+    if (json.value("op", Json()) != "show") return takeOperation(client, line.number, readOperation(json));
+    auto [name, content] = queries_.answer(json);
+    client.longAnswer.emplace(line.number, std::move(content));
+    client.uncommitted += fmt::format(R"({{"{}":)", name);
   } catch (const InputError& error) {
     answer(client, line.number, {{"ok", false}, {"error", error.what()}});
   }
 }
 
+void Service::takeOperation(Client& client, std::uint64_t line, Operation operation) {
+  refuseLoss(operation);
+  if (!needsIdleAgent(operation)) return answer(client, line, execute(operation));
+  constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
+  const auto* run = std::get_if<RunOperation>(&operation);
+  const std::uint64_t slices = agent_.scheduler().counters().slices;
+  const std::uint64_t end = run == nullptr || run->tasks > kNever - slices ? kNever : slices + run->tasks;
+  client.waiting.emplace(line, std::move(operation), end);
+}
+
 /// What is to be answered. Throws InputError where the agent's state does not allow the operation.
 Json Service::execute(const Operation& operation) {
   said_.clear();
-  scenario_.execute(operation);
+  if (!isOfService(operation)) scenario_.execute(operation);
   if (!said_.empty()) throw InputError(said_);
   Json answer{{"ok", true}};
   std::visit(
@@ -194,6 +263,13 @@ void Service::answer(Client& client, std::uint64_t line, Json answer) {
   client.uncommitted += answer.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
+void Service::continueLongAnswer(Client& client) {
+  if (client.connection.closed()) return client.longAnswer.reset();
+  if (client.longAnswer->content->next(client.uncommitted)) return;
+  client.uncommitted += fmt::format(",\"line\":{},\"ok\":true}}\n", client.longAnswer->line);
+  client.longAnswer.reset();
+}
+
 // --- Work --------------------------------------------------------------------------------------------------
 
 void Service::runSlices() {
@@ -205,12 +281,14 @@ void Service::runSlices() {
 
 void Service::runWaiting() {
   for (Client& client : clients_) {
-    if (!client.waiting || !agent_.scheduler().idle()) continue;
-    const auto [line, operation] = *std::exchange(client.waiting, std::nullopt);
+    if (!client.waiting) continue;
+    const bool enough = agent_.scheduler().counters().slices >= client.waiting->endSlice;
+    if (!enough && !agent_.scheduler().idle()) continue;
+    const Waiting waiting = *std::exchange(client.waiting, std::nullopt);
     try {
-      answer(client, line, execute(operation));
+      answer(client, waiting.line, execute(waiting.operation));
     } catch (const InputError& error) {
-      answer(client, line, {{"ok", false}, {"error", error.what()}});
+      answer(client, waiting.line, {{"ok", false}, {"error", error.what()}});
     }
   }
 }
@@ -218,7 +296,7 @@ void Service::runWaiting() {
 /// Answers leave when everything up to them is committed.
 void Service::commitIfDue() {
   const std::size_t pending = agent_.durable()->pending();
-  const bool idle = agent_.scheduler().idle() && !linesLeft();
+  const bool idle = agent_.scheduler().idle() && !anyStep();
   if (pending == 0 || pace_.due(pending) || idle) commit();
 }
 
@@ -228,11 +306,15 @@ void Service::commit() {
 }
 
 void Service::sendAnswers() {
-  for (Client& client : clients_) client.connection.flush();
-  std::erase_if(clients_, [](const Client& client) {
-    return client.connection.exhausted() && !client.waiting && client.uncommitted.empty() &&
-           !client.connection.hasUnsent();
+  for (Client& client : clients_) {
+    if (client.connection.flush()) client.active = Clock::now();
+  }
+  const std::size_t gone = std::erase_if(clients_, [](const Client& client) {
+    const LineConnection& connection = client.connection;
+    return connection.exhausted() && !client.waiting && !client.longAnswer && client.uncommitted.empty() &&
+           !connection.hasUnsent();
   });
+  if (gone != 0) mostClients_ = kMostClients;
 }
 
 void Service::stop() {
@@ -262,23 +344,25 @@ Json Service::aboutAgent() const {
 }
 
 void Service::addQueries() {
-  const auto add = [this](const char* what, auto content) {
-    queries_.queryIs(what, [what, content](const Json& line) {
-      refuseOtherMembers(line, {"op", "what"}, {});
-      return Json{{"ok", true}, {what, content()}};
-    });
+  const auto addShort = [this](const char* name, auto content) {
+    queries_.queryIs(name, [content] { return std::make_unique<ReadyText>(content().dump()); });
   };
-  add("agent", [this] { return aboutAgent(); });
-  add("dump", [this] { return Json::parse(dumpText(agent_)); });
-  add("reconcile", [this]() -> Json {
+  addShort("agent", [this] { return aboutAgent(); });
+  addShort("reconcile", [this]() -> Json {
     const auto report = agent_.reconcileMonitor().report(agent_.server());
     return report ? reconcileJson(*report) : nullptr;
   });
-  add("capacity", [this] { return Json::parse(capacityJson(agent_, capacity_)); });
+  queries_.queryIs("dump", [this] { return dumpInPieces(agent_); });
+  queries_.queryIs("capacity", [this] { return capacityInPieces(agent_, capacity_); });
 }
 
 void serve(const ServeOptions& options) {
-  KilnEmServer::PageArena::instance().reserve(options.reserved);
+  try {
+    KilnEmServer::PageArena::instance().reserve(options.reserved);
+  } catch (const std::bad_alloc&) {
+    throw InputError(
+        fmt::format("--reserve {}: the system does not have so much memory", options.reserved >> 20U));
+  }
   Service(options, stopSignals()).run();
 }
 

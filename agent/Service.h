@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,13 +17,17 @@
 #include "agent/Readiness.h"
 #include "agent/Scenario.h"
 #include "agent/Serve.h"
+#include "agent/TextSource.h"
 
 namespace KilnAgent {
 
-/// An agent that serves, one turn after the other; serve() says what it answers.
+/// An agent that serves, one turn after the other; serve() says what it answers. A turn is bounded: lines,
+/// long answers and the agent's own work get a few milliseconds each, and each client the same time for its
+/// lines and answers. Only a single operation, or a commit, can be longer.
 class Service {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t kMostClients = 128;
 
   /// Listens, until `stop` has something to be read; it may be none. Throws InputError where the state or the
   /// socket cannot be used.
@@ -39,29 +44,51 @@ class Service {
   [[nodiscard]] EmbeddedAgent& agent() { return agent_; }
 
  private:
+  /// An operation that waits for the agent to be idle.
+  struct Waiting {
+    std::uint64_t line;
+    Operation operation;
+    std::uint64_t endSlice;  ///< when so many slices have run, it waits no longer
+  };
+  /// An answer that is made piece by piece.
+  struct LongAnswer {
+    std::uint64_t line;
+    std::unique_ptr<TextSource> content;
+  };
   struct Client {
     explicit Client(LineConnection taken) : connection(std::move(taken)) {}
     LineConnection connection;
     std::string uncommitted;  ///< answers that wait for the next commit
-    /// An operation that waits for the agent to be idle, and the number of its line.
-    std::optional<std::pair<std::uint64_t, Operation>> waiting;
+    std::optional<Waiting> waiting;
+    std::optional<LongAnswer> longAnswer;
+    /// The time that its lines and answers may still take in this turn; negative after a long one.
+    Clock::duration credit{0};
+    Clock::time_point active = Clock::now();  ///< when bytes were received or sent last
   };
 
   void addQueries();
   void waitForEvents();
   void acceptClients();
-  void takeLines();
+  [[nodiscard]] bool mayAccept() const;
+  bool makeRoomForClient();
+  /// Whether the client can be closed without the loss of an answer that it waits for.
+  static bool isDispensable(const Client& client);
+  /// Whether a step of the client can be made.
+  static bool hasStep(const Client& client);
+  [[nodiscard]] bool anyStep() const;
+  void serveClients();
+  void step(Client& client);
   void takeLine(Client& client, const LineConnection::Line& line);
+  void takeOperation(Client& client, std::uint64_t line, Operation operation);
   [[nodiscard]] Json execute(const Operation& operation);
   static void answer(Client& client, std::uint64_t line, Json answer);
+  static void continueLongAnswer(Client& client);
   void runSlices();
   void runWaiting();
   void commitIfDue();
   void commit();
   void sendAnswers();
   void stop();
-  [[nodiscard]] bool anyWaiting() const;
-  [[nodiscard]] bool linesLeft() const { return linesLeft_ && !anyWaiting(); }
   [[nodiscard]] Json aboutAgent() const;
 
   Clock::time_point begin_ = Clock::now();
@@ -74,9 +101,9 @@ class Service {
   Scenario scenario_{agent_, false, 1, [this](const std::string& text) { said_ = text; },
                      [this](const ScenarioCounters&) { readiness_.update(); }};
   Queries queries_;
-  std::list<Client> clients_;
+  std::list<Client> clients_;  ///< the one whose turn comes next first
+  std::size_t mostClients_ = kMostClients;
   CommitPace pace_;
-  bool linesLeft_ = false;
   bool stopping_ = false;
 };
 

@@ -77,6 +77,12 @@ class SoftChip final : public Asic::OrderedTableInterface {
   void forEachTable(Visitor&& visitor) const {
     for (std::size_t i = 1; i < tables_.size(); ++i) visitor(*tables_[i]);
   }
+  /// Calls `visitor(stem, entries)` with each table's collection of entries under keys of its own type.
+  template <class Visitor>
+  void forEachSwTable(Visitor&& visitor) const {
+    std::apply([&](const auto&... own) { (visitor(own->table().stem(), own->table().entrys()), ...); },
+               interfaces_);
+  }
   /// Summed over the tables.
   [[nodiscard]] HardwareCounters counters() const;
 

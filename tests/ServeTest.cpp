@@ -9,14 +9,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <list>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "agent/Dump.h"
 #include "agent/InputError.h"
 #include "agent/LineSocket.h"
+#include "agent/Service.h"
 #include "tests/Golden.h"
 #include "tests/Lines.h"
 #include "tests/TempDirectory.h"
@@ -74,12 +81,14 @@ class Serve : public testing::Test {
     if (process_ > 0) kill(SIGKILL);
   }
 
-  /// Starts the agent and waits until it listens.
-  void start(const std::vector<std::string>& environment = {}) {
+  /// Starts the agent, once `prepare` was called in its process, and waits until it listens.
+  void start(
+      const std::vector<std::string>& environment = {}, void (*prepare)() = [] {}) {
     process_ = fork();
     if (process_ == 0) {
       for (const std::string& variable : environment) putenv(strdup(variable.c_str()));
       freopen((directory / "err").c_str(), "w", stderr);
+      prepare();
       execl(binary().c_str(), "kiln-agent", "serve", "--no-sync", "--state", (directory / "state").c_str(),
             nullptr);
       _exit(127);
@@ -158,6 +167,8 @@ TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
       {R"({"op":"expect","feature":"mpls","database":"isem",)"
        R"("key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}},"status":"hwSuccess"})",
        "expected"},
+      {R"({"op":"crash","lost":true})", "does not discard what it acknowledged"},
+      {kSettle + '\0' + "x", "NUL"},
       {std::string((1U << 20U) + 1, 'x'), "more than 1048576 bytes"},
       {std::string(5U << 20U, 'x'), "more than 1048576 bytes"}};
   std::uint64_t line = 0;
@@ -181,6 +192,14 @@ TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
   std::string many;
   for (int label = 1; label <= 200; ++label) many += publishLine(label) + "\n";
   for (int round = 0; round < 10; ++round) Client(socketPath()).send(many);  // and is gone before any answer
+  Client active(socketPath());
+  std::list<Client> idle;
+  for (std::size_t count = 0; count <= KilnAgent::Service::kMostClients; ++count) {
+    idle.emplace_back(socketPath());
+    EXPECT_EQ(true, idle.back().ask(kShowAgent)["ok"]);
+    EXPECT_EQ(true, active.ask(kShowAgent)["ok"]);
+  }
+  EXPECT_EQ(nullptr, idle.front().answer()) << "who was idle for longest makes room";
   Client deaf(socketPath());
   std::string questions;
   for (int i = 0; i < 2000; ++i) questions += kShowDump + "\n";
@@ -207,10 +226,36 @@ TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
   start();
   EXPECT_EQ(0, kill(SIGTERM));
   EXPECT_FALSE(std::filesystem::exists(socketPath()));
+  start();
+  std::filesystem::remove(socketPath());
   writeFile(socketPath(), "mine");
+  EXPECT_EQ(0, kill(SIGTERM));
   EXPECT_EQ(2, run("serve --state " + (directory / "state")));
   EXPECT_EQ("mine", readWhole(socketPath()));
   EXPECT_EQ(2, run(fmt::format("serve --state {} --socket {}", directory / "state", std::string(200, 'x'))));
+}
+
+TEST_F(Serve, StandardDescriptorsThatAreClosedOrFailCostNothing) {
+  void (*const troubles[])() = {[] {
+                                  for (int number = 0; number <= 2; ++number) close(number);
+                                },
+                                [] { freopen("/dev/full", "w", stderr); },
+                                [] {
+                                  int ends[2];
+                                  if (pipe(ends) == 0) dup2(ends[1], STDERR_FILENO);
+                                  close(ends[0]);
+                                }};
+  int label = 0;
+  for (const auto trouble : troubles) {
+    start({}, trouble);
+    Client client(socketPath());
+    client.ask(kSettle);
+    EXPECT_EQ(true, client.ask(kShowAgent)["agent"]["ready"]) << "and its message was written, or not";
+    EXPECT_EQ(true, client.ask(publishLine(++label))["durable"]);
+    client.ask(kSettle);
+    EXPECT_EQ(label, client.ask(kShowDump)["dump"]["statuses"].size());
+    EXPECT_EQ(0, kill(SIGTERM));
+  }
 }
 
 TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
@@ -250,6 +295,108 @@ TEST_F(Serve, SendShowsTheAnswersAndTellsWhetherAllWasWell) {
   EXPECT_EQ(2, run(fmt::format("send {} {}", directory / "nowhere", directory / "good.jsonl")));
   kill(SIGTERM);
   EXPECT_EQ(2, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
+}
+
+/// A service of the test's process: nothing happens but in its turns, which never wait.
+class Turns : public testing::Test {
+ protected:
+  Turns() {
+    int ends[2];
+    EXPECT_EQ(0, pipe(ends));
+    EXPECT_EQ(1, write(ends[1], "x", 1));
+    close(ends[1]);
+    KilnAgent::ServeOptions options;
+    options.agent.state = directory / "state";
+    options.agent.durability = KilnAgent::Durability::process;
+    service.emplace(options, FileDescriptor(ends[0]));
+    settle();
+  }
+  void settle() {
+    do {
+      service->turn();
+    } while (!service->agent().scheduler().idle());
+  }
+  FileDescriptor connect() {
+    int ends[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends));
+    service->clientIs(KilnAgent::LineConnection(FileDescriptor(ends[0])));
+    return FileDescriptor(ends[1]);
+  }
+  static void send(const FileDescriptor& client, const std::string& line) {
+    EXPECT_EQ(std::ssize(line) + 1, ::send(client.number(), (line + "\n").data(), line.size() + 1, 0));
+  }
+  static std::string received(const FileDescriptor& client) {
+    std::string text(std::size_t{1} << 20U, '\0');
+    const ssize_t count = recv(client.number(), text.data(), text.size(), 0);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    return text;
+  }
+  /// The next answer; to be called if there is nothing else to be received.
+  Json answer(const FileDescriptor& client) {
+    std::string text;
+    while (!text.ends_with('\n')) {
+      service->turn();
+      text += received(client);
+    }
+    return Json::parse(text);
+  }
+
+  TempDirectory directory;
+  std::optional<KilnAgent::Service> service;
+};
+
+TEST_F(Turns, NoClientWaitsForAnothersSettleOrRun) {
+  for (const std::string& wait : {kSettle, std::string(R"({"op":"run","tasks":18446744073709551615})")}) {
+    const FileDescriptor waiting = connect();
+    const FileDescriptor other = connect();
+    send(waiting, publishLine(1, wait == kSettle ? 1 : 2) + "\n" + wait);
+    send(other, kShowAgent);
+    service->turn();
+    const Json shown = Json::parse(received(other));
+    EXPECT_EQ(false, shown["agent"]["idle"]) << "it was answered before the work was done";
+    settle();
+    const std::string answers = received(waiting);
+    EXPECT_EQ(2, std::count(answers.begin(), answers.end(), '\n')) << answers;
+  }
+}
+
+TEST_F(Turns, ALongAnswerIsMadeAsItIsTakenAndSaysWhetherItShowsOneMoment) {
+  constexpr int kRequests = 3000;
+  const FileDescriptor client = connect();
+  for (int label = 1; label <= kRequests; ++label) {
+    send(client, publishLine(label));
+    if (label % 100 == 0) settle();
+    received(client);
+  }
+  settle();
+  const auto rows = [](const Json& dump) {
+    std::set<std::string> each;
+    for (const auto& [name, part] : dump.items()) {
+      if (!part.is_array()) {
+        each.insert(name + (name == "tables" ? "" : part.dump()));
+        continue;
+      }
+      for (const Json& row : part) each.insert(name + row.dump());
+    }
+    for (const auto& [stem, table] : dump["tables"].items()) {
+      for (const Json& row : table) each.insert(stem + row.dump());
+    }
+    return each;
+  };
+  send(client, kShowDump);
+  Json dump = answer(client)["dump"];
+  EXPECT_EQ(true, dump["oneMoment"]);
+  dump.erase("oneMoment");
+  EXPECT_EQ(rows(Json::parse(KilnAgent::dumpText(service->agent()))), rows(dump));
+
+  send(client, kShowDump);
+  for (int turn = 0; turn < 1000; ++turn) service->turn();
+  const FileDescriptor other = connect();
+  send(other, publishLine(kRequests + 1));
+  EXPECT_EQ(true, answer(other)["durable"]) << "though the first client takes nothing";
+  dump = answer(client)["dump"];
+  EXPECT_EQ(false, dump["oneMoment"]);
+  EXPECT_LE(kRequests, dump["statuses"].size());
 }
 
 }  // namespace

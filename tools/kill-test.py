@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Kills a serving agent again and again, at random moments and under load, and checks what it left.
 
-After each kill the agent is started anew over the same state. Checked are:
-- nothing that was acknowledged as durable is lost, and what stands is what the operations gave up to some
+The load publishes and withdraws requests, allots and revokes VLAN domains, and removes and adds features. After each
+kill the agent is started again over the same state. Checked are:
+- nothing that was acknowledged as durable is lost, and what is found is what the operations gave up to some
   moment after the last acknowledgement: never a later operation without an earlier one;
 - the tables of requests that were left alone see no write and no removal, whatever was killed when; none of
   the tables does where the agent was quiet when it was killed; and by the agent's own report no entry or status that
@@ -24,6 +25,7 @@ import tempfile
 import time
 
 QUIET_TABLES = ("lemVpwsAc", "isemInnerEth")
+BUSY_FEATURES = ("mpls", "srv6", "bridging")
 BUSY_KEYS = 60
 INTERFACES = 12
 
@@ -58,7 +60,9 @@ def busy_operation(rng, version):
         ("isemUntagged", "isem", {"intfId": rng.randrange(INTERFACES), "systemTcamId": 0},
          {"lif": version, "vsi": 1, "profile": 0}),
         ("esemFodo", "esem", {"fodoId": rng.randrange(BUSY_KEYS)}, {"outLif": version, "editProfile": 1})))
-    feature = rng.choice(("mpls", "srv6", "bridging"))
+    feature = rng.choice(BUSY_FEATURES)
+    if kind > 0.93:
+        return {"op": "removeFeature" if kind > 0.985 else "addFeature", "feature": feature}
     if kind < 0.35:
         return request("withdraw", feature, database, table, key)
     return request("publish", feature, database, table, key, entry={table + "Entry": entry}, requestVersion=version)
@@ -70,10 +74,16 @@ class Model:
     def __init__(self):
         self.requests = {}
         self.domains = {}
+        self.absent = set()
 
     def apply(self, operation):
         op = operation["op"]
-        if op in ("publish", "withdraw"):
+        if op == "removeFeature":
+            self.absent.add(operation["feature"])
+            self.requests = {place: request for place, request in self.requests.items() if place[0] not in self.absent}
+        elif op == "addFeature":
+            self.absent.discard(operation["feature"])
+        elif op in ("publish", "withdraw") and operation["feature"] not in self.absent:
             place = (operation["feature"], operation["database"], json.dumps(operation["key"], sort_keys=True))
             self.requests.pop(place, None) if op == "withdraw" else self.requests.update({place: operation})
         elif op == "allot":
@@ -82,7 +92,8 @@ class Model:
             self.domains.pop(operation["intfId"], None)
 
     def operations(self):
-        return [{"op": "vlanDomains", "mode": "manual"}, *self.requests.values(), *self.domains.values()]
+        return [{"op": "vlanDomains", "mode": "manual"}, *self.requests.values(), *self.domains.values(),
+                *({"op": "removeFeature", "feature": feature} for feature in sorted(self.absent))]
 
     def matches(self, dump):
         statuses = {(row["feature"], row["database"], json.dumps(row["key"], sort_keys=True)): row["requestVersion"]
@@ -169,8 +180,12 @@ def load(agent, rng, version, seconds):
     return sent, acknowledged
 
 
-def without_hardware(dump):
-    return {name: part for name, part in dump.items() if name != "hardware"}
+def comparable(dump):
+    """What of a dump depends on the requests alone. A serving agent does not sort its rows."""
+    def in_order(part):
+        return sorted(part, key=lambda row: json.dumps(row, sort_keys=True)) if isinstance(part, list) else part
+    parts = {name: in_order(part) for name, part in dump.items() if name not in ("hardware", "oneMoment")}
+    return {**parts, "tables": {stem: in_order(table) for stem, table in dump["tables"].items()}}
 
 
 def check_recompute(options, directory, model, dump):
@@ -179,8 +194,8 @@ def check_recompute(options, directory, model, dump):
         file.writelines(json.dumps(operation) + "\n" for operation in model.operations())
     run = subprocess.run([options.agent, "run", path, "--dump", "-"], stdout=subprocess.PIPE,
                          stderr=subprocess.DEVNULL, check=True)
-    fresh = without_hardware(json.loads(run.stdout))
-    for name, part in without_hardware(dump).items():
+    fresh = comparable(json.loads(run.stdout))
+    for name, part in comparable(dump).items():
         if part != fresh[name]:
             raise Lost(f"{name} differs from the recompute")
 
@@ -202,6 +217,8 @@ def take_up(agent, model, unacknowledged, quiet_before):
     agent.wait_ready()
     check_hitless(agent, quiet_before)
     dump = agent.ask({"op": "settle"}, {"op": "show", "what": "dump"})["dump"]
+    if not dump["oneMoment"]:
+        raise Lost("a quiet agent's dump does not show one moment")
     standing = 0
     while not model.matches(dump):
         if standing == len(unacknowledged):
