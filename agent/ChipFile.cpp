@@ -64,8 +64,10 @@ void ChipFile::create(std::string_view layout) const {
   const std::string unfinished = path_ + ".new";
   const FileDescriptor file(
       ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-  if (!file.valid() || ::write(file.number(), content.data(), content.size()) != std::ssize(content) ||
-      ::fsync(file.number()) != 0 || ::rename(unfinished.c_str(), path_.c_str()) != 0) {
+  const auto written = file.valid() ? ::write(file.number(), content.data(), content.size()) : -1;
+  if (written >= 0 && written < std::ssize(content)) errno = ENOSPC;  // as a short write does not say
+  if (written != std::ssize(content) || ::fsync(file.number()) != 0 ||
+      ::rename(unfinished.c_str(), path_.c_str()) != 0) {
     throw InputError(fmt::format("{}: cannot be created: {}", path_, std::strerror(errno)));
   }
 }

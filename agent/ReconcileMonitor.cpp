@@ -312,10 +312,6 @@ ReconcileReport ReconcileMonitor::makeReport(const KilnEmServerSm& server) const
   return report;
 }
 
-void ReconcileMonitor::addDisturbed(ReconcileReport& report, std::string row) {
-  if (++report.disturbed <= kDisturbedRows) report.disturbedRows.push_back(std::move(row));
-}
-
 bool ReconcileMonitor::hasSay(const EmResolvedKey& key) const {
   const auto domain = domainOf(key);
   return touchedKeys_.contains(key) || (domain && touchedDomains_.contains(*domain));
@@ -325,9 +321,11 @@ void ReconcileMonitor::judgeEntries(ReconcileReport& report) const {
   for (const auto& [key, touched] : touchedEntries_) {
     if (!touched.before || hasSay(key) || chip_.table(key.tag()).find(key) != touched.before) continue;
     report.tables[static_cast<std::size_t>(key.tag()) - 1].needless += touched.operations;
-    addDisturbed(report, fmt::format("table entry {} was the same before and after, but the hardware was "
-                                     "written {} times in between",
-                                     key, touched.operations));
+    addDisturbed(report, [&entryKey = key, &entry = touched] {
+      return fmt::format(
+          "table entry {} was the same before and after, but the hardware was written {} times in between",
+          entryKey, entry.operations);
+    });
   }
 }
 
@@ -358,18 +356,20 @@ void ReconcileMonitor::judgeStatuses(ReconcileReport& report) const {
     const auto domain = interface ? allotted_.status().get(*interface) : std::nullopt;
     const auto tableKey = tableKeyOf(key, domain);
     if (tableKey && hasSay(*tableKey)) continue;
-    addDisturbed(report, fmt::format("status {} of {} {} {} was the same before and after, but changed in "
-                                     "between",
-                                     before->status, key.featureType, std::get<EmType>(recordKey),
-                                     keyToJson(key, &EmLogicalKey::emComposerKey).dump()));
+    addDisturbed(report, [&, &status = before->status, database = std::get<EmType>(recordKey)] {
+      return fmt::format("status {} of {} {} {} was the same before and after, but changed in between",
+                         status, key.featureType, database,
+                         keyToJson(key, &EmLogicalKey::emComposerKey).dump());
+    });
   }
 }
 
 void ReconcileMonitor::judgeDomainRequests(ReconcileReport& report) const {
   for (const auto& [interface, before] : touchedDomainRequests_) {
     if (!before || touchedInterfaces_.contains(interface) || !asked_.config().has(interface)) continue;
-    addDisturbed(report,
-                 fmt::format("the request for a VLAN domain of {} was withdrawn and made again", interface));
+    addDisturbed(report, [&asked = interface] {
+      return fmt::format("the request for a VLAN domain of {} was withdrawn and made again", asked);
+    });
   }
 }
 

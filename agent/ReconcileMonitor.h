@@ -121,7 +121,11 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   void judgeDomainRequests(ReconcileReport& report) const;
   [[nodiscard]] std::optional<StatusRecord> settledStatus(const RecordKey& key) const;
   [[nodiscard]] bool hasSay(const KilnEmServer::EmResolvedKey& key) const;
-  static void addDisturbed(ReconcileReport& report, std::string row);
+  /// Calls `row()` for the words only if they are shown.
+  template <class Row>
+  static void addDisturbed(ReconcileReport& report, Row&& row) {
+    if (++report.disturbed <= kDisturbedRows) report.disturbedRows.push_back(row());
+  }
 
   MemoryStateStore& store_;
   SoftChip& chip_;

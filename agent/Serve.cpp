@@ -119,6 +119,7 @@ bool Service::turn() {
     readiness_.readyAndCommitted();
   }
   sendAnswers();
+  memory_.turn(!busy());
   return !stopping_;
 }
 
@@ -132,8 +133,7 @@ void Service::waitForEvents() {
     const int events = (connection.mayReceive() ? POLLIN : 0) | (connection.hasUnsent() ? POLLOUT : 0);
     watched.push_back({connection.closed() ? -1 : connection.number(), static_cast<short>(events), 0});
   }
-  const bool busy = !agent_.scheduler().idle() || anyStep();
-  if (::poll(watched.data(), watched.size(), busy ? 0 : readiness_.patience()) <= 0) return;
+  if (::poll(watched.data(), watched.size(), patience()) <= 0) return;
   stopping_ = watched[0].revents != 0;
   auto seen = watched.begin() + 2;
   for (Client& client : clients_) {
@@ -143,6 +143,15 @@ void Service::waitForEvents() {
     if ((events & (POLLHUP | POLLERR)) != 0) client.connection.hungUp();
   }
   if (watched[1].revents != 0) acceptClients();
+}
+
+int Service::patience() const {
+  if (busy()) return 0;
+  const int signs = readiness_.patience();
+  const auto memory = memory_.patience();
+  if (!memory) return signs;
+  const int forMemory = static_cast<int>(memory->count());
+  return signs < 0 ? forMemory : std::min(signs, forMemory);
 }
 
 /// Out of descriptors, the number of clients that there are is the most that there can be.

@@ -21,6 +21,10 @@ struct ServeOptions {
 ///   {"line":7,"ok":true}                    executed; there is nothing of its own to survive
 ///   {"line":7,"ok":false,"error":TEXT}      refused, malformed, or an expectation that did not hold
 ///
+/// An answer to {"op":"show"} has a member NAME with the content. Operations that discard what was
+/// acknowledged are refused. Clients share each turn equally by time; the one that has been idle for longest
+/// makes room for a new one if there are too many.
+///
 /// Blank lines and comments count, but are not answered. Throws InputError where the state or the socket
 /// cannot be used, std::runtime_error where a commit fails; what was not answered may then be lost.
 void serve(const ServeOptions& options);

@@ -12,6 +12,7 @@
 
 #include "agent/CapacityMonitor.h"
 #include "agent/CommitPace.h"
+#include "agent/IdleMemory.h"
 #include "agent/LineSocket.h"
 #include "agent/Queries.h"
 #include "agent/Readiness.h"
@@ -68,6 +69,9 @@ class Service {
 
   void addQueries();
   void waitForEvents();
+  [[nodiscard]] bool busy() const { return !agent_.scheduler().idle() || anyStep(); }
+  /// Milliseconds for which there is nothing to do; -1 for ever.
+  [[nodiscard]] int patience() const;
   void acceptClients();
   [[nodiscard]] bool mayAccept() const;
   bool makeRoomForClient();
@@ -104,6 +108,7 @@ class Service {
   std::list<Client> clients_;  ///< the one whose turn comes next first
   std::size_t mostClients_ = kMostClients;
   CommitPace pace_;
+  IdleMemory memory_;
   bool stopping_ = false;
 };
 

@@ -123,6 +123,7 @@ PageArena::Block& PageArena::openBlock() {
   if (memory == nullptr && !empty_.empty()) {
     memory = empty_.back();
     empty_.pop_back();
+    givenBack_ = std::min(givenBack_, empty_.size());
   } else if (memory == nullptr && untouched_.size() != 0) {
     memory = std::exchange(untouched_.begin, untouched_.begin + kBlock);
   } else if (memory == nullptr) {
@@ -132,6 +133,14 @@ PageArena::Block& PageArena::openBlock() {
   Block* const block = ::new (memory) Block;
   link(open_, *block);
   return *block;
+}
+
+bool PageArena::giveBack(std::size_t blocks) noexcept {
+  for (; blocks != 0 && givenBack_ != empty_.size(); --blocks) {
+    Block* const block = empty_[givenBack_++];
+    if (!isReserved(block)) ::madvise(block, kBlock, MADV_DONTNEED);
+  }
+  return givenBack_ != empty_.size();
 }
 
 void* PageArena::map(std::size_t bytes) {

@@ -47,6 +47,10 @@ class PageArena {
   /// Makes sure that so many bytes of pages and tables can be taken without asking the system, which gives
   /// and zeroes two megabytes at once when they are touched first. Throws std::bad_alloc.
   void reserve(std::size_t bytes);
+  /// Gives the memory of up to `blocks` empty blocks of two megabytes back to the system, so that the process
+  /// does not have it any more; reserved memory stays. Returns whether more is left. To be called in idle
+  /// time: the next use of these blocks pays for it.
+  bool giveBack(std::size_t blocks) noexcept;
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
  private:
@@ -102,6 +106,7 @@ class PageArena {
   Block* open_ = nullptr;                 ///< the blocks with a free span
   Block* spare_ = nullptr;                ///< the block that became empty last
   std::vector<Block*> empty_;             ///< the others, whose memory may be gone
+  std::size_t givenBack_ = 0;             ///< the first of these, whose memory is gone or stays
   std::size_t blocks_ = 0;                ///< all there are, and all that reserved memory may become
   std::vector<Memory> reserved_;          ///< all that ever was
   Memory untouched_;                      ///< of the latest what nobody took yet; zeroed

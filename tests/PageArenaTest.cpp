@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <vector>
 
@@ -78,6 +79,29 @@ TEST(PageArena, WhatIsReservedIsTakenWithoutTheSystem) {
   takeAndFill(kTable / kBytes * 7 / 8);  // where the table was
   EXPECT_EQ(arena.counters().mappings, mappings);
   for (void* page : pages) arena.give(page, kBytes);
+}
+
+TEST(PageArena, IdleMemoryGoesBackToTheSystem) {
+  PageArena& arena = PageArena::instance();
+  constexpr std::size_t kBytes = 14'336;
+  const auto resident = [] {
+    std::size_t size = 0;
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> size >> pages;
+    return pages * 4096;
+  };
+  const std::size_t inUse = arena.counters().bytes;
+  std::vector<void*> pages(5000);
+  for (int round = 0; round < 2; ++round) {
+    for (void*& page : pages) std::memset(page = arena.take(kBytes), 0xFF, kBytes);
+    const bool ofArena = arena.counters().bytes != inUse;
+    const std::size_t before = resident();
+    for (void* page : pages) arena.give(page, kBytes);
+    while (arena.giveBack(3)) {
+    }
+    if (!ofArena) GTEST_SKIP() << "pages come from the allocator";
+    EXPECT_LT(resident() + pages.size() * kBytes * 3 / 4, before);
+  }
 }
 
 }  // namespace
