@@ -36,6 +36,8 @@ constexpr std::size_t kLongAnswerAhead = std::size_t{64} << 10U;
 constexpr std::size_t kMostUncommitted = std::size_t{1} << 20U;
 /// How long a client may leave its answers unread before its connection may be given to another one.
 constexpr std::chrono::seconds kUnreadPatience{60};
+/// How often such clients are looked for if there are too many.
+constexpr std::chrono::milliseconds kLookForUnread{1000};
 /// How long a stopping agent tries to send its last answers.
 constexpr std::chrono::seconds kFarewell{1};
 
@@ -147,11 +149,14 @@ void Service::waitForEvents() {
 
 int Service::patience() const {
   if (busy()) return 0;
-  const int signs = readiness_.patience();
-  const auto memory = memory_.patience();
-  if (!memory) return signs;
-  const int forMemory = static_cast<int>(memory->count());
-  return signs < 0 ? forMemory : std::min(signs, forMemory);
+  int patience = readiness_.patience();
+  const auto atMost = [&](std::chrono::milliseconds time) {
+    const int most = static_cast<int>(time.count());
+    patience = patience < 0 ? most : std::min(patience, most);
+  };
+  if (const auto memory = memory_.patience()) atMost(*memory);
+  if (clients_.size() >= mostClients_) atMost(kLookForUnread);
+  return patience;
 }
 
 /// Out of descriptors, the number of clients that there are is the most that there can be.
