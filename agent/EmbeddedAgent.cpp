@@ -85,6 +85,7 @@ void EmbeddedAgent::createServer() {
 }
 
 void EmbeddedAgent::restart() {
+  chip_->applyIssued();
   reconcileMonitor_->restartBegins(server_.get());
   server_.reset();
   chip_->serverEnded();

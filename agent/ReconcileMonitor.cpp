@@ -124,9 +124,7 @@ struct ReconcileMonitor::FeatureWatch {
 
 struct ReconcileMonitor::TableWatch final : TableWatcher {
   explicit TableWatch(ReconcileMonitor& owner) : monitor(owner) {}
-  void handleOperation(const EmResolvedKey& /*key*/, Operation /*operation*/) override {}
-  void handleUpcomingChange(const EmResolvedKey& key, Operation /*operation*/,
-                            const EmEntry* before) override {
+  void handleUpcomingChange(const EmResolvedKey& key, const EmEntry* before) override {
     const auto [at, first] = monitor.touchedEntries_.try_emplace(key);
     if (first && before != nullptr) at->second.before = *before;
     ++at->second.operations;

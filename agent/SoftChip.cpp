@@ -93,6 +93,10 @@ void SoftChip::commitHwWrites() {
   forEachTable([](SoftTable& table) { table.commit(); });
 }
 
+void SoftChip::applyIssued() {
+  forEachTable([](SoftTable& table) { table.applyIssued(); });
+}
+
 void SoftChip::serverEnded() {
   forEachTable([](SoftTable& table) { table.serverEnded(); });
 }

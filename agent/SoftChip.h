@@ -100,6 +100,8 @@ class SoftChip final : public Asic::OrderedTableInterface {
   void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
 
+  /// Applies the operations that have no effect yet.
+  void applyIssued();
   /// The server ended: the tables keep their entries until reconcileComplete.
   void serverEnded();
   /// As serverEnded, for a server that died: also its subscriptions and the answers to it are forgotten.

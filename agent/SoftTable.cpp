@@ -22,10 +22,13 @@ void ChangeSubscribers::notify() {
   }
 }
 
-void PendingHwWrites::begin(std::size_t operations) {
+std::uint64_t PendingHwWrites::begin(std::size_t operations) {
   const bool was = pendingHwWrites();
   operations_ += operations;
+  const std::uint64_t first = begun_ + 1;
+  begun_ += operations;
   if (pendingHwWrites() != was) subscribers_.notify();
+  return first;
 }
 
 void PendingHwWrites::end(std::size_t operations) {
@@ -50,15 +53,19 @@ void SoftTable::watcherIs(TableWatcher& watcher, bool on) {
   if (on) watchers_.push_back(&watcher);
 }
 
-void SoftTable::deliver(EntryState outcome, ResponseHandler&& handler) {
+std::uint64_t SoftTable::beginOperation(bool isWrite) {
+  ++(isWrite ? operations_.writes : operations_.removals);
+  return pending_.begin(1);
+}
+
+void SoftTable::deliver(std::uint64_t number, EntryState outcome, ResponseHandler&& handler) {
   if (mode_ == AnswerMode::hold) {
-    held_.emplace_back(outcome, std::move(handler));
+    held_.emplace_back(number, outcome, std::move(handler));
   } else if (insideCall_) {
-    Answer answer(outcome, std::move(handler));
+    Answer answer(number, outcome, std::move(handler));
     call(answer);
   } else {
-    due_.emplace_back(outcome, std::move(handler));
-    pending_.begin(1);
+    due_.emplace_back(number, outcome, std::move(handler));
     task_.scheduleTask();
   }
 }
@@ -70,7 +77,10 @@ void SoftTable::call(Answer& answer) {
   static const std::array<Ref<const Asic::OrderedSwTable::EntryHandle>, 5> handles = {
       handleOf(EntryState::unknown_), handleOf(EntryState::pending_), handleOf(EntryState::refused_),
       handleOf(EntryState::noResource_), handleOf(EntryState::success_)};
-  answer.handler(handles[static_cast<std::size_t>(answer.outcome)]);
+  const EntryState outcome = settle(answer.number).value_or(answer.outcome);
+  for (TableWatcher* watcher : watchers_) watcher->handleAnswered(answer.number);
+  answer.handler(handles[static_cast<std::size_t>(outcome)]);
+  pending_.end(1);
 }
 
 SoftTable::Answer SoftTable::takeFront(Answers& answers) {
@@ -91,7 +101,6 @@ void SoftTable::runAnswers() {
       if (shuffled) std::swap(due_.front(), due_[randomBelow(*random_, due_.size())]);
       --dueNow;
       Answer answer = takeFront(due_);
-      pending_.end(1);
       call(answer);
     }
     task_.scheduler()->taskWorkCountInc(1);
@@ -100,6 +109,11 @@ void SoftTable::runAnswers() {
   if (released_.empty() && due_.empty()) return;
   task_.scheduler()->taskWorkPendingIs(released_.size() + due_.size());
   task_.scheduleTask();
+}
+
+void SoftTable::appliesIs(Applies applies) {
+  applies_ = applies;
+  if (applies == Applies::issued) applyIssued();
 }
 
 void SoftTable::answerModeIs(AnswerMode mode) {
@@ -120,13 +134,16 @@ void SoftTable::answer(Order order, std::size_t count) {
 }
 
 void SoftTable::serverEnded() {
+  applyIssued();
+  forgetIssued();
+  pending_.end(held_.size());
   held_.clear();
   unclaimAll();
 }
 
 void SoftTable::serverDied() {
   forgetTableSubscribers();
-  pending_.end(due_.size() + std::exchange(dropped_, 0) + std::exchange(draining_, 0));
+  pending_.end(due_.size() + released_.size() + std::exchange(dropped_, 0) + std::exchange(draining_, 0));
   due_.clear();
   released_.clear();
   serverEnded();

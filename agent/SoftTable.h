@@ -1,10 +1,12 @@
-// One table of the software chip: applies operations at once, answers them later.
+// One table of the software chip: applies operations when they are issued or when it answers them.
 #pragma once
 
 #include <boost/container/deque.hpp>
+#include <boost/unordered/unordered_flat_map.hpp>
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
@@ -40,19 +42,26 @@ struct OperationCounters {
   std::uint64_t removals = 0;
 };
 
-/// Told what happens at a table, before it does.
+/// One operation that the server called.
+struct HwOperation {
+  std::uint64_t number;  ///< grows with each operation of the chip
+  const KilnEmServer::EmResolvedKey& key;
+  const KilnEmServer::EmEntry* entry;  ///< to be written; null for a removal
+};
+
+/// Notified of what happens at a table. Every function but handleUpcomingChange does nothing by default.
 class TableWatcher {
  public:
-  enum class Operation : std::uint8_t { write, removal };
-  /// The server calls an operation.
-  virtual void handleOperation(const KilnEmServer::EmResolvedKey& key, Operation operation) = 0;
-  /// The hardware is about to write or remove the entry under a key; `before` is null where it has none.
-  virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation operation,
+  using EntryState = Asic::SwTableBase::EntryState;
+  /// The server calls an operation, which has no effect yet.
+  virtual void handleIssued(const HwOperation& /*operation*/) {}
+  /// The hardware is about to write or remove the entry under a key; `before` is null if it has none.
+  virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
                                     const KilnEmServer::EmEntry* before) = 0;
-  /// A write ended like this; its answer comes later.
-  virtual void handleWritten(const KilnEmServer::EmResolvedKey& /*key*/,
-                             const KilnEmServer::EmEntry& /*entry*/,
-                             Asic::SwTableBase::EntryState /*outcome*/) {}
+  /// An operation took effect with this outcome; its answer follows.
+  virtual void handleApplied(const HwOperation& /*operation*/, EntryState /*outcome*/) {}
+  /// The answer of the operation with this number is about to be delivered.
+  virtual void handleAnswered(std::uint64_t /*number*/) {}
 
  protected:
   ~TableWatcher() = default;
@@ -70,24 +79,27 @@ class ChangeSubscribers {
   std::vector<Asic::ChangeSubscriber*> subscribers_;
 };
 
-/// The status of the ordered-table layer: whether operations wait for the hardware.
+/// The status of the ordered-table layer. An operation is pending until its answer has been delivered, held or
+/// not; a dropped entry until it has been drained.
 class PendingHwWrites final : public Asic::OrderedTableStatus {
  public:
   [[nodiscard]] bool pendingHwWrites() const override { return operations_ != 0; }
   void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
 
-  void begin(std::size_t operations);
+  /// Returns the number of the first of these operations; the others follow it.
+  std::uint64_t begin(std::size_t operations);
   void end(std::size_t operations);
   void forgetSubscribers() { subscribers_.forgetAll(); }
 
  private:
   std::size_t operations_ = 0;
+  std::uint64_t begun_ = 0;
   mutable ChangeSubscribers subscribers_;
 };
 
-/// What the eight tables share: how they answer, and what tools see of them. An operation changes the table
-/// when it is issued; only its answer is late, and with a seed out of order.
+/// What the eight tables share: how they apply and answer operations, and what tools see of them. Answers are
+/// late, and with a seed out of order. Operations on one key take effect in the order issued.
 class SoftTable {
  public:
   using EntryState = Asic::SwTableBase::EntryState;
@@ -97,6 +109,9 @@ class SoftTable {
   /// done, but not answered until told.
   enum class AnswerMode : std::uint8_t { success, refuse, hold };
   enum class Order : std::uint8_t { fifo, lifo };
+  /// When an operation changes the table: when it is issued, or at the latest when it is answered, the earlier
+  /// ones of its key first.
+  enum class Applies : std::uint8_t { issued, answered };
 
   /// What a table has from its chip. `random` is null where answers keep their order.
   struct Setting {
@@ -133,6 +148,10 @@ class SoftTable {
   [[nodiscard]] std::size_t held() const { return held_.size(); }
   /// Whether operations are answered within the call that issues them, unless they are held.
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
+  /// Of the operations that follow. Going to `issued` applies every operation.
+  void appliesIs(Applies applies);
+  /// Applies the operations that were issued and have no effect yet, in their order.
+  virtual void applyIssued() = 0;
 
   /// Entries that the table holds.
   [[nodiscard]] virtual std::size_t fill() const = 0;
@@ -142,7 +161,8 @@ class SoftTable {
   /// Every entry, the least key first.
   [[nodiscard]] virtual std::vector<Entry> sortedEntries() const = 0;
 
-  /// The server ended: its entries stay, unclaimed until they are written again; held answers are dropped.
+  /// The server ended: what it issued is applied, its entries stay, unclaimed until they are written again;
+  /// held answers are dropped.
   void serverEnded();
   /// As serverEnded, for a server that could not clean up: no answer is delivered any more.
   void serverDied();
@@ -153,14 +173,12 @@ class SoftTable {
   void commit();
 
  protected:
-  /// Takes over the answer of an operation that was applied with this outcome.
-  void deliver(EntryState outcome, ResponseHandler&& handler);
+  /// An operation is issued: counts it, and returns its number.
+  std::uint64_t beginOperation(bool isWrite);
+  /// Takes over the answer of an operation, which has this outcome unless it is yet to be applied.
+  void deliver(std::uint64_t number, EntryState outcome, ResponseHandler&& handler);
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
-  template <class Key>
-  void noteOperation(const Key& key, TableWatcher::Operation operation) {
-    ++(operation == TableWatcher::Operation::write ? operations_.writes : operations_.removals);
-    for (TableWatcher* watcher : watchers_) watcher->handleOperation(key, operation);
-  }
+  [[nodiscard]] bool appliesLater() const { return applies_ == Applies::answered; }
   [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
   /// Whether there is room for one more entry of this table's key type.
   [[nodiscard]] bool hasRoomFor(KilnEmServer::EmResolvedKeyUnionTag tag) const {
@@ -172,12 +190,19 @@ class SoftTable {
   /// Returns how many entries it dropped.
   virtual std::size_t dropUnclaimed() = 0;
   virtual void forgetTableSubscribers() = 0;
+  /// The server does not wait for the operations any more that were issued before.
+  virtual void forgetIssued() = 0;
+  /// The outcome of an operation that is being answered, applied now unless it was before; nothing if it was
+  /// applied when it was issued.
+  virtual std::optional<EntryState> settle(std::uint64_t number) = 0;
 
   HardwareCounters counters_;
 
  private:
   struct Answer {
-    Answer(EntryState of, ResponseHandler&& told) : outcome(of), handler(std::move(told)) {}
+    Answer(std::uint64_t of, EntryState with, ResponseHandler&& told)
+        : number(of), outcome(with), handler(std::move(told)) {}
+    std::uint64_t number;
     EntryState outcome;
     ResponseHandler handler;
   };
@@ -186,7 +211,7 @@ class SoftTable {
       boost::container::deque<Answer, void,
                               boost::container::deque_options_t<boost::container::block_size<64>>>;
   void runAnswers();
-  static void call(Answer& answer);
+  void call(Answer& answer);
   static Answer takeFront(Answers& answers);
 
   std::string_view stem_;
@@ -197,6 +222,7 @@ class SoftTable {
   PendingHwWrites& pending_;
   MdbRoom& room_;
   AnswerMode mode_ = AnswerMode::success;
+  Applies applies_ = Applies::issued;
   bool insideCall_ = false;
   Answers due_;       ///< to be given in this order, or in any with a seed
   Answers released_;  ///< held once, to be given in this order
@@ -228,17 +254,16 @@ class SoftSwTable final : public SwTable, public SoftTable {
   void entryWriteWithResponseHandler(const Key& key, const TableEntry& entry,
                                      const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                      ResponseHandler handler) override {
-    noteOperation(key, TableWatcher::Operation::write);
-    const EntryState outcome = write(key, entry);
-    for (TableWatcher* watcher : watchers()) watcher->handleWritten(key, entry, outcome);
-    deliver(outcome, std::move(handler));
+    issue(key, &entry, std::move(handler));
   }
   void entryRemoveWithResponseHandler(const Key& key,
                                       const Ref<const Asic::DependencyEntryHandle>& /*dependency*/,
                                       ResponseHandler handler) override {
-    noteOperation(key, TableWatcher::Operation::removal);
-    remove(key);
-    deliver(EntryState::success_, std::move(handler));
+    issue(key, nullptr, std::move(handler));
+  }
+  void applyIssued() override {
+    for (auto& [number, operation] : late_) applyLate(number, operation);
+    latest_.clear();
   }
   void entryExpected(const Key& key, bool next) override {
     if (mapped_ == nullptr) expected_.expect(*entrys_, key, next);
@@ -260,8 +285,70 @@ class SoftSwTable final : public SwTable, public SoftTable {
   }
 
  private:
-  EntryState write(const Key& key, const TableEntry& entry) {
-    if (refusing()) {
+  /// An operation that takes effect when it is answered. Its outcome is known once it has.
+  struct Late {
+    Key key;
+    std::optional<TableEntry> entry;  ///< none for a removal
+    bool refused;
+    std::uint64_t previous;  ///< the one before it on the same key; 0 for none
+    std::optional<EntryState> outcome;
+  };
+
+  void issue(const Key& key, const TableEntry* entry, ResponseHandler&& handler) {
+    const std::uint64_t number = beginOperation(entry != nullptr);
+    notify(number, key, entry, [](TableWatcher& watcher, const HwOperation& operation) {
+      watcher.handleIssued(operation);
+    });
+    if (appliesLater()) {
+      std::uint64_t& latest = latest_[key];
+      late_.emplace(number, Late{key, entry == nullptr ? std::nullopt : std::optional(*entry), refusing(),
+                                 std::exchange(latest, number), std::nullopt});
+      deliver(number, EntryState::pending_, std::move(handler));
+    } else {
+      deliver(number, apply(number, key, entry, refusing()), std::move(handler));
+    }
+  }
+  template <class Tell>
+  void notify(std::uint64_t number, const Key& key, const TableEntry* entry, Tell tell) {
+    if (watchers().empty()) return;
+    const KilnEmServer::EmResolvedKey anyKey(key);
+    const auto anyEntry = entry == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*entry);
+    for (TableWatcher* watcher : watchers()) {
+      tell(*watcher, HwOperation{number, anyKey, anyEntry ? &*anyEntry : nullptr});
+    }
+  }
+
+  EntryState apply(std::uint64_t number, const Key& key, const TableEntry* entry, bool refused) {
+    const EntryState outcome = entry == nullptr ? remove(key) : write(key, *entry, refused);
+    notify(number, key, entry, [outcome](TableWatcher& watcher, const HwOperation& operation) {
+      watcher.handleApplied(operation, outcome);
+    });
+    return outcome;
+  }
+  void applyLate(std::uint64_t number, Late& late) {
+    if (!late.outcome) {
+      late.outcome = apply(number, late.key, late.entry ? &*late.entry : nullptr, late.refused);
+    }
+  }
+  void forgetIssued() override { late_.clear(); }
+  std::optional<EntryState> settle(std::uint64_t number) override {
+    if (late_.empty()) return std::nullopt;
+    const auto found = late_.find(number);
+    if (found == late_.end()) return std::nullopt;
+    std::vector<std::uint64_t> order;
+    for (auto at = found; at != late_.end() && !at->second.outcome; at = late_.find(at->second.previous)) {
+      order.push_back(at->first);
+    }
+    for (auto next = order.rbegin(); next != order.rend(); ++next) applyLate(*next, late_.at(*next));
+    const auto latest = latest_.find(found->second.key);
+    if (latest != latest_.end() && latest->second == number) latest_.erase(latest);
+    const EntryState outcome = *found->second.outcome;
+    late_.erase(found);
+    return outcome;
+  }
+
+  EntryState write(const Key& key, const TableEntry& entry, bool refused) {
+    if (refused) {
       remove(key);
       return EntryState::refused_;
     }
@@ -272,7 +359,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
       ++counters_.unchanged;
       return EntryState::success_;
     }
-    noteChange(key, TableWatcher::Operation::write, before);
+    noteChange(key, before);
     entrys_->is(key, entry);
     ++counters_.written;
     return EntryState::success_;
@@ -281,19 +368,20 @@ class SoftSwTable final : public SwTable, public SoftTable {
     return hasRoomFor(KilnEmServer::EmResolvedKey::tagOf<Key>()) &&
            (mapped_ == nullptr || mapped_->roomForOne());
   }
-  void remove(const Key& key) {
+  EntryState remove(const Key& key) {
     const TableEntry* before = entrys_->find(key);
-    if (before == nullptr) return;
+    if (before == nullptr) return EntryState::success_;
     if (reconciling_) claimed_.erase(key);
-    noteChange(key, TableWatcher::Operation::removal, before);
+    noteChange(key, before);
     entrys_->del(key);
     ++counters_.removed;
+    return EntryState::success_;
   }
-  void noteChange(const Key& key, TableWatcher::Operation operation, const TableEntry* before) {
+  void noteChange(const Key& key, const TableEntry* before) {
     if (watchers().empty()) return;
     const auto entry = before == nullptr ? std::nullopt : std::optional<KilnEmServer::EmEntry>(*before);
     for (TableWatcher* watcher : watchers()) {
-      watcher->handleUpcomingChange(key, operation, entry ? &*entry : nullptr);
+      watcher->handleUpcomingChange(key, entry ? &*entry : nullptr);
     }
   }
 
@@ -304,6 +392,10 @@ class SoftSwTable final : public SwTable, public SoftTable {
   }
   std::size_t dropUnclaimed() override {
     const std::uint64_t before = counters_.removed;
+    // An operation that has no effect yet decides about the entry of its key.
+    for (const auto& [key, latest] : latest_) {
+      if (reconciling_ && entrys_->has(key)) claimed_.insert(key);
+    }
     KilnPlatform::ScanCursor<Key> cursor;
     while (claimed_.size() < entrys_->size() && reconciling_) {
       const Key* key = entrys_->scanNext(cursor);
@@ -321,6 +413,9 @@ class SoftSwTable final : public SwTable, public SoftTable {
   std::unique_ptr<typename SwTable::Entrys> entrys_;
   MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same where it lies in a file
   KilnEmServer::ExpectedKeys<typename SwTable::Entrys> expected_;
+  std::map<std::uint64_t, Late> late_;  ///< unanswered, by number
+  boost::unordered_flat_map<Key, std::uint64_t, KilnPlatform::ValueHash<Key>>
+      latest_;  ///< of the operations that have no effect yet, the last one of each key
   bool reconciling_ = false;  ///< whether entries of a server before this one may be unclaimed
   boost::unordered_flat_set<Key, KilnPlatform::ValueHash<Key>>
       claimed_;  ///< while reconciling, all others are not

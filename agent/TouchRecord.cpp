@@ -18,7 +18,7 @@ void TouchRecord::handleStoreChange(const StoreChange& change) {
   stopIfFull();
 }
 
-void TouchRecord::handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation /*operation*/,
+void TouchRecord::handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
                                        const KilnEmServer::EmEntry* /*before*/) {
   if (overflowed_) return;
   entries_.insert(key);

@@ -33,8 +33,7 @@ class TouchRecord final : private StoreObserver, private TableWatcher {
  private:
   void stopIfFull();
   void handleStoreChange(const StoreChange& change) override;
-  void handleOperation(const KilnEmServer::EmResolvedKey& /*key*/, Operation /*operation*/) override {}
-  void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key, Operation operation,
+  void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
                             const KilnEmServer::EmEntry* before) override;
 
   MemoryStateStore& store_;

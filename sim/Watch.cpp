@@ -292,11 +292,18 @@ bool Watch::wasRefused(const EmRequestKey& key) const {
 
 // --- The chip ----------------------------------------------------------------------------------------------
 
-void Watch::handleOperation(const EmResolvedKey& key, Operation operation) {
-  note(hashOf(key) + static_cast<std::uint64_t>(operation));
-  if (operation != Operation::removal) return;
-  checkMoved(key);
-  lastWrite_.erase(key);
+void Watch::handleIssued(const KilnAgent::HwOperation& operation) {
+  const EmResolvedKey& key = operation.key;
+  note(hashOf(key) + static_cast<std::uint64_t>(operation.entry == nullptr));
+  if (operation.entry == nullptr) {
+    checkMoved(key);
+    lastWrite_.erase(key);
+    return;
+  }
+  lastWrite_[key] = {operation.number, *operation.entry, false};
+  if (!mayBeProgrammed_.contains({key, *operation.entry})) {
+    say(fmt::format("{} is programmed with {}, which nobody requested", key, *operation.entry));
+  }
 }
 
 void Watch::checkMoved(const EmResolvedKey& from) {
@@ -313,29 +320,28 @@ void Watch::checkMoved(const EmResolvedKey& from) {
   }
 }
 
-void Watch::handleUpcomingChange(const EmResolvedKey& key, Operation /*operation*/,
-                                 const EmEntry* /*before*/) {
+void Watch::handleUpcomingChange(const EmResolvedKey& key, const EmEntry* /*before*/) {
   touched_.insert(key);
 }
 
-void Watch::handleWritten(const EmResolvedKey& key, const EmEntry& entry,
-                          Asic::SwTableBase::EntryState outcome) {
+void Watch::handleApplied(const KilnAgent::HwOperation& operation, EntryState outcome) {
+  if (operation.entry == nullptr) return;
+  const EmResolvedKey& key = operation.key;
   const bool refused = outcome != Asic::SwTableBase::success();
-  note(hashOf(entry) + static_cast<std::uint64_t>(refused));
+  note(hashOf(*operation.entry) + static_cast<std::uint64_t>(refused));
   if (refused) {
     ++refusals_;
     refused_.insert(key);
+  } else {
+    accepted_.emplace(key, *operation.entry);
   }
-  lastWrite_[key] = {entry, refused};
-  if (!refused) accepted_.emplace(key, entry);
-  if (!mayBeProgrammed_.contains({key, entry})) {
-    say(fmt::format("{} is programmed with {}, which nobody requested", key, entry));
-  }
+  const auto last = lastWrite_.find(key);
+  if (last != lastWrite_.end() && last->second.number == operation.number) last->second.refused = refused;
 }
 
 bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
   const auto at = lastWrite_.find(key);
-  return at != lastWrite_.end() && at->second == std::pair(entry, true);
+  return at != lastWrite_.end() && at->second.refused && at->second.entry == entry;
 }
 
 // --- Windows -----------------------------------------------------------------------------------------------
@@ -352,7 +358,7 @@ void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& 
   before_ = expected;
   refused_.clear();
   for (const auto& [key, write] : lastWrite_) {
-    if (write.second) refused_.insert(key);
+    if (write.refused) refused_.insert(key);
   }
   beforeFound_ = found;
   statusChanges_.clear();

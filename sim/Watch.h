@@ -68,12 +68,17 @@ class Watch final : private KilnAgent::StoreObserver,
 
  private:
   using Sizes = std::vector<std::pair<std::string, std::size_t>>;
+  /// The write of a key that no removal has followed.
+  struct LastWrite {
+    std::uint64_t number = 0;
+    EmEntry entry;
+    bool refused = false;
+  };
   using Programmed = std::pair<EmResolvedKey, EmEntry>;
   void handleStoreChange(const KilnAgent::StoreChange& change) override;
-  void handleOperation(const EmResolvedKey& key, Operation operation) override;
-  void handleUpcomingChange(const EmResolvedKey& key, Operation operation, const EmEntry* before) override;
-  void handleWritten(const EmResolvedKey& key, const EmEntry& entry,
-                     Asic::SwTableBase::EntryState outcome) override;
+  void handleIssued(const KilnAgent::HwOperation& operation) override;
+  void handleUpcomingChange(const EmResolvedKey& key, const EmEntry* before) override;
+  void handleApplied(const KilnAgent::HwOperation& operation, EntryState outcome) override;
   void handleChange(const IntfIdSystemTcamId& interface) override;
   void handleChange(const std::string& stage) override;
 
@@ -119,7 +124,7 @@ class Watch final : private KilnAgent::StoreObserver,
   std::set<RequestPlace> vanishedStatuses_;    ///< of these, the ones that did not stay
   std::set<FeatureType> gone_;                 ///< features whose collections went meanwhile
   std::set<Programmed> accepted_;
-  std::map<EmResolvedKey, std::pair<EmEntry, bool>> lastWrite_;  ///< and whether it was refused
+  std::map<EmResolvedKey, LastWrite> lastWrite_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
 
   // Of this window.

@@ -77,6 +77,69 @@ TEST_F(OrderedLayer, DropsArePendingUntilTheCommitHasDrainedThem) {
   EXPECT_EQ(2, flagChanges);
 }
 
+TEST_F(OrderedLayer, AnOperationIsPendingUntilItsAnswerHasBeenDelivered) {
+  using Mode = KilnAgent::SoftTable::AnswerMode;
+  auto& soft = chip.table(kTag);
+  bool pendingInAnswer = false;
+  const auto writeWithAnswer = [&] {
+    table().entryWriteWithResponseHandler({1, 0}, {1, 1}, nullptr, [&](const auto&) {
+      pendingInAnswer = chip.status()->pendingHwWrites();
+    });
+  };
+  for (const Mode mode : {Mode::success, Mode::refuse, Mode::hold}) {
+    for (const bool insideCall : {false, true}) {
+      pendingInAnswer = false;
+      soft.answerModeIs(mode);
+      soft.answerInsideCallIs(insideCall);
+      writeWithAnswer();
+      EXPECT_EQ(!insideCall || mode == Mode::hold, chip.status()->pendingHwWrites());
+      scheduler->runUntilIdle();
+      soft.answerModeIs(Mode::success);
+      scheduler->runUntilIdle();
+      EXPECT_TRUE(pendingInAnswer);
+      EXPECT_FALSE(chip.status()->pendingHwWrites());
+    }
+  }
+  soft.answerModeIs(Mode::hold);
+  writeWithAnswer();
+  chip.serverEnded();
+  EXPECT_FALSE(chip.status()->pendingHwWrites()) << "held answers are dropped";
+}
+
+TEST_F(OrderedLayer, OperationsThatApplyWhenAnsweredKeepTheirOrderOnAKey) {
+  using Order = KilnAgent::SoftTable::Order;
+  auto& soft = chip.table(kTag);
+  soft.appliesIs(KilnAgent::SoftTable::Applies::answered);
+  soft.answerModeIs(KilnAgent::SoftTable::AnswerMode::hold);
+  soft.capacityIs(1);
+  write(1, 1);
+  remove(1);
+  write(1, 2);
+  write(2, 2);
+  EXPECT_EQ(0U, table().size());
+  soft.answer(Order::lifo, 2);
+  scheduler->runUntilIdle();
+  EXPECT_EQ(nullptr, find(1)) << "the table was full when its last write, which was answered later, applied";
+  EXPECT_NE(nullptr, find(2));
+  EXPECT_EQ(2U, soft.counters().written);
+  EXPECT_EQ(1U, soft.counters().removed);
+}
+
+TEST_F(OrderedLayer, AnUnappliedOperationKeepsTheEntryOfItsKeyFromBeingDropped) {
+  leaveThree();
+  auto& soft = chip.table(kTag);
+  soft.appliesIs(KilnAgent::SoftTable::Applies::answered);
+  write(1, 1);
+  write(2, 20);
+  chip.reconcileComplete();
+  EXPECT_EQ(2U, find(2)->lif);
+  EXPECT_EQ(nullptr, find(3));
+  const auto before = chip.counters();
+  chip.serverDied();
+  EXPECT_EQ(20U, find(2)->lif) << "what was issued has effect though the server died";
+  EXPECT_EQ(before.written + 1, chip.counters().written);
+}
+
 TEST_F(OrderedLayer, ARestartWithinARestartClaimsEverythingAnew) {
   leaveThree();
   write(1, 1);
