@@ -134,12 +134,14 @@ void readFaps(const Json& json, ChipConfig& chip, const JsonPath& path) {
 
 void readVlanDomains(const Json& json, ChipConfig& chip, const JsonPath& path) {
   requireObject(json, path);
-  refuseOtherMembers(json, {"first", "last"}, path);
+  refuseOtherMembers(json, {"first", "last", "perTcam"}, path);
   const auto number = [&](const char* name) {
     return static_cast<std::uint16_t>(
         readWholeNumber(requireMember(json, name, path), kMaxU16, JsonPath{&path, name}));
   };
-  chip.vlanDomains = {number("first"), number("last")};
+  const auto perTcam = json.find("perTcam");
+  chip.vlanDomains = {number("first"), number("last"),
+                      perTcam != json.end() && readBool(*perTcam, JsonPath{&path, "perTcam"})};
   if (chip.vlanDomains.first > chip.vlanDomains.last) path.fail("the first domain is above the last");
 }
 

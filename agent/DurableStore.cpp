@@ -168,6 +168,8 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
       encode(settings, vlanDomains_.mode());
       encode(settings, vlanDomains_.limits().first);
       encode(settings, vlanDomains_.limits().last);
+      // Left out by default, so that records without it can be read.
+      if (vlanDomains_.limits().perTcam) encode(settings, std::uint8_t{1});
       return settings;
     }
     case kAbsentFeature:
@@ -353,7 +355,8 @@ void DurableStore::loadVlanDomains() {
     const auto last = value.take<std::uint16_t>();
     if (mode > VlanDomainService::Mode::manual || first > last) throw std::range_error("impossible settings");
     vlanDomains_.modeIs(mode);
-    vlanDomains_.limitsAre({first, last});
+    const bool perTcam = !value.atEnd() && value.take<std::uint8_t>() != 0;
+    vlanDomains_.limitsAre({first, last, perTcam});
   });
   visit(kShare, [this](Decoder& key, Decoder& value) {
     const auto interface = key.take<Interface>();

@@ -53,6 +53,9 @@ class Line {
     }
     at(name).fail(fmt::format("unknown word \"{}\", known are {}", text, known));
   }
+  [[nodiscard]] std::optional<bool> optionalFlag(const char* name) const {
+    return find(name) == nullptr ? std::nullopt : std::optional<bool>(flag(name));
+  }
   void onlyHas(std::initializer_list<std::string_view> names) const {
     refuseOtherMembers(json_, names, root_);
   }
@@ -133,9 +136,10 @@ Operation readAddFeature(const Line& line) {
 
 Operation readVlanDomains(const Line& line) {
   using Mode = VlanDomainService::Mode;
-  line.onlyHas({"op", "mode", "first", "last"});
+  line.onlyHas({"op", "mode", "first", "last", "perTcam", "insideCall"});
   VlanDomainsOperation operation{
-      line.word<Mode>("mode", {{"auto", Mode::automatic}, {"manual", Mode::manual}}), std::nullopt};
+      line.word<Mode>("mode", {{"auto", Mode::automatic}, {"manual", Mode::manual}}), std::nullopt,
+      line.optionalFlag("perTcam"), line.optionalFlag("insideCall")};
   if (line.find("first") == nullptr && line.find("last") == nullptr) return operation;
   operation.limits = {line.number<std::uint16_t>("first"), line.number<std::uint16_t>("last")};
   if (operation.limits->first > operation.limits->last) line.fail("the first domain is above the last");
@@ -160,11 +164,16 @@ Operation readShare(const Line& line) {
 
 Operation readTable(const Line& line) {
   using Mode = SoftTable::AnswerMode;
-  line.onlyHas({"op", "table", "answer", "capacity", "insideCall"});
+  using Applies = SoftTable::Applies;
+  line.onlyHas({"op", "table", "answer", "capacity", "insideCall", "applies"});
   TableOperation operation{tableOf(line), std::nullopt, line.optionalNumber<std::uint32_t>("capacity"),
-                           std::nullopt};
-  if (line.find("insideCall") != nullptr) operation.insideCall = line.flag("insideCall");
-  if ((operation.capacity || operation.insideCall) && line.find("answer") == nullptr) return operation;
+                           line.optionalFlag("insideCall")};
+  if (line.find("applies") != nullptr) {
+    operation.applies =
+        line.word<Applies>("applies", {{"issued", Applies::issued}, {"answered", Applies::answered}});
+  }
+  const bool saysAnything = operation.capacity || operation.insideCall || operation.applies;
+  if (saysAnything && line.find("answer") == nullptr) return operation;
   operation.answer =
       line.word<Mode>("answer", {{"success", Mode::success}, {"refuse", Mode::refuse}, {"hold", Mode::hold}});
   return operation;

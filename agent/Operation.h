@@ -57,6 +57,8 @@ struct AddFeatureOperation {
 struct VlanDomainsOperation {
   VlanDomainService::Mode mode;
   std::optional<VlanDomainLimits> limits;
+  std::optional<bool> perTcam = std::nullopt;     ///< whether each system TCAM has domains of its own
+  std::optional<bool> insideCall = std::nullopt;  ///< whether domains are allotted within the call that asks
 };
 struct AllotOperation {
   IntfIdSystemTcamId interface;
@@ -76,6 +78,7 @@ struct TableOperation {
   std::optional<SoftTable::AnswerMode> answer;
   std::optional<std::uint32_t> capacity;
   std::optional<bool> insideCall;  ///< whether operations are answered within the call that issues them
+  std::optional<SoftTable::Applies> applies = std::nullopt;
 };
 /// Held answers go.
 struct AnswerOperation {

@@ -74,7 +74,7 @@ std::string line(const VlanDomainsOperation& domains) {
   Members members("vlanDomains");
   members.add("mode", domains.mode == VlanDomainService::Mode::automatic ? "auto" : "manual");
   if (domains.limits) members.add("first", domains.limits->first).add("last", domains.limits->last);
-  return members.text();
+  return members.add("perTcam", domains.perTcam).add("insideCall", domains.insideCall).text();
 }
 
 std::string line(const AllotOperation& allot) {
@@ -96,6 +96,9 @@ std::string line(const TableOperation& operation) {
   Members members("table");
   members.table(operation.table);
   if (operation.answer) members.add("answer", kAnswers[static_cast<std::size_t>(*operation.answer)]);
+  if (operation.applies) {
+    members.add("applies", *operation.applies == SoftTable::Applies::issued ? "issued" : "answered");
+  }
   return members.add("capacity", operation.capacity).add("insideCall", operation.insideCall).text();
 }
 

@@ -97,6 +97,7 @@ class Decoder {
     take(value);
     return value;
   }
+  [[nodiscard]] bool atEnd() const { return rest_.empty(); }
   /// Throws where bytes are left over.
   void end() const {
     if (!rest_.empty()) throw std::range_error("bytes are left over");

@@ -69,6 +69,15 @@ std::string contenderText(const EmLogicalKey& key, std::uint32_t requestVersion)
                      keyToJson(key, &EmLogicalKey::emComposerKey).dump());
 }
 
+/// The interface whose VLAN domain is part of the key in the table, if one is.
+std::optional<std::uint64_t> interfaceIdOf(const EmLogicalKey& key) {
+  std::optional<std::uint64_t> intfId;
+  key.emComposerKey.visit([&](const auto& own) {
+    if constexpr (requires { own.intfId; }) intfId = own.intfId;
+  });
+  return intfId;
+}
+
 void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
   std::map<EmHwKey, std::vector<const KilnEmServer::EmRequestStatus*>> losers;
   const auto statuses = agent.server().emConflictStatus();
@@ -78,12 +87,25 @@ void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
       losers[status.emSwTableKeyFapCore].push_back(&status);
     }
   }
-  fmt::format_to(out, "Conflicts: {} hardware keys\n", grouped(losers.size()));
   const auto winners = agent.server().emSwTableConfig();
+  // Interfaces that have one VLAN domain take the entries from each other, whatever their features.
+  const auto betweenInterfaces = [&](const auto& conflict) {
+    const auto* winner = winners->config().find(conflict.first);
+    return winner != nullptr &&
+           std::any_of(conflict.second.begin(), conflict.second.end(), [&](const auto* lost) {
+             return interfaceIdOf(lost->emLogicalKey) != interfaceIdOf(winner->emLogicalKey);
+           });
+  };
+  const auto crossed =
+      static_cast<std::size_t>(std::count_if(losers.begin(), losers.end(), betweenInterfaces));
+  fmt::format_to(out, "Conflicts: {} hardware keys, {} of them between features, {} between interfaces\n",
+                 grouped(losers.size()), grouped(losers.size() - crossed), grouped(crossed));
   std::size_t shown = 0;
-  for (const auto& [hwKey, lost] : losers) {
+  for (const auto& conflict : losers) {
     if (shown++ == rowLimit) break;
-    fmt::format_to(out, "  {}\n", keyToJson(hwKey, &EmHwKey::emResolvedKey).dump());
+    const auto& [hwKey, lost] = conflict;
+    fmt::format_to(out, "  {}{}\n", keyToJson(hwKey, &EmHwKey::emResolvedKey).dump(),
+                   betweenInterfaces(conflict) ? " between interfaces" : "");
     if (const auto* winner = winners->config().find(hwKey)) {
       fmt::format_to(out, "    won by  {}\n",
                      contenderText(winner->emLogicalKey, winner->emEntry.requestVersion));

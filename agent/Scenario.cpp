@@ -184,8 +184,12 @@ void Scenario::apply(const AddFeatureOperation& add) {
   agent_.store().addFeature(add.feature);
 }
 void Scenario::apply(const VlanDomainsOperation& vlanDomains) {
-  if (vlanDomains.limits) agent_.vlanDomains().limitsAre(*vlanDomains.limits);
-  agent_.vlanDomains().modeIs(vlanDomains.mode);
+  VlanDomainService& service = agent_.vlanDomains();
+  if (vlanDomains.insideCall) service.insideCallIs(*vlanDomains.insideCall);
+  VlanDomainLimits limits = vlanDomains.limits.value_or(service.limits());
+  limits.perTcam = vlanDomains.perTcam.value_or(service.limits().perTcam);
+  if (vlanDomains.limits || vlanDomains.perTcam) service.limitsAre(limits);
+  service.modeIs(vlanDomains.mode);
 }
 
 void Scenario::requireManualDomains() const {
@@ -212,6 +216,7 @@ void Scenario::apply(const TableOperation& operation) {
   SoftTable& table = agent_.chip().table(operation.table);
   if (operation.capacity) table.capacityIs(*operation.capacity);
   if (operation.insideCall) table.answerInsideCallIs(*operation.insideCall);
+  if (operation.applies) table.appliesIs(*operation.applies);
   if (operation.answer) table.answerModeIs(*operation.answer);
 }
 

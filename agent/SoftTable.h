@@ -79,8 +79,8 @@ class ChangeSubscribers {
   std::vector<Asic::ChangeSubscriber*> subscribers_;
 };
 
-/// The status of the ordered-table layer. An operation is pending until its answer has been delivered, held or
-/// not; a dropped entry until it has been drained.
+/// The status of the ordered-table layer. An operation is pending until its answer has been delivered, held
+/// or not; a dropped entry until it has been drained.
 class PendingHwWrites final : public Asic::OrderedTableStatus {
  public:
   [[nodiscard]] bool pendingHwWrites() const override { return operations_ != 0; }
@@ -109,8 +109,8 @@ class SoftTable {
   /// done, but not answered until told.
   enum class AnswerMode : std::uint8_t { success, refuse, hold };
   enum class Order : std::uint8_t { fifo, lifo };
-  /// When an operation changes the table: when it is issued, or at the latest when it is answered, the earlier
-  /// ones of its key first.
+  /// When an operation changes the table: when it is issued, or at the latest when it is answered, the
+  /// earlier ones of its key first.
   enum class Applies : std::uint8_t { issued, answered };
 
   /// What a table has from its chip. `random` is null where answers keep their order.
@@ -150,6 +150,7 @@ class SoftTable {
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
   /// Of the operations that follow. Going to `issued` applies every operation.
   void appliesIs(Applies applies);
+  [[nodiscard]] Applies applies() const { return applies_; }
   /// Applies the operations that were issued and have no effect yet, in their order.
   virtual void applyIssued() = 0;
 
@@ -296,9 +297,8 @@ class SoftSwTable final : public SwTable, public SoftTable {
 
   void issue(const Key& key, const TableEntry* entry, ResponseHandler&& handler) {
     const std::uint64_t number = beginOperation(entry != nullptr);
-    notify(number, key, entry, [](TableWatcher& watcher, const HwOperation& operation) {
-      watcher.handleIssued(operation);
-    });
+    notify(number, key, entry,
+           [](TableWatcher& watcher, const HwOperation& operation) { watcher.handleIssued(operation); });
     if (appliesLater()) {
       std::uint64_t& latest = latest_[key];
       late_.emplace(number, Late{key, entry == nullptr ? std::nullopt : std::optional(*entry), refusing(),
@@ -415,7 +415,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
   KilnEmServer::ExpectedKeys<typename SwTable::Entrys> expected_;
   std::map<std::uint64_t, Late> late_;  ///< unanswered, by number
   boost::unordered_flat_map<Key, std::uint64_t, KilnPlatform::ValueHash<Key>>
-      latest_;  ///< of the operations that have no effect yet, the last one of each key
+      latest_;                ///< of the operations that have no effect yet, the last one of each key
   bool reconciling_ = false;  ///< whether entries of a server before this one may be unclaimed
   boost::unordered_flat_set<Key, KilnPlatform::ValueHash<Key>>
       claimed_;  ///< while reconciling, all others are not

@@ -28,7 +28,10 @@ VlanDomainService::~VlanDomainService() {
 
 void VlanDomainService::handleChange(const Interface& interface) {
   tell(VlanDomainChange::Record::request, interface);
-  queue(interface);
+  if (!insideCall_ || handling_ || mode_ == Mode::manual) return queue(interface);
+  handling_ = true;
+  settleRequest(interface);
+  handling_ = false;
 }
 
 void VlanDomainService::queue(const Interface& interface) {
@@ -57,7 +60,7 @@ void VlanDomainService::settleRequest(const Interface& interface) {
   if (asked && !allotted) {
     serve(interface);
   } else if (!asked && allotted) {
-    takeBack(interface);
+    allotmentIs(interface, std::nullopt);
     serveWaiting(poolOf(interface));
   } else if (!asked) {
     stopWaiting(interface);
@@ -65,7 +68,8 @@ void VlanDomainService::settleRequest(const Interface& interface) {
 }
 
 VlanDomainService::Pool& VlanDomainService::poolOf(const Interface& interface) {
-  const auto [pool, isNew] = pools_.try_emplace(interface.systemTcamId);
+  const std::uint16_t key = limits_.perTcam ? interface.systemTcamId : std::uint16_t{0};
+  const auto [pool, isNew] = pools_.try_emplace(key);
   if (isNew) pool->second.firstMaybeFree = limits_.first;
   return pool->second;
 }
@@ -77,48 +81,53 @@ std::optional<std::uint16_t> VlanDomainService::firstFree(Pool& pool) const {
   return static_cast<std::uint16_t>(domain);
 }
 
-std::optional<std::uint16_t> VlanDomainService::domainOfGroup(const Interface& interface) const {
+VlanDomainService::Group* VlanDomainService::findGroup(const Interface& interface) const {
   const auto group = groups_.find(interface);
-  if (group == groups_.end()) return std::nullopt;
-  for (const Interface& member : *group->second) {
-    if (const auto* domain = status_->status().find(member)) return *domain;
-  }
-  return std::nullopt;
+  return group == groups_.end() ? nullptr : group->second.get();
+}
+
+std::optional<std::uint16_t> VlanDomainService::domainOf(const Group* group) {
+  if (group == nullptr || group->users.empty()) return std::nullopt;
+  return group->users.begin()->first;
 }
 
 void VlanDomainService::serve(const Interface& interface) {
-  Pool& pool = poolOf(interface);
-  std::optional<std::uint16_t> domain = domainOfGroup(interface);
-  if (!domain) domain = firstFree(pool);
-  if (!domain) {
-    if (waitingOrder_.try_emplace(interface, nextOrder_).second)
-      pool.waiting.emplace(nextOrder_++, interface);
-    return;
-  }
-  give(interface, *domain);
-  const auto group = groups_.find(interface);
-  if (group == groups_.end()) return;
-  for (const Interface& member : *group->second) {
-    if (waitingOrder_.contains(member)) give(member, *domain);
-  }
+  Group* const group = findGroup(interface);
+  std::optional<std::uint16_t> domain = domainOf(group);
+  if (!domain) domain = firstFree(poolOf(interface));
+  if (!domain) return wait(interface);
+  allotmentIs(interface, domain);
+  while (group != nullptr && !group->waiting.empty()) allotmentIs(*group->waiting.begin(), domain);
 }
 
-void VlanDomainService::give(const Interface& interface, std::uint16_t vlanDomain) {
-  stopWaiting(interface);
-  ++poolOf(interface).users[vlanDomain];
-  status_->status().is(interface, vlanDomain);
+void VlanDomainService::allotmentIs(const Interface& changed, std::optional<std::uint16_t> vlanDomain) {
+  const Interface interface = changed;
+  const std::optional<std::uint16_t> before = status_->status().get(interface);
+  if (before) countUser(interface, *before, false);
+  if (vlanDomain) {
+    stopWaiting(interface);
+    countUser(interface, *vlanDomain, true);
+    status_->status().is(interface, *vlanDomain);
+  } else {
+    status_->status().del(interface);
+  }
   tell(VlanDomainChange::Record::allotment, interface);
 }
 
-void VlanDomainService::takeBack(const Interface& interface) {
+void VlanDomainService::countUser(const Interface& interface, std::uint16_t vlanDomain, bool more) {
+  const auto count = [&](auto& users) {
+    if (more) {
+      ++users[vlanDomain];
+    } else if (--users[vlanDomain] == 0) {
+      users.erase(vlanDomain);
+    }
+  };
   Pool& pool = poolOf(interface);
-  const std::uint16_t domain = *status_->status().find(interface);
-  if (--pool.users[domain] == 0) {
-    pool.users.erase(domain);
-    if (domain >= limits_.first) pool.firstMaybeFree = std::min<std::uint32_t>(pool.firstMaybeFree, domain);
+  count(pool.users);
+  if (!more && vlanDomain >= limits_.first) {
+    pool.firstMaybeFree = std::min<std::uint32_t>(pool.firstMaybeFree, vlanDomain);
   }
-  status_->status().del(interface);
-  tell(VlanDomainChange::Record::allotment, interface);
+  if (Group* group = findGroup(interface)) count(group->users);
 }
 
 void VlanDomainService::serveWaiting(Pool& pool) {
@@ -128,18 +137,35 @@ void VlanDomainService::serveWaiting(Pool& pool) {
   }
 }
 
+void VlanDomainService::wait(const Interface& interface) {
+  if (!waitingOrder_.try_emplace(interface, nextOrder_).second) return;
+  poolOf(interface).waiting.emplace(nextOrder_++, interface);
+  if (Group* group = findGroup(interface)) group->waiting.insert(interface);
+}
+
 void VlanDomainService::stopWaiting(const Interface& interface) {
   const auto order = waitingOrder_.find(interface);
   if (order == waitingOrder_.end()) return;
   poolOf(interface).waiting.erase(order->second);
   waitingOrder_.erase(order);
+  if (Group* group = findGroup(interface)) group->waiting.erase(interface);
+}
+
+void VlanDomainService::rebuildPools() {
+  pools_.clear();
+  KilnPlatform::forEachIn(status_->status(), [this](const Interface& interface, std::uint16_t domain) {
+    ++poolOf(interface).users[domain];
+  });
+  for (const auto& [interface, order] : waitingOrder_) poolOf(interface).waiting.emplace(order, interface);
 }
 
 void VlanDomainService::limitsAre(VlanDomainLimits limits) {
   KILN_ASSERT(limits.first <= limits.last);
+  const bool otherPools = limits.perTcam != limits_.perTcam;
   limits_ = limits;
   tell(VlanDomainChange::Record::settings);
-  for (auto& [systemTcamId, pool] : pools_) {
+  if (otherPools) rebuildPools();
+  for (auto& [key, pool] : pools_) {
     pool.firstMaybeFree = limits.first;
     serveWaiting(pool);
   }
@@ -149,64 +175,92 @@ void VlanDomainService::modeIs(Mode mode) {
   if (mode == mode_) return;
   mode_ = mode;
   tell(VlanDomainChange::Record::settings);
-  pools_.clear();
-  waitingOrder_.clear();
-  if (mode == Mode::manual) return;
-  KilnPlatform::forEachIn(status_->status(), [this](const Interface& interface, std::uint16_t domain) {
-    ++poolOf(interface).users[domain];
-    queue(interface);
-  });
+  if (mode == Mode::manual) {
+    while (!waitingOrder_.empty()) {
+      const Interface interface = waitingOrder_.begin()->first;
+      stopWaiting(interface);
+    }
+    return;
+  }
+  KilnPlatform::forEachIn(status_->status(),
+                          [this](const Interface& interface, std::uint16_t /*domain*/) { queue(interface); });
   KilnPlatform::forEachIn(
       config_->config(), [this](const Interface& interface, const KilnPlatform::Unit&) { queue(interface); });
 }
 
+std::size_t VlanDomainService::waiting() const {
+  std::size_t count = 0;
+  KilnPlatform::forEachIn(config_->config(), [&](const Interface& interface, const KilnPlatform::Unit&) {
+    if (!status_->status().has(interface)) ++count;
+  });
+  return count;
+}
+
 void VlanDomainService::allot(const Interface& interface, std::uint16_t vlanDomain) {
   KILN_ASSERT(mode_ == Mode::manual);
-  status_->status().is(interface, vlanDomain);
-  tell(VlanDomainChange::Record::allotment, interface);
+  allotmentIs(interface, vlanDomain);
 }
 
 void VlanDomainService::revoke(const Interface& interface) {
   KILN_ASSERT(mode_ == Mode::manual);
-  status_->status().del(interface);
-  tell(VlanDomainChange::Record::allotment, interface);
+  allotmentIs(interface, std::nullopt);
 }
 
 Ref<VlanDomainService::Group> VlanDomainService::groupOf(const Interface& interface) {
   Ref<Group>& group = groups_[interface];
-  if (!group) group = std::make_shared<Group>(Group{interface});
+  if (group) return group;
+  group = std::make_shared<Group>();
+  group->members = {interface};
+  if (const auto domain = status_->status().get(interface)) group->users[*domain] = 1;
+  if (waitingOrder_.contains(interface)) group->waiting.insert(interface);
+  tell(VlanDomainChange::Record::share, interface);
   return group;
 }
 
-void VlanDomainService::share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId) {
-  const Ref<Group> joining = groupOf({intfId, systemTcamId});
-  const Ref<Group> group = groupOf({withIntfId, systemTcamId});
-  if (joining == group) return;
-  for (const Interface& member : *joining) groups_[member] = group;
-  group->insert(group->end(), joining->begin(), joining->end());
-  for (const Interface& member : *group) tell(VlanDomainChange::Record::share, member);
-  if (mode_ != Mode::automatic) return;
-  const std::optional<std::uint16_t> domain = domainOfGroup({intfId, systemTcamId});
-  if (!domain) return;
-  for (const Interface& member : *group) {
-    const auto* current = status_->status().find(member);
-    if (current != nullptr ? *current == *domain : !waitingOrder_.contains(member)) continue;
-    if (current != nullptr) takeBack(member);
-    give(member, *domain);
+void VlanDomainService::join(const Ref<Group>& group, const Ref<Group>& joining) {
+  group->members.insert(group->members.end(), joining->members.begin(), joining->members.end());
+  for (const auto& [domain, users] : joining->users) group->users[domain] += users;
+  group->waiting.insert(joining->waiting.begin(), joining->waiting.end());
+  for (const Interface& member : joining->members) {
+    groups_[member] = group;
+    tell(VlanDomainChange::Record::share, member);
   }
+}
+
+/// Those that have another domain, or wait for one, have this one now.
+void VlanDomainService::haveDomain(const std::vector<Interface>& members, std::uint16_t vlanDomain) {
+  for (const Interface& member : members) {
+    const std::optional<std::uint16_t> current = status_->status().get(member);
+    if (current ? *current != vlanDomain : waitingOrder_.contains(member)) allotmentIs(member, vlanDomain);
+  }
+}
+
+void VlanDomainService::share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId) {
+  const Ref<Group> own = groupOf({intfId, systemTcamId});
+  const Ref<Group> with = groupOf({withIntfId, systemTcamId});
+  if (own == with) return;
+  const std::optional<std::uint16_t> domain =
+      domainOf(with.get()) ? domainOf(with.get()) : domainOf(own.get());
+  const bool ownIsLarger = own->members.size() > with->members.size();
+  const Ref<Group>& larger = ownIsLarger ? own : with;
+  const Ref<Group>& smaller = ownIsLarger ? with : own;
+  const bool largerHasIt =
+      domain && larger->waiting.empty() && larger->users.size() == 1 && larger->users.contains(*domain);
+  join(larger, smaller);
+  if (mode_ != Mode::automatic || !domain) return;
+  const std::vector<Interface> members = largerHasIt ? smaller->members : larger->members;
+  haveDomain(members, *domain);
   serveWaiting(poolOf({intfId, systemTcamId}));
 }
 
 std::optional<VlanDomainService::Interface> VlanDomainService::sharesWith(const Interface& interface) const {
-  const auto group = groups_.find(interface);
-  return group == groups_.end() ? std::nullopt : std::optional(group->second->front());
+  const Group* group = findGroup(interface);
+  return group == nullptr ? std::nullopt : std::optional(group->members.front());
 }
 
 void VlanDomainService::restoreAllotment(const Interface& interface, std::uint16_t vlanDomain) {
-  status_->status().is(interface, vlanDomain);
-  if (mode_ == Mode::manual) return;
-  ++poolOf(interface).users[vlanDomain];
-  queue(interface);  // where nobody asks for it any more, it is taken back
+  allotmentIs(interface, vlanDomain);
+  if (mode_ == Mode::automatic) queue(interface);  // it is taken back if it is not requested any more
 }
 
 void VlanDomainService::forgetServer() {

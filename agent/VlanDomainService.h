@@ -17,10 +17,13 @@ namespace KilnAgent {
 
 using KilnPlatform::Ref;
 
-/// The domains that the service may allot by itself, per system TCAM. `first` is not above `last`.
+/// The domains that the service may allot by itself. `first` is not above `last`.
 struct VlanDomainLimits {
   std::uint16_t first = 1;
   std::uint16_t last = 511;
+  /// Whether each system TCAM has domains of its own, for chips with separate tables. Otherwise interfaces
+  /// that do not share never get the same domain, whatever their system TCAMs.
+  bool perTcam = false;
   friend bool operator==(const VlanDomainLimits&, const VlanDomainLimits&) = default;
 };
 
@@ -45,13 +48,13 @@ class VlanDomainObserver {
   ~VlanDomainObserver() = default;
 };
 
-/// Automatic mode, the first one: each request gets the first free domain of its system TCAM, or that of the
-/// interfaces which it shares one with; without a free domain it waits, and requests that wait are served in
-/// the order in which they came. A domain that nobody asks for any more is free again.
+/// Automatic mode, the first one: each request gets the first free domain, or that of the interfaces which it
+/// shares one with; without a free domain it waits, and requests that wait are served in the order in which
+/// they were made. A domain that is not requested any more is free again.
 ///
-/// Manual mode: allotments are made and revoked by hand, whether or not anybody asks.
+/// Manual mode: allotments are made and revoked by hand, whether or not they are requested.
 ///
-/// The service reacts to requests in a task of its own, never inside the change that told it.
+/// The service reacts to requests in a task of its own, or inside the call that makes them.
 class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNiLib::IntfIdSystemTcamId> {
  public:
   using Interface = KilnTunnelNiLib::IntfIdSystemTcamId;
@@ -70,6 +73,10 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   /// and frees the others.
   void modeIs(Mode mode);
 
+  [[nodiscard]] bool insideCall() const { return insideCall_; }
+  /// Whether requests that follow are handled inside the change that makes them.
+  void insideCallIs(bool insideCall) { insideCall_ = insideCall; }
+
   /// Interfaces keep the domains that they have, also those outside the new limits.
   void limitsAre(VlanDomainLimits limits);
 
@@ -79,7 +86,8 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   void revoke(const Interface& interface);
 
   /// Automatic allotment gives `intfId` and `withIntfId`, and all that already share with either, one domain.
-  /// It is the one that `withIntfId`'s side has, where it has one.
+  /// It is the one that `withIntfId`'s side has, if it has one. Costs as much as the smaller of both groups
+  /// and the allotments that change.
   void share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId);
 
   [[nodiscard]] const VlanDomainLimits& limits() const { return limits_; }
@@ -95,19 +103,24 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   /// Names the one observer, which must outlive the service or be replaced; null for none.
   void observerIs(VlanDomainObserver* observer) { observer_ = observer; }
 
-  /// Requests that wait for a free domain.
-  [[nodiscard]] std::size_t waiting() const { return waitingOrder_.size(); }
+  /// Requests without a domain. Walks over all requests.
+  [[nodiscard]] std::size_t waiting() const;
 
   /// Forgets the server's subscriptions, as if its process had died, and takes up its own work again after
   /// the scheduler forgot its tasks.
   void forgetServer();
 
  private:
-  using Group = std::vector<Interface>;
+  /// Interfaces that share a domain, and which domains they have: more than one only after manual mode.
+  struct Group {
+    std::vector<Interface> members;
+    std::map<std::uint16_t, std::uint32_t> users;
+    std::set<Interface> waiting;
+  };
 
-  /// One system TCAM's domains: how many interfaces have each, and below which domain none is free.
+  /// Domains that are allotted together: how many interfaces have each, and below which domain none is free.
   struct Pool {
-    std::map<std::uint32_t, std::uint32_t> users;  ///< by domain, of those that anybody has
+    std::map<std::uint32_t, std::uint32_t> users;
     std::uint32_t firstMaybeFree = 0;
     std::map<std::uint64_t, Interface> waiting;  ///< by the order in which the requests came
   };
@@ -121,20 +134,27 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   void settleRequest(const Interface& interface);
 
   Pool& poolOf(const Interface& interface);
+  void rebuildPools();
   void serve(const Interface& interface);
-  void give(const Interface& interface, std::uint16_t vlanDomain);
-  void takeBack(const Interface& interface);
+  void allotmentIs(const Interface& interface, std::optional<std::uint16_t> vlanDomain);
+  void countUser(const Interface& interface, std::uint16_t vlanDomain, bool more);
   void serveWaiting(Pool& pool);
+  void wait(const Interface& interface);
   void stopWaiting(const Interface& interface);
-  [[nodiscard]] std::optional<std::uint16_t> domainOfGroup(const Interface& interface) const;
+  [[nodiscard]] Group* findGroup(const Interface& interface) const;
+  [[nodiscard]] static std::optional<std::uint16_t> domainOf(const Group* group);
   std::optional<std::uint16_t> firstFree(Pool& pool) const;
   Ref<Group> groupOf(const Interface& interface);
+  void join(const Ref<Group>& group, const Ref<Group>& joining);
+  void haveDomain(const std::vector<Interface>& members, std::uint16_t vlanDomain);
 
   Ref<KilnVlanDomain::VlanDomainConfig> config_;
   Ref<KilnVlanDomain::VlanDomainStatus> status_;
   VlanDomainLimits limits_;
   Mode mode_ = Mode::automatic;
-  std::map<std::uint16_t, Pool> pools_;
+  bool insideCall_ = false;
+  bool handling_ = false;                ///< what is requested now waits for the task
+  std::map<std::uint16_t, Pool> pools_;  ///< by system TCAM, or just one
   std::map<Interface, std::uint64_t> waitingOrder_;
   std::uint64_t nextOrder_ = 0;
   std::map<Interface, Ref<Group>> groups_;  ///< only of interfaces that share

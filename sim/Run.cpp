@@ -105,7 +105,6 @@ class Run {
       ++tally_.restarts;
       watch_.serverBegins();
     }
-    if constexpr (std::is_same_v<T, VlanDomainsOperation>) limits_ = operation.limits.value_or(limits_);
     countFault(operation);
     return allowed;
   }
@@ -182,13 +181,14 @@ class Run {
   /// Automatic allotment serves whoever asks, as long as there is a free domain, and nobody else.
   [[nodiscard]] std::string domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const {
     if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return "";
+    const VlanDomainLimits limits = agent_.vlanDomains().limits();
     std::string wrong;
     for (const auto& asked : found.domainsAsked) {
       if (wanted.domains.contains(asked)) continue;
       std::set<std::uint32_t> free;
-      for (std::uint32_t domain = limits_.first; domain <= limits_.last; ++domain) free.insert(domain);
+      for (std::uint32_t domain = limits.first; domain <= limits.last; ++domain) free.insert(domain);
       for (const auto& [interface, domain] : wanted.domains) {
-        if (interface.systemTcamId == asked.systemTcamId) free.erase(domain);
+        if (!limits.perTcam || interface.systemTcamId == asked.systemTcamId) free.erase(domain);
       }
       if (!free.empty()) wrong += fmt::format("{} waits though {} is free\n", asked, *free.begin());
     }
@@ -271,7 +271,6 @@ class Run {
   EmbeddedAgent agent_;
   Scenario scenario_;
   Watch watch_;
-  VlanDomainLimits limits_;
   std::set<std::string> stageNames_;  ///< of the stage map, which is the same for every server
   std::string wrong_;
   std::vector<Operation> expected_;

@@ -82,9 +82,8 @@ TEST_F(OrderedLayer, AnOperationIsPendingUntilItsAnswerHasBeenDelivered) {
   auto& soft = chip.table(kTag);
   bool pendingInAnswer = false;
   const auto writeWithAnswer = [&] {
-    table().entryWriteWithResponseHandler({1, 0}, {1, 1}, nullptr, [&](const auto&) {
-      pendingInAnswer = chip.status()->pendingHwWrites();
-    });
+    table().entryWriteWithResponseHandler(
+        {1, 0}, {1, 1}, nullptr, [&](const auto&) { pendingInAnswer = chip.status()->pendingHwWrites(); });
   };
   for (const Mode mode : {Mode::success, Mode::refuse, Mode::hold}) {
     for (const bool insideCall : {false, true}) {
@@ -116,13 +115,19 @@ TEST_F(OrderedLayer, OperationsThatApplyWhenAnsweredKeepTheirOrderOnAKey) {
   remove(1);
   write(1, 2);
   write(2, 2);
+  remove(1);
   EXPECT_EQ(0U, table().size());
-  soft.answer(Order::lifo, 2);
+  soft.answer(Order::fifo, 1);
   scheduler->runUntilIdle();
-  EXPECT_EQ(nullptr, find(1)) << "the table was full when its last write, which was answered later, applied";
-  EXPECT_NE(nullptr, find(2));
-  EXPECT_EQ(2U, soft.counters().written);
-  EXPECT_EQ(1U, soft.counters().removed);
+  EXPECT_EQ(1U, find(1)->lif);
+  soft.answer(Order::lifo, 1);
+  scheduler->runUntilIdle();
+  EXPECT_EQ(nullptr, find(1));
+  EXPECT_EQ(2U, soft.counters().written) << "those issued before, which are still held";
+  soft.answer(Order::fifo, 3);
+  scheduler->runUntilIdle();
+  EXPECT_EQ(nullptr, find(1));
+  EXPECT_NE(nullptr, find(2)) << "there was room when it was applied, not when it was issued";
 }
 
 TEST_F(OrderedLayer, AnUnappliedOperationKeepsTheEntryOfItsKeyFromBeingDropped) {
