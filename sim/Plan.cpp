@@ -36,6 +36,7 @@ class Draw {
     add(RunOperation{0});  // from here on, what runs between two operations is said
     if (oneIn(8)) add(TableOperation{table(), std::nullopt, std::uint32_t{2}, std::nullopt});
     add(domainsAutomatic_ ? scarceDomains() : manualDomains());
+    drawTables();
     for (std::size_t step = 0; step < steps; ++step) {
       add(operation());
       between();
@@ -74,6 +75,22 @@ class Draw {
     if (profile == "restart") weights_[kCommit] = 5;
     if (profile == "domains") weights_[kDomain] = 80;
     if (profile == "tables") weights_[kTable] = 60;
+  }
+
+  /// Some tables apply operations when they answer, or answer inside the call.
+  void drawTables() {
+    if (!oneIn(3)) return;
+    for (int type = 1; type <= kTableTypes; ++type) {
+      if (oneIn(2)) add(appliesOperation(static_cast<TableTag>(type)));
+    }
+  }
+  TableOperation appliesOperation(TableTag tag) {
+    using Applies = SoftTable::Applies;
+    return {.table = tag,
+            .answer = {},
+            .capacity = {},
+            .insideCall = {},
+            .applies = oneIn(3) ? Applies::issued : Applies::answered};
   }
 
   /// How many tasks run before the next operation: mostly not enough to become quiet.
@@ -185,7 +202,11 @@ class Draw {
   VlanDomainsOperation scarceDomains() {
     const auto first = static_cast<std::uint16_t>(below(3));
     const auto last = static_cast<std::uint16_t>(first + below(2));
-    return {.mode = VlanDomainService::Mode::automatic, .limits = VlanDomainLimits{first, last}};
+    VlanDomainsOperation domains{.mode = VlanDomainService::Mode::automatic,
+                                 .limits = VlanDomainLimits{first, last}};
+    if (oneIn(6)) domains.perTcam = oneIn(3);
+    if (oneIn(3)) domains.insideCall = oneIn(2);
+    return domains;
   }
 
   Operation domainOperation() {
@@ -198,27 +219,72 @@ class Draw {
     // Few domains, so that interfaces share them; some do not fit the ingress keys, one not any.
     const auto domain = [&] { return pick<std::uint16_t>({1, 1, 1, 2, 2, 3, 511, 512, 2047, 2048}); };
     const AllotOperation allot{interface(), domain()};
-    if (oneIn(6)) return thereAndBack(allot);
+    if (oneIn(6) && !published_.empty()) return thereAndBack(allot);
     // There and back again, so that keys move while answers are on their way.
     if (oneIn(2)) next_ = {allot, AllotOperation{allot.interface, domain()}};
     return allot;
   }
 
-  /// A key moves and moves back while the table still owes the removal from where it was first.
-  Operation thereAndBack(const AllotOperation& allot) {
-    const TableTag tag = table();
-    next_ = {TableOperation{tag, SoftTable::AnswerMode::success, {}, {}},
-             allot,
-             AnswerOperation{tag, SoftTable::Order::fifo, 1, false},
-             AllotOperation{allot.interface, static_cast<std::uint16_t>(4 + below(3))},
-             TableOperation{tag, SoftTable::AnswerMode::hold, {}, {}},
-             SettleOperation{}};
-    return allot;
+  /// These operations one after the other; the first of them is returned.
+  Operation sequence(std::vector<Operation> operations) {
+    std::reverse(operations.begin(), operations.end());
+    Operation first = std::move(operations.back());
+    operations.pop_back();
+    next_ = std::move(operations);
+    return first;
   }
 
-  /// A request in which the server has no part: in a database other than its key's, or for all chips but one
-  /// core. It keeps a status that it once had, being held, so it is never held.
+  /// A key moves and moves back while the table owes answers of both places. Where it goes it may be refused.
+  Operation thereAndBack(AllotOperation allot) {
+    const PublishOperation& moved = published_[below(published_.size())];
+    const auto interfaceOfMoved = KilnSim::interfaceOf(moved.key.emComposerKey);
+    if (interfaceOfMoved) allot.interface = *interfaceOfMoved;
+    const TableTag tag = interfaceOfMoved ? tagOf(moved) : table();
+    const auto capacity = [&](std::uint32_t entries) {
+      return TableOperation{tag, {}, oneIn(2) ? std::optional(entries) : std::nullopt, {}};
+    };
+    const auto answer = [&] {
+      return AnswerOperation{tag, oneIn(3) ? SoftTable::Order::lifo : SoftTable::Order::fifo, 1, false};
+    };
+    std::vector<Operation> operations = {
+        moved,
+        allot,
+        SettleOperation{},
+        TableOperation{tag, SoftTable::AnswerMode::hold, {}, {}},
+        capacity(0),
+        AllotOperation{allot.interface, static_cast<std::uint16_t>(4 + below(3))},
+        answer(),
+        capacity(1000),
+        allot};
+    for (std::size_t i = below(4); i != 0; --i) operations.push_back(answer());
+    operations.push_back(SettleOperation{});
+    if (oneIn(2)) operations.push_back(TableOperation{tag, SoftTable::AnswerMode::success, {}, {}});
+    return sequence(std::move(operations));
+  }
+
+  static TableTag tagOf(const PublishOperation& publish) {
+    return static_cast<TableTag>(static_cast<int>(publish.key.emComposerKey.tag()));
+  }
+
+  EmType otherDatabase(EmType database) {
+    std::vector<EmType> others;
+    KilnPlatform::forEachEnumValue<EmType>([&](EmType each) {
+      if (each != database) others.push_back(each);
+    });
+    return others[below(others.size())];
+  }
+
+  /// A request that the intake leaves out: in a database other than its key's, or for all chips but one core.
+  /// Mostly under the key of a request that it does not leave out.
   PublishOperation leftOut() {
+    if (!published_.empty() && !oneIn(3)) {
+      PublishOperation twin = published_[below(published_.size())];
+      twin.feature = oneIn(2) ? twin.feature : feature();
+      twin.database = otherDatabase(twin.database);
+      twin.unchecked = true;
+      published_.push_back(twin);
+      return twin;
+    }
     EmRequestKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(),
                      IsemMplsComposerKey{static_cast<std::uint32_t>(900 + below(2)), 0}};
     EmType database = oneIn(2) ? EmType::lem : EmType::esem;
@@ -239,7 +305,6 @@ class Draw {
         publish.entry = entry(static_cast<int>(publish.entry.tag()));
         break;
       case 1:
-        if (!takenUp({publish.feature, publish.database, publish.key}, {})) break;
         publish.requestKind = oneIn(2) ? RequestKind::hold : RequestKind::add;
         break;
       case 2:
@@ -301,6 +366,16 @@ class Draw {
     }
     // Out, and maybe back again, while the server comes back.
     next_.clear();
+    if (oneIn(3)) {
+      // Much of it without a task in between, at some moment of the restart.
+      for (std::size_t i = 2 + below(8); i != 0; --i) {
+        const PublishOperation& back = published_[below(published_.size())];
+        next_.push_back(back);
+        next_.push_back(WithdrawOperation{back.feature, back.database, back.key});
+      }
+      next_.push_back(RunOperation{below(plan_.yieldEvery == 0 ? 60 : 600)});
+      return restart;
+    }
     for (std::size_t i = below(4); i != 0; --i) {
       const PublishOperation& back = published_[below(published_.size())];
       if (oneIn(2)) next_.push_back(back);
@@ -354,6 +429,7 @@ class Draw {
       case 3:
         return TableOperation{tag, Mode::refuse, {}, {}};
       case 4:
+        if (oneIn(2)) return appliesOperation(tag);
         return TableOperation{tag, {}, {}, oneIn(2)};
       case 5:
         return TableOperation{tag, {}, static_cast<std::uint32_t>(oneIn(3) ? below(4) : 1000), {}};

@@ -153,6 +153,7 @@ class Judge {
     if (!convergent(contender.hwKey)) return decideDivergent(contender);
     const EmResolvedKey& key = contender.hwKey.emResolvedKey;
     const EmEntry& entry = contender.request.entry;
+    outcome_.winners.emplace(key, Subject{contender.place, contender.request.requestVersion, entry});
     const bool written =
         static_cast<int>(entry.tag()) == static_cast<int>(key.tag()) && !wanted_.refused(key, entry);
     if (written) outcome_.tables.emplace(key, entry);
@@ -215,6 +216,10 @@ bool takenUp(const RequestPlace& place, const Request& request) {
   const bool known = request.requestKind == RequestKind::add || request.requestKind == RequestKind::modify;
   const bool allChips = key.fapId.number() == 0x7FE;
   return known && databaseOf(typeOf(key)) == database && allChips == (key.localCoreId.number() == 5);
+}
+
+bool programmable(const RequestPlace& place, const Request& request) {
+  return takenUp(place, request) && std::get<EmRequestKey>(place).fapId == Hardware::Kiln::FapId::allFap();
 }
 
 bool needsDomain(TableTag type) {

@@ -54,12 +54,21 @@ struct Wanted {
 
 using KilnEmServer::ResourceCounts;
 
+/// For which request an entry is written, in which version.
+struct Subject {
+  RequestPlace place;
+  std::uint32_t requestVersion = 0;
+  EmEntry entry;
+  friend auto operator<=>(const Subject&, const Subject&) = default;
+};
+
 /// What everybody outside the server can see of it.
 struct Outcome {
   std::map<RequestPlace, StatusSeen> statuses;
   std::map<EmResolvedKey, EmEntry> tables;
   std::set<IntfIdSystemTcamId> domainsAsked;
   std::map<TableTag, ResourceCounts> resources;
+  std::map<EmResolvedKey, Subject> winners;  ///< whose each key of a table is; only computed
 };
 
 /// Whether keys of the type need a VLAN domain.
@@ -72,9 +81,11 @@ std::optional<EmResolvedKey> composed(const KilnEmServer::EmComposerKey& key,
 std::optional<IntfIdSystemTcamId> interfaceOf(const KilnEmServer::EmComposerKey& key);
 /// The same as a hardware key, which holds on every FAP and core.
 KilnEmServer::EmHwKey hwKeyOf(const EmResolvedKey& key);
-/// Whether the server has a part in the request at all: its kind is to be programmed, it stands in the
-/// database of its key type, and its chip and core are both all or both specific.
+/// Whether the server has a part in the request at all: its kind is to be programmed, it is in the database
+/// of its key type, and its chip and core are both all or both specific.
 bool takenUp(const RequestPlace& place, const Request& request);
+/// Whether a table may get an entry for the request.
+bool programmable(const RequestPlace& place, const Request& request);
 
 Wanted wantedOf(const KilnAgent::EmbeddedAgent& agent);
 Outcome recompute(const Wanted& wanted);

@@ -85,10 +85,8 @@ class Run {
       if (!operation.now) settle();
     }
     if (!kChangesNothing<T>) watch_.changes(kChangesSeveral<T> ? 2 : 1);
-    if constexpr (std::is_same_v<T, AnswerOperation>) watch_.answers(operation.table);
-    if constexpr (std::is_same_v<T, TableOperation>) {
-      if (operation.answer && *operation.answer != Mode::hold) watch_.answers(operation.table);
-    }
+    if constexpr (std::is_same_v<T, TableOperation>) watch_.makesRoom(operation.table);
+    if constexpr (kIsOneOf<T, VlanDomainsOperation, ShareOperation>) watch_.allotsByHand();
     if constexpr (std::is_same_v<T, RemoveFeatureOperation>) watch_.featureGoes(operation.feature);
     if constexpr (std::is_same_v<T, CrashOperation>) {
       watch_.serverEnds(operation.lost);
@@ -141,26 +139,33 @@ class Run {
     };
     Outcome found = outcomeOf(agent_);
     Outcome expected = recompute(wanted);
-    const Outcome all = found;
-    const bool answered = setAsideUnanswered(wanted, expected, found);
-    watch_.quiet(wanted, expected, all, answered);
+    const bool answered = allAnswered();
+    watch_.quiet(wanted, expected, found, answered);
+    setAsideUnanswered(wanted, expected, found);
     const std::string differs = difference(expected, found);
     if (!differs.empty()) expect(expected, found);
     note(differs);
     note(domainsWronglyAllotted(wanted, found));
     note(incomplete());
-    if (!answered) return;
     note(capacityDifference(agent_, tally_.quiet % kDumpEvery == 0));
+    if (!answered) return;
     if (wanted.requests.empty()) note(leftovers());
   }
 
-  /// What a table owes an answer for may show an earlier status, and keep a domain. True where none does.
-  bool setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found) {
+  [[nodiscard]] bool allAnswered() const {
     bool answered = true;
+    agent_.chip().forEachTable([&](const SoftTable& table) { answered = answered && table.held() == 0; });
+    return answered;
+  }
+
+  /// What a table owes an answer for may show an earlier status, and keep a domain.
+  void setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found) {
+    if (!agent_.server().dependencyStatus().completedHas("reconcileCompleteSmStage")) {
+      expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
+    }
     for (int type = 1; type <= kTableTypes; ++type) {
       if (tableOf(type).held() == 0) continue;
       ++tally_.faults;
-      answered = false;
       const auto tag = static_cast<TableTag>(type);
       const auto ofType = [&](const auto& row) {
         return static_cast<int>(std::get<2>(row.first).emComposerKey.tag()) == type;
@@ -170,12 +175,16 @@ class Run {
       }
       std::erase_if(expected.statuses, ofType);
       std::erase_if(found.statuses, ofType);
+      const auto inTable = [&](const auto& row) { return row.first.tag() == tag; };
+      if (tableOf(type).applies() == SoftTable::Applies::answered) {
+        std::erase_if(expected.tables, inTable);
+        std::erase_if(found.tables, inTable);
+      }
       expected.resources.erase(tag);
       found.resources.erase(tag);
       if (needsDomain(tag))
         expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
     }
-    return answered;
   }
 
   /// Automatic allotment serves whoever asks, as long as there is a free domain, and nobody else.

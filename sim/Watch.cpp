@@ -29,6 +29,14 @@ std::uint8_t resultOf(RequestKind kind) {
   return kind == RequestKind::hold ? 3 : 1;
 }
 
+std::optional<std::uint64_t> domainOf(const EmResolvedKey& key) {
+  std::optional<std::uint64_t> domain;
+  key.visit([&](const auto& own) {
+    if constexpr (requires { own.vlanDomain; }) domain = own.vlanDomain.number();
+  });
+  return domain;
+}
+
 /// The value under a key, or nothing.
 template <class Map, class Key>
 auto valueIn(const Map& map, const Key& key) {
@@ -47,6 +55,7 @@ Watch::~Watch() {
   agent_.store().observerDel(*this);
   agent_.chip().forEachTable([this](KilnAgent::SoftTable& table) { table.watcherIs(*this, false); });
   agent_.vlanDomains().status()->status().unsubscribe(*this);
+  agent_.vlanDomains().config()->config().unsubscribe(domainRequests_);
   agent_.server().dependencyStatus().completed().unsubscribe(*this);
 }
 
@@ -59,26 +68,29 @@ void Watch::say(std::string text) {
 void Watch::serverEnds(bool reverted) {
   if (!restarted_ && changes_ == 0 && comparable_) sizes_ = agent_.server().leftovers();
   agent_.vlanDomains().status()->status().unsubscribe(*this);
+  agent_.vlanDomains().config()->config().unsubscribe(domainRequests_);
   agent_.server().dependencyStatus().completed().unsubscribe(*this);
   agent_.store().observerDel(*this);
   restarted_ = true;
-  silent_.clear();
   if (reverted) changes_ += 2;
 }
 
 void Watch::serverBegins() {
   agent_.store().observerIs(*this);
   agent_.vlanDomains().status()->status().subscribe(*this);
+  agent_.vlanDomains().config()->config().subscribe(domainRequests_);
   agent_.server().dependencyStatus().completed().subscribe(*this);
   const Wanted wanted = wantedOf(agent_);
   present_.clear();
   for (const auto& [place, request] : wanted.requests) {
     present_.insert(place);
-    contenders_.insert(place);
-    mayBeProgrammed(std::get<2>(place), request.entry);
+    mayBeProgrammed(place, request);
   }
+  log_.serverEnded();
+  std::erase_if(madeRoom_, [this](TableTag table) {
+    return agent_.chip().table(table).answerMode() != KilnAgent::SoftTable::AnswerMode::refuse;
+  });
   noteFound();
-  insertedSinceStart_.clear();
   accepted_.clear();
   lastWrite_.clear();
   domainsOfServer_.clear();
@@ -143,7 +155,6 @@ void Watch::handleStoreChange(const StoreChange& change) {
 template <class Db>
 void Watch::requestChanged(const RequestPlace& place) {
   ++inputs_;
-  requestChanges_.insert(place);
   const auto& [feature, database, key] = place;
   const auto* request = agent_.store().requests<Db>(feature)->config().find(
       KilnEmServer::requestKeyAs<typename Db::EntryKey>(key));
@@ -151,21 +162,24 @@ void Watch::requestChanged(const RequestPlace& place) {
     present_.erase(place);
     return;
   }
-  if (present_.insert(place).second) insertedSinceStart_.insert(place);
-  contenders_.insert(place);
-  mayBeProgrammed(key, request->clientData.*Db::kEntryOfClientData);
+  present_.insert(place);
+  mayBeProgrammed(
+      place, {request->clientData.*Db::kEntryOfClientData, request->requestVersion, request->requestKind});
 }
 
-void Watch::mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry) {
-  if (!requested_.emplace(key, entry).second) return;
-  const auto interface = interfaceOf(key.emComposerKey);
-  if (!interface) {
-    if (const auto hwKey = composed(key.emComposerKey, {})) mayBeProgrammed_.emplace(*hwKey, entry);
-    return;
-  }
-  for (const std::uint16_t domain : domainsOfWindow_[*interface]) {
-    if (const auto hwKey = composed(key.emComposerKey, domain)) mayBeProgrammed_.emplace(*hwKey, entry);
-  }
+void Watch::mayBeProgrammed(const RequestPlace& place, const Request& request) {
+  if (takenUp(place, request)) contenders_.insert(place);
+  if (!programmable(place, request)) return;
+  const Subject subject{place, request.requestVersion, request.entry};
+  if (!requested_.insert(subject).second) return;
+  const auto interface = interfaceOf(std::get<EmRequestKey>(place).emComposerKey);
+  if (!interface) return addProgrammed(subject, {});
+  for (const std::uint16_t domain : domainsOfWindow_[*interface]) addProgrammed(subject, domain);
+}
+
+void Watch::addProgrammed(const Subject& subject, std::optional<std::uint16_t> domain) {
+  const auto hwKey = composed(std::get<EmRequestKey>(subject.place).emComposerKey, domain);
+  if (hwKey) mayBeProgrammed_[{*hwKey, subject.entry}].insert(subject);
 }
 
 void Watch::handleChange(const IntfIdSystemTcamId& interface) {
@@ -177,10 +191,16 @@ void Watch::handleChange(const IntfIdSystemTcamId& interface) {
   if (!domain) return;
   domainsOfServer_[interface].insert(*domain);
   if (!domainsOfWindow_[interface].insert(*domain).second) return;
-  for (const auto& [key, entry] : requested_) {
-    if (interfaceOf(key.emComposerKey) != interface) continue;
-    if (const auto hwKey = composed(key.emComposerKey, domain)) mayBeProgrammed_.emplace(*hwKey, entry);
+  for (const Subject& subject : requested_) {
+    if (interfaceOf(std::get<EmRequestKey>(subject.place).emComposerKey) == interface)
+      addProgrammed(subject, domain);
   }
+}
+
+void Watch::domainRequestChanged(const IntfIdSystemTcamId& interface) {
+  if (agent_.vlanDomains().config()->config().has(interface)) return;
+  const std::string use = log_.inUse(interface, agent_.chip());
+  if (!use.empty()) say(fmt::format("{} was given back too early: {}", interface, use));
 }
 
 // --- Statuses ----------------------------------------------------------------------------------------------
@@ -199,8 +219,7 @@ void Watch::statusChanged(const RequestPlace& place) {
   if (record != nullptr) {
     note(hashOf(record->requestVersion) + static_cast<std::uint64_t>(record->status));
     statusWritten(place, request, {record->requestVersion, record->status, record->result});
-  } else if (request && !(insertedSinceStart_.contains(place) &&
-                          !agent_.server().dependencyStatus().completedHas("finalizeStartupStage"))) {
+  } else if (request) {
     say(fmt::format("status of {} is gone though its request stands", textOf(place)));
     expectStatus(place, {}, resultOf(request->requestKind));
   }
@@ -228,8 +247,10 @@ void Watch::statusWritten(const RequestPlace& place, const std::optional<Request
   if (!held && seen.status == EmStatus::hwKeyConflict && !hasRival(place)) {
     say(fmt::format("status of {} is a conflict with nobody", textOf(place)));
   }
+  if (!held && !takenUp(place, *request) && seen.status != EmStatus::hwFail) {
+    say(fmt::format("status of {} is {} though it is left out", textOf(place), seen.status));
+  }
   if (held || seen.status != EmStatus::hwSuccess) return;
-  if (!takenUp(place, *request)) say(fmt::format("{} cannot have succeeded", textOf(place)));
   if (!accepted(place, request->entry)) {
     say(fmt::format("status of {} claims success of {}, which no table accepted", textOf(place),
                     request->entry));
@@ -296,14 +317,28 @@ void Watch::handleIssued(const KilnAgent::HwOperation& operation) {
   const EmResolvedKey& key = operation.key;
   note(hashOf(key) + static_cast<std::uint64_t>(operation.entry == nullptr));
   if (operation.entry == nullptr) {
+    log_.issued(operation, unwritable(key));
     checkMoved(key);
     lastWrite_.erase(key);
     return;
   }
   lastWrite_[key] = {operation.number, *operation.entry, false};
-  if (!mayBeProgrammed_.contains({key, *operation.entry})) {
+  const auto subjects = mayBeProgrammed_.find({key, *operation.entry});
+  log_.issued(operation, subjects == mayBeProgrammed_.end() ? std::set<Subject>() : subjects->second);
+  if (subjects == mayBeProgrammed_.end()) {
     say(fmt::format("{} is programmed with {}, which nobody requested", key, *operation.entry));
   }
+}
+
+std::set<Subject> Watch::unwritable(const EmResolvedKey& hwKey) const {
+  std::set<Subject> all;
+  for (auto at = mayBeProgrammed_.lower_bound({hwKey, EmEntry()});
+       at != mayBeProgrammed_.end() && at->first.first == hwKey; ++at) {
+    const EmEntry& entry = at->first.second;
+    if (static_cast<int>(entry.tag()) != static_cast<int>(hwKey.tag()))
+      all.insert(at->second.begin(), at->second.end());
+  }
+  return all;
 }
 
 void Watch::checkMoved(const EmResolvedKey& from) {
@@ -325,6 +360,7 @@ void Watch::handleUpcomingChange(const EmResolvedKey& key, const EmEntry* /*befo
 }
 
 void Watch::handleApplied(const KilnAgent::HwOperation& operation, EntryState outcome) {
+  log_.applied(operation, outcome);
   if (operation.entry == nullptr) return;
   const EmResolvedKey& key = operation.key;
   const bool refused = outcome != Asic::SwTableBase::success();
@@ -332,11 +368,34 @@ void Watch::handleApplied(const KilnAgent::HwOperation& operation, EntryState ou
   if (refused) {
     ++refusals_;
     refused_.insert(key);
+    const KilnAgent::SoftTable& table = agent_.chip().table(key.tag());
+    const bool full = outcome == EntryState::noResource_ && table.fill() >= table.capacity();
+    if (!full) makesRoom(key.tag());
   } else {
     accepted_.emplace(key, *operation.entry);
+    checkOwner(key);
   }
   const auto last = lastWrite_.find(key);
   if (last != lastWrite_.end() && last->second.number == operation.number) last->second.refused = refused;
+}
+
+void Watch::handleAnswered(std::uint64_t number) {
+  log_.answered(number, inputs_ == 0 && !restarted_);
+}
+
+void Watch::checkOwner(const EmResolvedKey& key) {
+  const KilnAgent::VlanDomainService& service = agent_.vlanDomains();
+  const auto domain = domainOf(key);
+  const HardwareLog::Interfaces& own = log_.owners(key);
+  if (byHand_ || !domain || own.size() != 1) return;
+  log_.forEachOwned([&](const EmResolvedKey& other, const HardwareLog::Interfaces& others) {
+    if (domainOf(other) != domain || others.size() != 1 || others == own) return;
+    const auto group = service.sharesWith(*own.begin());
+    if (group && group == service.sharesWith(*others.begin())) return;
+    if (service.limits().perTcam && own.begin()->systemTcamId != others.begin()->systemTcamId) return;
+    if (!agent_.chip().table(other.tag()).find(other)) return;
+    say(fmt::format("{} has {} though {} has {}", *own.begin(), key, *others.begin(), other));
+  });
 }
 
 bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
@@ -348,9 +407,11 @@ bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
 
 void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable) {
   if (changes_ <= 1 && comparable_ && comparable) checkWindow(expected);
-  checkSilent(found);
   if (changes_ == 0 && restarted_ && comparable_ && comparable) checkSizes();
-  beginSilence();
+  log_.settled(expected.winners);
+  checkStatuses(wanted, expected, found);
+  checkWaiting(expected);
+  checkDomains(wanted);
   changes_ = 0;
   restarted_ = false;
   inputs_ = 0;
@@ -362,47 +423,61 @@ void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& 
   }
   beforeFound_ = found;
   statusChanges_.clear();
-  requestChanges_.clear();
   touched_.clear();
   requested_.clear();
   contenders_.clear();
   mayBeProgrammed_.clear();
   domainsOfWindow_.clear();
   for (const auto& [interface, domain] : wanted.domains) domainsOfWindow_[interface].insert(domain);
-  for (const auto& [place, request] : wanted.requests) {
-    contenders_.insert(place);
-    mayBeProgrammed(std::get<2>(place), request.entry);
+  for (const auto& [place, request] : wanted.requests) mayBeProgrammed(place, request);
+}
+
+void Watch::checkStatuses(const Wanted& wanted, const Outcome& expected, const Outcome& found) {
+  for (const auto& [place, right] : log_.wrongStatuses(wanted, expected, found)) {
+    const auto seen = valueIn(found.statuses, place);
+    const auto& [feature, database, key] = place;
+    say(fmt::format("status of {} is {}, but the answers so far say {}, version {}", textOf(place),
+                    seen ? fmt::format("{}, version {}", seen->status, seen->requestVersion) : "absent",
+                    right.status, right.requestVersion));
+    expected_.push_back(KilnAgent::ExpectOperation{feature, database, key, right.status, right.requestVersion,
+                                                   right.result, false, true, false});
   }
 }
 
-void Watch::beginSilence() {
-  silent_.clear();
-  for (int type = 1; type <= 8; ++type) {
-    const auto table = static_cast<TableTag>(type);
-    const KilnAgent::SoftTable& soft = agent_.chip().table(table);
-    if (soft.answerMode() == KilnAgent::SoftTable::AnswerMode::hold && soft.held() == 0)
-      silent_.insert(table);
+/// A removal makes room for what waits longest; other room is found by nobody.
+void Watch::checkWaiting(const Outcome& expected) {
+  if (agent_.chip().status()->pendingHwWrites()) return;
+  std::set<TableTag> waiting;
+  for (const auto& [key, write] : lastWrite_) {
+    const auto winner = expected.winners.find(key);
+    if (!write.refused || winner == expected.winners.end() || winner->second.entry != write.entry) continue;
+    const KilnAgent::SoftTable& table = agent_.chip().table(key.tag());
+    waiting.insert(key.tag());
+    if (madeRoom_.contains(key.tag()) || table.fill() >= table.capacity()) continue;
+    say(fmt::format("{} was refused and waits, though its table has room", key));
   }
+  std::erase_if(madeRoom_, [&](TableTag table) {
+    return !waiting.contains(table) &&
+           agent_.chip().table(table).answerMode() != KilnAgent::SoftTable::AnswerMode::refuse;
+  });
 }
 
-void Watch::checkSilent(const Outcome& found) {
-  if (silent_.empty()) return;
-  for (const auto& [place, was] : beforeFound_.statuses) {
-    const auto& key = std::get<2>(place).emComposerKey;
-    if (was.status != EmStatus::hwSuccess ||
-        !silent_.contains(static_cast<TableTag>(static_cast<int>(key.tag())))) {
-      continue;
-    }
-    if (!requestChanges_.contains(place) && !gone_.contains(std::get<0>(place)) &&
-        valueIn(found.statuses, place) != was) {
-      say(fmt::format("status of {} changed without an answer", textOf(place)));
-      expectUntouched(place, was);
-    }
-    const auto interface = interfaceOf(key);
-    if (interface && !found.domainsAsked.contains(*interface)) {
-      say(fmt::format("{} was released while the hardware used it", *interface));
-    }
+/// Automatic allotment gives two interfaces one domain only if they share it.
+void Watch::checkDomains(const Wanted& wanted) {
+  const KilnAgent::VlanDomainService& service = agent_.vlanDomains();
+  if (service.mode() == KilnAgent::VlanDomainService::Mode::manual) return;
+  std::map<std::pair<std::uint16_t, std::uint16_t>, IntfIdSystemTcamId> users;
+  bool twice = false;
+  for (const auto& [interface, domain] : wanted.domains) {
+    const std::uint16_t pool = service.limits().perTcam ? interface.systemTcamId : std::uint16_t{0};
+    const auto [user, first] = users.try_emplace({pool, domain}, interface);
+    const auto group = service.sharesWith(interface);
+    if (first || (group && group == service.sharesWith(user->second))) continue;
+    twice = true;
+    if (!byHand_)
+      say(fmt::format("{} and {} have domain {} and do not share", user->second, interface, domain));
   }
+  byHand_ = twice;
 }
 
 void Watch::checkSizes() {

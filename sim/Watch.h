@@ -12,6 +12,7 @@
 
 #include "agent/EmbeddedAgent.h"
 #include "agent/Operation.h"
+#include "sim/HardwareLog.h"
 #include "sim/Recompute.h"
 
 namespace KilnSim {
@@ -23,7 +24,11 @@ namespace KilnSim {
 ///   write of that entry was accepted. While a request stands its status does not vanish.
 /// - The chip is asked for nothing but entries of requests of the window, under keys that these may have had.
 /// - In a window of a single change, restarts or not, what must be the same before and after is not touched.
-/// - While a table answers nothing, what it had answered stands, and the VLAN domains that it uses are kept.
+/// - When no task is ready, every status is the one that follows from the operations answered so far.
+/// - The VLAN domain of an interface is not given back while a table has, or is asked for, an entry of it,
+/// and
+///   two interfaces that do not share one never have entries under the same.
+/// - What a table refused waits only while the table is full.
 /// - Over restarts alone, every collection, group and cache of the server ends with the same size.
 /// - A stage is complete once, the reconciliation only when the hardware has it all; and what it reports to
 /// have
@@ -46,8 +51,10 @@ class Watch final : private KilnAgent::StoreObserver,
   void changes(std::size_t count) { changes_ += count; }
   /// The feature's collections are about to vanish.
   void featureGoes(FeatureType feature);
-  /// The table may answer from now on.
-  void answers(TableTag table) { silent_.erase(table); }
+  /// Room may appear in the table that no removal made.
+  void makesRoom(TableTag table) { madeRoom_.insert(table); }
+  /// Interfaces may get the domains of others by hand.
+  void allotsByHand() { byHand_ = true; }
   /// The server is quiet. This is what must stand, `comparable` unless some answers are held back, and what
   /// does.
   void quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable);
@@ -79,6 +86,7 @@ class Watch final : private KilnAgent::StoreObserver,
   void handleIssued(const KilnAgent::HwOperation& operation) override;
   void handleUpcomingChange(const EmResolvedKey& key, const EmEntry* before) override;
   void handleApplied(const KilnAgent::HwOperation& operation, EntryState outcome) override;
+  void handleAnswered(std::uint64_t number) override;
   void handleChange(const IntfIdSystemTcamId& interface) override;
   void handleChange(const std::string& stage) override;
 
@@ -95,7 +103,16 @@ class Watch final : private KilnAgent::StoreObserver,
   [[nodiscard]] bool wasRefused(const EmRequestKey& key) const;
   /// The hardware keys that a request may have had in the window.
   [[nodiscard]] std::set<EmResolvedKey> hwKeysOf(const EmRequestKey& key) const;
-  void mayBeProgrammed(const EmRequestKey& key, const EmEntry& entry);
+  void mayBeProgrammed(const RequestPlace& place, const Request& request);
+  void addProgrammed(const Subject& subject, std::optional<std::uint16_t> domain);
+  void domainRequestChanged(const IntfIdSystemTcamId& interface);
+  /// No other interface has entries under the domain of this key, unless they share it.
+  void checkOwner(const EmResolvedKey& key);
+  void checkStatuses(const Wanted& wanted, const Outcome& expected, const Outcome& found);
+  void checkWaiting(const Outcome& expected);
+  void checkDomains(const Wanted& wanted);
+  /// The requests of the window for this key whose entries its table cannot hold.
+  [[nodiscard]] std::set<Subject> unwritable(const EmResolvedKey& hwKey) const;
   /// A key that only moves is written where it goes before it is removed where it was.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
@@ -103,26 +120,36 @@ class Watch final : private KilnAgent::StoreObserver,
   void expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
                     std::optional<std::uint8_t> result);
   void expectUntouched(const RequestPlace& place, const StatusSeen& was);
-  void checkSilent(const Outcome& found);
   void checkSizes();
-  void beginSilence();
   void say(std::string text);
   void note(std::uint64_t what) { digest_ = (digest_ ^ what) * 0x100000001b3; }
 
+  /// Requests for VLAN domains.
+  struct DomainRequests final : KilnPlatform::KeySubscriber<IntfIdSystemTcamId> {
+    explicit DomainRequests(Watch& watch) : owner(watch) {}
+    void handleChange(const IntfIdSystemTcamId& interface) override { owner.domainRequestChanged(interface); }
+    Watch& owner;
+  };
+
   KilnAgent::EmbeddedAgent& agent_;
+  DomainRequests domainRequests_{*this};
   std::string wrong_;
   std::vector<KilnAgent::Operation> expected_;
   std::uint64_t digest_ = 0xcbf29ce484222325;
   std::uint64_t refusals_ = 0;
 
+  // Of the chip.
+  HardwareLog log_;
+  bool byHand_ = true;           ///< whether interfaces that do not share may have one domain
+  std::set<TableTag> madeRoom_;  ///< tables in which what was refused need not be tried again
+
   // Of the store.
   std::set<RequestPlace> present_;  ///< requests that stand
 
   // Of this server.
-  std::set<RequestPlace> insertedSinceStart_;  ///< requests that came while it was there
-  std::set<RequestPlace> foundStatuses_;       ///< that an earlier server had published
-  std::set<RequestPlace> vanishedStatuses_;    ///< of these, the ones that did not stay
-  std::set<FeatureType> gone_;                 ///< features whose collections went meanwhile
+  std::set<RequestPlace> foundStatuses_;     ///< that an earlier server had published
+  std::set<RequestPlace> vanishedStatuses_;  ///< of these, the ones that did not stay
+  std::set<FeatureType> gone_;               ///< features whose collections went meanwhile
   std::set<Programmed> accepted_;
   std::map<EmResolvedKey, LastWrite> lastWrite_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
@@ -137,11 +164,9 @@ class Watch final : private KilnAgent::StoreObserver,
   Outcome beforeFound_;
   std::set<EmResolvedKey> refused_;  ///< keys of which a write was refused, at the window's begin or in it
   Sizes sizes_;                      ///< of what the server held before it went
-  std::set<TableTag> silent_;        ///< tables that had answered all at the window's begin, and none since
-  std::set<RequestPlace> requestChanges_;
   std::set<RequestPlace> contenders_;
-  std::set<std::pair<EmRequestKey, EmEntry>> requested_;
-  std::set<Programmed> mayBeProgrammed_;
+  std::set<Subject> requested_;
+  std::map<Programmed, std::set<Subject>> mayBeProgrammed_;
   std::set<RequestPlace> statusChanges_;
   std::set<EmResolvedKey> touched_;  ///< under which the chip came to hold something else
 };
