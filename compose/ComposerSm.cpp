@@ -317,10 +317,7 @@ bool ComposerSm::compose(const EmLogicalKey& emKey) {
 }
 
 const EmHwKey* ComposerSm::composedKey(const EmLogicalKey& emKey) const {
-  // A key is composed exactly while its state is past the resolution's. The output itself may still hold a
-  // key whose deletion waits for the end of reconciliation.
-  const State* state = emLogicalKeyState_.find(emKey);
-  return state == nullptr || *state < State::hwPending ? nullptr : swTableKeyConfig_.find(emKey);
+  return swTableKeyConfig_.find(emKey);
 }
 
 const ResolutionState* ComposerSm::resolution(const ResolverKey& resolverKey) const {

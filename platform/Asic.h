@@ -78,7 +78,7 @@ class OrderedSwTable : public SwTableBase {
 };
 
 /// The operations of every table class. Operations on one key take effect in the order issued, whatever the
-/// order of their answers.
+/// order of their answers; an operation has taken effect when it, or a later one on its key, is answered.
 template <class TableKey, class TableEntry>
 class KilnSwTable : public OrderedSwTable {
  public:
@@ -86,12 +86,14 @@ class KilnSwTable : public OrderedSwTable {
   using Entry = TableEntry;
   using Entrys = KilnPlatform::KeyedCollection<TableKey, TableEntry>;
 
-  /// Programs or overwrites the entry. The answer is other than success where the table refuses it; the table
-  /// then holds no entry under the key.
+  /// Programs or overwrites the entry. The answer is other than success if the table refuses it; the table
+  /// then holds no entry under the key. The server writes a refused entry again when a removal has been
+  /// answered, and once when reconciliation has completed.
   virtual void entryWriteWithResponseHandler(const TableKey& key, const TableEntry& entry,
                                              const Ref<const DependencyEntryHandle>& dependency,
                                              ResponseHandler handler) = 0;
-  /// Removes the entry. The removal of an absent entry is answered with success.
+  /// Removes the entry. The answer is always success, also for an absent entry: a table may delay a removal,
+  /// but never refuse it. The process ends with a failed assertion if it does.
   virtual void entryRemoveWithResponseHandler(const TableKey& key,
                                               const Ref<const DependencyEntryHandle>& dependency,
                                               ResponseHandler handler) = 0;
@@ -158,7 +160,8 @@ class ChangeSubscriber {
 class OrderedTableStatus {
  public:
   virtual ~OrderedTableStatus() = default;
-  /// Whether writes have not reached the hardware yet.
+  /// Whether operations have not reached the hardware yet, or have not been answered: the last refusal is to
+  /// be known before reconciliation completes.
   [[nodiscard]] virtual bool pendingHwWrites() const = 0;
   /// Subscribers are told of each change of the flag; they must stay alive until removed.
   virtual void subscribe(ChangeSubscriber& subscriber) const = 0;

@@ -134,9 +134,9 @@ class EmSwTableWriterSm : public Stage,
   Versions keyLatestDeleteVersion_;
   WrittenKeys writtenKeys_;
   Ref<EmWrittenKeys> emWrittenKeys_;
-  OperationNumber operations_ = 0;
-  std::uint32_t answers_ = 0;     ///< that took effect on a status
-  std::uint32_t departures_ = 0;  ///< answered removals, and the end of reconciliation
+  OperationNumber operations_ = kFirstArrival;
+  std::uint32_t answers_ = kFirstArrival;  ///< that took effect on a status
+  std::uint32_t departures_ = 0;           ///< answered removals, and the end of reconciliation
   std::optional<RefusedKeys> refusedKeys_;
   mutable std::vector<Asic::ChangeSubscriber*> operationSubscribers_;
 };

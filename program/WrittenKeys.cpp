@@ -17,7 +17,7 @@ WrittenKeys::WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys)
 void WrittenKeys::written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation) {
   if (emWrittenKeys_ == nullptr) return;
   Owners& owners = owners_.obtain(hwKey);
-  Owner* known = find(owners, KeySpace<EmLogicalKey>::instance().find(emLogicalKey));
+  Owner* known = find(owners, emLogicalKey);
   if (known != nullptr) {
     known->last = operation;
   } else {
@@ -25,13 +25,11 @@ void WrittenKeys::written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey
   }
 }
 
-WrittenKeys::Owner* WrittenKeys::find(Owners& owners, Handle emLogicalKey) {
-  if (emLogicalKey == KeySpace<EmLogicalKey>::kNone) return nullptr;
-  if (owners.first.emLogicalKey.handle() == emLogicalKey) return &owners.first;
+WrittenKeys::Owner* WrittenKeys::find(Owners& owners, const EmLogicalKey& emLogicalKey) {
+  if (owners.first.emLogicalKey.is(emLogicalKey)) return &owners.first;
   if (owners.others == nullptr) return nullptr;
-  const auto at = std::find_if(owners.others->begin(), owners.others->end(), [&](const Owner& owner) {
-    return owner.emLogicalKey.handle() == emLogicalKey;
-  });
+  const auto at = std::find_if(owners.others->begin(), owners.others->end(),
+                               [&](const Owner& owner) { return owner.emLogicalKey.is(emLogicalKey); });
   return at == owners.others->end() ? nullptr : &*at;
 }
 

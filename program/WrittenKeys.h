@@ -31,7 +31,6 @@ class WrittenKeys final : public LocalState {
   void clear() override { owners_.clear(); }
 
  private:
-  using Handle = KeySpace<EmLogicalKey>::Handle;
   /// A logical key whose entry is, or may be, stored under a hardware key.
   struct Owner {
     KeyHold<EmLogicalKey> emLogicalKey;
@@ -43,7 +42,7 @@ class WrittenKeys final : public LocalState {
     std::unique_ptr<std::vector<Owner>> others;
   };
 
-  [[nodiscard]] static Owner* find(Owners& owners, Handle emLogicalKey);
+  [[nodiscard]] static Owner* find(Owners& owners, const EmLogicalKey& emLogicalKey);
   void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
   void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);
   void count(const EmLogicalKey& emLogicalKey, bool more);

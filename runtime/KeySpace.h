@@ -383,7 +383,7 @@ class KeyHold {
   }
 
   explicit operator bool() const { return handle_ != KeySpace<K>::kNone; }
-  [[nodiscard]] Handle handle() const { return handle_; }
+  [[nodiscard]] bool is(const K& key) const { return *this && KeySpace<K>::instance().find(key) == handle_; }
   /// The key; there must be one.
   [[nodiscard]] const K& key() const { return KeySpace<K>::instance().key(handle_); }
 

@@ -17,6 +17,8 @@ namespace KilnEmServer {
 
 /// A moment: the low bits of a count that only grows. Moments that are compared lie less than 2^31 apart.
 using Arrival = std::uint32_t;
+/// Where counts of moments begin: shortly before they wrap around, so that every run of some length does.
+inline constexpr Arrival kFirstArrival = ~Arrival{0} - 100;
 /// Whether `a` came before `b`.
 inline bool isBefore(Arrival a, Arrival b) {
   return static_cast<std::int32_t>(a - b) < 0;

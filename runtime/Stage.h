@@ -496,7 +496,7 @@ class Stage {
   int childNumber_ = 0;
   int pipelineNumber_ = 0;
   bool reapRequested_ = false;
-  Arrival arrivals_ = 0;
+  Arrival arrivals_ = kFirstArrival;
   std::uint64_t coalescedChanges_ = 0;
   std::vector<InputBase*> inputs_;
   std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had

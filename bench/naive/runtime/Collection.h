@@ -34,6 +34,10 @@ class SubscriberList {
   void notify(const K& key) const {
     for (const auto& [subscriber, handle] : told_) handle(key);
   }
+  [[nodiscard]] bool changeWaits(const K& key) const {
+    return std::any_of(told_.begin(), told_.end(),
+                       [&](const auto& told) { return told.first->changeWaits(key); });
+  }
   void forgetAll() { told_.clear(); }
 
  private:
@@ -58,6 +62,11 @@ class NaiveCollection final : public KeyedCollection<K, V> {
     subscribers_.notify(K(key));
     return true;
   }
+  void isAgain(const K& key, const V& value) {
+    if (is(key, value)) return;
+    entries_.find(key)->second = value;
+    subscribers_.notify(K(key));
+  }
   bool del(const K& key) override {
     const K deleted = key;
     if (entries_.erase(key) == 0) return false;
@@ -77,6 +86,7 @@ class NaiveCollection final : public KeyedCollection<K, V> {
   }
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:

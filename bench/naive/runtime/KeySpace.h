@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "runtime/KeyFollower.h"
 
@@ -35,6 +36,19 @@ class KeyUse {
 
  private:
   K key_;
+};
+
+template <class K>
+class KeyHold {
+ public:
+  KeyHold() = default;
+  explicit KeyHold(const K& key) : key_(key) {}
+  explicit operator bool() const { return key_.has_value(); }
+  [[nodiscard]] bool is(const K& key) const { return key_ == key; }
+  [[nodiscard]] const K& key() const { return *key_; }
+
+ private:
+  std::optional<K> key_;
 };
 
 }  // namespace KilnEmServer

@@ -13,6 +13,7 @@
 namespace KilnEmServer {
 
 using Arrival = std::uint32_t;
+inline constexpr Arrival kFirstArrival = 0;
 inline bool isBefore(Arrival a, Arrival b) {
   return static_cast<std::int32_t>(a - b) < 0;
 }
@@ -27,6 +28,7 @@ class PendingKeys {
   }
   [[nodiscard]] bool empty() const { return queue_.empty(); }
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
+  [[nodiscard]] bool has(const K& key) const { return standing_.contains(key); }
   [[nodiscard]] Arrival headArrival() const { return queue_.front().second; }
   [[nodiscard]] KeyUse<K> take() { return KeyUse<K>(pop()); }
   K pop() {
