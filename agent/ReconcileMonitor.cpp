@@ -1,7 +1,9 @@
 #include "agent/ReconcileMonitor.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "agent/JsonValue.h"
 #include "compose/EmUtils.h"
@@ -287,27 +289,53 @@ std::optional<ReconcileReport> ReconcileMonitor::report(const KilnEmServerSm& se
 }
 
 ReconcileReport ReconcileMonitor::makeReport(const KilnEmServerSm& server) const {
-  ReconcileReport report;
-  report.restart = restarts_;
-  report.stages = server.reconcileProgress();
-  report.tables = tablesBefore_;
+  Judgement judgement(*this, server);
+  while (judgement.step(std::numeric_limits<std::size_t>::max())) {
+  }
+  return std::move(judgement.report());
+}
+
+ReconcileMonitor::Judgement::Judgement(const ReconcileMonitor& monitor, const KilnEmServerSm& server)
+    : monitor_(monitor), endedCount_(monitor.endedCount_) {
+  report_.restart = monitor.restarts_;
+  report_.stages = server.reconcileProgress();
+  report_.tables = monitor.tablesBefore_;
   std::size_t number = 0;
-  chip_.forEachTable([&](const SoftTable& table) {
-    TableReconcile& row = report.tables[number++];
-    report.heldAnswers += table.held();
+  monitor.chip_.forEachTable([&](const SoftTable& table) {
+    TableReconcile& row = report_.tables[number++];
+    report_.heldAnswers += table.held();
     row.calls = {table.operations().writes - row.calls.writes,
                  table.operations().removals - row.calls.removals};
     row.hardware = {table.counters().written - row.hardware.written,
                     table.counters().removed - row.hardware.removed,
                     table.counters().unchanged - row.hardware.unchanged};
   });
-  report.statusesFound = statusesFound_;
-  report.statusesChanged = statusesChanged_;
-  report.statusesDeleted = statusesDeleted_;
-  judgeEntries(report);
-  judgeStatuses(report);
-  judgeDomainRequests(report);
-  return report;
+  report_.statusesFound = monitor.statusesFound_;
+  report_.statusesChanged = monitor.statusesChanged_;
+  report_.statusesDeleted = monitor.statusesDeleted_;
+}
+
+bool ReconcileMonitor::Judgement::outdated() const {
+  return monitor_.endedCount_ != endedCount_ || monitor_.restarts_ != report_.restart;
+}
+
+/// Goes on after the last key, whatever was touched in the meantime. Returns whether `items` are used up.
+template <class Map, class Judge>
+bool ReconcileMonitor::Judgement::walk(const Map& touched, std::optional<typename Map::key_type>& last,
+                                       std::size_t& items, Judge&& judge) {
+  for (auto at = last ? touched.upper_bound(*last) : touched.begin(); at != touched.end(); ++at) {
+    if (items-- == 0) return true;
+    judge(at->first, at->second);
+    last = at->first;
+  }
+  return false;
+}
+
+bool ReconcileMonitor::Judgement::step(std::size_t items) {
+  const auto judge = [this](const auto& key, const auto& before) { monitor_.judge(report_, key, before); };
+  return walk(monitor_.touchedEntries_, entry_, items, judge) ||
+         walk(monitor_.touchedStatuses_, status_, items, judge) ||
+         walk(monitor_.touchedDomainRequests_, domainRequest_, items, judge);
 }
 
 bool ReconcileMonitor::hasSay(const EmResolvedKey& key) const {
@@ -315,16 +343,15 @@ bool ReconcileMonitor::hasSay(const EmResolvedKey& key) const {
   return touchedKeys_.contains(key) || (domain && touchedDomains_.contains(*domain));
 }
 
-void ReconcileMonitor::judgeEntries(ReconcileReport& report) const {
-  for (const auto& [key, touched] : touchedEntries_) {
-    if (!touched.before || hasSay(key) || chip_.table(key.tag()).find(key) != touched.before) continue;
-    report.tables[static_cast<std::size_t>(key.tag()) - 1].needless += touched.operations;
-    addDisturbed(report, [&entryKey = key, &entry = touched] {
-      return fmt::format(
-          "table entry {} was the same before and after, but the hardware was written {} times in between",
-          entryKey, entry.operations);
-    });
-  }
+void ReconcileMonitor::judge(ReconcileReport& report, const EmResolvedKey& key,
+                             const TouchedEntry& touched) const {
+  if (!touched.before || hasSay(key) || chip_.table(key.tag()).find(key) != touched.before) return;
+  report.tables[static_cast<std::size_t>(key.tag()) - 1].needless += touched.operations;
+  addDisturbed(report, [&] {
+    return fmt::format(
+        "table entry {} was the same before and after, but the hardware was written {} times in between", key,
+        touched.operations);
+  });
 }
 
 /// The published status of a request that it answers finally.
@@ -345,30 +372,27 @@ std::optional<StatusRecord> ReconcileMonitor::settledStatus(const RecordKey& rec
   });
 }
 
-void ReconcileMonitor::judgeStatuses(ReconcileReport& report) const {
-  for (const auto& [recordKey, before] : touchedStatuses_) {
-    if (!before || touchedRequests_.contains(recordKey) || settledStatus(recordKey) != before) continue;
-    const EmLogicalKey& key = std::get<EmLogicalKey>(recordKey);
-    const auto interface = interfaceOf(key.emComposerKey);
-    if (interface && touchedAllotments_.contains(*interface)) continue;
-    const auto domain = interface ? allotted_.status().get(*interface) : std::nullopt;
-    const auto tableKey = tableKeyOf(key, domain);
-    if (tableKey && hasSay(*tableKey)) continue;
-    addDisturbed(report, [&, &status = before->status, database = std::get<EmType>(recordKey)] {
-      return fmt::format("status {} of {} {} {} was the same before and after, but changed in between",
-                         status, key.featureType, database,
-                         keyToJson(key, &EmLogicalKey::emComposerKey).dump());
-    });
-  }
+void ReconcileMonitor::judge(ReconcileReport& report, const RecordKey& recordKey,
+                             const std::optional<StatusRecord>& before) const {
+  if (!before || touchedRequests_.contains(recordKey) || settledStatus(recordKey) != before) return;
+  const EmLogicalKey& key = std::get<EmLogicalKey>(recordKey);
+  const auto interface = interfaceOf(key.emComposerKey);
+  if (interface && touchedAllotments_.contains(*interface)) return;
+  const auto domain = interface ? allotted_.status().get(*interface) : std::nullopt;
+  const auto tableKey = tableKeyOf(key, domain);
+  if (tableKey && hasSay(*tableKey)) return;
+  addDisturbed(report, [&] {
+    return fmt::format("status {} of {} {} {} was the same before and after, but changed in between",
+                       before->status, key.featureType, std::get<EmType>(recordKey),
+                       keyToJson(key, &EmLogicalKey::emComposerKey).dump());
+  });
 }
 
-void ReconcileMonitor::judgeDomainRequests(ReconcileReport& report) const {
-  for (const auto& [interface, before] : touchedDomainRequests_) {
-    if (!before || touchedInterfaces_.contains(interface) || !asked_.config().has(interface)) continue;
-    addDisturbed(report, [&asked = interface] {
-      return fmt::format("the request for a VLAN domain of {} was withdrawn and made again", asked);
-    });
-  }
+void ReconcileMonitor::judge(ReconcileReport& report, const Interface& interface, bool before) const {
+  if (!before || touchedInterfaces_.contains(interface) || !asked_.config().has(interface)) return;
+  addDisturbed(report, [&] {
+    return fmt::format("the request for a VLAN domain of {} was withdrawn and made again", interface);
+  });
 }
 
 }  // namespace KilnAgent

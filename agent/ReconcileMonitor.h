@@ -82,7 +82,33 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   void quiet(const KilnEmServer::KilnEmServerSm& server);
   [[nodiscard]] bool restarting() const { return restarting_; }
 
-  /// The restart that goes on or, where none does, the last one; none before the first.
+  /// Judges the restart that goes on in steps, while the agent may go on in between.
+  class Judgement {
+   public:
+    /// A restart must be going on. Both references must outlive it.
+    Judgement(const ReconcileMonitor& monitor, const KilnEmServer::KilnEmServerSm& server);
+    /// Judges up to `items` of what was touched. Returns whether there is more.
+    bool step(std::size_t items);
+    /// Complete when there is no more.
+    [[nodiscard]] ReconcileReport& report() { return report_; }
+    /// Whether the restart has ended, or another one has begun.
+    [[nodiscard]] bool outdated() const;
+
+   private:
+    template <class Map, class Judge>
+    static bool walk(const Map& touched, std::optional<typename Map::key_type>& last, std::size_t& items,
+                     Judge&& judge);
+
+    const ReconcileMonitor& monitor_;
+    ReconcileReport report_;
+    std::uint64_t endedCount_;
+    // What was judged last.
+    std::optional<KilnEmServer::EmResolvedKey> entry_;
+    std::optional<std::tuple<KilnEmServer::EmType, KilnEmServer::EmLogicalKey>> status_;
+    std::optional<KilnTunnelNiLib::IntfIdSystemTcamId> domainRequest_;
+  };
+
+  /// The restart that goes on or, if there is none, the last one; none before the first.
   [[nodiscard]] std::optional<ReconcileReport> report(const KilnEmServer::KilnEmServerSm& server) const;
   /// The restart that ended last, and how many have.
   [[nodiscard]] const std::optional<ReconcileReport>& ended() const { return ended_; }
@@ -116,9 +142,11 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
                      const std::optional<StatusRecord>& before, bool deleted);
 
   [[nodiscard]] ReconcileReport makeReport(const KilnEmServer::KilnEmServerSm& server) const;
-  void judgeEntries(ReconcileReport& report) const;
-  void judgeStatuses(ReconcileReport& report) const;
-  void judgeDomainRequests(ReconcileReport& report) const;
+  void judge(ReconcileReport& report, const KilnEmServer::EmResolvedKey& key,
+             const TouchedEntry& touched) const;
+  void judge(ReconcileReport& report, const RecordKey& recordKey,
+             const std::optional<StatusRecord>& before) const;
+  void judge(ReconcileReport& report, const Interface& interface, bool before) const;
   [[nodiscard]] std::optional<StatusRecord> settledStatus(const RecordKey& key) const;
   [[nodiscard]] bool hasSay(const KilnEmServer::EmResolvedKey& key) const;
   /// Calls `row()` for the words only if they are shown.

@@ -90,6 +90,54 @@ FileDescriptor stopSignals() {
   return FileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+/// What a step of a long answer judges or withdraws.
+constexpr int kItemsPerPiece = 64;
+
+/// The report on the latest restart; one that goes on is judged in steps.
+class ReconcileSource final : public TextSource {
+ public:
+  explicit ReconcileSource(const EmbeddedAgent& agent) : agent_(agent) {}
+  bool next(std::string& out) override {
+    const ReconcileMonitor& monitor = agent_.reconcileMonitor();
+    if (!monitor.restarting()) {
+      out += monitor.ended() ? reconcileJson(*monitor.ended()).dump() : "null";
+      return false;
+    }
+    if (!judgement_ || judgement_->outdated()) judgement_.emplace(monitor, agent_.server());
+    if (judgement_->step(kItemsPerPiece)) return true;
+    out += reconcileJson(judgement_->report()).dump();
+    return false;
+  }
+
+ private:
+  const EmbeddedAgent& agent_;
+  std::optional<ReconcileMonitor::Judgement> judgement_;
+};
+
+/// Withdraws a feature's requests of a database, some per piece; its text is the begin of the answer.
+template <class Db>
+class WithdrawAll final : public TextSource {
+ public:
+  WithdrawAll(MemoryStateStore& store, KilnEmServer::FeatureType feature)
+      : store_(store), feature_(feature), requests_(store.requests<Db>(feature)) {}
+  bool next(std::string& out) override {
+    for (int item = 0; item < kItemsPerPiece && requests_ != nullptr; ++item) {
+      const auto* key = requests_->config().scanNext(cursor_);
+      if (key == nullptr) break;
+      store_.requestDel<Db>(feature_, typename Db::EntryKey(*key));
+      if (item + 1 == kItemsPerPiece) return true;
+    }
+    out += R"({"durable":true)";
+    return false;
+  }
+
+ private:
+  MemoryStateStore& store_;
+  KilnEmServer::FeatureType feature_;
+  Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests_;  ///< of the feature that there was at first
+  KilnPlatform::ScanCursor<typename Db::EntryKey> cursor_;
+};
+
 AgentOptions withSlices(AgentOptions options) {
   options.sliceBudget = kSliceBudget;
   return options;
@@ -250,6 +298,13 @@ void Service::takeLine(Client& client, const LineConnection::Line& line) {
 
 void Service::takeOperation(Client& client, std::uint64_t line, Operation operation) {
   refuseLoss(operation);
+  if (const auto* withdraw = std::get_if<WithdrawAllOperation>(&operation)) {
+    client.longAnswer.emplace(
+        line, withDatabase(withdraw->database, [&]<class Db>() -> std::unique_ptr<TextSource> {
+          return std::make_unique<WithdrawAll<Db>>(agent_.store(), withdraw->feature);
+        }));
+    return;
+  }
   if (!needsIdleAgent(operation)) return answer(client, line, execute(operation));
   constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
   const auto* run = std::get_if<RunOperation>(&operation);
@@ -278,7 +333,6 @@ void Service::answer(Client& client, std::uint64_t line, Json answer) {
 }
 
 void Service::continueLongAnswer(Client& client) {
-  if (client.connection.closed()) return client.longAnswer.reset();
   if (client.longAnswer->content->next(client.uncommitted)) return;
   client.uncommitted += fmt::format(",\"line\":{},\"ok\":true}}\n", client.longAnswer->line);
   client.longAnswer.reset();
@@ -358,14 +412,8 @@ Json Service::aboutAgent() const {
 }
 
 void Service::addQueries() {
-  const auto addShort = [this](const char* name, auto content) {
-    queries_.queryIs(name, [content] { return std::make_unique<ReadyText>(content().dump()); });
-  };
-  addShort("agent", [this] { return aboutAgent(); });
-  addShort("reconcile", [this]() -> Json {
-    const auto report = agent_.reconcileMonitor().report(agent_.server());
-    return report ? reconcileJson(*report) : nullptr;
-  });
+  queries_.queryIs("agent", [this] { return std::make_unique<ReadyText>(aboutAgent().dump()); });
+  queries_.queryIs("reconcile", [this] { return std::make_unique<ReconcileSource>(agent_); });
   queries_.queryIs("dump", [this] { return dumpInPieces(agent_); });
   queries_.queryIs("capacity", [this] { return capacityInPieces(agent_, capacity_); });
 }
