@@ -51,7 +51,8 @@ class Service {
     Operation operation;
     std::uint64_t endSlice;  ///< when so many slices have run, it waits no longer
   };
-  /// An answer that is made piece by piece, with the work that it is about; `line` and `ok` follow its content.
+  /// An answer that is made piece by piece, with the work that it is about; `line` and `ok` follow its
+  /// content.
   struct LongAnswer {
     std::uint64_t line;
     std::unique_ptr<TextSource> content;
