@@ -62,7 +62,8 @@ class Run {
     verdict.wrong = wrong_;
     verdict.expected = std::move(expected_);
     for (Operation& untouched : watch_.takeExpected()) verdict.expected.push_back(std::move(untouched));
-    verdict.digest = watch_.digest();
+    verdict.digests = std::move(digests_);
+    verdict.digests.push_back(watch_.digest());
   }
   [[nodiscard]] bool failed() const { return !wrong_.empty(); }
 
@@ -133,6 +134,7 @@ class Run {
 
   void judge() {
     ++tally_.quiet;
+    digests_.push_back(watch_.digest());
     Wanted wanted = wantedOf(agent_);
     wanted.refused = [this](const EmResolvedKey& key, const EmEntry& entry) {
       return watch_.refused(key, entry);
@@ -283,6 +285,7 @@ class Run {
   std::set<std::string> stageNames_;  ///< of the stage map, which is the same for every server
   std::string wrong_;
   std::vector<Operation> expected_;
+  std::vector<std::uint64_t> digests_;
 };
 
 }  // namespace

@@ -27,10 +27,11 @@ struct Tally {
 
 /// How a run ended.
 struct Verdict {
-  std::string wrong;              ///< what did not hold, empty where all did
-  std::size_t at = 0;             ///< the operation after which it did not
-  std::size_t step = 0;           ///< the same, counted in steps
-  std::uint64_t digest = 0;       ///< of all that was seen from outside, in its order
+  std::string wrong;     ///< what did not hold, empty where all did
+  std::size_t at = 0;    ///< the operation after which it did not
+  std::size_t step = 0;  ///< the same, counted in steps
+  std::vector<std::uint64_t>
+      digests;                    ///< of all that was seen from outside, at each quiet moment and the end
   std::vector<std::size_t> idle;  ///< operations that the agent's state did not allow, and that did nothing
   std::vector<KilnAgent::Operation> expected;  ///< what statuses and tables were to hold and did not
 };

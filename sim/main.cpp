@@ -29,8 +29,9 @@ namespace {
 
 constexpr std::size_t kMostJobs = 64;
 constexpr std::size_t kMostMarks = 128;
-/// One seed in so many is run a second time and must do the same; one in so many counts the marks.
-constexpr std::uint64_t kTwiceEvery = 16;
+/// One seed in so many is run a second time, traced if the first run was not and not traced if it was, and
+/// must do the same; one in so many counts the marks.
+constexpr std::uint64_t kTwiceEvery = 8;
 constexpr std::uint64_t kMarksEvery = 1;
 
 struct Arguments {
@@ -156,12 +157,7 @@ class Campaign {
     const bool marked = !marks_.empty() && (index % kMarksEvery == 0 || !task.file.empty());
     Verdict verdict = KilnSim::run(plan, tally, marked ? &marks : nullptr,
                                    [&](std::size_t at) { worker.at.store(at, std::memory_order_relaxed); });
-    if (verdict.wrong.empty() && index % kTwiceEvery == 0) {
-      Tally again;
-      if (KilnSim::run(plan, again, nullptr).digest != verdict.digest || again.tasks != tally.tasks) {
-        verdict.wrong = "a second run of the same did otherwise\n";
-      }
-    }
+    if (verdict.wrong.empty() && index % kTwiceEvery == 0) compareTraced(plan, tally, !marked, verdict);
     if (!verdict.wrong.empty()) {
       ++shared_.failures;
       tellFailure(task, verdict.step, verdict.wrong);
@@ -173,6 +169,18 @@ class Campaign {
     shared_.quiet += tally.quiet;
     shared_.restarts += tally.restarts;
     shared_.faults += tally.faults;
+  }
+
+  /// Tracing only observes.
+  static void compareTraced(const Plan& plan, const Tally& tally, bool traced, Verdict& verdict) {
+    Tally again;
+    Marks marks;
+    const Verdict second = KilnSim::run(plan, again, traced ? &marks : nullptr);
+    if (second.digests == verdict.digests && again.tasks == tally.tasks) return;
+    const auto [first, other] = std::mismatch(verdict.digests.begin(), verdict.digests.end(),
+                                              second.digests.begin(), second.digests.end());
+    verdict.wrong = fmt::format("traced and untraced runs differ, from quiet moment {} of {} on\n",
+                                first - verdict.digests.begin() + 1, verdict.digests.size());
   }
 
   /// A worker ended by a failed assertion or a fault, about which it said what it could.
