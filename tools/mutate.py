@@ -113,6 +113,7 @@ def main():
     parser.add_argument("--steps", type=int, default=500)
     parser.add_argument("--timeout", type=int, default=300, help="seconds for one fault")
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--preset", default="release", help="of the build")
     parser.add_argument("--only", type=int, nargs="*", help="numbers of faults")
     parser.add_argument("--tests", action="store_true", help="also run kiln-tests")
     parser.add_argument("--minimize", action="store_true", help="also run what kiln-sim makes of the seed in kiln-agent")
@@ -129,12 +130,12 @@ def main():
     os.chdir(root)  # where scenarios find their chip
     texts["platform/Assert.h"] = (root / "platform/Assert.h").read_text() + SWITCH
     copy_tree(root, scratch, texts)
-    subprocess.run(["cmake", "--preset", "release", "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
+    subprocess.run(["cmake", "--preset", options.preset, "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
     targets = ["kiln-sim"] + ["kiln-tests"] * options.tests + ["kiln-agent"] * options.minimize
-    subprocess.run(["cmake", "--build", "--preset", "release", "--target", *targets], cwd=scratch, check=True,
+    subprocess.run(["cmake", "--build", "--preset", options.preset, "--target", *targets], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
-    binaries = scratch / "build/release/bin"
+    binaries = scratch / f"build/{options.preset}/bin"
     survivors = 0
     print("| | Planted | Simulation, at seed | Tests | Minimized |\n|---|---|---|---|---|", flush=True)
     for number, mutation in enumerate(mutations, 1):
