@@ -111,11 +111,6 @@ void SoftTable::runAnswers() {
   task_.scheduleTask();
 }
 
-void SoftTable::appliesIs(Applies applies) {
-  applies_ = applies;
-  if (applies == Applies::issued) applyIssued();
-}
-
 void SoftTable::answerModeIs(AnswerMode mode) {
   mode_ = mode;
   if (mode != AnswerMode::hold) answer(Order::fifo, held_.size());

@@ -148,11 +148,12 @@ class SoftTable {
   [[nodiscard]] std::size_t held() const { return held_.size(); }
   /// Whether operations are answered within the call that issues them, unless they are held.
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
-  /// Of the operations that follow. Going to `issued` applies every operation.
-  void appliesIs(Applies applies);
-  [[nodiscard]] Applies applies() const { return applies_; }
+  /// Of the operations that follow. One that finds an earlier one of its key without effect waits with it.
+  void appliesIs(Applies applies) { applies_ = applies; }
   /// Applies the operations that were issued and have no effect yet, in their order.
   virtual void applyIssued() = 0;
+  /// Whether there are such operations.
+  [[nodiscard]] virtual bool hasUnapplied() const = 0;
 
   /// Entries that the table holds.
   [[nodiscard]] virtual std::size_t fill() const = 0;
@@ -262,6 +263,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
                                       ResponseHandler handler) override {
     issue(key, nullptr, std::move(handler));
   }
+  [[nodiscard]] bool hasUnapplied() const override { return !latest_.empty(); }
   void applyIssued() override {
     for (auto& [number, operation] : late_) applyLate(number, operation);
     latest_.clear();
@@ -299,7 +301,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
     const std::uint64_t number = beginOperation(entry != nullptr);
     notify(number, key, entry,
            [](TableWatcher& watcher, const HwOperation& operation) { watcher.handleIssued(operation); });
-    if (appliesLater()) {
+    if (appliesLater() || latest_.contains(key)) {
       std::uint64_t& latest = latest_[key];
       late_.emplace(number, Late{key, entry == nullptr ? std::nullopt : std::optional(*entry), refusing(),
                                  std::exchange(latest, number), std::nullopt});

@@ -23,16 +23,16 @@ HardwareLog::Interfaces interfacesOf(const std::set<Subject>& subjects) {
 
 // --- The log -----------------------------------------------------------------------------------------------
 
-void HardwareLog::issued(const KilnAgent::HwOperation& operation, const std::set<Subject>& subjects) {
+void HardwareLog::issued(const KilnAgent::HwOperation& operation, const std::set<Subject>& subjects,
+                         bool present) {
   Key& key = keys_[operation.key];
   Operation logged;
   logged.write = operation.entry != nullptr;
   logged.subjects = subjects;
   if (logged.write) {
     logged.interfaces = interfacesOf(subjects);
-  } else {
-    logged.interfaces = key.unanswered.empty() ? key.owners : key.unanswered.rbegin()->second.interfaces;
   }
+  if (key.unanswered.empty() && !present) key.answeredOwners.clear();
   (logged.write ? key.latestWrite : key.latestRemoval) = operation.number;
   key.latest = operation.number;
   key.latestOperation = logged;
@@ -69,7 +69,10 @@ void HardwareLog::answered(std::uint64_t number, bool settledInputs) {
     if (mayCount) key.possible.insert(Recorded{subject, operation.refused || !operation.write});
   }
   touched_.insert(place->second);
-  key.latestAnswered = std::max(key.latestAnswered, number);
+  if (number > key.latestAnswered) {
+    key.latestAnswered = number;
+    key.answeredOwners = operation.write && !operation.refused ? operation.interfaces : Interfaces();
+  }
   key.unanswered.erase(number);
   keyOf_.erase(place);
 }
@@ -80,7 +83,7 @@ void HardwareLog::serverEnded() {
   for (auto& [hwKey, key] : keys_) {
     const Interfaces owners = std::move(key.owners);
     key = {};
-    key.owners = owners;
+    key.owners = key.answeredOwners = owners;
   }
 }
 
@@ -109,7 +112,7 @@ void HardwareLog::settleKey(const EmResolvedKey& hwKey, Key& key,
     // A removal answers an entry that the table cannot hold.
     const bool refused = key.latestOperation.refused || !key.latestOperation.write;
     key.possible = {Recorded{winner->second, refused}};
-    if (!refused) key.owners = interfacesOf({winner->second});
+    if (!refused) key.owners = key.answeredOwners = interfacesOf({winner->second});
   }
 }
 
@@ -179,9 +182,10 @@ std::string HardwareLog::inUse(const IntfIdSystemTcamId& interface, const KilnAg
       return fmt::format("its table has {}", hwKey);
     }
     for (const auto& [number, operation] : key.unanswered) {
-      if (operation.interfaces == own && number > key.latestAnswered) {
-        return fmt::format("a {} of {} is unanswered", operation.write ? "write" : "removal", hwKey);
-      }
+      if (number < key.latestAnswered) continue;
+      if (operation.write && operation.interfaces == own)
+        return fmt::format("a write of {} is unanswered", hwKey);
+      if (key.answeredOwners == own) return fmt::format("the end of {} is unanswered", hwKey);
     }
   }
   return "";

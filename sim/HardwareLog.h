@@ -24,8 +24,8 @@ class HardwareLog {
   using Interfaces = std::set<IntfIdSystemTcamId>;
 
   /// `subjects` are the requests for which a write may be, or a removal because the table cannot hold their
-  /// entries.
-  void issued(const KilnAgent::HwOperation& operation, const std::set<Subject>& subjects);
+  /// entries. `present`: the table has an entry under the key.
+  void issued(const KilnAgent::HwOperation& operation, const std::set<Subject>& subjects, bool present);
   void applied(const KilnAgent::HwOperation& operation, EntryState outcome);
   /// `settledInputs`: nothing has changed from outside since the last settled moment.
   void answered(std::uint64_t number, bool settledInputs);
@@ -57,7 +57,7 @@ class HardwareLog {
   struct Operation {
     bool write = false;
     std::set<Subject> subjects;
-    Interfaces interfaces;  ///< of the entry that is written or removed
+    Interfaces interfaces;  ///< of the entry that is written
     bool refused = false;
   };
   /// An accepted answer to a write.
@@ -75,6 +75,7 @@ class HardwareLog {
     Operation latestOperation;
     std::set<std::optional<Recorded>> possible = {std::nullopt};  ///< what is recorded, one of these
     Interfaces owners;                                            ///< of the entry in the table
+    Interfaces answeredOwners;                                    ///< the same by what was answered
   };
   /// What a request's status may be by the tables' answers.
   struct Options {

@@ -316,15 +316,17 @@ bool Watch::wasRefused(const EmRequestKey& key) const {
 void Watch::handleIssued(const KilnAgent::HwOperation& operation) {
   const EmResolvedKey& key = operation.key;
   note(hashOf(key) + static_cast<std::uint64_t>(operation.entry == nullptr));
+  const bool present = agent_.chip().table(key.tag()).find(key).has_value();
   if (operation.entry == nullptr) {
-    log_.issued(operation, unwritable(key));
+    log_.issued(operation, unwritable(key), present);
     checkMoved(key);
     lastWrite_.erase(key);
     return;
   }
   lastWrite_[key] = {operation.number, *operation.entry, false};
   const auto subjects = mayBeProgrammed_.find({key, *operation.entry});
-  log_.issued(operation, subjects == mayBeProgrammed_.end() ? std::set<Subject>() : subjects->second);
+  log_.issued(operation, subjects == mayBeProgrammed_.end() ? std::set<Subject>() : subjects->second,
+              present);
   if (subjects == mayBeProgrammed_.end()) {
     say(fmt::format("{} is programmed with {}, which nobody requested", key, *operation.entry));
   }
