@@ -86,7 +86,7 @@ class HardwareLog {
   void settleKey(const EmResolvedKey& hwKey, Key& key, const std::map<EmResolvedKey, Subject>& winners);
   [[nodiscard]] std::map<RequestPlace, Options> options(
       const std::map<EmResolvedKey, Subject>& winners) const;
-  /// What may be published for a request; empty if an earlier answer may still stand.
+  /// What may be published for a request; empty if what was published before may stay.
   [[nodiscard]] static std::vector<StatusSeen> allowed(const Request& request, const Options& options,
                                                        const StatusSeen& decided, bool wins);
 

@@ -328,7 +328,7 @@ void Watch::handleIssued(const KilnAgent::HwOperation& operation) {
   log_.issued(operation, subjects == mayBeProgrammed_.end() ? std::set<Subject>() : subjects->second,
               present);
   if (subjects == mayBeProgrammed_.end()) {
-    say(fmt::format("{} is programmed with {}, which nobody requested", key, *operation.entry));
+    say(fmt::format("{} is programmed with {}, which is not requested", key, *operation.entry));
   }
 }
 
@@ -446,7 +446,7 @@ void Watch::checkStatuses(const Wanted& wanted, const Outcome& expected, const O
   }
 }
 
-/// A removal makes room for what waits longest; other room is found by nobody.
+/// A removal makes room for the entry that waits longest. Room made in another way is not looked for.
 void Watch::checkWaiting(const Outcome& expected) {
   if (agent_.chip().status()->pendingHwWrites()) return;
   std::set<TableTag> waiting;
