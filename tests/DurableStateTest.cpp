@@ -264,10 +264,10 @@ TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
   std::filesystem::create_directory(directory / "linked");
   ASSERT_EQ("no error", openAt(directory / "linked"));
   for (const char* file : {"store", "chip/isemMpls", "kiln-state"}) {
-    std::filesystem::rename(directory / "linked" / file, directory / "elsewhere");
-    std::filesystem::create_symlink(directory / "elsewhere", directory / "linked" / file);
+    std::filesystem::rename(directory / ("linked/" + std::string(file)), directory / "elsewhere");
+    std::filesystem::create_symlink(directory / "elsewhere", directory / ("linked/" + std::string(file)));
     EXPECT_NE(std::string::npos, openAt(directory / "linked").find("is a symbolic link")) << file;
-    std::filesystem::rename(directory / "elsewhere", directory / "linked" / file);
+    std::filesystem::rename(directory / "elsewhere", directory / ("linked/" + std::string(file)));
   }
 }
 
