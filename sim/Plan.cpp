@@ -240,11 +240,13 @@ class Draw {
     const auto interfaceOfMoved = KilnSim::interfaceOf(moved.key.emComposerKey);
     if (interfaceOfMoved) allot.interface = *interfaceOfMoved;
     const TableTag tag = interfaceOfMoved ? tagOf(moved) : table();
+    const bool refused = oneIn(2);
     const auto capacity = [&](std::uint32_t entries) {
-      return TableOperation{tag, {}, oneIn(2) ? std::optional(entries) : std::nullopt, {}};
+      return TableOperation{tag, {}, refused ? std::optional(entries) : std::nullopt, {}};
     };
     const auto answer = [&] {
-      return AnswerOperation{tag, oneIn(3) ? SoftTable::Order::lifo : SoftTable::Order::fifo, 1, false};
+      const auto order = oneIn(3) ? SoftTable::Order::lifo : SoftTable::Order::fifo;
+      return AnswerOperation{tag, order, oneIn(2) ? 1 : 1 + below(3), oneIn(4)};
     };
     std::vector<Operation> operations = {
         moved,

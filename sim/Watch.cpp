@@ -479,7 +479,7 @@ void Watch::checkDomains(const Wanted& wanted) {
     if (!byHand_)
       say(fmt::format("{} and {} have domain {} and do not share", user->second, interface, domain));
   }
-  byHand_ = twice;
+  byHand_ = twice || (byHand_ && agent_.chip().status()->pendingHwWrites());
 }
 
 void Watch::checkSizes() {
