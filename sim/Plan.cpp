@@ -242,7 +242,7 @@ class Draw {
     const TableTag tag = interfaceOfMoved ? tagOf(moved) : table();
     const bool refused = oneIn(2);
     const auto capacity = [&](std::uint32_t entries) {
-      return TableOperation{tag, {}, refused ? std::optional(entries) : std::nullopt, {}};
+      return TableOperation{tag, {}, refused ? entries : 1000, {}};
     };
     const auto answer = [&] {
       const auto order = oneIn(3) ? SoftTable::Order::lifo : SoftTable::Order::fifo;
