@@ -15,24 +15,16 @@ ComposerSm::ResourceWalk::ResourceWalk(ComposerSm& composer)
     : OwnWork(composer, "resourceWalk"), composer_(composer) {}
 
 void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
-  if (current_ == resolverKey) {
-    begin();
-  } else if (waiting_.add(resolverKey, stage_.arrivals())) {
-    stage_.noteArrival(*this, true);
-  }
-}
-
-void ComposerSm::ResourceWalk::begin() {
-  cursor_ = {};
-  const ResolutionState* state = composer_.resolution(*current_);
-  state_ = state == nullptr ? std::nullopt : std::optional(*state);
+  if (waiting_.add(resolverKey, stage_.arrivals())) stage_.noteArrival(*this, true);
 }
 
 void ComposerSm::ResourceWalk::handleNext() {
   if (!current_) {
     arrival_ = waiting_.headArrival();
     current_ = waiting_.pop();
-    begin();
+    cursor_ = {};
+    const ResolutionState* state = composer_.resolution(*current_);
+    state_ = state == nullptr ? std::nullopt : std::optional(*state);
   }
   if (const auto* coll = composer_.resolverKeyToEmLogicalKey_.find(*current_)) {
     if (const EmLogicalKey* next = (*coll)->emLogicalKeySet().scanNext(cursor_)) {

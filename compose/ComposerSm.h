@@ -114,7 +114,8 @@ class ComposerSm : public Stage, private Departures::Composer {
   class ResourceWalk final : public OwnWork {
    public:
     explicit ResourceWalk(ComposerSm& composer);
-    /// Walks the resolver key's logical keys from the first one, again where it is doing so.
+    /// Walks the resolver key's logical keys once more. One that is being walked is walked to its end first:
+    /// the walk arrived before whatever changes the resolution meanwhile.
     void add(const ResolverKey& resolverKey);
 
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
@@ -123,7 +124,6 @@ class ComposerSm : public Stage, private Departures::Composer {
     }
 
    private:
-    void begin();
     void handleNext() override;
 
     ComposerSm& composer_;

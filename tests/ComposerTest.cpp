@@ -136,6 +136,7 @@ class Composing {
   Ref<ResolverStatusDir> statusDir = std::make_shared<ResolverStatusDir>();
   std::map<Tag, ComposerSide> sides;
   Ref<ResolverVd> resolver;
+  KeyTraces traces;
 
  private:
   template <class Composer, class Factory>
@@ -143,7 +144,7 @@ class Composing {
     ComposerSide& side = sides.at(type);
     side.composer = bench.create([&]() -> Ref<ComposerSm> {
       return factory(side.config, side.keys, side.status, configDir, statusDir,
-                     fmt::format("composer-{}", type), bench.status, bench.control(), side.failure, {});
+                     fmt::format("composer-{}", type), bench.status, bench.control(), side.failure, traces);
     });
   }
 
@@ -359,6 +360,82 @@ TEST_F(ComposerTest, ReleasesADomainOnlyWhenNothingUsesItAnyMore) {
   c.bench.settle();
   EXPECT_FALSE(c.asked(kOther));
   EXPECT_EQ(c.leftOver(), 0u);
+}
+
+TEST_F(ComposerTest, KeepsADomainWhileAWithdrawnKeyMayStillReachATable) {
+  struct Busy final : KilnPlatform::KeySubscriber<EmLogicalKey> {
+    void handleChange(const EmLogicalKey& /*key*/) override {}
+    [[nodiscard]] bool changeWaits(const EmLogicalKey& /*key*/) const override { return busy; }
+    bool busy = false;
+  } conflict;
+  const auto entries = std::make_shared<EmLogicalKeyToEntry>();
+  const auto merged = std::make_shared<EmMergedEntry>();
+  const auto written = std::make_shared<EmWrittenKeys>();
+  Composing c(service);
+  c.traces = {entries, merged, written};
+  c.start();
+  const EmLogicalKey key = oneTag(kPort, 1);
+  c.request(key);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  entries->emLogicalKeyToEntryIs(key, {});
+  merged->emMergedEntryIs(key, {});
+  merged->emMergedEntry().subscribe(conflict);
+  conflict.busy = true;
+  written->writtenIs(key, 1);
+  c.withdraw(key);
+  const auto expectAsked = [&](const char* why) {
+    c.bench.scheduler->run(50);
+    EXPECT_TRUE(c.asked(kPort)) << why;
+  };
+  expectAsked("it is requested again, as far as is known here");
+  entries->emLogicalKeyToEntryDel(key);
+  expectAsked("its hardware key has not been taken back");
+  merged->emMergedEntryDel(key);
+  expectAsked("that is not handled yet");
+  conflict.busy = false;
+  c.bench.settle();
+  EXPECT_TRUE(c.asked(kPort)) << "a table may have its entry";
+  written->writtenDel(key);
+  c.bench.settle();
+  EXPECT_FALSE(c.asked(kPort));
+  EXPECT_EQ(c.leftOver(), 0u);
+  merged->emMergedEntry().unsubscribe(conflict);
+}
+
+TEST_F(ComposerTest, ARequestThatTakesAnothersPlaceKeepsTheDomain) {
+  Composing c(service);
+  c.start();
+  c.request(oneTag(kPort, 1));
+  c.allot(kPort, 10);
+  c.bench.settle();
+  const Recorder asked(service.config->config());
+  c.withdraw(oneTag(kPort, 1));
+  c.request(oneTag(kPort, 2));
+  c.bench.settle();
+  EXPECT_TRUE(asked.changes.empty());
+  EXPECT_TRUE(c.asked(kPort));
+}
+
+// The outcome moves to another hardware key, which the composed one has to be told of anew.
+TEST_F(ComposerTest, AnOutcomeOfAnotherHardwareKeyIsNoneOfTheComposedOne) {
+  Composing c(service);
+  c.start();
+  const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2);
+  for (const auto& key : {a, b}) c.request(key);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  c.outcome(a);
+  c.bench.settle();
+  c.sideOf(a).status->resolvedKeyStatusIs({a, c.composed(b).value(), HwState::hwSuccess});
+  c.bench.settle();
+  EXPECT_EQ(c.state(a), KeyState::hwPending);
+  c.outcome(b);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort));
+  c.outcome(a);
+  c.bench.settle();
+  EXPECT_TRUE(c.inUse(kPort));
 }
 
 TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHeldTheNewValue) {
