@@ -121,6 +121,7 @@ class WithdrawAll final : public TextSource {
   WithdrawAll(MemoryStateStore& store, KilnEmServer::FeatureType feature)
       : store_(store), feature_(feature), requests_(store.requests<Db>(feature)) {}
   bool next(std::string& out) override {
+    if (store_.requests<Db>(feature_) != requests_) requests_ = nullptr;  // the feature was removed
     for (int item = 0; item < kItemsPerPiece && requests_ != nullptr; ++item) {
       const auto* key = requests_->config().scanNext(cursor_);
       if (key == nullptr) break;
@@ -183,7 +184,10 @@ void Service::waitForEvents() {
     const int events = (connection.mayReceive() ? POLLIN : 0) | (connection.hasUnsent() ? POLLOUT : 0);
     watched.push_back({connection.closed() ? -1 : connection.number(), static_cast<short>(events), 0});
   }
-  if (::poll(watched.data(), watched.size(), patience()) <= 0) return;
+  if (::poll(watched.data(), watched.size(), patience()) <= 0) {
+    if (clients_.empty()) mostClients_ = kMostClients;  // descriptors may be free again
+    return;
+  }
   stopping_ = watched[0].revents != 0;
   auto seen = watched.begin() + 2;
   for (Client& client : clients_) {
@@ -213,7 +217,7 @@ void Service::acceptClients() {
   do {
     std::optional<LineConnection> connection = listener_.accept();
     if (!connection) {
-      if (listener_.outOfDescriptors()) mostClients_ = std::max<std::size_t>(clients_.size(), 1);
+      if (listener_.outOfDescriptors()) mostClients_ = clients_.size();
       return;
     }
     clients_.emplace_back(std::move(*connection));

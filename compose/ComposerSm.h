@@ -114,8 +114,8 @@ class ComposerSm : public Stage, private Departures::Composer {
   class ResourceWalk final : public OwnWork {
    public:
     explicit ResourceWalk(ComposerSm& composer);
-    /// Walks the resolver key's logical keys once more. One that is being walked is walked to its end first:
-    /// the walk arrived before whatever changes the resolution meanwhile.
+    /// Walks the resolver key's logical keys once more. A change of a resolution is handled after the walk
+    /// that arrived before it.
     void add(const ResolverKey& resolverKey);
 
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }

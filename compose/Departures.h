@@ -46,9 +46,9 @@ class Departures final : public LocalState {
 
   /// Creates the task; to be called when the stage is initialized.
   void start();
-  /// The key was withdrawn. False where it was leaving already.
+  /// The key was withdrawn. False if it was leaving already.
   bool begin(const EmLogicalKey& emKey);
-  /// The key is requested again. False where it was not leaving.
+  /// The key is requested again. False if it was not leaving.
   bool cancel(const EmLogicalKey& emKey);
   /// Something that a leaving key waits for may have ended; nothing for any other key.
   void check(const EmLogicalKey& emKey);

@@ -87,8 +87,8 @@ class KilnSwTable : public OrderedSwTable {
   using Entrys = KilnPlatform::KeyedCollection<TableKey, TableEntry>;
 
   /// Programs or overwrites the entry. The answer is other than success if the table refuses it; the table
-  /// then holds no entry under the key. The server writes a refused entry again when a removal has been
-  /// answered, and once when reconciliation has completed.
+  /// then holds no entry under the key. Each time that a removal has been answered the server writes the
+  /// refused entry again that has waited longest, and each of them once when reconciliation has completed.
   virtual void entryWriteWithResponseHandler(const TableKey& key, const TableEntry& entry,
                                              const Ref<const DependencyEntryHandle>& dependency,
                                              ResponseHandler handler) = 0;

@@ -60,10 +60,10 @@ std::optional<EmHwKey> EmSwTableStatusSm::latestOther(const EmLogicalKey& logica
   const auto* others = otherHwKeys_.find(logicalKey);
   if (others == nullptr) return std::nullopt;
   std::optional<EmHwKey> latest;
-  std::uint32_t answer = 0;
+  std::uint64_t answer = 0;
   for (const EmHwKey& other : *others) {
     const EmSwTableStatusEntry* status = statusAbout(logicalKey, other);
-    if (status == nullptr || (latest && isBefore(status->answer, answer))) continue;
+    if (status == nullptr || (latest && status->answer < answer)) continue;
     latest = other;
     answer = status->answer;
   }
@@ -78,7 +78,7 @@ void EmSwTableStatusSm::insert(const EmLogicalKey& owner, const EmHwKey& swTable
   if (published != nullptr && published->emSwTableKeyFapCore != swTableKey) {
     const EmHwKey previous = published->emSwTableKeyFapCore;
     const EmSwTableStatusEntry* before = statusAbout(logicalKey, previous);
-    if (before != nullptr && isBefore(status.answer, before->answer)) {
+    if (before != nullptr && status.answer < before->answer) {
       otherHwKeys_.add(logicalKey, swTableKey);
       return;
     }

@@ -54,7 +54,7 @@ class EmSwTableStatusSm final : public Stage {
   /// The status of a hardware key, if it is about the logical key.
   [[nodiscard]] const EmSwTableStatusEntry* statusAbout(const EmLogicalKey& logicalKey,
                                                         const EmHwKey& swTableKey) const;
-  /// Of the other hardware keys the one that the table answered about last; nothing where none has a status.
+  /// Of the other hardware keys the one that the table answered about last; nothing if none has a status.
   [[nodiscard]] std::optional<EmHwKey> latestOther(const EmLogicalKey& logicalKey) const;
   void publish(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
 

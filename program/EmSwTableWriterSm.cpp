@@ -23,7 +23,8 @@ EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
       keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion"),
       writtenKeys_(*this, options.emWrittenKeys),
       emWrittenKeys_(std::move(options.emWrittenKeys)) {
-  if (options.retriesRefused) refusedKeys_.emplace(*this, static_cast<RefusedKeys::Retrying&>(*this));
+  if (options.retryRoom == nullptr) return;
+  refusedKeys_.emplace(*this, static_cast<RefusedKeys::Retrying&>(*this), std::move(options.retryRoom));
   KeySpace<EmHwKey>::instance().followerIs(*this);
 }
 
@@ -62,7 +63,7 @@ void EmSwTableWriterSm::handleDeleteAll() {
   deleteOwn(emSwTableStatus_->status(), [this](const EmHwKey& hwKey) { return isOwn(hwKey); });
   if (emWrittenKeys_ == nullptr) return;
   deleteOwn(emWrittenKeys_->written(), [this](const EmLogicalKey& key) {
-    return static_cast<int>(key.emComposerKey.tag()) == static_cast<int>(emResolvedKeyType_);
+    return key.emComposerKey.tag() == composerTypeOf(emResolvedKeyType_);
   });
 }
 
@@ -97,7 +98,7 @@ void EmSwTableWriterSm::handleDivergent(const EmHwKey& hwKey,
 }
 
 EmSwTableWriterSm::Issued EmSwTableWriterSm::issue(std::uint32_t version) {
-  return {version, ++operations_, departures_};
+  return {version, ++operations_, refusedKeys_ ? refusedKeys_->moment() : 0};
 }
 
 void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
@@ -141,7 +142,7 @@ void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKe
       const auto self = writer.lock();
       if (self == nullptr) return;
       self->takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
-      self->noteRemovalAnswered();
+      self->noteDeparture();
     });
   } catch (const std::range_error&) {
     takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
@@ -156,9 +157,7 @@ void EmSwTableWriterSm::retry(const EmHwKey& hwKey) {
 }
 
 void EmSwTableWriterSm::retryRefused() {
-  if (!refusedKeys_) return;
-  ++departures_;
-  refusedKeys_->allDue();
+  if (refusedKeys_) refusedKeys_->allDue();
 }
 
 void EmSwTableWriterSm::tellOperation() const {
@@ -171,8 +170,12 @@ void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey
                                             const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                             const Issued& issued) {
   const bool success = entryState == Asic::SwTableBase::success();
+  const EmSwTableStatusEntry* before = success ? nullptr : emSwTableStatus_->status().find(hwKey);
+  const bool stored = before != nullptr && before->status == EmHwKeyStatus::State::hwSuccess;
   const bool taken = takeWriteAnswer(success, hwKey, logicalKeyAndEntry, issued);
-  if (taken && !success && refusedKeys_) refusedKeys_->add(hwKey, issued.departures != departures_);
+  if (success || !refusedKeys_) return;
+  if (taken) refusedKeys_->add(hwKey, issued.moment);
+  if (stored) noteDeparture();  // a refused write takes the entry before it out of the table
 }
 
 bool EmSwTableWriterSm::takeWriteAnswer(bool success, const EmHwKey& answered,
@@ -209,17 +212,15 @@ void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKe
   } else {
     tracer().trace<8>("another write in-flight");
   }
-  noteRemovalAnswered();
+  noteDeparture();
   tellOperation();
 }
 
-void EmSwTableWriterSm::noteRemovalAnswered() {
-  if (!refusedKeys_) return;
-  ++departures_;
-  refusedKeys_->removalAnswered();
+void EmSwTableWriterSm::noteDeparture() {
+  if (refusedKeys_) refusedKeys_->room().noteDeparture();
 }
 
-// An answer counts also where it says the same as the one before: what was answered last under any of its
+// An answer counts also if it says the same as the one before: what was answered last under any of its
 // hardware keys is what a logical key is told.
 void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                     EmHwKeyStatus::State state) {

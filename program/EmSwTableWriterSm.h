@@ -19,10 +19,11 @@ namespace KilnEmServer {
 
 /// What a writer does beyond writing.
 struct SwTableWriterOptions {
-  /// Writes that the table refused and that are still wanted are written again: the first refused first, one
-  /// each time that the table has answered a removal, and all of them once when retryRefused() is called.
-  /// Without it a refused write stays refused until its hardware key's wanted content changes.
-  bool retriesRefused = false;
+  /// The room of the physical table, which its writers share. Writes that the table refused and that are
+  /// still wanted are written again: the first refused first, one each time that something left the physical
+  /// table, and all of them once when retryRefused() is called. Without it a refused write stays refused
+  /// until its hardware key's wanted content changes.
+  Ref<TableRoom> retryRoom;
   /// Where to publish for which logical keys the table holds entries, or may come to; null for nowhere.
   Ref<EmWrittenKeys> emWrittenKeys;
 };
@@ -80,7 +81,7 @@ class EmSwTableWriterSm : public Stage,
   struct Issued {
     std::uint32_t version = 0;      ///< among its hardware key's operations of the same kind
     OperationNumber operation = 0;  ///< among all of this writer
-    std::uint32_t departures = 0;   ///< of removals that had been answered when it was issued
+    std::uint32_t moment = 0;       ///< RefusedKeys::moment() when it was issued
   };
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
     return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
@@ -96,11 +97,11 @@ class EmSwTableWriterSm : public Stage,
   [[nodiscard]] Issued issue(std::uint32_t version);
   void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                            const EmLogicalKeyAndEntry& logicalKeyAndEntry, const Issued& issued);
-  /// True where the answer is for the latest write of a key that is still wanted, and so took effect.
+  /// True if the answer is for the latest write of a key that is still wanted, and so took effect.
   bool takeWriteAnswer(bool success, const EmHwKey& answered, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                        const Issued& issued);
   void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, const Issued& issued);
-  void noteRemovalAnswered();
+  void noteDeparture();
   void tellOperation() const;
   void writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                    EmHwKeyStatus::State state);
@@ -134,9 +135,8 @@ class EmSwTableWriterSm : public Stage,
   Versions keyLatestDeleteVersion_;
   WrittenKeys writtenKeys_;
   Ref<EmWrittenKeys> emWrittenKeys_;
-  OperationNumber operations_ = kFirstArrival;
-  std::uint32_t answers_ = kFirstArrival;  ///< that took effect on a status
-  std::uint32_t departures_ = 0;           ///< answered removals, and the end of reconciliation
+  OperationNumber operations_ = 0;
+  std::uint64_t answers_ = 0;  ///< that took effect on a status
   std::optional<RefusedKeys> refusedKeys_;
   mutable std::vector<Asic::ChangeSubscriber*> operationSubscribers_;
 };

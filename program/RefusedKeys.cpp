@@ -1,15 +1,26 @@
 #include "program/RefusedKeys.h"
 
+#include <utility>
+
 namespace KilnEmServer {
 
-RefusedKeys::RefusedKeys(Stage& stage, Retrying& owner)
-    : OwnWork(stage, "refusedKeys"), owner_(owner), waiting_(stage) {}
+RefusedKeys::RefusedKeys(Stage& stage, Retrying& owner, Ref<TableRoom> room)
+    : OwnWork(stage, "refusedKeys"), owner_(owner), room_(std::move(room)), waiting_(stage) {
+  room_->waitingIs(*this);
+}
 
-void RefusedKeys::add(const EmHwKey& hwKey, bool roomSince) {
+void RefusedKeys::add(const EmHwKey& hwKey, std::uint32_t issuedAt) {
   remove(hwKey);
-  waiting_.byOrder.emplace(++lastOrder_, hwKey);
-  waiting_.orderOf.obtain(hwKey) = lastOrder_;
-  if (!roomSince) return;
+  const Order order = ++lastOrder_;
+  if (waiting_.spare) {
+    waiting_.spare.key() = order;
+    waiting_.spare.mapped() = hwKey;
+    waiting_.byOrder.insert(std::move(waiting_.spare));
+  } else {
+    waiting_.byOrder.emplace(order, hwKey);
+  }
+  waiting_.orderOf.obtain(hwKey) = order;
+  if (issuedAt == moment()) return;
   const bool wasDue = hasPending();
   if (immediate_.add(hwKey, stage_.arrivals()) && !wasDue) dueIs();
 }
@@ -17,19 +28,20 @@ void RefusedKeys::add(const EmHwKey& hwKey, bool roomSince) {
 void RefusedKeys::remove(const EmHwKey& hwKey) {
   const Order* order = waiting_.orderOf.find(hwKey);
   if (order == nullptr) return;
-  waiting_.byOrder.erase(*order);
+  waiting_.spare = waiting_.byOrder.extract(*order);
   waiting_.orderOf.del(hwKey);
-  if (waiting_.byOrder.empty()) removals_ = 0;
+  if (waiting_.byOrder.empty()) departures_ = 0;
 }
 
-void RefusedKeys::removalAnswered() {
+void RefusedKeys::handleDeparture() {
   if (waiting_.byOrder.empty()) return;
   const bool wasDue = hasPending();
-  ++removals_;
+  ++departures_;
   if (!wasDue) dueIs();
 }
 
 void RefusedKeys::allDue() {
+  ++completions_;
   const bool wasDue = hasPending();
   dueUpTo_ = lastOrder_;
   if (!wasDue && hasPending()) dueIs();
@@ -42,7 +54,7 @@ void RefusedKeys::dueIs() {
 
 std::size_t RefusedKeys::pendingCount() const {
   const bool firstDue =
-      !waiting_.byOrder.empty() && (removals_ != 0 || waiting_.byOrder.begin()->first <= dueUpTo_);
+      !waiting_.byOrder.empty() && (departures_ != 0 || waiting_.byOrder.begin()->first <= dueUpTo_);
   return immediate_.size() + std::size_t{firstDue};
 }
 
@@ -53,7 +65,7 @@ void RefusedKeys::handleNext() {
     if (waiting_.orderOf.find(hwKey) == nullptr) return;  // written or removed since
   } else {
     const auto first = waiting_.byOrder.begin();
-    if (first->first > dueUpTo_) --removals_;
+    if (first->first > dueUpTo_) --departures_;
     hwKey = first->second;
   }
   remove(hwKey);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <map>
 
+#include "platform/Ref.h"
+#include "program/TableRoom.h"
 #include "runtime/EmTypes.h"
 #include "runtime/Input.h"
 #include "runtime/LocalState.h"
@@ -12,9 +14,9 @@
 namespace KilnEmServer {
 
 /// Remembers, in the order of refusal, the hardware keys whose latest write was refused and is still wanted.
-/// The first of them is due again each time that the table has answered a removal, and each of them once when
-/// reconciliation has completed. They are written on the stage's task, not inside the answer.
-class RefusedKeys final : public OwnWork {
+/// The first of them is due again each time that something left the physical table, and each of them once
+/// when reconciliation has completed. They are written on the stage's task, not inside the answer.
+class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
  public:
   /// Told to write one key again.
   class Retrying {
@@ -25,18 +27,21 @@ class RefusedKeys final : public OwnWork {
     ~Retrying() = default;
   };
 
-  RefusedKeys(Stage& stage, Retrying& owner);
+  /// `room` is that of the physical table.
+  RefusedKeys(Stage& stage, Retrying& owner, Ref<TableRoom> room);
+  ~RefusedKeys() override { room_->waitingDel(*this); }
 
-  /// The latest write was refused. With `roomSince` something left the table after it was issued, so that it
-  /// is due immediately.
-  void add(const EmHwKey& hwKey, bool roomSince);
-  /// The key gets another write or a removal, so that the refusal is of no account any more.
+  [[nodiscard]] TableRoom& room() { return *room_; }
+  /// What a write that is issued now is to be given back with, if it is refused.
+  [[nodiscard]] std::uint32_t moment() const { return room_->departures() + completions_; }
+  /// The latest write, issued at `moment`, was refused. If something left the table since, or reconciliation
+  /// has completed, it is due immediately.
+  void add(const EmHwKey& hwKey, std::uint32_t moment);
+  /// The key gets another write or a removal, so that its refusal no longer counts.
   void forget(const EmHwKey& hwKey) {
     if (waiting_.size() != 0) [[unlikely]]
       remove(hwKey);
   }
-  /// The table answered a removal.
-  void removalAnswered();
   /// Reconciliation has completed: each key that waits is due once.
   void allDue();
 
@@ -46,14 +51,15 @@ class RefusedKeys final : public OwnWork {
  private:
   using Order = std::uint64_t;
 
+  void handleDeparture() override;
   void handleNext() override;
   void remove(const EmHwKey& hwKey);
   void dueIs();
 
   /// The keys that wait, listed among the stage's local state.
-  class Waiting final : public LocalState {
+  class Orders final : public LocalState {
    public:
-    explicit Waiting(Stage& stage) : LocalState(stage, "refusedKeys") {}
+    explicit Orders(Stage& stage) : LocalState(stage, "refusedKeys") {}
     [[nodiscard]] std::size_t size() const override { return byOrder.size(); }
     void clear() override {
       byOrder.clear();
@@ -61,14 +67,17 @@ class RefusedKeys final : public OwnWork {
     }
 
     std::map<Order, EmHwKey> byOrder;
+    std::map<Order, EmHwKey>::node_type spare;  ///< of the key that left last, for the next one
     LocalMap<EmHwKey, Order> orderOf;
   };
 
   Retrying& owner_;
-  Waiting waiting_;
+  Ref<TableRoom> room_;
+  std::uint32_t completions_ = 0;  ///< of reconciliation
+  Orders waiting_;
   Order lastOrder_ = 0;
-  Order dueUpTo_ = 0;         ///< keys of this order and before are due
-  std::size_t removals_ = 0;  ///< answered; each makes one more key due
+  Order dueUpTo_ = 0;           ///< keys of this order and before are due
+  std::size_t departures_ = 0;  ///< each makes one more key due
   PendingKeys<EmHwKey> immediate_;
   Arrival arrival_ = 0;  ///< of what has been due longest
 };

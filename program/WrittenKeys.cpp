@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "runtime/PendingKeys.h"
-
 namespace KilnEmServer {
 
 WrittenKeys::WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys)
@@ -26,10 +24,11 @@ void WrittenKeys::written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey
 }
 
 WrittenKeys::Owner* WrittenKeys::find(Owners& owners, const EmLogicalKey& emLogicalKey) {
-  if (owners.first.emLogicalKey.is(emLogicalKey)) return &owners.first;
+  const auto isIt = [&](const Owner& owner) { return owner.emLogicalKey.is(emLogicalKey); };
+  if (isIt(owners.first)) return &owners.first;
+  if (isIt(owners.second)) return &owners.second;
   if (owners.others == nullptr) return nullptr;
-  const auto at = std::find_if(owners.others->begin(), owners.others->end(),
-                               [&](const Owner& owner) { return owner.emLogicalKey.is(emLogicalKey); });
+  const auto at = std::find_if(owners.others->begin(), owners.others->end(), isIt);
   return at == owners.others->end() ? nullptr : &*at;
 }
 
@@ -37,6 +36,8 @@ void WrittenKeys::add(Owners& owners, const EmLogicalKey& emLogicalKey, Operatio
   Owner owner{KeyHold<EmLogicalKey>(emLogicalKey), operation};
   if (!owners.first.emLogicalKey) {
     owners.first = std::move(owner);
+  } else if (!owners.second.emLogicalKey) {
+    owners.second = std::move(owner);
   } else {
     if (owners.others == nullptr) owners.others = std::make_unique<std::vector<Owner>>();
     owners.others->push_back(std::move(owner));
@@ -53,18 +54,24 @@ void WrittenKeys::answered(const EmHwKey& hwKey, OperationNumber operation, bool
 
 void WrittenKeys::dropOvertaken(Owners& owners, OperationNumber operation, bool holds) {
   const auto drop = [&](const Owner& owner) {
-    const bool overtaken = isBefore(owner.last, operation) || (owner.last == operation && !holds);
+    const bool overtaken = owner.last < operation || (owner.last == operation && !holds);
     if (overtaken) count(owner.emLogicalKey.key(), false);
     return overtaken;
   };
-  if (owners.others != nullptr) std::erase_if(*owners.others, drop);
-  if (drop(owners.first)) owners.first = {};
-  if (owners.others == nullptr) return;
-  if (!owners.first.emLogicalKey && !owners.others->empty()) {
-    owners.first = std::move(owners.others->back());
-    owners.others->pop_back();
+  if (owners.others != nullptr) {
+    std::erase_if(*owners.others, drop);
+    if (owners.others->empty()) owners.others.reset();
   }
+  if (owners.second.emLogicalKey && drop(owners.second)) owners.second = takeOther(owners);
+  if (drop(owners.first)) owners.first = std::exchange(owners.second, takeOther(owners));
+}
+
+WrittenKeys::Owner WrittenKeys::takeOther(Owners& owners) {
+  if (owners.others == nullptr) return {};
+  Owner taken = std::move(owners.others->back());
+  owners.others->pop_back();
   if (owners.others->empty()) owners.others.reset();
+  return taken;
 }
 
 void WrittenKeys::count(const EmLogicalKey& emLogicalKey, bool more) {

@@ -11,20 +11,21 @@
 
 namespace KilnEmServer {
 
-/// The number of an operation among all that one writer issued; grows, modulo 2^32.
-using OperationNumber = std::uint32_t;
+/// The number of an operation among all that one writer issued, from 1. An entry keeps that of its write for
+/// as long as it is stored, so it must not wrap around.
+using OperationNumber = std::uint64_t;
 
 /// Follows one table's operations and publishes for which logical keys it holds an entry, or was asked to
 /// write one. A table applies the operations on one hardware key in the order issued, so an answer says that
 /// every earlier operation on the key has been applied, and overtaken.
 class WrittenKeys final : public LocalState {
  public:
-  /// Follows nothing where `emWrittenKeys` is null.
+  /// Follows nothing if `emWrittenKeys` is null.
   WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys);
 
   /// An entry of `emLogicalKey` is about to be written under `hwKey`.
   void written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation);
-  /// The table answered an operation on `hwKey`; `holds` where that was a write and succeeded.
+  /// The table answered an operation on `hwKey`; `holds` if that was a write and succeeded.
   void answered(const EmHwKey& hwKey, OperationNumber operation, bool holds);
 
   [[nodiscard]] std::size_t size() const override { return owners_.size(); }
@@ -36,15 +37,18 @@ class WrittenKeys final : public LocalState {
     KeyHold<EmLogicalKey> emLogicalKey;
     OperationNumber last = 0;  ///< its latest write
   };
-  /// Mostly there is one; others follow while a key's owner changes.
+  /// Mostly there is one; a second one follows while a key's owner changes, seldom more.
   struct Owners {
     Owner first;
-    std::unique_ptr<std::vector<Owner>> others;
+    Owner second;
+    std::unique_ptr<std::vector<Owner>> others;  ///< only if there is a second
   };
 
   [[nodiscard]] static Owner* find(Owners& owners, const EmLogicalKey& emLogicalKey);
   void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
   void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);
+  /// One of those beside the first two, which it is no longer; none if there is none.
+  [[nodiscard]] static Owner takeOther(Owners& owners);
   void count(const EmLogicalKey& emLogicalKey, bool more);
 
   Ref<EmWrittenKeys> emWrittenKeys_;

@@ -153,7 +153,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  /// Writes a value and notifies, also where an equal one is stored: for values with parts that do not count.
+  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
   void isAgain(const K& key, const V& value) {
     if (is(key, value)) return;
     const auto handle = keys_.find(key);
@@ -321,7 +321,7 @@ class OrderedCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  /// Writes a value and notifies, also where an equal one is stored: for values with parts that do not count.
+  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
   void isAgain(const K& key, const V& value) {
     if (is(key, value)) return;
     const K changed = key;

@@ -176,7 +176,7 @@ class EmConflictStatus {
 class EmSwTableStatus {
   KILN_COLLECTION(EmSwTableStatus, status, EmHwKey, EmSwTableStatusEntry)
 
-  /// Writes a status and notifies, also where an equal one is stored: a later answer.
+  /// Writes a status and notifies, also if an equal one is stored: a later answer.
   void statusAgain(const EmHwKey& key, const EmSwTableStatusEntry& value) { status_.isAgain(key, value); }
 };
 

@@ -136,8 +136,8 @@ struct EmRequestStatus {
 struct EmSwTableStatusEntry {
   EmLogicalKeyAndEntry emLogicalKeyAndEntry;
   EmHwKeyStatus::State status = EmHwKeyStatus::State::hwPending;
-  /// Orders the statuses of one table in time, modulo 2^32. It is not part of the value.
-  std::uint32_t answer = 0;
+  /// Orders the statuses of one table in time. It is not part of the value.
+  std::uint64_t answer = 0;
 
   friend bool operator==(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
     return a.status == b.status && a.emLogicalKeyAndEntry == b.emLogicalKeyAndEntry;
@@ -204,6 +204,13 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
 /// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
 /// assertion failure.
 bool resolutionNeeded(EmComposerKeyUnionTag composerType);
+
+/// The composer type whose keys become those of a table; the two enumerations share their numbers.
+constexpr EmComposerKeyUnionTag composerTypeOf(EmResolvedKeyUnionTag table) {
+  static_assert(KilnPlatform::EnumNames<EmComposerKeyUnionTag>::kNames ==
+                KilnPlatform::EnumNames<EmResolvedKeyUnionTag>::kNames);
+  return static_cast<EmComposerKeyUnionTag>(table);
+}
 
 /// The composer type of a composer key; a key without one is an assertion failure.
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key);

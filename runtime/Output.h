@@ -24,9 +24,9 @@ enum class KeyMismatch : std::uint8_t { report, fatal };
 /// An output that was empty at start has nothing to compare, so nothing is noted for it.
 ///
 /// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
-/// waits in one of its inputs. A stage whose inputs have keys of another type has a public
-/// `decidesLater(key)`, which says so of a key of the output. One without it is to have nothing downstream
-/// before it is complete.
+/// waits in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have keys
+/// of another type has a public `decidesLater(key)`, which says so of a key of the output. One without it is
+/// to have nothing downstream before it is complete.
 template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
 class Output final : public OutputBase {
   using Key = typename Attr::Key;

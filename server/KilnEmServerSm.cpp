@@ -318,13 +318,21 @@ void KilnEmServerSm::createEmConflictSm() {
                           dependencyStatus_, control(), emLogicalKeyToEntry_, emComposeFailure_);
 }
 
+// Which key types share a physical table is the same on every FAP type.
+Ref<TableRoom> KilnEmServerSm::tableRoomOf(EmResolvedKeyUnionTag tag) {
+  constexpr Hardware::Kiln::FapType kAnyFapType = 3;
+  const bool shared = tag != EmResolvedKeyUnionTag::lemVpwsAcEntryKey;
+  Ref<TableRoom>& room = tableRooms_[shared ? physicalTableIdForKeyType(tag, kAnyFapType) : 0];
+  if (room == nullptr) room = std::make_shared<TableRoom>();
+  return room;
+}
+
 void KilnEmServerSm::createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name) {
   const auto create = [&](auto factory, const auto& held) -> Ref<EmSwTableWriterSm> {
-    const auto composerType = static_cast<EmComposerKeyUnionTag>(static_cast<int>(tag));
-    return factory(
-        emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control(),
-        SwTableWriterOptions{.retriesRefused = true,
-                             .emWrittenKeys = resolutionNeeded(composerType) ? emWrittenKeys_ : nullptr});
+    return factory(emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control(),
+                   SwTableWriterOptions{
+                       .retryRoom = tableRoomOf(tag),
+                       .emWrittenKeys = resolutionNeeded(composerTypeOf(tag)) ? emWrittenKeys_ : nullptr});
   };
   using ResolvedTag = EmResolvedKeyUnionTag;
   Ref<EmSwTableWriterSm>& writer = swTableWriterSm_[tag];

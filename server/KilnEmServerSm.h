@@ -184,6 +184,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   void createEmKeyMergeSm();
   void createEmConflictSm();
   void createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name);
+  /// The room of the physical table in which the entries of a table are stored.
+  Ref<TableRoom> tableRoomOf(EmResolvedKeyUnionTag tag);
   void createReconcileCompleteSm();
   void createSwTableStatusSm();
   void createMdbLocalStatusSm();
@@ -228,6 +230,7 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   Ref<ComposerOutputMergeSm> composerOutputMergeSm_;
   Ref<EmKeyMergeSm> emKeyMergeSm_;
   Ref<EmConflictSm> emConflictSm_;
+  std::map<KilnMdb::PhysicalTableId, Ref<TableRoom>> tableRooms_;
   std::map<EmResolvedKeyUnionTag, Ref<EmSwTableWriterSm>> swTableWriterSm_;
   Ref<ReconcileCompleteSm> reconcileCompleteSm_;
   Ref<EmSwTableStatusSm> swTableStatusSm_;

@@ -139,9 +139,8 @@ void KilnEmServerSm::addKeyedStages(StageMap& map) {  // NOLINT(readability-func
                    {"emSwTableConfig"},
                    {"emSwTableConfig"},
                    {"emSwTableStatus"},
-                   resolutionNeeded(static_cast<EmComposerKeyUnionTag>(static_cast<int>(tag)))
-                       ? Names{"emSwTableStatus", "emWrittenKeys"}
-                       : Names{"emSwTableStatus"}});
+                   resolutionNeeded(composerTypeOf(tag)) ? Names{"emSwTableStatus", "emWrittenKeys"}
+                                                         : Names{"emSwTableStatus"}});
   });
   const auto addStatusStages = [&](const char* base, const char* config, const char* status,
                                    void (KilnEmServerSm::*action)(FeatureType, const std::string&)) {

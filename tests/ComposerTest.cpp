@@ -417,7 +417,7 @@ TEST_F(ComposerTest, ARequestThatTakesAnothersPlaceKeepsTheDomain) {
   EXPECT_TRUE(c.asked(kPort));
 }
 
-// The outcome moves to another hardware key, which the composed one has to be told of anew.
+// The outcome moves to another hardware key: the composed one has none any more.
 TEST_F(ComposerTest, AnOutcomeOfAnotherHardwareKeyIsNoneOfTheComposedOne) {
   Composing c(service);
   c.start();

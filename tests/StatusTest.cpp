@@ -172,7 +172,7 @@ struct FeatureStatusSetUp {
   explicit FeatureStatusSetUp(std::uint32_t yieldEvery = 1) : bench(yieldEvery) {}
   void create() {
     stage = bench.create([&] {
-      return isemSrvStatusSmFactory(FeatureType::mpls, emStatus, config, status, "isemStatus", bench.status,
+      return isemSrvStatusSmFactory(feature, emStatus, config, status, "isemStatus", bench.status,
                                     bench.control());
     });
   }
@@ -193,6 +193,7 @@ struct FeatureStatusSetUp {
     return {kRequestKey, 0, version, 1, state, 1};
   }
 
+  FeatureType feature = FeatureType::mpls;
   Bench bench;
   Ref<EmLogicalKeyToStatus> emStatus = std::make_shared<EmLogicalKeyToStatus>();
   Ref<KilnTunnelNiLib::IsemSrvConfig> config =
@@ -270,6 +271,22 @@ TEST(FeatureStatus, OtherFeaturesStatusesNeverArrive) {
   set.emStatus->statusIs(tableStatus(kB, kH1));
   set.bench.settle();
   EXPECT_TRUE(set.status->status().empty());
+}
+
+// Features are told apart by channels; one that has no name has a channel, too.
+TEST(FeatureStatus, EveryNumberOfAFeatureIsServed) {
+  for (const int number : {0, 1, 8, 9, 16, 17, 255}) {
+    FeatureStatusSetUp set;
+    set.feature = static_cast<FeatureType>(number);
+    set.config->config().is(kRequestKey, Request{{mplsEntry(1).emEntry}, 1, RequestKind::add});
+    const EmLogicalKey key = logicalKeyOf(set.feature, kRequestKey);
+    set.emStatus->statusIs(tableStatus(key, kH1));
+    set.start();
+    EXPECT_EQ(set.published(), set.answer(1, EmStatus::hwSuccess)) << number;
+    set.emStatus->statusIs(tableStatus(key, kH1, EmStatus::hwFail));
+    set.bench.settle();
+    EXPECT_EQ(set.published(), set.answer(1, EmStatus::hwFail)) << number;
+  }
 }
 
 TEST(FeatureStatus, ARestartShowsNoStatusThatVanishesAndReturns) {

@@ -188,7 +188,7 @@ class RetryTest : public WriterTest {
   void start() override {
     writer = bench.create([&] {
       return isemMplsSwTableWriterFactory(config, status, "writer", bench.status, interface, bench.control(),
-                                          {.retriesRefused = true, .emWrittenKeys = written});
+                                          {.retryRoom = room, .emWrittenKeys = written});
     });
     bench.settle();
   }
@@ -206,6 +206,7 @@ class RetryTest : public WriterTest {
     return labels;
   }
   Ref<EmWrittenKeys> written = std::make_shared<EmWrittenKeys>();
+  Ref<TableRoom> room = std::make_shared<TableRoom>();
 };
 
 TEST_F(RetryTest, EachAnsweredRemovalRetriesTheKeyThatWaitsLongest) {
@@ -254,6 +255,24 @@ TEST_F(RetryTest, WhenReconciliationHasCompletedEachRefusedKeyIsRetriedOnce) {
   answer(0, TableState::refused_);  // not known when reconciliation completed
   EXPECT_EQ(waiting(), (Labels{1, 2, 3}));
   for (int each = 0; each < 3; ++each) answer(0, TableState::refused_);
+  EXPECT_EQ(waiting(), Labels{});
+}
+
+TEST_F(RetryTest, WhatLeavesThePhysicalTableInAnotherWayMakesRoomAsWell) {
+  using Labels = std::vector<int>;
+  want(mplsHwKey(1), wanted(1));
+  want(mplsHwKey(2), wanted(2));
+  answer(0);
+  answer(0, TableState::noResource_);
+  room->noteDeparture();  // an entry of another key type
+  bench.settle();
+  EXPECT_EQ(waiting(), Labels{2});
+  answer(0, TableState::noResource_);
+  want(mplsHwKey(1), wanted(9));
+  answer(0, TableState::refused_);  // the table has no entry under the key any more
+  EXPECT_EQ(waiting(), Labels{2});
+  answer(0);
+  EXPECT_EQ(HwState::hwSuccess, status->status(mplsHwKey(2))->status);
   EXPECT_EQ(waiting(), Labels{});
 }
 
