@@ -1,9 +1,12 @@
 #include "agent/EmbeddedAgent.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 
+#include "agent/DroppingTraceSink.h"
 #include "agent/InputError.h"
 #include "agent/YieldPolicies.h"
 #include "runtime/Trace.h"
@@ -30,6 +33,8 @@ ScopedTraces::ScopedTraces(const TraceOptions& options) {
     } catch (const std::runtime_error& error) {
       throw InputError(error.what());
     }
+  } else if (options.standardError && options.mayLose) {
+    add(std::make_shared<DroppingTraceSink>(STDERR_FILENO));
   } else if (options.standardError) {
     add(std::make_shared<KilnEmServer::StreamTraceSink>(stderr));
   }

@@ -31,7 +31,8 @@ struct TraceOptions {
   int level = 0;                                    ///< the highest level that passes
   std::vector<std::pair<std::string, int>> stages;  ///< part of a stage's name, and the level for such stages
   std::string file;                                 ///< written in place of standard error
-  bool standardError = false;                       ///< where there is no file
+  bool standardError = false;                       ///< if there is no file
+  bool mayLose = false;                             ///< what the reader of standard error does not take
   Ref<KilnPlatform::TraceSink> sink;                ///< another one besides; may be null
 };
 

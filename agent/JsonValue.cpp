@@ -53,6 +53,7 @@ bool ParseGuard::operator()(int depth, Json::parse_event_t event, const Json& pa
     if (std::find(names.begin(), names.end(), name) != names.end()) {
       throw InputError(fmt::format("field \"{}\" is given twice", name));
     }
+    if (names.size() == kMaxNames) throw InputError(fmt::format("more than {} fields", kMaxNames));
     names.push_back(name);
   }
   return true;

@@ -45,6 +45,7 @@ class ParseGuard {
  public:
   /// Objects and arrays within each other; six are ever needed.
   static constexpr int kMaxDepth = 32;
+  static constexpr std::size_t kMaxNames = 64;  ///< of one object
 
   /// Throws InputError where `parsed` is a name that the open object has already, or where too much is open.
   bool operator()(int depth, Json::parse_event_t event, const Json& parsed);

@@ -101,7 +101,7 @@ LineListener::LineListener(std::string path) : path_(std::move(path)) {
   removeStale(path_, address);
   socket_ = FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const mode_t mask = ::umask(0177);
-  const bool bound = ::bind(number(), generic(address), sizeof address) == 0;
+  const bool bound = socket_.valid() && ::bind(number(), generic(address), sizeof address) == 0;
   ::umask(mask);
   struct stat status {};
   if (!bound || ::lstat(path_.c_str(), &status) != 0 || ::listen(number(), kBacklog) != 0) {

@@ -32,6 +32,15 @@ StateDirectory::StateDirectory(std::string path) : path_(std::move(path)) {
   claim();
   create(chip());
   makeContentPrivate();
+  refuseEmptyStore();
+}
+
+/// The store is made before the tables' files: beside them it is never empty unless its content was lost.
+void StateDirectory::refuseEmptyStore() const {
+  std::error_code error;
+  const bool empty = std::filesystem::file_size(store(), error) == 0 && !error;
+  const bool tables = !std::filesystem::is_empty(chip(), error) && !error;
+  if (empty && tables) throw InputError(fmt::format("{}: is cut short; it is left as it is", store()));
 }
 
 void StateDirectory::refuse(const std::string& why) const {

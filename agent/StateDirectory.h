@@ -32,6 +32,7 @@ class StateDirectory {
   void makeContentPrivate() const;
   void lock(const std::string& marker);
   void claim() const;
+  void refuseEmptyStore() const;
 
   std::string path_;
   FileDescriptor marker_;

@@ -263,6 +263,12 @@ TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
   EXPECT_NE("no error", openAt(directory / "nowhere/state"));
   std::filesystem::create_directory(directory / "linked");
   ASSERT_EQ("no error", openAt(directory / "linked"));
+  std::filesystem::copy(directory / "linked", directory / "emptied",
+                        std::filesystem::copy_options::recursive);
+  std::filesystem::remove(directory / "emptied/socket");
+  writeFile(directory / "emptied/store", "");
+  EXPECT_NE(std::string::npos, openAt(directory / "emptied").find("store: is cut short"));
+  EXPECT_EQ(0U, std::filesystem::file_size(directory / "emptied/store"));
   for (const char* file : {"store", "chip/isemMpls", "kiln-state"}) {
     std::filesystem::rename(directory / ("linked/" + std::string(file)), directory / "elsewhere");
     std::filesystem::create_symlink(directory / "elsewhere", directory / ("linked/" + std::string(file)));

@@ -78,12 +78,19 @@ TEST_P(MalformedLine, EndsTheRunThereWithNothingOfItExecuted) {
   });
 }
 
+std::string manyFields() {
+  std::string line = "{";
+  for (int field = 0; field < 100'000; ++field) line += fmt::format("\"{}\":0,", field);
+  return line + R"("op":"settle"})";
+}
+
 const Mistake kMistakes[] = {
     {"noJson", R"({"op":"settle")", "not a line of JSON"},
     {"noObject", "[]", "object"},
     {"deepNesting",
      R"({"op":"addFap","cores":)" + std::string(100'000, '[') + std::string(100'000, ']') + "}",
      "more than 32 levels are nested"},
+    {"manyFields", manyFields(), "more than 64 fields"},
     {"noOperation", R"({"feature":"mpls"})", "op"},
     {"unknownOperation", R"({"op":"publich"})", "unknown operation \"publich\""},
     {"unknownFeature", R"({"op":"removeFeature","feature":"ipsec"})", "ipsec"},
