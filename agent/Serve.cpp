@@ -294,7 +294,7 @@ void Service::takeLine(Client& client, const LineConnection::Line& line) {
     const Json json = parseLine(line.text);
     if (json.value("op", Json()) != "show") return takeOperation(client, line.number, readOperation(json));
     auto [name, content] = queries_.answer(json);
-    client.longAnswer.emplace(line.number, std::move(content));
+    client.longAnswer = LongAnswer{line.number, std::move(content)};
     client.uncommitted += fmt::format(R"({{"{}":)", name);
   } catch (const InputError& error) {
     answer(client, line.number, {{"ok", false}, {"error", error.what()}});
@@ -304,10 +304,10 @@ void Service::takeLine(Client& client, const LineConnection::Line& line) {
 void Service::takeOperation(Client& client, std::uint64_t line, Operation operation) {
   refuseLoss(operation);
   if (const auto* withdraw = std::get_if<WithdrawAllOperation>(&operation)) {
-    client.longAnswer.emplace(
-        line, withDatabase(withdraw->database, [&]<class Db>() -> std::unique_ptr<TextSource> {
-          return std::make_unique<WithdrawAll<Db>>(agent_.store(), withdraw->feature);
-        }));
+    client.longAnswer =
+        LongAnswer{line, withDatabase(withdraw->database, [&]<class Db>() -> std::unique_ptr<TextSource> {
+                     return std::make_unique<WithdrawAll<Db>>(agent_.store(), withdraw->feature);
+                   })};
     return;
   }
   if (!needsIdleAgent(operation)) return answer(client, line, execute(operation));
@@ -315,7 +315,7 @@ void Service::takeOperation(Client& client, std::uint64_t line, Operation operat
   const auto* run = std::get_if<RunOperation>(&operation);
   const std::uint64_t slices = agent_.scheduler().counters().slices;
   const std::uint64_t end = run == nullptr || run->tasks > kNever - slices ? kNever : slices + run->tasks;
-  client.waiting.emplace(line, std::move(operation), end);
+  client.waiting = Waiting{line, std::move(operation), end};
 }
 
 /// What is to be answered. Throws InputError where the agent's state does not allow the operation.
