@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -424,11 +425,17 @@ void Service::addQueries() {
 }
 
 void serve(const ServeOptions& options) {
+  const auto refuse = [&] {
+    throw InputError(
+        fmt::format("--reserve {}: the system does not have so much memory", options.reserved >> 20U));
+  };
+  // A system that grants more than it has would end the agent when that is used.
+  const auto pages = static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES));
+  if (options.reserved / static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) > pages) refuse();
   try {
     KilnEmServer::PageArena::instance().reserve(options.reserved);
   } catch (const std::bad_alloc&) {
-    throw InputError(
-        fmt::format("--reserve {}: the system does not have so much memory", options.reserved >> 20U));
+    refuse();
   }
   Service(options, stopSignals()).run();
 }
