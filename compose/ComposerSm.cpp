@@ -309,7 +309,9 @@ bool ComposerSm::compose(const EmLogicalKey& emKey) {
 }
 
 const EmHwKey* ComposerSm::composedKey(const EmLogicalKey& emKey) const {
-  return swTableKeyConfig_.find(emKey);
+  // A withdrawn key has no state from then on that its status is looked at, though its withdrawal may wait.
+  const State* state = emLogicalKeyState_.find(emKey);
+  return state == nullptr || *state < State::hwPending ? nullptr : swTableKeyConfig_.find(emKey);
 }
 
 const ResolutionState* ComposerSm::resolution(const ResolverKey& resolverKey) const {

@@ -177,8 +177,7 @@ class ComposerSm : public Stage, private Departures::Composer {
     return resolvedKeyStatus_.find(emKey) != nullptr;
   }
   void handleGone(const EmLogicalKey& emKey) override;
-  /// The hardware key that was composed for a key, or null. Deletions of the output are held back only while
-  /// the composer starts; then no outcome is known yet that could be compared with a key that is to go.
+  /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
   /// The types of the resolvers that there are.

@@ -403,6 +403,22 @@ TEST_F(ComposerTest, KeepsADomainWhileAWithdrawnKeyMayStillReachATable) {
   merged->emMergedEntry().unsubscribe(conflict);
 }
 
+TEST_F(ComposerTest, AWithdrawnKeyTakesNoOutcomeThatIsHandledFirst) {
+  Composing c(service, 1);
+  c.start();
+  const EmLogicalKey key = oneTag(kPort, 1);
+  c.request(key);
+  c.allot(kPort, 10);
+  c.bench.settle();
+  c.outcome(key, HwState::hwFail);
+  c.withdraw(key);
+  for (int tasks = 0; tasks < 20; ++tasks) {
+    EXPECT_NE(c.state(key), KeyState::hwFail);
+    c.bench.scheduler->run(1);
+  }
+  EXPECT_EQ(c.state(key), std::nullopt);
+}
+
 TEST_F(ComposerTest, ARequestThatTakesAnothersPlaceKeepsTheDomain) {
   Composing c(service);
   c.start();
