@@ -85,14 +85,25 @@ bool CooperativeScheduler::runOne() {
   KILN_ASSERT(running_ == nullptr && "a slice does not run other slices");
   Task* task = takeNext();
   if (task == nullptr) return false;
+  runTaken(*task, policy_.present() ? &policy_ : nullptr);
+  return true;
+}
+
+void CooperativeScheduler::runSlice(Task& task, KilnPlatform::YieldPolicy* policy) {
+  KILN_ASSERT(running_ == nullptr && "a slice does not run other slices");
+  KILN_ASSERT(task.ready);
+  cancel(task);
+  runTaken(task, policy != nullptr ? policy : policy_.present() ? &policy_ : nullptr);
+}
+
+void CooperativeScheduler::runTaken(Task& task, KilnPlatform::YieldPolicy* policy) {
   ++counters_.slices;
   workPending_ = 0;
-  running_ = task;
-  sliceBegins(policy_.present() ? &policy_ : nullptr);
-  task->run();
+  running_ = &task;
+  sliceBegins(policy);
+  task.run();
   sliceEnds();
   running_ = nullptr;
-  return true;
 }
 
 std::size_t CooperativeScheduler::run(std::size_t slices) {

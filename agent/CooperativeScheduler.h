@@ -57,6 +57,18 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   std::size_t run(std::size_t slices);
   /// Runs until no task is ready.
   void runUntilIdle();
+  /// Runs one slice of this ready task, whatever else is ready. A `policy` other than null is asked in place
+  /// of the scheduler's own.
+  void runSlice(KilnPlatform::Task& task, KilnPlatform::YieldPolicy* policy = nullptr);
+  /// Calls `visitor` with each ready task, in no particular order. It must not schedule or run any.
+  template <class Visitor>
+  void forEachReady(Visitor&& visitor) const {
+    for (const Queue& queue : queues_) {
+      for (const Slot& slot : queue.slots) {
+        if (slot.task != nullptr) visitor(*slot.task);
+      }
+    }
+  }
 
   [[nodiscard]] bool idle() const { return ready_ == 0; }
   /// What the order is drawn from; none where it is FIFO.
@@ -110,6 +122,7 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   Task* takeNext();
   Task* takeFrom(Queue& queue);
   void release(Queue& queue, Slot& slot);
+  void runTaken(Task& task, KilnPlatform::YieldPolicy* policy);
 
   Counters counters_;
   CountingPolicy policy_;

@@ -181,11 +181,12 @@ Operation readTable(const Line& line) {
 
 Operation readAnswer(const Line& line) {
   using Order = SoftTable::Order;
-  line.onlyHas({"op", "table", "order", "count", "now"});
+  line.onlyHas({"op", "table", "order", "count", "now", "skip"});
   const Order order = line.find("order") == nullptr
                           ? Order::fifo
                           : line.word<Order>("order", {{"fifo", Order::fifo}, {"lifo", Order::lifo}});
-  return AnswerOperation{tableOf(line), order, line.number<std::size_t>("count"), line.flag("now")};
+  return AnswerOperation{tableOf(line), order, line.number<std::size_t>("count"), line.flag("now"),
+                         line.optionalNumber<std::size_t>("skip").value_or(0)};
 }
 
 Hardware::Kiln::FapId fapIdOf(const Line& line) {
@@ -234,6 +235,16 @@ Operation readProfile(const Line& line) {
 Operation readRun(const Line& line) {
   line.onlyHas({"op", "tasks"});
   return RunOperation{line.number<std::size_t>("tasks")};
+}
+
+Operation readSlice(const Line& line) {
+  line.onlyHas({"op", "task", "instance", "items", "refused"});
+  SliceOperation slice{readString(line.member("task"), line.at("task"))};
+  if (const Json* instance = line.find("instance"))
+    slice.instance = readString(*instance, line.at("instance"));
+  slice.items = line.optionalNumber<std::uint32_t>("items").value_or(0);
+  slice.refused = line.optionalNumber<std::uint32_t>("refused");
+  return slice;
 }
 
 Operation readCrash(const Line& line) {
@@ -302,6 +313,7 @@ constexpr std::array kReaders = {
     Reader{"profile", readProfile},
     Reader{"settle", readEmpty<SettleOperation>},
     Reader{"run", readRun},
+    Reader{"slice", readSlice},
     Reader{"restart", readEmpty<RestartOperation>},
     Reader{"commit", readEmpty<CommitOperation>},
     Reader{"crash", readCrash},

@@ -85,7 +85,8 @@ struct AnswerOperation {
   TableTag table;
   SoftTable::Order order;
   std::size_t count;
-  bool now;  ///< goes without settling first
+  bool now;              ///< goes without settling first
+  std::size_t skip = 0;  ///< so many of them, in that order, stay
 };
 /// An external user of the tables holds this much from now on; one that holds nothing is removed.
 struct ExternalUserOperation {
@@ -107,6 +108,14 @@ struct SettleOperation {};
 /// Runs tasks, so many of them or until none is ready.
 struct RunOperation {
   std::size_t tasks;
+};
+/// Runs one slice of a ready task.
+struct SliceOperation {
+  std::string task;           ///< its name
+  std::string instance = {};  ///< if several tasks have the name
+  std::uint32_t items = 0;    ///< after which it yields; 0 does not ask it to
+  std::optional<std::uint32_t> refused =
+      std::nullopt;  ///< of the writes in it, from 0, the chip refuses this
 };
 struct RestartOperation {};
 /// What the store holds now outlives every crash.
@@ -141,8 +150,8 @@ using Operation =
     std::variant<PublishOperation, WithdrawOperation, WithdrawAllOperation, RemoveFeatureOperation,
                  AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation,
                  TableOperation, AnswerOperation, ExternalUserOperation, AddFapOperation, RemoveFapOperation,
-                 ProfileOperation, SettleOperation, RunOperation, RestartOperation, CommitOperation,
-                 CrashOperation, WatchOperation, ExpectOperation, ExpectTableOperation>;
+                 ProfileOperation, SettleOperation, RunOperation, SliceOperation, RestartOperation,
+                 CommitOperation, CrashOperation, WatchOperation, ExpectOperation, ExpectTableOperation>;
 
 /// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its

@@ -21,8 +21,9 @@ class Members {
   Members& add(const char* name, const std::optional<T>& value) {
     return value ? add(name, toJson(*value)) : *this;
   }
-  /// A flag that is left out where it is not set.
+  // What is left out where it says nothing.
   Members& flag(const char* name, bool set) { return set ? add(name, true) : *this; }
+  Members& count(const char* name, std::size_t number) { return number != 0 ? add(name, number) : *this; }
   Members& request(FeatureType feature, EmType database, const EmRequestKey& key) {
     return add("feature", toJson(feature))
         .add("database", toJson(database))
@@ -108,6 +109,7 @@ std::string line(const AnswerOperation& answer) {
       .add("order", answer.order == SoftTable::Order::fifo ? "fifo" : "lifo")
       .add("count", answer.count)
       .flag("now", answer.now)
+      .count("skip", answer.skip)
       .text();
 }
 
@@ -144,6 +146,12 @@ std::string line(const SettleOperation& /*settle*/) {
 }
 std::string line(const RunOperation& run) {
   return Members("run").add("tasks", run.tasks).text();
+}
+std::string line(const SliceOperation& slice) {
+  Members members("slice");
+  members.add("task", slice.task);
+  if (!slice.instance.empty()) members.add("instance", slice.instance);
+  return members.count("items", slice.items).add("refused", slice.refused).text();
 }
 std::string line(const RestartOperation& /*restart*/) {
   return Members("restart").text();

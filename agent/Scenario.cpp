@@ -6,6 +6,7 @@
 
 #include "agent/JsonValue.h"
 #include "agent/LineSocket.h"
+#include "agent/YieldPolicies.h"
 #include "server/CheckRequest.h"
 
 namespace KilnAgent {
@@ -222,7 +223,7 @@ void Scenario::apply(const TableOperation& operation) {
 
 void Scenario::apply(const AnswerOperation& answer) {
   if (!answer.now) settle();  // what was published is to have reached the table
-  agent_.chip().table(answer.table).answer(answer.order, answer.count);
+  agent_.chip().table(answer.table).answer(answer.order, answer.count, answer.skip);
 }
 
 void Scenario::apply(const ExternalUserOperation& external) {
@@ -268,6 +269,18 @@ void Scenario::apply(const SettleOperation& /*settle*/) {
 void Scenario::apply(const RunOperation& run) {
   interleave_ = false;
   agent_.scheduler().run(run.tasks);
+}
+void Scenario::apply(const SliceOperation& slice) {
+  interleave_ = false;
+  KilnPlatform::Task* found = nullptr;
+  agent_.scheduler().forEachReady([&](KilnPlatform::Task& task) {
+    if (task.name() == slice.task && task.instance() == slice.instance) found = &task;
+  });
+  if (found == nullptr) throw InputError(fmt::format("no task \"{}\" is ready", slice.task));
+  EveryItems policy(slice.items);
+  agent_.chip().refusedIs(slice.refused);
+  agent_.scheduler().runSlice(*found, &policy);
+  agent_.chip().refusedIs(std::nullopt);
 }
 void Scenario::apply(const RestartOperation& /*restart*/) {
   agent_.restart();

@@ -76,6 +76,7 @@ class Scenario {
   void apply(const ProfileOperation& profile);
   void apply(const SettleOperation& settle);
   void apply(const RunOperation& run);
+  void apply(const SliceOperation& slice);
   void apply(const RestartOperation& restart);
   void apply(const CommitOperation& commit);
   void apply(const CrashOperation& crash);

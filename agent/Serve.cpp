@@ -72,8 +72,11 @@ bool isOfService(const Operation& operation) {
   return std::visit([]<class T>(const T&) { return kIsAmong<T, RunOperation, CommitOperation>; }, operation);
 }
 
-/// State that was acknowledged is never discarded.
-void refuseLoss(const Operation& operation) {
+/// State that was acknowledged is never discarded, and the agent itself decides which task runs.
+void refuseWhatHarms(const Operation& operation) {
+  if (std::holds_alternative<SliceOperation>(operation)) {
+    throw InputError("a serving agent decides by itself which task runs; see \"run\"");
+  }
   const auto* crash = std::get_if<CrashOperation>(&operation);
   if (crash == nullptr || !crash->lost) return;
   throw InputError(
@@ -303,7 +306,7 @@ void Service::takeLine(Client& client, const LineConnection::Line& line) {
 }
 
 void Service::takeOperation(Client& client, std::uint64_t line, Operation operation) {
-  refuseLoss(operation);
+  refuseWhatHarms(operation);
   if (const auto* withdraw = std::get_if<WithdrawAllOperation>(&operation)) {
     client.longAnswer =
         LongAnswer{line, withDatabase(withdraw->database, [&]<class Db>() -> std::unique_ptr<TextSource> {

@@ -100,6 +100,9 @@ class SoftChip final : public Asic::OrderedTableInterface {
   void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
 
+  /// Of the writes from now on, counted from 0, the chip refuses this; none of them if it is nothing.
+  void refusedIs(std::optional<std::uint32_t> write) { pending_->refusedIs(write); }
+
   /// Applies the operations that have no effect yet.
   void applyIssued();
   /// The server ended: the tables keep their entries until reconcileComplete.

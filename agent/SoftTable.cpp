@@ -31,6 +31,16 @@ std::uint64_t PendingHwWrites::begin(std::size_t operations) {
   return first;
 }
 
+bool PendingHwWrites::takeRefused() {
+  if (!writesToRefused_) return false;
+  if (*writesToRefused_ != 0) {
+    --*writesToRefused_;
+    return false;
+  }
+  writesToRefused_.reset();
+  return true;
+}
+
 void PendingHwWrites::end(std::size_t operations) {
   KILN_ASSERT(operations <= operations_);
   const bool was = pendingHwWrites();
@@ -55,6 +65,7 @@ void SoftTable::watcherIs(TableWatcher& watcher, bool on) {
 
 std::uint64_t SoftTable::beginOperation(bool isWrite) {
   ++(isWrite ? operations_.writes : operations_.removals);
+  refusesThis_ = isWrite && pending_.takeRefused();
   return pending_.begin(1);
 }
 
@@ -116,14 +127,11 @@ void SoftTable::answerModeIs(AnswerMode mode) {
   if (mode != AnswerMode::hold) answer(Order::fifo, held_.size());
 }
 
-void SoftTable::answer(Order order, std::size_t count) {
-  for (; count != 0 && !held_.empty(); --count) {
-    if (order == Order::lifo) {
-      released_.push_back(std::move(held_.back()));
-      held_.pop_back();
-    } else {
-      released_.push_back(takeFront(held_));
-    }
+void SoftTable::answer(Order order, std::size_t count, std::size_t skip) {
+  for (; count != 0 && skip < held_.size(); --count) {
+    const std::size_t at = order == Order::lifo ? held_.size() - 1 - skip : skip;
+    released_.push_back(std::move(held_[at]));
+    held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(at));
   }
   if (!released_.empty()) task_.scheduleTask();
 }

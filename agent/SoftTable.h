@@ -92,7 +92,13 @@ class PendingHwWrites final : public Asic::OrderedTableStatus {
   void end(std::size_t operations);
   void forgetSubscribers() { subscribers_.forgetAll(); }
 
+  /// Of the writes from now on, counted from 0, the chip refuses this; none of them if it is nothing.
+  void refusedIs(std::optional<std::uint32_t> write) { writesToRefused_ = write; }
+  /// A write begins: whether it is that one.
+  [[nodiscard]] bool takeRefused();
+
  private:
+  std::optional<std::uint32_t> writesToRefused_;
   std::size_t operations_ = 0;
   std::uint64_t begun_ = 0;
   mutable ChangeSubscribers subscribers_;
@@ -142,9 +148,9 @@ class SoftTable {
   [[nodiscard]] AnswerMode answerMode() const { return mode_; }
   /// Leaving `hold` lets every held answer go, in the order of the operations.
   void answerModeIs(AnswerMode mode);
-  /// Lets up to `count` held answers go, the oldest or the newest first. They are delivered by the table's
-  /// task, in just that order.
-  void answer(Order order, std::size_t count);
+  /// Lets up to `count` held answers go, the oldest or the newest first, of which the first `skip` stay. They
+  /// are delivered by the table's task, in just that order.
+  void answer(Order order, std::size_t count, std::size_t skip = 0);
   [[nodiscard]] std::size_t held() const { return held_.size(); }
   /// Whether operations are answered within the call that issues them, unless they are held.
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
@@ -179,7 +185,8 @@ class SoftTable {
   std::uint64_t beginOperation(bool isWrite);
   /// Takes over the answer of an operation, which has this outcome unless it is yet to be applied.
   void deliver(std::uint64_t number, EntryState outcome, ResponseHandler&& handler);
-  [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse; }
+  /// Whether the operation that began last is refused, if it is a write.
+  [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse || refusesThis_; }
   [[nodiscard]] bool appliesLater() const { return applies_ == Applies::answered; }
   [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
   /// Whether there is room for one more entry of this table's key type.
@@ -226,6 +233,7 @@ class SoftTable {
   AnswerMode mode_ = AnswerMode::success;
   Applies applies_ = Applies::issued;
   bool insideCall_ = false;
+  bool refusesThis_ = false;
   Answers due_;       ///< to be given in this order, or in any with a seed
   Answers released_;  ///< held once, to be given in this order
   Answers held_;

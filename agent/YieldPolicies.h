@@ -9,10 +9,9 @@
 
 namespace KilnAgent {
 
-/// Yields after every `items` items of work.
+/// Yields after every `items` items of work; never where that is 0.
 class EveryItems final : public KilnPlatform::YieldPolicy {
  public:
-  /// `items` is at least 1.
   explicit EveryItems(std::uint32_t items) : items_(items) {}
   std::uint32_t sliceBegins() override { return items_; }
   std::uint32_t ask(std::uint32_t /*itemsDone*/) override { return 0; }

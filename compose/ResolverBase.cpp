@@ -161,7 +161,7 @@ void ResolverBase::sweep(std::string reportAs) {
   sweepReport_ = std::move(reportAs);
   sweepTask_ = std::make_unique<Task>(
       control().scheduler, control().priority, fmt::format("{}-SweepTask", className()),
-      [](void* owner) { static_cast<ResolverBase*>(owner)->runSweep(); }, this);
+      [](void* owner) { static_cast<ResolverBase*>(owner)->runSweep(); }, this, 0, name());
   sweeping_ = true;
   sweepCursor_ = {};
   runSweep();

@@ -22,11 +22,13 @@ class Task {
   using Run = void (*)(void* owner);
 
   /// `priority`: the greater number runs first. `patience`: how many runs of other tasks may pass while this
-  /// one is ready before it runs in spite of its lower priority; 0 waits without bound.
+  /// one is ready before it runs in spite of its lower priority; 0 waits without bound. `instance` tells
+  /// tasks of one name apart.
   Task(Ref<TaskScheduler> scheduler, int priority, std::string name, Run slice, void* owner,
-       std::uint32_t patience = 0)
+       std::uint32_t patience = 0, std::string instance = {})
       : scheduler_(std::move(scheduler)),
         name_(std::move(name)),
+        instance_(std::move(instance)),
         run_(slice),
         owner_(owner),
         priority_(priority),
@@ -39,6 +41,8 @@ class Task {
   inline void scheduleTask();
 
   [[nodiscard]] std::string_view name() const { return name_; }
+  /// Whose task it is, if others have the same name; may be empty.
+  [[nodiscard]] std::string_view instance() const { return instance_; }
   [[nodiscard]] int priority() const { return priority_; }
   [[nodiscard]] std::uint32_t patience() const { return patience_; }
   [[nodiscard]] const Ref<TaskScheduler>& scheduler() const { return scheduler_; }
@@ -52,6 +56,7 @@ class Task {
  private:
   Ref<TaskScheduler> scheduler_;
   std::string name_;
+  std::string instance_;
   Run run_;
   void* owner_;
   int priority_;

@@ -42,7 +42,7 @@ void InputBase::createScanTask() {
         input.doInputScan();
         stage.reapInputs();
       },
-      this);
+      this, 0, stage_.name());
 }
 
 void InputBase::stop() {
@@ -117,7 +117,7 @@ void OutputBase::startReconciling() {
         const KilnPlatform::RunningStageScope scope(output.stage_.name());
         output.ready_ ? output.forgetSeen() : output.handleInputReady();
       },
-      this);
+      this, 0, stage_.name());
   stage_.tracer().trace<9>("Reconciling {}: {:}", name_, reconciling_);
   reconciliationStateIs(ReconciliationState::skipDeletions);
 }
@@ -278,7 +278,7 @@ void Stage::initialize() {
   checkArguments();
   eventTask_ = std::make_unique<Task>(
       control_.scheduler, control_.priority, fmt::format("KilnEmServer::{}-EventTask", className_),
-      [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this);
+      [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this, 0, name_);
   tracer_.trace<9>("initialized");
   for (OutputBase* output : outputs_) output->startReconciling();
   handleInitialized();

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,55 @@ struct Verdict {
       digests;                    ///< of all that was seen from outside, at each quiet moment and the end
   std::vector<std::size_t> idle;  ///< operations that the agent's state did not allow, and that did nothing
   std::vector<KilnAgent::Operation> expected;  ///< what statuses and tables were to hold and did not
+};
+
+/// One run: an agent of its own under the judge.
+class Run {
+ public:
+  /// Counts into `tally`, and, unless `marks` is null, which traces were passed; with them everything is
+  /// traced.
+  Run(const Plan& plan, Tally& tally, Marks* marks);
+
+  /// False if the agent's state did not allow the operation.
+  bool execute(const KilnAgent::Operation& operation);
+  /// Runs one slice of a ready task, in which the chip refuses this write, if any.
+  void runSlice(KilnPlatform::Task& task, KilnPlatform::YieldPolicy& policy,
+                std::optional<std::uint32_t> refused);
+  /// No task is ready: compares everything with what must hold now.
+  void judge();
+  /// What was wrong, and what was seen.
+  void finish(Verdict& verdict);
+  [[nodiscard]] bool failed() const { return !wrong_.empty(); }
+  [[nodiscard]] const std::string& wrong() const { return wrong_; }
+  [[nodiscard]] KilnAgent::EmbeddedAgent& agent() { return agent_; }
+  [[nodiscard]] const Watch& watch() const { return watch_; }
+
+ private:
+  template <class T>
+  bool executeOne(const T& operation);
+  template <class T>
+  void countFault(const T& operation);
+  KilnAgent::SoftTable& tableOf(int type) { return agent_.chip().table(static_cast<TableTag>(type)); }
+  void note(const std::string& wrong) { wrong_ += wrong; }
+  void noteObserved();
+  void settle();
+  [[nodiscard]] bool allAnswered() const;
+  void setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found);
+  [[nodiscard]] std::string domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const;
+  [[nodiscard]] std::set<std::string> afterReconciliation() const;
+  [[nodiscard]] std::string incomplete() const;
+  [[nodiscard]] std::string leftovers() const;
+  void expect(const Outcome& expected, const Outcome& found);
+
+  Tally& tally_;
+  KilnAgent::Ref<Marks> marks_;
+  KilnAgent::EmbeddedAgent agent_;
+  KilnAgent::Scenario scenario_;
+  Watch watch_;
+  std::set<std::string> stageNames_;  ///< of the stage map, which is the same for every server
+  std::string wrong_;
+  std::vector<KilnAgent::Operation> expected_;
+  std::vector<std::uint64_t> digests_;
 };
 
 /// Runs a plan on an agent of its own. `progress` is told each step before it is made. Counts into `tally`,

@@ -66,12 +66,13 @@ void Watch::say(std::string text) {
 // --- Servers come and go -----------------------------------------------------------------------------------
 
 void Watch::serverEnds(bool reverted) {
-  if (!restarted_ && changes_ == 0 && comparable_) sizes_ = agent_.server().leftovers();
+  if (!restarted_ && changes_ == 0) sizes_ = agent_.server().leftovers();
   agent_.vlanDomains().status()->status().unsubscribe(*this);
   agent_.vlanDomains().config()->config().unsubscribe(domainRequests_);
   agent_.server().dependencyStatus().completed().unsubscribe(*this);
   agent_.store().observerDel(*this);
   restarted_ = true;
+  restartSettled_ = false;
   if (reverted) changes_ += 2;
 }
 
@@ -344,7 +345,7 @@ std::set<Subject> Watch::unwritable(const EmResolvedKey& hwKey) const {
 }
 
 void Watch::checkMoved(const EmResolvedKey& from) {
-  if (inputs_ != 1 || restarted_ || !comparable_) return;
+  if (inputs_ != 1 || restarted_) return;
   for (const auto& [place, was] : before_.statuses) {
     const auto& key = std::get<2>(place);
     const auto interface = interfaceOf(key.emComposerKey);
@@ -382,7 +383,7 @@ void Watch::handleApplied(const KilnAgent::HwOperation& operation, EntryState ou
 }
 
 void Watch::handleAnswered(std::uint64_t number) {
-  log_.answered(number, inputs_ == 0 && !restarted_);
+  log_.answered(number, inputs_ == inputsSettled_ && restartSettled_);
 }
 
 void Watch::checkOwner(const EmResolvedKey& key) {
@@ -407,23 +408,28 @@ bool Watch::refused(const EmResolvedKey& key, const EmEntry& entry) const {
 
 // --- Windows -----------------------------------------------------------------------------------------------
 
-void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable) {
-  if (changes_ <= 1 && comparable_ && comparable) checkWindow(expected);
-  if (changes_ == 0 && restarted_ && comparable_ && comparable) checkSizes();
+void Watch::quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool answered) {
+  if (changes_ <= 1 && answered) checkWindow(expected);
+  if (changes_ == 0 && restarted_ && answered) checkSizes();
   log_.settled(expected.winners);
   checkStatuses(wanted, expected, found);
   checkWaiting(expected);
   checkDomains(wanted);
+  inputsSettled_ = inputs_;
+  restartSettled_ = true;
+  if (answered) beginWindow(wanted, expected);
+}
+
+void Watch::beginWindow(const Wanted& wanted, const Outcome& expected) {
   changes_ = 0;
   restarted_ = false;
   inputs_ = 0;
-  comparable_ = comparable;
+  inputsSettled_ = 0;
   before_ = expected;
   refused_.clear();
   for (const auto& [key, write] : lastWrite_) {
     if (write.refused) refused_.insert(key);
   }
-  beforeFound_ = found;
   statusChanges_.clear();
   touched_.clear();
   requested_.clear();

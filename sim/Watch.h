@@ -55,9 +55,9 @@ class Watch final : private KilnAgent::StoreObserver,
   void makesRoom(TableTag table) { madeRoom_.insert(table); }
   /// Interfaces may get the domains of others by hand.
   void allotsByHand() { byHand_ = true; }
-  /// The server is quiet. This is what must stand, `comparable` unless some answers are held back, and what
-  /// does.
-  void quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool comparable);
+  /// No task is ready. This is what must be published and programmed, and what is. The window ends if every
+  /// operation is answered.
+  void quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool answered);
 
   /// Whether the chip's last word on this write was a refusal.
   [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
@@ -116,6 +116,7 @@ class Watch final : private KilnAgent::StoreObserver,
   /// A key that only moves is written where it goes before it is removed where it was.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
+  void beginWindow(const Wanted& wanted, const Outcome& expected);
   /// A status of this version or result is to stand; none where neither is given.
   void expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
                     std::optional<std::uint8_t> result);
@@ -154,14 +155,15 @@ class Watch final : private KilnAgent::StoreObserver,
   std::map<EmResolvedKey, LastWrite> lastWrite_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
 
+  std::size_t inputsSettled_ = 0;  ///< of the window, at the last moment without a ready task
+  bool restartSettled_ = true;     ///< whether there was such a moment since the restart
+
   // Of this window.
   std::size_t changes_ = 0;
   bool restarted_ = false;
   std::size_t inputs_ = 0;
-  bool comparable_ = false;  ///< at the window's begin
   Outcome before_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
-  Outcome beforeFound_;
   std::set<EmResolvedKey> refused_;  ///< keys of which a write was refused, at the window's begin or in it
   Sizes sizes_;                      ///< of what the server held before it went
   std::set<RequestPlace> contenders_;

@@ -1,0 +1,34 @@
+// A small scenario: what is explored, and under which choices.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/Operation.h"
+
+namespace KilnSim {
+
+/// How often each of these may happen in one run, at a moment of the explorer's choice.
+struct Troubles {
+  unsigned refusals = 0;  ///< writes that the chip refuses
+  unsigned restarts = 0;  ///< of the server
+  unsigned crashes = 0;   ///< of the server
+  unsigned losses = 0;    ///< crashes with which the store loses what is not committed
+};
+
+/// A file of operations. Its first line says `// explore: KEY VALUE ...`; a line `// explored from here`
+/// ends the part that only sets the state up.
+struct SmallScenario {
+  std::string file;
+  Troubles troubles;
+  /// Whether statuses and tables at the end may depend on the schedule.
+  bool endsDiffer = false;
+  unsigned bound = 2;  ///< deviations from the default order up to which the tests explore it
+  std::vector<KilnAgent::Operation> setUp;
+  std::vector<KilnAgent::Operation> explored;
+};
+
+/// Throws InputError if the file is none.
+SmallScenario readSmallScenario(const std::string& file);
+
+}  // namespace KilnSim
