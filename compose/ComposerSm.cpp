@@ -37,6 +37,21 @@ void ComposerSm::ResourceWalk::handleNext() {
   composer_.resourceUpdateHandled(walked, state_);
 }
 
+void ComposerSm::ResourceWalk::noteState(StateDigest& digest) const {
+  InputBase::noteState(digest);
+  digest.add(std::tie(current_, state_));
+  const auto* coll = current_ ? composer_.resolverKeyToEmLogicalKey_.find(*current_) : nullptr;
+  if (coll != nullptr) digest.addLeft((*coll)->emLogicalKeySet(), cursor_);
+}
+
+void ComposerSm::ResourceWalk::notePending(PendingDigests& pending) const {
+  const StateDigest::Value own = identity();
+  if (current_) pending.push_back({arrival_, own});
+  waiting_.forEach([&](const ResolverKey& resolverKey, Arrival arrival) {
+    pending.push_back({arrival, StateDigest::valueOf(own, resolverKey)});
+  });
+}
+
 // --- AskedResources ----------------------------------------------------------------------------------------
 
 ComposerSm::AskedResources::AskedResources(ComposerSm& composer)
@@ -70,6 +85,17 @@ std::size_t ComposerSm::AskedResources::size() const {
     if (asked != nullptr) resources += asked->resolverRequest().size();
   }
   return resources;
+}
+
+void ComposerSm::AskedResources::noteState(StateDigest& digest) const {
+  OutputBase::noteState(digest);
+  if (!reconciling()) return;
+  const auto& types = composer_.resolverTypes();
+  for (std::size_t type = type_; type < types.size(); ++type) {
+    const ResolverComposerConfig* asked = composer_.askedOf(types[type]);
+    const auto cursor = type == type_ ? cursor_ : KilnPlatform::ScanCursor<ResolverKey>();
+    if (asked != nullptr) digest.addLeft(asked->resolverRequest(), cursor);
+  }
 }
 
 bool ComposerSm::AskedResources::deleteNext() {
@@ -444,6 +470,27 @@ void ComposerSm::countState(const EmLogicalKey& emKey, const State* from, const 
     (*coll)->outcomesAwaited += std::size_t{isAwaited(to)} - std::size_t{isAwaited(from)};
     (*coll)->outcomesKnown += std::size_t{isKnown(to)} - std::size_t{isKnown(from)};
   });
+}
+
+// --- Digest ------------------------------------------------------------------------------------------------
+
+// Epochs are only compared with the present one.
+void ComposerSm::noteState(StateDigest& digest) const {
+  Stage::noteState(digest);
+  digest.unordered([&](auto&& item) {
+    resolverKeyToEmLogicalKey_.map().forEach([&](const ResolverKey& resolverKey, const auto& coll) {
+      item(resolverKey, coll->inUseSince == inUseVer_);
+    });
+  });
+  for (const ResolverKeyUnionTag type : resolverTypes()) {
+    const ResolverComposerConfig* asked = askedOf(type);
+    if (asked == nullptr) continue;
+    digest.unordered([&](auto&& item) {
+      forEachIn(asked->resolverRequest(), [&](const ResolverKey& resolverKey, const ResolverRequest& request) {
+        item(resolverKey, request.inUseVer == inUseVer_);
+      });
+    });
+  }
 }
 
 }  // namespace KilnEmServer

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "compose/Departures.h"
@@ -45,6 +46,15 @@ class ResolverEmLogicalKeyColl {
   /// The epoch of the composer in which it last told the resolver that the resolution is in use. A change of
   /// the resolution begins another epoch.
   std::optional<std::uint64_t> inUseSince;
+
+  /// Without the epoch, which the composer compares.
+  void noteState(StateDigest& digest) const {
+    digest.add(std::tie(outcomesAwaited, outcomesKnown, handled));
+    digest.walked([&](auto&& item) {
+      KilnPlatform::ScanCursor<EmLogicalKey> cursor;
+      while (const EmLogicalKey* emKey = emLogicalKeySet_.scanNext(cursor)) item(*emKey);
+    });
+  }
 
  private:
   ResolverKey resolverKey_;
@@ -102,6 +112,8 @@ class ComposerSm : public Stage, private Departures::Composer {
   void handleResourceUpdate(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
                             const ResolutionState* state);
 
+  void noteState(StateDigest& digest) const override;
+
  protected:
   void checkArguments() const override;
   void handleInitialized() override;
@@ -122,6 +134,8 @@ class ComposerSm : public Stage, private Departures::Composer {
     [[nodiscard]] Arrival headArrival() const override {
       return current_ ? arrival_ : waiting_.headArrival();
     }
+    void noteState(StateDigest& digest) const override;
+    void notePending(PendingDigests& pending) const override;
 
    private:
     void handleNext() override;
@@ -144,6 +158,9 @@ class ComposerSm : public Stage, private Departures::Composer {
     void checkArgument() const override {}
     bool deleteNext() override;
     [[nodiscard]] std::size_t size() const override;
+    void noteState(StateDigest& digest) const override;
+    /// The resolvers' collections are described where they are.
+    void noteContent(StateDigest& /*digest*/) const override {}
 
    private:
     void beginSeen() override { rewind(); }

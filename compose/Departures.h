@@ -59,6 +59,10 @@ class Departures final : public LocalState {
 
   [[nodiscard]] std::size_t size() const override { return leaving_.size(); }
   void clear() override;
+  void noteState(StateDigest& digest) const override {
+    digest.unordered([&](auto&& item) { leaving_.forEach(item); });
+    toCheck_.forEach([&](const EmLogicalKey& emKey, Arrival /*arrival*/) { digest.add(emKey); });
+  }
 
  private:
   void run();

@@ -187,4 +187,11 @@ void ResolverBase::sweepNext() {
   deleteRequest(resolverKey);
 }
 
+void ResolverBase::noteState(StateDigest& digest) const {
+  Stage::noteState(digest);
+  digest.add(givesBack_);
+  digest.add(sweeping_);
+  if (sweeping_) digest.addLeft(resolverStatus().status(), sweepCursor_);
+}
+
 }  // namespace KilnEmServer

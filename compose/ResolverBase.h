@@ -53,6 +53,8 @@ class ResolverBase : public Stage {
   /// `reportAs` is recorded as complete in the dependency status when all is done; nothing where it is empty.
   void sweep(std::string reportAs = {});
 
+  void noteState(StateDigest& digest) const override;
+
  protected:
   void checkArguments() const override;
   void handleInitialized() override;

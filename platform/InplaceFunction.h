@@ -31,10 +31,7 @@ class InplaceFunction<R(Args...), Capacity> {
     invoke_ = [](void* self, Args... args) -> R {
       return (*static_cast<T*>(self))(std::forward<Args>(args)...);
     };
-    relocate_ = [](void* from, void* to) noexcept {
-      if (to != nullptr) ::new (to) T(std::move(*static_cast<T*>(from)));
-      static_cast<T*>(from)->~T();
-    };
+    relocate_ = &relocate<T>;
   }
 
   InplaceFunction(InplaceFunction&& other) noexcept { takeFrom(other); }
@@ -54,6 +51,11 @@ class InplaceFunction<R(Args...), Capacity> {
     KILN_ASSERT(invoke_ != nullptr);
     return invoke_(storage_, std::forward<Args>(args)...);
   }
+  /// The target if it is of type T, else null.
+  template <class T>
+  [[nodiscard]] const T* target() const {
+    return relocate_ == &relocate<T> ? reinterpret_cast<const T*>(storage_) : nullptr;
+  }
   /// Destroys the target.
   void reset() {
     if (relocate_ != nullptr) relocate_(storage_, nullptr);
@@ -62,6 +64,11 @@ class InplaceFunction<R(Args...), Capacity> {
   }
 
  private:
+  template <class T>
+  static void relocate(void* from, void* to) noexcept {
+    if (to != nullptr) ::new (to) T(std::move(*static_cast<T*>(from)));
+    static_cast<T*>(from)->~T();
+  }
   void takeFrom(InplaceFunction& other) noexcept {
     if (other.relocate_ != nullptr) other.relocate_(other.storage_, storage_);
     invoke_ = std::exchange(other.invoke_, nullptr);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "runtime/EmTypes.h"
@@ -40,6 +41,10 @@ class FeatureTypeLogicalKeySet {
     if (others_ == nullptr) return;
     for (const auto& [key, entry] : *others_) visit(key);
   }
+  void noteState(StateDigest& digest) const {
+    digest.add(featureType_);
+    forEachKey([&](const EmLogicalKey& key) { digest.add(std::tie(key, *logicalKeyToEntry(key))); });
+  }
 
  private:
   using Others = std::map<EmLogicalKey, EmConfigEntry>;
@@ -68,6 +73,7 @@ class ConflictKeyToLogicalKeySet {
         std::as_const(*this).featureTypeToLogicalKeySet(featureType));
   }
   void featureTypeToLogicalKeySetDel(FeatureType featureType);
+  void noteState(StateDigest& digest) const { digest.add(sets_); }
   /// The set of the greatest feature type; never null, since no empty level survives.
   [[nodiscard]] const FeatureTypeLogicalKeySet* greatest() const {
     return sets_.empty() ? nullptr : &sets_.back();
@@ -96,6 +102,10 @@ class ConflictKeySet final : public LocalState {
 
   [[nodiscard]] std::size_t size() const override { return sets_.size() + divergent_.size(); }
   void clear() override;
+  void noteState(StateDigest& digest) const override {
+    digest.unordered([&](auto&& item) { sets_.forEach(item); });
+    digest.add(divergent_);
+  }
 
  private:
   ConflictKeyToLogicalKeySet& hwKeyToLogicalKeySetIs(const EmHwKey& hwKey);

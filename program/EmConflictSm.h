@@ -110,6 +110,9 @@ class EmConflictSm final : public Stage {
     PendingKeys<EmLogicalKey> keys;
     [[nodiscard]] std::size_t size() const override { return keys.size(); }
     void clear() override { keys.clear(); }
+    void noteState(StateDigest& digest) const override {
+      keys.forEach([&](const EmLogicalKey& emKey, Arrival /*arrival*/) { digest.add(emKey); });
+    }
   };
   Waiting waiting_;
   std::unique_ptr<Task> pendingTask_;

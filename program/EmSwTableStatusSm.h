@@ -41,6 +41,13 @@ class EmSwTableStatusSm final : public Stage {
     }
     [[nodiscard]] std::size_t size() const override { return keys_.size(); }
     void clear() override { keys_.clear(); }
+    void noteState(StateDigest& digest) const override {
+      digest.unordered([&](auto&& item) {
+        keys_.forEach([&](const EmLogicalKey& logicalKey, const HwKeys& hwKeys) {
+          for (const EmHwKey& hwKey : hwKeys) item(logicalKey, hwKey);
+        });
+      });
+    }
 
    private:
     static void remove(HwKeys& keys, const EmHwKey& hwKey);

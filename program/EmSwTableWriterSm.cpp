@@ -1,6 +1,7 @@
 #include "program/EmSwTableWriterSm.h"
 
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -105,9 +106,7 @@ void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
   const Issued issued = issue(keyLatestDeleteVersion_.issue(hwKey));
   tracer().trace<9>("{} del {}", name(), hwKey);
   try {
-    deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, issued](const EntryHandleRef& handle) {
-      if (const auto self = writer.lock()) self->handleDeleteResponse(handle->entryState(), hwKey, issued);
-    });
+    deleteTableEntry(hwKey, DeleteHandler{weak_from_this(), hwKey, issued});
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: delete of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
     handleDeleteResponse(Asic::SwTableBase::success(), hwKey, issued);
@@ -120,12 +119,8 @@ void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAnd
   tracer().trace<9>("{} add {}", name(), hwKey);
   writtenKeys_.written(hwKey, logicalKeyAndEntry.emLogicalKey, issued.operation);
   try {
-    writeTableEntry(
-        hwKey, logicalKeyAndEntry.emEntry.emEntry,
-        [writer = weak_from_this(), hwKey, logicalKeyAndEntry, issued](const EntryHandleRef& handle) {
-          if (const auto self = writer.lock())
-            self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, issued);
-        });
+    writeTableEntry(hwKey, logicalKeyAndEntry.emEntry.emEntry,
+                    WriteHandler{weak_from_this(), hwKey, logicalKeyAndEntry, issued});
   } catch (const std::range_error& error) {
     tracer().trace<0>("{}: write of {} reached no table: {}", name(), hwKey, std::string_view(error.what()));
     removeUnwritable(hwKey, logicalKeyAndEntry, issued);
@@ -137,13 +132,7 @@ void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAnd
 void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                          const Issued& issued) {
   try {
-    deleteTableEntry(hwKey, [writer = weak_from_this(), hwKey, logicalKeyAndEntry,
-                             issued](const EntryHandleRef& /*handle*/) {
-      const auto self = writer.lock();
-      if (self == nullptr) return;
-      self->takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
-      self->noteDeparture();
-    });
+    deleteTableEntry(hwKey, UnwritableHandler{weak_from_this(), hwKey, logicalKeyAndEntry, issued});
   } catch (const std::range_error&) {
     takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
   }
@@ -165,6 +154,22 @@ void EmSwTableWriterSm::tellOperation() const {
 }
 
 // --- Answers -----------------------------------------------------------------------------------------------
+
+void EmSwTableWriterSm::WriteHandler::operator()(const EntryHandleRef& handle) const {
+  if (const auto self = writer.lock())
+    self->handleWriteResponse(handle->entryState(), hwKey, logicalKeyAndEntry, issued);
+}
+
+void EmSwTableWriterSm::DeleteHandler::operator()(const EntryHandleRef& handle) const {
+  if (const auto self = writer.lock()) self->handleDeleteResponse(handle->entryState(), hwKey, issued);
+}
+
+void EmSwTableWriterSm::UnwritableHandler::operator()(const EntryHandleRef& /*handle*/) const {
+  const auto self = writer.lock();
+  if (self == nullptr) return;
+  self->takeWriteAnswer(false, hwKey, logicalKeyAndEntry, issued);
+  self->noteDeparture();
+}
 
 void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                                             const EmLogicalKeyAndEntry& logicalKeyAndEntry,
@@ -236,6 +241,44 @@ std::uint32_t EmSwTableWriterSm::Versions::issue(const EmHwKey& hwKey) {
 std::uint32_t EmSwTableWriterSm::Versions::latest(const EmHwKey& hwKey) const {
   const std::uint32_t* version = latest_.find(hwKey);
   return version == nullptr ? 0 : *version;
+}
+
+// --- Digest ------------------------------------------------------------------------------------------------
+
+template <class Visitor>
+bool EmSwTableWriterSm::visit(const ResponseHandler& handler, Visitor&& visitor) {
+  const auto visitIf = [&](const auto* known) {
+    if (known != nullptr) visitor(*known);
+    return known != nullptr;
+  };
+  return visitIf(handler.target<WriteHandler>()) || visitIf(handler.target<DeleteHandler>()) ||
+         visitIf(handler.target<UnwritableHandler>());
+}
+
+bool EmSwTableWriterSm::noteAnswer(StateDigest& digest, const ResponseHandler& handler) {
+  return visit(handler, [&]<class Handler>(const Handler& known) {
+    const auto self = known.writer.lock();
+    digest.add(self != nullptr);
+    if (self == nullptr) return;  // nothing will be done
+    const Issued& issued = known.issued;
+    digest.add(known.hwKey);
+    constexpr bool kRemoval = std::is_same_v<Handler, DeleteHandler>;
+    digest.add(kRemoval);
+    if constexpr (!kRemoval) {
+      digest.add(std::is_same_v<Handler, WriteHandler>);
+      digest.add(known.logicalKeyAndEntry);
+    }
+    const Versions& versions = kRemoval ? self->keyLatestDeleteVersion_ : self->keyLatestWriteVersion_;
+    digest.add(versions.latest(known.hwKey) == issued.version);
+    digest.add(self->refusedKeys_ && self->refusedKeys_->moment() == issued.moment);
+    self->writtenKeys_.noteOperation(digest, known.hwKey, issued.operation);
+  });
+}
+
+const EmHwKey* EmSwTableWriterSm::keyOf(const ResponseHandler& handler) {
+  const EmHwKey* hwKey = nullptr;
+  visit(handler, [&](const auto& known) { hwKey = &known.hwKey; });
+  return hwKey;
 }
 
 }  // namespace KilnEmServer

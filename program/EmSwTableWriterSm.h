@@ -65,6 +65,12 @@ class EmSwTableWriterSm : public Stage,
   void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
   void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
 
+  /// Describes what an answer that a table owes will do: to `digest`, with the state of the writer that it is
+  /// for. False if the handler is not a writer's.
+  static bool noteAnswer(StateDigest& digest, const ResponseHandler& handler);
+  /// The hardware key of the operation that the handler waits for; null if the handler is not a writer's.
+  [[nodiscard]] static const EmHwKey* keyOf(const ResponseHandler& handler);
+
  protected:
   EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType, Ref<const EmSwTableConfig> emSwTableConfig,
                     Ref<EmSwTableStatus> emSwTableStatus, std::string name,
@@ -83,6 +89,30 @@ class EmSwTableWriterSm : public Stage,
     OperationNumber operation = 0;  ///< among all of this writer
     std::uint32_t moment = 0;       ///< RefusedKeys::moment() when it was issued
   };
+  // What waits for the answer of a write, of a removal, and of the removal that takes the place of a write.
+  struct WriteHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    EmLogicalKeyAndEntry logicalKeyAndEntry;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  struct DeleteHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  struct UnwritableHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    EmLogicalKeyAndEntry logicalKeyAndEntry;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  /// Calls `visitor(handler)` with the handler by its type; false if it is of none of them.
+  template <class Visitor>
+  static bool visit(const ResponseHandler& handler, Visitor&& visitor);
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
     return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
   }
@@ -116,6 +146,12 @@ class EmSwTableWriterSm : public Stage,
     void del(const EmHwKey& hwKey) { latest_.del(hwKey); }
     [[nodiscard]] std::size_t size() const override { return latest_.size(); }
     void clear() override { latest_.clear(); }
+    /// Which of the unanswered operations has the latest version is described with these.
+    void noteState(StateDigest& digest) const override {
+      digest.unordered([&](auto&& item) {
+        latest_.forEach([&](const EmHwKey& hwKey, std::uint32_t /*version*/) { item(hwKey); });
+      });
+    }
 
    private:
     std::uint32_t counter_ = 0;

@@ -58,6 +58,16 @@ std::size_t RefusedKeys::pendingCount() const {
   return immediate_.size() + std::size_t{firstDue};
 }
 
+// Orders are compared with each other and with the last one that is due. How often something left is compared
+// for equality with the moments of unanswered writes, and described with these.
+void RefusedKeys::noteState(StateDigest& digest) const {
+  InputBase::noteState(digest);
+  digest.add(departures_);
+  for (const auto& [order, hwKey] : waiting_.byOrder) digest.add(order <= dueUpTo_);
+  immediate_.forEach([&](const EmHwKey& hwKey, Arrival /*arrival*/) { digest.add(hwKey); });
+  digest.add(immediate_.size());
+}
+
 void RefusedKeys::handleNext() {
   EmHwKey hwKey;
   if (!immediate_.empty()) {

@@ -47,6 +47,10 @@ class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
 
   [[nodiscard]] std::size_t pendingCount() const override;
   [[nodiscard]] Arrival headArrival() const override { return arrival_; }
+  void noteState(StateDigest& digest) const override;
+  void notePending(PendingDigests& pending) const override {
+    if (hasPending()) pending.push_back({arrival_, identity()});
+  }
 
  private:
   using Order = std::uint64_t;
@@ -64,6 +68,9 @@ class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
     void clear() override {
       byOrder.clear();
       orderOf.clear();
+    }
+    void noteState(StateDigest& digest) const override {
+      for (const auto& [order, hwKey] : byOrder) digest.add(hwKey);
     }
 
     std::map<Order, EmHwKey> byOrder;

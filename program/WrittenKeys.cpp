@@ -85,4 +85,31 @@ void WrittenKeys::count(const EmLogicalKey& emLogicalKey, bool more) {
   }
 }
 
+template <class Visitor>
+void WrittenKeys::forEachOwner(const Owners& owners, Visitor&& visit) {
+  if (owners.first.emLogicalKey) visit(owners.first);
+  if (owners.second.emLogicalKey) visit(owners.second);
+  if (owners.others == nullptr) return;
+  for (const Owner& owner : *owners.others) visit(owner);
+}
+
+// Numbers are compared with those of unanswered operations only, and described with these.
+void WrittenKeys::noteState(StateDigest& digest) const {
+  digest.unordered([&](auto&& item) {
+    owners_.forEach([&](const EmHwKey& hwKey, const Owners& owners) {
+      forEachOwner(owners, [&](const Owner& owner) { item(hwKey, owner.emLogicalKey.key()); });
+    });
+  });
+}
+
+void WrittenKeys::noteOperation(StateDigest& digest, const EmHwKey& hwKey, OperationNumber operation) const {
+  const Owners* owners = owners_.find(hwKey);
+  if (owners == nullptr) return;
+  digest.unordered([&](auto&& item) {
+    forEachOwner(*owners, [&](const Owner& owner) {
+      item(owner.emLogicalKey.key(), owner.last < operation, owner.last == operation);
+    });
+  });
+}
+
 }  // namespace KilnEmServer

@@ -30,6 +30,9 @@ class WrittenKeys final : public LocalState {
 
   [[nodiscard]] std::size_t size() const override { return owners_.size(); }
   void clear() override { owners_.clear(); }
+  void noteState(StateDigest& digest) const override;
+  /// Describes what the answer of an operation on `hwKey` will say of those for which it may hold entries.
+  void noteOperation(StateDigest& digest, const EmHwKey& hwKey, OperationNumber operation) const;
 
  private:
   /// A logical key whose entry is, or may be, stored under a hardware key.
@@ -44,6 +47,8 @@ class WrittenKeys final : public LocalState {
     std::unique_ptr<std::vector<Owner>> others;  ///< only if there is a second
   };
 
+  template <class Visitor>
+  static void forEachOwner(const Owners& owners, Visitor&& visit);
   [[nodiscard]] static Owner* find(Owners& owners, const EmLogicalKey& emLogicalKey);
   void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
   void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);

@@ -145,6 +145,16 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   [[nodiscard]] bool changeWaits(const void* space, const void* key) const final {
     return space == &KeySpace<K>::instance() && changeWaits(*static_cast<const K*>(key));
   }
+  void noteState(StateDigest& digest) const override {
+    InputBase::noteState(digest);
+    if (!inputScanComplete()) digest.addLeft(static_cast<const Self*>(this)->collection(), cursor_);
+  }
+  void notePending(PendingDigests& pending) const final {
+    const StateDigest::Value own = identity();
+    pending_.forEach([&](const K& key, Arrival arrival) {
+      pending.push_back({arrival, StateDigest::valueOf(own, key)});
+    });
+  }
 
  protected:
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
@@ -416,11 +426,22 @@ class NestedInput final
     [[nodiscard]] bool retired() const {
       return retiring_ && this->inputScanComplete() && !this->hasPending();
     }
+    /// An entity that the outer collection no longer refers to is described here, and nowhere else.
+    void noteState(StateDigest& digest) const override {
+      InnerBase::noteState(digest);
+      const auto* current = parent_.collection().find(outerKey_);
+      const bool left = current == nullptr || *current != entity_;
+      digest.add(left);
+      if (left) digest.addContent(collection());
+    }
 
    private:
     [[nodiscard]] std::string_view scanKind() const override { return "child"; }
     [[nodiscard]] bool isChild() const override { return true; }
     [[nodiscard]] bool parentScanComplete() const override { return parent_.inputScanComplete(); }
+    [[nodiscard]] StateDigest::Value identity() const override {
+      return StateDigest::valueOf(this->pipeline(), outerKey_, retiring_);
+    }
 
     NestedInput& parent_;
     OuterKey outerKey_;

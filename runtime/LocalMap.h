@@ -50,6 +50,10 @@ class LocalMap {
   void clear() {
     values_.clear();
   }
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    for (const auto& [key, value] : values_) visit(key, value);
+  }
 
  private:
   std::map<K, V> values_;
@@ -75,6 +79,13 @@ class LocalMap {
     for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {
       values_.erase(handle);
       keys_.release(handle);
+    }
+  }
+  /// Visits every key and value; the map must not change in the meantime.
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {
+      visit(keys_.key(handle), *values_.find(handle));
     }
   }
   [[nodiscard]] const ColumnPlaces& places() const {

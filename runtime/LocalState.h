@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "platform/Assert.h"
@@ -33,6 +34,9 @@ class LocalCollection final : public LocalState {
   void clear() override { values_.clear(); }
   /// The map itself, for Input::changesLookInto.
   [[nodiscard]] const LocalMap<K, V>& map() const { return values_; }
+  void noteState(StateDigest& digest) const override {
+    digest.unordered([&](auto&& item) { values_.forEach(item); });
+  }
 
  private:
   LocalMap<K, V> values_;
@@ -68,6 +72,9 @@ class Cache final : public LocalState {
   }
   [[nodiscard]] std::size_t size() const override { return values_.size(); }
   void clear() override { values_.clear(); }
+  void noteState(StateDigest& digest) const override {
+    digest.unordered([&](auto&& item) { values_.forEach(item); });
+  }
 
  private:
   const Tracer& tracer_;
@@ -85,6 +92,10 @@ class GroupBy final : public LocalState {
     [[nodiscard]] std::size_t size() const { return size_; }
     /// The value of the member at a place below size().
     [[nodiscard]] const V& value(std::size_t at) const { return values_[at]; }
+    void noteState(StateDigest& digest) const {
+      digest.add(size_);
+      for (std::size_t at = 0; at < size_; ++at) digest.add(std::tie(keys_[at], values_[at]));
+    }
 
    private:
     friend GroupBy;
@@ -118,6 +129,9 @@ class GroupBy final : public LocalState {
   }
   [[nodiscard]] std::size_t size() const override { return groups_.size(); }
   void clear() override { groups_.clear(); }
+  void noteState(StateDigest& digest) const override {
+    digest.unordered([&](auto&& item) { groups_.forEach(item); });
+  }
 
  private:
   /// The member's place, or size() where the group does not have it.

@@ -108,6 +108,22 @@ class Output final : public OutputBase {
   }
   [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
 
+  void noteState(StateDigest& digest) const override {
+    OutputBase::noteState(digest);
+    digest.add(noteSeen_);
+    digest.add(marking_);
+    digest.add(awaited_ != nullptr);
+    if (awaited_ != nullptr) digest.addContent(*awaited_);
+    digest.add(marks_ != nullptr);
+    if (marks_ == nullptr) return;
+    digest.addContent(marks_->seen);
+    digest.addContent(marks_->heldBack);
+    if (reconciling() && noteSeen_) digest.addLeft(Attr::of(std::as_const(*entity_)), cursor_);
+  }
+  void noteContent(StateDigest& digest) const override {
+    digest.addContent(Attr::of(std::as_const(*entity_)));
+  }
+
  private:
   /// Which keys were written, and which deletions are held back.
   struct Marks {

@@ -56,6 +56,15 @@ class ArrivalQueue {
     const std::size_t at = begin_ + ahead;
     return at < kPerPage ? first_->items[at].number : first_->next->items[at - kPerPage].number;
   }
+  /// Visits every item, in order.
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    std::size_t at = begin_;
+    std::size_t left = size_;
+    for (const Page* page = first_; left != 0; page = page->next, at = 0) {
+      for (; left != 0 && at != kPerPage; ++at, --left) visit(page->items[at]);
+    }
+  }
   /// Takes the first number out; the queue must not be empty.
   KILN_ALWAYS_INLINE std::uint32_t pop() {
     KILN_ASSERT(size_ != 0);
@@ -126,6 +135,12 @@ class PendingKeys {
   }
   /// Arrival of the first key; the queue must not be empty.
   [[nodiscard]] Arrival headArrival() const { return queue_.firstArrival(); }
+
+  /// Visits every key with its arrival, in order.
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    queue_.forEach([&](const ArrivalQueue::Item& item) { visit(keys_.key(item.number), item.arrival); });
+  }
 
   /// Takes the first key out. From then on a change of it stands in the queue again.
   [[nodiscard]] KILN_ALWAYS_INLINE KeyUse<K> take() {

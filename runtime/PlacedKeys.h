@@ -11,9 +11,14 @@
 
 namespace KilnEmServer {
 
+/// The place of a key in the array of its set. It is no state: the sets say which keys they have.
+struct KeyPlace {
+  std::uint32_t at = 0;
+  void noteState(StateDigest& /*digest*/) const {}
+};
 /// The places of the keys of several sets, each in its own; a local state of the stage that has the sets.
 template <class K>
-using KeyPlaces = LocalCollection<K, std::uint32_t>;
+using KeyPlaces = LocalCollection<K, KeyPlace>;
 
 /// One of the sets that share their `KeyPlaces`: an array of keys, in which a removal moves the last one into
 /// the hole. With the places in a column a set needs no index of its own, whose cells would lie anywhere.
@@ -35,14 +40,14 @@ class PlacedKeys {
   void add(const K& key) {
     if (places_.has(key)) return;
     const auto handle = keys_.acquire(key);
-    places_.is(key, static_cast<std::uint32_t>(handles_.size()));
+    places_.is(key, {static_cast<std::uint32_t>(handles_.size())});
     handles_.emplace_back(handle);
   }
   /// Removes a key, where it stands in this set; it stands in none of the others.
   void remove(const K& key) {
-    const std::uint32_t* found = places_.find(key);
+    const KeyPlace* found = places_.find(key);
     if (found == nullptr) return;
-    const std::uint32_t place = *found;
+    const std::uint32_t place = found->at;
     places_.del(key);
     const auto removed = handles_[place];
     const auto last = handles_.back();
@@ -50,7 +55,7 @@ class PlacedKeys {
     if (last != removed) {
       handles_[place] = last;
       keys_.expect(last);
-      places_.is(keys_.key(last), place);
+      places_.is(keys_.key(last), {place});
     }
     keys_.release(removed);
   }

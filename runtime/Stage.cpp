@@ -98,6 +98,14 @@ void InputBase::completeScan(bool resumed) {
   stage_.handleScanComplete();
 }
 
+void InputBase::noteState(StateDigest& digest) const {
+  digest.add(identity());
+  digest.add(inputScanComplete() ? ScanState::complete : scanState_);
+  digest.add(subscribed_);
+  digest.add(task_ != nullptr);
+  digest.add(hasPending() && !waiting_);
+}
+
 // --- OutputBase --------------------------------------------------------------------------------------------
 
 OutputBase::OutputBase(Stage& stage, std::string name) : stage_(stage), name_(std::move(name)) {
@@ -215,6 +223,18 @@ bool OutputBase::deletionScan() {
   return true;
 }
 
+// How often the scan waited is left out: it ends after more waits than any scan needs. The counts are looked
+// at when the output becomes ready.
+void OutputBase::noteState(StateDigest& digest) const {
+  digest.add(ready_);
+  digest.add(reconciling_);
+  digest.add(reconciliationState_);
+  digest.add(task_ != nullptr);
+  if (ready_) return;
+  digest.add(counts_.found);
+  digest.add(counts_.deleted);
+}
+
 // --- LocalState --------------------------------------------------------------------------------------------
 
 LocalState::LocalState(Stage& stage, std::string_view name) : name_(name) {
@@ -236,6 +256,7 @@ class ReadyMachine final : public InputBase {
   [[nodiscard]] std::size_t pendingCount() const override { return 0; }
   [[nodiscard]] Arrival headArrival() const override { return 0; }
   std::size_t drain(Arrival /*limit*/, bool& /*yielded*/) override { return 0; }
+  void notePending(PendingDigests& /*pending*/) const override {}
 
  private:
   void subscribe() override {}
@@ -373,6 +394,35 @@ void Stage::handleOutputReady() {
   tracer_.trace<9>("Input scans for dependencyStatusCompletedOutput complete");
   dependencyStatusCompletedOutputReady_ = true;
   dependencyStatus_->completedIs(name_);
+}
+
+void Stage::noteState(StateDigest& digest) const {
+  digest.begin(name_);
+  digest.add(initialized_);
+  digest.add(initialScanDone_);
+  digest.add(ready_);
+  digest.add(dependencyStatusCompletedOutputReady_);
+  digest.add(reapRequested_);
+  digest.add(eventTask_ != nullptr);
+  // Inputs of inner collections are created in the order in which these came.
+  digest.unordered([&](auto&& item) {
+    for (const InputBase* input : inputs_) item(*input);
+  });
+  notePending(digest);
+  for (const OutputBase* output : outputs_) digest.add(*output);
+  for (const LocalState* state : localStates_) digest.add(*state);
+}
+
+void Stage::notePending(StateDigest& digest) const {
+  PendingDigests pending;
+  for (const InputBase* input : inputs_) {
+    if (input->hasPending()) input->notePending(pending);
+  }
+  std::sort(pending.begin(), pending.end(), [](const PendingDigest& a, const PendingDigest& b) {
+    return isBefore(a.arrival, b.arrival) || (a.arrival == b.arrival && a.what < b.what);
+  });
+  for (const PendingDigest& each : pending) digest.add(each.what);
+  digest.add(pending.size());
 }
 
 bool Stage::pipelineScanning(int pipeline) const {

@@ -25,6 +25,7 @@
 #include "runtime/Column.h"
 #include "runtime/KeySpace.h"
 #include "runtime/PendingKeys.h"
+#include "runtime/StateDigest.h"
 #include "runtime/Trace.h"
 
 namespace KilnEmServer {
@@ -132,6 +133,13 @@ class Companions {
   mutable std::uint64_t gatheredAt_ = kNever;
 };
 
+/// Something that waits in an input of a stage, for a digest in the order of arrival.
+struct PendingDigest {
+  Arrival arrival;
+  StateDigest::Value what;
+};
+using PendingDigests = std::vector<PendingDigest>;
+
 /// What all inputs of a stage share: the scan's state and its slices.
 class InputBase {
  public:
@@ -174,7 +182,14 @@ class InputBase {
   /// where something is still to be destroyed later.
   virtual bool reap() { return false; }
 
+  /// Describes what the input does next, beside what its collection holds and what waits.
+  virtual void noteState(StateDigest& digest) const;
+  /// Adds what waits, each with the input's identity.
+  virtual void notePending(PendingDigests& pending) const = 0;
+
  protected:
+  /// The same for an input of every stage of this class that has the same part in it.
+  [[nodiscard]] virtual StateDigest::Value identity() const { return StateDigest::valueOf(pipeline_); }
   InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName);
 
   virtual void subscribe() = 0;
@@ -252,6 +267,11 @@ class OutputBase {
   [[nodiscard]] ReconciliationState reconciliationState() const { return reconciliationState_; }
   [[nodiscard]] const ReconciliationCounts& reconciliationCounts() const { return counts_; }
 
+  /// Describes how far reconciliation is and what it noted.
+  virtual void noteState(StateDigest& digest) const;
+  /// Describes what the output holds.
+  virtual void noteContent(StateDigest& digest) const = 0;
+
  protected:
   OutputBase(Stage& stage, std::string name);
 
@@ -308,6 +328,7 @@ class LocalState {
   [[nodiscard]] std::string_view name() const { return name_; }
   [[nodiscard]] virtual std::size_t size() const = 0;
   virtual void clear() = 0;
+  virtual void noteState(StateDigest& digest) const = 0;
 
  private:
   std::string_view name_;
@@ -368,6 +389,9 @@ class Stage {
   /// How many changes found their key waiting already, since the stage exists.
   [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
   [[nodiscard]] const Tracer& tracer() const { return tracer_; }
+  /// Describes the stage's own state, without the collections that it reads and writes, as a part of its
+  /// name. A stage with more state than inputs, outputs and local states adds it.
+  virtual void noteState(StateDigest& digest) const;
 
   // For inputs, outputs and local state.
   void inputIs(InputBase& input) { inputs_.push_back(&input); }
@@ -470,6 +494,7 @@ class Stage {
   virtual void handleDeleteAll() {}
 
  private:
+  void notePending(StateDigest& digest) const;
   void noteWaiting(InputBase& input);
   void runEvents();
   void handleInitialScanDone();

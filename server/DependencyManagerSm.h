@@ -10,6 +10,7 @@
 #include "platform/InplaceFunction.h"
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
+#include "runtime/StateDigest.h"
 #include "runtime/Trace.h"
 #include "server/StageGraph.h"
 
@@ -38,6 +39,10 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
   /// released.
   [[nodiscard]] std::vector<std::string> waitsFor(const std::string& stage) const;
   [[nodiscard]] StageGraph graph() const;
+  /// Which stages were released; the collections that they waited for exist from the start.
+  void noteState(StateDigest& digest) const {
+    for (const ManagedStage& stage : stages_) digest.add(stage.released);
+  }
 
  private:
   struct ManagedStage {

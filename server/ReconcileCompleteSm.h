@@ -6,6 +6,7 @@
 #include "platform/Asic.h"
 #include "platform/DependencyStatus.h"
 #include "platform/Ref.h"
+#include "runtime/StateDigest.h"
 #include "runtime/Trace.h"
 
 namespace KilnEmServer {
@@ -25,6 +26,10 @@ class ReconcileCompleteSm final {
   /// To be called once: completes reconciliation and commits the hardware writes.
   void handleInitialized();
   [[nodiscard]] bool done() const { return done_; }
+  void noteState(StateDigest& digest) const {
+    digest.add(done_);
+    digest.add(status_ != nullptr);
+  }
 
  private:
   struct InterfaceReactor final : Asic::ChangeSubscriber {

@@ -55,6 +55,13 @@ void CapacityHelper::update() {
   tracer_.trace<9>("update {}: {} rows", counters_.updates, rows_.size());
 }
 
+// The generation that a row was written in only says whether the update that is being made wrote it.
+void CapacityHelper::noteState(StateDigest& digest) const {
+  digest.begin(agentName_);
+  digest.add(settingChanged_);
+  for (const auto& [key, generation] : rows_) digest.add(key);
+}
+
 void CapacityHelper::removeRowsOfGoneFaps() {
   std::set<std::string_view> present;
   KilnPlatform::forEachIn(hardwareStatus_->fap(),

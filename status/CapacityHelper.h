@@ -68,6 +68,8 @@ class CapacityHelper {
   [[nodiscard]] bool updateScheduled() const { return task_.ready; }
   [[nodiscard]] const std::string& agentName() const { return agentName_; }
   [[nodiscard]] const Counters& counters() const { return counters_; }
+  /// Describes the helper's own state, without the rows' content, as a part of its name.
+  virtual void noteState(StateDigest& digest) const;
 
   /// The chip component that stands for a core of a FAP: "Fap0/1".
   static std::string fapNameToChipExternalComponent(std::string_view fapName,

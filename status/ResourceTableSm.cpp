@@ -94,6 +94,13 @@ std::size_t ResourceTableSm::ChangedTables::first() const {
   return first;
 }
 
+void ResourceTableSm::ChangedTables::notePending(PendingDigests& pending) const {
+  for (std::size_t number = 0; number < changed_.size(); ++number) {
+    if (changed_[number])
+      pending.push_back({arrivals_[number], StateDigest::valueOf(identity(), number)});
+  }
+}
+
 void ResourceTableSm::ChangedTables::handleNext() {
   const std::size_t number = first();
   changed_[number] = false;

@@ -39,6 +39,11 @@ class ResourceTableSm final : public Stage {
                   Ref<ResourceTable> esemResourceTable, Ref<ResourceTable> lemResourceTable, std::string name,
                   Ref<DependencyStatus> dependencyStatus, StageControl control);
 
+  void noteState(StateDigest& digest) const override {
+    Stage::noteState(digest);
+    digest.add(counts_);
+  }
+
  protected:
   void handleInitialized() override;
 
@@ -52,6 +57,7 @@ class ResourceTableSm final : public Stage {
 
     [[nodiscard]] std::size_t pendingCount() const override { return count_; }
     [[nodiscard]] Arrival headArrival() const override { return arrivals_[first()]; }
+    void notePending(PendingDigests& pending) const override;
 
    private:
     void handleNext() override;

@@ -282,6 +282,22 @@ void SemCapacitySm::addRows(UsageByTable&& usage, const std::string& chip) {
   }
 }
 
+// Rows come in the order of the FAPs, of which a walk decides.
+void SemCapacitySm::noteState(StateDigest& digest) const {
+  CapacityHelper::noteState(digest);
+  for (const auto& [tag, writer] : swTableWriter_) digest.add(tag);
+  digest.walked([&](auto&& item) {
+    for (const Row& row : tableRows_) {
+      item(row.key.table, row.key.feature, row.chip, row.usage.external, row.usage.max, row.changed);
+    }
+  });
+  digest.walked([&](auto&& item) {
+    for (const Counted& each : counted_) {
+      item(each.writer->emResolvedKeyType(), each.fapId, each.core, each.width, each.entries);
+    }
+  });
+}
+
 Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,
                                         Ref<const Clock> clock, std::string agentName,
                                         Ref<const Hardware::Kiln::Status> hardwareStatus,

@@ -63,6 +63,7 @@ class SemCapacitySm final : public CapacityHelper {
   /// profile is known and the table is an exact-match table of it is asserted.
   [[nodiscard]] std::uint32_t calculateMdbEmMax(KilnMdb::PhysicalTableId tableId,
                                                 Hardware::Kiln::FapId fapId) const;
+  void noteState(StateDigest& digest) const override;
 
  private:
   using FapId = Hardware::Kiln::FapId;

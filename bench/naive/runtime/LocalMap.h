@@ -24,6 +24,10 @@ class LocalMap {
   V& obtain(const K& key) { return values_[key]; }
   void del(const K& key) { values_.erase(key); }
   void clear() { values_.clear(); }
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    for (const auto& [key, value] : values_) visit(key, value);
+  }
 
  private:
   std::unordered_map<K, V, KilnPlatform::ValueHash<K>> values_;

@@ -30,6 +30,10 @@ class PendingKeys {
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
   [[nodiscard]] bool has(const K& key) const { return standing_.contains(key); }
   [[nodiscard]] Arrival headArrival() const { return queue_.front().second; }
+  template <class Visitor>
+  void forEach(Visitor&& visit) const {
+    for (const auto& [key, arrival] : queue_) visit(key, arrival);
+  }
   [[nodiscard]] KeyUse<K> take() { return KeyUse<K>(pop()); }
   K pop() {
     const K key = queue_.front().first;
