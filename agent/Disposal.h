@@ -34,6 +34,10 @@ class Disposal {
 
   /// Goes on after the scheduler forgot its tasks.
   void resume();
+  /// How much is left of each entity.
+  void noteState(KilnEmServer::StateDigest& digest) const {
+    for (const auto& waste : waste_) digest.add(waste->size());
+  }
 
  private:
   struct Waste {

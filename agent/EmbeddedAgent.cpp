@@ -109,4 +109,26 @@ void EmbeddedAgent::crash(bool lost) {
   createServer();
 }
 
+void EmbeddedAgent::noteState(KilnEmServer::StateDigest& digest) const {
+  digest.begin("ready tasks");
+  digest.unordered([&](auto&& item) {
+    scheduler_->forEachReady([&](const KilnPlatform::Task& task) { item(task.instance(), task.name()); });
+  });
+  store_->noteState(digest);
+  vlanDomains_->noteState(digest);
+  chip_->noteState(digest);
+  noteCapacity(digest);
+  server_->noteState(digest);
+}
+
+void EmbeddedAgent::noteCapacity(KilnEmServer::StateDigest& digest) const {
+  digest.begin("capacity", &capacity_->entry());
+  digest.walked([&](auto&& item) {
+    KilnPlatform::forEachIn(capacity_->entry(), [&](const auto& key, const auto& row) {
+      item(key, row.used, row.free, row.committed, row.maxLimit);
+    });
+  });
+  digest.addPart("externalUsers", externalUsers_->user());
+}
+
 }  // namespace KilnAgent

@@ -19,6 +19,7 @@
 #include "agent/VlanDomainService.h"
 #include "platform/TableCapacity.h"
 #include "platform/TraceSink.h"
+#include "runtime/StateDigest.h"
 
 namespace KilnEmServer {
 class KilnEmServerSm;
@@ -111,7 +112,13 @@ class EmbeddedAgent {
   /// With `lost`, the store's changes since its last commit are gone as well.
   void crash(bool lost = false);
 
+  /// Describes the server and all that it works on. Two agents with the same state, of the same options, do
+  /// the same from then on if the same operations come and the same tasks are chosen. What is only reported
+  /// is left out, and so is how long a ready task has waited. The state directory has no part in it.
+  void noteState(KilnEmServer::StateDigest& digest) const;
+
  private:
+  void noteCapacity(KilnEmServer::StateDigest& digest) const;
   void createServer();
 
   ScopedTraces traces_;

@@ -146,4 +146,42 @@ void MemoryStateStore::forgetServer() {
   }
 }
 
+void MemoryStateStore::noteState(KilnEmServer::StateDigest& digest) const {
+  digest.addPart("features", *features_);
+  for (const auto& [feature, records] : records_) {
+    const auto nameOf = [&](KilnEmServer::EmType database, std::string_view what) {
+      std::string name(KilnPlatform::stringValue(feature));
+      return name.append(" ").append(KilnPlatform::stringValue(database)).append(what);
+    };
+    const auto note = [&]<class Db>(const Records<Db>& own) {
+      digest.addPart(nameOf(Db::kEmType, " requests"), own.config->config());
+      digest.addPart(nameOf(Db::kEmType, " statuses"), own.status->status());
+    };
+    note(records->isem);
+    note(records->esem);
+    note(records->lem);
+  }
+  noteCommitted(digest);
+  digest.begin("Disposal");
+  digest.add(*disposal_);
+}
+
+void MemoryStateStore::noteCommitted(KilnEmServer::StateDigest& digest) const {
+  const auto note = [&](const auto& rows) {
+    digest.walked([&](auto&& item) {
+      for (const auto& [key, value] : rows) item(key, value);
+    });
+  };
+  digest.begin("committed");
+  for (const auto& [feature, saved] : saved_) {
+    digest.add(feature);
+    note(saved.isem.requests);
+    note(saved.isem.statuses);
+    note(saved.esem.requests);
+    note(saved.esem.statuses);
+    note(saved.lem.requests);
+    note(saved.lem.statuses);
+  }
+}
+
 }  // namespace KilnAgent

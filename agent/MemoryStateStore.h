@@ -17,6 +17,7 @@
 #include "platform/StateStore.h"
 #include "runtime/EmTypes.h"
 #include "runtime/ExpectedItems.h"
+#include "runtime/StateDigest.h"
 
 namespace KilnAgent {
 
@@ -169,6 +170,9 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   /// Forgets every subscriber but the store's own, as if the server's process had died.
   void forgetServer();
 
+  /// Describes the records, what the store would go back to, and what is left of features that went.
+  void noteState(KilnEmServer::StateDigest& digest) const;
+
  private:
   /// Passes the changes of one collection on to the observer.
   template <class Key>
@@ -226,6 +230,8 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     Saved<KilnTunnelNiLib::Isem> isem;
     Saved<KilnTunnelNiLib::Esem> esem;
   };
+
+  void noteCommitted(KilnEmServer::StateDigest& digest) const;
 
   template <class Db>
   const Records<Db>* recordsOf(KilnEmServer::FeatureType feature) const {

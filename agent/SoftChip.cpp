@@ -111,4 +111,17 @@ void SoftChip::serverDied() {
   forEachTable([](SoftTable& table) { table.serverDied(); });
 }
 
+void SoftChip::noteState(KilnEmServer::StateDigest& digest) const {
+  digest.addPart("fap", chipStatus_->fap());
+  digest.addPart("profileId", mdbStatus_->profileId());
+  digest.addPart("profile", mdbStatus_->profile());
+  digest.begin("SoftChip");
+  digest.add(*pending_);
+  if (random_) {  // the next number stands for the generator's state
+    auto copy = *random_;
+    digest.add(copy());
+  }
+  forEachTable([&](const SoftTable& table) { table.noteState(digest); });
+}
+
 }  // namespace KilnAgent

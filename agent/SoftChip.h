@@ -110,6 +110,9 @@ class SoftChip final : public Asic::OrderedTableInterface {
   /// As serverEnded, for a server that died: also its subscriptions and the answers to it are forgotten.
   void serverDied();
 
+  /// Describes FAPs, profiles and tables. Which entries there is room for follows from these.
+  void noteState(KilnEmServer::StateDigest& digest) const;
+
  private:
   template <class Interface, class SwTable>
   using Own = Ref<SoftInterface<Interface, SwTable>>;

@@ -6,6 +6,7 @@
 
 #include "agent/CooperativeScheduler.h"
 #include "platform/Assert.h"
+#include "program/EmSwTableWriterSm.h"
 
 namespace KilnAgent {
 
@@ -161,6 +162,36 @@ void SoftTable::reconcileComplete() {
 void SoftTable::commit() {
   draining_ += std::exchange(dropped_, 0);
   if (draining_ != 0 || !due_.empty()) task_.scheduleTask();
+}
+
+void SoftTable::noteState(KilnEmServer::StateDigest& digest) const {
+  digest.begin(std::string(task_.name()));
+  digest.add(std::tie(capacity_, mode_, applies_, insideCall_, dropped_, draining_));
+  for (const Answers* answers : {&due_, &released_, &held_}) noteAnswers(digest, *answers);
+}
+
+// The operation itself is known from the handler that waits for the answer.
+void SoftTable::noteAnswers(KilnEmServer::StateDigest& digest, const Answers& answers) const {
+  for (const Answer& answer : answers) {
+    digest.add(answer.outcome);
+    digest.add(KilnEmServer::EmSwTableWriterSm::noteAnswer(digest, answer.handler));
+    digest.add(rankOf(answer));
+  }
+  digest.add(answers.size());
+}
+
+std::size_t SoftTable::rankOf(const Answer& answer) const {
+  using Writer = KilnEmServer::EmSwTableWriterSm;
+  const KilnEmServer::EmHwKey* key = Writer::keyOf(answer.handler);
+  std::size_t rank = 0;
+  for (const Answers* answers : {&due_, &released_, &held_}) {
+    for (const Answer& other : *answers) {
+      const KilnEmServer::EmHwKey* otherKey = Writer::keyOf(other.handler);
+      const bool sameKey = key == nullptr || otherKey == nullptr || *key == *otherKey;
+      if (sameKey && other.number < answer.number) ++rank;
+    }
+  }
+  return rank;
 }
 
 }  // namespace KilnAgent

@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,7 @@
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
 #include "runtime/ExpectedItems.h"
+#include "runtime/StateDigest.h"
 
 namespace KilnAgent {
 
@@ -84,6 +86,10 @@ class ChangeSubscribers {
 class PendingHwWrites final : public Asic::OrderedTableStatus {
  public:
   [[nodiscard]] bool pendingHwWrites() const override { return operations_ != 0; }
+  /// The numbers of operations are compared with each other only.
+  void noteState(KilnEmServer::StateDigest& digest) const {
+    digest.add(std::tie(operations_, writesToRefused_));
+  }
   void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
 
@@ -180,6 +186,9 @@ class SoftTable {
   /// Starts the drain of what was issued to the hardware.
   void commit();
 
+  /// Describes the table: as one part what it holds, as another one what it owes.
+  virtual void noteState(KilnEmServer::StateDigest& digest) const;
+
  protected:
   /// An operation is issued: counts it, and returns its number.
   std::uint64_t beginOperation(bool isWrite);
@@ -219,6 +228,9 @@ class SoftTable {
   using Answers =
       boost::container::deque<Answer, void,
                               boost::container::deque_options_t<boost::container::block_size<64>>>;
+  void noteAnswers(KilnEmServer::StateDigest& digest, const Answers& answers) const;
+  /// How many unanswered operations on the key of this one were issued before it.
+  [[nodiscard]] std::size_t rankOf(const Answer& answer) const;
   void runAnswers();
   void call(Answer& answer);
   static Answer takeFront(Answers& answers);
@@ -293,6 +305,21 @@ class SoftSwTable final : public SwTable, public SoftTable {
     entries.reserve(entrys_->size());
     for (const auto& [key, entry] : sortedRows(*entrys_)) entries.emplace_back(key, entry);
     return entries;
+  }
+  void noteState(KilnEmServer::StateDigest& digest) const override {
+    digest.addPart(std::string(this->stem()), *entrys_);
+    SoftTable::noteState(digest);
+    for (const auto& [number, late] : late_) {
+      digest.add(std::tie(late.key, late.entry, late.refused, late.outcome));
+      digest.add(late_.contains(late.previous));
+    }
+    digest.unordered([&](auto&& item) {
+      for (const auto& [key, number] : latest_) item(key);
+    });
+    digest.add(reconciling_);
+    digest.unordered([&](auto&& item) {
+      for (const Key& key : claimed_) item(key);
+    });
   }
 
  private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <tuple>
 #include <utility>
 
 #include "agent/CooperativeScheduler.h"
@@ -268,6 +269,26 @@ void VlanDomainService::forgetServer() {
   forgetSubscribers(status_->status());
   config_->config().subscribe(*this);
   if (!pending_.empty()) task_.scheduleTask();
+}
+
+// How many use a domain follows from the allotments; of where a pool is searched from only the first free
+// domain is known outside.
+void VlanDomainService::noteState(KilnEmServer::StateDigest& digest) const {
+  digest.addPart("vlanDomainConfig", config_->config());
+  digest.addPart("vlanDomainStatus", status_->status());
+  digest.begin("VlanDomainService");
+  digest.add(std::tie(limits_.first, limits_.last, limits_.perTcam, mode_, insideCall_, pending_));
+  for (const auto& [tcam, pool] : pools_) {
+    std::uint32_t free = pool.firstMaybeFree;
+    while (free <= limits_.last && pool.users.contains(free)) ++free;
+    digest.add(std::tie(tcam, free));
+    for (const auto& [order, interface] : pool.waiting) digest.add(interface);
+    digest.add(pool.waiting.size());
+  }
+  for (const auto& [interface, group] : groups_) {
+    if (group->members.front() != interface) continue;
+    digest.add(std::tie(group->members, group->users, group->waiting));
+  }
 }
 
 }  // namespace KilnAgent

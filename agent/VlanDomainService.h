@@ -12,6 +12,7 @@
 #include "platform/KilnVlanDomain.h"
 #include "platform/Ref.h"
 #include "platform/TaskScheduler.h"
+#include "runtime/StateDigest.h"
 
 namespace KilnAgent {
 
@@ -109,6 +110,9 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   /// Forgets the server's subscriptions, as if its process had died, and takes up its own work again after
   /// the scheduler forgot its tasks.
   void forgetServer();
+
+  /// Describes requests, allotments, and which requests wait in which order.
+  void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
   /// Interfaces that share a domain, and which domains they have: more than one only after manual mode.

@@ -61,7 +61,7 @@ struct FapInfo {
   std::string name;  ///< for example "Fap0"
   FapType fapType = 0;
   std::vector<LocalCoreId> cores;
-  friend bool operator==(const FapInfo&, const FapInfo&) = default;
+  KILN_VALUE(Hardware::Kiln, FapInfo, name, fapType, cores)
 };
 
 /// Which FAPs exist, with their types and cores.
@@ -89,13 +89,13 @@ struct TableCapabilities {
   bool exactMatch = false;
   /// Entries that the table holds at each entry width, as pairs (width in bits, entries).
   std::vector<std::pair<std::uint16_t, std::uint32_t>> entriesByWidth;
-  friend bool operator==(const TableCapabilities&, const TableCapabilities&) = default;
+  KILN_VALUE(KilnMdb, TableCapabilities, table, exactMatch, entriesByWidth)
 };
 
 /// An MDB profile: how the database's memory is divided among tables.
 struct ProfileCapabilities {
   std::vector<TableCapabilities> tables;
-  friend bool operator==(const ProfileCapabilities&, const ProfileCapabilities&) = default;
+  KILN_VALUE(KilnMdb, ProfileCapabilities, tables)
 };
 
 }  // namespace KilnMdb

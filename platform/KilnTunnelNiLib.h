@@ -206,13 +206,13 @@ struct SemExternalUsage {
   Hardware::Kiln::LocalCoreId localCoreId;
   SemType semType = 0;
   std::uint32_t entries = 0;
-  friend bool operator==(const SemExternalUsage&, const SemExternalUsage&) = default;
+  KILN_VALUE(KilnTunnelNiLib, SemExternalUsage, fapId, localCoreId, semType, entries)
 };
 
 /// One external user of the tables.
 struct SemCapacityExternal {
   std::vector<SemExternalUsage> usage;
-  friend bool operator==(const SemCapacityExternal&, const SemCapacityExternal&) = default;
+  KILN_VALUE(KilnTunnelNiLib, SemCapacityExternal, usage)
 };
 
 /// The external users, by name.

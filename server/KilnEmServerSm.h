@@ -106,6 +106,9 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   /// requests, with their sizes, sorted by name. All are empty when nothing is requested and every answer is
   /// in.
   [[nodiscard]] std::vector<std::pair<std::string, std::size_t>> leftovers() const;
+  /// Describes all that the server owns: what it does next depends on this, on what it was handed and on
+  /// which tasks are ready.
+  void noteState(StateDigest& digest) const;
 
   // Toward features.
   KILN_SERVER_ENTITY(IsemSrvConfigByFeature, isemSrvConfigByFeature)
@@ -209,6 +212,11 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   void mountFeature(FeatureType feature);
   void unmountFeature(FeatureType feature);
   [[nodiscard]] bool featureReplaced(FeatureType feature) const;
+
+  // Parts of noteState.
+  void noteMounts(StateDigest& digest) const;
+  void noteCollections(StateDigest& digest) const;
+  void noteStages(StateDigest& digest) const;
 
   ServerArguments arguments_;
   Tracer tracer_{"KilnEmServerSm"};

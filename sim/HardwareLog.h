@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "agent/SoftTable.h"
@@ -52,6 +53,8 @@ class HardwareLog {
   void forEachOwned(Visitor&& visitor) const {
     for (const auto& [hwKey, key] : keys_) visitor(hwKey, key.owners);
   }
+  /// Describes what is known, as a part of its own.
+  void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
   struct Operation {
@@ -65,6 +68,7 @@ class HardwareLog {
     Subject subject;
     bool refused = false;
     friend auto operator<=>(const Recorded&, const Recorded&) = default;
+    void noteState(KilnEmServer::StateDigest& digest) const { digest.add(std::tie(subject, refused)); }
   };
   struct Key {
     std::map<std::uint64_t, Operation> unanswered;

@@ -40,7 +40,7 @@ struct StatusSeen {
   std::uint32_t requestVersion = 0;
   EmStatus status = EmStatus::hwPending;
   std::uint8_t result = 0;
-  friend bool operator==(const StatusSeen&, const StatusSeen&) = default;
+  KILN_VALUE(KilnSim, StatusSeen, requestVersion, status, result)
 };
 
 /// What the features and the VLAN-domain service want.
@@ -59,7 +59,7 @@ struct Subject {
   RequestPlace place;
   std::uint32_t requestVersion = 0;
   EmEntry entry;
-  friend auto operator<=>(const Subject&, const Subject&) = default;
+  KILN_VALUE(KilnSim, Subject, place, requestVersion, entry)
 };
 
 /// What everybody outside the server can see of it.

@@ -72,6 +72,9 @@ class Watch final : private KilnAgent::StoreObserver,
   [[nodiscard]] std::size_t inputs() const { return inputs_; }
   /// Writes that the chip refused, ever.
   [[nodiscard]] std::uint64_t refusals() const { return refusals_; }
+  /// Describes all that a later verdict may depend on, beside the agent's state. What was seen and counted is
+  /// left out.
+  void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
   using Sizes = std::vector<std::pair<std::string, std::size_t>>;

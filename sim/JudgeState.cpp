@@ -1,0 +1,59 @@
+// What the state of the judge consists of: all that a later verdict may depend on.
+#include <algorithm>
+#include <optional>
+#include <tuple>
+
+#include "sim/HardwareLog.h"
+#include "sim/Watch.h"
+
+namespace KilnSim {
+
+using KilnEmServer::StateDigest;
+
+// Verdicts depend on there being no change, one, or more. What was untouched is only looked for after one at
+// most, and all of it is forgotten when the window ends.
+void Watch::noteState(StateDigest& digest) const {
+  digest.begin("Watch");
+  digest.add(std::tie(byHand_, madeRoom_, present_, foundStatuses_, vanishedStatuses_, gone_, accepted_));
+  for (const auto& [key, write] : lastWrite_) digest.add(std::tie(key, write.entry, write.refused));
+  digest.add(std::tie(domainsOfServer_, domainsOfWindow_, contenders_, requested_, mayBeProgrammed_));
+  digest.add(std::min<std::size_t>(changes_, 2));
+  digest.add(std::min<std::size_t>(inputs_, 2));
+  digest.add(inputs_ == inputsSettled_);
+  digest.add(std::tie(restarted_, restartSettled_));
+  const bool mayMove = inputs_ <= 1 && !restarted_;
+  if (changes_ <= 1 || mayMove) digest.add(before_.statuses);
+  if (changes_ <= 1) {
+    digest.add(std::tie(before_.tables, before_.domainsAsked, refused_, statusChanges_, touched_));
+  }
+  if (changes_ == 0 && restarted_) digest.add(sizes_);
+  log_.noteState(digest);
+}
+
+// The numbers of operations are compared with those of unanswered ones. A key of which nothing is known is
+// like one that never was.
+void HardwareLog::noteState(StateDigest& digest) const {
+  digest.begin("HardwareLog");
+  for (const auto& [hwKey, key] : keys_) {
+    const bool touched = touched_.contains(hwKey);
+    const bool possible = key.possible.size() != 1 || *key.possible.begin();
+    if (key.unanswered.empty() && !touched && !possible && key.owners.empty() && key.answeredOwners.empty()) {
+      continue;
+    }
+    digest.add(std::tie(hwKey, touched, key.possible, key.owners, key.answeredOwners));
+    digest.add(key.latest != 0);
+    for (const auto& [number, operation] : key.unanswered) {
+      digest.add(std::tie(operation.write, operation.subjects, operation.interfaces, operation.refused));
+      for (const std::uint64_t latest : {key.latest, key.latestWrite, key.latestRemoval}) {
+        digest.add(number == latest);
+      }
+      digest.add(number < key.latestAnswered);
+    }
+    digest.add(key.unanswered.size());
+    if (touched || !key.unanswered.empty()) {
+      digest.add(std::tie(key.latestOperation.write, key.latestOperation.refused));
+    }
+  }
+}
+
+}  // namespace KilnSim
