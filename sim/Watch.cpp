@@ -66,7 +66,7 @@ void Watch::say(std::string text) {
 // --- Servers come and go -----------------------------------------------------------------------------------
 
 void Watch::serverEnds(bool reverted) {
-  if (!restarted_ && changes_ == 0) sizes_ = agent_.server().leftovers();
+  if (!restarted_ && changes_ == 0 && agent_.scheduler().idle()) sizes_ = agent_.server().leftovers();
   agent_.vlanDomains().status()->status().unsubscribe(*this);
   agent_.vlanDomains().config()->config().unsubscribe(domainRequests_);
   agent_.server().dependencyStatus().completed().unsubscribe(*this);

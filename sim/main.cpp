@@ -19,6 +19,7 @@
 
 #include "agent/InputError.h"
 #include "agent/Report.h"
+#include "sim/Explore.h"
 #include "sim/Marks.h"
 #include "sim/Minimize.h"
 #include "sim/Plan.h"
@@ -47,6 +48,8 @@ struct Arguments {
   std::string old;
   std::string marks;
   std::uint64_t failures = 10;
+  std::vector<std::string> explored;
+  ExploreOptions explore;
 };
 
 /// One plan to be run, by its seed or its file.
@@ -292,13 +295,43 @@ int minimizeOne(const Arguments& arguments, const Task& task) {
   return 1;
 }
 
+/// Explores each of the scenarios; one line for each.
+int exploreAll(const Arguments& arguments) {
+  bool held = true;
+  for (const std::string& file : arguments.explored) {
+    ExploreOptions options = arguments.explore;
+    options.jobs = arguments.jobs;
+    options.out = arguments.out;
+    const Explored explored = explore(file, options);
+    fmt::print("{}: {}\n", file, textOf(explored));
+    if (!explored.failure.empty())
+      fmt::print("FAILED {}, commit {}:\n{}", file, KILN_COMMIT, explored.failure);
+    std::fflush(stdout);
+    held = held && explored.failure.empty();
+  }
+  return held ? 0 : 1;
+}
+
 int simulate(const Arguments& arguments) {
+  if (!arguments.explored.empty()) return exploreAll(arguments);
   std::vector<Task> tasks = tasksOf(arguments);
   if (tasks.empty()) throw KilnAgent::InputError("no seed; see kiln-sim --help");
   if (arguments.minimized) return minimizeOne(arguments, tasks.front());
   std::vector<std::string> marks;
   if (!arguments.marks.empty()) marks = Marks::listed(arguments.marks);
   return Campaign(std::move(tasks), arguments.jobs, std::move(marks), arguments.failures).run() ? 0 : 1;
+}
+
+void addExploreOptions(CLI::App& app, Arguments& arguments) {
+  ExploreOptions& explore = arguments.explore;
+  app.add_option("--explore", arguments.explored, "Small scenarios of which every schedule is run");
+  app.add_option("--deviations", explore.deviations, "From the default order, at most; otherwise no limit");
+  app.add_flag("--from-ready", explore.fromReady, "Does not explore the start of the first server");
+  app.add_option("--budget", explore.budgetSeconds, "Seconds after which exploring a scenario stops");
+  app.add_option("--frontier", explore.frontier, "A file from which a stopped exploration goes on");
+  app.add_option("--prove", explore.proveEvery, "Continues one in so many merges of states, and compares");
+  app.add_flag("!--all-orders", explore.reduced,
+               "Tries also what only changes the order of independent steps");
 }
 
 int runCommandLine(int argc, char** argv) {
@@ -319,6 +352,7 @@ int runCommandLine(int argc, char** argv) {
   app.add_option("--failures", arguments.failures, "Stops after so many")->capture_default_str();
   app.add_flag("--minimize", arguments.minimized, "Makes the failing seed a short scenario");
   app.add_option("--out", arguments.out, "Where --minimize writes it")->capture_default_str();
+  addExploreOptions(app, arguments);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

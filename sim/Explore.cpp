@@ -1,0 +1,482 @@
+#include "sim/Explore.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "agent/InputError.h"
+#include "sim/ExploredSpace.h"
+#include "sim/Minimize.h"
+#include "sim/Reduction.h"
+#include "sim/ScheduleRun.h"
+
+namespace KilnSim {
+namespace {
+
+using Kind = Choice::Kind;
+
+/// Steps after which a run is taken for endless.
+constexpr std::uint32_t kMostSteps = 20'000;
+
+/// Follows the schedules of one bound, in processes that are forked where they part.
+class Walk {
+ public:
+  Walk(ExploredSpace& space, const SmallScenario& scenario, const ExploreOptions& options)
+      : space_(space), header_(space.header()), scenario_(scenario), options_(options) {}
+
+  /// The whole walk, in a process of its own.
+  void start() {
+    run_.emplace(scenario_, options_.fromReady, space_);
+    if (run_->failed()) return space_.addFailure(0, 0, run_->wrong());
+    follow(0);
+    waitForAll();
+  }
+
+ private:
+  /// The run is where the schedule deviates for the last time.
+  void follow(std::uint32_t schedule) {
+    if (header_.stop) return;
+    schedule_ = schedule;
+    const Schedule& own = space_.schedule(schedule);
+    if (own.bound == header_.bound) {
+      explore(own);
+    } else {
+      part(own);
+    }
+  }
+
+  /// Goes on in the default order, and lets others go from where they deviate.
+  void part(const Schedule& own) {
+    if (own.parent != kNone) step(own.choice);
+    for (std::uint32_t child = own.firstChild; child != kNone; child = space_.schedule(child).sibling) {
+      while (position_ < space_.schedule(child).position) step(run_->choices().front());
+      startChild(child);
+    }
+  }
+
+  void startChild(std::uint32_t child) {
+    const bool parallel = takeCore();
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) throw KilnAgent::InputError("no process can be started");
+    if (pid == 0) {
+      children_.clear();
+      follow(child);
+      waitForAll();
+      if (parallel) ++header_.freeCores;
+      _exit(0);
+    }
+    children_.push_back({pid, child, parallel});
+    for (Child& each : children_) wait(each, each.parallel ? WNOHANG : 0);
+    std::erase_if(children_, [](const Child& each) { return each.pid == 0; });
+  }
+
+  struct Child {
+    pid_t pid;
+    std::uint32_t schedule;
+    bool parallel;
+  };
+  bool takeCore() {
+    int free = header_.freeCores;
+    while (free > 0 && !header_.freeCores.compare_exchange_weak(free, free - 1)) {
+    }
+    return free > 0;
+  }
+  /// With WNOHANG only if it has ended.
+  void wait(Child& child, int options) {
+    int status = 0;
+    if (waitpid(child.pid, &status, options) == 0) return;
+    const bool ended = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (child.parallel && !ended) ++header_.freeCores;
+    if (WIFSIGNALED(status)) space_.addFailure(child.schedule, kMostSteps, "the process died\n");
+    if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+      space_.addFailure(child.schedule, kMostSteps, "the explorer failed\n");
+    }
+    child.pid = 0;
+  }
+  void waitForAll() {
+    ++header_.freeCores;  // this process needs none
+    for (Child& child : children_) wait(child, 0);
+    --header_.freeCores;
+  }
+
+  ScheduleRun::Slice step(const Choice& choice) {
+    ++position_;
+    ++header_.steps;
+    return run_->take(Choice(choice));
+  }
+
+  /// Runs to the end, or to a state from which others have gone on.
+  void explore(const Schedule& own) {
+    ++header_.followed;
+    std::uint32_t* link = &space_.schedule(schedule_).target;
+    if (own.parent != kNone) deviate(own);
+    while (!run_->failed() && !header_.stop) {
+      if (position_ > kMostSteps) return fail("it does not end\n");
+      const auto [number, isNew] = space_.stateOf(run_->digest().value(), schedule_, position_);
+      *link = number;
+      if (!isNew) return merged();
+      State& state = space_.state(number);
+      addBranches(number);
+      if (run_->ended()) return end(state);
+      defaultStep(number);
+      link = &state.next;
+    }
+    if (run_->failed()) fail(run_->wrong());
+  }
+
+  void addBranches(std::uint32_t state) {
+    const std::vector<Choice>& choices = run_->choices();
+    for (std::size_t i = 1; i < choices.size(); ++i) space_.addBranch(state, choices[i]);
+  }
+
+  void deviate(const Schedule& own) {
+    const Footprints before(*run_);
+    const Choice choice = own.choice;
+    const ScheduleRun::Slice slice = step(choice);
+    (void)before;
+    addVariants(own.state, choice, slice);
+  }
+
+  /// Those slices of the default order that change nothing are no steps of their own.
+  void defaultStep(std::uint32_t number) {
+    const Footprints before(*run_);
+    bool more = true;
+    while (more) {
+      const Choice choice = run_->choices().front();
+      const ScheduleRun::Slice slice = step(choice);
+      more = run_->unchanged() && !run_->ended() && !run_->failed();
+      if (more) continue;
+      space_.state(number).step = choice;
+      space_.state(number).footprint = before.until(*run_, choice, space_);
+      addVariants(number, choice, slice);
+    }
+  }
+
+  /// The same slice, but cut off, or with a refused write.
+  void addVariants(std::uint32_t state, const Choice& choice, const ScheduleRun::Slice& slice) {
+    if (choice.kind != Kind::task || choice.items != 0 || choice.refused != Choice::kNoRefusal) return;
+    Choice variant = choice;
+    for (std::size_t items = 1; items < slice.items; ++items) {
+      variant.items = static_cast<std::uint16_t>(items);
+      space_.addBranch(state, variant);
+    }
+    variant = choice;
+    for (std::size_t write = 0; run_->refusalsLeft() != 0 && write < slice.writes; ++write) {
+      variant.refused = static_cast<std::uint8_t>(write);
+      space_.addBranch(state, variant);
+    }
+  }
+
+  /// A state that was seen: one in so many is continued nevertheless, and must end alike.
+  void merged() {
+    if (options_.proveEvery == 0 || header_.merges++ % options_.proveEvery != 0) return;
+    // Both take the default steps, which are a function of the state.
+    prove();
+  }
+  void prove() {
+    std::uint32_t number = space_.stateOf(run_->digest().value(), schedule_, position_).first;
+    while (!run_->failed() && !run_->ended() && space_.state(number).next != kNone) {
+      do {
+        step(run_->choices().front());
+      } while (run_->unchanged() && !run_->ended() && !run_->failed());
+      number = space_.state(number).next;
+      if (run_->failed() || space_.state(number).value == run_->digest().value()) continue;
+      return fail("two runs with the same state go on differently\n");
+    }
+  }
+
+  void end(State& state) {
+    state.ends = true;
+    space_.addEnd(run_->outcome(), schedule_, position_);
+    run_->withdrawEverything();
+    if (run_->failed()) fail(run_->wrong());
+  }
+
+  void fail(std::string_view text) { space_.addFailure(schedule_, position_, text); }
+
+  ExploredSpace& space_;
+  ExploredSpace::Header& header_;
+  const SmallScenario& scenario_;
+  const ExploreOptions& options_;
+  std::optional<ScheduleRun> run_;
+  std::uint32_t schedule_ = 0;
+  std::uint32_t position_ = 0;
+  std::vector<Child> children_;
+};
+
+// --- From one bound to the next ----------------------------------------------------------------------------
+
+/// The schedules that deviate once more than those that were followed.
+class Frontier {
+ public:
+  Frontier(ExploredSpace& space, bool reduced) : space_(space), reduced_(reduced) {}
+
+  /// Adds them, and links them to what they have in common. Returns how many there are.
+  std::size_t advance(std::uint64_t& leftOut) {
+    const std::uint32_t first = space_.schedules();
+    const Reduction reduction(space_);
+    for (std::uint32_t i = space_.header().branchesBefore; i < space_.branches(); ++i) {
+      const Branch& branch = space_.branch(i);
+      if (reduced_ && !reduction.needed(branch)) {
+        ++leftOut;
+        continue;
+      }
+      const State& state = space_.state(branch.state);
+      Schedule schedule;
+      schedule.parent = state.schedule;
+      schedule.position = state.position;
+      schedule.state = branch.state;
+      schedule.choice = branch.choice;
+      schedule.bound = static_cast<std::uint8_t>(space_.header().bound + 1);
+      space_.addSchedule(schedule);
+    }
+    link(first);
+    return space_.schedules() - first;
+  }
+
+  /// Every schedule from the first one of those that are to be followed, and what leads there.
+  void link(std::uint32_t first) {
+    std::vector<bool> needed(space_.schedules());
+    for (std::uint32_t i = 0; i < space_.schedules(); ++i) space_.schedule(i).firstChild = kNone;
+    std::vector<std::uint32_t> all;
+    for (std::uint32_t i = first; i < space_.schedules(); ++i) {
+      for (std::uint32_t at = i; at != kNone && !needed[at]; at = space_.schedule(at).parent) {
+        needed[at] = true;
+        all.push_back(at);
+      }
+    }
+    const auto order = [this](std::uint32_t at) {
+      const Schedule& schedule = space_.schedule(at);
+      return std::tuple(schedule.position, schedule.choice, at);
+    };
+    // Each becomes the first child of its parent: the last positions come first here.
+    std::sort(all.begin(), all.end(), [&](auto a, auto b) { return order(b) < order(a); });
+    for (const std::uint32_t at : all) {
+      Schedule& schedule = space_.schedule(at);
+      if (schedule.parent == kNone) continue;
+      schedule.sibling = std::exchange(space_.schedule(schedule.parent).firstChild, at);
+    }
+  }
+
+ private:
+  ExploredSpace& space_;
+  bool reduced_;
+};
+
+// --- The whole ---------------------------------------------------------------------------------------------
+
+class Exploration {
+ public:
+  Exploration(const std::string& file, const ExploreOptions& options)
+      : scenario_(readSmallScenario(file)),
+        options_(options),
+        space_(options.frontier, nameOf(file, options)) {}
+
+  Explored run() {
+    const auto begin = std::chrono::steady_clock::now();
+    begin_ = begin;
+    if (space_.schedules() == 0) {
+      space_.addSchedule({});
+    } else {
+      resume();
+    }
+    while (followBound() && space_.failures() == 0 && !found_.exhausted) {
+      if (space_.header().bound == options_.deviations) break;
+      nextBound();
+    }
+    found_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    finish();
+    return found_;
+  }
+
+ private:
+  static std::string nameOf(const std::string& file, const ExploreOptions& options) {
+    return fmt::format("{} {} {}", file, options.fromReady, options.reduced);
+  }
+
+  /// What was interrupted begins again; what was complete is not done again.
+  void resume() {
+    space_.revertTo(space_.header().statesBefore, space_.header().branchesBefore);
+    std::uint32_t first = 0;
+    while (first < space_.schedules() && space_.schedule(first).bound != space_.header().bound) ++first;
+    Frontier(space_, options_.reduced).link(first);
+  }
+
+  /// False if the budget did not suffice.
+  bool followBound() {
+    ExploredSpace::Header& header = space_.header();
+    header.freeCores = static_cast<int>(options_.jobs) - 1;
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) throw KilnAgent::InputError("no process can be started");
+    if (pid == 0) {
+      Walk(space_, scenario_, options_).start();
+      _exit(0);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+      if (overBudget()) header.stop = true;
+      usleep(2000);
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      space_.addFailure(0, kMostSteps, "the process died\n");
+    }
+    if (header.stop) return false;
+    found_.bound = header.bound;
+    found_.complete = true;
+    return true;
+  }
+  [[nodiscard]] bool overBudget() const {
+    const auto used = std::chrono::steady_clock::now() - begin_;
+    return options_.budgetSeconds != 0 && used > std::chrono::seconds(options_.budgetSeconds);
+  }
+
+  void nextBound() {
+    ExploredSpace::Header& header = space_.header();
+    const std::size_t schedules = Frontier(space_, options_.reduced).advance(found_.leftOut);
+    ++header.bound;
+    header.statesBefore = space_.states();
+    header.branchesBefore = space_.branches();
+    found_.exhausted = schedules == 0;
+  }
+
+  void finish() {
+    found_.schedules = space_.header().followed;
+    found_.states = space_.states();
+    found_.branches = space_.branches();
+    found_.ends = space_.ends();
+    found_.proved = options_.proveEvery == 0 ? 0 : space_.header().merges / options_.proveEvery;
+    if (space_.failures() == 0) checkEnds();
+    if (space_.failures() == 0) checkProgress();
+    if (space_.failures() != 0) tell();
+  }
+
+  /// All schedules of one list of operations end alike, unless the scenario says why not.
+  void checkEnds() {
+    if (space_.ends() < 2 || scenario_.endsDiffer) return;
+    const End& end = space_.end(1);
+    space_.addFailure(end.schedule, end.position, "schedules end with different statuses or tables\n");
+  }
+
+  /// The default steps from every state lead to an end.
+  void checkProgress() {
+    std::vector<std::uint8_t> seen(space_.states());  // 1: on the way from here, 2: reaches an end
+    std::vector<std::uint32_t> way;
+    for (std::uint32_t i = 0; i < space_.states(); ++i) {
+      way.clear();
+      std::uint32_t at = i;
+      for (; at != kNone && seen[at] == 0; at = space_.state(at).next) {
+        seen[at] = 1;
+        way.push_back(at);
+      }
+      if (at != kNone && seen[at] == 1) {
+        const State& state = space_.state(at);
+        return space_.addFailure(state.schedule, state.position, "a cycle of states without progress\n");
+      }
+      for (const std::uint32_t each : way) seen[each] = 2;
+    }
+  }
+
+  /// The schedule with the fewest steps, as a scenario.
+  void tell() {
+    std::uint32_t least = 0;
+    for (std::uint32_t i = 1; i < space_.failures(); ++i) {
+      if (space_.failure(i).position < space_.failure(least).position) least = i;
+    }
+    const Failure& failure = space_.failure(least);
+    found_.failure = failure.text;
+    if (options_.out.empty()) return;
+    Plan plan;
+    plan.shuffled = false;
+    plan.operations = operationsOf(failure.schedule, failure.position);
+    Verdict verdict = runApart(plan);
+    if (!verdict.wrong.empty()) {
+      plan = minimize(std::move(plan));
+      verdict = runApart(plan);
+    }
+    std::ofstream(options_.out) << scenarioOf(plan, verdict);
+    found_.failure += fmt::format("{} deviations; {} operations in {}{}\n",
+                                  space_.schedule(failure.schedule).bound, plan.operations.size(),
+                                  options_.out, verdict.wrong.empty() ? ", which do not fail alone" : "");
+  }
+
+  /// What a schedule does, up to this many steps or its death: it runs in a process of its own.
+  std::vector<KilnAgent::Operation> operationsOf(std::uint32_t schedule, std::uint32_t positions) {
+    int ends[2];
+    if (pipe(ends) != 0) throw KilnAgent::InputError("no pipe");
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+      replay(schedule, positions, ends[1]);
+      _exit(0);
+    }
+    close(ends[1]);
+    std::vector<KilnAgent::Operation> operations;
+    std::FILE* const lines = fdopen(ends[0], "r");
+    std::unique_ptr<char, decltype(&std::free)> line(nullptr, &std::free);
+    char* buffer = nullptr;
+    std::size_t size = 0;
+    while (getline(&buffer, &size, lines) > 0) {
+      operations.push_back(KilnAgent::parseOperation(std::string_view(buffer)));
+    }
+    line.reset(buffer);
+    std::fclose(lines);
+    waitpid(pid, nullptr, 0);
+    return operations;
+  }
+
+  void replay(std::uint32_t schedule, std::uint32_t positions, int record) {
+    std::vector<std::uint32_t> way;
+    for (std::uint32_t at = schedule; at != kNone; at = space_.schedule(at).parent) way.push_back(at);
+    ScheduleRun run(scenario_, options_.fromReady, space_, record);
+    std::uint32_t position = 0;
+    const auto goOn = [&](std::uint32_t until) {
+      while (position < until && !run.failed() && !run.ended()) {
+        ++position;
+        run.take(Choice(run.choices().front()));
+      }
+    };
+    for (auto at = way.rbegin() + 1; at != way.rend(); ++at) {
+      goOn(space_.schedule(*at).position);
+      ++position;
+      run.take(space_.schedule(*at).choice);
+    }
+    goOn(positions);
+    if (!run.failed() && run.ended()) run.withdrawEverything();
+  }
+
+  SmallScenario scenario_;
+  ExploreOptions options_;
+  ExploredSpace space_;
+  Explored found_;
+  std::chrono::steady_clock::time_point begin_;
+};
+
+}  // namespace
+
+Explored explore(const std::string& file, const ExploreOptions& options) {
+  return Exploration(file, options).run();
+}
+
+std::string textOf(const Explored& explored) {
+  const std::string reached = explored.exhausted  ? "exhausted"
+                              : explored.complete ? fmt::format("bounded at {}", explored.bound)
+                                                  : "nothing complete";
+  return fmt::format("{}: {} schedules, {} states, {} choices of which {} are left out, {} ends, {:.1f} s",
+                     reached, explored.schedules, explored.states, explored.branches, explored.leftOut,
+                     explored.ends, explored.seconds);
+}
+
+}  // namespace KilnSim

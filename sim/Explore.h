@@ -1,0 +1,42 @@
+// Runs every schedule of a small scenario.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace KilnSim {
+
+struct ExploreOptions {
+  unsigned deviations = ~0U;   ///< from the default order, at most; unlimited unless given
+  bool fromReady = false;      ///< the start of the first server is not explored
+  unsigned jobs = 1;           ///< processes that run at a time
+  unsigned budgetSeconds = 0;  ///< after which it stops; 0 does not
+  std::string frontier;        ///< a file in which what was explored outlives the process; empty for none
+  unsigned proveEvery = 0;     ///< of so many merges one is continued and compared; 0 for none
+  bool reduced = true;         ///< leaves out what only changes the order of independent steps
+  std::string out;             ///< where the shortest failing schedule is written; empty for none
+};
+
+/// What an exploration found. Besides the time, a function of the scenario and the options.
+struct Explored {
+  bool exhausted = false;  ///< every schedule was run; otherwise those up to `bound` deviations
+  unsigned bound = 0;
+  bool complete = false;        ///< the budget sufficed for the bound that was asked for
+  std::uint64_t schedules = 0;  ///< that were run, until their end or a state that was seen
+  std::uint64_t states = 0;
+  std::uint64_t steps = 0;
+  std::uint64_t branches = 0;  ///< choices other than the default
+  std::uint64_t leftOut = 0;   ///< of these, by the reduction
+  std::uint64_t ends = 0;      ///< different final statuses and tables
+  std::uint64_t proved = 0;    ///< merges that were continued and compared
+  std::string failure;         ///< empty if all held
+  double seconds = 0;
+};
+
+/// Explores the scenario in this file. Throws InputError if it cannot.
+Explored explore(const std::string& file, const ExploreOptions& options);
+
+/// The figures in one line.
+std::string textOf(const Explored& explored);
+
+}  // namespace KilnSim

@@ -1,0 +1,185 @@
+// What the processes of an exploration know together: states, choices still to be followed, failures.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/StateDigest.h"
+#include "sim/Choice.h"
+#include "sim/ScheduleRun.h"
+
+namespace KilnSim {
+
+using StateValue = KilnEmServer::StateDigest::Value;
+
+/// A set of small numbers.
+class NumberSet {
+ public:
+  static constexpr std::size_t kMost = 512;
+  void add(std::size_t number) { words_[number / 64] |= std::uint64_t{1} << (number % 64); }
+  void add(const NumberSet& other) {
+    for (std::size_t i = 0; i < std::size(words_); ++i) words_[i] |= other.words_[i];
+  }
+  [[nodiscard]] bool meets(const NumberSet& other) const {
+    std::uint64_t both = 0;
+    for (std::size_t i = 0; i < std::size(words_); ++i) both |= words_[i] & other.words_[i];
+    return both != 0;
+  }
+
+ private:
+  std::uint64_t words_[kMost / 64] = {};
+};
+
+/// Which parts of the state a step may have read, and which it changed.
+struct Footprint {
+  NumberSet read;
+  NumberSet written;
+  [[nodiscard]] bool meets(const Footprint& other) const {
+    return written.meets(other.written) || written.meets(other.read) || read.meets(other.written);
+  }
+  void add(const Footprint& other) {
+    read.add(other.read);
+    written.add(other.written);
+  }
+};
+
+inline constexpr std::uint32_t kNone = ~std::uint32_t{0};
+
+/// A state that was reached, and the default step from it.
+struct State {
+  StateValue value;
+  std::uint32_t schedule = kNone;  ///< the schedule that reached it first
+  std::uint32_t position = 0;      ///< steps that this one had made then
+  std::uint32_t next = kNone;      ///< the state after the default step
+  std::uint32_t firstBranch = kNone;
+  Choice step;  ///< the default
+  Footprint footprint;
+  bool ends = false;
+};
+
+/// A choice other than the default in a state.
+struct Branch {
+  std::uint32_t state = kNone;
+  std::uint32_t next = kNone;  ///< of the same state
+  Choice choice;
+};
+
+/// The default order but for some deviations: the one at `position`, and those of `parent`, which come
+/// before.
+struct Schedule {
+  std::uint32_t parent = kNone;
+  std::uint32_t position = 0;
+  std::uint32_t firstChild = kNone;  ///< of those that are to be followed now, the first positions first
+  std::uint32_t sibling = kNone;
+  std::uint32_t state = kNone;   ///< in which it deviates last
+  std::uint32_t target = kNone;  ///< the state that follows
+  std::uint8_t bound = 0;        ///< number of its deviations
+  Choice choice;
+};
+
+struct Failure {
+  std::uint32_t schedule = kNone;
+  std::uint32_t position = 0;
+  char text[1000] = {};
+};
+
+/// A different end.
+struct End {
+  StateValue outcome;
+  std::uint32_t schedule = kNone;
+  std::uint32_t position = 0;
+};
+
+/// An array that grows in shared memory.
+template <class T>
+struct SharedArray {
+  T* items = nullptr;
+  std::uint32_t* size = nullptr;
+  std::uint32_t most = 0;
+  [[nodiscard]] T& operator[](std::uint32_t at) const { return items[at]; }
+};
+
+/// Memory that all processes share which are forked from the one that created it; in a file, if one is named,
+/// where it outlives them.
+class ExploredSpace final : public TaskNumbers {
+ public:
+  /// Throws InputError if the file cannot be used or is of another scenario.
+  ExploredSpace(const std::string& file, std::string_view scenario);
+  ~ExploredSpace();
+  ExploredSpace(const ExploredSpace&) = delete;
+  ExploredSpace& operator=(const ExploredSpace&) = delete;
+
+  struct Header;
+  [[nodiscard]] Header& header() const { return *header_; }
+
+  /// The number of the state, and whether it is new.
+  std::pair<std::uint32_t, bool> stateOf(const StateValue& value, std::uint32_t schedule,
+                                         std::uint32_t position);
+  [[nodiscard]] State& state(std::uint32_t number) const { return states_[number]; }
+  [[nodiscard]] std::uint32_t states() const { return *states_.size; }
+  void addBranch(std::uint32_t state, const Choice& choice);
+  [[nodiscard]] const Branch& branch(std::uint32_t number) const { return branches_[number]; }
+  [[nodiscard]] std::uint32_t branches() const { return *branches_.size; }
+  std::uint32_t addSchedule(const Schedule& schedule);
+  [[nodiscard]] Schedule& schedule(std::uint32_t number) const { return schedules_[number]; }
+  [[nodiscard]] std::uint32_t schedules() const { return *schedules_.size; }
+  void addFailure(std::uint32_t schedule, std::uint32_t position, std::string_view text);
+  [[nodiscard]] const Failure& failure(std::uint32_t number) const { return failures_[number]; }
+  [[nodiscard]] std::uint32_t failures() const { return *failures_.size; }
+  void addEnd(const StateValue& outcome, std::uint32_t schedule, std::uint32_t position);
+  [[nodiscard]] const End& end(std::uint32_t number) const { return ends_[number]; }
+  [[nodiscard]] std::uint32_t ends() const { return *ends_.size; }
+
+  std::uint16_t numberOf(std::string_view name, std::string_view instance) override;
+  /// The number of a part of the state.
+  std::size_t partNumber(std::string_view name);
+  /// Forgets what was found since there were so many states and schedules.
+  void revertTo(std::uint32_t states, std::uint32_t branches);
+
+  /// What the processes are at now.
+  struct Header {
+    std::uint64_t magic;
+    char scenario[200];
+    std::atomic<int> freeCores;
+    std::atomic<std::uint64_t> steps;     ///< choices made, those of setting up left out
+    std::atomic<std::uint64_t> followed;  ///< schedules that were run
+    std::atomic<std::uint64_t> merges;    ///< that were compared
+    std::atomic<bool> stop;               ///< the budget is used up
+    std::uint32_t bound;                  ///< of the schedules that are being followed
+    std::uint32_t statesBefore;           ///< when they were begun
+    std::uint32_t branchesBefore;
+    std::atomic<bool> locked;
+    std::uint32_t sizes[8];
+  };
+
+ private:
+  class Lock;
+  struct Name {
+    std::uint64_t high, low;
+  };
+  template <class T>
+  SharedArray<T> array(std::uint32_t most, std::size_t sizeAt);
+  void clearStates();
+  std::uint32_t* slotOf(const StateValue& value) const;
+  std::uint32_t numberOfName(const SharedArray<Name>& names, std::string_view a, std::string_view b);
+
+  int file_ = -1;
+  char* memory_ = nullptr;
+  std::size_t used_ = 0;
+  Header* header_ = nullptr;
+  SharedArray<State> states_;
+  SharedArray<std::uint32_t> slots_;  ///< numbers of states, from 1, by their value
+  SharedArray<Branch> branches_;
+  SharedArray<Schedule> schedules_;
+  SharedArray<Failure> failures_;
+  SharedArray<End> ends_;
+  SharedArray<Name> tasks_;
+  SharedArray<Name> parts_;
+};
+
+}  // namespace KilnSim
