@@ -113,6 +113,8 @@ class ComposerSm : public Stage, private Departures::Composer {
                             const ResolutionState* state);
 
   void noteState(StateDigest& digest) const override;
+  /// Also what resolvers hold, and where withdrawn keys may still be found.
+  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
 
  protected:
   void checkArguments() const override;

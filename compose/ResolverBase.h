@@ -54,6 +54,8 @@ class ResolverBase : public Stage {
   void sweep(std::string reportAs = {});
 
   void noteState(StateDigest& digest) const override;
+  /// Also what each composer requests.
+  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
 
  protected:
   void checkArguments() const override;

@@ -110,6 +110,12 @@ class KeyedCollection : public FetchedAhead {
   KeyedCollection& operator=(const KeyedCollection&) = delete;
 };
 
+/// The address by which a collection is known, whatever its class.
+template <class K, class V>
+const void* addressOf(const KeyedCollection<K, V>& collection) {
+  return &collection;
+}
+
 /// Visits every key and value; the collection must not change meanwhile.
 template <class C, class Visitor>
 void forEachIn(const C& collection, Visitor&& visitor) {

@@ -29,7 +29,8 @@ EmConflictSm::~EmConflictSm() = default;
 void EmConflictSm::handleInitialized() {
   pendingTask_ = std::make_unique<Task>(
       control().scheduler, control().priority - 1, "EmConflictSm-hwPendingTask",
-      [](void* owner) { static_cast<EmConflictSm*>(owner)->insertPending(); }, this, kPendingPatience);
+      [](void* owner) { static_cast<EmConflictSm*>(owner)->insertPending(); }, this, kPendingPatience,
+      name());
 }
 
 void EmConflictSm::handleDeleteAll() {

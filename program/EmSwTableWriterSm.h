@@ -43,6 +43,10 @@ class EmSwTableWriterSm : public Stage,
   ~EmSwTableWriterSm() override;
 
   [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override {
+    collections.push_back(KilnPlatform::addressOf(std::as_const(*emSwTableStatus_).status()));
+    return Stage::addReads(collections);
+  }
 
   /// Programs or overwrites the entry; calls `handler` once with the table's answer. Throws std::range_error,
   /// without a call of `handler`, where key or entry is not one of this writer's table.

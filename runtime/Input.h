@@ -302,6 +302,9 @@ class Input final
   }
   [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
   [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
+  void addReads(std::vector<const void*>& collections) const override {
+    if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(collection()));
+  }
   void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
   { owner_.expect(key); }
 
@@ -462,6 +465,12 @@ class NestedInput final
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
   }
   [[nodiscard]] const auto& collection() const { return OuterAttr::of(*entity_); }
+  void addReads(std::vector<const void*>& collections) const override {
+    collections.push_back(KilnPlatform::addressOf(collection()));
+    for (const auto& [outerKey, inner] : inners_) {
+      collections.push_back(KilnPlatform::addressOf(inner->collection()));
+    }
+  }
   /// The value under an inner key, or null.
   [[nodiscard]] const Value* find(const OuterKey& outerKey, const Key& key) const {
     const auto at = inners_.find(outerKey);

@@ -107,6 +107,9 @@ class Output final : public OutputBase {
     return deleteNextOf(collection());
   }
   [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
+  void addReads(std::vector<const void*>& collections) const override {
+    if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(Attr::of(std::as_const(*entity_))));
+  }
 
   void noteState(StateDigest& digest) const override {
     OutputBase::noteState(digest);

@@ -336,6 +336,12 @@ std::size_t Stage::keysInOutputs() const {
   return keys;
 }
 
+bool Stage::addReads(std::vector<const void*>& collections) const {
+  for (const InputBase* input : inputs_) input->addReads(collections);
+  for (const OutputBase* output : outputs_) output->addReads(collections);
+  return true;
+}
+
 bool Stage::deleteNext() {
   const KilnPlatform::RunningStageScope scope(name_);
   const bool more =

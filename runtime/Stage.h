@@ -169,6 +169,8 @@ class InputBase {
   [[nodiscard]] int pipeline() const { return pipeline_; }
   [[nodiscard]] const std::string& childName() const { return childName_; }
 
+  /// Adds the address of each collection that is read, as a StateDigest has it.
+  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
   /// Whether a change of this key of this key space waits.
   [[nodiscard]] virtual bool changeWaits(const void* /*space*/, const void* /*key*/) const { return false; }
   /// Whether changed keys wait, how many, and the arrival of the first of them.
@@ -259,6 +261,8 @@ class OutputBase {
   virtual bool deleteNext() = 0;
   /// How many keys stand in the output.
   [[nodiscard]] virtual std::size_t size() const = 0;
+  /// Adds the address of its collection, which the handlers may read too.
+  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
   void stop() { task_.reset(); }
 
   [[nodiscard]] const std::string& name() const { return name_; }
@@ -374,6 +378,9 @@ class Stage {
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
   /// Number of changed keys that wait to be handled.
   [[nodiscard]] std::size_t pendingCount() const;
+  /// Adds the address of each collection that the handlers may read, as a StateDigest has it. False if they
+  /// may read others, too.
+  [[nodiscard]] virtual bool addReads(std::vector<const void*>& collections) const;
   /// Whether a change of the key waits in one of the inputs.
   template <class K>
   [[nodiscard]] bool changeWaits(const K& key) const {

@@ -89,7 +89,7 @@ class StateDigest {
   /// A collection as a part of its own.
   template <class K, class V>
   void addPart(std::string name, const KilnPlatform::KeyedCollection<K, V>& collection) {
-    begin(std::move(name), &collection);
+    begin(std::move(name), KilnPlatform::addressOf(collection));
     addContent(collection);
   }
 

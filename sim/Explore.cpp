@@ -32,7 +32,7 @@ constexpr std::uint32_t kMostSteps = 20'000;
 class Walk {
  public:
   Walk(ExploredSpace& space, const SmallScenario& scenario, const ExploreOptions& options)
-      : space_(space), header_(space.header()), scenario_(scenario), options_(options) {}
+      : space_(space), header_(space.header()), scenario_(scenario), options_(options), recorder_(space) {}
 
   /// The whole walk, in a process of its own.
   void start() {
@@ -48,10 +48,10 @@ class Walk {
     if (header_.stop) return;
     schedule_ = schedule;
     const Schedule& own = space_.schedule(schedule);
-    if (own.bound == header_.bound) {
-      explore(own);
-    } else {
+    if (own.followed) {
       part(own);
+    } else {
+      explore(own);
     }
   }
 
@@ -137,28 +137,32 @@ class Walk {
 
   void addBranches(std::uint32_t state) {
     const std::vector<Choice>& choices = run_->choices();
-    for (std::size_t i = 1; i < choices.size(); ++i) space_.addBranch(state, choices[i]);
+    for (std::size_t i = 1; i < choices.size(); ++i) addBranch(state, choices[i]);
+  }
+
+  void addBranch(std::uint32_t state, const Choice& choice) {
+    space_.addBranch(state, choice, static_cast<std::uint8_t>(space_.schedule(schedule_).bound + 1));
   }
 
   void deviate(const Schedule& own) {
-    const Footprints before(*run_);
     const Choice choice = own.choice;
+    recorder_.before(*run_);
     const ScheduleRun::Slice slice = step(choice);
-    (void)before;
+    recorder_.after(*run_, choice);
     addVariants(own.state, choice, slice);
   }
 
   /// Those slices of the default order that change nothing are no steps of their own.
   void defaultStep(std::uint32_t number) {
-    const Footprints before(*run_);
     bool more = true;
     while (more) {
       const Choice choice = run_->choices().front();
+      recorder_.before(*run_);
       const ScheduleRun::Slice slice = step(choice);
+      recorder_.after(*run_, choice);
       more = run_->unchanged() && !run_->ended() && !run_->failed();
       if (more) continue;
       space_.state(number).step = choice;
-      space_.state(number).footprint = before.until(*run_, choice, space_);
       addVariants(number, choice, slice);
     }
   }
@@ -167,14 +171,14 @@ class Walk {
   void addVariants(std::uint32_t state, const Choice& choice, const ScheduleRun::Slice& slice) {
     if (choice.kind != Kind::task || choice.items != 0 || choice.refused != Choice::kNoRefusal) return;
     Choice variant = choice;
-    for (std::size_t items = 1; items < slice.items; ++items) {
+    for (std::size_t items = 1; slice.othersReady && items < slice.items; ++items) {
       variant.items = static_cast<std::uint16_t>(items);
-      space_.addBranch(state, variant);
+      addBranch(state, variant);
     }
     variant = choice;
     for (std::size_t write = 0; run_->refusalsLeft() != 0 && write < slice.writes; ++write) {
       variant.refused = static_cast<std::uint8_t>(write);
-      space_.addBranch(state, variant);
+      addBranch(state, variant);
     }
   }
 
@@ -210,6 +214,7 @@ class Walk {
   const SmallScenario& scenario_;
   const ExploreOptions& options_;
   std::optional<ScheduleRun> run_;
+  FootprintRecorder recorder_;
   std::uint32_t schedule_ = 0;
   std::uint32_t position_ = 0;
   std::vector<Child> children_;
@@ -222,33 +227,34 @@ class Frontier {
  public:
   Frontier(ExploredSpace& space, bool reduced) : space_(space), reduced_(reduced) {}
 
-  /// Adds them, and links them to what they have in common. Returns how many there are.
-  std::size_t advance(std::uint64_t& leftOut) {
+  /// Adds those with up to so many deviations that are needed, as far as is known now. Returns how many.
+  std::size_t advance(unsigned bound) {
     const std::uint32_t first = space_.schedules();
     const Reduction reduction(space_);
-    for (std::uint32_t i = space_.header().branchesBefore; i < space_.branches(); ++i) {
-      const Branch& branch = space_.branch(i);
-      if (reduced_ && !reduction.needed(branch)) {
-        ++leftOut;
-        continue;
-      }
+    for (std::uint32_t i = 0; i < space_.branches(); ++i) {
+      Branch& branch = space_.branch(i);
+      if (branch.taken || branch.bound > bound || (reduced_ && !reduction.needed(branch))) continue;
+      branch.taken = true;
       const State& state = space_.state(branch.state);
       Schedule schedule;
       schedule.parent = state.schedule;
       schedule.position = state.position;
       schedule.state = branch.state;
       schedule.choice = branch.choice;
-      schedule.bound = static_cast<std::uint8_t>(space_.header().bound + 1);
+      schedule.bound = branch.bound;
       space_.addSchedule(schedule);
     }
     link(first);
     return space_.schedules() - first;
   }
 
-  /// Every schedule from the first one of those that are to be followed, and what leads there.
+  /// All from `first` on are to be followed; what leads to them was.
   void link(std::uint32_t first) {
     std::vector<bool> needed(space_.schedules());
-    for (std::uint32_t i = 0; i < space_.schedules(); ++i) space_.schedule(i).firstChild = kNone;
+    for (std::uint32_t i = 0; i < space_.schedules(); ++i) {
+      space_.schedule(i).firstChild = kNone;
+      space_.schedule(i).followed = i < first;
+    }
     std::vector<std::uint32_t> all;
     for (std::uint32_t i = first; i < space_.schedules(); ++i) {
       for (std::uint32_t at = i; at != kNone && !needed[at]; at = space_.schedule(at).parent) {
@@ -286,14 +292,16 @@ class Exploration {
   Explored run() {
     const auto begin = std::chrono::steady_clock::now();
     begin_ = begin;
+    ExploredSpace::Header& header = space_.header();
     if (space_.schedules() == 0) {
       space_.addSchedule({});
     } else {
-      resume();
+      // What was interrupted begins again; what was complete is not done again.
+      space_.revertTo(header.statesBefore, header.branchesBefore);
+      Frontier(space_, options_.reduced).link(header.firstFollowed);
     }
-    while (followBound() && space_.failures() == 0 && !found_.exhausted) {
-      if (space_.header().bound == options_.deviations) break;
-      nextBound();
+    while (follow() && space_.failures() == 0 && !found_.exhausted) {
+      if (!advance()) break;
     }
     found_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     finish();
@@ -305,16 +313,8 @@ class Exploration {
     return fmt::format("{} {} {}", file, options.fromReady, options.reduced);
   }
 
-  /// What was interrupted begins again; what was complete is not done again.
-  void resume() {
-    space_.revertTo(space_.header().statesBefore, space_.header().branchesBefore);
-    std::uint32_t first = 0;
-    while (first < space_.schedules() && space_.schedule(first).bound != space_.header().bound) ++first;
-    Frontier(space_, options_.reduced).link(first);
-  }
-
   /// False if the budget did not suffice.
-  bool followBound() {
+  bool follow() {
     ExploredSpace::Header& header = space_.header();
     header.freeCores = static_cast<int>(options_.jobs) - 1;
     std::fflush(nullptr);
@@ -333,8 +333,6 @@ class Exploration {
       space_.addFailure(0, kMostSteps, "the process died\n");
     }
     if (header.stop) return false;
-    found_.bound = header.bound;
-    found_.complete = true;
     return true;
   }
   [[nodiscard]] bool overBudget() const {
@@ -342,19 +340,30 @@ class Exploration {
     return options_.budgetSeconds != 0 && used > std::chrono::seconds(options_.budgetSeconds);
   }
 
-  void nextBound() {
+  /// Goes on with what is left up to this bound, then with the next one. False if nothing is, or if no more
+  /// is wanted.
+  bool advance() {
     ExploredSpace::Header& header = space_.header();
-    const std::size_t schedules = Frontier(space_, options_.reduced).advance(found_.leftOut);
-    ++header.bound;
     header.statesBefore = space_.states();
     header.branchesBefore = space_.branches();
-    found_.exhausted = schedules == 0;
+    header.firstFollowed = space_.schedules();
+    Frontier frontier(space_, options_.reduced);
+    if (frontier.advance(header.bound) != 0) return true;
+    found_.complete = true;
+    found_.bound = header.bound;
+    if (header.bound == options_.deviations) return false;
+    ++header.bound;
+    found_.exhausted = frontier.advance(header.bound) == 0;
+    return !found_.exhausted;
   }
 
   void finish() {
     found_.schedules = space_.header().followed;
     found_.states = space_.states();
-    found_.branches = space_.branches();
+    for (std::uint32_t i = 0; i < space_.branches(); ++i) {
+      const Branch& branch = space_.branch(i);
+      if (branch.bound <= found_.bound) ++(branch.taken ? found_.branches : found_.leftOut);
+    }
     found_.ends = space_.ends();
     found_.proved = options_.proveEvery == 0 ? 0 : space_.header().merges / options_.proveEvery;
     if (space_.failures() == 0) checkEnds();

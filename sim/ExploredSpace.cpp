@@ -23,7 +23,7 @@ constexpr std::uint32_t kMostBranches = 1U << 25;
 constexpr std::uint32_t kMostSchedules = 1U << 25;
 constexpr std::uint32_t kMostFailures = 1U << 10;
 constexpr std::uint32_t kMostEnds = 1U << 12;
-constexpr std::uint32_t kMostTasks = 1U << 12;
+constexpr std::uint32_t kMostTasks = NumberSet::kMost - 32;
 /// Address space; what is not touched costs nothing.
 constexpr std::size_t kBytes = std::size_t{8} << 30;
 
@@ -73,6 +73,7 @@ ExploredSpace::ExploredSpace(const std::string& file, std::string_view scenario)
   ends_ = array<End>(kMostEnds, 5);
   tasks_ = array<Name>(kMostTasks, 6);
   parts_ = array<Name>(NumberSet::kMost, 7);
+  footprints_ = array<Footprint>(kMostTables + kMostTasks + 1, 8);
 }
 
 ExploredSpace::~ExploredSpace() {
@@ -119,9 +120,14 @@ std::pair<std::uint32_t, bool> ExploredSpace::stateOf(const StateValue& value, s
   return {*slot - 1, true};
 }
 
-void ExploredSpace::addBranch(std::uint32_t state, const Choice& choice) {
+void ExploredSpace::addBranch(std::uint32_t state, const Choice& choice, std::uint8_t bound) {
   const Lock lock(*header_);
-  states_[state].firstBranch = append(branches_, Branch{state, states_[state].firstBranch, choice});
+  append(branches_, Branch{state, choice, bound, false});
+}
+
+void ExploredSpace::addFootprint(std::uint32_t step, const Footprint& footprint) {
+  const Lock lock(*header_);
+  footprints_[step].add(footprint);
 }
 
 std::uint32_t ExploredSpace::addSchedule(const Schedule& schedule) {
@@ -170,8 +176,6 @@ void ExploredSpace::revertTo(std::uint32_t states, std::uint32_t branches) {
   for (std::uint32_t i = 0; i < states; ++i) {
     std::uint32_t* const slot = slotOf(states_[i].value);
     *slot = i + 1;
-    std::uint32_t& branch = states_[i].firstBranch;
-    while (branch != kNone && branch >= branches) branch = branches_[branch].next;
   }
 }
 

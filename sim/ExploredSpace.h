@@ -1,13 +1,14 @@
 // What the processes of an exploration know together: states, choices still to be followed, failures.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <iterator>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 #include "runtime/StateDigest.h"
 #include "sim/Choice.h"
@@ -25,6 +26,11 @@ class NumberSet {
   void add(const NumberSet& other) {
     for (std::size_t i = 0; i < std::size(words_); ++i) words_[i] |= other.words_[i];
   }
+  [[nodiscard]] bool empty() const {
+    return std::all_of(std::begin(words_), std::end(words_), [](auto word) { return word == 0; });
+  }
+  [[nodiscard]] bool has(std::size_t number) const { return (words_[number / 64] >> (number % 64) & 1) != 0; }
+  void addAll() { std::fill(std::begin(words_), std::end(words_), ~std::uint64_t{0}); }
   [[nodiscard]] bool meets(const NumberSet& other) const {
     std::uint64_t both = 0;
     for (std::size_t i = 0; i < std::size(words_); ++i) both |= words_[i] & other.words_[i];
@@ -35,16 +41,18 @@ class NumberSet {
   std::uint64_t words_[kMost / 64] = {};
 };
 
-/// Which parts of the state a step may have read, and which it changed.
+/// What a step did, or all slices of a task did that were made so far.
 struct Footprint {
-  NumberSet read;
-  NumberSet written;
+  NumberSet read;     ///< parts of the state that it may have read
+  NumberSet written;  ///< parts that it changed
+  NumberSet enabled;  ///< steps that were possible after it and not before, by ExploredSpace::stepNumber
   [[nodiscard]] bool meets(const Footprint& other) const {
     return written.meets(other.written) || written.meets(other.read) || read.meets(other.written);
   }
   void add(const Footprint& other) {
     read.add(other.read);
     written.add(other.written);
+    enabled.add(other.enabled);
   }
 };
 
@@ -56,17 +64,16 @@ struct State {
   std::uint32_t schedule = kNone;  ///< the schedule that reached it first
   std::uint32_t position = 0;      ///< steps that this one had made then
   std::uint32_t next = kNone;      ///< the state after the default step
-  std::uint32_t firstBranch = kNone;
-  Choice step;  ///< the default
-  Footprint footprint;
+  Choice step;                     ///< the default
   bool ends = false;
 };
 
 /// A choice other than the default in a state.
 struct Branch {
   std::uint32_t state = kNone;
-  std::uint32_t next = kNone;  ///< of the same state
   Choice choice;
+  std::uint8_t bound = 0;  ///< deviations with it
+  bool taken = false;      ///< by a schedule
 };
 
 /// The default order but for some deviations: the one at `position`, and those of `parent`, which come
@@ -79,6 +86,7 @@ struct Schedule {
   std::uint32_t state = kNone;   ///< in which it deviates last
   std::uint32_t target = kNone;  ///< the state that follows
   std::uint8_t bound = 0;        ///< number of its deviations
+  bool followed = false;         ///< otherwise it is to be followed now
   Choice choice;
 };
 
@@ -122,8 +130,8 @@ class ExploredSpace final : public TaskNumbers {
                                          std::uint32_t position);
   [[nodiscard]] State& state(std::uint32_t number) const { return states_[number]; }
   [[nodiscard]] std::uint32_t states() const { return *states_.size; }
-  void addBranch(std::uint32_t state, const Choice& choice);
-  [[nodiscard]] const Branch& branch(std::uint32_t number) const { return branches_[number]; }
+  void addBranch(std::uint32_t state, const Choice& choice, std::uint8_t bound);
+  [[nodiscard]] Branch& branch(std::uint32_t number) const { return branches_[number]; }
   [[nodiscard]] std::uint32_t branches() const { return *branches_.size; }
   std::uint32_t addSchedule(const Schedule& schedule);
   [[nodiscard]] Schedule& schedule(std::uint32_t number) const { return schedules_[number]; }
@@ -138,7 +146,15 @@ class ExploredSpace final : public TaskNumbers {
   std::uint16_t numberOf(std::string_view name, std::string_view instance) override;
   /// The number of a part of the state.
   std::size_t partNumber(std::string_view name);
-  /// Forgets what was found since there were so many states and schedules.
+  /// The number of a task, or of a table's answers: below NumberSet::kMost.
+  static std::uint32_t stepNumber(const Choice& choice) {
+    return choice.kind == Choice::Kind::answer ? choice.which : kMostTables + choice.which;
+  }
+  [[nodiscard]] const Footprint& footprint(std::uint32_t step) const { return footprints_[step]; }
+  void addFootprint(std::uint32_t step, const Footprint& footprint);
+  /// One more than the greatest number of a step.
+  [[nodiscard]] std::uint32_t steps() const { return kMostTables + *tasks_.size + 1; }
+  /// Forgets what was found since there were so many states and branches.
   void revertTo(std::uint32_t states, std::uint32_t branches);
 
   /// What the processes are at now.
@@ -151,10 +167,11 @@ class ExploredSpace final : public TaskNumbers {
     std::atomic<std::uint64_t> merges;    ///< that were compared
     std::atomic<bool> stop;               ///< the budget is used up
     std::uint32_t bound;                  ///< of the schedules that are being followed
+    std::uint32_t firstFollowed;          ///< of them
     std::uint32_t statesBefore;           ///< when they were begun
     std::uint32_t branchesBefore;
     std::atomic<bool> locked;
-    std::uint32_t sizes[8];
+    std::uint32_t sizes[9];
   };
 
  private:
@@ -164,7 +181,7 @@ class ExploredSpace final : public TaskNumbers {
   };
   template <class T>
   SharedArray<T> array(std::uint32_t most, std::size_t sizeAt);
-  void clearStates();
+  static constexpr std::uint32_t kMostTables = 16;
   std::uint32_t* slotOf(const StateValue& value) const;
   std::uint32_t numberOfName(const SharedArray<Name>& names, std::string_view a, std::string_view b);
 
@@ -180,6 +197,7 @@ class ExploredSpace final : public TaskNumbers {
   SharedArray<End> ends_;
   SharedArray<Name> tasks_;
   SharedArray<Name> parts_;
+  SharedArray<Footprint> footprints_;
 };
 
 }  // namespace KilnSim

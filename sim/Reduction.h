@@ -2,6 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "sim/ExploredSpace.h"
@@ -9,26 +13,54 @@
 
 namespace KilnSim {
 
-/// The state before a step, to find out what the step changed.
-class Footprints {
+/// Finds out what the steps of a run read and write, and what they make possible.
+///
+/// What a step wrote is seen in the state's digest, part by part. What it may have read is what its stage
+/// declares; a task that belongs to no stage, and a stage that reads more, may have read everything. Which
+/// tasks are ready follows from the parts and is left out, and so is the judge, which looks at the same
+/// things from outside.
+class FootprintRecorder {
  public:
-  explicit Footprints(const ScheduleRun& run) : before_(run.digest().parts()) {}
-  /// What the step that was taken since, by this choice, changed and may have read.
-  [[nodiscard]] Footprint until(const ScheduleRun& run, const Choice& choice, ExploredSpace& space) const;
+  explicit FootprintRecorder(ExploredSpace& space) : space_(space) {}
+  /// A step is about to be taken.
+  void before(const ScheduleRun& run);
+  /// It was taken, by this choice.
+  void after(ScheduleRun& run, const Choice& choice);
 
  private:
-  std::vector<KilnEmServer::StateDigest::Part> before_;
+  using Parts = std::vector<KilnEmServer::StateDigest::Part>;
+  void addWritten(const Parts& parts, NumberSet& written);
+  [[nodiscard]] const NumberSet& readsOf(ScheduleRun& run, std::uint32_t step);
+  void addReads(ScheduleRun& run, NumberSet& reads);
+  void addReadsOf(const KilnEmServer::Stage& stage, const Parts& parts, NumberSet& reads);
+  [[nodiscard]] std::size_t numberOf(const std::string& part);
+
+  ExploredSpace& space_;
+  Parts before_;
+  std::set<std::uint32_t> possible_;  ///< steps, before the one that is taken
+  std::map<std::string, std::size_t> numbers_;
+  std::map<std::uint32_t, NumberSet> reads_;  ///< by step
 };
 
-/// Looks at the default steps that follow a state.
+/// Compares what is known of the steps that were made so far.
 class Reduction {
  public:
-  explicit Reduction(const ExploredSpace& space) : space_(space) {}
-  /// False if the choice leads nowhere else than the default step does, sooner or later.
+  explicit Reduction(const ExploredSpace& space);
+  /// False if the step can as well be made later: no step that is possible in its state, and has to do with
+  /// the default one, directly or through others of them, has to do with it or with what may follow from it.
   [[nodiscard]] bool needed(const Branch& branch) const;
 
  private:
+  using Steps = std::set<std::uint32_t>;
+  [[nodiscard]] Steps neededIn(std::uint32_t state) const;
+  /// Whether `step`, or one that it makes possible, sooner or later, has to do with `other`.
+  [[nodiscard]] bool concerns(std::uint32_t step, std::uint32_t other) const;
+
   const ExploredSpace& space_;
+  std::map<std::uint32_t, Steps> possible_;  ///< steps other than the default, by state
+  std::vector<Steps> follow_;                ///< the step and all that it may make possible
+  mutable std::uint32_t state_ = kNone;
+  mutable Steps needed_;  ///< in this state
 };
 
 }  // namespace KilnSim

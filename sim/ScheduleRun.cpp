@@ -166,6 +166,7 @@ void ScheduleRun::addTroubles() {
 
 ScheduleRun::Slice ScheduleRun::take(const Choice& choice) {
   Slice slice;
+  const bool othersReady = otherStepThan(choice);
   const auto before = digest_.value();
   yielded_ = 0;
   switch (choice.kind) {
@@ -197,8 +198,15 @@ ScheduleRun::Slice ScheduleRun::take(const Choice& choice) {
   takeDigest();
   idleSlices_ = choice.kind == Kind::task && digest_.value() == before ? idleSlices_ + 1 : 0;
   findChoices();
-  slice.othersReady = choices_.size() > 1;
+  slice.othersReady = othersReady || otherStepThan(choice);
   return slice;
+}
+
+/// Whether another task may run, or an answer be given.
+bool ScheduleRun::otherStepThan(const Choice& choice) const {
+  return std::any_of(choices_.begin(), choices_.end(), [&](const Choice& other) {
+    return other.kind == Kind::answer || (other.kind == Kind::task && other.which != choice.which);
+  });
 }
 
 ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
@@ -206,6 +214,7 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
                                   [&](const Ready& ready) { return ready.number == choice.which; });
   KILN_ASSERT(found != ready_.end() && "the task is ready");
   Task& task = *found->task;
+  lastStage_ = task.instance().empty() ? task.name() : task.instance();
   SliceOperation operation{std::string(task.name()), std::string(task.instance()), choice.items, {}};
   if (choice.refused != Choice::kNoRefusal) {
     operation.refused = choice.refused;
@@ -221,6 +230,9 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
 
 void ScheduleRun::giveAnswer(const Choice& choice) {
   const auto tag = static_cast<TableTag>(choice.which);
+  const auto& writers = run_.agent().server().swTableWriterSm();
+  const auto writer = writers.find(tag);
+  lastStage_ = writer == writers.end() ? "" : writer->second->name();
   apply(AnswerOperation{tag, SoftTable::Order::fifo, 1, true, choice.place});
   apply(SliceOperation{answerTaskOf(run_.agent().chip().table(tag))});
 }

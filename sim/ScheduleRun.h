@@ -45,7 +45,7 @@ class ScheduleRun {
   struct Slice {
     std::size_t items = 0;     ///< after which it was asked whether it should yield
     std::size_t writes = 0;    ///< that a table was asked for
-    bool othersReady = false;  ///< when it had ended
+    bool othersReady = false;  ///< other steps were possible when it began, or when it ended
   };
   /// Does this, which must be one of the choices, but for the items of its slice and the refused write.
   Slice take(const Choice& choice);
@@ -63,6 +63,8 @@ class ScheduleRun {
   /// Withdraws every request and sees whether anything is left. To be called when ended() or never.
   void withdrawEverything();
   [[nodiscard]] KilnAgent::EmbeddedAgent& agent() { return run_.agent(); }
+  /// The stage whose task ran last, or whose operation was answered; or the name of another task.
+  [[nodiscard]] const std::string& lastStage() const { return lastStage_; }
 
  private:
   using Task = KilnPlatform::Task;
@@ -82,6 +84,7 @@ class ScheduleRun {
   void addAnswers();
   void addOperation();
   void addTroubles();
+  [[nodiscard]] bool otherStepThan(const Choice& choice) const;
   Slice runTask(const Choice& choice);
   void giveAnswer(const Choice& choice);
   void applyNext();
@@ -101,7 +104,8 @@ class ScheduleRun {
   std::size_t next_ = 0;  ///< of the scenario's operations
   Troubles left_;
   std::size_t idleSlices_ = 0;  ///< that changed nothing, one after the other
-  std::uint16_t yielded_ = 0;   ///< number of the task that was made to yield just now; 0 for none
+  std::string lastStage_;
+  std::uint16_t yielded_ = 0;  ///< number of the task that was made to yield just now; 0 for none
 };
 
 }  // namespace KilnSim
