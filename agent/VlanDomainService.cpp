@@ -272,7 +272,7 @@ void VlanDomainService::forgetServer() {
 }
 
 // How many use a domain follows from the allotments; of where a pool is searched from only the first free
-// domain is known outside.
+// domain is known outside. An unused pool is like one that does not exist.
 void VlanDomainService::noteState(KilnEmServer::StateDigest& digest) const {
   digest.addPart("vlanDomainConfig", config_->config());
   digest.addPart("vlanDomainStatus", status_->status());
@@ -281,6 +281,7 @@ void VlanDomainService::noteState(KilnEmServer::StateDigest& digest) const {
   for (const auto& [tcam, pool] : pools_) {
     std::uint32_t free = pool.firstMaybeFree;
     while (free <= limits_.last && pool.users.contains(free)) ++free;
+    if (pool.users.empty() && pool.waiting.empty() && free == limits_.first) continue;
     digest.add(std::tie(tcam, free));
     for (const auto& [order, interface] : pool.waiting) digest.add(interface);
     digest.add(pool.waiting.size());

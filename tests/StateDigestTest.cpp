@@ -1,0 +1,291 @@
+// The digest of an agent and its judge: states with the same digest go on alike, and what makes a difference
+// changes it.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "agent/Scenario.h"
+#include "agent/YieldPolicies.h"
+#include "server/KilnEmServerSm.h"
+#include "sim/Run.h"
+#include "sim/SmallScenario.h"
+
+namespace KilnSim {
+namespace {
+
+using KilnEmServer::differingParts;
+using KilnEmServer::StateDigest;
+
+/// One schedule of a small scenario, choice by choice. In the same state the same choice means the same.
+class Walk {
+ public:
+  explicit Walk(const SmallScenario& scenario) : scenario_(scenario), run_(plan(), tally_, nullptr) {
+    for (const auto& operation : scenario_.setUp) run_.execute(operation);
+    run_.execute(KilnAgent::SettleOperation{});
+  }
+
+  /// Does one of the things that can be done now; false if there is none.
+  bool step(std::uint32_t choice) {
+    const auto tasks = readyTasks();
+    const bool mayOperate = next_ != scenario_.explored.size();
+    const std::size_t options = 2 * tasks.size() + held() + (mayOperate ? 1 : 0) + (restarted_ ? 0 : 2);
+    if (tasks.empty()) run_.judge();
+    if (tasks.empty() && !mayOperate && held() == 0) return false;
+    take(tasks, choice % options, mayOperate);
+    return true;
+  }
+  [[nodiscard]] StateDigest digest() const {
+    StateDigest digest;
+    digest.begin("scenario");
+    digest.add(std::tie(next_, restarted_));
+    const_cast<Run&>(run_).agent().noteState(digest);
+    run_.watch().noteState(digest);
+    return digest;
+  }
+  [[nodiscard]] const std::string& wrong() const { return run_.wrong(); }
+
+ private:
+  using Task = KilnPlatform::Task;
+
+  static Plan plan() {
+    Plan plan;
+    plan.shuffled = false;
+    return plan;
+  }
+  std::vector<Task*> readyTasks() {
+    std::vector<Task*> tasks;
+    run_.agent().scheduler().forEachReady([&](Task& task) { tasks.push_back(&task); });
+    std::sort(tasks.begin(), tasks.end(), [](const Task* a, const Task* b) {
+      return std::pair(a->name(), a->instance()) < std::pair(b->name(), b->instance());
+    });
+    return tasks;
+  }
+  std::size_t held() {
+    std::size_t held = 0;
+    run_.agent().chip().forEachTable([&](const auto& table) { held += table.held(); });
+    return held;
+  }
+  void take(const std::vector<Task*>& tasks, std::size_t option, bool mayOperate) {
+    if (option < 2 * tasks.size()) {
+      KilnAgent::EveryItems policy(option % 2);
+      return run_.runSlice(*tasks[option / 2], policy, std::nullopt);
+    }
+    option -= 2 * tasks.size();
+    if (option < held()) return answer(option);
+    option -= held();
+    if (mayOperate && option-- == 0) {
+      run_.execute(scenario_.explored[next_++]);
+    } else {
+      restarted_ = true;
+      option == 0 ? run_.execute(KilnAgent::RestartOperation{}) : run_.execute(KilnAgent::CrashOperation{});
+    }
+  }
+  void answer(std::size_t which) {
+    bool done = false;
+    run_.agent().chip().forEachTable([&](KilnAgent::SoftTable& table) {
+      if (!done && which < table.held()) {
+        table.answer(KilnAgent::SoftTable::Order::fifo, 1, which);
+        done = true;
+      } else if (!done) {
+        which -= table.held();
+      }
+    });
+  }
+
+  const SmallScenario& scenario_;
+  Tally tally_;
+  Run run_;
+  std::size_t next_ = 0;
+  bool restarted_ = false;
+};
+
+using Choices = std::vector<std::uint32_t>;
+
+/// The digests of a walk that makes these choices and then some more. Keys have the same handles only if no
+/// other agent exists.
+std::vector<StateDigest> digestsAfter(const SmallScenario& scenario, const Choices& choices,
+                                      std::uint32_t seed) {
+  Walk walk(scenario);
+  for (const std::uint32_t choice : choices) walk.step(choice);
+  std::vector<StateDigest> digests = {walk.digest()};
+  std::mt19937 random(seed);
+  while (digests.size() < 200 && walk.step(static_cast<std::uint32_t>(random())))
+    digests.push_back(walk.digest());
+  return digests;
+}
+
+struct Pair {
+  Choices one;
+  Choices other;
+};
+
+/// Draws walks, and finds states that two of them reached in different ways.
+std::vector<Pair> findPairs(const SmallScenario& scenario, std::size_t walks) {
+  std::map<StateDigest::Value, Choices> known;
+  std::mt19937 random(1);
+  std::vector<Pair> pairs;
+  for (; walks != 0; --walks) {
+    Walk walk(scenario);
+    Choices choices;
+    bool wasNew = true;  // what follows a merge is a merge again
+    do {
+      const auto [at, isNew] = known.try_emplace(walk.digest().value(), choices);
+      if (!isNew && wasNew && at->second != choices) pairs.push_back({at->second, choices});
+      wasNew = isNew;
+      choices.push_back(static_cast<std::uint32_t>(random()));
+    } while (choices.size() < 400 && walk.step(choices.back()));
+  }
+  return pairs;
+}
+
+/// The parts that differ first when two states of one digest go on; empty if none does.
+std::string difference(const SmallScenario& scenario, const Pair& pair, std::uint32_t seed) {
+  const auto one = digestsAfter(scenario, pair.one, seed);
+  const auto other = digestsAfter(scenario, pair.other, seed);
+  for (std::size_t at = 0; at < std::min(one.size(), other.size()); ++at) {
+    const auto parts = differingParts(one[at], other[at]);
+    if (!parts.empty()) return fmt::format("after {} steps: {}", at, fmt::join(parts, ", "));
+  }
+  return one.size() == other.size() ? "" : "one ends before the other";
+}
+
+TEST(StateDigest, StatesOfOneDigestGoOnAlike) {
+  for (const char* name : {"moved-and-moved-back", "feature-removed-and-added", "domain-passes-on"}) {
+    const auto scenario = readSmallScenario(fmt::format("{}/sim/small/{}.jsonl", KILN_SOURCE_DIR, name));
+    const auto pairs = findPairs(scenario, 20);
+    ASSERT_LT(10U, pairs.size()) << name;
+    for (std::uint32_t at = 0; at < pairs.size(); ++at) {
+      EXPECT_EQ("", difference(scenario, pairs[at], at)) << name;
+    }
+  }
+}
+
+/// The digest of an agent that executes these operations.
+class Agent {
+ public:
+  explicit Agent(const std::vector<std::string>& lines) {
+    Plan plan;
+    plan.shuffled = false;
+    agent_.emplace(agentOptions(plan));
+    KilnAgent::Scenario scenario(*agent_, false, 1, {});
+    for (const std::string& line : lines) scenario.runLine(line);
+  }
+  [[nodiscard]] StateDigest digest(StateDigest::Walks walks = StateDigest::Walks::ignored) const {
+    StateDigest digest(walks);
+    agent_->noteState(digest);
+    return digest;
+  }
+
+ private:
+  std::optional<KilnAgent::EmbeddedAgent> agent_;
+};
+
+std::string publish(int label, int lif = 1) {
+  return fmt::format(
+      R"({{"op":"publish","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
+      R"("entry":{{"isemMplsEntry":{{"lif":{},"vsi":1}}}},"requestVersion":{},"requestKind":"add"}})",
+      label, lif, lif);
+}
+std::string withdraw(int label) {
+  return fmt::format(
+      R"({{"op":"withdraw","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}}}})",
+      label);
+}
+std::string publishUntagged(int interface) {
+  return fmt::format(
+      R"({{"op":"publish","feature":"bridging","database":"isem","key":{{"isemUntaggedEntryKey":{{"intfId":{},)"
+      R"("systemTcamId":0}}}},"entry":{{"isemUntaggedEntry":{{"lif":1,"vsi":1,"profile":0}}}},"requestVersion":1,)"
+      R"("requestKind":"add"}})",
+      interface);
+}
+std::string table(const char* what) {
+  return fmt::format(R"({{"op":"table","table":"isemMpls",{}}})", what);
+}
+std::string answer(const char* order) {
+  return fmt::format(R"({{"op":"answer","table":"isemMpls","order":"{}","count":1}})", order);
+}
+std::string allot(int domain) {
+  return fmt::format(R"({{"op":"allot","intfId":1,"systemTcamId":0,"vlanDomain":{}}})", domain);
+}
+std::string run(int tasks) {
+  return fmt::format(R"({{"op":"run","tasks":{}}})", tasks);
+}
+const std::string kSettle = R"({"op":"settle"})";
+const std::string kRestart = R"({"op":"restart"})";
+const std::string kCommit = R"({"op":"commit"})";
+const std::string kManual = R"({"op":"vlanDomains","mode":"manual"})";
+
+TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
+  const std::vector<std::string> direct = {kSettle, publish(1), kSettle, publishUntagged(1),
+                                           kSettle, publish(2), kSettle};
+  const std::vector<std::string> roundabout = {
+      kSettle, publish(2),  publish(3), kSettle,    publishUntagged(1),
+      kSettle, withdraw(3), kSettle,    publish(1), kSettle};
+  const auto walksOf = [](const std::vector<std::string>& lines) {
+    return Agent(lines).digest(StateDigest::Walks::noted).value();
+  };
+  const StateDigest::Value walks = walksOf(direct);
+  EXPECT_NE(walks, walksOf(roundabout));
+  const Agent one(direct);
+  const Agent other(roundabout);
+  EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(one.digest(), other.digest()), ", ")));
+  EXPECT_EQ(one.digest().value(), other.digest().value());
+  const Agent fresh({kSettle});
+  const Agent emptied(
+      {kSettle, publish(1), publish(1, 2), publishUntagged(1), kSettle, table(R"("answer":"refuse")"),
+       publish(2), kSettle, table(R"("answer":"success")"), withdraw(1), withdraw(2),
+       R"({"op":"withdrawAll","feature":"bridging","database":"isem"})", kSettle, kRestart, kSettle});
+  EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(fresh.digest(), emptied.digest()), ", ")));
+}
+
+TEST(StateDigest, EachDifferenceChangesIt) {
+  using Lines = std::vector<std::string>;
+  const Lines held = {kSettle, table(R"("answer":"hold")"), publish(1), kSettle, publish(1, 2), kSettle};
+  const Lines full = {publish(1), kSettle, table(R"("answer":"hold","capacity":0)"), withdraw(1)};
+  const auto with = [](Lines lines, const Lines& more) {
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
+  };
+  const auto refused = [](int first, int second) {
+    return Lines{table(R"("answer":"refuse")"), publish(first), kSettle, publish(second), kSettle,
+                 table(R"("answer":"success")")};
+  };
+  const std::vector<std::tuple<const char*, Lines, Lines>> cases = {
+      {"an entry", {publish(1, 1)}, {publish(1, 2)}},
+      {"a key that waits", {kSettle, publish(1), run(1)}, {kSettle, publish(1), run(2)}},
+      {"the order of two keys that wait",
+       {kSettle, publish(1), publish(2)},
+       {kSettle, publish(2), publish(1)}},
+      {"an operation that is answered", held, with(held, {answer("fifo"), kSettle})},
+      {"which operation is answered", with(held, {answer("fifo"), kSettle}),
+       with(held, {answer("lifo"), kSettle})},
+      {"a refused write", {publish(1), kSettle}, refused(1, 1)},
+      {"the order of refusals", refused(1, 2), refused(2, 1)},
+      {"whether room was made since a write that is unanswered",
+       with(full, {kSettle, answer("fifo"), kSettle, publish(2), kSettle}),
+       with(full, {publish(2), kSettle, answer("fifo"), kSettle})},
+      {"a domain",
+       {kManual, publishUntagged(1), allot(5), kSettle},
+       {kManual, publishUntagged(1), allot(6), kSettle}},
+      {"how far a restart is",
+       {publish(1), kSettle, kRestart, run(5)},
+       {publish(1), kSettle, kRestart, run(6)}},
+      {"what a loss would leave", {publish(1), kSettle}, {publish(1), kSettle, kCommit}},
+  };
+  for (const auto& [name, one, other] : cases) {
+    EXPECT_FALSE(differingParts(Agent(one).digest(), Agent(other).digest()).empty()) << name;
+    EXPECT_EQ(Agent(one).digest().value(), Agent(one).digest().value()) << name;
+  }
+}
+
+}  // namespace
+}  // namespace KilnSim
