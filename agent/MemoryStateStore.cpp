@@ -149,8 +149,9 @@ void MemoryStateStore::forgetServer() {
 void MemoryStateStore::noteState(KilnEmServer::StateDigest& digest) const {
   digest.addPart("features", *features_);
   for (const auto& [feature, records] : records_) {
-    const auto nameOf = [&](KilnEmServer::EmType database, std::string_view what) {
-      std::string name(KilnPlatform::stringValue(feature));
+    const std::string_view whose = KilnPlatform::stringValue(feature);
+    const auto nameOf = [whose](KilnEmServer::EmType database, std::string_view what) {
+      std::string name(whose);
       return name.append(" ").append(KilnPlatform::stringValue(database)).append(what);
     };
     const auto note = [&]<class Db>(const Records<Db>& own) {
