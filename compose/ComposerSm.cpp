@@ -475,6 +475,20 @@ void ComposerSm::countState(const EmLogicalKey& emKey, const State* from, const 
 // --- Digest ------------------------------------------------------------------------------------------------
 
 // Epochs are only compared with the present one.
+bool ComposerSm::addReads(std::vector<const void*>& collections) const {
+  KilnPlatform::forEachIn(resolverConfigDir_->resolverConfig(),
+                          [&](const auto& /*type*/, const auto& config) {
+                            const auto* own = config->resolverComposerConfig().find(composerType_);
+                            if (own != nullptr)
+                              collections.push_back(KilnPlatform::addressOf((*own)->resolverRequest()));
+                          });
+  KilnPlatform::forEachIn(resolverStatusDir_->resolverStatus(),
+                          [&](const auto& /*type*/, const auto& status) {
+                            collections.push_back(KilnPlatform::addressOf(status->status()));
+                          });
+  return Stage::addReads(collections);
+}
+
 void ComposerSm::noteState(StateDigest& digest) const {
   Stage::noteState(digest);
   digest.unordered([&](auto&& item) {
@@ -486,9 +500,10 @@ void ComposerSm::noteState(StateDigest& digest) const {
     const ResolverComposerConfig* asked = askedOf(type);
     if (asked == nullptr) continue;
     digest.unordered([&](auto&& item) {
-      forEachIn(asked->resolverRequest(), [&](const ResolverKey& resolverKey, const ResolverRequest& request) {
-        item(resolverKey, request.inUseVer == inUseVer_);
-      });
+      forEachIn(asked->resolverRequest(),
+                [&](const ResolverKey& resolverKey, const ResolverRequest& request) {
+                  item(resolverKey, request.inUseVer == inUseVer_);
+                });
     });
   }
 }

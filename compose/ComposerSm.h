@@ -113,8 +113,8 @@ class ComposerSm : public Stage, private Departures::Composer {
                             const ResolutionState* state);
 
   void noteState(StateDigest& digest) const override;
-  /// Also what resolvers hold, and where withdrawn keys may still be found.
-  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
+  /// Without what its departures' task reads.
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
 
  protected:
   void checkArguments() const override;

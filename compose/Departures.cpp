@@ -18,7 +18,7 @@ void Departures::start() {
   const StageControl& control = stage_.control();
   task_ = std::make_unique<Task>(
       control.scheduler, control.priority - 1, fmt::format("{}-DeparturesTask", stage_.className()),
-      [](void* self) { static_cast<Departures*>(self)->run(); }, this, kPatience, stage_.name());
+      [](void* self) { static_cast<Departures*>(self)->run(); }, this, kPatience);
 }
 
 void Departures::clear() {

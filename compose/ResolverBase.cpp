@@ -187,6 +187,11 @@ void ResolverBase::sweepNext() {
   deleteRequest(resolverKey);
 }
 
+bool ResolverBase::addReads(std::vector<const void*>& collections) const {
+  collections.push_back(KilnPlatform::addressOf(resolverStatus().status()));
+  return Stage::addReads(collections);
+}
+
 void ResolverBase::noteState(StateDigest& digest) const {
   Stage::noteState(digest);
   digest.add(givesBack_);

@@ -54,8 +54,7 @@ class ResolverBase : public Stage {
   void sweep(std::string reportAs = {});
 
   void noteState(StateDigest& digest) const override;
-  /// Also what each composer requests.
-  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
 
  protected:
   void checkArguments() const override;

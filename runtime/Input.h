@@ -204,6 +204,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   Self& self() { return *static_cast<Self*>(this); }
   void handlePendingKey(const K& key) { self().handleKey(key); }
   [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
+  [[nodiscard]] bool reactsInside() const final { return reaction == Reaction::immediate; }
   /// Walks the collection once more, from its first key.
   void restartScan() {
     cursor_ = {};

@@ -169,6 +169,8 @@ class InputBase {
   [[nodiscard]] int pipeline() const { return pipeline_; }
   [[nodiscard]] const std::string& childName() const { return childName_; }
 
+  /// Whether changes are handled inside the call that makes them.
+  [[nodiscard]] virtual bool reactsInside() const { return false; }
   /// Adds the address of each collection that is read, as a StateDigest has it.
   virtual void addReads(std::vector<const void*>& /*collections*/) const {}
   /// Whether a change of this key of this key space waits.

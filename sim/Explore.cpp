@@ -123,16 +123,25 @@ class Walk {
     if (own.parent != kNone) deviate(own);
     while (!run_->failed() && !header_.stop) {
       if (position_ > kMostSteps) return fail("it does not end\n");
-      const auto [number, isNew] = space_.stateOf(run_->digest().value(), schedule_, position_);
+      const auto [number, isNew] = space_.stateOf(here(), schedule_, position_);
       *link = number;
       if (!isNew) return merged();
       State& state = space_.state(number);
       addBranches(number);
-      if (run_->ended()) return end(state);
+      const Kind next = run_->choices().front().kind;
+      state.rests = next == Kind::operation || next == Kind::end;
+      if (run_->ended()) return end();
       defaultStep(number);
       link = &state.next;
     }
     if (run_->failed()) fail(run_->wrong());
+  }
+
+  /// The state. Without merging, no other schedule has it.
+  [[nodiscard]] StateValue here() const {
+    const StateValue value = run_->digest().value();
+    if (options_.merged) return value;
+    return KilnEmServer::StateDigest::valueOf(value, schedule_, position_);
   }
 
   void addBranches(std::uint32_t state) {
@@ -200,8 +209,7 @@ class Walk {
     }
   }
 
-  void end(State& state) {
-    state.ends = true;
+  void end() {
     space_.addEnd(run_->outcome(), schedule_, position_);
     run_->withdrawEverything();
     if (run_->failed()) fail(run_->wrong());
@@ -287,7 +295,9 @@ class Exploration {
   Exploration(const std::string& file, const ExploreOptions& options)
       : scenario_(readSmallScenario(file)),
         options_(options),
-        space_(options.frontier, nameOf(file, options)) {}
+        space_(options.frontier, nameOf(file, options)) {
+    if (options_.asTested) options_.deviations = scenario_.bound;
+  }
 
   Explored run() {
     const auto begin = std::chrono::steady_clock::now();
@@ -310,7 +320,7 @@ class Exploration {
 
  private:
   static std::string nameOf(const std::string& file, const ExploreOptions& options) {
-    return fmt::format("{} {} {}", file, options.fromReady, options.reduced);
+    return fmt::format("{} {} {} {}", file, options.fromReady, options.reduced, options.merged);
   }
 
   /// False if the budget did not suffice.
@@ -364,7 +374,15 @@ class Exploration {
       const Branch& branch = space_.branch(i);
       if (branch.bound <= found_.bound) ++(branch.taken ? found_.branches : found_.leftOut);
     }
-    found_.ends = space_.ends();
+    for (std::uint32_t i = 0; i < space_.ends(); ++i) found_.ends.push_back(space_.end(i).outcome);
+    std::sort(found_.ends.begin(), found_.ends.end());
+    for (std::uint32_t i = 0; i < space_.states(); ++i) {
+      const State& state = space_.state(i);
+      if (!state.rests) continue;
+      ++found_.rests;
+      found_.restsDigest.high += state.value.high;
+      found_.restsDigest.low += state.value.low;
+    }
     found_.proved = options_.proveEvery == 0 ? 0 : space_.header().merges / options_.proveEvery;
     if (space_.failures() == 0) checkEnds();
     if (space_.failures() == 0) checkProgress();
@@ -483,9 +501,12 @@ std::string textOf(const Explored& explored) {
   const std::string reached = explored.exhausted  ? "exhausted"
                               : explored.complete ? fmt::format("bounded at {}", explored.bound)
                                                   : "nothing complete";
-  return fmt::format("{}: {} schedules, {} states, {} choices of which {} are left out, {} ends, {:.1f} s",
-                     reached, explored.schedules, explored.states, explored.branches, explored.leftOut,
-                     explored.ends, explored.seconds);
+  std::string text =
+      fmt::format("{}: {} schedules, {} states, {} of them at rest, {} choices tried, {} left out, {} {}",
+                  reached, explored.schedules, explored.states, explored.rests, explored.branches,
+                  explored.leftOut, explored.ends.size(), explored.ends.size() == 1 ? "end" : "ends");
+  if (explored.proved != 0) text += fmt::format(", {} merges compared", explored.proved);
+  return text + fmt::format(", {:.1f} s", explored.seconds);
 }
 
 }  // namespace KilnSim

@@ -3,17 +3,22 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "runtime/StateDigest.h"
 
 namespace KilnSim {
 
 struct ExploreOptions {
   unsigned deviations = ~0U;   ///< from the default order, at most; unlimited unless given
+  bool asTested = false;       ///< at most as many as the scenario itself says
   bool fromReady = false;      ///< the start of the first server is not explored
   unsigned jobs = 1;           ///< processes that run at a time
   unsigned budgetSeconds = 0;  ///< after which it stops; 0 does not
   std::string frontier;        ///< a file in which what was explored outlives the process; empty for none
   unsigned proveEvery = 0;     ///< of so many merges one is continued and compared; 0 for none
   bool reduced = true;         ///< leaves out what only changes the order of independent steps
+  bool merged = true;          ///< cuts off states that were seen
   std::string out;             ///< where the shortest failing schedule is written; empty for none
 };
 
@@ -26,10 +31,13 @@ struct Explored {
   std::uint64_t states = 0;
   std::uint64_t steps = 0;
   std::uint64_t branches = 0;  ///< choices other than the default
-  std::uint64_t leftOut = 0;   ///< of these, by the reduction
-  std::uint64_t ends = 0;      ///< different final statuses and tables
-  std::uint64_t proved = 0;    ///< merges that were continued and compared
-  std::string failure;         ///< empty if all held
+  std::uint64_t leftOut = 0;   ///< choices that the reduction left out
+  std::uint64_t rests = 0;     ///< states in which nothing happens unless an operation is applied
+  KilnEmServer::StateDigest::Value restsDigest;  ///< of all of them
+  /// The different final statuses and tables, each by its digest, in ascending order.
+  std::vector<KilnEmServer::StateDigest::Value> ends;
+  std::uint64_t proved = 0;  ///< merges that were continued and compared
+  std::string failure;       ///< empty if all held
   double seconds = 0;
 };
 

@@ -65,7 +65,7 @@ struct State {
   std::uint32_t position = 0;      ///< steps that this one had made then
   std::uint32_t next = kNone;      ///< the state after the default step
   Choice step;                     ///< the default
-  bool ends = false;
+  bool rests = false;              ///< no task is ready and every operation is answered
 };
 
 /// A choice other than the default in a state.

@@ -22,6 +22,11 @@ bool isDerived(std::string_view part) {
   return std::find(kDerived.begin(), kDerived.end(), part) != kDerived.end();
 }
 
+/// Of the task that allots VLAN domains.
+bool isReadByVlanDomains(std::string_view part) {
+  return part.starts_with("vlanDomain") || part == "VlanDomainService";
+}
+
 /// Of the capacity's task, which belongs to no stage.
 bool isReadByCapacity(std::string_view part) {
   constexpr std::array<std::string_view, 8> kRead = {
@@ -50,6 +55,7 @@ void FootprintRecorder::after(ScheduleRun& run, const Choice& choice) {
   Footprint footprint;
   addWritten(run.digest().parts(), footprint.written);
   footprint.read = readsOf(run, step);
+  addReadsInside(run, footprint);
   for (const Choice& possible : run.choices()) {
     if (!isStep(possible)) continue;
     const std::uint32_t number = ExploredSpace::stepNumber(possible);
@@ -86,9 +92,25 @@ void FootprintRecorder::addReads(ScheduleRun& run, NumberSet& reads) {
   for (const KilnEmServer::Stage* stage : run.agent().server().stages()) {
     if (stage->name() == run.lastStage()) return addReadsOf(*stage, parts, reads);
   }
-  if (run.lastStage() != "SemCapacity-UpdateTask") return reads.addAll();
+  const auto isRead = run.lastStage() == "SemCapacity-UpdateTask" ? isReadByCapacity
+                      : run.lastStage() == "VlanDomainService"    ? isReadByVlanDomains
+                                                                  : nullptr;
+  if (isRead == nullptr) return reads.addAll();
   for (const auto& part : parts) {
-    if (isReadByCapacity(part.name)) reads.add(numberOf(part.name));
+    if (isRead(part.name)) reads.add(numberOf(part.name));
+  }
+}
+
+/// Stages that handle changes inside the call that makes them read in each step that changed them.
+void FootprintRecorder::addReadsInside(ScheduleRun& run, Footprint& footprint) {
+  for (const KilnEmServer::Stage* stage : run.agent().server().stages()) {
+    const auto& inputs = stage->inputs();
+    const bool inside = std::any_of(inputs.begin(), inputs.end(), [](const KilnEmServer::InputBase* input) {
+      return input->reactsInside();
+    });
+    if (inside && footprint.written.has(numberOf(stage->name()))) {
+      addReadsOf(*stage, run.digest().parts(), footprint.read);
+    }
   }
 }
 

@@ -32,6 +32,7 @@ class FootprintRecorder {
   void addWritten(const Parts& parts, NumberSet& written);
   [[nodiscard]] const NumberSet& readsOf(ScheduleRun& run, std::uint32_t step);
   void addReads(ScheduleRun& run, NumberSet& reads);
+  void addReadsInside(ScheduleRun& run, Footprint& footprint);
   void addReadsOf(const KilnEmServer::Stage& stage, const Parts& parts, NumberSet& reads);
   [[nodiscard]] std::size_t numberOf(const std::string& part);
 

@@ -326,10 +326,12 @@ void addExploreOptions(CLI::App& app, Arguments& arguments) {
   ExploreOptions& explore = arguments.explore;
   app.add_option("--explore", arguments.explored, "Small scenarios of which every schedule is run");
   app.add_option("--deviations", explore.deviations, "From the default order, at most; otherwise no limit");
+  app.add_flag("--as-tested", explore.asTested, "At most as many deviations as the scenario says");
   app.add_flag("--from-ready", explore.fromReady, "Does not explore the start of the first server");
   app.add_option("--budget", explore.budgetSeconds, "Seconds after which exploring a scenario stops");
   app.add_option("--frontier", explore.frontier, "A file from which a stopped exploration goes on");
   app.add_option("--prove", explore.proveEvery, "Continues one in so many merges of states, and compares");
+  app.add_flag("!--no-merging", explore.merged, "Goes on from states that were seen, too");
   app.add_flag("!--all-orders", explore.reduced,
                "Tries also what only changes the order of independent steps");
 }

@@ -1,0 +1,117 @@
+// The explorer itself: its figures do not depend on how it is run, and what it leaves out is not missed.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "agent/InputError.h"
+#include "sim/Explore.h"
+#include "sim/Minimize.h"
+#include "sim/Plan.h"
+
+namespace KilnSim {
+namespace {
+
+std::string small(const std::string& name) {
+  return std::string(KILN_SOURCE_DIR "/sim/small/") + name + ".jsonl";
+}
+
+std::string scratch(const std::string& name) {
+  return testing::TempDir() + std::to_string(getpid()) + "-" + name;
+}
+
+ExploreOptions upTo(unsigned deviations) {
+  ExploreOptions options;
+  options.deviations = deviations;
+  options.fromReady = true;
+  return options;
+}
+
+/// Everything but the time.
+std::string figures(Explored explored) {
+  explored.seconds = 0;
+  return textOf(explored) + explored.failure;
+}
+
+TEST(Exploration, FiguresDependNeitherOnProcessesNorOnInterruptions) {
+  const std::string file = small("refused-first-write");
+  const Explored one = explore(file, upTo(2));
+  EXPECT_EQ(one.failure, "");
+  EXPECT_GT(one.schedules, 100U);
+  ExploreOptions parallel = upTo(2);
+  parallel.jobs = 2;
+  EXPECT_EQ(figures(explore(file, parallel)), figures(one));
+
+  ExploreOptions resumed = upTo(1);
+  resumed.frontier = scratch("frontier");
+  explore(file, resumed);
+  resumed.deviations = 2;
+  EXPECT_EQ(figures(explore(file, resumed)), figures(one));
+  EXPECT_THROW(explore(small("hold-and-add"), resumed), KilnAgent::InputError);
+  std::filesystem::remove(resumed.frontier);
+}
+
+/// Small enough to be explored without a bound, also without the reduction.
+TEST(Exploration, WhatIsLeftOutLeadsNowhereElse) {
+  for (const char* name : {"same-version-other-entry", "external-user"}) {
+    SCOPED_TRACE(name);
+    ExploreOptions options = upTo(~0U);
+    const Explored reduced = explore(small(name), options);
+    options.reduced = false;
+    const Explored whole = explore(small(name), options);
+    EXPECT_EQ(whole.leftOut, 0U);
+    EXPECT_GT(reduced.leftOut, 0U);
+    EXPECT_LT(reduced.states, whole.states);
+    EXPECT_TRUE(reduced.exhausted && whole.exhausted);
+    EXPECT_EQ(reduced.ends, whole.ends);
+    EXPECT_EQ(reduced.rests, whole.rests);
+    EXPECT_EQ(reduced.restsDigest, whole.restsDigest);
+    EXPECT_EQ(reduced.failure + whole.failure, "");
+  }
+}
+
+TEST(Exploration, StatesThatAreTheSameGoOnAlike) {
+  for (const char* name : {"two-features-one-key", "moved-and-moved-back", "withdrawn-restart"}) {
+    SCOPED_TRACE(name);
+    ExploreOptions options = upTo(1);
+    options.proveEvery = 1;
+    const Explored explored = explore(small(name), options);
+    EXPECT_EQ(explored.failure, "");
+    EXPECT_GT(explored.proved, 20U);
+  }
+}
+
+TEST(Exploration, AFailureIsAScenarioThatReplays) {
+  // Whoever is refused has another end.
+  const std::string file = scratch("ends.jsonl");
+  {
+    std::ifstream lines(small("refused-first-write"));
+    std::string header;
+    std::getline(lines, header);
+    std::ofstream(file) << "// explore: refusals 1\n" << lines.rdbuf();
+  }
+  ExploreOptions options = upTo(2);
+  options.out = scratch("schedule.jsonl");
+  const Explored explored = explore(file, options);
+  EXPECT_NE(explored.failure.find("schedules end with different statuses or tables"), std::string::npos);
+  const Plan plan = readPlan(options.out);
+  EXPECT_GT(plan.operations.size(), 3U);
+  EXPECT_EQ(runApart(plan).wrong, "");
+  std::filesystem::remove(file);
+  std::filesystem::remove(options.out);
+}
+
+TEST(Exploration, RefusesWhatIsNoSmallScenario) {
+  const std::string file = scratch("none.jsonl");
+  for (const char* text : {"", "{\"op\":\"settle\"}\n", "// explore: refusals\n", "// explore: answers 1\n",
+                           "// explore: bound 1\n{\"op\":\"run\",\"tasks\":1}\n"}) {
+    std::ofstream(file) << text;
+    EXPECT_THROW(explore(file, upTo(0)), KilnAgent::InputError) << text;
+  }
+  std::filesystem::remove(file);
+}
+
+}  // namespace
+}  // namespace KilnSim
