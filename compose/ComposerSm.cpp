@@ -474,7 +474,6 @@ void ComposerSm::countState(const EmLogicalKey& emKey, const State* from, const 
 
 // --- Digest ------------------------------------------------------------------------------------------------
 
-// Epochs are only compared with the present one.
 bool ComposerSm::addReads(std::vector<const void*>& collections) const {
   KilnPlatform::forEachIn(resolverConfigDir_->resolverConfig(),
                           [&](const auto& /*type*/, const auto& config) {
@@ -489,6 +488,7 @@ bool ComposerSm::addReads(std::vector<const void*>& collections) const {
   return Stage::addReads(collections);
 }
 
+// Epochs are only compared with the present one.
 void ComposerSm::noteState(StateDigest& digest) const {
   Stage::noteState(digest);
   digest.unordered([&](auto&& item) {

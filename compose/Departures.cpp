@@ -16,6 +16,7 @@ Departures::~Departures() = default;
 
 void Departures::start() {
   const StageControl& control = stage_.control();
+  // Without an instance: it reads more than its stage says.
   task_ = std::make_unique<Task>(
       control.scheduler, control.priority - 1, fmt::format("{}-DeparturesTask", stage_.className()),
       [](void* self) { static_cast<Departures*>(self)->run(); }, this, kPatience);

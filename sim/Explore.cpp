@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -25,8 +28,34 @@ namespace {
 
 using Kind = Choice::Kind;
 
+/// A slice that takes longer than this is ended with its process.
+constexpr std::chrono::seconds kGrace{10};
 /// Steps after which a run is taken for endless.
 constexpr std::uint32_t kMostSteps = 20'000;
+
+/// Forks. The new process ends with this one.
+pid_t startProcess() {
+  std::fflush(nullptr);
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid < 0) throw KilnAgent::InputError("no process can be started");
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+  }
+  return pid;
+}
+
+/// Does the work of a process, unless there is no room for what it finds.
+template <class Work>
+void stopAtFull(ExploredSpace::Header& header, Work&& work) {
+  try {
+    work();
+  } catch (const KilnAgent::InputError&) {
+    header.full = true;
+    header.stop = true;
+  }
+}
 
 /// Follows the schedules of one bound, in processes that are forked where they part.
 class Walk {
@@ -66,13 +95,13 @@ class Walk {
 
   void startChild(std::uint32_t child) {
     const bool parallel = takeCore();
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) throw KilnAgent::InputError("no process can be started");
+    const pid_t pid = startProcess();
     if (pid == 0) {
       children_.clear();
-      follow(child);
-      waitForAll();
+      stopAtFull(header_, [&] {
+        follow(child);
+        waitForAll();
+      });
       if (parallel) ++header_.freeCores;
       _exit(0);
     }
@@ -125,16 +154,22 @@ class Walk {
       if (position_ > kMostSteps) return fail("it does not end\n");
       const auto [number, isNew] = space_.stateOf(here(), schedule_, position_);
       *link = number;
-      if (!isNew) return merged();
       State& state = space_.state(number);
+      state.landmark = state.landmark || atLandmark(own);
+      if (!isNew) return merged(number);
       addBranches(number);
-      const Kind next = run_->choices().front().kind;
-      state.rests = next == Kind::operation || next == Kind::end;
       if (run_->ended()) return end();
       defaultStep(number);
       link = &state.next;
     }
     if (run_->failed()) fail(run_->wrong());
+  }
+
+  [[nodiscard]] bool atLandmark(const Schedule& own) const {
+    const Kind next = run_->choices().front().kind;
+    const Kind last = own.choice.kind;
+    const bool replaced = last == Kind::restart || last == Kind::crash || last == Kind::loss;
+    return next == Kind::operation || next == Kind::end || (replaced && position_ == own.position + 1);
   }
 
   /// The state. Without merging, no other schedule has it.
@@ -146,11 +181,7 @@ class Walk {
 
   void addBranches(std::uint32_t state) {
     const std::vector<Choice>& choices = run_->choices();
-    for (std::size_t i = 1; i < choices.size(); ++i) addBranch(state, choices[i]);
-  }
-
-  void addBranch(std::uint32_t state, const Choice& choice) {
-    space_.addBranch(state, choice, static_cast<std::uint8_t>(space_.schedule(schedule_).bound + 1));
+    for (std::size_t i = 1; i < choices.size(); ++i) space_.addBranch(state, choices[i]);
   }
 
   void deviate(const Schedule& own) {
@@ -176,37 +207,38 @@ class Walk {
     }
   }
 
-  /// The same slice, but cut off, or with a refused write.
+  /// The same slice, but cut off, or with a refused write, or both.
   void addVariants(std::uint32_t state, const Choice& choice, const ScheduleRun::Slice& slice) {
-    if (choice.kind != Kind::task || choice.items != 0 || choice.refused != Choice::kNoRefusal) return;
+    if (choice.kind != Kind::task || choice.refused != Choice::kNoRefusal) return;
     Choice variant = choice;
-    for (std::size_t items = 1; slice.othersReady && items < slice.items; ++items) {
+    for (std::size_t items = 1; choice.items == 0 && slice.othersReady && items <= slice.items; ++items) {
       variant.items = static_cast<std::uint16_t>(items);
-      addBranch(state, variant);
+      space_.addBranch(state, variant);
     }
     variant = choice;
     for (std::size_t write = 0; run_->refusalsLeft() != 0 && write < slice.writes; ++write) {
       variant.refused = static_cast<std::uint8_t>(write);
-      addBranch(state, variant);
+      space_.addBranch(state, variant);
     }
   }
 
-  /// A state that was seen: one in so many is continued nevertheless, and must end alike.
-  void merged() {
-    if (options_.proveEvery == 0 || header_.merges++ % options_.proveEvery != 0) return;
-    // Both take the default steps, which are a function of the state.
-    prove();
-  }
-  void prove() {
-    std::uint32_t number = space_.stateOf(run_->digest().value(), schedule_, position_).first;
+  /// A state that was seen. One in so many is continued nevertheless, by the default steps, which are a
+  /// function of the state.
+  void merged(std::uint32_t number) {
+    const bool chosen = options_.proveEvery != 0 && run_->digest().value().low % options_.proveEvery == 0;
+    // After a slice that changed nothing other steps come first.
+    if (!chosen || run_->unchanged()) return;
     while (!run_->failed() && !run_->ended() && space_.state(number).next != kNone) {
       do {
         step(run_->choices().front());
       } while (run_->unchanged() && !run_->ended() && !run_->failed());
       number = space_.state(number).next;
-      if (run_->failed() || space_.state(number).value == run_->digest().value()) continue;
-      return fail("two runs with the same state go on differently\n");
+      if (run_->failed()) return fail(run_->wrong());
+      if (space_.state(number).value != run_->digest().value()) {
+        return fail("two runs with the same state go on differently\n");
+      }
     }
+    ++header_.proved;
   }
 
   void end() {
@@ -237,23 +269,40 @@ class Frontier {
 
   /// Adds those with up to so many deviations that are needed, as far as is known now. Returns how many.
   std::size_t advance(unsigned bound) {
+    lowerBounds();
     const std::uint32_t first = space_.schedules();
     const Reduction reduction(space_);
     for (std::uint32_t i = 0; i < space_.branches(); ++i) {
       Branch& branch = space_.branch(i);
-      if (branch.taken || branch.bound > bound || (reduced_ && !reduction.needed(branch))) continue;
-      branch.taken = true;
       const State& state = space_.state(branch.state);
+      if (branch.taken || state.bound >= bound || (reduced_ && !reduction.needed(branch))) continue;
+      branch.taken = true;
       Schedule schedule;
       schedule.parent = state.schedule;
       schedule.position = state.position;
       schedule.state = branch.state;
       schedule.choice = branch.choice;
-      schedule.bound = branch.bound;
+      schedule.bound = static_cast<std::uint8_t>(state.bound + 1);
       space_.addSchedule(schedule);
     }
     link(first);
     return space_.schedules() - first;
+  }
+
+  /// A state may be found with fewer deviations later than with more.
+  void lowerBounds() {
+    for (bool more = true; more;) {
+      more = false;
+      for (std::uint32_t i = 0; i < space_.schedules(); ++i) {
+        const Schedule& schedule = space_.schedule(i);
+        const int before = schedule.state == kNone ? -1 : space_.state(schedule.state).bound;
+        for (std::uint32_t at = schedule.target; at != kNone; at = space_.state(at).next) {
+          if (space_.state(at).bound <= before + 1) break;
+          space_.state(at).bound = static_cast<std::uint8_t>(before + 1);
+          more = true;
+        }
+      }
+    }
   }
 
   /// All from `first` on are to be followed; what leads to them was.
@@ -295,7 +344,7 @@ class Exploration {
   Exploration(const std::string& file, const ExploreOptions& options)
       : scenario_(readSmallScenario(file)),
         options_(options),
-        space_(options.frontier, nameOf(file, options)) {
+        space_(options.frontier, subjectOf(file, options)) {
     if (options_.asTested) options_.deviations = scenario_.bound;
   }
 
@@ -307,7 +356,7 @@ class Exploration {
       space_.addSchedule({});
     } else {
       // What was interrupted begins again; what was complete is not done again.
-      space_.revertTo(header.statesBefore, header.branchesBefore);
+      space_.revertBatch();
       Frontier(space_, options_.reduced).link(header.firstFollowed);
     }
     while (follow() && space_.failures() == 0 && !found_.exhausted) {
@@ -319,49 +368,55 @@ class Exploration {
   }
 
  private:
-  static std::string nameOf(const std::string& file, const ExploreOptions& options) {
-    return fmt::format("{} {} {} {}", file, options.fromReady, options.reduced, options.merged);
+  /// What must be the same for an exploration to go on.
+  static StateValue subjectOf(const std::string& file, const ExploreOptions& options) {
+    const auto textOf = [](const std::string& path) {
+      std::ifstream stream(path, std::ios::binary);
+      return std::string(std::istreambuf_iterator<char>(stream), {});
+    };
+    return KilnEmServer::StateDigest::valueOf(textOf(file), textOf("/proc/self/exe"), options.fromReady,
+                                              options.reduced, options.merged, options.proveEvery);
   }
 
   /// False if the budget did not suffice.
   bool follow() {
     ExploredSpace::Header& header = space_.header();
     header.freeCores = static_cast<int>(options_.jobs) - 1;
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) throw KilnAgent::InputError("no process can be started");
+    const pid_t pid = startProcess();
     if (pid == 0) {
-      Walk(space_, scenario_, options_).start();
+      setpgid(0, 0);
+      stopAtFull(header, [&] { Walk(space_, scenario_, options_).start(); });
       _exit(0);
     }
+    setpgid(pid, pid);
     int status = 0;
     while (waitpid(pid, &status, WNOHANG) == 0) {
       if (overBudget()) header.stop = true;
+      if (overBudget(kGrace)) kill(-pid, SIGKILL);
       usleep(2000);
     }
+    if (header.full) throw KilnAgent::InputError("the scenario is too large to be explored");
+    if (header.stop) return false;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
       space_.addFailure(0, kMostSteps, "the process died\n");
     }
-    if (header.stop) return false;
     return true;
   }
-  [[nodiscard]] bool overBudget() const {
+  [[nodiscard]] bool overBudget(std::chrono::seconds grace = {}) const {
     const auto used = std::chrono::steady_clock::now() - begin_;
-    return options_.budgetSeconds != 0 && used > std::chrono::seconds(options_.budgetSeconds);
+    return options_.budgetSeconds != 0 && used > std::chrono::seconds(options_.budgetSeconds) + grace;
   }
 
   /// Goes on with what is left up to this bound, then with the next one. False if nothing is, or if no more
   /// is wanted.
   bool advance() {
     ExploredSpace::Header& header = space_.header();
-    header.statesBefore = space_.states();
-    header.branchesBefore = space_.branches();
-    header.firstFollowed = space_.schedules();
+    space_.beginBatch();
     Frontier frontier(space_, options_.reduced);
     if (frontier.advance(header.bound) != 0) return true;
     found_.complete = true;
     found_.bound = header.bound;
-    if (header.bound == options_.deviations) return false;
+    if (header.bound >= options_.deviations) return false;
     ++header.bound;
     found_.exhausted = frontier.advance(header.bound) == 0;
     return !found_.exhausted;
@@ -372,18 +427,18 @@ class Exploration {
     found_.states = space_.states();
     for (std::uint32_t i = 0; i < space_.branches(); ++i) {
       const Branch& branch = space_.branch(i);
-      if (branch.bound <= found_.bound) ++(branch.taken ? found_.branches : found_.leftOut);
+      const bool beyond = !found_.exhausted && space_.state(branch.state).bound >= found_.bound;
+      if (!beyond) ++(branch.taken ? found_.branches : found_.leftOut);
     }
     for (std::uint32_t i = 0; i < space_.ends(); ++i) found_.ends.push_back(space_.end(i).outcome);
     std::sort(found_.ends.begin(), found_.ends.end());
     for (std::uint32_t i = 0; i < space_.states(); ++i) {
       const State& state = space_.state(i);
-      if (!state.rests) continue;
-      ++found_.rests;
-      found_.restsDigest.high += state.value.high;
-      found_.restsDigest.low += state.value.low;
+      if (!state.landmark) continue;
+      found_.landmarks.push_back(state.value);
     }
-    found_.proved = options_.proveEvery == 0 ? 0 : space_.header().merges / options_.proveEvery;
+    std::sort(found_.landmarks.begin(), found_.landmarks.end());
+    found_.proved = space_.header().proved;
     if (space_.failures() == 0) checkEnds();
     if (space_.failures() == 0) checkProgress();
     if (space_.failures() != 0) tell();
@@ -392,7 +447,11 @@ class Exploration {
   /// All schedules of one list of operations end alike, unless the scenario says why not.
   void checkEnds() {
     if (space_.ends() < 2 || scenario_.endsDiffer) return;
-    const End& end = space_.end(1);
+    std::uint32_t last = 0;
+    for (std::uint32_t i = 1; i < space_.ends(); ++i) {
+      if (space_.end(last).outcome < space_.end(i).outcome) last = i;
+    }
+    const End& end = space_.end(last);
     space_.addFailure(end.schedule, end.position, "schedules end with different statuses or tables\n");
   }
 
@@ -443,7 +502,7 @@ class Exploration {
     int ends[2];
     if (pipe(ends) != 0) throw KilnAgent::InputError("no pipe");
     std::fflush(nullptr);
-    const pid_t pid = fork();
+    const pid_t pid = startProcess();
     if (pid == 0) {
       dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
       replay(schedule, positions, ends[1]);
@@ -452,13 +511,13 @@ class Exploration {
     close(ends[1]);
     std::vector<KilnAgent::Operation> operations;
     std::FILE* const lines = fdopen(ends[0], "r");
-    std::unique_ptr<char, decltype(&std::free)> line(nullptr, &std::free);
+    if (lines == nullptr) throw KilnAgent::InputError("no pipe");
     char* buffer = nullptr;
     std::size_t size = 0;
     while (getline(&buffer, &size, lines) > 0) {
       operations.push_back(KilnAgent::parseOperation(std::string_view(buffer)));
     }
-    line.reset(buffer);
+    std::free(buffer);
     std::fclose(lines);
     waitpid(pid, nullptr, 0);
     return operations;
@@ -502,8 +561,8 @@ std::string textOf(const Explored& explored) {
                               : explored.complete ? fmt::format("bounded at {}", explored.bound)
                                                   : "nothing complete";
   std::string text =
-      fmt::format("{}: {} schedules, {} states, {} of them at rest, {} choices tried, {} left out, {} {}",
-                  reached, explored.schedules, explored.states, explored.rests, explored.branches,
+      fmt::format("{}: {} schedules, {} states, {} of them landmarks, {} choices tried, {} left out, {} {}",
+                  reached, explored.schedules, explored.states, explored.landmarks.size(), explored.branches,
                   explored.leftOut, explored.ends.size(), explored.ends.size() == 1 ? "end" : "ends");
   if (explored.proved != 0) text += fmt::format(", {} merges compared", explored.proved);
   return text + fmt::format(", {:.1f} s", explored.seconds);

@@ -32,8 +32,9 @@ struct Explored {
   std::uint64_t steps = 0;
   std::uint64_t branches = 0;  ///< choices other than the default
   std::uint64_t leftOut = 0;   ///< choices that the reduction left out
-  std::uint64_t rests = 0;     ///< states in which nothing happens unless an operation is applied
-  KilnEmServer::StateDigest::Value restsDigest;  ///< of all of them
+  /// States in which nothing happens unless an operation is applied, or the server has just been replaced; in
+  /// ascending order.
+  std::vector<KilnEmServer::StateDigest::Value> landmarks;
   /// The different final statuses and tables, each by its digest, in ascending order.
   std::vector<KilnEmServer::StateDigest::Value> ends;
   std::uint64_t proved = 0;  ///< merges that were continued and compared

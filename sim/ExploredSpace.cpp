@@ -3,15 +3,19 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "agent/InputError.h"
 #include "platform/Assert.h"
+#include "platform/EmKeys.h"
 #include "platform/Value.h"
 
 namespace KilnSim {
@@ -23,19 +27,28 @@ constexpr std::uint32_t kMostBranches = 1U << 25;
 constexpr std::uint32_t kMostSchedules = 1U << 25;
 constexpr std::uint32_t kMostFailures = 1U << 10;
 constexpr std::uint32_t kMostEnds = 1U << 12;
-constexpr std::uint32_t kMostTasks = NumberSet::kMost - 32;
+constexpr std::uint32_t kMostTasks = NumberSet::kMost - 64;
 /// Address space; what is not touched costs nothing.
 constexpr std::size_t kBytes = std::size_t{8} << 30;
+constexpr std::size_t kPage = 4096;
 
 }  // namespace
 
-/// Of all processes one at a time. None can end while it has it: nothing of the server runs inside.
+/// Of all processes one at a time. It is taken from a process that died with it.
 class ExploredSpace::Lock {
  public:
   explicit Lock(Header& header) : header_(header) {
-    while (header_.locked.exchange(true, std::memory_order_acquire)) sched_yield();
+    const int own = getpid();
+    int holder = 0;
+    while (!header_.lockedBy.compare_exchange_strong(holder, own, std::memory_order_acquire)) {
+      if (holder != 0 && kill(holder, 0) != 0 && errno == ESRCH) {
+        header_.lockedBy.compare_exchange_strong(holder, 0);
+      }
+      holder = 0;
+      sched_yield();
+    }
   }
-  ~Lock() { header_.locked.store(false, std::memory_order_release); }
+  ~Lock() { header_.lockedBy.store(0, std::memory_order_release); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
@@ -43,27 +56,25 @@ class ExploredSpace::Lock {
   Header& header_;
 };
 
-ExploredSpace::ExploredSpace(const std::string& file, std::string_view scenario) {
-  if (!file.empty()) {
-    file_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file_ < 0 || ftruncate(file_, static_cast<off_t>(kBytes)) != 0) {
-      throw KilnAgent::InputError(fmt::format("{}: {}", file, std::strerror(errno)));
-    }
-  }
+ExploredSpace::ExploredSpace(const std::string& file, const StateValue& subject) {
+  static_assert(sizeof(Header) <= kPage);
+  static_assert(KilnPlatform::kTableStems.size() <= kMostTables);
+  if (!file.empty()) open(file);
   const int flags = MAP_SHARED | MAP_NORESERVE | (file_ < 0 ? MAP_ANONYMOUS : 0);
   void* const memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, flags, file_, 0);
   if (memory == MAP_FAILED) throw KilnAgent::InputError("no memory to share");
   memory_ = static_cast<char*>(memory);
   header_ = reinterpret_cast<Header*>(memory_);
-  used_ = 4096;
+  used_ = kPage;
   if (header_->magic == 0) {
     header_->magic = kMagic;
-    scenario.substr(0, sizeof header_->scenario - 1).copy(header_->scenario, sizeof header_->scenario - 1);
+    header_->subject = subject;
   }
-  if (header_->magic != kMagic || scenario.substr(0, sizeof header_->scenario - 1) != header_->scenario) {
-    throw KilnAgent::InputError(fmt::format("{}: the frontier of something else", file));
+  if (header_->subject != subject) {
+    throw KilnAgent::InputError(
+        fmt::format("{}: the frontier of another scenario, of other options or of another build", file));
   }
-  header_->locked = false;
+  header_->lockedBy = 0;
   header_->stop = false;
   states_ = array<State>(kMostStates, 0);
   slots_ = array<std::uint32_t>(2 * kMostStates, 1);
@@ -73,7 +84,23 @@ ExploredSpace::ExploredSpace(const std::string& file, std::string_view scenario)
   ends_ = array<End>(kMostEnds, 5);
   tasks_ = array<Name>(kMostTasks, 6);
   parts_ = array<Name>(NumberSet::kMost, 7);
-  footprints_ = array<Footprint>(kMostTables + kMostTasks + 1, 8);
+  footprints_ = array<Footprint>(NumberSet::kMost, 8);
+}
+
+void ExploredSpace::open(const std::string& file) {
+  const auto fail = [&](std::string_view what) {
+    throw KilnAgent::InputError(fmt::format("{}: {}", file, what));
+  };
+  file_ = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  struct stat status = {};
+  if (file_ < 0 || fstat(file_, &status) != 0) fail(std::strerror(errno));
+  if (flock(file_, LOCK_EX | LOCK_NB) != 0) fail("another process explores with this frontier");
+  std::uint64_t magic = kMagic;
+  if (status.st_size != 0 && (status.st_size != static_cast<off_t>(kBytes) ||
+                              pread(file_, &magic, sizeof magic, 0) != sizeof magic || magic != kMagic)) {
+    fail("not a frontier");
+  }
+  if (ftruncate(file_, static_cast<off_t>(kBytes)) != 0) fail(std::strerror(errno));
 }
 
 ExploredSpace::~ExploredSpace() {
@@ -84,7 +111,7 @@ ExploredSpace::~ExploredSpace() {
 template <class T>
 SharedArray<T> ExploredSpace::array(std::uint32_t most, std::size_t sizeAt) {
   T* const items = reinterpret_cast<T*>(memory_ + used_);
-  used_ += (most * sizeof(T) + 4095) / 4096 * 4096;
+  used_ += (most * sizeof(T) + kPage - 1) / kPage * kPage;
   KILN_ASSERT(used_ <= kBytes);
   return {items, &header_->sizes[sizeAt], most};
 }
@@ -116,13 +143,14 @@ std::pair<std::uint32_t, bool> ExploredSpace::stateOf(const StateValue& value, s
   state.value = value;
   state.schedule = schedule;
   state.position = position;
+  state.bound = schedules_[schedule].bound;
   *slot = append(states_, state) + 1;
   return {*slot - 1, true};
 }
 
-void ExploredSpace::addBranch(std::uint32_t state, const Choice& choice, std::uint8_t bound) {
+void ExploredSpace::addBranch(std::uint32_t state, const Choice& choice) {
   const Lock lock(*header_);
-  append(branches_, Branch{state, choice, bound, false});
+  append(branches_, Branch{state, choice, false});
 }
 
 void ExploredSpace::addFootprint(std::uint32_t step, const Footprint& footprint) {
@@ -169,14 +197,25 @@ std::size_t ExploredSpace::partNumber(std::string_view name) {
   return numberOfName(parts_, name, "");
 }
 
-void ExploredSpace::revertTo(std::uint32_t states, std::uint32_t branches) {
-  *states_.size = states;
-  *branches_.size = branches;
+void ExploredSpace::beginBatch() {
+  header_->firstFollowed = schedules();
+  header_->statesBefore = states();
+  header_->branchesBefore = branches();
+  header_->stepsBefore = header_->steps;
+  header_->followedBefore = header_->followed;
+  header_->provedBefore = header_->proved;
+}
+
+void ExploredSpace::revertBatch() {
+  *states_.size = header_->statesBefore;
+  *branches_.size = header_->branchesBefore;
+  *failures_.size = 0;
+  header_->steps = header_->stepsBefore;
+  header_->followed = header_->followedBefore;
+  header_->proved = header_->provedBefore;
+  header_->full = false;
   std::fill_n(slots_.items, slots_.most, 0U);
-  for (std::uint32_t i = 0; i < states; ++i) {
-    std::uint32_t* const slot = slotOf(states_[i].value);
-    *slot = i + 1;
-  }
+  for (std::uint32_t i = 0; i < states(); ++i) *slotOf(states_[i].value) = i + 1;
 }
 
 }  // namespace KilnSim

@@ -65,15 +65,16 @@ struct State {
   std::uint32_t position = 0;      ///< steps that this one had made then
   std::uint32_t next = kNone;      ///< the state after the default step
   Choice step;                     ///< the default
-  bool rests = false;              ///< no task is ready and every operation is answered
+  std::uint8_t bound = 0;          ///< the fewest deviations with which it is reached, as far as is known
+  /// No task is ready and every operation is answered; or the server has just been replaced.
+  bool landmark = false;
 };
 
 /// A choice other than the default in a state.
 struct Branch {
   std::uint32_t state = kNone;
   Choice choice;
-  std::uint8_t bound = 0;  ///< deviations with it
-  bool taken = false;      ///< by a schedule
+  bool taken = false;  ///< by a schedule
 };
 
 /// The default order but for some deviations: the one at `position`, and those of `parent`, which come
@@ -84,7 +85,7 @@ struct Schedule {
   std::uint32_t firstChild = kNone;  ///< of those that are to be followed now, the first positions first
   std::uint32_t sibling = kNone;
   std::uint32_t state = kNone;   ///< in which it deviates last
-  std::uint32_t target = kNone;  ///< the state that follows
+  std::uint32_t target = kNone;  ///< the state that follows; of the first schedule, the first one
   std::uint8_t bound = 0;        ///< number of its deviations
   bool followed = false;         ///< otherwise it is to be followed now
   Choice choice;
@@ -116,8 +117,9 @@ struct SharedArray {
 /// where it outlives them.
 class ExploredSpace final : public TaskNumbers {
  public:
-  /// Throws InputError if the file cannot be used or is of another scenario.
-  ExploredSpace(const std::string& file, std::string_view scenario);
+  /// `subject` tells one exploration from others. Throws InputError if the file cannot be used, is used by
+  /// another process, or is of another exploration.
+  ExploredSpace(const std::string& file, const StateValue& subject);
   ~ExploredSpace();
   ExploredSpace(const ExploredSpace&) = delete;
   ExploredSpace& operator=(const ExploredSpace&) = delete;
@@ -130,7 +132,7 @@ class ExploredSpace final : public TaskNumbers {
                                          std::uint32_t position);
   [[nodiscard]] State& state(std::uint32_t number) const { return states_[number]; }
   [[nodiscard]] std::uint32_t states() const { return *states_.size; }
-  void addBranch(std::uint32_t state, const Choice& choice, std::uint8_t bound);
+  void addBranch(std::uint32_t state, const Choice& choice);
   [[nodiscard]] Branch& branch(std::uint32_t number) const { return branches_[number]; }
   [[nodiscard]] std::uint32_t branches() const { return *branches_.size; }
   std::uint32_t addSchedule(const Schedule& schedule);
@@ -146,31 +148,42 @@ class ExploredSpace final : public TaskNumbers {
   std::uint16_t numberOf(std::string_view name, std::string_view instance) override;
   /// The number of a part of the state.
   std::size_t partNumber(std::string_view name);
-  /// The number of a task, or of a table's answers: below NumberSet::kMost.
+  /// The number of a table's answers, of an operation or of a task: below NumberSet::kMost.
   static std::uint32_t stepNumber(const Choice& choice) {
-    return choice.kind == Choice::Kind::answer ? choice.which : kMostTables + choice.which;
+    if (choice.kind == Choice::Kind::answer) return choice.which;
+    return choice.kind == Choice::Kind::operation ? kMostTables + choice.which
+                                                  : kMostTables + kMostOperations + choice.which;
+  }
+  static bool isOperation(std::uint32_t step) {
+    return step >= kMostTables && step < kMostTables + kMostOperations;
   }
   [[nodiscard]] const Footprint& footprint(std::uint32_t step) const { return footprints_[step]; }
   void addFootprint(std::uint32_t step, const Footprint& footprint);
   /// One more than the greatest number of a step.
-  [[nodiscard]] std::uint32_t steps() const { return kMostTables + *tasks_.size + 1; }
-  /// Forgets what was found since there were so many states and branches.
-  void revertTo(std::uint32_t states, std::uint32_t branches);
+  [[nodiscard]] std::uint32_t steps() const { return kMostTables + kMostOperations + *tasks_.size + 1; }
+  /// The schedules from the next one on are to be followed now.
+  void beginBatch();
+  /// Forgets what was found since then.
+  void revertBatch();
 
   /// What the processes are at now.
   struct Header {
     std::uint64_t magic;
-    char scenario[200];
+    StateValue subject;  ///< the scenario, the options and this program
     std::atomic<int> freeCores;
     std::atomic<std::uint64_t> steps;     ///< choices made, those of setting up left out
     std::atomic<std::uint64_t> followed;  ///< schedules that were run
-    std::atomic<std::uint64_t> merges;    ///< that were compared
+    std::atomic<std::uint64_t> proved;    ///< merges that were compared
     std::atomic<bool> stop;               ///< the budget is used up
+    std::atomic<bool> full;               ///< there is no room for more
     std::uint32_t bound;                  ///< of the schedules that are being followed
     std::uint32_t firstFollowed;          ///< of them
-    std::uint32_t statesBefore;           ///< when they were begun
+    std::uint32_t statesBefore;           ///< when they were begun; so are the next ones
     std::uint32_t branchesBefore;
-    std::atomic<bool> locked;
+    std::uint64_t stepsBefore;
+    std::uint64_t followedBefore;
+    std::uint64_t provedBefore;
+    std::atomic<int> lockedBy;  ///< the process that has the lock; 0 for none
     std::uint32_t sizes[9];
   };
 
@@ -182,8 +195,11 @@ class ExploredSpace final : public TaskNumbers {
   template <class T>
   SharedArray<T> array(std::uint32_t most, std::size_t sizeAt);
   static constexpr std::uint32_t kMostTables = 16;
+  static constexpr std::uint32_t kMostOperations = 32;
   std::uint32_t* slotOf(const StateValue& value) const;
   std::uint32_t numberOfName(const SharedArray<Name>& names, std::string_view a, std::string_view b);
+
+  void open(const std::string& file);
 
   int file_ = -1;
   char* memory_ = nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 #include "platform/EmKeys.h"
@@ -13,7 +14,12 @@ namespace {
 using Kind = Choice::Kind;
 
 bool isStep(const Choice& choice) {
-  return choice.kind == Kind::task || choice.kind == Kind::answer;
+  return choice.kind == Kind::task || choice.kind == Kind::answer || choice.kind == Kind::operation;
+}
+
+/// Whether it ends the server: that has to do with everything.
+bool isTrouble(const Choice& choice) {
+  return choice.kind == Kind::restart || choice.kind == Kind::crash || choice.kind == Kind::loss;
 }
 
 /// Parts that follow from others, or that only look at them.
@@ -54,7 +60,10 @@ void FootprintRecorder::after(ScheduleRun& run, const Choice& choice) {
   const std::uint32_t step = ExploredSpace::stepNumber(choice);
   Footprint footprint;
   addWritten(run.digest().parts(), footprint.written);
-  footprint.read = readsOf(run, step);
+  if (run.digest().parts().size() != partCount_) reads_.clear();
+  partCount_ = run.digest().parts().size();
+  // What an operation reads, it also writes.
+  footprint.read = choice.kind == Kind::operation ? footprint.written : readsOf(run, step);
   addReadsInside(run, footprint);
   for (const Choice& possible : run.choices()) {
     if (!isStep(possible)) continue;
@@ -101,16 +110,18 @@ void FootprintRecorder::addReads(ScheduleRun& run, NumberSet& reads) {
   }
 }
 
-/// Stages that handle changes inside the call that makes them read in each step that changed them.
+/// Stages that handle changes inside the call that makes them read in each step that changed something they
+/// read.
 void FootprintRecorder::addReadsInside(ScheduleRun& run, Footprint& footprint) {
   for (const KilnEmServer::Stage* stage : run.agent().server().stages()) {
     const auto& inputs = stage->inputs();
     const bool inside = std::any_of(inputs.begin(), inputs.end(), [](const KilnEmServer::InputBase* input) {
       return input->reactsInside();
     });
-    if (inside && footprint.written.has(numberOf(stage->name()))) {
-      addReadsOf(*stage, run.digest().parts(), footprint.read);
-    }
+    if (!inside) continue;
+    NumberSet reads;
+    addReadsOf(*stage, run.digest().parts(), reads);
+    if (footprint.written.meets(reads)) footprint.read.add(reads);
   }
 }
 
@@ -136,6 +147,7 @@ Reduction::Reduction(const ExploredSpace& space) : space_(space), follow_(space.
   for (std::uint32_t i = 0; i < space_.branches(); ++i) {
     const Branch& branch = space_.branch(i);
     if (isStep(branch.choice)) possible_[branch.state].insert(ExploredSpace::stepNumber(branch.choice));
+    if (isTrouble(branch.choice)) troubled_.insert(branch.state);
   }
   for (std::uint32_t step = 0; step < follow_.size(); ++step) {
     Steps& follow = follow_[step];
@@ -153,7 +165,8 @@ Reduction::Reduction(const ExploredSpace& space) : space_(space), follow_(space.
 
 bool Reduction::needed(const Branch& branch) const {
   const Choice& first = space_.state(branch.state).step;
-  if (!isStep(branch.choice) || !isStep(first)) return true;
+  const bool isSlice = branch.choice.kind == Kind::task || branch.choice.kind == Kind::answer;
+  if (!isSlice || !isStep(first) || troubled_.contains(branch.state)) return true;
   if (state_ != branch.state) {
     state_ = branch.state;
     needed_ = neededIn(branch.state);
@@ -163,9 +176,13 @@ bool Reduction::needed(const Branch& branch) const {
 
 Reduction::Steps Reduction::neededIn(std::uint32_t state) const {
   std::vector<std::uint32_t> found = {ExploredSpace::stepNumber(space_.state(state).step)};
-  Steps needed(found.begin(), found.end());
   const auto possible = possible_.find(state);
-  while (!found.empty() && possible != possible_.end()) {
+  if (possible == possible_.end()) return {};
+  // The next operation is always tried.
+  std::copy_if(possible->second.begin(), possible->second.end(), std::back_inserter(found),
+               ExploredSpace::isOperation);
+  Steps needed(found.begin(), found.end());
+  while (!found.empty()) {
     const std::uint32_t other = found.back();
     found.pop_back();
     for (const std::uint32_t step : possible->second) {
@@ -179,9 +196,10 @@ Reduction::Steps Reduction::neededIn(std::uint32_t state) const {
 
 bool Reduction::concerns(std::uint32_t step, std::uint32_t other) const {
   const Footprint& footprint = space_.footprint(other);
+  if (footprint.read.empty() && footprint.written.empty()) return true;  // it was never made
   return std::any_of(follow_[step].begin(), follow_[step].end(), [&](std::uint32_t each) {
     const Footprint& own = space_.footprint(each);
-    return own.read.empty() || own.meets(footprint);  // nothing is known of one that was never made
+    return (own.read.empty() && own.written.empty()) || own.meets(footprint);
   });
 }
 

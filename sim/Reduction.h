@@ -40,7 +40,8 @@ class FootprintRecorder {
   Parts before_;
   std::set<std::uint32_t> possible_;  ///< steps, before the one that is taken
   std::map<std::string, std::size_t> numbers_;
-  std::map<std::uint32_t, NumberSet> reads_;  ///< by step
+  std::size_t partCount_ = 0;
+  std::map<std::uint32_t, NumberSet> reads_;  ///< by step, as long as there are so many parts
 };
 
 /// Compares what is known of the steps that were made so far.
@@ -48,7 +49,8 @@ class Reduction {
  public:
   explicit Reduction(const ExploredSpace& space);
   /// False if the step can as well be made later: no step that is possible in its state, and has to do with
-  /// the default one, directly or through others of them, has to do with it or with what may follow from it.
+  /// the default one or the next operation, directly or through others of them, has to do with it or with
+  /// what may follow from it. True where the server may be replaced.
   [[nodiscard]] bool needed(const Branch& branch) const;
 
  private:
@@ -59,6 +61,7 @@ class Reduction {
 
   const ExploredSpace& space_;
   std::map<std::uint32_t, Steps> possible_;  ///< steps other than the default, by state
+  Steps troubled_;                           ///< states in which the server may be replaced
   std::vector<Steps> follow_;                ///< the step and all that it may make possible
   mutable std::uint32_t state_ = kNone;
   mutable Steps needed_;  ///< in this state

@@ -8,6 +8,8 @@
 #include <tuple>
 #include <variant>
 
+#include "agent/InputError.h"
+#include "platform/Assert.h"
 #include "server/KilnEmServerSm.h"
 
 namespace KilnSim {
@@ -16,6 +18,8 @@ namespace {
 using namespace KilnAgent;
 using Kind = Choice::Kind;
 using Mode = SoftTable::AnswerMode;
+
+constexpr std::size_t kMostSetUpSteps = 100'000;
 
 /// Asks after each item, and yields after a given one.
 class CountingItems final : public KilnPlatform::YieldPolicy {
@@ -33,7 +37,7 @@ class CountingItems final : public KilnPlatform::YieldPolicy {
   std::size_t items_ = 0;
 };
 
-Plan planOf(const SmallScenario& /*scenario*/) {
+Plan unshuffled() {
   Plan plan;
   plan.shuffled = false;
   return plan;
@@ -64,7 +68,7 @@ std::string answerTaskOf(const SoftTable& table) {
 }  // namespace
 
 ScheduleRun::ScheduleRun(const SmallScenario& scenario, bool fromReady, TaskNumbers& numbers, int record)
-    : scenario_(scenario), numbers_(numbers), record_(record), run_(planOf(scenario), tally_, nullptr) {
+    : scenario_(scenario), numbers_(numbers), record_(record), run_(unshuffled(), tally_, nullptr) {
   for (const auto& node : run_.agent().server().graph().nodes) stageOrder_.push_back(node.stage);
   apply(RunOperation{0});
   for (std::size_t i = 1; i < KilnPlatform::kTableStems.size(); ++i) {
@@ -95,7 +99,11 @@ void ScheduleRun::apply(const Operation& operation) {
 /// Runs what is there to be done in the default order.
 void ScheduleRun::settleByDefault() {
   const std::size_t operations = std::exchange(next_, scenario_.explored.size());
-  for (findChoices(); !ended() && !failed();) take(Choice(choices_.front()));
+  std::size_t steps = 0;
+  for (findChoices(); !ended() && !failed(); ++steps) {
+    if (steps == kMostSetUpSteps) throw InputError("setting the state up does not end");
+    take(Choice(choices_.front()));
+  }
   next_ = operations;
 }
 
@@ -117,6 +125,9 @@ void ScheduleRun::findReady() {
   };
   std::sort(ready_.begin(), ready_.end(),
             [&](const Ready& a, const Ready& b) { return order(a) < order(b); });
+  const auto twice = std::adjacent_find(ready_.begin(), ready_.end(),
+                                        [](const Ready& a, const Ready& b) { return a.number == b.number; });
+  KILN_ASSERT(twice == ready_.end() && "ready tasks have different names or instances");
 }
 
 void ScheduleRun::findChoices() {
@@ -153,7 +164,8 @@ void ScheduleRun::addAnswers() {
 void ScheduleRun::addOperation() {
   if (next_ == scenario_.explored.size()) return;
   const bool barrier = std::holds_alternative<SettleOperation>(scenario_.explored[next_]);
-  if (!barrier || choices_.size() <= idleSlices_) choices_.push_back({.kind = Kind::operation});
+  if (!barrier || choices_.size() <= idleSlices_)
+    choices_.push_back({.kind = Kind::operation, .which = static_cast<std::uint16_t>(next_)});
 }
 
 void ScheduleRun::addTroubles() {
@@ -168,6 +180,7 @@ ScheduleRun::Slice ScheduleRun::take(const Choice& choice) {
   Slice slice;
   const bool othersReady = otherStepThan(choice);
   const auto before = digest_.value();
+  const std::uint64_t writes = writesOf(run_.agent().chip());
   yielded_ = 0;
   switch (choice.kind) {
     case Kind::task:
@@ -198,14 +211,16 @@ ScheduleRun::Slice ScheduleRun::take(const Choice& choice) {
   takeDigest();
   idleSlices_ = choice.kind == Kind::task && digest_.value() == before ? idleSlices_ + 1 : 0;
   findChoices();
+  // A write can be refused only in a slice of a task.
+  KILN_ASSERT(choice.kind == Kind::task || left_.refusals == 0 || writesOf(run_.agent().chip()) == writes);
   slice.othersReady = othersReady || otherStepThan(choice);
   return slice;
 }
 
-/// Whether another task may run, or an answer be given.
+/// Whether something other than a slice of this task is possible.
 bool ScheduleRun::otherStepThan(const Choice& choice) const {
   return std::any_of(choices_.begin(), choices_.end(), [&](const Choice& other) {
-    return other.kind == Kind::answer || (other.kind == Kind::task && other.which != choice.which);
+    return other.kind != Kind::end && (other.kind != Kind::task || other.which != choice.which);
   });
 }
 
@@ -220,11 +235,15 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
     operation.refused = choice.refused;
     --left_.refusals;
   }
-  if (choice.items != 0) yielded_ = choice.which;
   record(operation);
   const std::uint64_t writes = writesOf(run_.agent().chip());
   CountingItems policy(choice.items);
   run_.runSlice(task, policy, operation.refused);
+  if (choice.items != 0) {
+    run_.agent().scheduler().forEachReady([&](const Task& ready) {
+      if (numbers_.numberOf(ready.name(), ready.instance()) == choice.which) yielded_ = choice.which;
+    });
+  }
   return {policy.items(), static_cast<std::size_t>(writesOf(run_.agent().chip()) - writes), false};
 }
 

@@ -69,6 +69,9 @@ SmallScenario readSmallScenario(const std::string& file) {
     }
     scenario.explored.push_back(std::move(operation));
   }
+  if (scenario.explored.size() > kMostExplored) {
+    throw InputError(fmt::format("{}: more than {} operations to be explored", file, kMostExplored));
+  }
   return scenario;
 }
 

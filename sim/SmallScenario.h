@@ -1,6 +1,7 @@
 // A small scenario: what is explored, and under which choices.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -16,8 +17,10 @@ struct Troubles {
   unsigned losses = 0;    ///< crashes with which the store loses what is not committed
 };
 
-/// A file of operations. Its first line says `// explore: KEY VALUE ...`; a line `// explored from here`
-/// ends the part that only sets the state up.
+inline constexpr std::size_t kMostExplored = 31;
+
+/// A file of operations, of which at most kMostExplored are explored. Its first line says `// explore: KEY
+/// VALUE ...`; a line `// explored from here` ends the part that only sets the state up.
 struct SmallScenario {
   std::string file;
   Troubles troubles;
