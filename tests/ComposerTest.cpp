@@ -5,7 +5,6 @@
 
 #include <map>
 #include <memory>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -62,9 +61,8 @@ struct ComposerSide {
 
 class Composing {
  public:
-  explicit Composing(DomainService& service, std::uint32_t yieldEvery = 0,
-                     std::optional<std::uint64_t> seed = std::nullopt)
-      : bench(yieldEvery, seed), service_(service) {
+  explicit Composing(DomainService& service, std::uint32_t yieldEvery = 0)
+      : bench(yieldEvery), service_(service) {
     for (const Tag type : {kUntagged, k1Tag, k2Tag, kFodoVd}) sides.emplace(type, ComposerSide(type));
   }
 
@@ -321,88 +319,6 @@ TEST_F(ComposerTest, AcknowledgesNothingWhileAChangeIsStillBeingHandled) {
   }
 }
 
-TEST_F(ComposerTest, ReleasesADomainOnlyWhenNothingUsesItAnyMore) {
-  Composing c(service);
-  c.start();
-  const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2), egress = fodoVd(kPort, 7);
-  for (const auto& key : {a, b, egress}) c.request(key);
-  c.allot(kPort, 10);
-  c.bench.settle();
-  c.outcome(a);
-  c.outcome(egress);
-  c.bench.settle();
-
-  // `b` goes without ever having had an outcome, while the table still holds `a`.
-  c.withdraw(a);
-  c.withdraw(egress);
-  c.bench.settle();
-  c.withdraw(b);
-  c.bench.settle();
-  const auto ingress = c.resolver->resolverConfig().resolverComposerConfig(k1Tag).value();
-  EXPECT_TRUE(ingress->resolverRequestHas(vd(kPort)));
-  EXPECT_EQ(c.composed(a), std::nullopt);
-  EXPECT_EQ(c.state(a), std::nullopt);
-  EXPECT_TRUE(c.asked(kPort));
-  c.outcomeDel(a);
-  c.bench.settle();
-  EXPECT_TRUE(c.asked(kPort)) << "the egress table still holds its entry";
-  EXPECT_TRUE(c.inUse(kPort)) << "as the egress composer acknowledged";
-  c.outcomeDel(egress);
-  c.bench.settle();
-  EXPECT_FALSE(c.asked(kPort));
-  EXPECT_EQ(c.leftOver(), 0u);
-
-  // Asked for in vain.
-  c.request(twoTag(kOther, 1, 2));
-  c.bench.settle();
-  EXPECT_TRUE(c.asked(kOther));
-  c.withdraw(twoTag(kOther, 1, 2));
-  c.bench.settle();
-  EXPECT_FALSE(c.asked(kOther));
-  EXPECT_EQ(c.leftOver(), 0u);
-}
-
-TEST_F(ComposerTest, KeepsADomainWhileAWithdrawnKeyMayStillReachATable) {
-  struct Busy final : KilnPlatform::KeySubscriber<EmLogicalKey> {
-    void handleChange(const EmLogicalKey& /*key*/) override {}
-    [[nodiscard]] bool changeWaits(const EmLogicalKey& /*key*/) const override { return busy; }
-    bool busy = false;
-  } conflict;
-  const auto entries = std::make_shared<EmLogicalKeyToEntry>();
-  const auto merged = std::make_shared<EmMergedEntry>();
-  const auto written = std::make_shared<EmWrittenKeys>();
-  Composing c(service);
-  c.traces = {entries, merged, written};
-  c.start();
-  const EmLogicalKey key = oneTag(kPort, 1);
-  c.request(key);
-  c.allot(kPort, 10);
-  c.bench.settle();
-  entries->emLogicalKeyToEntryIs(key, {});
-  merged->emMergedEntryIs(key, {});
-  merged->emMergedEntry().subscribe(conflict);
-  conflict.busy = true;
-  written->writtenIs(key, 1);
-  c.withdraw(key);
-  const auto expectAsked = [&](const char* why) {
-    c.bench.scheduler->run(50);
-    EXPECT_TRUE(c.asked(kPort)) << why;
-  };
-  expectAsked("it is requested again, as far as is known here");
-  entries->emLogicalKeyToEntryDel(key);
-  expectAsked("its hardware key has not been taken back");
-  merged->emMergedEntryDel(key);
-  expectAsked("that is not handled yet");
-  conflict.busy = false;
-  c.bench.settle();
-  EXPECT_TRUE(c.asked(kPort)) << "a table may have its entry";
-  written->writtenDel(key);
-  c.bench.settle();
-  EXPECT_FALSE(c.asked(kPort));
-  EXPECT_EQ(c.leftOver(), 0u);
-  merged->emMergedEntry().unsubscribe(conflict);
-}
-
 TEST_F(ComposerTest, AWithdrawnKeyTakesNoOutcomeThatIsHandledFirst) {
   Composing c(service, 1);
   c.start();
@@ -486,43 +402,6 @@ TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHe
   EXPECT_EQ(requests->resolverRequest(vd(kPort))->requestType, ResolverRequest::RequestType::resourceInUse);
 }
 
-TEST_F(ComposerTest, ARestartKeepsWhatIsWantedAndSweepsTheRest) {
-  for (std::uint16_t port = 0; port < 6; ++port) {
-    service.config->configIs({port, 1});
-    service.status->status().is({port, 1}, static_cast<std::uint16_t>(100 + port));
-  }
-  service.config->configIs({6, 1});
-  Recorder changes(service.config->config());
-  Composing c(service, 1);
-  for (std::uint16_t port = 0; port < 3; ++port) c.request(oneTag({port, 1}, 1));
-  c.request(untagged({6, 1}));
-  c.request(fodoVd({0, 1}, 4));
-  c.startResolver();
-  c.startComposers();
-  c.bench.settle();
-  for (std::uint16_t port = 0; port < 3; ++port) {
-    EXPECT_EQ(c.composed(oneTag({port, 1}, 1)),
-              hwKeyOf(Isem1TagEntryKey{U9(static_cast<std::uint64_t>(100 + port)), U12(1)}));
-  }
-  // Nothing goes before the sweep, also what the composers that are ready no longer need.
-  c.withdraw(oneTag({2, 1}, 1));
-  c.bench.settle();
-  EXPECT_TRUE(changes.changes.empty());
-  EXPECT_FALSE(c.bench.completed("sweep"));
-  c.bench.create([&] {
-    c.resolver->sweep("sweep");
-    EXPECT_LE(changes.changes.size(), 1u);
-    return c.resolver;
-  });
-  EXPECT_EQ(mostPerSlice(*c.bench.scheduler, [&] { return changes.changes.size(); }), 1u);
-  EXPECT_TRUE(c.bench.completed("sweep"));
-  const std::vector<Interface> swept = changes.deletions();
-  EXPECT_EQ(std::set<Interface>(swept.begin(), swept.end()),
-            (std::set<Interface>{{2, 1}, {3, 1}, {4, 1}, {5, 1}}));
-  EXPECT_EQ(changes.changes.size(), swept.size());
-  EXPECT_EQ(c.state(untagged({6, 1})), KeyState::resolutionPending);
-}
-
 TEST_F(ComposerTest, GivesBackInSlicesWhatAnEarlierComposerAskedFor) {
   Composing c(service, 1);
   c.startResolver();
@@ -538,9 +417,14 @@ TEST_F(ComposerTest, GivesBackInSlicesWhatAnEarlierComposerAskedFor) {
   EXPECT_EQ(standing(), 5u);
   EXPECT_EQ(service.config->config().size(), 20u) << "given back before the sweep";
   EXPECT_TRUE(c.bench.completed(c.sides.at(k1Tag).composer->name()));
-  c.resolver->sweep();
-  c.bench.settle();
+  c.bench.create([&] {
+    c.resolver->sweep("sweep");
+    return c.resolver;
+  });
+  EXPECT_FALSE(c.bench.completed("sweep"));
+  EXPECT_LE(mostPerSlice(*c.bench.scheduler, [&] { return service.config->config().size(); }), 1u);
   EXPECT_EQ(service.config->config().size(), 5u);
+  EXPECT_TRUE(c.bench.completed("sweep"));
 }
 
 TEST_F(ComposerTest, TearingDownWithdrawsRequestsAndKeys) {
@@ -591,150 +475,6 @@ TEST_F(ComposerTest, BaseOperationsAndProtocolViolations) {
   c.configDir->resolverConfigIs(ResolverKeyUnionTag::undefined_);
   EXPECT_DEATH(c.startComposers(), R"(isSupportedResolverType\( resolverConfigIter->resolverType\(\) \))");
 }
-
-// --- Random ------------------------------------------------------------------------------------------------
-
-/// Tables that take their time: an outcome follows a composed key, and its end a deleted one, whenever it
-/// pleases.
-class LazyHardware {
- public:
-  LazyHardware(Composing& c, std::mt19937_64& random) : c_(c), random_(random) {}
-
-  /// Brings one key's outcome in line. False where all of them are.
-  bool step(const std::vector<EmLogicalKey>& keys) {
-    const std::size_t from = random_() % keys.size();
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-      const EmLogicalKey& key = keys[(from + i) % keys.size()];
-      const auto composed = c_.composed(key);
-      const auto status = c_.sideOf(key).status->resolvedKeyStatus(key);
-      if (composed && (!status || status->emHwKey != *composed || status->state == HwState::hwPending)) {
-        c_.outcome(key, static_cast<HwState>(status && status->emHwKey == *composed ? 1 + random_() % 3
-                                                                                    : random_() % 4));
-        return true;
-      }
-      if (!composed && status) {
-        c_.outcomeDel(key);
-        return true;
-      }
-    }
-    return false;
-  }
-
- private:
-  Composing& c_;
-  std::mt19937_64& random_;
-};
-
-class ComposerRandomTest : public testing::TestWithParam<std::uint64_t> {};
-
-std::vector<EmLogicalKey> randomTestKeys() {
-  std::vector<EmLogicalKey> keys;
-  for (std::uint64_t port = 1; port <= 3; ++port) {
-    const Interface i{port, 1};
-    keys.push_back(untagged(i));
-    for (std::uint16_t n = 1; n <= 3; ++n) {
-      keys.push_back(oneTag(i, n));
-      keys.push_back(twoTag(i, n, static_cast<std::uint16_t>(port == 3 ? 0x1000 : n)));
-      keys.push_back(fodoVd(i, n));
-    }
-  }
-  return keys;
-}
-
-Interface interfaceOf(Composing& c, const EmLogicalKey& key) {
-  return c.sideOf(key).composer->getResolverKey(ResolverKeyUnionTag::vd, key).get<VdResolverKey>().vdKey;
-}
-
-/// What must hold at any moment: no domain goes that something composed with it, or a table, still needs.
-void expectNothingReleasedInUse(Composing& c, const std::vector<EmLogicalKey>& keys) {
-  for (const auto& key : keys) {
-    if (c.composed(key) || c.sideOf(key).status->resolvedKeyStatusHas(key)) {
-      ASSERT_TRUE(c.asked(interfaceOf(c, key))) << KilnPlatform::textOf(key);
-    }
-  }
-}
-
-/// The result as a server that starts now would compute it.
-void expectEqualsFreshStart(Composing& c, const std::vector<EmLogicalKey>& keys, DomainService& service) {
-  DomainService copy;
-  KilnPlatform::forEachIn(service.status->status(), [&](const Interface& i, std::uint16_t domain) {
-    copy.status->status().is(i, domain);
-  });
-  Composing fresh(copy);
-  for (auto& [type, side] : c.sides) {
-    KilnPlatform::forEachIn(side.config->request(),
-                            [&](const EmLogicalKey& key, Unit) { fresh.request(key); });
-  }
-  fresh.start();
-  for (auto& [type, side] : c.sides) {
-    KilnPlatform::forEachIn(side.status->resolvedKeyStatus(), [&](const auto& /*key*/, const auto& status) {
-      fresh.sideOf(status.emLogicalKey).status->resolvedKeyStatusIs(status);
-    });
-  }
-  fresh.bench.settle();
-  EXPECT_EQ(contentOf(c.resolver->resolverStatus().status()),
-            contentOf(fresh.resolver->resolverStatus().status()));
-  EXPECT_EQ(contentOf(service.config->config()), contentOf(copy.config->config()));
-  for (const auto& key : keys) {
-    EXPECT_EQ(c.composed(key), fresh.composed(key));
-    EXPECT_EQ(c.failure(key), fresh.failure(key));
-    EXPECT_EQ(c.state(key), fresh.state(key));
-    EXPECT_EQ(c.inUse(interfaceOf(c, key)), fresh.inUse(interfaceOf(c, key))) << KilnPlatform::textOf(key);
-  }
-}
-
-TEST_P(ComposerRandomTest, EndsAsAFreshStartWouldAndLeavesNothingBehind) {
-  std::mt19937_64 random(GetParam());
-  DomainService service;
-  const std::vector<EmLogicalKey> keys = randomTestKeys();
-  const std::vector<std::uint16_t> domains = {1, 2, 0x1ff, 0x200, 0x7ff, 0x800};
-  Composing c(service, GetParam() % 2 == 0 ? 1 : 0, GetParam());
-  c.start();
-  LazyHardware hardware(c, random);
-  for (int step = 0; step < 1000; ++step) {
-    const EmLogicalKey& key = keys[random() % keys.size()];
-    // Times of much demand and of little, when the last user of a domain goes.
-    const bool quiet = step / 100 % 2 != 0;
-    const Interface port{1 + random() % 3, 1};
-    switch (random() % 8) {
-      case 0:
-      case 1:
-        if (quiet) {
-          c.withdraw(key);
-        } else {
-          c.request(key);
-        }
-        break;
-      case 2:
-        c.withdraw(key);
-        break;
-      case 3:
-        c.allot(port, domains[random() % domains.size()]);
-        break;
-      case 4:
-        if (random() % 3 == 0) c.revoke(port);
-        break;
-      case 5:
-        hardware.step(keys);
-        break;
-      default:
-        c.bench.scheduler->run(random() % 20);
-    }
-    ASSERT_NO_FATAL_FAILURE(expectNothingReleasedInUse(c, keys)) << "step " << step;
-  }
-  const auto comeToRest = [&] {
-    do {
-      c.bench.settle();
-    } while (hardware.step(keys));
-  };
-  comeToRest();
-  expectEqualsFreshStart(c, keys, service);
-  for (const auto& key : keys) c.withdraw(key);
-  comeToRest();
-  EXPECT_EQ(c.leftOver(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(Seeds, ComposerRandomTest, testing::Range<std::uint64_t>(1, 25));
 
 // --- The outcomes' way back --------------------------------------------------------------------------------
 
