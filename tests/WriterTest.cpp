@@ -2,17 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
 
 #include "TestSupport.h"
-#include "program/EsemFodoSwTableWriter.h"
-#include "program/EsemFodoVdSwTableWriter.h"
-#include "program/Isem1TagSwTableWriter.h"
-#include "program/Isem2TagSwTableWriter.h"
-#include "program/IsemInnerEthSwTableWriter.h"
 #include "program/IsemMplsSwTableWriter.h"
-#include "program/IsemUntaggedSwTableWriter.h"
-#include "program/LemVpwsAcSwTableWriter.h"
 
 namespace KilnTest {
 namespace {
@@ -57,27 +49,6 @@ class WriterTest : public testing::Test {
   Ref<IsemMplsSwTableWriter> writer;
 };
 
-TEST_F(WriterTest, WritesAndReportsWhatTheTableAnswers) {
-  EXPECT_TRUE(bench.completed("writer"));
-  want(kH1, wanted(5));
-  ASSERT_EQ(table->waiting.size(), 1u);
-  EXPECT_EQ(table->waiting[0].key, (KilnTunnelNiLib::IsemMplsEntryKey{1, 0}));
-  EXPECT_EQ(table->waiting[0].entry, (KilnTunnelNiLib::IsemMplsEntry{5, 0}));
-  EXPECT_TRUE(status->status().empty());
-  table->answer(0);
-  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(5), HwState::hwSuccess}));
-  want(kH1, wanted(6));
-  table->answer(0, TableState::noResource_);
-  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(6), HwState::hwFail}));
-  bench.settle();
-  EXPECT_EQ(table->writes, 2u);  // a failed write is not repeated
-  drop(kH1);
-  EXPECT_TRUE(status->statusHas(kH1));
-  table->answer(0);
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_EQ(localEntries(*writer), 0u);
-}
-
 TEST_F(WriterTest, OnlyTheLatestWriteSetsTheStatus) {
   const TraceCapture traces(8);
   for (const bool oldFirst : {true, false}) {
@@ -98,62 +69,6 @@ TEST_F(WriterTest, OnlyTheLatestWriteSetsTheStatus) {
   EXPECT_EQ(traces.count(8, "another write in-flight"), 2u);
 }
 
-TEST_F(WriterTest, TheAnswerToAWriteThatWasWithdrawnIsDropped) {
-  for (const bool writeFirst : {true, false}) {
-    want(kH1, wanted(1));
-    drop(kH1);
-    ASSERT_EQ(table->waiting.size(), 2u);
-    table->answer(writeFirst ? 0 : 1);
-    table->answer(0);
-    EXPECT_TRUE(status->status().empty());
-    EXPECT_EQ(localEntries(*writer), 0u);
-  }
-}
-
-TEST_F(WriterTest, ADeleteThatWasOvertakenDeletesNothing) {
-  want(kH1, wanted(1));
-  table->answer(0);
-  drop(kH1);
-  want(kH1, wanted(2));
-  table->answer(1);
-  EXPECT_EQ(status->status(kH1)->emLogicalKeyAndEntry, wanted(2));
-  table->answer(0);
-  EXPECT_TRUE(status->statusHas(kH1));
-  drop(kH1);
-  want(kH1, wanted(3));
-  drop(kH1);
-  ASSERT_EQ(table->waiting.size(), 3u);
-  table->answer(0);  // the first delete, while the second one is out
-  EXPECT_TRUE(status->statusHas(kH1));
-  EXPECT_GT(localEntries(*writer), 0u);
-  table->answer(1);
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_EQ(localEntries(*writer), 0u);
-  // The records are gone, and the write that was never answered is still recognised as stale.
-  want(kH1, wanted(4));
-  table->answer(0, TableState::refused_);
-  EXPECT_TRUE(status->status().empty());
-  table->answer(0);
-  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(4), HwState::hwSuccess}));
-}
-
-TEST_F(WriterTest, ATableMayAnswerInsideTheCall) {
-  table->answerInside = true;
-  for (std::uint32_t label = 1; label <= 5; ++label) config->configIs(mplsHwKey(label), wanted(label));
-  bench.settle();
-  EXPECT_EQ(status->status().size(), 5u);
-  writer.reset();
-  config->configDel(mplsHwKey(1));
-  config->configDel(mplsHwKey(2));
-  start();  // its scan deletes what it walks
-  EXPECT_EQ(status->status().size(), 3u);
-  EXPECT_EQ(table->removals, 2u);
-  config->configDelAll();
-  bench.settle();
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_TRUE(table->entrys().empty());
-}
-
 TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
   want(kH1, wanted(1));
   want(mplsHwKey(2), wanted(2));
@@ -168,27 +83,13 @@ TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
   EXPECT_TRUE(status->statusHas(kH1));
 }
 
-TEST_F(WriterTest, ARestartRemovesWhatIsWantedNoMore) {
-  want(kH1, wanted(1));
-  want(mplsHwKey(2), wanted(2));
-  table->answerAll();
-  writer.reset();
-  config->configDel(mplsHwKey(2));
-  const Recorder recorder(status->status());
-  start();
-  table->answerAll();
-  EXPECT_EQ(recorder.deletions(), std::vector<EmHwKey>{mplsHwKey(2)});
-  EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(1), HwState::hwSuccess}));
-  EXPECT_EQ(table->entrys().size(), 1u);
-}
-
-/// A writer that retries, and tells which logical keys it may have written.
+/// A writer that retries.
 class RetryTest : public WriterTest {
  protected:
   void start() override {
     writer = bench.create([&] {
       return isemMplsSwTableWriterFactory(config, status, "writer", bench.status, interface, bench.control(),
-                                          {.retryRoom = room, .emWrittenKeys = written});
+                                          {.retryRoom = room, .emWrittenKeys = nullptr});
     });
     bench.settle();
   }
@@ -205,7 +106,6 @@ class RetryTest : public WriterTest {
     }
     return labels;
   }
-  Ref<EmWrittenKeys> written = std::make_shared<EmWrittenKeys>();
   Ref<TableRoom> room = std::make_shared<TableRoom>();
 };
 
@@ -258,24 +158,6 @@ TEST_F(RetryTest, WhenReconciliationHasCompletedEachRefusedKeyIsRetriedOnce) {
   EXPECT_EQ(waiting(), Labels{});
 }
 
-TEST_F(RetryTest, WhatLeavesThePhysicalTableInAnotherWayMakesRoomAsWell) {
-  using Labels = std::vector<int>;
-  want(mplsHwKey(1), wanted(1));
-  want(mplsHwKey(2), wanted(2));
-  answer(0);
-  answer(0, TableState::noResource_);
-  room->noteDeparture();  // an entry of another key type
-  bench.settle();
-  EXPECT_EQ(waiting(), Labels{2});
-  answer(0, TableState::noResource_);
-  want(mplsHwKey(1), wanted(9));
-  answer(0, TableState::refused_);  // the table has no entry under the key any more
-  EXPECT_EQ(waiting(), Labels{2});
-  answer(0);
-  EXPECT_EQ(HwState::hwSuccess, status->status(mplsHwKey(2))->status);
-  EXPECT_EQ(waiting(), Labels{});
-}
-
 TEST_F(RetryTest, AKeyWithoutATableIsNotRetried) {
   const EmHwKey hwKey = mplsHwKey(7);
   want(hwKey, {kL1, {EmEntry(KilnTunnelNiLib::EsemFodoEntry{}), 1}});
@@ -283,38 +165,6 @@ TEST_F(RetryTest, AKeyWithoutATableIsNotRetried) {
   answer(0);
   EXPECT_EQ(HwState::hwFail, status->status(hwKey)->status);
   EXPECT_TRUE(table->waiting.empty());
-}
-
-TEST_F(RetryTest, ALogicalKeyIsWrittenUntilALaterOperationIsAnswered) {
-  const EmLogicalKey other = mplsKey(FeatureType::vpws, 9);
-  want(kH1, wanted(1));
-  EXPECT_EQ(written->written(kL1), 1u) << "asked for";
-  drop(kH1);
-  EXPECT_TRUE(written->writtenHas(kL1)) << "neither answer has come";
-  answer(1);
-  EXPECT_TRUE(written->written().empty()) << "the removal came after the write";
-  answer(0);
-  EXPECT_TRUE(written->written().empty());
-  want(kH1, wanted(2));
-  want(mplsHwKey(2), wanted(2));
-  EXPECT_EQ(written->written(kL1), 2u);
-  want(kH1, {other, mplsEntry(3)});
-  answer(0);
-  EXPECT_EQ(written->written(kL1), 2u);
-  EXPECT_EQ(written->written(other), 1u);
-  answer(1, TableState::refused_);  // the table then holds none of the two
-  EXPECT_EQ(written->written(kL1), 1u);
-  EXPECT_FALSE(written->writtenHas(other));
-  writer->doDeleteAll();
-  EXPECT_TRUE(written->written().empty());
-}
-
-TEST_F(WriterTest, KeysOfOtherTablesAreLeftAlone) {
-  EmHwKey other = kH1;
-  other.emResolvedKey = KilnTunnelNiLib::EsemFodoEntryKey{KilnPlatform::U18(1)};
-  want(other, wanted(1));
-  drop(other);
-  EXPECT_EQ(table->writes + table->removals, 0u);
 }
 
 // The walk over a shared collection leaves out the keys of other tables by whole pages, and still ends its
@@ -342,20 +192,8 @@ TEST_F(WriterTest, AWalkPastManyKeysOfOtherTablesIsDoneInSlices) {
   EXPECT_EQ(slices(), untraced);
 }
 
-TEST_F(WriterTest, NoTableHoldsDivergentKeys) {
-  const FapId fap(4);
-  const LocalCoreId core(2);
-  const EmHwKey divergent = mplsHwKey(1, fap, core);
-  const auto own = wanted(1, mplsKey(FeatureType::mpls, 1, fap, core));
-  want(divergent, own);
-  EXPECT_EQ(status->status(divergent), (EmSwTableStatusEntry{own, HwState::hwFail}));
-  want(divergent, wanted(2));  // the convergent twin's winner has its status there
-  EXPECT_TRUE(status->status().empty());
-  want(divergent, own);
-  drop(divergent);
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_EQ(table->writes + table->removals, 0u);
-  EXPECT_DEATH(writer->deleteTableEntry(divergent, {}),
+TEST_F(WriterTest, AnOperationOfADivergentKeyIsFatal) {
+  EXPECT_DEATH(writer->deleteTableEntry(mplsHwKey(1, FapId(4), LocalCoreId(2)), {}),
                "Assertion failed: emHwKey.fapId\\(\\) == Hardware::Kiln::FapId::allFap\\(\\)");
 }
 
@@ -395,68 +233,6 @@ TEST_F(WriterTest, CountsTheEntriesOfAChipsUnit) {
   chip->entryWriteWithResponseHandler({7, 0}, {}, nullptr, [](const auto& /*handle*/) {});
   EXPECT_EQ(writer->numEntries(FapId(3), LocalCoreId(0)), 1u);
   EXPECT_EQ(writer->numEntries(FapId(4), LocalCoreId(0)), 0u);
-}
-
-// --- Each of the eight
-// ---------------------------------------------------------------------------------------
-
-template <class Writer, class Table, class Held, auto Factory>
-struct WriterKind {
-  using WriterClass = Writer;
-  using TableClass = Table;
-  using HeldClass = Held;
-  static constexpr auto kFactory = Factory;
-};
-
-template <class Kind>
-class EachWriter : public testing::Test {};
-using namespace Asic;  // NOLINT: the list below would drown in it
-using WriterKinds = testing::Types<
-    WriterKind<IsemUntaggedSwTableWriter, IsemUntaggedKilnSwTable, IsemUntaggedKilnInterface,
-               isemUntaggedSwTableWriterFactory>,
-    WriterKind<Isem1TagSwTableWriter, Isem1TagKilnSwTable, Isem1TagKilnInterface,
-               isem1TagSwTableWriterFactory>,
-    WriterKind<Isem2TagSwTableWriter, Isem2TagKilnSwTable, Isem2TagKilnInterface,
-               isem2TagSwTableWriterFactory>,
-    WriterKind<IsemInnerEthSwTableWriter, IsemInnerEthKilnSwTable, IsemInnerEthKilnInterface,
-               isemInnerEthSwTableWriterFactory>,
-    WriterKind<IsemMplsSwTableWriter, IsemMplsKilnSwTable, IsemMplsKilnInterface,
-               isemMplsSwTableWriterFactory>,
-    WriterKind<EsemFodoVdSwTableWriter, EsemFodoVdKilnSwTable, EsemFodoVdKilnInterface,
-               esemFodoVdSwTableWriterFactory>,
-    WriterKind<EsemFodoSwTableWriter, EsemFodoKilnSwTable, EsemFodoKilnSwTable, esemFodoSwTableWriterFactory>,
-    WriterKind<LemVpwsAcSwTableWriter, LemVpwsAcKilnSwTable, LemVpwsAcKilnSwTable,
-               lemVpwsAcSwTableWriterFactory>>;
-TYPED_TEST_SUITE(EachWriter, WriterKinds);
-
-TYPED_TEST(EachWriter, ProgramsItsOwnTable) {
-  using Table = typename TypeParam::TableClass;
-  const Bench bench;
-  const auto config = std::make_shared<EmSwTableConfig>();
-  const auto status = std::make_shared<EmSwTableStatus>();
-  const auto table = std::make_shared<FakeTable<Table>>();
-  table->answerInside = true;
-  Ref<typename TypeParam::HeldClass> held;
-  if constexpr (std::is_same_v<typename TypeParam::HeldClass, Table>) {
-    held = table;
-  } else {
-    const auto interface = std::make_shared<FakeInterface<typename TypeParam::HeldClass>>();
-    interface->tables[Asic::UnitId::allFap()] = table;
-    held = interface;
-  }
-  const auto writer = TypeParam::kFactory(config, status, "writer", bench.status, held, bench.control(), {});
-  const typename Table::Key key{};
-  const EmHwKey hwKey{FapId::allFap(), LocalCoreId::all(), key};
-  EXPECT_EQ(writer->emResolvedKeyType(), hwKey.emResolvedKey.tag());
-  config->configIs(hwKey, {kL1, {EmEntry(typename Table::Entry{}), 1}});
-  bench.settle();
-  ASSERT_TRUE(status->statusHas(hwKey));
-  EXPECT_EQ(status->status(hwKey)->status, HwState::hwSuccess);
-  EXPECT_TRUE(table->entrys().has(key));
-  config->configDel(hwKey);
-  bench.settle();
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_TRUE(table->entrys().empty());
 }
 
 }  // namespace
