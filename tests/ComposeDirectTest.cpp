@@ -1,15 +1,12 @@
-// The composer types that need no resolution: selection, translation and the merge of what is composed.
+// Translation of the keys that need no resolution, and what the merge of composed keys refuses.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <stdexcept>
 #include <string>
 
 #include "TestSupport.h"
 #include "compose/ComposerOutputMergeSm.h"
-#include "compose/ComposerSelectorSm.h"
 #include "compose/EmUtils.h"
-#include "compose/SwKeyTranslationSm.h"
 
 namespace KilnTest {
 namespace {
@@ -73,79 +70,15 @@ TEST(Translation, CopiesFieldForFieldAndDropsTheFeature) {
   EXPECT_DEATH(translateToSwTableKey(key), "Unrecognized union alternative 2");
 }
 
-TEST(Translation, AKeyThatDoesNotFitLeavesARecordUntilItIsWithdrawn) {
+TEST(OutputMergeDeathTest, TwoComposersOfOneKeyAreFatal) {
   const Bench bench;
-  const auto requests = std::make_shared<EmLogicalKeyConfig>(Tag::esemFodoEntryKey);
-  const auto keys = std::make_shared<SwTableKeyConfig>(Tag::esemFodoEntryKey);
-  const auto failures = std::make_shared<EmComposeFailure>(Tag::esemFodoEntryKey);
-  requests->requestIs(fodoKey(1));
-  requests->requestIs(fodoKey(0x40000));
-  const auto stage = swKeyTranslationSmFactory(Tag::esemFodoEntryKey, requests, keys, "translation",
-                                               bench.status, bench.control(), failures);
-  requests->requestIs(fodoKey(0x50000));
-  requests->requestIs(fodoKey(2));
-  bench.settle();
-  EXPECT_TRUE(bench.completed("translation"));
-  EXPECT_EQ(keys->emLogicalKeyToResolvedKey().size(), 2u);
-  EXPECT_EQ(contentOf(failures->failure()),
-            (std::map<EmLogicalKey, std::string>{{fodoKey(0x40000), kU18}, {fodoKey(0x50000), kU18}}));
-  requests->requestDel(fodoKey(0x40000));
-  requests->requestDel(fodoKey(1));
-  bench.settle();
-  EXPECT_EQ(failures->failure().size(), 1u);
-  EXPECT_FALSE(keys->emLogicalKeyToResolvedKeyHas(fodoKey(1)));
-  EXPECT_TRUE(keys->emLogicalKeyToResolvedKeyHas(fodoKey(2)));
-}
-
-TEST(Selector, EachTakesItsOwnKeys) {
-  const Bench bench(1);
-  const auto entries = std::make_shared<EmLogicalKeyToEntry>();
-  std::map<Tag, Ref<EmLogicalKeyConfig>> outputs;
-  std::vector<Ref<ComposerSelectorSm>> stages;
-  for (const Tag tag : {Tag::isemMplsEntryKey, Tag::esemFodoEntryKey}) {
-    outputs[tag] = std::make_shared<EmLogicalKeyConfig>(tag);
-    stages.push_back(
-        composerSelectorSmFactory(tag, entries, outputs[tag], "selector", bench.status, bench.control()));
-  }
-  const Recorder recorder(outputs[Tag::isemMplsEntryKey]->request());
-  const auto mpls = mplsKey(FeatureType::mpls, 1);
-  entries->emLogicalKeyToEntryIs(mpls, mplsEntry(1));
-  entries->emLogicalKeyToEntryIs(fodoKey(1), mplsEntry(1));
-  bench.settle();
-  entries->emLogicalKeyToEntryIs(mpls, mplsEntry(2));
-  entries->emLogicalKeyToEntryDel(fodoKey(1));
-  bench.settle();
-  EXPECT_EQ(recorder.changes.size(), 1u);
-  EXPECT_TRUE(outputs[Tag::isemMplsEntryKey]->requestHas(mpls));
-  EXPECT_TRUE(outputs[Tag::esemFodoEntryKey]->request().empty());
-  entries->emLogicalKeyToEntryDel(mpls);
-  bench.settle();
-  EXPECT_TRUE(outputs[Tag::isemMplsEntryKey]->request().empty());
-}
-
-TEST(OutputMerge, ReplacesInPlaceAndRefusesTwoComposersOfOneKey) {
-  const Bench bench(1);
   const auto input = std::make_shared<SwTableKeyConfigByComposerType>();
-  const auto output = std::make_shared<ResolvedKeyColl>();
-  const auto key = mplsKey(FeatureType::mpls, 1);
-  const auto mpls = input->configIs(Tag::isemMplsEntryKey);
-  const auto stage = composerOutputMergeSmFactory(input, output, "merge", bench.status, bench.control());
-  mpls->emLogicalKeyToResolvedKeyIs(key, mplsHwKey(1));
-  bench.settle();
-  const Recorder recorder(output->emLogicalKeyToResolvedKey());
-  mpls->emLogicalKeyToResolvedKeyIs(key, mplsHwKey(2));
-  bench.settle();
-  EXPECT_EQ(recorder.of(key), (std::vector<std::optional<EmHwKey>>{mplsHwKey(2)}));
-  EXPECT_DEATH(
-      {
-        input->configIs(Tag::isemInnerEthEntryKey)->emLogicalKeyToResolvedKeyIs(key, mplsHwKey(1));
-        bench.settle();
-      },
-      "Assertion failed: \\( len\\( composerTypeColl \\) <= 1 \\) \\(stage merge");
-  mpls->emLogicalKeyToResolvedKeyDel(key);
-  bench.settle();
-  EXPECT_TRUE(output->emLogicalKeyToResolvedKey().empty());
-  EXPECT_EQ(localEntries(*stage), 0u);
+  for (const Tag type : {Tag::isemMplsEntryKey, Tag::isemInnerEthEntryKey}) {
+    input->configIs(type)->emLogicalKeyToResolvedKeyIs(mplsKey(FeatureType::mpls, 1), mplsHwKey(1));
+  }
+  EXPECT_DEATH(composerOutputMergeSmFactory(input, std::make_shared<ResolvedKeyColl>(), "merge", bench.status,
+                                            bench.control()),
+               "Assertion failed: \\( len\\( composerTypeColl \\) <= 1 \\) \\(stage merge");
 }
 
 }  // namespace
