@@ -73,34 +73,6 @@ TEST_F(FeatureGoesTest, ItsCollectionsAreDestroyedInSlices) {
   EXPECT_EQ(keys(), before - kRequests);
 }
 
-TEST_F(FeatureGoesTest, ComesBackWhileItsStatusesAreWithdrawn) {
-  const auto left = half();
-  EXPECT_TRUE(complete()) << "nothing waits for a feature that is gone";
-  agent.store().addFeature(kFeature);
-  publish(3);
-  EXPECT_TRUE(left->status().empty());
-  ASSERT_EQ(statuses()->status().size(), 3u);
-  KilnPlatform::forEachIn(statuses()->status(), [](const auto& /*key*/, const auto& status) {
-    EXPECT_EQ(status.status, EmStatus::hwSuccess);
-  });
-  EXPECT_TRUE(complete());
-  EXPECT_EQ(agent.server().emLogicalKeyToEntry()->emLogicalKeyToEntry().size(), 3u);
-}
-
-TEST_F(FeatureGoesTest, ComesBackAndGoesAgainWhileItsStatusesAreWithdrawn) {
-  const auto left = half();
-  EXPECT_EQ(agent.scheduler().workPending(), left->status().size() + 3)
-      << "keys, and the ends of three stages";
-  agent.store().addFeature(kFeature);
-  while (complete() && !left->status().empty()) agent.scheduler().runOne();
-  EXPECT_FALSE(left->status().empty()) << "it is complete without a stage";
-  agent.store().removeFeature(kFeature);
-  agent.settle();
-  EXPECT_TRUE(left->status().empty());
-  EXPECT_TRUE(complete());
-  EXPECT_EQ(leftovers(), 0u);
-}
-
 TEST_F(FeatureGoesTest, StartUpWaitsUntilItsStatusesAreWithdrawn) {
   const auto started = [&](const char* stage) {
     return agent.server().dependencyStatus().completedHas(stage);
