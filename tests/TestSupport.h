@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <ostream>
-#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -45,9 +44,9 @@ using KilnPlatform::Unit;
 /// A scheduler with the record that stages report to. `yieldEvery` items a slice ends; 0 never ends one.
 class Bench {
  public:
-  explicit Bench(std::uint32_t yieldEvery = 0, std::optional<std::uint64_t> seed = std::nullopt)
+  explicit Bench(std::uint32_t yieldEvery = 0)
       : scheduler(std::make_shared<KilnAgent::CooperativeScheduler>(
-            yieldEvery == 0 ? nullptr : std::make_unique<KilnAgent::EveryItems>(yieldEvery), seed)) {}
+            yieldEvery == 0 ? nullptr : std::make_unique<KilnAgent::EveryItems>(yieldEvery))) {}
 
   [[nodiscard]] StageControl control(bool synchronous = false) const { return {scheduler, 3, synchronous}; }
   void settle() const { scheduler->runUntilIdle(); }
@@ -78,10 +77,28 @@ class Bench {
   Ref<DependencyStatusRecord> status = std::make_shared<DependencyStatusRecord>();
 };
 
-/// A number below `bound`.
-inline std::uint32_t below(std::mt19937& random, std::uint32_t bound) {
-  return static_cast<std::uint32_t>(random() % bound);
-}
+/// A load that never ends: a task that does `work`, with the number of its slice, and is ready again.
+template <class Work>
+class EndlessLoad {
+ public:
+  EndlessLoad(const Ref<KilnPlatform::TaskScheduler>& scheduler, int priority, Work work)
+      : work_(std::move(work)),
+        task_(
+            scheduler, priority, "load",
+            [](void* owner) {
+              auto& self = *static_cast<EndlessLoad*>(owner);
+              self.work_(self.slice_++);
+              self.task_.scheduleTask();
+            },
+            this) {
+    task_.scheduleTask();
+  }
+
+ private:
+  Work work_;
+  std::uint32_t slice_ = 0;
+  Task task_;
+};
 
 /// Runs slices until none is ready; by how much `count()` changed most in one of them.
 template <class Count>
