@@ -14,9 +14,8 @@
 #include "agent/InputError.h"
 #include "agent/Scenario.h"
 #include "server/KilnEmServerSm.h"
-#include "sim/CapacityCount.h"
 #include "status/SemCapacitySm.h"
-#include "tests/Golden.h"
+#include "tests/Lines.h"
 #include "tests/TestSupport.h"
 
 namespace KilnTest {
@@ -127,78 +126,14 @@ class Capacity : public testing::Test {
   std::uint32_t statusNumber = 0;
 };
 
-TEST_F(Capacity, EntriesAreCountedInTheTableThatTheFapTypeKeepsThemIn) {
-  addFap(3, 3);
-  addFap(4, 4);
-  addFap(5, 5);
-  start();
-  holdEntries(ResolvedTag::isem1TagEntryKey, 10);
-  holdEntries(ResolvedTag::isemMplsEntryKey, 100);
-  holdEntries(ResolvedTag::esemFodoEntryKey, 7);
-  EXPECT_EQ("10 990 1000", row("ISEM1", "", "Fap3/0"));
-  EXPECT_EQ("200 800 1000", row("ISEM2", "", "Fap3/0"));
-  EXPECT_EQ("0 1000 1000", row("ISEM3", "", "Fap3/0"));
-  for (const char* chip : {"Fap4/0", "Fap4/1", "Fap5/0", "Fap5/1"}) {
-    EXPECT_EQ("200 800 1000", row("ISEM1", "", chip));
-    EXPECT_EQ("10 990 1000", row("ISEM2", "", chip));
-    EXPECT_EQ("none", row("ISEM3", "", chip));
-    EXPECT_EQ("14 986 1000", row("ESEM", "", chip));
-    EXPECT_EQ("0 1000 1000", row("ISEM1", "SRv6", chip));
-  }
-}
-
-TEST_F(Capacity, OnFapType3NothingIsCountedBesidesCore0) {
-  addFap(3, 3, 3);
-  start();
-  holdEntries(ResolvedTag::isemUntaggedEntryKey, 1);
-  use("user", 3, 1, 0, 50);
-  for (const auto& [key, entry] : contentOf(table->entry())) EXPECT_EQ("Fap3/0", key.chip);
-  EXPECT_EQ("none", row("ISEM2", "SRv6", "Fap3/0"));
-}
-
-TEST_F(Capacity, ExternalUseIsShownUnderItsOwnFeatureOfTheTableItMapsTo) {
-  addFap(3, 3);
+TEST_F(Capacity, ExternalUseBeyondTheMaximumNeitherGoesBelowNothingNorWraps) {
   addFap(4, 4);
   start();
-  use("a", 4, 1, 0, 20);
   use("b", 4, 1, 2, 5);
-  EXPECT_EQ("45 955 1000", row("ISEM1", "SRv6", "Fap4/1"));
-  EXPECT_EQ("0 1000 1000", row("ISEM1", "SRv6", "Fap4/0"));
-  EXPECT_EQ("0 1000 1000", row("ISEM1", "", "Fap4/1"));
-  use("a", 3, 0, 0, 20);
-  EXPECT_EQ("5 995 1000", row("ISEM1", "SRv6", "Fap4/1"));
-  EXPECT_EQ("40 960 1000", row("ISEM2", "SRv6", "Fap3/0"));
   use("a", 4, 1, 0, 600);
-  EXPECT_EQ("1205 0 1000", row("ISEM1", "SRv6", "Fap4/1")) << "free went below nothing";
-  EXPECT_EQ("none", row("ISEM2", "SRv6", "Fap3/0"));
+  EXPECT_EQ("1205 0 1000", row("ISEM1", "SRv6", "Fap4/1"));
   use("a", 4, 1, 0, 0xffffffff);
-  EXPECT_EQ("4294967295 0 1000", row("ISEM1", "SRv6", "Fap4/1")) << "the count wrapped";
-}
-
-TEST_F(Capacity, WhatAFapDoesNotHaveIsLeftOut) {
-  addFap(3, 3);
-  addFap(4, 4);
-  addFap(5, 5);
-  profileIds->profileIdDel(FapId(5));
-  ProfileCapabilities partial = profileOf(kMax);
-  partial.tables[1].exactMatch = false;
-  partial.tables.erase(partial.tables.begin());
-  profiles->profileCapabilitiesIs(2, partial);
-  profileIds->profileIdIs(FapId(4), 2);
-  start();
-  holdEntries(ResolvedTag::isemMplsEntryKey, 1);
-  use("unknown everywhere", 4, 0, 1, 9);
-  use("unknown to type 3", 3, 0, 2, 9);
-  use("of a missing table", 4, 0, 0, 9);
-  EXPECT_EQ("none", row("ISEM1", "", "Fap4/0"));
-  EXPECT_EQ("none", row("ISEM1", "SRv6", "Fap4/0"));
-  EXPECT_EQ("none", row("ISEM2", "", "Fap4/0")) << "not an exact-match table";
-  EXPECT_EQ("0 1000 1000", row("ESEM", "", "Fap4/0"));
-  EXPECT_EQ("none", row("ISEM2", "SRv6", "Fap3/0"));
-  EXPECT_EQ("none", row("ESEM", "", "Fap5/0"));
-  profileIds->profileIdIs(FapId(5), 77);
-  bench.settle();
-  EXPECT_EQ("none", row("ESEM", "", "Fap5/0")) << "a profile that nobody described";
+  EXPECT_EQ("4294967295 0 1000", row("ISEM1", "SRv6", "Fap4/1"));
 }
 
 TEST_F(Capacity, RowsOfFapsThatAreGoneAreRemovedAlsoThoseOfAnEarlierProcess) {
@@ -266,20 +201,8 @@ TEST_F(Capacity, ChangesThatNeverEndDoNotHoldAnUpdateUp) {
   addFap(4, 4);
   start();
   const auto before = sm->counters().updates;
-  struct Churn {
-    EmSwTableStatus& status;
-    std::uint32_t rounds = 0;
-    std::unique_ptr<Task> task;
-  } churn{*status, 0, {}};
-  churn.task = std::make_unique<Task>(
-      bench.scheduler, 10, "churn",
-      [](void* owner) {
-        auto& self = *static_cast<Churn*>(owner);
-        self.status.statusIs(mplsHwKey(self.rounds++), {});
-        self.task->scheduleTask();
-      },
-      &churn);
-  churn.task->scheduleTask();
+  const EndlessLoad churn(bench.scheduler, 10,
+                          [&](std::uint32_t slice) { status->statusIs(mplsHwKey(slice), {}); });
   bench.scheduler->run(std::size_t{CapacityHelper::kPatience} * 5);
   EXPECT_GE(sm->counters().updates - before, 4U);
   EXPECT_LE(sm->counters().updates - before, 5U) << "the rate is not bounded";
@@ -418,6 +341,8 @@ TEST_F(Monitor, ATableWithoutRoomIsFullAsSoonAsItIsUsed) {
 
 using KilnAgent::EmbeddedAgent;
 using KilnAgent::Scenario;
+using KilnTests::publishLine;
+using KilnTests::withdrawLine;
 
 /// FAPs of the three types, and a second profile that lacks tables.
 KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
@@ -430,13 +355,6 @@ KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
   chip.profiles[1] = profileOf(max);
   chip.profiles[2].tables = {{64, true, {{60, 8}}}, {65, false, {}}, {66, true, {{120, 5}}}};
   return chip;
-}
-
-std::string mpls(std::uint32_t label, const char* op = "publish") {
-  const bool publish = std::string_view(op) == "publish";
-  return fmt::format(
-      R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}}{}}})",
-      op, label, publish ? R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1)" : "");
 }
 
 constexpr const char* kInnerEth =
@@ -479,30 +397,6 @@ struct Server {
   Scenario scenario{agent, false, 1, {}};
 };
 
-TEST(CapacityOfTheServer, WhatATableDropsAfterARestartIsNotCounted) {
-  for (const bool crash : {false, true}) {
-    Server server;
-    server.run(mpls(1) + "\n" + mpls(2));
-    EXPECT_EQ(4, server.tableOf("ISEM1").at("used"));
-    // Withdrawn behind the server's back: only the end of its reconciliation removes the entry.
-    server.scenario.runLine(mpls(1, "withdraw"));
-    crash ? server.agent.crash() : server.agent.restart();
-    server.scenario.settle();
-    EXPECT_EQ(2, server.tableOf("ISEM1").at("used"));
-    EXPECT_EQ("", KilnSim::capacityDifference(server.agent));
-  }
-}
-
-TEST(CapacityOfTheServer, AFapThatWentWhileTheServerWasDownHasNoRows) {
-  Server server;
-  server.run("");
-  server.agent.chip().removeFap(FapId(1));
-  server.agent.restart();
-  server.scenario.settle();
-  EXPECT_TRUE(server.tableOf("ESEM").is_null());
-  EXPECT_EQ("", KilnSim::capacityDifference(server.agent));
-}
-
 TEST(CapacityOfTheServer, AProfileThatIsDescribedAnewChangesTheMaxima) {
   Server server;
   server.run("");
@@ -521,21 +415,10 @@ TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
   Server server;
   server.agent.chip().mdbStatus()->profile().is(9, profileOf(50));
   server.run("");
-  std::unique_ptr<Task> churn;  // updates come at their deadline, between whatever other tasks there are
-  struct Churn {
-    KilnTunnelNiLib::SemCapacityExternalDir& users;
-    std::unique_ptr<Task>& task;
-    std::uint32_t rounds = 0;
-  } state{server.agent.externalUsers(), churn};
-  churn = std::make_unique<Task>(
-      server.agent.store().taskScheduler(), 0, "churn",
-      [](void* owner) {
-        auto& self = *static_cast<Churn*>(owner);
-        self.users.user().is("churn", {{{FapId(1), LocalCoreId(0), 0, self.rounds++ % 2}}});
-        self.task->scheduleTask();
-      },
-      &state);
-  churn->scheduleTask();
+  // Updates are done at their deadline, between whatever other tasks there are.
+  const EndlessLoad churn(server.agent.store().taskScheduler(), 0, [&](std::uint32_t slice) {
+    server.agent.externalUsers().user().is("churn", {{{FapId(1), LocalCoreId(0), 0, slice % 2}}});
+  });
   const TableCapacityKey row{"ESEM", "", "SemCapacity", "Fap1/0"};
   std::size_t absent = 0;
   for (std::uint32_t slice = 0; slice < 40 * CapacityHelper::kPatience; ++slice) {
@@ -549,7 +432,7 @@ TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
 TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
   Server server(6);
   std::string lines = R"({"op":"table","table":"isemInnerEth","answer":"hold"})";
-  for (std::uint32_t label = 1; label <= 5; ++label) lines += "\n" + mpls(label);
+  for (int label = 1; label <= 5; ++label) lines += "\n" + publishLine(label);
   server.run(lines);
   server.run(kInnerEth);
   const auto table = server.tableOf("ISEM1");
@@ -566,15 +449,15 @@ TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
 TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
   Server server(6);
   const auto innerEth = [&] { return server.agent.chip().table(ResolvedTag::isemInnerEthEntryKey).fill(); };
-  server.run(mpls(1) + "\n" + mpls(2) + "\n" + mpls(3));
+  server.run(publishLine(1) + "\n" + publishLine(2) + "\n" + publishLine(3));
   server.run(kInnerEth);
   EXPECT_EQ(0U, innerEth()) << "there is room for three wide entries";
-  server.run(mpls(3, "withdraw"));
+  server.run(withdrawLine(3));
   server.run(kInnerEthAgain);
   EXPECT_EQ(1U, innerEth());
   // A FAP whose profile is smaller than the others' leaves what is there, and takes nothing more.
   server.run(R"({"op":"profile","fapId":2,"profile":2})");
-  server.run(mpls(1, "withdraw"));
+  server.run(withdrawLine(1));
   EXPECT_EQ(1U, innerEth());
   server.agent.chip().mdbStatus()->profile().is(2, {{{64, true, {{60, 3}}}}});
   server.run(kInnerEthAgain);
@@ -585,64 +468,18 @@ TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
   EXPECT_EQ(1U, innerEth());
 }
 
-TEST(CapacityOfTheServer, EveryRequestIsCountedUnderWhatBecameOfIt) {
-  Server server;
-  const auto fodo = [](const char* feature, std::uint32_t id) {
-    return fmt::format(
-        R"({{"op":"publish","feature":"{}","database":"esem","key":{{"esemFodoEntryKey":{{"fodoId":{}}}}},)"
-        R"("entry":{{"esemFodoEntry":{{"outLif":1,"editProfile":1}}}},"requestVersion":1,"unchecked":true}})",
-        feature, id);
-  };
-  server.run(
-      R"({"op":"vlanDomains","mode":"manual"})"
-      "\n"
-      R"({"op":"publish","feature":"mpls","database":"isem","key":{"isemUntaggedEntryKey":{"intfId":1,)"
-      R"("systemTcamId":0}},"entry":{"isemUntaggedEntry":{"lif":1,"vsi":1,"profile":1}},"requestVersion":1})"
-      "\n" +
-      fodo("mpls", 1) + "\n" + fodo("vpws", 1) + "\n" + fodo("vpws", 2) + "\n" + fodo("vpws", 0x40000));
-  const auto counts = [&](const Ref<ResourceTable>& table, const char* name) {
-    return table->resource().get(name).value_or(ResourceCounts{});
-  };
-  const auto& agentServer = server.agent.server();
-  EXPECT_EQ((ResourceCounts{1, 0, 1, 0}), counts(agentServer.isemResourceTable(), "isemUntagged"));
-  EXPECT_EQ((ResourceCounts{4, 2, 0, 1}), counts(agentServer.esemResourceTable(), "esemFodo"))
-      << "one of four lost to another feature";
-  server.run(R"({"op":"allot","intfId":1,"systemTcamId":0,"vlanDomain":5})");
-  EXPECT_EQ((ResourceCounts{1, 1, 0, 0}), counts(agentServer.isemResourceTable(), "isemUntagged"));
-  server.agent.restart();
-  server.scenario.settle();
-  EXPECT_EQ((ResourceCounts{4, 2, 0, 1}), counts(server.agent.server().esemResourceTable(), "esemFodo"));
-}
-
 TEST(CapacityOfTheServer, AlarmsFollowTheLoadAndOutliveARestart) {
   Server server(20);
-  for (std::uint32_t label = 0; label < 9; ++label) server.run(mpls(label));
+  for (int label = 0; label < 9; ++label) server.run(publishLine(label));
   const auto raisedOnly = server.shown().at("alarms");
   EXPECT_EQ(5U, raisedOnly.size()) << "ISEM1 of two FAPs with two cores, ISEM2 of one";
   server.run(R"({"op":"restart"})");
-  for (int i = 0; i < 5; ++i) server.run(mpls(8, "withdraw")), server.run(mpls(8));
+  for (int i = 0; i < 5; ++i) server.run(withdrawLine(8)), server.run(publishLine(8));
   EXPECT_EQ(raisedOnly, server.shown().at("alarms"));
-  server.run(mpls(8, "withdraw") + "\n" + mpls(7, "withdraw"));
+  server.run(withdrawLine(8) + "\n" + withdrawLine(7));
   EXPECT_EQ(10U, server.shown().at("alarms").size());
   EXPECT_EQ(18, server.tableOf("ISEM1").at("high-watermark"));
   EXPECT_EQ(14, server.tableOf("ISEM1").at("used"));
-}
-
-TEST(CapacityOfTheServer, TheExampleRaisesOneAlarmAndClearsIt) {
-  EmbeddedAgent agent({});
-  KilnAgent::CapacityMonitor monitor{agent.capacity(), agent.store().taskScheduler()};
-  Scenario scenario{agent, false, 1, {}};
-  std::istringstream lines(KilnTests::readWhole(KILN_SOURCE_DIR "/examples/capacity.jsonl"));
-  scenario.run(lines, "capacity.jsonl");
-  const auto alarms = nlohmann::json::parse(KilnAgent::capacityJson(agent, monitor)).at("alarms");
-  ASSERT_EQ(2U, alarms.size());
-  EXPECT_EQ("raised", alarms[0].at("event"));
-  EXPECT_EQ("cleared", alarms[1].at("event"));
-  for (const auto& alarm : alarms) {
-    EXPECT_EQ("ISEM1 Fap0 1",
-              fmt::format("{} {} {}", alarm.at("table").get<std::string>(),
-                          alarm.at("fap").get<std::string>(), alarm.at("core").get<std::string>()));
-  }
 }
 
 TEST(CapacityOfTheServer, OperationsThatTheHardwareDoesNotAllowAreRefused) {

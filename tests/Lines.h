@@ -1,4 +1,4 @@
-// A line that publishes, and what is said of input that is refused.
+// Lines that publish and withdraw, and what is said of input that is refused.
 #pragma once
 
 #include <fmt/format.h>
@@ -15,6 +15,13 @@ inline std::string publishLine(int label, int version = 1) {
                      R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
                      R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
                      version, label);
+}
+
+/// The operation that withdraws it.
+inline std::string withdrawLine(int label) {
+  return fmt::format(
+      R"({{"op":"withdraw","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}}}})",
+      label);
 }
 
 /// What `call` says of its input.

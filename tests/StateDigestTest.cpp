@@ -13,99 +13,57 @@
 #include <utility>
 #include <vector>
 
+#include "agent/EmbeddedAgent.h"
 #include "agent/Scenario.h"
-#include "agent/YieldPolicies.h"
 #include "server/KilnEmServerSm.h"
-#include "sim/Run.h"
+#include "sim/ScheduleRun.h"
 #include "sim/SmallScenario.h"
+#include "tests/Lines.h"
 
 namespace KilnSim {
 namespace {
 
 using KilnEmServer::differingParts;
 using KilnEmServer::StateDigest;
+using KilnTests::withdrawLine;
+
+/// The numbers of tasks, the same in all walks.
+class Numbers final : public TaskNumbers {
+ public:
+  std::uint16_t numberOf(std::string_view name, std::string_view instance) override {
+    const auto next = static_cast<std::uint16_t>(numbers_.size() + 1);
+    return numbers_.try_emplace({std::string(name), std::string(instance)}, next).first->second;
+  }
+
+ private:
+  std::map<std::pair<std::string, std::string>, std::uint16_t> numbers_;
+};
 
 /// One schedule of a small scenario, choice by choice. In the same state the same choice means the same.
 class Walk {
  public:
-  explicit Walk(const SmallScenario& scenario) : scenario_(scenario), run_(plan(), tally_, nullptr) {
-    for (const auto& operation : scenario_.setUp) run_.execute(operation);
-    run_.execute(KilnAgent::SettleOperation{});
-  }
+  explicit Walk(const SmallScenario& scenario) : run_(scenario, true, numbers()) {}
 
   /// Does one of the things that can be done now; false if there is none.
   bool step(std::uint32_t choice) {
-    const auto tasks = readyTasks();
-    const bool mayOperate = next_ != scenario_.explored.size();
-    const std::size_t options = 2 * tasks.size() + held() + (mayOperate ? 1 : 0) + (restarted_ ? 0 : 2);
-    if (tasks.empty()) run_.judge();
-    if (tasks.empty() && !mayOperate && held() == 0) return false;
-    take(tasks, choice % options, mayOperate);
+    if (over()) return false;
+    Choice next = run_.choices()[choice % run_.choices().size()];
+    if (next.kind == Choice::Kind::task) next.items = static_cast<std::uint16_t>(choice >> 16U & 1U);
+    run_.take(next);
+    // Slices that change nothing are no steps of their own.
+    while (run_.unchanged() && !over()) run_.take(Choice(run_.choices().front()));
     return true;
   }
-  [[nodiscard]] StateDigest digest() const {
-    StateDigest digest;
-    digest.begin("scenario");
-    digest.add(std::tie(next_, restarted_));
-    const_cast<Run&>(run_).agent().noteState(digest);
-    run_.watch().noteState(digest);
-    return digest;
-  }
-  [[nodiscard]] const std::string& wrong() const { return run_.wrong(); }
+  [[nodiscard]] const StateDigest& digest() const { return run_.digest(); }
 
  private:
-  using Task = KilnPlatform::Task;
+  static Numbers& numbers() {
+    static Numbers numbers;
+    return numbers;
+  }
+  [[nodiscard]] bool over() const { return run_.ended() || run_.failed(); }
 
-  static Plan plan() {
-    Plan plan;
-    plan.shuffled = false;
-    return plan;
-  }
-  std::vector<Task*> readyTasks() {
-    std::vector<Task*> tasks;
-    run_.agent().scheduler().forEachReady([&](Task& task) { tasks.push_back(&task); });
-    std::sort(tasks.begin(), tasks.end(), [](const Task* a, const Task* b) {
-      return std::pair(a->name(), a->instance()) < std::pair(b->name(), b->instance());
-    });
-    return tasks;
-  }
-  std::size_t held() {
-    std::size_t held = 0;
-    run_.agent().chip().forEachTable([&](const auto& table) { held += table.held(); });
-    return held;
-  }
-  void take(const std::vector<Task*>& tasks, std::size_t option, bool mayOperate) {
-    if (option < 2 * tasks.size()) {
-      KilnAgent::EveryItems policy(option % 2);
-      return run_.runSlice(*tasks[option / 2], policy, std::nullopt);
-    }
-    option -= 2 * tasks.size();
-    if (option < held()) return answer(option);
-    option -= held();
-    if (mayOperate && option-- == 0) {
-      run_.execute(scenario_.explored[next_++]);
-    } else {
-      restarted_ = true;
-      option == 0 ? run_.execute(KilnAgent::RestartOperation{}) : run_.execute(KilnAgent::CrashOperation{});
-    }
-  }
-  void answer(std::size_t which) {
-    bool done = false;
-    run_.agent().chip().forEachTable([&](KilnAgent::SoftTable& table) {
-      if (!done && which < table.held()) {
-        table.answer(KilnAgent::SoftTable::Order::fifo, 1, which);
-        done = true;
-      } else if (!done) {
-        which -= table.held();
-      }
-    });
-  }
-
-  const SmallScenario& scenario_;
-  Tally tally_;
-  Run run_;
-  std::size_t next_ = 0;
-  bool restarted_ = false;
+  ScheduleRun run_;
 };
 
 using Choices = std::vector<std::uint32_t>;
@@ -160,7 +118,8 @@ std::string difference(const SmallScenario& scenario, const Pair& pair, std::uin
 
 TEST(StateDigest, StatesOfOneDigestGoOnAlike) {
   for (const char* name : {"moved-and-moved-back", "feature-removed-and-added", "domain-passes-on"}) {
-    const auto scenario = readSmallScenario(fmt::format("{}/sim/small/{}.jsonl", KILN_SOURCE_DIR, name));
+    auto scenario = readSmallScenario(fmt::format("{}/sim/small/{}.jsonl", KILN_SOURCE_DIR, name));
+    scenario.troubles = {.refusals = 0, .restarts = 1, .crashes = 1, .losses = 0};
     const auto pairs = findPairs(scenario, 20);
     ASSERT_LT(10U, pairs.size()) << name;
     for (std::uint32_t at = 0; at < pairs.size(); ++at) {
@@ -195,11 +154,6 @@ std::string publish(int label, int lif = 1) {
       R"("entry":{{"isemMplsEntry":{{"lif":{},"vsi":1}}}},"requestVersion":{},"requestKind":"add"}})",
       label, lif, lif);
 }
-std::string withdraw(int label) {
-  return fmt::format(
-      R"({{"op":"withdraw","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}}}})",
-      label);
-}
 std::string publishUntagged(int interface) {
   return fmt::format(
       R"({{"op":"publish","feature":"bridging","database":"isem","key":{{"isemUntaggedEntryKey":{{"intfId":{},)"
@@ -228,8 +182,8 @@ TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
   const std::vector<std::string> direct = {kSettle, publish(1), kSettle, publishUntagged(1),
                                            kSettle, publish(2), kSettle};
   const std::vector<std::string> roundabout = {
-      kSettle, publish(2),  publish(3), kSettle,    publishUntagged(1),
-      kSettle, withdraw(3), kSettle,    publish(1), kSettle};
+      kSettle, publish(2),      publish(3), kSettle,    publishUntagged(1),
+      kSettle, withdrawLine(3), kSettle,    publish(1), kSettle};
   const auto walksOf = [](const std::vector<std::string>& lines) {
     return Agent(lines).digest(StateDigest::Walks::noted).value();
   };
@@ -242,7 +196,7 @@ TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
   const Agent fresh({kSettle});
   const Agent emptied(
       {kSettle, publish(1), publish(1, 2), publishUntagged(1), kSettle, table(R"("answer":"refuse")"),
-       publish(2), kSettle, table(R"("answer":"success")"), withdraw(1), withdraw(2),
+       publish(2), kSettle, table(R"("answer":"success")"), withdrawLine(1), withdrawLine(2),
        R"({"op":"withdrawAll","feature":"bridging","database":"isem"})", kSettle, kRestart, kSettle});
   EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(fresh.digest(), emptied.digest()), ", ")));
 }
@@ -250,7 +204,7 @@ TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
 TEST(StateDigest, EachDifferenceChangesIt) {
   using Lines = std::vector<std::string>;
   const Lines held = {kSettle, table(R"("answer":"hold")"), publish(1), kSettle, publish(1, 2), kSettle};
-  const Lines full = {publish(1), kSettle, table(R"("answer":"hold","capacity":0)"), withdraw(1)};
+  const Lines full = {publish(1), kSettle, table(R"("answer":"hold","capacity":0)"), withdrawLine(1)};
   const auto with = [](Lines lines, const Lines& more) {
     lines.insert(lines.end(), more.begin(), more.end());
     return lines;
