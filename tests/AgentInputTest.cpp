@@ -2,13 +2,10 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 
@@ -18,47 +15,21 @@
 #include "agent/Report.h"
 #include "agent/Scenario.h"
 #include "runtime/Trace.h"
-#include "tests/Golden.h"
+#include "tests/CommandLine.h"
 #include "tests/Lines.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTests {
 namespace {
 
 using KilnAgent::InputError;
 
-/// A directory of its own, and the command line as a user runs it.
-class AgentInput : public testing::Test {
- protected:
-  struct Result {
-    int code;
-    std::string err;
-  };
-  Result run(const std::string& arguments) {
-    std::filesystem::path binary = std::filesystem::read_symlink("/proc/self/exe");
-    std::string name = binary.filename();
-    binary.replace_filename(name.replace(0, std::string("kiln-tests").size(), "kiln-agent"));
-    const int status = std::system((binary.string() + " " + arguments + " 2>" + path("err")).c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readWhole(path("err"))};
-  }
-  std::string path(const std::string& file) const { return directory_ + "/" + file; }
-  std::string write(const std::string& file, const std::string& text) const {
-    std::ofstream(path(file)) << text;
-    return path(file);
-  }
-  void SetUp() override {
-    directory_ = testing::TempDir() + "kiln-agent-input-XXXXXX";
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-  }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
-
- private:
-  std::string directory_;
-};
+class AgentInput : public CommandLine {};
 
 TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
   for (const char* arguments : {"--requests -1", "--requests ''", "--requests 1000000001", "--requests 0x10",
                                 "--requests 1 --seed -1", "--requests 1 --seed 18446744073709551616"}) {
-    const Result result = run(fmt::format("generate {} >{}", arguments, path("out")));
+    const Result result = run(std::string("generate ") + arguments);
     EXPECT_EQ(result.code, 2) << arguments;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
@@ -70,18 +41,19 @@ TEST_F(AgentInput, NumbersOfTheCommandLineAreWholeAndInRange) {
   }
   EXPECT_NE(run("show capacity --upper 020 --clear 021 " + lines).err.find("--clear 21 is above --upper 20"),
             std::string::npos);
-  EXPECT_EQ(run(fmt::format("generate --requests 010 >{}", path("out"))).code, 0);
-  EXPECT_NE(readWhole(path("out")).find("--requests 10 "), std::string::npos);
+  const Result generated = run("generate --requests 010");
+  EXPECT_EQ(generated.code, 0);
+  EXPECT_NE(generated.out.find("--requests 10 "), std::string::npos);
 }
 
 TEST_F(AgentInput, EmptyOptionsAndTooMuchMemoryAreRefusedInOneLine) {
   const std::string lines = write("in.jsonl", publishLine(1));
   for (const std::string& arguments :
        {"run --state '' " + lines, std::string("serve --state ''"),
-        "serve --socket '' --state " + path("state"), "run --dump '' " + lines, "run --chip '' " + lines,
-        "run --trace-file '' " + lines, std::string("run ''"),
-        "serve --reserve 1048576 --state " + path("state"),
-        "serve --reserve 010x --state " + path("state")}) {
+        "serve --socket '' --state " + (directory / "state"), "run --dump '' " + lines,
+        "run --chip '' " + lines, "run --trace-file '' " + lines, std::string("run ''"),
+        "serve --reserve 1048576 --state " + (directory / "state"),
+        "serve --reserve 010x --state " + (directory / "state")}) {
     const Result result = run(arguments);
     EXPECT_EQ(2, result.code) << arguments << result.err;
     EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
@@ -93,10 +65,11 @@ TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
   for (const char* output : {">/dev/full", ">&-"})
     EXPECT_EQ(run("run " + lines + " " + output).code, 2) << output;
   EXPECT_EQ(run("run - <&-").code, 2);
-  EXPECT_EQ(run("run " + lines + " --trace 9 --trace-file /dev/full >" + path("out")).code, 0);
-  EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --chip " + path("nowhere")).code, 2);
-  EXPECT_EQ(run("run " + lines + " --dump " + path("dump") + " --trace-stage x").code, 2);
-  EXPECT_FALSE(std::filesystem::exists(path("dump")));
+  EXPECT_EQ(run("run " + lines + " --trace 9 --trace-file /dev/full").code, 0);
+  EXPECT_EQ(
+      run("run " + lines + " --dump " + (directory / "dump") + " --chip " + (directory / "nowhere")).code, 2);
+  EXPECT_EQ(run("run " + lines + " --dump " + (directory / "dump") + " --trace-stage x").code, 2);
+  EXPECT_FALSE(std::filesystem::exists(directory / "dump"));
 }
 
 TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
@@ -104,17 +77,18 @@ TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
     const std::string file = write("chip.json", text);
     return errorOf([&] { KilnAgent::readChipFile(file); });
   };
-  EXPECT_EQ(errorOf([&] { KilnAgent::readChipFile(path("")); }), path("") + ": the chip file cannot be read");
+  EXPECT_EQ(errorOf([&] { KilnAgent::readChipFile(directory / ""); }),
+            (directory / "") + ": the chip file cannot be read");
   EXPECT_EQ(chipError(R"({"tables":{"isemMpls":1,"isemMpls":2}})"),
-            path("chip.json") + ": field \"isemMpls\" is given twice");
+            (directory / "chip.json") + ": field \"isemMpls\" is given twice");
   EXPECT_EQ(chipError(R"({"profiles":[{"id":1,"tables":[)"
                       R"({"id":37,"exactMatch":true,"entriesByWidth":{"060":1,"60":2}}]}]})"),
-            path("chip.json") + ": profiles.tables.entriesByWidth: the width 60 is given twice");
+            (directory / "chip.json") + ": profiles.tables.entriesByWidth: the width 60 is given twice");
   EXPECT_EQ(chipError(R"({"profiles":[{"id":1,"tables":[{"id":37,"exactMatch":true,"entriesByWidth":{}},)"
                       R"({"id":37,"exactMatch":false,"entriesByWidth":{}}]}]})"),
-            path("chip.json") + ": profiles.tables: the table 37 is given twice");
+            (directory / "chip.json") + ": profiles.tables: the table 37 is given twice");
   EXPECT_EQ(chipError(R"({"faps":[{"id":1,"name":"A","type":4,"cores":[0,1,0]}]})"),
-            path("chip.json") + ": faps.cores: the core 0 is given twice");
+            (directory / "chip.json") + ": faps.cores: the core 0 is given twice");
 }
 
 TEST(AgentLines, WhatIsWrongIsOneLineWithFileAndLine) {
@@ -137,12 +111,7 @@ TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.settle();
-  std::unique_ptr<KilnPlatform::Task> load;
-  load = std::make_unique<KilnPlatform::Task>(
-      agent.store().taskScheduler(), 10, "load",
-      [](void* owner) { (*static_cast<std::unique_ptr<KilnPlatform::Task>*>(owner))->scheduleTask(); },
-      &load);
-  load->scheduleTask();
+  const KilnTest::EndlessLoad load(agent.store().taskScheduler(), 10, [](std::uint32_t /*slice*/) {});
   scenario.runLine(R"({"op":"publish","feature":"subinterface","database":"isem","requestVersion":1,)"
                    R"("key":{"isem1TagEntryKey":{"intfId":1,"systemTcamId":0,"vlanId":100}},)"
                    R"("entry":{"isem1TagEntry":{"lif":1,"vsi":3,"profile":1}}})");

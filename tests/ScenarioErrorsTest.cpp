@@ -2,12 +2,8 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
 #include <sstream>
 #include <string>
 
@@ -15,7 +11,7 @@
 #include "agent/InputError.h"
 #include "agent/Scenario.h"
 #include "sim/Recompute.h"
-#include "tests/Golden.h"
+#include "tests/CommandLine.h"
 
 namespace KilnTests {
 namespace {
@@ -162,115 +158,44 @@ TEST_P(RefusedRequest, IsToldInWordsAndTheRunGoesOn) {
   EXPECT_EQ("", difference(recompute(wantedOf(agent)), outcome));
 }
 
-std::string acKey(const char* inLif, const char* outerVlanId, const char* innerPcp) {
-  return fmt::format(
-      R"({{"lemVpwsAcEntryKey":{{"inLif":{},"outerVlanId":{},"innerVlanId":0,"outerPcp":0,"innerPcp":{}}}}})",
-      inLif, outerVlanId, innerPcp);
-}
-const std::string kAcEntry = R"({"lemVpwsAcEntry":{"outLif":1,"destination":2,"statisticsId":3}})";
 const std::string kOneTagEntry = R"({"isem1TagEntry":{"lif":1,"vsi":1,"profile":0}})";
-const std::string kFodoEntry = R"({"esemFodoEntry":{"outLif":1,"editProfile":2}})";
 
 const Mistake kRefusals[] = {
     {"vlan", publish(oneTagKey("5000"), "", "isem", kOneTagEntry), "vlanId is 5000"},
-    {"inLif", publish(acKey("1048576", "0", "0"), "", "lem", kAcEntry), "inLif is 1048576"},
-    {"outerVlan", publish(acKey("0", "4096", "0"), "", "lem", kAcEntry), "outerVlanId is 4096"},
-    {"innerPcp", publish(acKey("0", "0", "8"), "", "lem", kAcEntry), "innerPcp is 8"},
-    {"fodoId", publish(R"({"esemFodoEntryKey":{"fodoId":262144}})", "", "esem", kFodoEntry),
-     "fodoId is 262144"},
     {"allChipsOneCore", publish(R"({"localCoreId":1,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
      "both must be \"all\" or both specific"},
-    {"oneChipAllCores", publish(R"({"fapId":1,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
-     "both must be \"all\" or both specific"},
-    {"database", publish(mplsKey(R"("label":2,"labelSpace":0)"), "", "lem"), "not of lem"},
-    {"entry", publish(mplsKey(R"("label":2,"labelSpace":0)"), "", "isem", kOneTagEntry), "isem1TagEntry"},
     {"kind", publish(mplsKey(R"("label":2,"labelSpace":0)"), R"(,"requestKind":7)"), "request kind 7"},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, RefusedRequest, testing::ValuesIn(kRefusals), mistakeName);
 
-TEST(AcceptedRequest, ReservedVlansAreAllowed) {
-  KilnAgent::EmbeddedAgent agent({});
-  KilnAgent::Scenario scenario(agent, false, 1, [](const std::string& text) { ADD_FAILURE() << text; });
-  scenario.runLine(publish(oneTagKey("0"), "", "isem", kOneTagEntry));
-  scenario.runLine(publish(oneTagKey("4095"), "", "isem", kOneTagEntry));
-  EXPECT_EQ(2U, wantedOf(agent).requests.size());
-}
-
-/// The command line, as a user runs it.
-class CommandLine : public testing::Test {
- protected:
-  struct Result {
-    int code;
-    std::string out;
-    std::string err;
+TEST_F(CommandLine, TheExitStatusSaysWhetherEveryExpectationHeld) {
+  const auto expects = [](const char* status) {
+    return R"({"op":"expect","feature":"mpls","database":"isem","status":")" + std::string(status) +
+           R"(","key":)" + mplsKey(R"("label":1,"labelSpace":0)") + "}\n";
   };
-
-  /// Runs `kiln-agent run` on a file with these lines.
-  Result runLines(const std::string& lines) {
-    std::ofstream(path("in.jsonl")) << lines;
-    return run("run " + path("in.jsonl"));
+  const std::string good = kGood + "\n";
+  const struct {
+    std::string lines;
+    int code;
+    const char* told;  ///< how what is said begins, after the file's name
+  } cases[] = {
+      {good + expects("hwSuccess"), 0, ""},
+      {good + expects("hwFail") + expects("hwSuccess"), 1, ":2: expected "},
+      {good + R"({"op":"dance"})", 2, ":2: op: unknown operation \"dance\"\n"},
+      {publish(oneTagKey("5000"), "", "isem", kOneTagEntry) + "\n" + good + expects("hwSuccess"), 5,
+       R"(:1: mpls isem {"isem1TagEntryKey":{"intfId":1,"systemTcamId":0,"vlanId":5000}} refused: )"}};
+  for (const auto& each : cases) {
+    const std::string file = write("in.jsonl", each.lines);
+    const Result result = run("run " + file);
+    EXPECT_EQ(each.code, result.code);
+    EXPECT_TRUE(result.err.starts_with(*each.told == 0 ? "" : file + each.told)) << result.err;
+    EXPECT_EQ(each.code == 0 ? 0 : 1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
+    EXPECT_EQ(each.code == 1, result.err.find("hwSuccess") != std::string::npos) << "what was found instead";
   }
-  Result run(const std::string& arguments) {
-    const auto binary = std::filesystem::read_symlink("/proc/self/exe").parent_path() / kProgram;
-    const std::string command = binary.string() + " " + arguments + " >" + path("out") + " 2>" + path("err");
-    const int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readWhole(path("out")), readWhole(path("err"))};
-  }
-  std::string path(const std::string& file) { return directory_ + "/" + file; }
-  void SetUp() override {
-    directory_ = testing::TempDir() + "kiln-" +
-                 testing::UnitTest::GetInstance()->current_test_info()->name() + std::to_string(getpid());
-    std::filesystem::create_directories(directory_);
-  }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
-
- private:
-#ifdef KILN_ORDERED_COLLECTIONS
-  static constexpr const char* kProgram = "kiln-agent-ordered";
-#else
-  static constexpr const char* kProgram = "kiln-agent";
-#endif
-  std::string directory_;
-};
-
-std::string expectLine(const char* status) {
-  return R"({"op":"expect","feature":"mpls","database":"isem","status":")" + std::string(status) +
-         R"(","key":)" + mplsKey(R"("label":1,"labelSpace":0)") + "}";
-}
-
-TEST_F(CommandLine, EndsWithZeroWhereEveryExpectationHolds) {
-  const Result result = runLines(kGood + "\n" + expectLine("hwSuccess") + "\n");
-  EXPECT_EQ(0, result.code) << result.err;
-  EXPECT_EQ("", result.err);
-}
-
-TEST_F(CommandLine, EndsWithOneAndTellsWhatWasFoundInstead) {
-  const Result result = runLines(kGood + "\n" + expectLine("hwFail") + "\n" + expectLine("hwSuccess") + "\n");
-  EXPECT_EQ(1, result.code);
-  EXPECT_NE(result.err.find(path("in.jsonl") + ":2: expected "), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("hwFail"), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("hwSuccess"), std::string::npos) << result.err;
-  EXPECT_EQ(result.err.find(":3: "), std::string::npos) << result.err;
-}
-
-TEST_F(CommandLine, EndsWithTwoAtAMalformedLine) {
-  const Result result = runLines(kGood + "\n" + R"({"op":"dance"})" + "\n");
-  EXPECT_EQ(2, result.code);
-  EXPECT_EQ(path("in.jsonl") + ":2: op: unknown operation \"dance\"\n", result.err);
-}
-
-TEST_F(CommandLine, EndsWithTwoWhereAFileIsMissing) {
-  const Result result = run("run " + path("nowhere.jsonl"));
-  EXPECT_EQ(2, result.code);
-  EXPECT_NE(result.err.find("nowhere.jsonl"), std::string::npos) << result.err;
-}
-
-TEST_F(CommandLine, ARefusedRequestIsToldAndHasItsOwnExitStatus) {
-  const Result result = runLines(publish(oneTagKey("5000"), "", "isem", kOneTagEntry) + "\n" + kGood + "\n" +
-                                 expectLine("hwSuccess") + "\n");
-  EXPECT_EQ(5, result.code) << result.err;
-  EXPECT_NE(result.err.find("vlanId is 5000"), std::string::npos) << result.err;
+  const Result missing = run("run " + (directory / "nowhere.jsonl"));
+  EXPECT_EQ(2, missing.code);
+  EXPECT_NE(missing.err.find("nowhere.jsonl"), std::string::npos) << missing.err;
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <list>
 #include <nlohmann/json.hpp>
@@ -24,9 +23,8 @@
 #include "agent/InputError.h"
 #include "agent/LineSocket.h"
 #include "agent/Service.h"
-#include "tests/Golden.h"
+#include "tests/CommandLine.h"
 #include "tests/Lines.h"
-#include "tests/TempDirectory.h"
 
 namespace KilnTests {
 namespace {
@@ -75,7 +73,7 @@ class Client {
 };
 
 /// A process that serves a state directory of the test.
-class Serve : public testing::Test {
+class Serve : public CommandLine {
  protected:
   ~Serve() override {
     if (process_ > 0) kill(SIGKILL);
@@ -110,20 +108,8 @@ class Serve : public testing::Test {
     waitpid(std::exchange(process_, 0), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
-  /// Runs the command line; what it says on standard error is in "told".
-  int run(const std::string& arguments) {
-    const int status = std::system(
-        fmt::format("{} {} >{} 2>{}", binary(), arguments, directory / "out", directory / "told").c_str());
-    return WEXITSTATUS(status);
-  }
-  static std::string binary() {
-    std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe");
-    std::string name = path.filename();
-    return path.replace_filename(name.replace(0, std::string("kiln-tests").size(), "kiln-agent"));
-  }
   std::string socketPath() const { return directory / "state/socket"; }
 
-  TempDirectory directory;
   pid_t process_ = 0;
 };
 
@@ -217,10 +203,14 @@ TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
 
 TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
   start();
-  EXPECT_EQ(2, run("serve --state " + (directory / "state")));
-  EXPECT_NE(std::string::npos, readWhole(directory / "told").find("in use by another agent"));
-  EXPECT_EQ(2, run(fmt::format("serve --state {} --socket {}", directory / "other", socketPath())));
-  EXPECT_NE(std::string::npos, readWhole(directory / "told").find("another process listens there"));
+  const auto expectRefused = [this](const std::string& options, const char* told = "") {
+    const Result result = run("serve --state " + options);
+    EXPECT_EQ(2, result.code);
+    EXPECT_NE(std::string::npos, result.err.find(told)) << result.err;
+  };
+  expectRefused(directory / "state", "in use by another agent");
+  expectRefused(fmt::format("{} --socket {}", directory / "other", socketPath()),
+                "another process listens there");
   kill(SIGKILL);
   ASSERT_TRUE(std::filesystem::exists(socketPath())) << "what a killed agent leaves";
   start();
@@ -230,9 +220,9 @@ TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
   std::filesystem::remove(socketPath());
   writeFile(socketPath(), "mine");
   EXPECT_EQ(0, kill(SIGTERM));
-  EXPECT_EQ(2, run("serve --state " + (directory / "state")));
+  expectRefused(directory / "state");
   EXPECT_EQ("mine", readWhole(socketPath()));
-  EXPECT_EQ(2, run(fmt::format("serve --state {} --socket {}", directory / "state", std::string(200, 'x'))));
+  expectRefused(fmt::format("{} --socket {}", directory / "state", std::string(200, 'x')));
 }
 
 TEST_F(Serve, StandardDescriptorsThatAreClosedOrFailCostNothing) {
@@ -284,17 +274,20 @@ TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
 
 TEST_F(Serve, SendShowsTheAnswersAndTellsWhetherAllWasWell) {
   start();
-  writeFile(directory / "good.jsonl", "// two\n" + publishLine(1) + "\n" + publishLine(2));
-  EXPECT_EQ(0, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
+  const auto sent = [this](const std::string& arguments) { return run("send " + arguments); };
+  const std::string good =
+      socketPath() + " " + write("good.jsonl", "// two\n" + publishLine(1) + "\n" + publishLine(2));
+  const Result first = sent(good);
+  EXPECT_EQ(0, first.code);
   EXPECT_EQ("{\"durable\":true,\"line\":2,\"ok\":true}\n{\"durable\":true,\"line\":3,\"ok\":true}\n",
-            readWhole(directory / "out"));
-  writeFile(directory / "bad.jsonl", publishLine(3) + "\nnonsense\n");
-  EXPECT_EQ(1, run(fmt::format("send --quiet {} {}", socketPath(), directory / "bad.jsonl")));
-  const std::string out = readWhole(directory / "out");
-  EXPECT_EQ(1, std::count(out.begin(), out.end(), '\n')) << out;
-  EXPECT_EQ(2, run(fmt::format("send {} {}", directory / "nowhere", directory / "good.jsonl")));
+            first.out);
+  const Result bad =
+      sent("--quiet " + socketPath() + " " + write("bad.jsonl", publishLine(3) + "\nnonsense\n"));
+  EXPECT_EQ(1, bad.code);
+  EXPECT_EQ(1, std::count(bad.out.begin(), bad.out.end(), '\n')) << bad.out;
+  EXPECT_EQ(2, sent((directory / "nowhere") + " " + (directory / "good.jsonl")).code);
   kill(SIGTERM);
-  EXPECT_EQ(2, run(fmt::format("send {} {}", socketPath(), directory / "good.jsonl")));
+  EXPECT_EQ(2, sent(good).code);
 }
 
 /// A service of the test's process: nothing happens but in its turns, which never wait.
