@@ -202,25 +202,6 @@ TEST(Hitless, ManyKeysComeStayAndGo) {
   EXPECT_EQ(run.agent().server().emSwTableConfig()->config().size(), 0U);
 }
 
-TEST(Hitless, OnlyWhatChangedWhileTheServerWasDownReachesTheHardware) {
-  const std::string scenario = settledScenario(300);
-  const std::string meanwhile = withdrawMpls("mpls", 1) +         // loses anyway
-                                withdrawMpls("evpn", 2) +         // wins: the other one's entry is written
-                                publishMpls("evpn", 3, 999, 2) +  // another entry
-                                publishMpls("evpn", 4, 5, 2) +    // another version of the same
-                                publishMpls("vxlan", 500, 1) +    // new
-                                withdrawMpls("mpls", 5) + withdrawMpls("evpn", 5);  // nobody is left
-  for (const Setting& setting : kSettings) {
-    SCOPED_TRACE(nameOf(setting));
-    Restarted run(setting, scenario);
-    const ReconcileReport report = run.restart(meanwhile);
-    EXPECT_EQ(report.disturbed, 0U) << report.disturbedRows.front();
-    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.hardware.written; }), 3U + 20U);
-    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.hardware.removed; }), 1U);
-    EXPECT_EQ(sumOf(report, [](const auto& table) { return table.needless; }), 0U);
-  }
-}
-
 TEST(Hitless, ARestartInTheMiddleOfARestartIsJudgedOverBoth) {
   const std::string scenario = settledScenario(200);
   for (std::uint64_t seed = 0; seed < 40; ++seed) {
