@@ -150,15 +150,6 @@ TEST(Value, ResolverKeyTextIsRejectedInItsOwnName) {
             "Invalid string rep for ResolverKey: unknown alternative lag");
 }
 
-TEST(Value, BoundedIntegersRejectWhatDoesNotFit) {
-  EXPECT_EQ(KilnPlatform::U20(0xfffff).number(), 0xfffffu);
-  EXPECT_EQ(rangeErrorOf([] { KilnPlatform::U20(0x100000); }), "U20::value < 0 or > 0x000fffff not allowed");
-  EXPECT_EQ(rangeErrorOf([] { KilnPlatform::U12(0x1000); }), "U12::value < 0 or > 0x0fff not allowed");
-  EXPECT_EQ(rangeErrorOf([] { KilnPlatform::U3(8); }), "U3::value < 0 or > 0x07 not allowed");
-  EXPECT_EQ(rangeErrorOf([] { KilnPlatform::U9(std::uint64_t{1} << 40); }),
-            "U9::value < 0 or > 0x01ff not allowed");
-}
-
 TEST(Value, ReadingAnotherAlternativeIsARangeError) {
   const EmResolvedKey key = IsemMplsEntryKey{1, 2};
   EXPECT_EQ(key.get<EmResolvedKeyUnionTag::isemMplsEntryKey>().label, 1u);
