@@ -3,16 +3,20 @@
 
 All faults go into one scratch copy of the tracked files, each behind a test of the environment variable KILN_MUTANT, so
 that one build serves them all. Prints a table: planted, seen by the simulation at which seed, and by which test; and of
-how many operations the minimized scenario is, and whether kiln-agent run fails on it.
-Exit 1 where one survives both.
+how many operations the minimized scenario is, and whether kiln-agent run fails on it. With --explore also: seen by the
+exploration of which small scenario, after how many deviations, and of how many operations the shortest schedule is. The
+scenarios that a fault names as "small" are explored first.
+Exit 1 if all that was run misses one.
 """
 import argparse
 import json
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
+import time
 
 TIMED_OUT = 1000
 SWITCH = """
@@ -55,12 +59,17 @@ def plant(root, number, mutation, texts):
 
 
 def run(command, number, timeout):
+    """In a session of its own, so that what it forked ends with it."""
     environment = dict(os.environ, KILN_MUTANT=str(number))
+    started = subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                               errors="replace", start_new_session=True)
     try:
-        done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=timeout, errors="replace")
-        return done.returncode, done.stdout
-    except subprocess.TimeoutExpired as late:
-        return TIMED_OUT, (late.stdout or b"").decode(errors="replace")
+        told, _ = started.communicate(timeout=timeout)
+        return started.returncode, told
+    except subprocess.TimeoutExpired:
+        os.killpg(started.pid, signal.SIGKILL)
+        told, _ = started.communicate()
+        return TIMED_OUT, told
 
 
 def ended(code):
@@ -106,10 +115,78 @@ def judge_minimized(binaries, number, seed, options):
     return f"{command.group(1)}: {'passes' if code in (0, 5) else 'fails' if code == 1 else ended(code)}"
 
 
+def explorations(mutation, deviations):
+    """Each small scenario with each bound: the expected ones first, then the others by bound."""
+    every = sorted(path.stem for path in pathlib.Path("sim/small").glob("*.jsonl"))
+    expected = mutation.get("small", [])
+    if unknown := set(expected) - set(every):
+        sys.exit(f"{mutation['name']}: no such scenario: {', '.join(unknown)}")
+    for names in expected, [name for name in every if name not in expected]:
+        for bound in range(1, deviations + 1):
+            for name in names:
+                yield name, bound
+
+
+def explore(binaries, number, name, bound, options):
+    """What the exploration says is wrong, after how many deviations, of how many operations; None if all holds."""
+    out = pathlib.Path(options.schedules) / f"{number}-{name}.jsonl"
+    code, told = run([binaries / "kiln-sim", "--explore", f"sim/small/{name}.jsonl", "--from-ready", "--deviations",
+                      str(bound), "--budget", str(options.budget), "--out", out], number, 3 * options.budget)
+    if code == 0:
+        return None
+    if code == 2:
+        sys.exit(f"{name} cannot be explored")
+    wrong = re.search(r"FAILED .*\n(.*)", told)
+    size = re.search(r"(\d+) deviations; (\d+) operations(.*)", told)
+    where = [size.group(1), size.group(2) + (", not alone" if "not fail alone" in size.group(3) else "")] if size else ["", ""]
+    return [brief(wrong.group(1)) if wrong else ended(code), *where]
+
+
+def judge_by_exploration(binaries, number, mutation, options):
+    """Four cells: scenario, deviations, operations, and what is wrong."""
+    end = time.monotonic() + options.timeout
+    for name, bound in explorations(mutation, options.explore):
+        if time.monotonic() > end:
+            return f"not in {options.timeout} s", "", "", ""
+        if found := explore(binaries, number, name, bound, options):
+            return name, found[1], found[2], found[0]
+    return f"not with {options.explore}", "", "", ""
+
+
+def print_row(*cells):
+    print(f"| {' | '.join(str(cell) for cell in cells)} |", flush=True)
+
+
+def judge_all(binaries, mutations, options):
+    """Prints the table; returns how many faults nothing saw."""
+    seeded, survivors = options.seeds != 0, 0
+    heads = ["", "Planted"] + ["Simulation, at seed", "Tests", "Minimized"] * seeded
+    heads += ["Small scenario", "Deviations", "Operations", "What is wrong"] * bool(options.explore)
+    print_row(*heads)
+    print_row(*["---"] * len(heads))
+    for number, mutation in enumerate(mutations, 1):
+        if options.only and number not in options.only:
+            continue
+        cells, seen = [number, mutation["name"]], False
+        if seeded:
+            seed, what = judge(binaries, number, options)
+            test = judge_by_tests(binaries, number, options) if options.tests else ""
+            replayed = judge_minimized(binaries, number, seed, options) if options.minimize and seed.isdigit() else ""
+            cells += [f"{seed}: {what}" if seed else f"not in {options.seeds}",
+                      test or ("none" if options.tests else "not run"), replayed]
+            seen = bool(seed or test)
+        if options.explore:
+            cells += judge_by_exploration(binaries, number, mutation, options)
+            seen = seen or bool(cells[-1])
+        survivors += not seen
+        print_row(*cells)
+    return survivors
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--scratch", default="/tmp/kiln-mutants")
-    parser.add_argument("--seeds", type=int, default=300)
+    parser.add_argument("--seeds", type=int, help="of the simulation; 300 by default, none with --explore")
     parser.add_argument("--steps", type=int, default=500)
     parser.add_argument("--timeout", type=int, default=300, help="seconds for one fault")
     parser.add_argument("--jobs", type=int, default=1)
@@ -117,10 +194,17 @@ def main():
     parser.add_argument("--only", type=int, nargs="*", help="numbers of faults")
     parser.add_argument("--tests", action="store_true", help="also run kiln-tests")
     parser.add_argument("--minimize", action="store_true", help="also run what kiln-sim makes of the seed in kiln-agent")
+    parser.add_argument("--explore", type=int, default=0, metavar="D",
+                        help="also explore the small scenarios, with 1, 2, ... D deviations")
+    parser.add_argument("--budget", type=int, default=20, help="seconds for the exploration of one scenario")
+    parser.add_argument("--schedules", help="folder for the shortest schedules; by default in the scratch copy")
     parser.add_argument("--check", action="store_true", help="only see that every fault still has its place")
     options = parser.parse_args()
     root = pathlib.Path(__file__).resolve().parent.parent
     scratch = pathlib.Path(options.scratch).resolve()
+    options.schedules = options.schedules or scratch / "schedules"
+    if options.seeds is None:
+        options.seeds = 0 if options.explore else 300
     mutations = json.loads((root / "sim/mutations.json").read_text())
     texts = {}
     for number, mutation in enumerate(mutations, 1):
@@ -136,19 +220,8 @@ def main():
     subprocess.run(["cmake", "--build", "--preset", options.preset, "--target", *targets], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)
     binaries = scratch / f"build/{options.preset}/bin"
-    survivors = 0
-    print("| | Planted | Simulation, at seed | Tests | Minimized |\n|---|---|---|---|---|", flush=True)
-    for number, mutation in enumerate(mutations, 1):
-        if options.only and number not in options.only:
-            continue
-        seeds, what = judge(binaries, number, options)
-        test = judge_by_tests(binaries, number, options) if options.tests else ""
-        survivors += not seeds and not test
-        seen = f"{seeds}: {what}" if seeds else f"not in {options.seeds}"
-        replayed = judge_minimized(binaries, number, seeds, options) if options.minimize and seeds.isdigit() else ""
-        test = test or ("none" if options.tests else "not run")
-        print(f"| {number} | {mutation['name']} | {seen} | {test} | {replayed} |", flush=True)
-    sys.exit(1 if survivors else 0)
+    pathlib.Path(options.schedules).mkdir(parents=True, exist_ok=True)
+    sys.exit(1 if judge_all(binaries, mutations, options) else 0)
 
 
 main()
