@@ -138,8 +138,10 @@ def explore(binaries, number, name, bound, options):
         sys.exit(f"{name} cannot be explored")
     wrong = re.search(r"FAILED .*\n(.*)", told)
     size = re.search(r"(\d+) deviations; (\d+) operations(.*)", told)
-    where = [size.group(1), size.group(2) + (", not alone" if "not fail alone" in size.group(3) else "")] if size else ["", ""]
-    return [brief(wrong.group(1)) if wrong else ended(code), *where]
+    what = brief(wrong.group(1)) if wrong else ended(code)
+    if size is None:
+        return what, "", ""
+    return what, size.group(1), size.group(2) + (", not alone" if "not fail alone" in size.group(3) else "")
 
 
 def judge_by_exploration(binaries, number, mutation, options):
