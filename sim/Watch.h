@@ -119,6 +119,8 @@ class Watch final : private KilnAgent::StoreObserver,
   /// A key that only moves is written where it goes before it is removed where it was.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
+  /// The window has more than one entry that was requested there.
+  [[nodiscard]] bool changedEntry(const RequestPlace& place) const;
   void beginWindow(const Wanted& wanted, const Outcome& expected);
   /// A status of this version or result is to stand; none where neither is given.
   void expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
