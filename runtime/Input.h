@@ -442,6 +442,9 @@ class NestedInput final
    private:
     [[nodiscard]] std::string_view scanKind() const override { return "child"; }
     [[nodiscard]] bool isChild() const override { return true; }
+    [[nodiscard]] std::string taskInstance() const override {
+      return fmt::format("{}[ {} ]{}", this->stage_.name(), outerKey_, retiring_ ? " retiring" : "");
+    }
     [[nodiscard]] bool parentScanComplete() const override { return parent_.inputScanComplete(); }
     [[nodiscard]] StateDigest::Value identity() const override {
       return StateDigest::valueOf(this->pipeline(), outerKey_, retiring_);

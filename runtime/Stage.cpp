@@ -31,6 +31,10 @@ void InputBase::restartScan() {
   doInputScan();
 }
 
+std::string InputBase::taskInstance() const {
+  return stage_.name();
+}
+
 void InputBase::createScanTask() {
   task_ = std::make_unique<Task>(
       stage_.control().scheduler, stage_.control().priority,
@@ -42,7 +46,7 @@ void InputBase::createScanTask() {
         input.doInputScan();
         stage.reapInputs();
       },
-      this, 0, stage_.name());
+      this, 0, taskInstance());
 }
 
 void InputBase::stop() {

@@ -206,6 +206,8 @@ class InputBase {
   /// Whether the scan of the enclosing collection is complete as well; only an inner input has one.
   [[nodiscard]] virtual bool parentScanComplete() const { return false; }
   [[nodiscard]] virtual bool isChild() const { return false; }
+  /// Tells the scan task from those of other inputs with the same name.
+  [[nodiscard]] virtual std::string taskInstance() const;
   /// Whether the scan may pause. One whose changes are handled at once may not: who makes a change counts on
   /// it.
   [[nodiscard]] virtual bool mayPause() const { return true; }

@@ -61,6 +61,11 @@ std::uint64_t writesOf(const SoftChip& chip) {
   return writes;
 }
 
+/// The stage's name: an instance may go on with the key of an inner input.
+std::string_view stageOf(const KilnPlatform::Task& task) {
+  return task.instance().substr(0, task.instance().find('['));
+}
+
 std::string answerTaskOf(const SoftTable& table) {
   return "SoftChip-" + std::string(table.stem());
 }
@@ -110,7 +115,7 @@ void ScheduleRun::settleByDefault() {
 // --- What may be done --------------------------------------------------------------------------------------
 
 std::size_t ScheduleRun::rankOf(const Task& task) const {
-  return static_cast<std::size_t>(std::find(stageOrder_.begin(), stageOrder_.end(), task.instance()) -
+  return static_cast<std::size_t>(std::find(stageOrder_.begin(), stageOrder_.end(), stageOf(task)) -
                                   stageOrder_.begin());
 }
 
@@ -229,7 +234,7 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
                                   [&](const Ready& ready) { return ready.number == choice.which; });
   KILN_ASSERT(found != ready_.end() && "the task is ready");
   Task& task = *found->task;
-  lastStage_ = task.instance().empty() ? task.name() : task.instance();
+  lastStage_ = task.instance().empty() ? task.name() : stageOf(task);
   SliceOperation operation{std::string(task.name()), std::string(task.instance()), choice.items, {}};
   if (choice.refused != Choice::kNoRefusal) {
     operation.refused = choice.refused;
