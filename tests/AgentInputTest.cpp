@@ -112,11 +112,9 @@ TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.settle();
   const KilnTest::EndlessLoad load(agent.store().taskScheduler(), 10, [](std::uint32_t /*slice*/) {});
-  scenario.runLine(R"({"op":"publish","feature":"subinterface","database":"isem","requestVersion":1,)"
-                   R"("key":{"isem1TagEntryKey":{"intfId":1,"systemTcamId":0,"vlanId":100}},)"
-                   R"("entry":{"isem1TagEntry":{"lif":1,"vsi":3,"profile":1}}})");
+  scenario.runLine(untaggedLine("publish", "subinterface", 1));
   agent.scheduler().run(100 * std::size_t{KilnAgent::kAgentPatience});
-  EXPECT_EQ(agent.chip().table(KilnEmServer::EmResolvedKeyUnionTag::isem1TagEntryKey).fill(), 1U);
+  EXPECT_EQ(agent.chip().table(KilnEmServer::EmResolvedKeyUnionTag::isemUntaggedEntryKey).fill(), 1U);
   const auto& statuses =
       agent.store().statuses<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::subinterface)->status();
   ASSERT_EQ(statuses.size(), 1U);

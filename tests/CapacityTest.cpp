@@ -33,8 +33,7 @@ class ManualClock final : public Clock {
   std::chrono::nanoseconds time{1};
 };
 
-/// A writer that holds as many entries as the test says, or one more for each write; and counts how often it
-/// is asked. The test answers the latest write.
+/// A writer that holds as many entries as the test says, and counts how often it is asked.
 class CountingWriter final : public EmSwTableWriterSm {
  public:
   CountingWriter(ResolvedTag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
@@ -44,12 +43,9 @@ class CountingWriter final : public EmSwTableWriterSm {
     ++asked;
     return entries;
   }
-  void writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/, ResponseHandler handler) override {
-    ++entries;
-    answer = std::move(handler);
-  }
+  void writeTableEntry(const EmHwKey& /*hwKey*/, const EmEntry& /*entry*/,
+                       ResponseHandler /*handler*/) override {}
   void deleteTableEntry(const EmHwKey& /*hwKey*/, ResponseHandler /*handler*/) override {}
-  ResponseHandler answer;
   std::uint32_t entries = 0;
   mutable std::size_t asked = 0;
 };
@@ -80,9 +76,9 @@ class Capacity : public testing::Test {
     profileIds->profileIdIs(FapId(id), 1);
     hardware->fap().is(FapId(id), {fmt::format("Fap{}", id), type, all});
   }
-  void start(int priority = -1) {
+  void start() {
     sm = semCapacitySmFactory(table, clock, "SemCapacity", hardware, profiles, profileIds, users, status,
-                              {bench.scheduler, priority});
+                              {bench.scheduler, -1});
     for (const auto& [tag, writer] : writers) sm->swTableWriterIs(writer);
     sm->handleInitialized();
     bench.settle();
@@ -206,26 +202,6 @@ TEST_F(Capacity, ChangesThatNeverEndDoNotHoldAnUpdateUp) {
   bench.scheduler->run(std::size_t{CapacityHelper::kPatience} * 5);
   EXPECT_GE(sm->counters().updates - before, 4U);
   EXPECT_LE(sm->counters().updates - before, 5U) << "the rate is not bounded";
-}
-
-TEST_F(Capacity, EachOperationAndEachAnswerIsFollowedByAnUpdate) {
-  addFap(4, 4);
-  start(bench.control().priority);
-  writers.at(ResolvedTag::isemMplsEntryKey)->initialize();
-  bench.settle();
-  CountingWriter& writer = *writers.at(ResolvedTag::isemMplsEntryKey);
-  config->configIs(mplsHwKey(1), {});
-  bench.settle();
-  EXPECT_EQ(1U, writer.entries);
-  EXPECT_EQ("2 998 1000", row("ISEM1", "", "Fap4/0"));
-  config->configIs(mplsHwKey(1), {mplsKey(FeatureType::mpls, 1), mplsEntry(1)});
-  bench.settle();
-  config->configDel(mplsHwKey(1));  // the answer changes no status then, but may change the table
-  writer.entries = 7;
-  writer.answer(std::make_shared<Asic::OrderedSwTable::EntryHandle>(Asic::SwTableBase::success()));
-  bench.settle();
-  EXPECT_TRUE(status->status().empty());
-  EXPECT_EQ("14 986 1000", row("ISEM1", "", "Fap4/0"));
 }
 
 using CapacityDeathTest = Capacity;
@@ -357,15 +333,11 @@ KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
   return chip;
 }
 
-constexpr const char* kInnerEth =
-    R"({"op":"publish","feature":"vpws","database":"isem","key":{"isemInnerEthEntryKey":{"vsi":1,"profile":0}},)"
-    R"("entry":{"isemInnerEthEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
-const std::string kInnerEthAgain =
-    R"({"op":"withdraw","feature":"vpws","database":"isem","key":{"isemInnerEthEntryKey":{"vsi":1,"profile":0}}})"
-    "\n"
-    R"({"op":"settle"})"
-    "\n" +
-    std::string(kInnerEth);
+std::string innerEthLine(const char* op) {
+  return KilnTests::isemLine(op, "vpws", "isemInnerEth", R"("vsi":1,"profile":0)", R"("lif":1,"vsi":1)");
+}
+const std::string kInnerEth = innerEthLine("publish");
+const std::string kInnerEthAgain = innerEthLine("withdraw") + "\n{\"op\":\"settle\"}\n" + kInnerEth;
 
 /// An agent with FAPs of all types, and what runs scenarios on it.
 struct Server {

@@ -268,6 +268,16 @@ TEST_F(ComposerTest, AcknowledgesOnlyWhenEveryOutcomeOfTheDomainInForceIsKnown) 
   c.outcome(a);
   c.bench.settle();
   EXPECT_FALSE(c.inUse(kPort));
+  // The outcome moves to another hardware key: the composed one has none any more.
+  c.sideOf(a).status->resolvedKeyStatusIs({a, c.composed(b).value(), HwState::hwSuccess});
+  c.outcome(b);
+  c.bench.settle();
+  EXPECT_EQ(c.state(a), KeyState::hwPending);
+  EXPECT_FALSE(c.inUse(kPort));
+  c.outcomeDel(b);
+  c.outcome(a);
+  c.bench.settle();
+  EXPECT_FALSE(c.inUse(kPort));
   // The last one whose outcome is missing is withdrawn.
   c.withdraw(b);
   c.bench.settle();
@@ -335,41 +345,6 @@ TEST_F(ComposerTest, AWithdrawnKeyTakesNoOutcomeThatIsHandledFirst) {
   EXPECT_EQ(c.state(key), std::nullopt);
 }
 
-TEST_F(ComposerTest, ARequestThatTakesAnothersPlaceKeepsTheDomain) {
-  Composing c(service);
-  c.start();
-  c.request(oneTag(kPort, 1));
-  c.allot(kPort, 10);
-  c.bench.settle();
-  const Recorder asked(service.config->config());
-  c.withdraw(oneTag(kPort, 1));
-  c.request(oneTag(kPort, 2));
-  c.bench.settle();
-  EXPECT_TRUE(asked.changes.empty());
-  EXPECT_TRUE(c.asked(kPort));
-}
-
-// The outcome moves to another hardware key: the composed one has none any more.
-TEST_F(ComposerTest, AnOutcomeOfAnotherHardwareKeyIsNoneOfTheComposedOne) {
-  Composing c(service);
-  c.start();
-  const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2);
-  for (const auto& key : {a, b}) c.request(key);
-  c.allot(kPort, 10);
-  c.bench.settle();
-  c.outcome(a);
-  c.bench.settle();
-  c.sideOf(a).status->resolvedKeyStatusIs({a, c.composed(b).value(), HwState::hwSuccess});
-  c.bench.settle();
-  EXPECT_EQ(c.state(a), KeyState::hwPending);
-  c.outcome(b);
-  c.bench.settle();
-  EXPECT_FALSE(c.inUse(kPort));
-  c.outcome(a);
-  c.bench.settle();
-  EXPECT_TRUE(c.inUse(kPort));
-}
-
 TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHeldTheNewValue) {
   Composing c(service);
   c.start();
@@ -425,19 +400,6 @@ TEST_F(ComposerTest, GivesBackInSlicesWhatAnEarlierComposerAskedFor) {
   EXPECT_LE(mostPerSlice(*c.bench.scheduler, [&] { return service.config->config().size(); }), 1u);
   EXPECT_EQ(service.config->config().size(), 5u);
   EXPECT_TRUE(c.bench.completed("sweep"));
-}
-
-TEST_F(ComposerTest, TearingDownWithdrawsRequestsAndKeys) {
-  Composing c(service);
-  c.start();
-  c.request(oneTag(kPort, 1));
-  c.allot(kPort, 10);
-  c.bench.settle();
-  ComposerSide& side = c.sides.at(k1Tag);
-  side.composer->doDeleteAll();
-  EXPECT_TRUE(side.keys->emLogicalKeyToResolvedKey().empty());
-  EXPECT_FALSE(c.asked(kPort));
-  EXPECT_FALSE(c.bench.completed(side.composer->name()));
 }
 
 // --- Broken invariants -------------------------------------------------------------------------------------

@@ -70,22 +70,6 @@ TEST(Conflict, AloneTheStageGivesKeysWithoutHardwareEntryADefaultStatus) {
   EXPECT_TRUE(set.status->status().empty());
 }
 
-TEST(Conflict, AKeyThatComposesAtOnceIsNeverPending) {
-  ConflictSetUp set(1);
-  set.start(true);
-  set.bench.settle();
-  const Recorder recorder(set.status->status());
-  for (std::uint32_t label = 1; label <= 5; ++label) {
-    set.requests->emLogicalKeyToEntryIs(mplsKey(Feature::mpls, label), mplsEntry(1));
-  }
-  set.bench.scheduler->run(5);  // the requests are seen, but not yet that they compose
-  for (std::uint32_t label = 1; label <= 4; ++label)
-    set.place(mplsKey(Feature::mpls, label), mplsHwKey(label));
-  set.bench.settle();
-  ASSERT_EQ(recorder.changes.size(), 1u);
-  EXPECT_EQ(recorder.changes[0].key, mplsKey(Feature::mpls, 5));
-}
-
 TEST(Conflict, ChurnCannotStarveAPendingStatus) {
   ConflictSetUp set(1);
   set.start(true);

@@ -65,14 +65,7 @@ class DurableState : public testing::Test {
     return text;
   }
   static std::string untagged(int intfId, const char* op = "publish", int version = 1) {
-    const std::string key =
-        fmt::format(R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemUntaggedEntryKey":)"
-                    R"({{"intfId":{},"systemTcamId":0}}}})",
-                    op, intfId);
-    if (std::string_view(op) == "withdraw") return key + "}";
-    return key + fmt::format(R"(,"requestVersion":{},"entry":{{"isemUntaggedEntry":)"
-                             R"({{"lif":{},"vsi":1,"profile":0}}}}}})",
-                             version, intfId);
+    return untaggedLine(op, "mpls", intfId, intfId, version);
   }
 
   TempDirectory directory;

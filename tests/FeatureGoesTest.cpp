@@ -33,15 +33,6 @@ class FeatureGoesTest : public testing::Test {
     for (const auto& [name, size] : agent.server().leftovers()) sum += size;
     return sum;
   }
-  /// Takes the feature away and goes on until its statuses are half withdrawn.
-  auto half() {
-    const auto left = statuses();
-    agent.store().removeFeature(kFeature);
-    while (left->status().size() > kRequests / 2 && agent.scheduler().runOne()) {
-    }
-    EXPECT_EQ(left->status().size(), kRequests / 2);
-    return left;
-  }
 
   KilnAgent::EmbeddedAgent agent{yieldsAfterEachItem()};
 
@@ -89,14 +80,6 @@ TEST_F(FeatureGoesTest, StartUpWaitsUntilItsStatusesAreWithdrawn) {
   }
   agent.settle();
   EXPECT_TRUE(complete() && started("finalizeStartupStage"));
-}
-
-TEST_F(FeatureGoesTest, TheEndOfTheServerLeavesTheRestAsItStands) {
-  const auto left = half();
-  agent.restart();
-  agent.settle();
-  EXPECT_EQ(left->status().size(), kRequests / 2);
-  EXPECT_EQ(leftovers(), 0u);
 }
 
 }  // namespace

@@ -4,24 +4,38 @@
 #include <fmt/format.h>
 
 #include <string>
+#include <string_view>
 
 #include "agent/InputError.h"
 
 namespace KilnTests {
 
-/// An operation that publishes an MPLS request for this label.
-inline std::string publishLine(int label, int version = 1) {
-  return fmt::format(R"({{"op":"publish","feature":"mpls","database":"isem","requestVersion":{},)"
-                     R"("key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
-                     R"("entry":{{"isemMplsEntry":{{"lif":7,"vsi":3}}}}}})",
-                     version, label);
+/// A line that publishes or withdraws a request of an isem table. `key` and `entry` are the fields, in JSON.
+inline std::string isemLine(std::string_view op, std::string_view feature, std::string_view table,
+                            std::string_view key, std::string_view entry, int version = 1) {
+  const auto request =
+      fmt::format(R"({{"op":"{}","feature":"{}","database":"isem","key":{{"{}EntryKey":{{{}}}}})", op,
+                  feature, table, key);
+  if (op == "withdraw") return request + "}";
+  return fmt::format(R"({},"entry":{{"{}Entry":{{{}}}}},"requestVersion":{}}})", request, table, entry,
+                     version);
 }
-
-/// The operation that withdraws it.
+inline std::string mplsLine(std::string_view op, std::string_view feature, int label, int lif = 7,
+                            int version = 1, int labelSpace = 0) {
+  return isemLine(op, feature, "isemMpls", fmt::format(R"("label":{},"labelSpace":{})", label, labelSpace),
+                  fmt::format(R"("lif":{},"vsi":3)", lif), version);
+}
+inline std::string untaggedLine(std::string_view op, std::string_view feature, int intfId, int lif = 1,
+                                int version = 1, int systemTcamId = 0) {
+  return isemLine(op, feature, "isemUntagged",
+                  fmt::format(R"("intfId":{},"systemTcamId":{})", intfId, systemTcamId),
+                  fmt::format(R"("lif":{},"vsi":1,"profile":0)", lif), version);
+}
+inline std::string publishLine(int label, int version = 1) {
+  return mplsLine("publish", "mpls", label, 7, version);
+}
 inline std::string withdrawLine(int label) {
-  return fmt::format(
-      R"({{"op":"withdraw","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}}}})",
-      label);
+  return mplsLine("withdraw", "mpls", label);
 }
 
 /// What `call` says of its input.

@@ -12,43 +12,40 @@
 namespace KilnTest {
 namespace {
 
-class Subscribers {
- public:
-  void add(Asic::ChangeSubscriber& subscriber) { all.push_back(&subscriber); }
-  void del(Asic::ChangeSubscriber& subscriber) { std::erase(all, &subscriber); }
-  void tell() const {
-    const auto told = all;
-    for (Asic::ChangeSubscriber* subscriber : told) subscriber->handleChange();
+/// A base that notifies its subscribers.
+template <class Base>
+struct Notifier : Base {
+  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.push_back(&subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override {
+    std::erase(subscribers, &subscriber);
   }
-  std::vector<Asic::ChangeSubscriber*> all;
+  void notify() const {
+    const auto notified = subscribers;
+    for (Asic::ChangeSubscriber* subscriber : notified) subscriber->handleChange();
+  }
+  mutable std::vector<Asic::ChangeSubscriber*> subscribers;
 };
 
-struct FakeStatus final : Asic::OrderedTableStatus {
+struct FakeStatus final : Notifier<Asic::OrderedTableStatus> {
   explicit FakeStatus(bool isPending) : pending(isPending) {}
   [[nodiscard]] bool pendingHwWrites() const override { return pending; }
-  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.add(subscriber); }
-  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.del(subscriber); }
   void pendingIs(bool isPending) {
     pending = isPending;
-    subscribers.tell();
+    notify();
   }
   bool pending;
-  mutable Subscribers subscribers;
 };
 
-struct FakeOrderedTables final : Asic::OrderedTableInterface {
+struct FakeOrderedTables final : Notifier<Asic::OrderedTableInterface> {
   void reconcileComplete() override { calls += "reconcile "; }
   void commitHwWrites() override { calls += "commit "; }
   [[nodiscard]] Ref<const Asic::OrderedTableStatus> status() const override { return exposed; }
-  void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.add(subscriber); }
-  void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers.del(subscriber); }
   void expose(Ref<FakeStatus> next) {
     exposed = std::move(next);
-    subscribers.tell();
+    notify();
   }
   std::string calls;
   Ref<FakeStatus> exposed;
-  mutable Subscribers subscribers;
 };
 
 class ReconcileComplete : public testing::Test {
@@ -92,12 +89,12 @@ TEST_F(ReconcileComplete, FollowsTheStatusThatIsExposed) {
   tables->expose(second);
   first->pendingIs(false);
   EXPECT_FALSE(completed());
-  EXPECT_TRUE(first->subscribers.all.empty());
+  EXPECT_TRUE(first->subscribers.empty());
   const auto third = std::make_shared<FakeStatus>(false);
   tables->expose(third);  // looked at without a change of its flag
   EXPECT_TRUE(completed());
   sm.reset();
-  EXPECT_TRUE(third->subscribers.all.empty() && tables->subscribers.all.empty());
+  EXPECT_TRUE(third->subscribers.empty() && tables->subscribers.empty());
 }
 
 }  // namespace

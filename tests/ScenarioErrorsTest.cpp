@@ -12,15 +12,14 @@
 #include "agent/Scenario.h"
 #include "sim/Recompute.h"
 #include "tests/CommandLine.h"
+#include "tests/Lines.h"
 
 namespace KilnTests {
 namespace {
 
 using namespace KilnSim;
 
-const std::string kGood =
-    R"({"op":"publish","feature":"mpls","database":"isem","requestVersion":1,)"
-    R"("key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}},"entry":{"isemMplsEntry":{"lif":7,"vsi":3}}})";
+const std::string kGood = publishLine(1);
 
 /// A publish of which some part is given.
 std::string publish(const std::string& key, const std::string& rest = "", const char* database = "isem",
@@ -139,35 +138,7 @@ const Mistake kMistakes[] = {
 
 INSTANTIATE_TEST_SUITE_P(All, MalformedLine, testing::ValuesIn(kMistakes), mistakeName);
 
-class RefusedRequest : public testing::TestWithParam<Mistake> {};
-
-TEST_P(RefusedRequest, IsToldInWordsAndTheRunGoesOn) {
-  KilnAgent::EmbeddedAgent agent({});
-  std::string told;
-  KilnAgent::Scenario scenario(agent, false, 1, [&](const std::string& text) { told += text; });
-  std::istringstream lines("\n" + GetParam().line + "\n" + kGood + "\n");
-  scenario.run(lines, "some.jsonl");
-  EXPECT_EQ(1U, scenario.counters().refusals);
-  EXPECT_TRUE(told.starts_with("some.jsonl:2: ")) << told;
-  EXPECT_NE(told.find("refused: "), std::string::npos) << told;
-  EXPECT_NE(told.find(GetParam().told), std::string::npos) << told;
-  agent.settle();
-  const Outcome outcome = outcomeOf(agent);
-  EXPECT_EQ(1U, wantedOf(agent).requests.size());
-  EXPECT_EQ(1U, outcome.tables.size());
-  EXPECT_EQ("", difference(recompute(wantedOf(agent)), outcome));
-}
-
 const std::string kOneTagEntry = R"({"isem1TagEntry":{"lif":1,"vsi":1,"profile":0}})";
-
-const Mistake kRefusals[] = {
-    {"vlan", publish(oneTagKey("5000"), "", "isem", kOneTagEntry), "vlanId is 5000"},
-    {"allChipsOneCore", publish(R"({"localCoreId":1,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
-     "both must be \"all\" or both specific"},
-    {"kind", publish(mplsKey(R"("label":2,"labelSpace":0)"), R"(,"requestKind":7)"), "request kind 7"},
-};
-
-INSTANTIATE_TEST_SUITE_P(All, RefusedRequest, testing::ValuesIn(kRefusals), mistakeName);
 
 TEST_F(CommandLine, TheExitStatusSaysWhetherEveryExpectationHeld) {
   const auto expects = [](const char* status) {

@@ -14,9 +14,13 @@
 #include "sim/Plan.h"
 #include "sim/Recompute.h"
 #include "sim/Watch.h"
+#include "tests/Lines.h"
 
 namespace KilnSim {
 namespace {
+
+using KilnTests::publishLine;
+using KilnTests::withdrawLine;
 
 TEST(Simulation, AWrittenPlanDoesTheSame) {
   for (const std::string_view profile : kProfiles) {
@@ -63,11 +67,8 @@ std::uint64_t failedExpects(const std::vector<std::string>& lines) {
 }
 
 TEST(Simulation, AWrittenPlanFailsWhereSomethingWasTouchedSinceTheLastQuietMoment) {
-  const std::string key =
-      R"("feature":"mpls","database":"isem","key":{"isemMplsEntryKey":{"label":1,"labelSpace":0}})";
-  const std::string publish =
-      R"({"op":"publish",)" + key + R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
-  const std::string withdraw = R"({"op":"withdraw",)" + key + "}";
+  const std::string publish = publishLine(1);
+  const std::string withdraw = withdrawLine(1);
   const std::string run = R"({"op":"run","tasks":500})";
   const std::string settle = R"({"op":"settle"})";
   const std::string answer = R"({"op":"answer","table":"isemMpls","order":"fifo","count":1})";
@@ -80,17 +81,11 @@ TEST(Simulation, AWrittenPlanFailsWhereSomethingWasTouchedSinceTheLastQuietMomen
 TEST(Simulation, TheChangesSinceTheLastCommitAreLostInACrash) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
-  const auto mpls = [](int label, const char* op) {
-    return fmt::format(
-        R"({{"op":"{}","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}})",
-        op, label);
-  };
-  const std::string entry = R"(,"entry":{"isemMplsEntry":{"lif":1,"vsi":1}},"requestVersion":1})";
-  scenario.runLine(mpls(1, "publish") + entry);
+  scenario.runLine(publishLine(1));
   scenario.settle();
   scenario.runLine(R"({"op":"commit"})");
-  scenario.runLine(mpls(1, "withdraw") + "}");
-  scenario.runLine(mpls(2, "publish") + entry);
+  scenario.runLine(withdrawLine(1));
+  scenario.runLine(publishLine(2));
   scenario.runLine(R"({"op":"removeFeature","feature":"srv6"})");
   scenario.settle();
   scenario.runLine(R"({"op":"crash","lost":true})");

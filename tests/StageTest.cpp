@@ -154,28 +154,6 @@ TEST_P(Reconciliation, DeletesOnlyWhatIsStale) {
   EXPECT_FALSE(set.sink->resultHas(1));
 }
 
-TEST(Stage, DeletionsHeldBackAreAppliedAtTheEnd) {
-  CopySetUp set(1);
-  set.source->itemIs(1, 1);
-  set.source->itemIs(2, 2);
-  set.source->itemIs(3, 3);
-  for (int key = 1; key < 30; ++key) set.sink->resultIs(key, key);
-  const Recorder recorder(set.sink->result());
-  const auto stage = set.start();
-  while (!stage->initialScanDone()) set.bench.scheduler->run(1);
-  for (int key = 1; key <= 3; ++key) set.source->itemDel(key);
-  set.bench.scheduler->run(8);
-  ASSERT_TRUE(stage->output().reconciling());
-  ASSERT_EQ(stage->pendingCount(), 0u);
-  for (int key = 1; key <= 3; ++key) EXPECT_TRUE(set.sink->resultHas(key)) << key;
-  set.source->itemIs(2, 2);      // comes back
-  set.source->itemIs(3, kKeep);  // is to stay as it is
-  set.bench.settle();
-  EXPECT_EQ(contentOf(set.sink->result()), (std::map<int, int>{{2, 2}, {3, 3}}));
-  EXPECT_TRUE(recorder.of(2).empty());
-  EXPECT_TRUE(recorder.of(3).empty());
-}
-
 TEST(Stage, KeysThatAreToStayAsTheyAreSurviveTheDeletionScanAndAreAwaited) {
   CopySetUp set;
   for (int key = 1; key <= 4; ++key) set.source->itemIs(key, kKeep);

@@ -149,17 +149,10 @@ class Agent {
 };
 
 std::string publish(int label, int lif = 1) {
-  return fmt::format(
-      R"({{"op":"publish","feature":"mpls","database":"isem","key":{{"isemMplsEntryKey":{{"label":{},"labelSpace":0}}}},)"
-      R"("entry":{{"isemMplsEntry":{{"lif":{},"vsi":1}}}},"requestVersion":{},"requestKind":"add"}})",
-      label, lif, lif);
+  return KilnTests::mplsLine("publish", "mpls", label, lif, lif);
 }
 std::string publishUntagged(int interface) {
-  return fmt::format(
-      R"({{"op":"publish","feature":"bridging","database":"isem","key":{{"isemUntaggedEntryKey":{{"intfId":{},)"
-      R"("systemTcamId":0}}}},"entry":{{"isemUntaggedEntry":{{"lif":1,"vsi":1,"profile":0}}}},"requestVersion":1,)"
-      R"("requestKind":"add"}})",
-      interface);
+  return KilnTests::untaggedLine("publish", "bridging", interface);
 }
 std::string table(const char* what) {
   return fmt::format(R"({{"op":"table","table":"isemMpls",{}}})", what);

@@ -3,7 +3,6 @@
 
 #include "TestSupport.h"
 #include "program/EmSwTableStatusSm.h"
-#include "status/EmStatusSm.h"
 #include "status/IsemSrvStatusSm.h"
 #include "status/ResourceTableSm.h"
 
@@ -43,37 +42,6 @@ TEST(SwTableStatus, TheLatestAnswerIsPublishedInWhateverOrderChangesAreHandled) 
   answered(kH1, HwState::hwSuccess, 6);  // as it was
   bench.settle();
   EXPECT_EQ(output->status(kA), tableStatus(kA, kH1));
-}
-
-// --- Per-key status ----------------------------------------------------------------------------------------
-
-TEST(KeyStatus, TheTablesStatusTakesPrecedence) {
-  const Bench bench(1);
-  const auto table = std::make_shared<EmLogicalKeyToStatus>();
-  const auto conflict = std::make_shared<EmConflictStatus>();
-  const auto out = std::make_shared<EmLogicalKeyToStatus>();
-  const auto stage = bench.create(
-      [&] { return emStatusSmFactory(table, conflict, out, "emStatus", bench.status, bench.control()); });
-  bench.settle();
-  const TraceCapture traces(0);
-  const EmRequestStatus refused{kA, mplsEntry(1), kH1, EmStatus::hwKeyConflict};
-  const auto expectOut = [&](const std::optional<EmRequestStatus>& expected, std::size_t unexpected) {
-    bench.settle();
-    EXPECT_EQ(out->status(kA), expected);
-    EXPECT_EQ(traces.count(0, "Unexpected table status"), unexpected);
-  };
-  conflict->statusIs(refused);
-  expectOut(refused, 0);
-  table->statusIs(tableStatus(kA, kH1));
-  expectOut(tableStatus(kA, kH1), 1);
-  conflict->statusIs({kA, mplsEntry(2), kH1, EmStatus::hwKeyConflict});
-  expectOut(tableStatus(kA, kH1), 1);  // not looked at from that side
-  table->statusDel(kA);
-  expectOut(EmRequestStatus{kA, mplsEntry(2), kH1, EmStatus::hwKeyConflict}, 1);
-  conflict->statusDel(kA);
-  expectOut(std::nullopt, 1);
-  table->statusIs(tableStatus(kA, kH2));
-  expectOut(tableStatus(kA, kH2), 1);
 }
 
 // --- Per-database status -----------------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include "agent/EmbeddedAgent.h"
 #include "agent/Report.h"
 #include "agent/Scenario.h"
+#include "tests/Lines.h"
 
 namespace KilnTests {
 namespace {
@@ -92,11 +93,7 @@ TEST(VlanDomainReport, CountsRequestsWithoutADomainAndConflictsBetweenInterfaces
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   const auto publish = [&](const char* feature, int intfId) {
-    scenario.runLine(
-        fmt::format(R"({{"op":"publish","feature":"{}","database":"isem",)"
-                    R"("key":{{"isemUntaggedEntryKey":{{"intfId":{},"systemTcamId":0}}}},)"
-                    R"("entry":{{"isemUntaggedEntry":{{"lif":1,"vsi":1,"profile":0}}}},"requestVersion":1}})",
-                    feature, intfId));
+    scenario.runLine(untaggedLine("publish", feature, intfId));
   };
   scenario.runLine(R"({"op":"vlanDomains","mode":"manual"})");
   for (const int intfId : {1, 2, 3, 4}) publish("mpls", intfId);

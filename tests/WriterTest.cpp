@@ -49,26 +49,6 @@ class WriterTest : public testing::Test {
   Ref<IsemMplsSwTableWriter> writer;
 };
 
-TEST_F(WriterTest, OnlyTheLatestWriteSetsTheStatus) {
-  const TraceCapture traces(8);
-  for (const bool oldFirst : {true, false}) {
-    want(kH1, wanted(1));
-    want(kH1, wanted(2));
-    if (oldFirst) {
-      table->answer(0, TableState::refused_);
-      EXPECT_TRUE(status->status().empty());
-      table->answer(0);
-    } else {
-      table->answer(1);
-      table->answer(0, TableState::refused_);
-    }
-    EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wanted(2), HwState::hwSuccess}));
-    drop(kH1);
-    table->answer(0);
-  }
-  EXPECT_EQ(traces.count(8, "another write in-flight"), 2u);
-}
-
 TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
   want(kH1, wanted(1));
   want(mplsHwKey(2), wanted(2));
