@@ -96,8 +96,7 @@ std::size_t ResourceTableSm::ChangedTables::first() const {
 
 void ResourceTableSm::ChangedTables::notePending(PendingDigests& pending) const {
   for (std::size_t number = 0; number < changed_.size(); ++number) {
-    if (changed_[number])
-      pending.push_back({arrivals_[number], StateDigest::valueOf(identity(), number)});
+    if (changed_[number]) pending.push_back({arrivals_[number], StateDigest::valueOf(identity(), number)});
   }
 }
 
