@@ -358,6 +358,8 @@ class Exploration {
       // What was interrupted begins again; what was complete is not done again.
       space_.revertBatch();
       Frontier(space_, options_.reduced).link(header.firstFollowed);
+      found_.complete = header.bound != 0;
+      found_.bound = header.bound == 0 ? 0 : header.bound - 1;
     }
     while (follow() && space_.failures() == 0 && !found_.exhausted) {
       if (!advance()) break;
