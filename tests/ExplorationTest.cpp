@@ -11,6 +11,7 @@
 #include "sim/Explore.h"
 #include "sim/Minimize.h"
 #include "sim/Plan.h"
+#include "tests/Sanitized.h"
 
 namespace KilnSim {
 namespace {
@@ -38,17 +39,18 @@ std::string figures(Explored explored) {
 
 TEST(Exploration, FiguresDependNeitherOnProcessesNorOnInterruptions) {
   const std::string file = small("refused-first-write");
-  const Explored one = explore(file, upTo(2));
+  const unsigned most = KilnTests::kSanitized ? 1 : 2;
+  const Explored one = explore(file, upTo(most));
   EXPECT_EQ(one.failure, "");
-  EXPECT_GT(one.schedules, 100U);
-  ExploreOptions parallel = upTo(2);
+  EXPECT_GT(one.schedules, 20U);
+  ExploreOptions parallel = upTo(most);
   parallel.jobs = 2;
   EXPECT_EQ(figures(explore(file, parallel)), figures(one));
 
-  ExploreOptions resumed = upTo(1);
+  ExploreOptions resumed = upTo(most - 1);
   resumed.frontier = scratch("frontier");
   explore(file, resumed);
-  resumed.deviations = 2;
+  resumed.deviations = most;
   EXPECT_EQ(figures(explore(file, resumed)), figures(one));
   EXPECT_THROW(explore(small("hold-and-add"), resumed), KilnAgent::InputError);
   resumed.frontier = file;  // not one
@@ -65,6 +67,7 @@ ExploreOptions whole(ExploreOptions options) {
 
 /// Small enough to be explored without a bound, also without the reduction.
 TEST(Exploration, WhatIsLeftOutLeadsNowhereElse) {
+  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   const ExploreOptions options = upTo(~0U);
   const Explored reduced = explore(small("same-version-other-entry"), options);
   const Explored all = explore(small("same-version-other-entry"), whole(options));
@@ -77,6 +80,7 @@ TEST(Exploration, WhatIsLeftOutLeadsNowhereElse) {
 }
 
 TEST(Exploration, WhatIsLeftOutLosesNoCrashAndNoRefusal) {
+  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   for (const char* name : {"withdrawn-crash", "refused-winner"}) {
     SCOPED_TRACE(name);
     const Explored reduced = explore(small(name), upTo(2));
@@ -88,6 +92,7 @@ TEST(Exploration, WhatIsLeftOutLosesNoCrashAndNoRefusal) {
 }
 
 TEST(Exploration, MergingLosesNoLandmark) {
+  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   ExploreOptions options = upTo(2);
   const Explored merged = explore(small("hold-and-add"), options);
   options.merged = false;
@@ -97,13 +102,13 @@ TEST(Exploration, MergingLosesNoLandmark) {
 }
 
 TEST(Exploration, StatesThatAreTheSameGoOnAlike) {
-  for (const char* name : {"two-features-one-key", "moved-and-moved-back", "withdrawn-restart"}) {
+  for (const char* name : {"withdrawn-restart", "moved-and-moved-back", "two-features-one-key"}) {
     SCOPED_TRACE(name);
     ExploreOptions options = upTo(1);
-    options.proveEvery = 1;
+    options.proveEvery = KilnTests::kSanitized ? 4 : 1;
     const Explored explored = explore(small(name), options);
     EXPECT_EQ(explored.failure, "");
-    EXPECT_GT(explored.proved, 20U);
+    EXPECT_GT(explored.proved, KilnTests::kSanitized ? 2U : 20U);
   }
 }
 
@@ -116,7 +121,7 @@ TEST(Exploration, AFailureIsAScenarioThatReplays) {
     std::getline(lines, header);
     std::ofstream(file) << "// explore: refusals 1\n" << lines.rdbuf();
   }
-  ExploreOptions options = upTo(2);
+  ExploreOptions options = upTo(1);
   options.out = scratch("schedule.jsonl");
   const Explored explored = explore(file, options);
   EXPECT_NE(explored.failure.find("schedules end with different statuses or tables"), std::string::npos);

@@ -1,0 +1,14 @@
+// Whether the tests run under the address sanitizer, where a fork takes many times as long.
+#pragma once
+
+namespace KilnTests {
+
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+inline constexpr bool kSanitized = __has_feature(address_sanitizer);
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+}  // namespace KilnTests
