@@ -121,7 +121,7 @@ TEST(Exploration, AFailureIsAScenarioThatReplays) {
     std::getline(lines, header);
     std::ofstream(file) << "// explore: refusals 1\n" << lines.rdbuf();
   }
-  ExploreOptions options = upTo(1);
+  ExploreOptions options = upTo(2);
   options.out = scratch("schedule.jsonl");
   const Explored explored = explore(file, options);
   EXPECT_NE(explored.failure.find("schedules end with different statuses or tables"), std::string::npos);

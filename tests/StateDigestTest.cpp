@@ -181,8 +181,11 @@ TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
   const auto walksOf = [](const std::vector<std::string>& lines) {
     return Agent(lines).digest(StateDigest::Walks::noted).value();
   };
-  const StateDigest::Value walks = walksOf(direct);
-  EXPECT_NE(walks, walksOf(roundabout));
+#ifdef KILN_ORDERED_COLLECTIONS
+  EXPECT_EQ(walksOf(direct), walksOf(roundabout));
+#else
+  EXPECT_NE(walksOf(direct), walksOf(roundabout));
+#endif
   const Agent one(direct);
   const Agent other(roundabout);
   EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(one.digest(), other.digest()), ", ")));
