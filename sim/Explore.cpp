@@ -141,7 +141,6 @@ class Walk {
 
   ScheduleRun::Slice step(const Choice& choice) {
     ++position_;
-    ++header_.steps;
     return run_->take(Choice(choice));
   }
 

@@ -26,11 +26,10 @@ struct ExploreOptions {
 struct Explored {
   bool exhausted = false;  ///< every schedule was run; otherwise those up to `bound` deviations
   unsigned bound = 0;
-  bool complete = false;        ///< the budget sufficed for the bound that was asked for
+  bool complete = false;        ///< the budget sufficed for a bound; `bound` is the last one
   std::uint64_t schedules = 0;  ///< that were run, until their end or a state that was seen
   std::uint64_t states = 0;
-  std::uint64_t steps = 0;
-  std::uint64_t branches = 0;  ///< choices other than the default
+  std::uint64_t branches = 0;  ///< choices other than the default that were tried, up to the bound
   std::uint64_t leftOut = 0;   ///< choices that the reduction left out
   /// States in which nothing happens unless an operation is applied, or the server has just been replaced; in
   /// ascending order.

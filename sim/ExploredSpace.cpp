@@ -201,7 +201,6 @@ void ExploredSpace::beginBatch() {
   header_->firstFollowed = schedules();
   header_->statesBefore = states();
   header_->branchesBefore = branches();
-  header_->stepsBefore = header_->steps;
   header_->followedBefore = header_->followed;
   header_->provedBefore = header_->proved;
 }
@@ -210,7 +209,6 @@ void ExploredSpace::revertBatch() {
   *states_.size = header_->statesBefore;
   *branches_.size = header_->branchesBefore;
   *failures_.size = 0;
-  header_->steps = header_->stepsBefore;
   header_->followed = header_->followedBefore;
   header_->proved = header_->provedBefore;
   header_->full = false;

@@ -91,13 +91,14 @@ struct Schedule {
   Choice choice;
 };
 
+/// What was wrong in a schedule, after so many of its steps.
 struct Failure {
   std::uint32_t schedule = kNone;
   std::uint32_t position = 0;
   char text[1000] = {};
 };
 
-/// A different end.
+/// Final statuses and tables that differ from the other ends, and a schedule that leads there.
 struct End {
   StateValue outcome;
   std::uint32_t schedule = kNone;
@@ -171,7 +172,6 @@ class ExploredSpace final : public TaskNumbers {
     std::uint64_t magic;
     StateValue subject;  ///< the scenario, the options and this program
     std::atomic<int> freeCores;
-    std::atomic<std::uint64_t> steps;     ///< choices made, those of setting up left out
     std::atomic<std::uint64_t> followed;  ///< schedules that were run
     std::atomic<std::uint64_t> proved;    ///< merges that were compared
     std::atomic<bool> stop;               ///< the budget is used up
@@ -180,7 +180,6 @@ class ExploredSpace final : public TaskNumbers {
     std::uint32_t firstFollowed;          ///< of them
     std::uint32_t statesBefore;           ///< when they were begun; so are the next ones
     std::uint32_t branchesBefore;
-    std::uint64_t stepsBefore;
     std::uint64_t followedBefore;
     std::uint64_t provedBefore;
     std::atomic<int> lockedBy;  ///< the process that has the lock; 0 for none

@@ -196,7 +196,7 @@ void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& f
   }
 }
 
-/// Automatic allotment serves whoever asks, as long as there is a free domain, and nobody else.
+/// Automatic allotment gives each request a domain as long as one is free, and nothing else.
 std::string Run::domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const {
   if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return "";
   const VlanDomainLimits limits = agent_.vlanDomains().limits();
