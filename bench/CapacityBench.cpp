@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "agent/EmbeddedAgent.h"
 #include "bench/Requests.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnBench {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "bench/Chain.h"
-#include "runtime/PageArena.h"
+#include "kiln/runtime/collections/PageArena.h"
 
 namespace KilnBench {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "bench/Measure.h"
 #include "bench/Subjects.h"
-#include "runtime/PageArena.h"
+#include "kiln/runtime/collections/PageArena.h"
 
 namespace KilnBench {
 namespace {

@@ -7,7 +7,7 @@
 #include <numeric>
 #include <random>
 
-#include "runtime/PageArena.h"
+#include "kiln/runtime/collections/PageArena.h"
 
 // The program's own definitions of these functions take the place of the C library's, also for its libraries.
 extern "C" {

@@ -1,8 +1,8 @@
 #include "bench/Requests.h"
 
 #include "bench/Cycle.h"
-#include "platform/KilnTunnelNiLib.h"
-#include "runtime/EmTypes.h"
+#include "kiln/platform/KilnTunnelNiLib.h"
+#include "kiln/runtime/model/EmTypes.h"
 
 namespace KilnBench {
 namespace {

@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "agent/MemoryStateStore.h"
-#include "platform/EmKeys.h"
+#include "kiln/agent/store/MemoryStateStore.h"
+#include "kiln/platform/EmKeys.h"
 
 namespace KilnBench {
 

@@ -7,15 +7,15 @@
 #include <utility>
 #include <vector>
 
-#include "agent/CooperativeScheduler.h"
 #include "bench/Chain.h"
-#include "platform/Value.h"
-#include "runtime/DependencyStatus.h"
-#include "runtime/Entity.h"
-#include "runtime/ExpectedItems.h"
-#include "runtime/Input.h"
-#include "runtime/Output.h"
-#include "runtime/Stage.h"
+#include "kiln/agent/platform/CooperativeScheduler.h"
+#include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/Entity.h"
+#include "kiln/runtime/collections/ExpectedItems.h"
+#include "kiln/runtime/stage/DependencyStatus.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/Stage.h"
 
 namespace KilnBench {
 namespace {

@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "agent/YieldPolicies.h"
-#include "platform/Asic.h"
-#include "platform/TableCapacity.h"
+#include "kiln/agent/platform/YieldPolicies.h"
+#include "kiln/platform/Asic.h"
+#include "kiln/platform/TableCapacity.h"
 
 namespace KilnBench {
 namespace {

@@ -8,14 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "agent/CommitPace.h"
-#include "agent/CooperativeScheduler.h"
-#include "agent/EmbeddedAgent.h"
-#include "agent/MemoryStateStore.h"
-#include "agent/SoftChip.h"
-#include "agent/VlanDomainService.h"
 #include "bench/Requests.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/chip/SoftChip.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/platform/CooperativeScheduler.h"
+#include "kiln/agent/platform/VlanDomainService.h"
+#include "kiln/agent/service/CommitPace.h"
+#include "kiln/agent/store/MemoryStateStore.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnBench {
 

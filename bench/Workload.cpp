@@ -9,10 +9,10 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "agent/FileDescriptor.h"
 #include "bench/Chain.h"
 #include "bench/Cycle.h"
 #include "bench/Subjects.h"
+#include "kiln/agent/io/FileDescriptor.h"
 
 namespace KilnBench {
 namespace {

@@ -1,11 +1,11 @@
 // A chip file: what is taken says the same when it is written out again, and an agent runs on that chip.
 #include <sstream>
 
-#include "agent/ChipConfig.h"
-#include "agent/Dump.h"
-#include "agent/EmbeddedAgent.h"
-#include "agent/JsonValue.h"
 #include "fuzz/Fuzz.h"
+#include "kiln/agent/chip/ChipConfig.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/io/JsonValue.h"
+#include "kiln/agent/report/Dump.h"
 
 namespace KilnFuzz {
 namespace {

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <map>
 
-#include "agent/MappedCollection.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/Scratch.h"
-#include "platform/EmKeys.h"
+#include "kiln/agent/chip/MappedCollection.h"
+#include "kiln/platform/EmKeys.h"
 
 namespace KilnFuzz {
 namespace {

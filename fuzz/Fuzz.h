@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "agent/InputError.h"
-#include "platform/Assert.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/platform/Assert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

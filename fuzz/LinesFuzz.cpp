@@ -4,9 +4,9 @@
 
 #include <vector>
 
-#include "agent/LineSocket.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/Scratch.h"
+#include "kiln/agent/io/LineSocket.h"
 
 namespace KilnFuzz {
 namespace {

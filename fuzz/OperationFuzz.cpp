@@ -1,7 +1,7 @@
 // A scenario's line: what is an operation stands as the same one in its own line, what is none is an input
 // error.
-#include "agent/Operation.h"
 #include "fuzz/Fuzz.h"
+#include "kiln/agent/scenario/Operation.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   KilnFuzz::refusalOf([&] {

@@ -2,11 +2,11 @@
 // as it is, or an agent takes it up, programs what it asks for, and is found again as it stood.
 //
 // The input is records one after the other: a key and a value, each after the byte of its length.
-#include "agent/Dump.h"
-#include "agent/EmbeddedAgent.h"
-#include "agent/RecordStore.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/Scratch.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/report/Dump.h"
+#include "kiln/agent/store/RecordStore.h"
 #include "sim/Recompute.h"
 
 namespace KilnFuzz {

@@ -2,8 +2,8 @@
 // tables are those that the requests give. The first byte chooses how tasks are ordered and sliced.
 #include <algorithm>
 
-#include "agent/Operation.h"
 #include "fuzz/Fuzz.h"
+#include "kiln/agent/scenario/Operation.h"
 #include "sim/Run.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

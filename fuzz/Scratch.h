@@ -10,8 +10,8 @@
 #include <string>
 #include <utility>
 
-#include "agent/FileDescriptor.h"
-#include "platform/Assert.h"
+#include "kiln/agent/io/FileDescriptor.h"
+#include "kiln/platform/Assert.h"
 
 namespace KilnFuzz {
 

@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <sstream>
 
-#include "agent/Dump.h"
-#include "agent/JsonValue.h"
-#include "agent/Operation.h"
-#include "agent/Service.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/Scratch.h"
+#include "kiln/agent/io/JsonValue.h"
+#include "kiln/agent/report/Dump.h"
+#include "kiln/agent/scenario/Operation.h"
+#include "kiln/agent/service/Service.h"
 
 namespace KilnFuzz {
 namespace {

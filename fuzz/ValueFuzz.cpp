@@ -6,9 +6,9 @@
 #include <optional>
 #include <stdexcept>
 
-#include "agent/RecordCode.h"
 #include "fuzz/Fuzz.h"
-#include "runtime/EmTypes.h"
+#include "kiln/agent/io/RecordCode.h"
+#include "kiln/runtime/model/EmTypes.h"
 
 namespace KilnFuzz {
 namespace {

@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/Dump.h"
+#include "kiln/agent/report/Dump.h"
 
 namespace KilnSim {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "agent/EmbeddedAgent.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
 
 namespace KilnSim {
 

@@ -17,7 +17,7 @@
 #include <optional>
 #include <vector>
 
-#include "agent/InputError.h"
+#include "kiln/agent/io/InputError.h"
 #include "sim/ExploredSpace.h"
 #include "sim/Minimize.h"
 #include "sim/Reduction.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/StateDigest.h"
+#include "kiln/runtime/stage/StateDigest.h"
 
 namespace KilnSim {
 

@@ -13,10 +13,10 @@
 #include <csignal>
 #include <cstring>
 
-#include "agent/InputError.h"
-#include "platform/Assert.h"
-#include "platform/EmKeys.h"
-#include "platform/Value.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/Value.h"
 
 namespace KilnSim {
 namespace {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "runtime/StateDigest.h"
+#include "kiln/runtime/stage/StateDigest.h"
 #include "sim/Choice.h"
 #include "sim/ScheduleRun.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "agent/SoftChip.h"
+#include "kiln/agent/chip/SoftChip.h"
 
 namespace KilnSim {
 namespace {

@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/SoftTable.h"
+#include "kiln/agent/chip/SoftTable.h"
 #include "sim/Recompute.h"
 
 namespace KilnSim {

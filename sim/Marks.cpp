@@ -5,7 +5,7 @@
 #include <fstream>
 #include <utility>
 
-#include "agent/InputError.h"
+#include "kiln/agent/io/InputError.h"
 
 namespace KilnSim {
 

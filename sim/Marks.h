@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/TraceSink.h"
+#include "kiln/platform/TraceSink.h"
 
 namespace KilnSim {
 

@@ -9,7 +9,7 @@
 #include <random>
 #include <utility>
 
-#include "agent/InputError.h"
+#include "kiln/agent/io/InputError.h"
 #include "sim/Recompute.h"
 
 namespace KilnSim {

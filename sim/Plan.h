@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Operation.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Operation.h"
 
 namespace KilnSim {
 

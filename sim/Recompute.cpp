@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "agent/SortedRows.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/io/SortedRows.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnSim {
 namespace {

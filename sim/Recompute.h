@@ -11,10 +11,10 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "platform/KilnTunnelNiLib.h"
-#include "runtime/EmTypes.h"
-#include "status/ResourceTableSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/platform/KilnTunnelNiLib.h"
+#include "kiln/runtime/model/EmTypes.h"
+#include "kiln/status/ResourceTableSm.h"
 
 namespace KilnSim {
 

@@ -5,8 +5,8 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/EmKeys.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnSim {
 namespace {

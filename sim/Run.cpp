@@ -6,8 +6,8 @@
 #include <memory>
 #include <type_traits>
 
-#include "agent/InputError.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/server/KilnEmServerSm.h"
 #include "sim/CapacityCount.h"
 #include "sim/Recompute.h"
 

@@ -8,9 +8,9 @@
 #include <tuple>
 #include <variant>
 
-#include "agent/InputError.h"
-#include "platform/Assert.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/platform/Assert.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnSim {
 namespace {

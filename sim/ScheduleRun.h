@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime/StateDigest.h"
+#include "kiln/runtime/stage/StateDigest.h"
 #include "sim/Choice.h"
 #include "sim/Run.h"
 #include "sim/SmallScenario.h"

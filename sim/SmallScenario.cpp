@@ -7,8 +7,8 @@
 #include <sstream>
 #include <variant>
 
-#include "agent/InputError.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/scenario/Scenario.h"
 
 namespace KilnSim {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/Operation.h"
+#include "kiln/agent/scenario/Operation.h"
 
 namespace KilnSim {
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnSim {
 namespace {

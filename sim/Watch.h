@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Operation.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Operation.h"
 #include "sim/HardwareLog.h"
 #include "sim/Recompute.h"
 

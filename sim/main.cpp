@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "agent/InputError.h"
-#include "agent/Report.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/report/Report.h"
 #include "sim/Explore.h"
 #include "sim/Marks.h"
 #include "sim/Minimize.h"

@@ -9,12 +9,12 @@
 #include <sstream>
 #include <string>
 
-#include "agent/ChipConfig.h"
-#include "agent/EmbeddedAgent.h"
-#include "agent/InputError.h"
-#include "agent/Report.h"
-#include "agent/Scenario.h"
-#include "runtime/Trace.h"
+#include "kiln/agent/chip/ChipConfig.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/report/Report.h"
+#include "kiln/agent/scenario/Scenario.h"
+#include "kiln/runtime/trace/Trace.h"
 #include "tests/CommandLine.h"
 #include "tests/Lines.h"
 #include "tests/TestSupport.h"

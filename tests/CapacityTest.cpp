@@ -9,12 +9,12 @@
 #include <sstream>
 #include <string>
 
-#include "agent/CapacityMonitor.h"
-#include "agent/CapacityReport.h"
-#include "agent/InputError.h"
-#include "agent/Scenario.h"
-#include "server/KilnEmServerSm.h"
-#include "status/SemCapacitySm.h"
+#include "kiln/agent/host/CapacityMonitor.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/report/CapacityReport.h"
+#include "kiln/agent/scenario/Scenario.h"
+#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/status/SemCapacitySm.h"
 #include "tests/Lines.h"
 #include "tests/TestSupport.h"
 

@@ -1,5 +1,5 @@
 // The check at the door: what is refused, and in which words.
-#include "server/CheckRequest.h"
+#include "kiln/server/CheckRequest.h"
 
 #include <gtest/gtest.h>
 

@@ -18,9 +18,9 @@
 #include <random>
 #include <string>
 
-#include "agent/InputError.h"
-#include "agent/MappedCollection.h"
-#include "platform/EmKeys.h"
+#include "kiln/agent/chip/MappedCollection.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/platform/EmKeys.h"
 #include "tests/Golden.h"
 #include "tests/TempDirectory.h"
 

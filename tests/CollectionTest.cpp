@@ -1,5 +1,5 @@
 // All implementations of the keyed collections hold the same promises.
-#include "runtime/Collection.h"
+#include "kiln/runtime/collections/Collection.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "TestSupport.h"
-#include "agent/Collections.h"
+#include "kiln/agent/platform/Collections.h"
 
 namespace KilnTest {
 namespace {

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "TestSupport.h"
-#include "compose/ComposerOutputMergeSm.h"
-#include "compose/EmUtils.h"
+#include "kiln/compose/ComposerOutputMergeSm.h"
+#include "kiln/compose/EmUtils.h"
 
 namespace KilnTest {
 namespace {

@@ -1,5 +1,5 @@
 // Composers and the VLAN-domain resolver, wired to each other as the server wires them.
-#include "compose/ComposerSm.h"
+#include "kiln/compose/ComposerSm.h"
 
 #include <gtest/gtest.h>
 
@@ -11,13 +11,13 @@
 #include <vector>
 
 #include "TestSupport.h"
-#include "agent/Collections.h"
-#include "compose/EsemFodoVdComposerSm.h"
-#include "compose/Isem1TagComposerSm.h"
-#include "compose/Isem2TagComposerSm.h"
-#include "compose/ResolverVd.h"
-#include "compose/UntaggedComposerSm.h"
-#include "status/ResolvedKeyStatusSm.h"
+#include "kiln/agent/platform/Collections.h"
+#include "kiln/compose/EsemFodoVdComposerSm.h"
+#include "kiln/compose/Isem1TagComposerSm.h"
+#include "kiln/compose/Isem2TagComposerSm.h"
+#include "kiln/compose/ResolverVd.h"
+#include "kiln/compose/UntaggedComposerSm.h"
+#include "kiln/status/ResolvedKeyStatusSm.h"
 
 namespace KilnTest {
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "program/EmConflictSm.h"
+#include "kiln/program/EmConflictSm.h"
 
 namespace KilnTest {
 namespace {

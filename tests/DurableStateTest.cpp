@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "agent/Dump.h"
-#include "agent/EmbeddedAgent.h"
-#include "agent/InputError.h"
-#include "agent/RecordCode.h"
-#include "agent/RecordStore.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/io/RecordCode.h"
+#include "kiln/agent/report/Dump.h"
+#include "kiln/agent/scenario/Scenario.h"
+#include "kiln/agent/store/RecordStore.h"
 #include "sim/Plan.h"
 #include "sim/Recompute.h"
 #include "tests/Golden.h"

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Scenario.h"
 #include "sim/CapacityCount.h"
 #include "tests/Golden.h"
 

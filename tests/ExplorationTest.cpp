@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "agent/InputError.h"
+#include "kiln/agent/io/InputError.h"
 #include "sim/Explore.h"
 #include "sim/Minimize.h"
 #include "sim/Plan.h"

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "agent/EmbeddedAgent.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnTest {
 namespace {

@@ -8,8 +8,8 @@
 #include <sstream>
 #include <string>
 
-#include "agent/Dump.h"
-#include "agent/EmbeddedAgent.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/report/Dump.h"
 
 namespace KilnTests {
 

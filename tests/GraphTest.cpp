@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/GraphText.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/report/GraphText.h"
+#include "kiln/server/KilnEmServerSm.h"
 #include "tests/Golden.h"
 
 namespace KilnTests {

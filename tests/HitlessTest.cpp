@@ -10,10 +10,10 @@
 #include <sstream>
 #include <string>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Generate.h"
-#include "agent/Scenario.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Generate.h"
+#include "kiln/agent/scenario/Scenario.h"
+#include "kiln/server/KilnEmServerSm.h"
 #include "tests/Lines.h"
 
 namespace KilnTests {

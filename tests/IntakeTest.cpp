@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "TestSupport.h"
-#include "intake/EmSrvConfigMergeSm.h"
-#include "intake/IsemSrvConfigSm.h"
+#include "kiln/intake/EmSrvConfigMergeSm.h"
+#include "kiln/intake/IsemSrvConfigSm.h"
 
 namespace KilnTest {
 namespace {

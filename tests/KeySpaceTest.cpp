@@ -1,5 +1,5 @@
 // Keys by handle: the index under collisions, growth and shrinking, and handles that several holders share.
-#include "runtime/KeySpace.h"
+#include "kiln/runtime/collections/KeySpace.h"
 
 #include <gtest/gtest.h>
 
@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "runtime/Collection.h"
-#include "runtime/EmTypes.h"
-#include "runtime/PendingKeys.h"
+#include "kiln/runtime/collections/Collection.h"
+#include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/model/EmTypes.h"
 
 namespace KilnTest {
 namespace {

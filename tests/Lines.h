@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/InputError.h"
+#include "kiln/agent/io/InputError.h"
 
 namespace KilnTests {
 

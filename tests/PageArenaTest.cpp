@@ -1,5 +1,5 @@
 // Memory for pages: no two share a byte, whatever sizes come and go, and what was given back is used again.
-#include "runtime/PageArena.h"
+#include "kiln/runtime/collections/PageArena.h"
 
 #include <gtest/gtest.h>
 

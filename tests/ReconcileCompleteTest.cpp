@@ -1,5 +1,5 @@
 // Completion of restart reconciliation: told once, when the hardware is done.
-#include "server/ReconcileCompleteSm.h"
+#include "kiln/server/ReconcileCompleteSm.h"
 
 #include <gtest/gtest.h>
 

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "agent/CooperativeScheduler.h"
-#include "agent/MemoryStateStore.h"
+#include "kiln/agent/platform/CooperativeScheduler.h"
+#include "kiln/agent/store/MemoryStateStore.h"
 
 namespace KilnTests {
 namespace {

@@ -7,9 +7,9 @@
 #include <sstream>
 #include <string>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/InputError.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/scenario/Scenario.h"
 #include "sim/Recompute.h"
 #include "tests/CommandLine.h"
 #include "tests/Lines.h"

@@ -19,10 +19,10 @@
 #include <utility>
 #include <vector>
 
-#include "agent/Dump.h"
-#include "agent/InputError.h"
-#include "agent/LineSocket.h"
-#include "agent/Service.h"
+#include "kiln/agent/io/InputError.h"
+#include "kiln/agent/io/LineSocket.h"
+#include "kiln/agent/report/Dump.h"
+#include "kiln/agent/service/Service.h"
 #include "tests/CommandLine.h"
 #include "tests/Lines.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Scenario.h"
 #include "sim/Minimize.h"
 #include "sim/Plan.h"
 #include "sim/Recompute.h"

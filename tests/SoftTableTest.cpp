@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "agent/CooperativeScheduler.h"
-#include "agent/SoftChip.h"
+#include "kiln/agent/chip/SoftChip.h"
+#include "kiln/agent/platform/CooperativeScheduler.h"
 
 namespace KilnTests {
 namespace {

@@ -1,5 +1,5 @@
 // The stage runtime, on stages small enough to see through.
-#include "runtime/Stage.h"
+#include "kiln/runtime/stage/Stage.h"
 
 #include <gtest/gtest.h>
 
@@ -11,11 +11,11 @@
 #include <string>
 
 #include "TestSupport.h"
-#include "runtime/Entity.h"
-#include "runtime/Input.h"
-#include "runtime/LocalState.h"
-#include "runtime/Output.h"
-#include "runtime/PlacedKeys.h"
+#include "kiln/runtime/collections/Entity.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/PlacedKeys.h"
 
 namespace KilnTest {
 namespace {

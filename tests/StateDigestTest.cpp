@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Scenario.h"
-#include "server/KilnEmServerSm.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/scenario/Scenario.h"
+#include "kiln/server/KilnEmServerSm.h"
 #include "sim/ScheduleRun.h"
 #include "sim/SmallScenario.h"
 #include "tests/Lines.h"

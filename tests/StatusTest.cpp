@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include "TestSupport.h"
-#include "program/EmSwTableStatusSm.h"
-#include "status/IsemSrvStatusSm.h"
-#include "status/ResourceTableSm.h"
+#include "kiln/program/EmSwTableStatusSm.h"
+#include "kiln/status/IsemSrvStatusSm.h"
+#include "kiln/status/ResourceTableSm.h"
 
 namespace KilnTest {
 namespace {

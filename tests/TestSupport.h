@@ -13,13 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include "agent/CooperativeScheduler.h"
-#include "agent/YieldPolicies.h"
-#include "platform/Asic.h"
-#include "runtime/DependencyStatus.h"
-#include "runtime/EmCollections.h"
-#include "runtime/Stage.h"
-#include "runtime/Trace.h"
+#include "kiln/agent/platform/CooperativeScheduler.h"
+#include "kiln/agent/platform/YieldPolicies.h"
+#include "kiln/platform/Asic.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/DependencyStatus.h"
+#include "kiln/runtime/stage/Stage.h"
+#include "kiln/runtime/trace/Trace.h"
 
 namespace KilnEmServer {
 

@@ -1,5 +1,5 @@
 // The trace facility: what passes, what it costs when it does not, and where it goes.
-#include "runtime/Trace.h"
+#include "kiln/runtime/trace/Trace.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Plain values: equality, order, hash, text form and its parse.
-#include "platform/Value.h"
+#include "kiln/platform/Value.h"
 
 #include <gtest/gtest.h>
 

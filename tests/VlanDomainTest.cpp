@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "agent/EmbeddedAgent.h"
-#include "agent/Report.h"
-#include "agent/Scenario.h"
+#include "kiln/agent/host/EmbeddedAgent.h"
+#include "kiln/agent/report/Report.h"
+#include "kiln/agent/scenario/Scenario.h"
 #include "tests/Lines.h"
 
 namespace KilnTests {

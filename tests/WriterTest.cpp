@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "TestSupport.h"
-#include "program/IsemMplsSwTableWriter.h"
+#include "kiln/program/IsemMplsSwTableWriter.h"
 
 namespace KilnTest {
 namespace {

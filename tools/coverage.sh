@@ -14,7 +14,7 @@ find "$build" -name '*.gcda' -delete
 "$build/bin/kiln-tests" --gtest_brief=1
 "$build/bin/kiln-sim" --seeds "1..$seeds" --steps 500 --marks sim/marks.txt
 folders=(platform runtime intake compose program status server)
-gcovr -r . --object-directory "$build" "${folders[@]/#/--filter=}" --exclude-throw-branches \
+gcovr -r . --object-directory "$build" "${folders[@]/#/--filter=src/kiln/}" --exclude-throw-branches \
   --exclude-unreachable-branches --json "$build/coverage.json"
 gcovr -r . -a "$build/coverage.json" --exclude-throw-branches --txt "$build/coverage.txt" \
   --json-summary "$build/coverage-summary.json"
@@ -23,7 +23,7 @@ import json, sys
 files = json.load(open(sys.argv[1]))["files"]
 print("| Folder | Lines | Branches |\n|---|---|---|")
 for folder in sys.argv[2:] + ["all"]:
-    own = [file for file in files if folder in ("all", file["filename"].split("/")[0])]
+    own = [file for file in files if folder in ("all", file["filename"].split("/")[2])]
     cells = []
     for what in ("line", "branch"):
         covered, total = (sum(file[f"{what}_{of}"] for file in own) for of in ("covered", "total"))

@@ -214,7 +214,7 @@ def main():
     if options.check:
         return
     os.chdir(root)  # where scenarios find their chip
-    texts["platform/Assert.h"] = (root / "platform/Assert.h").read_text() + SWITCH
+    texts["src/kiln/platform/Assert.h"] = (root / "src/kiln/platform/Assert.h").read_text() + SWITCH
     copy_tree(root, scratch, texts)
     subprocess.run(["cmake", "--preset", options.preset, "-DCMAKE_CXX_FLAGS=-w -DKILN_MUTANTS"], cwd=scratch, check=True,
                    stdout=subprocess.DEVNULL)

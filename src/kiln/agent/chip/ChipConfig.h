@@ -1,0 +1,44 @@
+// What chip the agent runs on: read from a chip file, a documented default where there is none.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <istream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kiln/agent/platform/VlanDomainService.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/Hardware.h"
+
+namespace KilnAgent {
+
+/// The chip's tables, FAPs, MDB profiles and the limits of its VLAN domains.
+struct ChipConfig {
+  struct Fap {
+    Hardware::Kiln::FapId fapId;
+    Hardware::Kiln::FapInfo info;
+    std::optional<std::uint32_t> profile;  ///< id of its MDB profile; a FAP may have none
+    friend bool operator==(const Fap&, const Fap&) = default;
+  };
+
+  /// Entries that each table holds, by the number of its key type; element 0 has no use.
+  std::array<std::uint32_t, KilnPlatform::kTableStems.size()> tableSizes{};
+  std::vector<Fap> faps;
+  std::map<std::uint32_t, KilnMdb::ProfileCapabilities> profiles;
+  VlanDomainLimits vlanDomains;
+  friend bool operator==(const ChipConfig&, const ChipConfig&) = default;
+};
+
+/// The chip without a chip file: 1,000,000 entries per table, two FAPs of two cores, 511 VLAN domains.
+ChipConfig defaultChip();
+
+/// The chip that a chip file describes: JSON in which // comments are allowed; what it leaves out is as in
+/// the default. Throws InputError where something in it is wrong.
+ChipConfig readChip(std::istream& text);
+/// The same from a file. Throws InputError with the file's name, also where the file is missing.
+ChipConfig readChipFile(const std::string& path);
+
+}  // namespace KilnAgent

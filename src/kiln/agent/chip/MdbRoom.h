@@ -1,0 +1,60 @@
+// Which entries the memory of the FAPs has room for.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Hardware.h"
+#include "kiln/platform/Ref.h"
+#include "kiln/runtime/model/EmTypes.h"
+
+namespace KilnAgent {
+
+using KilnPlatform::Ref;
+
+class SoftTable;
+
+/// The physical tables that the FAPs' MDB profiles describe. Several key types share one, differently on each
+/// type of FAP. An entry is spread to all FAPs, so that the one with the least room decides. A FAP without a
+/// profile, and a physical table that a profile lacks, limit nothing; nor do external users, of which the
+/// chip does not know.
+class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>,
+                      private KilnPlatform::KeySubscriber<std::uint32_t> {
+ public:
+  using Tag = KilnEmServer::EmResolvedKeyUnionTag;
+
+  MdbRoom(Ref<const Hardware::Kiln::Status> chip, Ref<const Hardware::Kiln::MdbStatus> mdb);
+  ~MdbRoom();
+  MdbRoom(const MdbRoom&) = delete;
+  MdbRoom& operator=(const MdbRoom&) = delete;
+
+  /// The table of a key type; to be called once for each. It must outlive its use by hasRoom.
+  void tableIs(Tag tag, const SoftTable& table) { tables_[static_cast<std::size_t>(tag)] = &table; }
+  /// Whether every FAP has room for one more entry of a key type.
+  [[nodiscard]] bool hasRoom(Tag tag);
+  /// Follows FAPs and profiles; to be called again where all subscriptions to them were forgotten.
+  void subscribe();
+
+ private:
+  /// A physical table, with the key types that share it and the width of their entries, in 60-bit units.
+  struct Pool {
+    std::uint32_t max = 0;
+    std::vector<std::pair<const SoftTable*, std::uint32_t>> shares;
+    friend bool operator==(const Pool&, const Pool&) = default;
+  };
+
+  void handleChange(const Hardware::Kiln::FapId& /*fapId*/) override { poolsKnown_ = false; }
+  void handleChange(const std::uint32_t& /*profileId*/) override { poolsKnown_ = false; }
+  void findPools();
+  void addPools(Hardware::Kiln::FapType fapType, const KilnMdb::ProfileCapabilities& profile);
+
+  Ref<const Hardware::Kiln::Status> chip_;
+  Ref<const Hardware::Kiln::MdbStatus> mdb_;
+  std::array<const SoftTable*, KilnPlatform::kTableStems.size()> tables_{};  ///< by key type
+  std::array<std::vector<Pool>, KilnPlatform::kTableStems.size()> pools_;  ///< those of a key type's entries
+  bool poolsKnown_ = false;
+};
+
+}  // namespace KilnAgent

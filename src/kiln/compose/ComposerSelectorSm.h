@@ -1,0 +1,46 @@
+// Copies the requested logical keys of one composer type into that type's request set.
+#pragma once
+
+#include <string>
+
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// One per composer type. An entry's content plays no part: only whether the key is requested.
+class ComposerSelectorSm final : public Stage {
+ public:
+  ComposerSelectorSm(EmComposerKeyUnionTag composerType, Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                     Ref<EmLogicalKeyConfig> emLogicalKeyConfig, std::string name,
+                     Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+ private:
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
+    return emComposerTypeFromUnion(emKey.emComposerKey) == composerType_;
+  }
+  /// Whether the request set may have to change: not for an entry that only got another content.
+  [[nodiscard]] bool concerns(const EmLogicalKey& emKey) const {
+    return isOwn(emKey) && (!ready() || (emLogicalKeyToEntry_.find(emKey) == nullptr) !=
+                                            (emLogicalKeyConfig_.find(emKey) == nullptr));
+  }
+  static constexpr FixedString kFilter = "filter( ( composerTypeEnum == composerType ) )";
+  void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
+
+  EmComposerKeyUnionTag composerType_;
+  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
+        "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
+        &ComposerSelectorSm::concerns, &ComposerSelectorSm::isOwn, kFilter>
+      emLogicalKeyToEntry_;
+  Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
+};
+
+Ref<ComposerSelectorSm> composerSelectorSmFactory(EmComposerKeyUnionTag composerType,
+                                                  Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                                                  Ref<EmLogicalKeyConfig> emLogicalKeyConfig,
+                                                  std::string name, Ref<DependencyStatus> dependencyStatus,
+                                                  StageControl smControl);
+
+}  // namespace KilnEmServer

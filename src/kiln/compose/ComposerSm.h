@@ -1,0 +1,265 @@
+// The base of the composers whose hardware keys need a value that a resolver finds.
+//
+// A composer asks for a resource under a resolver key as soon as one requested logical key needs it, composes
+// the hardware keys once the resource is resolved, and acknowledges the resolved value when the hardware
+// outcome of every logical key that uses it is known. It gives the resource back when no requested key needs
+// it and nothing is left of the keys that needed it: no hardware status, and no entry that a table holds or
+// was asked for.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "kiln/compose/Departures.h"
+#include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/PlacedKeys.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// The logical keys of one composer that use one resolver key, and how far they are. Never empty.
+class ResolverEmLogicalKeyColl {
+ public:
+  /// `places` are those of the logical keys of all resolver keys of the same type.
+  ResolverEmLogicalKeyColl(const ResolverKey& resolverKey, KeyPlaces<EmLogicalKey>& places)
+      : resolverKey_(resolverKey), emLogicalKeySet_(places) {}
+  [[nodiscard]] const ResolverKey& resolverKey() const { return resolverKey_; }
+  [[nodiscard]] const PlacedKeys<EmLogicalKey>& emLogicalKeySet() const { return emLogicalKeySet_; }
+  [[nodiscard]] PlacedKeys<EmLogicalKey>& emLogicalKeySet() { return emLogicalKeySet_; }
+
+  /// Keys of the set that are resolved and wait for their hardware outcome.
+  std::size_t outcomesAwaited = 0;
+  /// Keys of the set whose hardware outcome is known.
+  std::size_t outcomesKnown = 0;
+  /// The resolution that every key of the set was handled with; none while a change of it is being handled.
+  std::optional<ResolutionState> handled;
+  /// The epoch of the composer in which it last told the resolver that the resolution is in use. A change of
+  /// the resolution begins another epoch.
+  std::optional<std::uint64_t> inUseSince;
+
+  /// Without the epoch, which the composer compares.
+  void noteState(StateDigest& digest) const {
+    digest.add(std::tie(outcomesAwaited, outcomesKnown, handled));
+    digest.walked([&](auto&& item) {
+      KilnPlatform::ScanCursor<EmLogicalKey> cursor;
+      while (const EmLogicalKey* emKey = emLogicalKeySet_.scanNext(cursor)) item(*emKey);
+    });
+  }
+
+ private:
+  ResolverKey resolverKey_;
+  PlacedKeys<EmLogicalKey> emLogicalKeySet_;
+};
+
+/// One per composer type that needs resolution. The base serves any number of resolver types; which ones, and
+/// how a key is composed, the derived class says.
+class ComposerSm : public Stage, private Departures::Composer {
+ public:
+  /// `className` must outlive the stage.
+  ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag emResolvedKeyType,
+             Ref<const EmLogicalKeyConfig> emLogicalKeyConfig, Ref<SwTableKeyConfig> swTableKeyConfig,
+             Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
+             Ref<const ResolverStatusDir> resolverStatusDir, std::string_view className, std::string name,
+             Ref<DependencyStatus> dependencyStatus, StageControl smControl,
+             Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {});
+
+  /// Whether this composer takes resources of that type.
+  [[nodiscard]] virtual bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const;
+  /// The resolver key under which the logical key's resource is asked for: a function of the key alone.
+  [[nodiscard]] virtual ResolverKey getResolverKey(ResolverKeyUnionTag resolverType,
+                                                   const EmLogicalKey& emLogicalKey) const;
+  /// The hardware key of a logical key whose resources are all resolved. Throws std::range_error where a
+  /// field does not fit the hardware's width.
+  [[nodiscard]] virtual EmHwKey composeKey(const EmLogicalKey& emLogicalKey) const;
+
+  [[nodiscard]] EmComposerKeyUnionTag composerType() const { return composerType_; }
+  [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
+  /// The composer's epoch: grows with each change of a resolution.
+  [[nodiscard]] std::uint64_t inUseVer() const { return inUseVer_; }
+  void inUseVerInc(std::uint64_t n) { inUseVer_ += n; }
+
+  [[nodiscard]] bool emLogicalKeyStateHas(const EmLogicalKey& emLogicalKey) const;
+  [[nodiscard]] std::optional<EmLogicalKeyState> emLogicalKeyState(const EmLogicalKey& emLogicalKey) const;
+  /// The logical keys that use a resolver key, or null.
+  [[nodiscard]] Ref<const ResolverEmLogicalKeyColl> resolverKeyToEmLogicalKey(const ResolverKey& key) const;
+
+  /// The logical key was requested or withdrawn, or one of its resolutions changed.
+  void handleRequest(const EmLogicalKey& emLogicalKey);
+  /// Adds the logical key to those that use the resolver key, or removes it.
+  void updateResolverToEmKeyColl(const ResolverKey& resolverKey, const EmLogicalKey& emLogicalKey, bool add);
+  /// Composes a requested key whose resources are resolved; deletes any other key's hardware key.
+  void maybeComposeKey(const EmLogicalKey& emLogicalKey);
+  /// The least of the key's resolution states; success where it needs no resource.
+  [[nodiscard]] ResolutionState::State getResolutionState(const EmLogicalKey& emLogicalKey) const;
+  /// The resolved value of a resource whose resolution succeeded; anything else is an assertion failure.
+  [[nodiscard]] std::uint64_t getResult(ResolverKeyUnionTag resolverType,
+                                        const EmLogicalKey& emLogicalKey) const;
+  /// Brings the key's state in line with its hardware status, then acknowledges or releases its resources.
+  void handleStatus(const EmLogicalKey& emLogicalKey);
+  /// Acknowledges the resolved value unless a key still waits for its hardware outcome.
+  void maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType);
+  /// A resolution changed: every logical key that uses it is handled again, in slices.
+  void handleResourceUpdate(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
+                            const ResolutionState* state);
+
+  void noteState(StateDigest& digest) const override;
+  /// Without what its departures' task reads.
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
+
+ protected:
+  void checkArguments() const override;
+  void handleInitialized() override;
+
+ private:
+  using State = EmLogicalKeyState::State;
+
+  /// The resolver keys whose change is being handled. One is walked at a time, a logical key per item; the
+  /// walk survives what its own handlers do to the set.
+  class ResourceWalk final : public OwnWork {
+   public:
+    explicit ResourceWalk(ComposerSm& composer);
+    /// Walks the resolver key's logical keys once more. A change of a resolution is handled after the walk
+    /// that arrived before it.
+    void add(const ResolverKey& resolverKey);
+
+    [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
+    [[nodiscard]] Arrival headArrival() const override {
+      return current_ ? arrival_ : waiting_.headArrival();
+    }
+    void noteState(StateDigest& digest) const override;
+    void notePending(PendingDigests& pending) const override;
+
+   private:
+    void handleNext() override;
+
+    ComposerSm& composer_;
+    PendingKeys<ResolverKey> waiting_;
+    std::optional<ResolverKey> current_;
+    Arrival arrival_ = 0;
+    KilnPlatform::ScanCursor<EmLogicalKey> cursor_;
+    std::optional<ResolutionState> state_;  ///< the resolution when the walk began
+  };
+
+  /// What this composer asks the resolvers for. The deletion scan gives back what an earlier composer asked
+  /// for and nobody needs any more. Nothing is counted, as the server creates composers over requests that
+  /// are new, and no deletion is held back: until the sweep the resolver gives no resource back, so that one
+  /// that is asked for anew is still there.
+  class AskedResources final : public OutputBase {
+   public:
+    explicit AskedResources(ComposerSm& composer);
+    void checkArgument() const override {}
+    bool deleteNext() override;
+    [[nodiscard]] std::size_t size() const override;
+    void noteState(StateDigest& digest) const override;
+    /// The resolvers' collections are described where they are.
+    void noteContent(StateDigest& /*digest*/) const override {}
+
+   private:
+    void beginSeen() override { rewind(); }
+    bool deletionScanItem(bool& deleted) override;
+    [[nodiscard]] std::size_t seenCount() const override { return 0; }
+    void forgetNextSeen() override {}
+    void endSeen() override {}
+    /// The next resource of a walk over those that are asked for.
+    std::optional<ResolverKey> next();
+    void rewind();
+
+    ComposerSm& composer_;
+    std::size_t type_ = 0;  ///< place of the resolver type whose resources are walked
+    KilnPlatform::ScanCursor<ResolverKey> cursor_;
+  };
+
+  void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
+  [[nodiscard]] bool isLeaving(const EmLogicalKey& emKey) const { return departures_.has(emKey); }
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
+    return emKey.emComposerKey.tag() == composerType_;
+  }
+  void handleWritten(const EmLogicalKey& emKey, const std::uint32_t* hwKeysOpt);
+  void handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
+  void handleResolution(const ResolverKeyUnionTag& resolverType, const ResolverKey& resolverKey,
+                        const ResolutionState* state);
+
+  [[nodiscard]] bool requested(const EmLogicalKey& emKey) const override {
+    return emLogicalKeyConfig_.find(emKey) != nullptr;
+  }
+  [[nodiscard]] bool hasHwStatus(const EmLogicalKey& emKey) const override {
+    return resolvedKeyStatus_.find(emKey) != nullptr;
+  }
+  void handleGone(const EmLogicalKey& emKey) override;
+  /// The hardware key that was composed for a requested key, or null.
+  [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
+  [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
+  /// The types of the resolvers that there are.
+  [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
+  /// The types of which a directory has an entity, none of which ever goes; `known` is what they were last.
+  template <class Directory>
+  static const std::vector<ResolverKeyUnionTag>& typesOf(const Directory& directory,
+                                                         std::vector<ResolverKeyUnionTag>& known);
+  template <class Visitor>
+  void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
+
+  void withdraw(const EmLogicalKey& emKey);
+  /// One more leaving key used each of the key's resources, or one less.
+  void countLeaving(const EmLogicalKey& emKey, bool more);
+  /// Asks for a resource that a first key uses; it stays asked for as long as any does.
+  void request(const ResolverKey& resolverKey);
+  /// The places of the logical keys that use resources of a type, each in the set of its resolver key.
+  KeyPlaces<EmLogicalKey>& placesOf(ResolverKeyUnionTag resolverType);
+  /// Gives the resource back unless it is needed; true where it did.
+  bool releaseUnused(const ResolverKey& resolverKey);
+  /// What this composer asks a type's resolver for; null before its first request.
+  [[nodiscard]] ResolverComposerConfig* askedOf(ResolverKeyUnionTag resolverType) const;
+  bool compose(const EmLogicalKey& emKey);
+  void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
+  void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
+  void emLogicalKeyStateDel(const EmLogicalKey& emKey);
+  /// Keeps the counts of the key's sets when its state goes from `from` to `to`; null is no state.
+  void countState(const EmLogicalKey& emKey, const State* from, const State* to);
+
+  EmComposerKeyUnionTag composerType_;
+  EmResolvedKeyUnionTag emResolvedKeyType_;
+  Ref<ResolverConfigDir> resolverConfigDir_;
+  Ref<const ResolverStatusDir> resolverStatusDir_;
+  mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
+  mutable std::vector<ResolverKeyUnionTag> resolverStatusTypes_;
+  std::uint64_t inUseVer_ = 0;
+
+  std::map<ResolverKeyUnionTag, KeyPlaces<EmLogicalKey>> places_;
+  LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;
+  LocalCollection<EmLogicalKey, State> emLogicalKeyState_;
+  /// Withdrawn keys of which something may be left, and how many of them used a resolver key.
+  Departures departures_;
+  LocalCollection<ResolverKey, std::size_t> leavingCount_;
+
+  Input<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", &ComposerSm::handleRequestChange,
+        "from( emLogicalKeyConfig.request[] ): emLogicalKey={} unitOpt={}">
+      emLogicalKeyConfig_;
+  Input<ResolvedKeyStatus::resolvedKeyStatusAttr, "resolvedKeyStatus", &ComposerSm::handleStatusChange,
+        "from( resolvedKeyStatus.resolvedKeyStatus[] ): emLogicalKey={} statusOpt={}">
+      resolvedKeyStatus_;
+  std::optional<Input<EmWrittenKeys::writtenAttr, "emWrittenKeys", &ComposerSm::handleWritten,
+                      "from( emWrittenKeys.written[] ): emLogicalKey={} hwKeysOpt={}", Reaction::queued,
+                      &ComposerSm::isLeaving, &ComposerSm::isOwn>>
+      emWrittenKeys_;
+  NestedInput<ResolverStatusDir::resolverStatusAttr, ResolverStatus::statusAttr, "resolverStatusDir",
+              &ComposerSm::handleResolution,
+              "from( resolverStatusDir.resolverStatus[].status[] ): resolverType={} resolverKey={} state={}">
+      resolverStatuses_;
+  ResourceWalk resourceWalk_;
+  AskedResources askedResources_;
+  Output<SwTableKeyConfig::emLogicalKeyToResolvedKeyAttr, "swTableKeyConfig", "emLogicalKey">
+      swTableKeyConfig_;
+  Output<EmComposeFailure::failureAttr, "emComposeFailure", "emLogicalKey"> emComposeFailure_;
+};
+
+}  // namespace KilnEmServer

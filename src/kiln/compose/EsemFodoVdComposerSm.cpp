@@ -1,0 +1,18 @@
+#include "kiln/compose/EsemFodoVdComposerSm.h"
+
+#include <utility>
+
+namespace KilnEmServer {
+
+Ref<EsemFodoVdComposerSm> esemFodoVdComposerSmFactory(
+    Ref<const EmLogicalKeyConfig> emLogicalKeyConfig, Ref<SwTableKeyConfig> swTableKeyConfig,
+    Ref<const ResolvedKeyStatus> resolvedKeyStatus, Ref<ResolverConfigDir> resolverConfigDir,
+    Ref<const ResolverStatusDir> resolverStatusDir, std::string name, Ref<DependencyStatus> dependencyStatus,
+    StageControl smControl, Ref<EmComposeFailure> emComposeFailure, KeyTraces traces) {
+  return makeStage<EsemFodoVdComposerSm>(
+      std::move(emLogicalKeyConfig), std::move(swTableKeyConfig), std::move(resolvedKeyStatus),
+      std::move(resolverConfigDir), std::move(resolverStatusDir), std::move(name),
+      std::move(dependencyStatus), std::move(smControl), std::move(emComposeFailure), std::move(traces));
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,91 @@
+// The base of the resolvers: they find the values that composers ask for.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// One per resolver type. A request is answered inside the call that makes it, at least with
+/// `resolutionPending`; composers that ask for one resolver key share its resolution, which goes with the
+/// last of their requests.
+class ResolverBase : public Stage {
+ public:
+  /// `className` must outlive the stage.
+  ResolverBase(ResolverKeyUnionTag resolverType, Ref<const ResolverConfig> resolverConfig,
+               Ref<ResolverStatus> resolverStatus, std::string_view className, std::string name,
+               Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+  /// Asks for the resource and brings the resolution to where it stands.
+  virtual void makeRequest(const ResolverKey& resolverKey);
+  /// Gives the resource back and brings the resolution to where it stands.
+  virtual void deleteRequest(const ResolverKey& resolverKey);
+  /// Some composer holds the resolved value in use.
+  virtual void ackInUse(const ResolverKey& resolverKey);
+
+  [[nodiscard]] ResolverKeyUnionTag resolverType() const { return resolverType_; }
+  [[nodiscard]] const ResolverConfig& resolverConfig() const { return *resolverConfig_; }
+  [[nodiscard]] const ResolverStatus& resolverStatus() const { return *resolverStatus_; }
+  /// Whether some composer has acknowledged the resolution as it is.
+  [[nodiscard]] bool resolutionInUseHas(const ResolverKey& key) const { return resolutionInUse_.has(key); }
+
+  /// A composer's request came, changed or, where it is null, went.
+  void handleRequest(const EmComposerKeyUnionTag& composerType, const ResolverKey& resolverKey,
+                     const ResolverRequest* request);
+  void makeRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
+  void ackInUseComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
+  void deleteRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
+
+  void setResolutionPending(const ResolverKey& resolverKey);
+  void setResolutionFail(const ResolverKey& resolverKey);
+  void setResolutionSuccess(const ResolverKey& resolverKey, std::uint64_t val);
+  void deleteResolutionState(const ResolverKey& resolverKey);
+
+  /// Gives back what no composer asks for, in slices. To be run once, when every composer has asked for what
+  /// it needs: before it nothing is given back, since a composer that is still starting may ask for it again.
+  /// `reportAs` is recorded as complete in the dependency status when all is done; nothing where it is empty.
+  void sweep(std::string reportAs = {});
+
+  void noteState(StateDigest& digest) const override;
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
+
+ protected:
+  void checkArguments() const override;
+  void handleInitialized() override;
+  void handleDeleteAll() override;
+  [[nodiscard]] ResolverStatus& writableStatus() { return *resolverStatus_; }
+
+ private:
+  [[nodiscard]] bool requested(const ResolverKey& resolverKey) const;
+  void takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType,
+                     const ResolverRequest& request);
+  void setResolution(const ResolutionState& state);
+  void runSweep();
+  void sweepNext();
+
+  ResolverKeyUnionTag resolverType_;
+  Ref<const ResolverConfig> resolverConfig_;
+  Ref<ResolverStatus> resolverStatus_;
+  bool givesBack_ = false;  ///< from the begin of the sweep on
+  bool sweeping_ = false;
+  KilnPlatform::ScanCursor<ResolverKey> sweepCursor_;
+  std::string sweepReport_;
+  std::unique_ptr<Task> sweepTask_;
+  LocalCollection<ResolverKey, KilnPlatform::Unit> resolutionInUse_;
+  NestedInput<
+      ResolverConfig::resolverComposerConfigAttr, ResolverComposerConfig::resolverRequestAttr,
+      "resolverConfig", &ResolverBase::handleRequest,
+      "from( resolverConfig.resolverComposerConfig[].resolverRequest[] ): composerType={} resolverKey={} "
+      "request={}",
+      Reaction::immediate>
+      requests_;
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,52 @@
+// Resolves VLAN domains through the VLAN-domain service.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kiln/compose/ResolverBase.h"
+#include "kiln/platform/KilnVlanDomain.h"
+
+namespace KilnEmServer {
+
+/// Success while the service has allotted a domain that is asked for, pending while it has not; it never
+/// fails. The service's configuration outlives the server: what stands in it at start is taken over, and
+/// released by the sweep where no composer asks for it.
+class ResolverVd final : public ResolverBase {
+ public:
+  ResolverVd(Ref<const ResolverConfig> resolverConfig, Ref<ResolverStatus> resolverStatus,
+             Ref<KilnVlanDomain::VlanDomainConfig> vdConfig,
+             Ref<const KilnVlanDomain::VlanDomainStatus> vdStatus, std::string name,
+             Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+  void makeRequest(const ResolverKey& resolverKey) override;
+  void deleteRequest(const ResolverKey& resolverKey) override;
+  /// Brings the resolution in line with what is asked for and what is allotted.
+  void handleStatus(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey);
+
+ protected:
+  void handleDeleteAll() override;
+
+ private:
+  void handleLeftConfig(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey, const KilnPlatform::Unit* unitOpt);
+  void handleStatusChange(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey,
+                          const std::uint16_t* vlanDomainOpt);
+
+  Ref<KilnVlanDomain::VlanDomainConfig> vdConfig_;
+  /// What an earlier server asked for.
+  Input<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig", &ResolverVd::handleLeftConfig,
+        "from( vdConfig.config[] ): vdKey={} unitOpt={}", Reaction::none>
+      leftConfig_;
+  Input<KilnVlanDomain::VlanDomainStatus::statusAttr, "vdStatus", &ResolverVd::handleStatusChange,
+        "from( vdStatus.status[] ): vdKey={} vlanDomainOpt={}">
+      vdStatus_;
+};
+
+/// Creates the resolver and starts it. Ready, it answers every request inside the call that makes it.
+Ref<ResolverVd> resolverVdFactory(Ref<const ResolverConfig> resolverConfig,
+                                  Ref<ResolverStatus> resolverStatus,
+                                  Ref<KilnVlanDomain::VlanDomainConfig> vdConfig,
+                                  Ref<const KilnVlanDomain::VlanDomainStatus> vdStatus, std::string name,
+                                  Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+
+}  // namespace KilnEmServer

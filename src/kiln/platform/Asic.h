@@ -1,0 +1,187 @@
+// The chip's table layer: ordered software tables that answer asynchronously.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/Hardware.h"
+#include "kiln/platform/InplaceFunction.h"
+#include "kiln/platform/Ref.h"
+
+namespace Asic {
+
+using KilnPlatform::Ref;
+
+/// A unit of the table layer. A FAP's unit is 0x8000 plus the low eight bits of its id, so that of all FAPs
+/// (0x7FE) is 0x80FE.
+class UnitId {
+ public:
+  constexpr explicit UnitId(std::uint16_t number) : number_(number) {}
+  static constexpr UnitId ofFap(Hardware::Kiln::FapId fapId) {
+    return UnitId(static_cast<std::uint16_t>(0x8000 | (fapId.number() & 0xFF)));
+  }
+  static constexpr UnitId allFap() { return ofFap(Hardware::Kiln::FapId::allFap()); }
+  [[nodiscard]] constexpr std::uint16_t number() const { return number_; }
+  friend auto operator<=>(const UnitId&, const UnitId&) = default;
+
+ private:
+  std::uint16_t number_;
+};
+static_assert(UnitId::allFap().number() == 0x80FE);
+
+/// What every software table shares.
+class SwTableBase {
+ public:
+  /// State of an entry in its table. Only `success_` means that the table holds (or, for a removal, no longer
+  /// holds) it.
+  enum class EntryState : std::uint8_t {
+    unknown_ = 0,
+    pending_ = 1,
+    refused_ = 2,
+    noResource_ = 3,
+    success_ = 4
+  };
+  static constexpr EntryState success() { return EntryState::success_; }
+};
+
+/// An entry that another one waits for. The server passes none.
+class DependencyEntryHandle;
+
+/// A software table whose entries the table layer orders among each other before they reach the hardware.
+class OrderedSwTable : public SwTableBase {
+ public:
+  /// The answer to one write or removal.
+  class EntryHandle {
+   public:
+    explicit EntryHandle(EntryState state) : entryState_(state) {}
+    [[nodiscard]] EntryState entryState() const { return entryState_; }
+
+   private:
+    EntryState entryState_;
+  };
+
+  /// Called once with the answer, or destroyed without a call where the table goes first. May be called from
+  /// within the operation that it was passed to, or any time later, in any order among operations.
+  using ResponseHandler = KilnPlatform::InplaceFunction<void(const Ref<const EntryHandle>&), 200>;
+
+  virtual ~OrderedSwTable() = default;
+  OrderedSwTable(const OrderedSwTable&) = delete;
+  OrderedSwTable& operator=(const OrderedSwTable&) = delete;
+
+  /// Number of entries that the table holds.
+  [[nodiscard]] virtual std::size_t size() const = 0;
+
+ protected:
+  OrderedSwTable() = default;
+};
+
+/// The operations of every table class. Operations on one key take effect in the order issued, whatever the
+/// order of their answers; an operation has taken effect when it, or a later one on its key, is answered.
+template <class TableKey, class TableEntry>
+class KilnSwTable : public OrderedSwTable {
+ public:
+  using Key = TableKey;
+  using Entry = TableEntry;
+  using Entrys = KilnPlatform::KeyedCollection<TableKey, TableEntry>;
+
+  /// Programs or overwrites the entry. The answer is other than success if the table refuses it; the table
+  /// then holds no entry under the key. Each time that a removal has been answered the server writes the
+  /// refused entry again that has waited longest, and each of them once when reconciliation has completed.
+  virtual void entryWriteWithResponseHandler(const TableKey& key, const TableEntry& entry,
+                                             const Ref<const DependencyEntryHandle>& dependency,
+                                             ResponseHandler handler) = 0;
+  /// Removes the entry. The answer is always success, also for an absent entry: a table may delay a removal,
+  /// but never refuse it. The process ends with a failed assertion if it does.
+  virtual void entryRemoveWithResponseHandler(const TableKey& key,
+                                              const Ref<const DependencyEntryHandle>& dependency,
+                                              ResponseHandler handler) = 0;
+  /// An operation on this key is likely to follow soon, and with `next` before those on other keys: a table
+  /// may fetch what it has under it. Nothing that can be observed depends on it.
+  virtual void entryExpected(const TableKey& /*key*/, bool /*next*/) {}
+  /// The current entries.
+  [[nodiscard]] virtual const Entrys& entrys() const = 0;
+  [[nodiscard]] std::size_t size() const override { return entrys().size(); }
+};
+
+// The eight table classes. Integrators derive from them.
+class IsemUntaggedKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::IsemUntaggedEntryKey, KilnTunnelNiLib::IsemUntaggedEntry> {};
+class Isem1TagKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::Isem1TagEntryKey, KilnTunnelNiLib::Isem1TagEntry> {};
+class Isem2TagKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::Isem2TagEntryKey, KilnTunnelNiLib::Isem2TagEntry> {};
+class IsemInnerEthKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::IsemInnerEthEntryKey, KilnTunnelNiLib::IsemInnerEthEntry> {};
+class IsemMplsKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::IsemMplsEntryKey, KilnTunnelNiLib::IsemMplsEntry> {};
+class EsemFodoVdKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::EsemFodoVdEntryKey, KilnTunnelNiLib::EsemFodoVdEntry> {};
+class EsemFodoKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::EsemFodoEntryKey, KilnTunnelNiLib::EsemFodoEntry> {};
+class LemVpwsAcKilnSwTable
+    : public KilnSwTable<KilnTunnelNiLib::LemVpwsAcEntryKey, KilnTunnelNiLib::LemVpwsAcEntry> {};
+
+/// Owns the ordered software tables of one table type, by unit.
+class KilnInterface {
+ public:
+  virtual ~KilnInterface() = default;
+  KilnInterface(const KilnInterface&) = delete;
+  KilnInterface& operator=(const KilnInterface&) = delete;
+
+  /// The table of a unit, or null. Which class it is of, its user finds out by a run-time type test.
+  [[nodiscard]] virtual OrderedSwTable* orderedSwTable(UnitId unit) const = 0;
+
+ protected:
+  KilnInterface() = default;
+};
+
+// The eight table interfaces: distinct types, so that none can be passed in another's place.
+class IsemUntaggedKilnInterface : public KilnInterface {};
+class Isem1TagKilnInterface : public KilnInterface {};
+class Isem2TagKilnInterface : public KilnInterface {};
+class IsemInnerEthKilnInterface : public KilnInterface {};
+class IsemMplsKilnInterface : public KilnInterface {};
+class EsemFodoVdKilnInterface : public KilnInterface {};
+class EsemFodoKilnInterface : public KilnInterface {};
+class LemVpwsAcKilnInterface : public KilnInterface {};
+
+/// Told that something about an object changed; what, it reads from the object.
+class ChangeSubscriber {
+ public:
+  virtual void handleChange() = 0;
+
+ protected:
+  ~ChangeSubscriber() = default;
+};
+
+/// State of the ordered-table layer.
+class OrderedTableStatus {
+ public:
+  virtual ~OrderedTableStatus() = default;
+  /// Whether operations have not reached the hardware yet, or have not been answered: the last refusal is to
+  /// be known before reconciliation completes.
+  [[nodiscard]] virtual bool pendingHwWrites() const = 0;
+  /// Subscribers are told of each change of the flag; they must stay alive until removed.
+  virtual void subscribe(ChangeSubscriber& subscriber) const = 0;
+  virtual void unsubscribe(ChangeSubscriber& subscriber) const = 0;
+};
+
+/// The ordered-table layer under all software tables.
+class OrderedTableInterface {
+ public:
+  virtual ~OrderedTableInterface() = default;
+  /// The software side has written everything that it wants after a restart: what was not written again may
+  /// go.
+  virtual void reconcileComplete() = 0;
+  /// Writes the pending entries to the hardware.
+  virtual void commitHwWrites() = 0;
+  /// The status that the layer exposes now, or null.
+  [[nodiscard]] virtual Ref<const OrderedTableStatus> status() const = 0;
+  /// Subscribers are told when `status` becomes another object; they must stay alive until removed.
+  virtual void subscribe(ChangeSubscriber& subscriber) const = 0;
+  virtual void unsubscribe(ChangeSubscriber& subscriber) const = 0;
+};
+
+}  // namespace Asic

@@ -1,0 +1,237 @@
+// The records through which features ask for entries and learn what became of them, per database.
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/FixedString.h"
+#include "kiln/platform/Hardware.h"
+#include "kiln/platform/Value.h"
+
+namespace KilnTunnelNiLib {
+
+/// What a feature wants of a request. A request of kind `hold` is not programmed: it is answered at once.
+enum class RequestKind : std::uint8_t { add = 0, modify = 1, hold = 2 };
+
+/// Why a status says what it says.
+inline constexpr std::uint8_t kResultFromServer = 1;
+inline constexpr std::uint8_t kResultHold = 3;
+
+// The request keys of the three databases: the same fields, distinct types.
+
+struct LemEntryKey {
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  KilnEmServer::EmComposerKey emComposerKey;
+  KILN_VALUE(KilnTunnelNiLib, LemEntryKey, fapId, localCoreId, emComposerKey)
+};
+struct IsemEntryKey {
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  KilnEmServer::EmComposerKey emComposerKey;
+  KILN_VALUE(KilnTunnelNiLib, IsemEntryKey, fapId, localCoreId, emComposerKey)
+};
+struct EsemEntryKey {
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  KilnEmServer::EmComposerKey emComposerKey;
+  KILN_VALUE(KilnTunnelNiLib, EsemEntryKey, fapId, localCoreId, emComposerKey)
+};
+inline const KilnPlatform::KeyHint& hintOf(const LemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
+inline const KilnPlatform::KeyHint& hintOf(const IsemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
+inline const KilnPlatform::KeyHint& hintOf(const EsemEntryKey& key) {
+  return key.emComposerKey.hint<0>();
+}
+
+// What features hand in with a request, per database.
+
+struct LemClientData {
+  KilnEmServer::EmEntry lemEntry;
+  KILN_VALUE(KilnTunnelNiLib, LemClientData, lemEntry)
+};
+struct IsemClientData {
+  KilnEmServer::EmEntry isemEntry;
+  KILN_VALUE(KilnTunnelNiLib, IsemClientData, isemEntry)
+};
+struct EsemClientData {
+  KilnEmServer::EmEntry esemEntry;
+  KILN_VALUE(KilnTunnelNiLib, EsemClientData, esemEntry)
+};
+
+/// One request.
+template <class ClientData>
+struct SrvConfigEntry {
+  ClientData clientData;
+  std::uint32_t requestVersion = 0;
+  RequestKind requestKind = RequestKind::add;
+  KILN_VALUE(KilnTunnelNiLib, SrvConfigEntry, clientData, requestVersion, requestKind)
+};
+using LemSrvConfigEntry = SrvConfigEntry<LemClientData>;
+using IsemSrvConfigEntry = SrvConfigEntry<IsemClientData>;
+using EsemSrvConfigEntry = SrvConfigEntry<EsemClientData>;
+
+/// The answer to one request, in the layout that the status library fixes.
+template <class EntryKey>
+struct SrvStatusEntry {
+  EntryKey key;
+  std::uint64_t reference = 0;       ///< always empty
+  std::uint32_t requestVersion = 0;  ///< the request version that this answers
+  std::uint32_t one = 1;             ///< always 1
+  KilnEmServer::EmStatus status = KilnEmServer::EmStatus::hwPending;
+  std::uint8_t result = 0;  ///< kResultFromServer or kResultHold
+  KILN_VALUE(KilnTunnelNiLib, SrvStatusEntry, key, reference, requestVersion, one, status, result)
+};
+using LemSrvStatusEntry = SrvStatusEntry<LemEntryKey>;
+using IsemSrvStatusEntry = SrvStatusEntry<IsemEntryKey>;
+using EsemSrvStatusEntry = SrvStatusEntry<EsemEntryKey>;
+
+template <class Entry>
+consteval bool statusEntryLayoutHolds() {
+  return sizeof(Entry::key) == 40 && offsetof(Entry, key) == 0 && offsetof(Entry, reference) == 40 &&
+         sizeof(Entry::reference) == 8 && offsetof(Entry, requestVersion) == 48 &&
+         sizeof(Entry::requestVersion) == 4 && offsetof(Entry, one) == 52 && sizeof(Entry::one) == 4 &&
+         offsetof(Entry, status) == 56 && sizeof(Entry::status) == 1 && offsetof(Entry, result) == 57 &&
+         sizeof(Entry::result) == 1;
+}
+static_assert(statusEntryLayoutHolds<LemSrvStatusEntry>());
+static_assert(statusEntryLayoutHolds<IsemSrvStatusEntry>());
+static_assert(statusEntryLayoutHolds<EsemSrvStatusEntry>());
+
+/// The three databases as types, for what is one design applied three times.
+struct Lem {
+  static constexpr KilnEmServer::EmType kEmType = KilnEmServer::EmType::lem;
+  static constexpr KilnPlatform::FixedString kPrefix{"lem"};
+  using EntryKey = LemEntryKey;
+  using ClientData = LemClientData;
+  static constexpr auto kEntryOfClientData = &LemClientData::lemEntry;
+};
+struct Isem {
+  static constexpr KilnEmServer::EmType kEmType = KilnEmServer::EmType::isem;
+  static constexpr KilnPlatform::FixedString kPrefix{"isem"};
+  using EntryKey = IsemEntryKey;
+  using ClientData = IsemClientData;
+  static constexpr auto kEntryOfClientData = &IsemClientData::isemEntry;
+};
+struct Esem {
+  static constexpr KilnEmServer::EmType kEmType = KilnEmServer::EmType::esem;
+  static constexpr KilnPlatform::FixedString kPrefix{"esem"};
+  using EntryKey = EsemEntryKey;
+  using ClientData = EsemClientData;
+  static constexpr auto kEntryOfClientData = &EsemClientData::esemEntry;
+};
+
+/// One feature's requests of one database, in the state store. The feature writes it, the server reads it.
+template <class Db>
+class SrvConfig {
+ public:
+  using Config =
+      KilnPlatform::KeyedCollection<typename Db::EntryKey, SrvConfigEntry<typename Db::ClientData>>;
+  explicit SrvConfig(std::unique_ptr<Config> config) : config_(std::move(config)) {}
+
+  Config& config() { return *config_; }
+  [[nodiscard]] const Config& config() const { return *config_; }
+
+  struct configAttr {
+    using Entity = SrvConfig;
+    using Key = typename Config::Key;
+    using Value = typename Config::Value;
+    static constexpr KilnPlatform::FixedString kName{"config"};
+    static Config& of(SrvConfig& entity) { return entity.config(); }
+    static const Config& of(const SrvConfig& entity) { return entity.config(); }
+  };
+
+ private:
+  std::unique_ptr<Config> config_;
+};
+using LemSrvConfig = SrvConfig<Lem>;
+using IsemSrvConfig = SrvConfig<Isem>;
+using EsemSrvConfig = SrvConfig<Esem>;
+
+/// One feature's statuses of one database, in the state store. The server writes it, the feature reads it.
+template <class Db>
+class SrvStatus {
+ public:
+  using Entry = SrvStatusEntry<typename Db::EntryKey>;
+  using Status = KilnPlatform::KeyedCollection<typename Db::EntryKey, Entry>;
+  explicit SrvStatus(std::unique_ptr<Status> status) : status_(std::move(status)) {}
+
+  Status& status() { return *status_; }
+  [[nodiscard]] const Status& status() const { return *status_; }
+  /// Inserts or replaces the entry under its own key.
+  void statusIs(const Entry& entry) { status_->is(entry.key, entry); }
+  /// The same, where the caller names the key; another one than the entry's own is an assertion failure.
+  void statusIs(const typename Db::EntryKey& key, const Entry& entry) {
+    KILN_ASSERT(entry.key == key);
+    status_->is(key, entry);
+  }
+  void statusDel(const typename Db::EntryKey& key) { status_->del(key); }
+
+  struct statusAttr {
+    using Entity = SrvStatus;
+    using Key = typename Status::Key;
+    using Value = typename Status::Value;
+    static constexpr KilnPlatform::FixedString kName{"status"};
+    static Status& of(SrvStatus& entity) { return entity.status(); }
+    static const Status& of(const SrvStatus& entity) { return entity.status(); }
+    static const Key& keyOf(const Value& value) { return value.key; }
+  };
+
+ private:
+  std::unique_ptr<Status> status_;
+};
+using LemSrvStatus = SrvStatus<Lem>;
+using IsemSrvStatus = SrvStatus<Isem>;
+using EsemSrvStatus = SrvStatus<Esem>;
+
+/// The kind of an external user of the service exact-match tables, by its number; 0 and 2 are known.
+using SemType = std::uint8_t;
+
+/// What one external user holds on one FAP and core.
+struct SemExternalUsage {
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  SemType semType = 0;
+  std::uint32_t entries = 0;
+  KILN_VALUE(KilnTunnelNiLib, SemExternalUsage, fapId, localCoreId, semType, entries)
+};
+
+/// One external user of the tables.
+struct SemCapacityExternal {
+  std::vector<SemExternalUsage> usage;
+  KILN_VALUE(KilnTunnelNiLib, SemCapacityExternal, usage)
+};
+
+/// The external users, by name.
+class SemCapacityExternalDir {
+ public:
+  using Users = KilnPlatform::KeyedCollection<std::string, SemCapacityExternal>;
+  explicit SemCapacityExternalDir(std::unique_ptr<Users> users) : users_(std::move(users)) {}
+  Users& user() { return *users_; }
+  [[nodiscard]] const Users& user() const { return *users_; }
+
+ private:
+  std::unique_ptr<Users> users_;
+};
+
+}  // namespace KilnTunnelNiLib
+
+template <>
+struct KilnPlatform::EnumNames<KilnTunnelNiLib::RequestKind> {
+  static constexpr std::string_view kTypeName = "KilnTunnelNiLib::RequestKind";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 3> kNames = {"add", "modify", "hold"};
+};

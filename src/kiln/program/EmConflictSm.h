@@ -1,0 +1,128 @@
+// Lets the highest-priority feature win each hardware key, and tells every other contender that it lost.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "kiln/program/ConflictKeySet.h"
+#include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// Files every logical key that has a hardware key under it, decides each hardware key that changed,
+/// publishes the winner as the table's desired content and a status for every loser.
+///
+/// A logical key without a hardware key has a status as well. Given the requested entries and the compose
+/// failures, that status carries the requested entry and version and is `hwFail` where the key cannot be
+/// composed, else `hwPending`; a key that is no longer requested has none. Only the insertion of `hwPending`
+/// waits for a quiet moment, so that a key that composes at once never passes through it.
+///
+/// A divergent hardware key (one chip, one core) also competes with its convergent twin (all chips, all
+/// cores): while it has contenders of its own, its content is the winner over both; without any its content
+/// is deleted. It is decided anew whenever its twin is.
+class EmConflictSm final : public Stage {
+ public:
+  /// How many runs of other tasks the insertion of a pending status waits for at most.
+  static constexpr std::uint32_t kPendingPatience = 4096;
+
+  EmConflictSm(Ref<const EmMergedEntry> emMergedEntry, Ref<EmSwTableConfig> emSwTableConfig,
+               Ref<EmConflictStatus> emConflictStatus, std::string name,
+               Ref<DependencyStatus> dependencyStatus, StageControl control,
+               Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry = nullptr,
+               Ref<const EmComposeFailureByComposerType> emComposeFailure = nullptr);
+  ~EmConflictSm() override;
+
+  /// What the handler looks up beside the key for which it is called.
+  void expect(const EmLogicalKey& emLogicalKey) const {
+    if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) {
+      expectKey(*hwKey);
+    } else if (const EmHwEntry* hwEntry = emMergedEntry_.find(emLogicalKey)) {
+      expectKey(hwEntry->emHwKey);
+    }
+  }
+
+ private:
+  /// One hardware key to be decided: a contender that came or changed, or one that left.
+  struct WorkItem {
+    const EmHwKey& hwKey;
+    bool insert;
+  };
+
+  void eventToInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
+  /// Whether the key has no hardware entry: when one that has loses it, that is a change of its own.
+  [[nodiscard]] bool unplaced(const EmLogicalKey& emLogicalKey) const {
+    return emMergedEntry_.find(emLogicalKey) == nullptr;
+  }
+  void handleRequestedEntry(const EmLogicalKey& emLogicalKey, const EmConfigEntry* entryOpt);
+  void handleComposeFailure(const EmComposerKeyUnionTag& composerType, const EmLogicalKey& emLogicalKey,
+                            const std::string* failureOpt);
+
+  void eventToConflictStatusStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
+  void eventToProcessInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
+  void processWorkItem(const WorkItem& item, const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
+  void decide(const EmHwKey& hwKey, const EmLogicalKey* changed);
+  void eventToConflictStatusStream2(const EmHwKey& hwKey,
+                                    const std::optional<EmLogicalKeyAndEntry>& logicalKeyAndEntryOpt,
+                                    const EmLogicalKey* previousWinner, const EmLogicalKey* changed);
+  void writeContenderStatus(const EmHwKey& hwKey, const EmLogicalKey& winner, const EmLogicalKey& contender);
+  void traceContenders(const EmHwKey& hwKey) const;
+
+  void decideUnplaced(const EmLogicalKey& emLogicalKey);
+  void writeUnplaced(const EmLogicalKey& emLogicalKey, const EmConfigEntry& entry, EmStatus status);
+  [[nodiscard]] const std::string* failureOf(const EmLogicalKey& emLogicalKey) const;
+  void insertPending();
+  void handleInitialized() override;
+  void handleDeleteAll() override;
+
+  Input<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", &EmConflictSm::eventToInputStream,
+        "inputStream = from( emMergedEntry.emMergedEntry[] ): emLogicalKey={}">
+      emMergedEntry_;
+  using RequestedEntryInput =
+      Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
+            &EmConflictSm::handleRequestedEntry,
+            "requestStream = from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emLogicalKey={}",
+            Reaction::queued, &EmConflictSm::unplaced, nullptr>;
+  std::optional<RequestedEntryInput> emLogicalKeyToEntry_;
+  using ComposeFailureInput = NestedInput<
+      EmComposeFailureByComposerType::configAttr, EmComposeFailure::failureAttr, "emComposeFailure",
+      &EmConflictSm::handleComposeFailure,
+      "failureStream = from( emComposeFailure.config[].failure[] ): composerType={} emLogicalKey={}">;
+  std::optional<ComposeFailureInput> emComposeFailure_;
+
+  ConflictKeySet conflictKeySet_;
+  Cache<EmLogicalKey, EmHwKey> cacheAttr0_;
+  Output<EmSwTableConfig::configAttr, "emSwTableConfig", "hwKey"> emSwTableConfig_;
+  Output<EmConflictStatus::statusAttr, "emConflictStatus", "emLogicalKey", KeyMismatch::report>
+      emConflictStatus_;
+
+  /// Keys that may need a pending status; each is judged anew when its turn comes.
+  class Waiting final : public LocalState {
+   public:
+    explicit Waiting(Stage& stage) : LocalState(stage, "waiting") {}
+    PendingKeys<EmLogicalKey> keys;
+    [[nodiscard]] std::size_t size() const override { return keys.size(); }
+    void clear() override { keys.clear(); }
+    void noteState(StateDigest& digest) const override {
+      keys.forEach([&](const EmLogicalKey& emKey, Arrival /*arrival*/) { digest.add(emKey); });
+    }
+  };
+  Waiting waiting_;
+  std::unique_ptr<Task> pendingTask_;
+};
+
+Ref<EmConflictSm> emConflictSmFactory(Ref<const EmMergedEntry> emMergedEntry,
+                                      Ref<EmSwTableConfig> emSwTableConfig,
+                                      Ref<EmConflictStatus> emConflictStatus, std::string name,
+                                      Ref<DependencyStatus> dependencyStatus, StageControl control,
+                                      Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry = nullptr,
+                                      Ref<const EmComposeFailureByComposerType> emComposeFailure = nullptr);
+
+}  // namespace KilnEmServer

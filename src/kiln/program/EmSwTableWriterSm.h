@@ -1,0 +1,184 @@
+// Turns the desired content of one table into writes and removals, and the table's answers into statuses.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "kiln/platform/Asic.h"
+#include "kiln/program/RefusedKeys.h"
+#include "kiln/program/WrittenKeys.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// What a writer does beyond writing.
+struct SwTableWriterOptions {
+  /// The room of the physical table, which its writers share. Writes that the table refused and that are
+  /// still wanted are written again: the first refused first, one each time that something left the physical
+  /// table, and all of them once when retryRefused() is called. Without it a refused write stays refused
+  /// until its hardware key's wanted content changes.
+  Ref<TableRoom> retryRoom;
+  /// Where to publish for which logical keys the table holds entries, or may come to; null for nowhere.
+  Ref<EmWrittenKeys> emWrittenKeys;
+};
+
+/// The base of the eight table writers. Every writer sees every key of the shared configuration and keeps
+/// only those of its own table. A newer request for a key supersedes an outstanding one; the older one's
+/// answer is recognised by its version and dropped.
+class EmSwTableWriterSm : public Stage,
+                          public KeyFollower<EmHwKey>,
+                          public std::enable_shared_from_this<EmSwTableWriterSm>,
+                          private RefusedKeys::Retrying {
+ public:
+  using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
+  using EntryState = Asic::SwTableBase::EntryState;
+  using EntryHandleRef = Ref<const Asic::OrderedSwTable::EntryHandle>;
+
+  ~EmSwTableWriterSm() override;
+
+  [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override {
+    collections.push_back(KilnPlatform::addressOf(std::as_const(*emSwTableStatus_).status()));
+    return Stage::addReads(collections);
+  }
+
+  /// Programs or overwrites the entry; calls `handler` once with the table's answer. Throws std::range_error,
+  /// without a call of `handler`, where key or entry is not one of this writer's table.
+  virtual void writeTableEntry(const EmHwKey& hwKey, const EmEntry& entry, ResponseHandler handler);
+  /// Removes the entry; calls `handler` once when done. Throws like writeTableEntry.
+  virtual void deleteTableEntry(const EmHwKey& hwKey, ResponseHandler handler);
+  /// Number of entries that this writer's table holds on that FAP and core.
+  [[nodiscard]] virtual std::uint32_t numEntries(Hardware::Kiln::FapId fapId,
+                                                 Hardware::Kiln::LocalCoreId localCoreId) const;
+  /// Reconciliation has completed: refused writes are written again, each once, also those whose refusal is
+  /// not known yet.
+  void retryRefused();
+  /// Subscribers are told after each operation that the table was asked for, and after each answer; they must
+  /// stay alive until removed.
+  void subscribe(Asic::ChangeSubscriber& subscriber) const { operationSubscribers_.push_back(&subscriber); }
+  void unsubscribe(Asic::ChangeSubscriber& subscriber) const {
+    std::erase(operationSubscribers_, &subscriber);
+  }
+  /// A request for the key will be handled soon. What its table has under it is fetched ahead.
+  void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
+  void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
+
+  /// Describes what an answer that a table owes will do: to `digest`, with the state of the writer that it is
+  /// for. False if the handler is not a writer's.
+  static bool noteAnswer(StateDigest& digest, const ResponseHandler& handler);
+  /// The hardware key of the operation that the handler waits for; null if the handler is not a writer's.
+  [[nodiscard]] static const EmHwKey* keyOf(const ResponseHandler& handler);
+
+ protected:
+  EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType, Ref<const EmSwTableConfig> emSwTableConfig,
+                    Ref<EmSwTableStatus> emSwTableStatus, std::string name,
+                    Ref<DependencyStatus> dependencyStatus, StageControl control,
+                    SwTableWriterOptions options);
+
+  void handleInitialized() override;
+  void handleDeleteAll() override;
+  /// Announces the key to the table, where it is one of this writer's.
+  virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
+
+ private:
+  /// One operation that the table was asked for.
+  struct Issued {
+    std::uint32_t version = 0;      ///< among its hardware key's operations of the same kind
+    OperationNumber operation = 0;  ///< among all of this writer
+    std::uint32_t moment = 0;       ///< RefusedKeys::moment() when it was issued
+  };
+  // What waits for the answer of a write, of a removal, and of the removal that takes the place of a write.
+  struct WriteHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    EmLogicalKeyAndEntry logicalKeyAndEntry;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  struct DeleteHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  struct UnwritableHandler {
+    std::weak_ptr<EmSwTableWriterSm> writer;
+    EmHwKey hwKey;
+    EmLogicalKeyAndEntry logicalKeyAndEntry;
+    Issued issued;
+    void operator()(const EntryHandleRef& handle) const;
+  };
+  /// Calls `visitor(handler)` with the handler by its type; false if it is of none of them.
+  template <class Visitor>
+  static bool visit(const ResponseHandler& handler, Visitor&& visitor);
+  [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
+    return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
+  }
+  void handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
+  void handleLeftStatus(const EmHwKey& hwKey, const EmSwTableStatusEntry* status);
+  void handleDivergent(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry);
+  void requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry);
+  void removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                        const Issued& issued);
+  void requestDelete(const EmHwKey& hwKey);
+  void retry(const EmHwKey& hwKey) override;
+  [[nodiscard]] Issued issue(std::uint32_t version);
+  void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
+                           const EmLogicalKeyAndEntry& logicalKeyAndEntry, const Issued& issued);
+  /// True if the answer is for the latest write of a key that is still wanted, and so took effect.
+  bool takeWriteAnswer(bool success, const EmHwKey& answered, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                       const Issued& issued);
+  void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, const Issued& issued);
+  void noteDeparture();
+  void tellOperation() const;
+  void writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
+                   EmHwKeyStatus::State state);
+
+  /// The latest issued version per hardware key, of one kind of request; 0 for a key without one.
+  class Versions final : public LocalState {
+   public:
+    Versions(Stage& stage, std::string_view name) : LocalState(stage, name) { stage.companionIs(latest_); }
+    /// Issues the next version for the key; the counter skips 0.
+    std::uint32_t issue(const EmHwKey& hwKey);
+    [[nodiscard]] std::uint32_t latest(const EmHwKey& hwKey) const;
+    void del(const EmHwKey& hwKey) { latest_.del(hwKey); }
+    [[nodiscard]] std::size_t size() const override { return latest_.size(); }
+    void clear() override { latest_.clear(); }
+    /// Which of the unanswered operations has the latest version is described with these.
+    void noteState(StateDigest& digest) const override {
+      digest.unordered([&](auto&& item) {
+        latest_.forEach([&](const EmHwKey& hwKey, std::uint32_t /*version*/) { item(hwKey); });
+      });
+    }
+
+   private:
+    std::uint32_t counter_ = 0;
+    LocalMap<EmHwKey, std::uint32_t> latest_;
+  };
+
+  EmResolvedKeyUnionTag emResolvedKeyType_;
+  Input<EmSwTableConfig::configAttr, "emSwTableConfig", &EmSwTableWriterSm::handleRequest,
+        "from( emSwTableConfig.config[] ): hwKey={}", Reaction::queued, &EmSwTableWriterSm::isOwn>
+      emSwTableConfig_;
+  /// What stood in the status before this writer came, and is wanted no more, is removed from the table.
+  Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableWriterSm::handleLeftStatus,
+        "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none>
+      leftStatus_;
+  Ref<EmSwTableStatus> emSwTableStatus_;
+  Versions keyLatestWriteVersion_;
+  Versions keyLatestDeleteVersion_;
+  WrittenKeys writtenKeys_;
+  Ref<EmWrittenKeys> emWrittenKeys_;
+  OperationNumber operations_ = 0;
+  std::uint64_t answers_ = 0;  ///< that took effect on a status
+  std::optional<RefusedKeys> refusedKeys_;
+  mutable std::vector<Asic::ChangeSubscriber*> operationSubscribers_;
+};
+
+}  // namespace KilnEmServer

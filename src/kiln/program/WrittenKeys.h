@@ -1,0 +1,63 @@
+// For which logical keys a table holds entries, or may come to hold some.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/LocalState.h"
+
+namespace KilnEmServer {
+
+/// The number of an operation among all that one writer issued, from 1. An entry keeps that of its write for
+/// as long as it is stored, so it must not wrap around.
+using OperationNumber = std::uint64_t;
+
+/// Follows one table's operations and publishes for which logical keys it holds an entry, or was asked to
+/// write one. A table applies the operations on one hardware key in the order issued, so an answer says that
+/// every earlier operation on the key has been applied, and overtaken.
+class WrittenKeys final : public LocalState {
+ public:
+  /// Follows nothing if `emWrittenKeys` is null.
+  WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys);
+
+  /// An entry of `emLogicalKey` is about to be written under `hwKey`.
+  void written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation);
+  /// The table answered an operation on `hwKey`; `holds` if that was a write and succeeded.
+  void answered(const EmHwKey& hwKey, OperationNumber operation, bool holds);
+
+  [[nodiscard]] std::size_t size() const override { return owners_.size(); }
+  void clear() override { owners_.clear(); }
+  void noteState(StateDigest& digest) const override;
+  /// Describes what the answer of an operation on `hwKey` will say of those for which it may hold entries.
+  void noteOperation(StateDigest& digest, const EmHwKey& hwKey, OperationNumber operation) const;
+
+ private:
+  /// A logical key whose entry is, or may be, stored under a hardware key.
+  struct Owner {
+    KeyHold<EmLogicalKey> emLogicalKey;
+    OperationNumber last = 0;  ///< its latest write
+  };
+  /// Mostly there is one; a second one follows while a key's owner changes, seldom more.
+  struct Owners {
+    Owner first;
+    Owner second;
+    std::unique_ptr<std::vector<Owner>> others;  ///< only if there is a second
+  };
+
+  template <class Visitor>
+  static void forEachOwner(const Owners& owners, Visitor&& visit);
+  [[nodiscard]] static Owner* find(Owners& owners, const EmLogicalKey& emLogicalKey);
+  void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
+  void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);
+  /// One of those beside the first two, which it is no longer; none if there is none.
+  [[nodiscard]] static Owner takeOther(Owners& owners);
+  void count(const EmLogicalKey& emLogicalKey, bool more);
+
+  Ref<EmWrittenKeys> emWrittenKeys_;
+  LocalMap<EmHwKey, Owners> owners_;
+};
+
+}  // namespace KilnEmServer

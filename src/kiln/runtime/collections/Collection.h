@@ -1,0 +1,372 @@
+// The server's keyed collections. Behind their names stand implementations by handle for use, and an ordered
+// one for a test build that shows that no stage depends on the representation.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/Column.h"
+#include "kiln/runtime/collections/HandleIndex.h"
+#include "kiln/runtime/collections/KeySpace.h"
+#include "kiln/runtime/collections/PagedArray.h"
+#include "kiln/runtime/trace/Trace.h"
+
+namespace KilnEmServer {
+
+using KilnPlatform::KeyChannels;
+using KilnPlatform::KeyedCollection;
+using KilnPlatform::KeySubscriber;
+using KilnPlatform::ScanCursor;
+
+/// The subscribers of one collection. Subscribers may come and go while they are being notified: one that
+/// goes is not called any more, one that comes is called from the next change on. A change is told to those
+/// who want its key's channel, in the order in which they came.
+template <class K>
+class SubscriberList {
+ public:
+  ~SubscriberList() {
+    if (lists_ == nullptr) return;
+    for (const auto* subscriber : lists_->told[kAll]) KILN_ASSERT(subscriber == nullptr);
+  }
+
+  void add(KeySubscriber<K>& subscriber) {
+    if (lists_ == nullptr) lists_ = std::make_unique<Lists>();
+    for (std::size_t channel = 0; channel < kAll; ++channel) {
+      if (subscriber.wantsChannel(channel)) lists_->told[channel].push_back(&subscriber);
+    }
+    lists_->told[kAll].push_back(&subscriber);
+  }
+  void remove(KeySubscriber<K>& subscriber) {
+    if (lists_ == nullptr) return;
+    for (List& list : lists_->told) {
+      std::replace(list.begin(), list.end(), &subscriber, static_cast<KeySubscriber<K>*>(nullptr));
+    }
+    eraseGone(*lists_);
+  }
+  /// `key` outlives the call, whatever the subscribers do.
+  void notify(const K& key) {
+    if (lists_ != nullptr) notifyOf(*lists_, key);
+  }
+  /// The same for the key of a handle, which stays in use meanwhile.
+  void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
+    if (lists_ == nullptr) return;
+    const KeyUse<K> changed = KeyUse<K>::another(keys, handle);
+    notifyOf(*lists_, changed.key());
+  }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const {
+    if (lists_ == nullptr) return false;
+    const List& told = lists_->told[KeyChannels<K>::of(key)];
+    return std::any_of(told.begin(), told.end(), [&](const KeySubscriber<K>* subscriber) {
+      return subscriber != nullptr && subscriber->changeWaits(key);
+    });
+  }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetAll() { lists_.reset(); }
+
+ private:
+  static constexpr std::size_t kAll = KeyChannels<K>::kCount;  ///< index of the list of all
+  using List = std::vector<KeySubscriber<K>*>;
+  /// Made with the first subscriber: most collections of small ones have none.
+  struct Lists {
+    std::array<List, kAll + 1> told;
+    int depth = 0;
+    bool gone = false;  ///< whether a subscriber went while others were being notified
+  };
+
+  static void notifyOf(Lists& lists, const K& key) {
+    List& told = lists.told[KeyChannels<K>::of(key)];
+    if (TraceFacility::detailed()) [[unlikely]]
+      traceUnwanted(lists, told, key);
+    if (told.size() == 1) {  // as mostly: nothing is looked at after the call
+      if (told.front() != nullptr) told.front()->handleChange(key);
+    } else if (!told.empty()) {
+      notifyAll(lists, told, key);
+    }
+  }
+  [[gnu::cold]] [[gnu::noinline]] static void traceUnwanted(const Lists& lists, const List& told,
+                                                            const K& key) {
+    for (const KeySubscriber<K>* subscriber : lists.told[kAll]) {
+      const bool wanted = std::find(told.begin(), told.end(), subscriber) != told.end();
+      if (subscriber != nullptr && !wanted) subscriber->traceUnwanted(key);
+    }
+  }
+  [[gnu::noinline]] static void notifyAll(Lists& lists, const List& told, const K& key) {
+    ++lists.depth;
+    const std::size_t count = told.size();
+    for (std::size_t i = 0; i < count; ++i) {
+      if (told[i] != nullptr) told[i]->handleChange(key);
+    }
+    --lists.depth;
+    if (lists.gone) [[unlikely]]
+      eraseGone(lists);
+  }
+  [[gnu::noinline]] static void eraseGone(Lists& lists) {
+    lists.gone = lists.depth != 0;
+    if (lists.gone) return;
+    for (List& list : lists.told) std::erase(list, nullptr);
+  }
+
+  std::unique_ptr<Lists> lists_;
+};
+
+/// A collection that files its values by the key's handle, for one that holds most keys that its readers and
+/// writers know. A walk goes from the least handle up; an entry never moves.
+template <class K, class V>
+class ColumnCollection final : public KeyedCollection<K, V> {
+ public:
+  /// Keys that this collection is the first to hold join `group`, unless their type has groups of its own.
+  explicit ColumnCollection(std::size_t group = 0) : group_(group) { keys_.columnIs(values_); }
+  ~ColumnCollection() override {
+    keys_.columnDel(values_);
+    for (auto handle = values_.next(0); handle != Values::kNone; handle = values_.next(handle + 1)) {
+      keys_.release(handle);
+    }
+  }
+
+  [[nodiscard]] const V* find(const K& key) const override {
+    const auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
+    return handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
+  }
+  [[nodiscard]] std::size_t size() const override { return values_.size(); }
+
+  bool is(const K& key, const V& value) override {
+    const auto handle = keys_.obtain(key, group_, [this](auto candidate) { values_.prefetch(candidate); });
+    V* present = values_.find(handle);
+    if (present == nullptr) {
+      keys_.useLast();
+      values_.emplace(handle, value);
+    } else {
+      if (*present == value) return false;
+      *present = value;
+    }
+    subscribers_.notify(keys_, handle);
+    return true;
+  }
+
+  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
+  void isAgain(const K& key, const V& value) {
+    if (is(key, value)) return;
+    const auto handle = keys_.find(key);
+    *values_.find(handle) = value;
+    subscribers_.notify(keys_, handle);
+  }
+
+  bool del(const K& key) override {
+    const auto handle = keys_.find(key);
+    if (handle == KeySpace<K>::kNone || values_.find(handle) == nullptr) return false;
+    values_.erase(handle);
+    subscribers_.notify(keys_, handle);
+    keys_.release(handle);
+    return true;
+  }
+
+  const K* scanNext(ScanCursor<K>& cursor) const override {
+    auto handle = values_.next(cursor.index);
+    if constexpr (requires(const K& key) { keyGroup(key); }) {
+      while (handle < cursor.unwantedBefore && (cursor.unwanted >> keys_.groupAt(handle) & 1) != 0) {
+        handle = values_.next(keys_.pageAfter(handle));
+      }
+    }
+    if (handle == Values::kNone) return nullptr;
+    cursor.index = handle + std::size_t{1};
+    keys_.expect(handle);
+    return &keys_.key(handle);
+  }
+
+  void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
+  [[nodiscard]] const ColumnPlaces& places() const { return values_; }
+  /// The columns into which subscribers look inside each change; see Input::changesLookInto.
+  [[nodiscard]] ColumnList& lookedIntoOnChange() const { return lookedIntoOnChange_; }
+
+  void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetSubscribers() const { subscribers_.forgetAll(); }
+
+ private:
+  using Values = Column<V>;
+
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  std::size_t group_;
+  Values values_;
+  mutable SubscriberList<K> subscribers_;
+  mutable ColumnList lookedIntoOnChange_;
+};
+
+/// A collection whose entries lie in one array, found by the key's handle, for one that holds few of the keys
+/// that its readers and writers know. A deletion moves the last entry into the hole. A walk goes from the
+/// array's end to its begin: an entry only ever moves to a lower place, so what was not visited yet stays
+/// ahead of the cursor.
+template <class K, class V>
+class DenseCollection final : public KeyedCollection<K, V> {
+ public:
+  DenseCollection() = default;
+  ~DenseCollection() override {
+    for (std::size_t at = 0; at < entries_.size(); ++at) keys_.release(entries_[at].handle);
+  }
+
+  [[nodiscard]] const V* find(const K& key) const override {
+    if (entries_.empty()) return nullptr;
+    const std::uint32_t place = placeOf(keys_.find(key));
+    return place == kNone ? nullptr : &entries_[place].value;
+  }
+  [[nodiscard]] std::size_t size() const override { return entries_.size(); }
+
+  bool is(const K& key, const V& value) override {
+    const std::uint32_t handle = keys_.obtain(key, 0, [](auto) {});
+    const std::uint32_t place = placeOf(handle);
+    if (place == kNone) {
+      keys_.useLast();
+      places_.insert(hashOf(handle), static_cast<std::uint32_t>(entries_.size()));
+      entries_.emplace_back(handle, value);
+    } else {
+      V& present = entries_[place].value;
+      if (present == value) return false;
+      present = value;
+    }
+    subscribers_.notify(keys_, handle);
+    return true;
+  }
+
+  bool del(const K& key) override {
+    if (entries_.empty()) return false;
+    const std::uint32_t handle = keys_.find(key);
+    const std::uint32_t place = placeOf(handle);
+    if (place == kNone) return false;
+    places_.erase(hashOf(handle), place);
+    if (const auto last = static_cast<std::uint32_t>(entries_.size() - 1); place != last) {
+      const std::uint32_t moved = hashOf(entries_[last].handle);
+      places_.erase(moved, last);
+      places_.insert(moved, place);
+      entries_[place] = std::move(entries_[last]);
+    }
+    entries_.pop_back();
+    if (entries_.empty()) places_.clear();
+    subscribers_.notify(keys_, handle);
+    keys_.release(handle);
+    return true;
+  }
+
+  const K* scanNext(ScanCursor<K>& cursor) const override {
+    if (!cursor.started) {
+      cursor.started = true;
+      cursor.index = entries_.size();
+    }
+    if (cursor.index > entries_.size()) cursor.index = entries_.size();
+    if (cursor.index == 0) return nullptr;
+    const std::uint32_t handle = entries_[--cursor.index].handle;
+    keys_.expect(handle);
+    return &keys_.key(handle);
+  }
+
+  void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetSubscribers() const { subscribers_.forgetAll(); }
+
+ private:
+  static constexpr std::uint32_t kNone = HandleIndex::kNone;
+  struct Entry {
+    std::uint32_t handle;
+    [[no_unique_address]] V value;
+  };
+  /// Spreads handles, which are dense, over the whole range.
+  static std::uint32_t hashOf(std::uint32_t handle) { return handle * 0x9E3779B1U; }
+  [[nodiscard]] std::uint32_t placeOf(std::uint32_t handle) const {
+    if (handle == kNone || entries_.empty()) return kNone;
+    return places_.find(hashOf(handle),
+                        [&](std::uint32_t place) { return entries_[place].handle == handle; });
+  }
+
+  KeySpace<K>& keys_ = KeySpace<K>::instance();
+  PagedArray<Entry> entries_;
+  HandleIndex places_;
+  mutable SubscriberList<K> subscribers_;
+};
+
+/// The second implementation: kept sorted by key, walked from the least key up.
+template <class K, class V>
+class OrderedCollection final : public KeyedCollection<K, V> {
+ public:
+  explicit OrderedCollection(std::size_t /*group*/ = 0) {}
+
+  [[nodiscard]] const V* find(const K& key) const override {
+    const auto at = entries_.find(key);
+    return at == entries_.end() ? nullptr : &at->second;
+  }
+  [[nodiscard]] std::size_t size() const override { return entries_.size(); }
+
+  bool is(const K& key, const V& value) override {
+    const auto [at, inserted] = entries_.try_emplace(key, value);
+    if (!inserted) {
+      if (at->second == value) return false;
+      at->second = value;
+    }
+    const K changed = at->first;
+    subscribers_.notify(changed);
+    return true;
+  }
+
+  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
+  void isAgain(const K& key, const V& value) {
+    if (is(key, value)) return;
+    const K changed = key;
+    entries_.find(key)->second = value;
+    subscribers_.notify(changed);
+  }
+
+  bool del(const K& key) override {
+    const K deleted = key;
+    if (entries_.erase(key) == 0) return false;
+    subscribers_.notify(deleted);
+    return true;
+  }
+
+  const K* scanNext(ScanCursor<K>& cursor) const override {
+    const auto at = cursor.last ? entries_.upper_bound(*cursor.last) : entries_.begin();
+    if (at == entries_.end()) return nullptr;
+    cursor.last = at->first;
+    return &at->first;
+  }
+
+  void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
+  void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
+  /// Whether a subscriber has a change of the key still to handle.
+  [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
+  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  void forgetSubscribers() const { subscribers_.forgetAll(); }
+
+ private:
+  std::map<K, V> entries_;
+  mutable SubscriberList<K> subscribers_;
+};
+
+/// `Collection` is for what holds most keys that are known where it is used, `SparseCollection` for what
+/// holds few of them.
+#ifdef KILN_ORDERED_COLLECTIONS
+template <class K, class V>
+using Collection = OrderedCollection<K, V>;
+template <class K, class V>
+using SparseCollection = OrderedCollection<K, V>;
+#else
+template <class K, class V>
+using Collection = ColumnCollection<K, V>;
+template <class K, class V>
+using SparseCollection = DenseCollection<K, V>;
+#endif
+
+}  // namespace KilnEmServer

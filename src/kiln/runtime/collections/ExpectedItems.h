@@ -1,0 +1,53 @@
+// Lists of keys that are looked up one after the other in one collection.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <utility>
+
+#include "kiln/runtime/collections/KeySpace.h"
+
+namespace KilnEmServer {
+
+/// Calls `visit(item)` for each item of a list, in its order. What `collection` has under the key of an item,
+/// `keyOf(item)`, is fetched into the cache before its turn comes.
+template <class C, class Item, class KeyOf, class Visit>
+void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& keyOf, Visit&& visit) {
+  using Keys = KeySpace<typename C::Key>;
+  constexpr std::size_t kTogether = 64;  // few enough that what was fetched is still there
+  const Keys& keys = Keys::instance();
+  std::array<std::uint32_t, kTogether> hashes;
+  while (!items.empty()) {
+    const auto some = items.first(std::min(items.size(), kTogether));
+    items = items.subspan(some.size());
+    for (std::size_t at = 0; at < some.size(); ++at) hashes[at] = keys.expectInIndex(keyOf(some[at]));
+    for (std::size_t at = 0; at < some.size(); ++at) {
+      const auto handle = keys.expectFound(hashes[at], keyOf(some[at]));
+      if (handle != Keys::kNone) collection.prefetch(handle);
+    }
+    for (const Item& item : some) visit(item);
+  }
+}
+
+/// Announces the keys of a collection one by one, each some time before it will be looked up: its place in
+/// the index is fetched at once, what is stored of it when another one is announced, or where it is `next`;
+/// of the last one of a list it is not.
+template <class C>
+class ExpectedKeys {
+ public:
+  void expect(const C& collection, const typename C::Key& key, bool next) {
+    using Keys = KeySpace<typename C::Key>;
+    const Keys& keys = Keys::instance();
+    const std::uint32_t hash = keys.expectInIndex(key);
+    const auto handle = keys.expectFound(next ? hash : std::exchange(hash_, hash));
+    if (handle != Keys::kNone) collection.prefetch(handle);
+  }
+
+ private:
+  std::uint32_t hash_ = 0;  ///< of the key that was announced last
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,394 @@
+// Keys by handle. A key that stands in several collections is stored and hashed once; each collection files
+// its values under the key's handle.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/AlwaysInline.h"
+#include "kiln/runtime/collections/Column.h"
+#include "kiln/runtime/collections/FetchAhead.h"
+#include "kiln/runtime/collections/HandleIndex.h"
+#include "kiln/runtime/collections/KeyFollower.h"
+#include "kiln/runtime/collections/PageArena.h"
+
+namespace KilnEmServer {
+
+template <class K>
+class KeyUse;
+
+/// All keys of one type that stand in any collection or pending list of this thread. A handle is valid as
+/// long as somebody holds a use of it.
+///
+/// Handles are dealt out in pages of kPerPage, each to keys of one group only: keys that stand in the same
+/// collections lie side by side there.
+template <class K>
+class KeySpace {
+ public:
+  using Handle = std::uint32_t;
+  static constexpr Handle kNone = HandleIndex::kNone;
+  static constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
+
+  /// This thread's space. It lives as long as the thread, so that collections of any lifetime may use it.
+  static KeySpace& instance() {
+    static thread_local auto* const space = new KeySpace;
+    return *space;
+  }
+
+  /// The handle of a key, or kNone where nobody uses the key; where keys are many, one that was used until
+  /// recently may still have a handle, which nothing stands under. `expectAt(handle)` is called with each
+  /// handle that is likely to be the key's, before that is certain.
+  template <class ExpectAt>
+  [[nodiscard]] Handle find(const K& key, ExpectAt expectAt) const {
+    // Mostly it is the very object that was looked up last.
+    if (&key == &lastSlot_->key) [[likely]]
+      return last_;
+    return findOther(key, expectAt);
+  }
+  [[nodiscard]] Handle find(const K& key) const {
+    return find(key, [](Handle) {});
+  }
+  /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
+  /// gives, or `group` where its type has none.
+  Handle acquire(const K& key, std::size_t group = 0) {
+    obtain(key, group, [](Handle) {});
+    ++lastSlot_->uses;
+    return last_;
+  }
+  /// The same without a use more: who gets the handle of a key that nobody used takes one at once.
+  template <class ExpectAt>
+  Handle obtain(const K& key, std::size_t group, ExpectAt expectAt) {
+    if (&key != &lastSlot_->key) [[unlikely]]
+      findOrAdd(key, group, expectAt);
+    return last_;
+  }
+  /// One more use of the handle that was looked up last, and found or added.
+  void useLast() { ++lastSlot_->uses; }
+  /// Gives a use back. With the last one the handle is free, or soon will be.
+  void release(Handle handle) { release(slot(handle), handle); }
+  /// The key of a handle that is in use; stays where it is as long as it is used.
+  [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
+  /// The key is about to be looked up in several collections.
+  void expect(Handle handle) const { expect(slot(handle), handle); }
+  /// A key that nobody has in hand will be looked up: fetches where the index has it. Returns what
+  /// expectFound takes, when that is there.
+  [[nodiscard]] std::uint32_t expectInIndex(const K& key) const {
+    const std::uint32_t hash = hashOf(key);
+    index_.prefetch(hash);
+    return hash;
+  }
+  /// Fetches what is likely to be stored of the key. Returns its handle, likewise likely, or kNone where
+  /// nobody uses the key.
+  Handle expectFound(std::uint32_t hash, const K& key) const {
+    const Handle likely = expectFound(hash);
+    if (likely != kNone) hintAt(key, likely);
+    return likely;
+  }
+  Handle expectFound(std::uint32_t hash) const {
+    const Handle likely = index_.find(hash, [](Handle) { return true; });
+    if (likely != kNone) prefetch(likely);
+    return likely;
+  }
+  /// Fetches the key into the cache.
+  void prefetch(Handle handle) const {
+    if (mayBeInUse(handle)) prefetchUsed(handle);
+  }
+  /// The same of a handle that is in use.
+  KILN_ALWAYS_INLINE void prefetchUsed(Handle handle) const {
+    const Slot& expected = slot(handle);
+    fetchAhead(&expected);
+    fetchAhead(&expected.uses);
+  }
+  /// Fetches what followers have under the key, and any column, where the key remembers its place.
+  void prefetchEverywhere(const K& key) const {
+    const Handle handle = hintOf(key).handle();
+    if (mayBeInUse(handle)) {
+      prefetch(handle);
+      columns_.prefetch(handle);
+    }
+    for (const KeyFollower<K>* follower : followers_) follower->expectNow(key);
+  }
+  /// A column by handles of this space, for prefetchEverywhere.
+  void columnIs(const ColumnPlaces& column) { columns_.add(column); }
+  void columnDel(const ColumnPlaces& column) { columns_.remove(column); }
+  /// One who is told of such keys, too; to be taken out before it goes.
+  void followerIs(const KeyFollower<K>& follower) { followers_.push_back(&follower); }
+  void followerDel(const KeyFollower<K>& follower) { std::erase(followers_, &follower); }
+  /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
+  [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
+  [[nodiscard]] static Handle pageAfter(Handle handle) {
+    return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
+  }
+  /// Keys in use; where they are many, some that were until now are among them.
+  [[nodiscard]] std::size_t size() const { return index_.size(); }
+  /// Whether what they have is too much to be in the cache.
+  [[nodiscard]] bool many() const { return index_.size() >= kMany; }
+
+ private:
+  struct Slot {
+    K key{};
+    std::uint32_t hash = 0;
+    std::uint32_t uses = 0;
+  };
+  using Slots = std::array<Slot, kPerPage>;
+  struct PageUse {
+    std::uint32_t group;
+    std::uint32_t nextWithRoom = kNone;                     ///< page of the group
+    std::array<std::uint64_t, kPerPage / 64> handles = {};  ///< a bit for each that is in use
+
+    [[nodiscard]] bool empty() const {
+      std::uint64_t any = 0;
+      for (const std::uint64_t word : handles) any |= word;
+      return any == 0;
+    }
+    [[nodiscard]] bool full() const {
+      std::uint64_t all = ~std::uint64_t{0};
+      for (const std::uint64_t word : handles) all &= word;
+      return ~all == 0;
+    }
+    /// Takes the least handle that is not in use; there must be one.
+    std::uint32_t take() {
+      std::size_t word = 0;
+      while (~handles[word] == 0) ++word;
+      const auto bit = static_cast<unsigned>(std::countr_one(handles[word]));
+      handles[word] |= std::uint64_t{1} << bit;
+      return static_cast<std::uint32_t>(word * 64 + bit);
+    }
+    void give(std::uint32_t handle) { handles[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
+  };
+
+  static constexpr std::size_t kMany = 4096;
+  /// In the uses of a handle that stands in `retired_`.
+  static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
+  /// Whether keys remember where they were found.
+  static constexpr bool kHinted = requires(const K& key) { hintOf(key); };
+
+  friend class KeyUse<K>;
+
+  KeySpace() = default;
+
+  KILN_ALWAYS_INLINE void release(Slot& released, Handle handle) {
+    KILN_ASSERT((released.uses & ~kRetired) != 0);
+    if (--released.uses == 0) [[unlikely]]
+      retire(handle);
+  }
+  void expect(Slot& expected, Handle handle) const {
+    last_ = handle;
+    lastSlot_ = &expected;
+  }
+  static std::uint32_t hashOf(const K& key) {
+    return static_cast<std::uint32_t>(KilnPlatform::hashValue(key));
+  }
+  [[nodiscard]] Slot& slot(Handle handle) const { return (*pages_[handle / kPerPage])[handle % kPerPage]; }
+  /// Whether any handle of the page is in use.
+  [[nodiscard]] bool mayBeInUse(Handle handle) const {
+    return handle / kPerPage < pages_.size() && pages_[handle / kPerPage] != nullptr;
+  }
+  template <class ExpectAt>
+  [[gnu::noinline]] Handle findOther(const K& key, ExpectAt expectAt) const {
+    if (isWhereHinted(key) || isLast(key)) return last_;
+    return lookUp(hashOf(key), key, expectAt);
+  }
+  /// The key is the one that was looked up last from then on.
+  template <class ExpectAt>
+  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt expectAt) {
+    if (isWhereHinted(key) || isLast(key)) return;
+    const std::uint32_t hash = hashOf(key);
+    if (lookUp(hash, key, expectAt) == kNone) add(hash, key, group);
+  }
+  [[nodiscard]] bool isLast(const K& key) const {
+    if (last_ == kNone || !(lastSlot_->key == key)) return false;
+    hintAt(key, last_);
+    return true;
+  }
+  /// Whether the key is where it was found last; it is then the one that was looked up last.
+  [[nodiscard]] bool isWhereHinted(const K& key) const {
+    if constexpr (kHinted) {
+      const Handle handle = hintOf(key).handle();
+      if (!mayBeInUse(handle)) return false;
+      Slot& hinted = slot(handle);
+      if (hinted.uses == 0 || (&hinted.key != &key && !(hinted.key == key))) return false;
+      expect(hinted, handle);
+      return true;
+    } else {
+      return false;
+    }
+  }
+  static void hintAt(const K& key, Handle handle) {
+    if constexpr (kHinted) hintOf(key).handleIs(handle);
+  }
+  template <class ExpectAt>
+  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt expectAt) const {
+    const Handle found = index_.find(hash, [&](Handle handle) {
+      expectAt(handle);
+      return slot(handle).key == key;
+    });
+    if (found == kNone) return kNone;
+    hintAt(key, found);
+    expect(found);
+    return found;
+  }
+
+  void add(std::uint32_t hash, const K& key, std::size_t group) {
+    const Handle handle = takeFree(groupOf(key, group));
+    hintAt(key, handle);
+    slot(handle) = {key, hash, 0};
+    index_.insert(hash, handle);
+    expect(handle);
+  }
+  static std::size_t groupOf(const K& key, std::size_t group) {
+    if constexpr (requires { keyGroup(key); }) {
+      return keyGroup(key);
+    } else {
+      return group;
+    }
+  }
+  Handle takeFree(std::size_t group) {
+    if (group >= withRoom_.size()) withRoom_.resize(group + 1, kNone);
+    std::uint32_t& first = withRoom_[group];
+    if (first == kNone) {
+      first = static_cast<std::uint32_t>(pages_.size());
+      pages_.emplace_back();
+      pageUses_.push_back({static_cast<std::uint32_t>(group)});
+    }
+    const std::uint32_t at = first;
+    PageUse& use = pageUses_[at];
+    const auto handle = static_cast<Handle>(at * kPerPage + use.take());
+    if (use.full()) first = use.nextWithRoom;
+    PagePtr<Slots>& page = pages_[at];
+    if (page == nullptr) page = makePage<Slots>();
+    return handle;
+  }
+  /// Nobody uses the handle any more. Among many keys it is freed when some more were retired, and what the
+  /// index has of it is there; until then its key may come into use again.
+  [[gnu::noinline]] void retire(Handle handle) {
+    if (!many()) {
+      free(handle);
+      return;
+    }
+    Slot& retired = slot(handle);
+    index_.prefetch(retired.hash);
+    retired.uses = kRetired;
+    freeRetired(std::exchange(retired_[nextRetired_], handle));
+    nextRetired_ = (nextRetired_ + 1) % retired_.size();
+    if (many()) return;
+    for (Handle& before : retired_) freeRetired(std::exchange(before, kNone));
+  }
+  void freeRetired(Handle handle) {
+    if (handle == kNone) return;
+    Slot& retired = slot(handle);
+    retired.uses &= ~kRetired;
+    if (retired.uses == 0) free(handle);
+  }
+  void free(Handle handle) {
+    Slot& freed = slot(handle);
+    index_.erase(freed.hash, handle);
+    if (last_ == handle) forgetLast();
+    if constexpr (!std::is_trivially_destructible_v<K>) freed.key = K{};
+    PageUse& use = pageUses_[handle / kPerPage];
+    if (use.full()) use.nextWithRoom = std::exchange(withRoom_[use.group], handle / kPerPage);
+    use.give(handle % kPerPage);
+    if (use.empty()) pages_[handle / kPerPage].reset();
+    if (index_.size() == 0) clear();
+  }
+  /// Handles are dealt out from the first one again.
+  void clear() {
+    forgetLast();
+    index_.clear();
+    forget(pages_);
+    forget(pageUses_);
+    withRoom_.clear();
+  }
+  /// Empties a list, and gives back its memory where it is much.
+  template <class T>
+  static void forget(std::vector<T>& list) {
+    list.clear();
+    if (list.capacity() > 64) list.shrink_to_fit();
+  }
+  void forgetLast() {
+    last_ = kNone;
+    lastSlot_ = &nobody_;
+  }
+
+  std::vector<PagePtr<Slots>> pages_;  ///< null where no handle of the page is in use
+  std::vector<PageUse> pageUses_;
+  std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
+  HandleIndex index_;
+  std::array<Handle, 8> retired_ = {kNone, kNone, kNone, kNone, kNone, kNone, kNone, kNone};
+  std::size_t nextRetired_ = 0;
+  ColumnList columns_;
+  std::vector<const KeyFollower<K>*> followers_;
+  // The key that was looked up last is looked up again more often than not.
+  mutable Handle last_ = kNone;
+  mutable Slot* lastSlot_ = &nobody_;  ///< never null
+  Slot nobody_;                        ///< no key that is looked up stands there
+};
+
+/// A key that stays in use meanwhile. Looking up key() is cheap, in whatever collections.
+template <class K>
+class KeyUse {
+ public:
+  explicit KeyUse(const K& key) : KeyUse(KeySpace<K>::instance(), KeySpace<K>::instance().acquire(key)) {}
+  /// Takes over a use of the handle.
+  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle)
+      : keys_(keys), slot_(keys.slot(handle)), handle_(handle) {
+    keys_.expect(slot_, handle_);
+  }
+  /// Another use of a handle that is in use.
+  static KeyUse another(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
+    return KeyUse(keys, keys.slot(handle), handle);
+  }
+  KILN_ALWAYS_INLINE ~KeyUse() { keys_.release(slot_, handle_); }
+  KeyUse(const KeyUse&) = delete;
+  KeyUse& operator=(const KeyUse&) = delete;
+  [[nodiscard]] const K& key() const { return slot_.key; }
+
+ private:
+  KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Slot& slot, typename KeySpace<K>::Handle handle)
+      : keys_(keys), slot_(slot), handle_(handle) {
+    ++slot.uses;
+    keys_.expect(slot_, handle_);
+  }
+
+  KeySpace<K>& keys_;
+  typename KeySpace<K>::Slot& slot_;
+  typename KeySpace<K>::Handle handle_;
+};
+
+/// A use of a key that is stored for longer, in the size of a handle.
+template <class K>
+class KeyHold {
+ public:
+  using Handle = typename KeySpace<K>::Handle;
+
+  KeyHold() = default;
+  explicit KeyHold(const K& key) : handle_(KeySpace<K>::instance().acquire(key)) {}
+  KeyHold(KeyHold&& other) noexcept : handle_(std::exchange(other.handle_, KeySpace<K>::kNone)) {}
+  KeyHold& operator=(KeyHold&& other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  KeyHold(const KeyHold&) = delete;
+  KeyHold& operator=(const KeyHold&) = delete;
+  ~KeyHold() {
+    if (*this) KeySpace<K>::instance().release(handle_);
+  }
+
+  explicit operator bool() const { return handle_ != KeySpace<K>::kNone; }
+  [[nodiscard]] bool is(const K& key) const { return *this && KeySpace<K>::instance().find(key) == handle_; }
+  /// The key; there must be one.
+  [[nodiscard]] const K& key() const { return KeySpace<K>::instance().key(handle_); }
+
+ private:
+  Handle handle_ = KeySpace<K>::kNone;
+};
+
+}  // namespace KilnEmServer

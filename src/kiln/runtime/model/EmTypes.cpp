@@ -1,0 +1,60 @@
+#include "kiln/runtime/model/EmTypes.h"
+
+namespace KilnEmServer {
+
+EmLogicalKeyState::State translateState(ResolutionState::State state) {
+  KILN_ASSERT(state <= ResolutionState::resolutionSuccess_);
+  return static_cast<EmLogicalKeyState::State>(state);
+}
+
+EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
+  using To = EmLogicalKeyState::State;
+  static constexpr std::array<To, 4> kTable = {To::hwPending, To::hwSuccess, To::hwFail, To::hwKeyConflict};
+  KILN_ASSERT(static_cast<std::size_t>(state) < kTable.size());
+  return kTable[static_cast<std::size_t>(state)];
+}
+
+bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
+  switch (composerType) {
+    case EmComposerKeyUnionTag::isemUntaggedEntryKey:
+    case EmComposerKeyUnionTag::isem1TagEntryKey:
+    case EmComposerKeyUnionTag::isem2TagEntryKey:
+    case EmComposerKeyUnionTag::esemFodoVdEntryKey:
+      return true;
+    case EmComposerKeyUnionTag::isemInnerEthEntryKey:
+    case EmComposerKeyUnionTag::isemMplsEntryKey:
+    case EmComposerKeyUnionTag::esemFodoEntryKey:
+    case EmComposerKeyUnionTag::lemVpwsAcEntryKey:
+      return false;
+    case EmComposerKeyUnionTag::undefined_:
+      break;
+  }
+  KILN_ASSERT_MESSAGE(false, "Unrecognized composer type {}", composerType);
+  return false;
+}
+
+EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
+  const auto number = static_cast<int>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  return key.tag();
+}
+
+EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key) {
+  const auto number = static_cast<int>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  return key.tag();
+}
+
+}  // namespace KilnEmServer
+
+namespace KilnPlatform {
+template std::string textOf(const KilnEmServer::EmRequestKey&);
+template std::string textOf(const KilnEmServer::EmLogicalKey&);
+template std::string textOf(const KilnEmServer::EmConfigEntry&);
+template std::string textOf(const KilnEmServer::EmLogicalKeyAndEntry&);
+template std::string textOf(const KilnEmServer::EmHwKey&);
+template std::string textOf(const KilnEmServer::EmHwEntry&);
+template std::string textOf(const KilnEmServer::EmHwKeyStatus&);
+template std::string textOf(const KilnEmServer::EmRequestStatus&);
+template std::string textOf(const KilnEmServer::EmSwTableStatusEntry&);
+}  // namespace KilnPlatform

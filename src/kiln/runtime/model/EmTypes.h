@@ -1,0 +1,322 @@
+// The values that travel between stages.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/Hardware.h"
+#include "kiln/platform/Value.h"
+
+namespace KilnEmServer {
+
+/// A feature's request key, of any database.
+struct EmRequestKey {
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  EmComposerKey emComposerKey;
+  KILN_VALUE(KilnEmServer, EmRequestKey, fapId, localCoreId, emComposerKey)
+};
+
+/// What a feature asks to be programmed. Two features that ask for one composer key on the same chip and core
+/// are two logical keys.
+struct EmLogicalKey {
+  FeatureType featureType = FeatureType{};
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+  EmComposerKey emComposerKey;
+  KILN_VALUE(KilnEmServer, EmLogicalKey, featureType, fapId, localCoreId, emComposerKey)
+};
+
+inline const KilnPlatform::KeyHint& hintOf(const EmLogicalKey& key) {
+  return key.emComposerKey.hint<1>();
+}
+/// Logical keys of one composer type stand in the same collections.
+inline std::size_t keyGroup(const EmLogicalKey& key) {
+  return static_cast<std::size_t>(key.emComposerKey.tag());
+}
+
+/// A requested entry and the version of the request that carried it.
+struct EmConfigEntry {
+  [[no_unique_address]] EmEntry emEntry;
+  std::uint32_t requestVersion = 0;
+  KILN_VALUE(KilnEmServer, EmConfigEntry, emEntry, requestVersion)
+};
+
+/// A logical key and the requested entry that won for it. What is programmed is that entry's own `emEntry`.
+struct EmLogicalKeyAndEntry {
+  EmLogicalKey emLogicalKey;
+  EmConfigEntry emEntry;
+  KILN_VALUE(KilnEmServer, EmLogicalKeyAndEntry, emLogicalKey, emEntry)
+};
+
+/// The key as the chip's table sees it.
+struct EmHwKey {
+  EmHwKey() = default;
+  EmHwKey(Hardware::Kiln::FapId fap, Hardware::Kiln::LocalCoreId core, const EmResolvedKey& key)
+      : emResolvedKey(key), fapId(fap), localCoreId(core) {}
+
+  // Chip and core lie in the gap behind the union, though they come before it in every other respect.
+  [[no_unique_address]] EmResolvedKey emResolvedKey;
+  Hardware::Kiln::FapId fapId;
+  Hardware::Kiln::LocalCoreId localCoreId;
+
+  friend bool operator==(const EmHwKey&, const EmHwKey&) = default;
+  friend std::strong_ordering operator<=>(const EmHwKey& a, const EmHwKey& b) {
+    return std::tie(a.fapId, a.localCoreId, a.emResolvedKey) <=>
+           std::tie(b.fapId, b.localCoreId, b.emResolvedKey);
+  }
+  KILN_VALUE_FIELDS(KilnEmServer, EmHwKey, fapId, localCoreId, emResolvedKey)
+};
+static_assert(sizeof(EmHwKey) == 24 && sizeof(EmConfigEntry) == 24);
+
+inline const KilnPlatform::KeyHint& hintOf(const EmHwKey& key) {
+  return key.emResolvedKey.hint<0>();
+}
+/// Hardware keys of one table stand in the same collections.
+inline std::size_t keyGroup(const EmHwKey& key) {
+  return static_cast<std::size_t>(key.emResolvedKey.tag());
+}
+
+/// A requested entry with the hardware key that was composed for it. False only where both are defaults.
+struct EmHwEntry {
+  EmConfigEntry emEntry;
+  EmHwKey emHwKey;
+  explicit operator bool() const { return emHwKey != EmHwKey{} || emEntry != EmConfigEntry{}; }
+  KILN_VALUE(KilnEmServer, EmHwEntry, emEntry, emHwKey)
+};
+
+/// Hardware outcome for one logical key under its hardware key.
+struct EmHwKeyStatus {
+  enum class State : std::uint8_t { hwPending = 0, hwSuccess = 1, hwFail = 2, hwKeyConflict = 3 };
+  EmLogicalKey emLogicalKey;
+  EmHwKey emHwKey;
+  State state = State::hwPending;
+  KILN_VALUE(KilnEmServer, EmHwKeyStatus, emLogicalKey, emHwKey, state)
+};
+
+/// Progress of one logical key through resolution and programming.
+struct EmLogicalKeyState {
+  enum class State : std::uint8_t {
+    resolutionFail = 0,
+    resolutionPending = 1,
+    hwPending = 2,
+    hwFail = 3,
+    hwSuccess = 4,
+    hwKeyConflict = 5,
+  };
+  EmLogicalKey emLogicalKey;
+  State state = State::resolutionFail;
+  KILN_VALUE(KilnEmServer, EmLogicalKeyState, emLogicalKey, state)
+};
+
+/// The status of one request, with the request's entry and version and the hardware key that is concerned.
+/// False only where every field is a default.
+struct EmRequestStatus {
+  EmLogicalKey emLogicalKey;
+  EmConfigEntry emConfigEntry;
+  EmHwKey emSwTableKeyFapCore;
+  EmStatus status = EmStatus::hwPending;
+  explicit operator bool() const {
+    return status != EmStatus{} || emLogicalKey != EmLogicalKey{} || emSwTableKeyFapCore != EmHwKey{} ||
+           emConfigEntry != EmConfigEntry{};
+  }
+  KILN_VALUE(KilnEmServer, EmRequestStatus, emLogicalKey, emConfigEntry, emSwTableKeyFapCore, status)
+};
+
+/// The status of one software-table entry, stated for the logical key and entry that produced it.
+struct EmSwTableStatusEntry {
+  EmLogicalKeyAndEntry emLogicalKeyAndEntry;
+  EmHwKeyStatus::State status = EmHwKeyStatus::State::hwPending;
+  /// Orders the statuses of one table in time. It is not part of the value.
+  std::uint64_t answer = 0;
+
+  friend bool operator==(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
+    return a.status == b.status && a.emLogicalKeyAndEntry == b.emLogicalKeyAndEntry;
+  }
+  friend auto operator<=>(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
+    return std::tie(a.emLogicalKeyAndEntry, a.status) <=> std::tie(b.emLogicalKeyAndEntry, b.status);
+  }
+  KILN_VALUE_FIELDS(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
+};
+
+/// What kind of resource a composer key needs before it can be composed.
+enum class ResolverKeyUnionTag : std::uint8_t { undefined_ = 0, vd = 1 };
+
+/// The key of a VLAN-domain resolution.
+struct VdResolverKey {
+  KilnTunnelNiLib::IntfIdSystemTcamId vdKey;
+  KILN_VALUE(KilnEmServer, VdResolverKey, vdKey)
+};
+
+}  // namespace KilnEmServer
+
+template <>
+struct KilnPlatform::EnumNames<KilnEmServer::ResolverKeyUnionTag> {
+  static constexpr std::string_view kTypeName = "KilnEmServer::ResolverKeyUnionTag";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 2> kNames = {"undefined", "vd"};
+};
+
+namespace KilnEmServer {
+
+struct ResolverKeyTraits {
+  using Tag = ResolverKeyUnionTag;
+  static constexpr std::string_view kTypeName = "KilnEmServer::ResolverKey";
+  static constexpr std::string_view kName = "ResolverKey";
+  static constexpr std::size_t kCapacity = 16;
+};
+/// What a composer asks a resolver for; the tag is the resolver's type.
+using ResolverKey = KilnPlatform::TaggedUnion<ResolverKeyTraits, VdResolverKey>;
+
+/// Result of a resolver for one resolver key. The states' order counts: of several, the least decides.
+struct ResolutionState {
+  enum State : std::uint8_t { resolutionFail_ = 0, resolutionPending_ = 1, resolutionSuccess_ = 2 };
+  ResolverKey resolverKey;
+  State state = resolutionFail_;
+  std::uint64_t val = 0;  ///< the resolved value; 0 unless the state is success
+  KILN_VALUE(KilnEmServer, ResolutionState, resolverKey, state, val)
+};
+
+/// What a composer asks of a resolver under one resolver key.
+struct ResolverRequest {
+  enum class RequestType : std::uint8_t { resourceRequest = 0, resourceInUse = 1 };
+  ResolverKey resolverKey;
+  RequestType requestType = RequestType::resourceRequest;
+  std::uint64_t inUseVal = 0;  ///< the resolved value that the composer uses
+  std::uint64_t inUseVer = 0;  ///< the composer's epoch
+  KILN_VALUE(KilnEmServer, ResolverRequest, resolverKey, requestType, inUseVal, inUseVer)
+};
+
+/// Widens a resolution's state; any number above 2 is an assertion failure.
+EmLogicalKeyState::State translateState(ResolutionState::State state);
+/// Widens a hardware outcome; any number above 3 is an assertion failure.
+EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
+
+/// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
+/// assertion failure.
+bool resolutionNeeded(EmComposerKeyUnionTag composerType);
+
+/// The composer type whose keys become those of a table; the two enumerations share their numbers.
+constexpr EmComposerKeyUnionTag composerTypeOf(EmResolvedKeyUnionTag table) {
+  static_assert(KilnPlatform::EnumNames<EmComposerKeyUnionTag>::kNames ==
+                KilnPlatform::EnumNames<EmResolvedKeyUnionTag>::kNames);
+  return static_cast<EmComposerKeyUnionTag>(table);
+}
+
+/// The composer type of a composer key; a key without one is an assertion failure.
+EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key);
+/// The table type of a resolved key; a key without one is an assertion failure.
+EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key);
+
+/// A request key of a database as the logical key of a feature.
+template <class EntryKey>
+EmLogicalKey logicalKeyOf(FeatureType feature, const EntryKey& key) {
+  return {feature, key.fapId, key.localCoreId, key.emComposerKey};
+}
+/// The logical key was looked up and will be again from the request key, which remembers where it stands.
+template <class EntryKey>
+void rememberLogicalKey(const EntryKey& key, const EmLogicalKey& logicalKey) {
+  key.emComposerKey.template hint<1>().handleIs(hintOf(logicalKey).handle());
+}
+/// Between the request keys, which hold the same fields.
+template <class To, class From>
+To requestKeyAs(const From& key) {
+  return {key.fapId, key.localCoreId, key.emComposerKey};
+}
+
+}  // namespace KilnEmServer
+
+template <>
+struct KilnPlatform::EnumNames<KilnEmServer::EmHwKeyStatus::State> {
+  static constexpr std::string_view kTypeName = "KilnEmServer::EmHwKeyStatus::State";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 4> kNames = {"hwPending", "hwSuccess", "hwFail",
+                                                             "hwKeyConflict"};
+};
+template <>
+struct KilnPlatform::EnumNames<KilnEmServer::EmLogicalKeyState::State> {
+  static constexpr std::string_view kTypeName = "KilnEmServer::EmLogicalKeyState::State";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 6> kNames = {
+      "resolutionFail", "resolutionPending", "hwPending", "hwFail", "hwSuccess", "hwKeyConflict"};
+};
+template <>
+struct KilnPlatform::EnumNames<KilnEmServer::ResolutionState::State> {
+  static constexpr std::string_view kTypeName = "KilnEmServer::ResolutionState::State";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 3> kNames = {"resolutionFail", "resolutionPending",
+                                                             "resolutionSuccess"};
+};
+template <>
+struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
+  static constexpr std::string_view kTypeName = "KilnEmServer::ResolverRequest::RequestType";
+  static constexpr int kFirst = 0;
+  static constexpr std::array<std::string_view, 2> kNames = {"resourceRequest", "resourceInUse"};
+};
+
+namespace KilnPlatform {
+
+/// By feature and composer type. Features without a name share the last channel of each type.
+template <>
+struct KeyChannels<KilnEmServer::EmLogicalKey> {
+  static constexpr std::size_t kTypes = EnumNames<KilnEmServer::EmComposerKeyUnionTag>::kNames.size();
+  static constexpr std::size_t kUnnamed =
+      EnumNames<KilnEmServer::FeatureType>::kFirst + EnumNames<KilnEmServer::FeatureType>::kNames.size();
+  static constexpr std::size_t kCount = kTypes * (kUnnamed + 1);
+  static std::size_t of(const KilnEmServer::EmLogicalKey& key) {
+    return std::min(static_cast<std::size_t>(key.featureType), kUnnamed) * kTypes +
+           static_cast<std::size_t>(key.emComposerKey.tag());
+  }
+  static std::size_t groupOf(std::size_t channel) { return channel % kTypes; }
+  /// Whether keys of a channel have a composer type and one feature.
+  static bool known(std::size_t channel) { return channel % kTypes != 0 && channel / kTypes != kUnnamed; }
+  /// Some key of a channel.
+  static KilnEmServer::EmLogicalKey example(std::size_t channel) {
+    const auto tag = static_cast<KilnEmServer::EmComposerKeyUnionTag>(channel % kTypes);
+    return {static_cast<KilnEmServer::FeatureType>(channel / kTypes),
+            {},
+            {},
+            KilnEmServer::EmComposerKey::make(tag, [](const auto& /*alternative*/) {})};
+  }
+};
+
+/// By table.
+template <>
+struct KeyChannels<KilnEmServer::EmHwKey> {
+  static constexpr std::size_t kCount = EnumNames<KilnEmServer::EmResolvedKeyUnionTag>::kNames.size();
+  static std::size_t of(const KilnEmServer::EmHwKey& key) {
+    return static_cast<std::size_t>(key.emResolvedKey.tag());
+  }
+  static std::size_t groupOf(std::size_t channel) { return channel; }
+  /// Whether keys of a channel belong to a table.
+  static bool known(std::size_t channel) { return channel != 0; }
+  /// Some key of a channel.
+  static KilnEmServer::EmHwKey example(std::size_t channel) {
+    const auto tag = static_cast<KilnEmServer::EmResolvedKeyUnionTag>(channel);
+    return {{}, {}, KilnEmServer::EmResolvedKey::make(tag, [](const auto& /*alternative*/) {})};
+  }
+};
+
+}  // namespace KilnPlatform
+
+// Text forms are made in one place, since every stage's traces need them.
+namespace KilnPlatform {
+extern template std::string textOf(const KilnEmServer::EmRequestKey&);
+extern template std::string textOf(const KilnEmServer::EmLogicalKey&);
+extern template std::string textOf(const KilnEmServer::EmConfigEntry&);
+extern template std::string textOf(const KilnEmServer::EmLogicalKeyAndEntry&);
+extern template std::string textOf(const KilnEmServer::EmHwKey&);
+extern template std::string textOf(const KilnEmServer::EmHwEntry&);
+extern template std::string textOf(const KilnEmServer::EmHwKeyStatus&);
+extern template std::string textOf(const KilnEmServer::EmRequestStatus&);
+extern template std::string textOf(const KilnEmServer::EmSwTableStatusEntry&);
+}  // namespace KilnPlatform

@@ -1,0 +1,42 @@
+// Whether the server takes up a request: the intakes admit by it, the status stages answer by it.
+#pragma once
+
+#include <cstdint>
+
+#include "kiln/platform/EmKeys.h"
+#include "kiln/platform/Hardware.h"
+#include "kiln/platform/KilnTunnelNiLib.h"
+#include "kiln/runtime/model/EmTypes.h"
+
+namespace KilnEmServer {
+
+/// What becomes of a request. Only an admitted one reaches composers and tables; a held one is answered as
+/// such, every other one with `hwFail`.
+enum class Admission : std::uint8_t {
+  admitted,
+  held,
+  otherDatabase,  ///< its key belongs to another database, or to none
+  mixedScope,     ///< exactly one of chip and core is "all": no table has a place for it
+  unknownKind,
+};
+
+/// Whether keys of this kind belong to the database.
+template <class Db>
+bool isOfDatabase(const EmComposerKey& key) {
+  return key.tag() != EmComposerKeyUnionTag::undefined_ && emTypeOf(key.tag()) == Db::kEmType;
+}
+
+/// What becomes of a request of the database `Db`. Of several reasons to leave it out, the first counts.
+template <class Db>
+Admission admissionOf(const typename Db::EntryKey& key, KilnTunnelNiLib::RequestKind kind) {
+  using KilnTunnelNiLib::RequestKind;
+  if (kind == RequestKind::hold) return Admission::held;
+  if (!isOfDatabase<Db>(key.emComposerKey)) return Admission::otherDatabase;
+  const bool allFaps = key.fapId == Hardware::Kiln::FapId::allFap();
+  const bool allCores = key.localCoreId == Hardware::Kiln::LocalCoreId::all();
+  if (allFaps != allCores) return Admission::mixedScope;
+  return kind == RequestKind::add || kind == RequestKind::modify ? Admission::admitted
+                                                                 : Admission::unknownKind;
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,533 @@
+// Inputs of a stage: an event for each key of a collection, from the initial scan and from every later
+// change.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/FixedString.h"
+#include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+using KilnPlatform::FixedString;
+using KilnPlatform::OptionalText;
+
+/// When a change of an input is handled.
+enum class Reaction : std::uint8_t {
+  queued,     ///< on the stage's task, once however often the key changed meanwhile
+  immediate,  ///< inside the call that made the change
+  none,       ///< not at all: only the initial scan looks at the collection
+};
+
+namespace detail {
+
+template <class Handler>
+struct HandlerClass;
+template <class S, class... Args>
+struct HandlerClass<void (S::*)(Args...)> {
+  using type = S;
+};
+
+/// The stage class of a handler.
+template <auto Handler>
+using StageOf = typename HandlerClass<decltype(Handler)>::type;
+
+/// Runs one item of a stage's work. A range error that escapes is that item's affair: it is reported, and the
+/// stage goes on with the next.
+template <class Key, class Work>
+void runItem(Stage& stage, const Key& key, Work&& work) {
+  try {
+    work();
+  } catch (const std::range_error& error) {
+    stage.tracer().trace<0>("{}: key {} left out: {}", stage.name(), key, std::string_view(error.what()));
+  }
+}
+
+/// "ConfigByFeatureSm0" for the argument "configByFeature".
+std::string inline childNameOf(std::string_view argument, int number) {
+  std::string name = fmt::format("{}Sm{}", argument, number);
+  if (name[0] >= 'a' && name[0] <= 'z') name[0] = static_cast<char>(name[0] - 'a' + 'A');
+  return name;
+}
+
+[[noreturn]] inline void nullArgument(std::string_view argument, const char* file, int line) {
+  KilnPlatform::assertionFailed(
+      fmt::format("{}() && \"Pointer SM args cannot be null unless they are marked Optional\"", argument),
+      file, line);
+}
+
+}  // namespace detail
+
+/// What a stage gives itself to do: there is no collection to subscribe to or to walk. It is no part of the
+/// initial scan, unless scanItem does it.
+class OwnWork : public InputBase {
+ public:
+  void checkArgument() const final {}
+  [[nodiscard]] bool hasPending() const final { return pendingCount() != 0; }
+  std::size_t drain(Arrival limit, bool& yielded) final {
+    return stage_.control().drainWhile([&] { return hasPending() && isBefore(headArrival(), limit); },
+                                       [&] { handleNext(); }, yielded);
+  }
+
+ protected:
+  /// Does the first of what is pending.
+  virtual void handleNext() = 0;
+  /// `name` is that of the work, as of an argument.
+  OwnWork(Stage& stage, std::string_view name)
+      : InputBase(stage, detail::childNameOf(name, stage.takeChildNumber()), stage.takePipelineNumber(),
+                  name) {}
+
+ private:
+  void subscribe() final {}
+  void unsubscribe() final {}
+  bool scanItem() override { return false; }
+  [[nodiscard]] std::size_t collectionSize() const final { return pendingCount(); }
+};
+
+/// The half of an input that knows its key: the pending list and the walk. `Self::handleKey(key)` handles one
+/// key; `Self::collection()` is what is walked.
+template <class Self, class K, Reaction reaction>
+class KeyedInput : public InputBase, public KeySubscriber<K> {
+ public:
+  [[nodiscard]] bool hasPending() const final { return !pending_.empty(); }
+  [[nodiscard]] std::size_t pendingCount() const final { return pending_.size(); }
+  [[nodiscard]] Arrival headArrival() const final { return pending_.headArrival(); }
+
+  std::size_t drain(Arrival limit, bool& yielded) final {
+    const bool far = KeySpace<K>::instance().many();
+    const bool ahead = far && pending_.size() > 1;
+    stage_.loneChangeIs(far && !ahead);
+    const auto arrived = [&] { return !pending_.empty() && isBefore(pending_.headArrival(), limit); };
+    const auto handleFirst = [&]() KILN_ALWAYS_INLINE_LAMBDA {
+      if (ahead) expectSoon();
+      const auto taken = pending_.take();
+      detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
+    };
+    return stage_.control().drainWhile(arrived, handleFirst, yielded);
+  }
+
+  void handleChange(const K& key) final {
+    if constexpr (reaction == Reaction::immediate) {
+      const KilnPlatform::RunningStageScope scope(stage_.name());
+      handleItem(key);
+    } else {
+      if constexpr (requires { self().wants(key); }) {
+        if (!self().wants(key)) {
+          if (traced()) [[unlikely]]
+            this->traceUnwanted(key);
+          return;
+        }
+      }
+      const bool first = pending_.empty();
+      if (!pending_.add(key, stage_.arrivals())) {
+        stage_.noteCoalesced();
+        return;
+      }
+      stage_.noteArrival(*this, first);
+    }
+  }
+  [[nodiscard]] bool changeWaits(const K& key) const final { return pending_.has(key); }
+  [[nodiscard]] bool changeWaits(const void* space, const void* key) const final {
+    return space == &KeySpace<K>::instance() && changeWaits(*static_cast<const K*>(key));
+  }
+  void noteState(StateDigest& digest) const override {
+    InputBase::noteState(digest);
+    if (!inputScanComplete()) digest.addLeft(static_cast<const Self*>(this)->collection(), cursor_);
+  }
+  void notePending(PendingDigests& pending) const final {
+    const StateDigest::Value own = identity();
+    pending_.forEach([&](const K& key, Arrival arrival) {
+      pending.push_back({arrival, StateDigest::valueOf(own, key)});
+    });
+  }
+
+ protected:
+  KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
+      : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
+
+  /// Keys of groups that the stage does not want are no items; but a run of them counts as one after some
+  /// pages of handles, so that its slice ends in time, in collections that are walked by handle. Traces have
+  /// a walk of their own.
+  bool scanItem() final {
+    constexpr std::size_t kPagesPerItem = 32;
+    constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
+    cursor_.unwanted = unwanted_;
+    cursor_.unwantedBefore = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
+    if (traced()) [[unlikely]]
+      tracePassedOver(cursor_);
+    while (const K* key = self().collection().scanNext(cursor_)) {
+      const KeyUse<K> held(*key);
+      if (isUnwanted(held.key())) {
+        if (traced()) this->traceUnwanted(held.key());
+        if (cursor_.index > cursor_.unwantedBefore) return true;
+        continue;
+      }
+      if constexpr (requires { self().walksOver(held.key()); }) {
+        if (self().walksOver(held.key())) {
+          if (traced()) this->traceUnwanted(held.key());
+          return true;
+        }
+      }
+      handleItem(held.key());
+      return true;
+    }
+    return false;
+  }
+  [[nodiscard]] std::size_t collectionSize() const final {
+    return static_cast<const Self*>(this)->collection().size();
+  }
+  void subscribe() final {
+    if constexpr (requires { self().unwantedGroups(); }) unwanted_ = self().unwantedGroups();
+    if constexpr (reaction != Reaction::none) self().collection().subscribe(*this);
+  }
+  void unsubscribe() final {
+    if constexpr (reaction != Reaction::none) self().collection().unsubscribe(*this);
+  }
+  void handleItem(const K& key) {
+    detail::runItem(stage_, key, [&] { self().handleKey(key); });
+  }
+  Self& self() { return *static_cast<Self*>(this); }
+  void handlePendingKey(const K& key) { self().handleKey(key); }
+  [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
+  [[nodiscard]] bool reactsInside() const final { return reaction == Reaction::immediate; }
+  /// Walks the collection once more, from its first key.
+  void restartScan() {
+    cursor_ = {};
+    InputBase::restartScan();
+  }
+
+ private:
+  /// What was written just now under so few changed keys is still in a core's own cache: an entry has about a
+  /// kilobyte in all stages, such caches half a megabyte and more.
+  static constexpr std::size_t kAtHand = 512;
+
+  /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
+  /// itself, later, when that is there, what the stage knows to lie elsewhere.
+  void expectSoon() {
+    pending_.expectFar([&](auto handle) {
+      const auto& collection = self().collection();
+      if constexpr (requires { collection.places(); }) {
+        companions_.prefetch(handle, &collection.places());
+        if (pending_.size() > kAtHand) collection.prefetch(handle);
+      } else {
+        companions_.prefetch(handle);
+        if constexpr (requires { Self::kInner; }) collection.prefetch(handle);
+      }
+    });
+    if constexpr (requires(const K& key) { self().expect(key); }) {
+      pending_.expectNear([&](const K& key) { self().expect(key); });
+    }
+  }
+
+  /// Whether what the stage does not want is traced.
+  [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
+  /// Traces the keys that the walk's next step will pass over without looking at them.
+  [[gnu::cold]] void tracePassedOver(ScanCursor<K> ahead) {
+    if constexpr (requires { self().collection().places(); }) {
+      ahead.unwanted = 0;
+      while (const K* key = self().collection().scanNext(ahead)) {
+        if (ahead.index > ahead.unwantedBefore || !isUnwanted(*key)) return;
+        const KeyUse<K> held(*key);
+        this->traceUnwanted(held.key());
+      }
+    }
+  }
+  [[nodiscard]] bool isUnwanted(const K& key) const {
+    using Channels = KilnPlatform::KeyChannels<K>;
+    return unwanted_ != 0 && (unwanted_ >> Channels::groupOf(Channels::of(key)) & 1) != 0;
+  }
+
+  ScanCursor<K> cursor_;
+  std::uint64_t unwanted_ = 0;  ///< groups of keys, a bit each
+  PendingKeys<K> pending_;
+  const Companions& companions_;
+};
+
+/// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
+/// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
+/// value. `Wanted`, a function of the stage from the key alone, tells which keys the handler is called for:
+/// the others never join the pending list. `WantedChannel`, where it is not the same function, is one that
+/// gives the same answer for all keys of a channel, at all times. `Filter` is the trace of a key that it does
+/// not pass, without which there is none. A stage that has a public `expect(key)` is told which key comes
+/// soon, and names with `expectKey` those that its handler will look up beside it.
+template <class Attr, FixedString Argument, auto Handler, FixedString From,
+          Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted,
+          FixedString Filter = "">
+class Input final
+    : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel, Filter>,
+                        typename Attr::Key, reaction> {
+  using Base = KeyedInput<Input, typename Attr::Key, reaction>;
+  using StageClass = detail::StageOf<Handler>;
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+  using EntityRef = Ref<const typename Attr::Entity>;
+
+ public:
+  Input(StageClass& stage, EntityRef entity, std::string_view streamName = "vok_pipeline0")
+      : Base(stage, detail::childNameOf(Argument.view(), stage.takeChildNumber()), stage.takePipelineNumber(),
+             streamName),
+        owner_(stage),
+        entity_(std::move(entity)) {
+    if (entity_ != nullptr) stage.companionIs(collection());
+  }
+  ~Input() override {
+    this->stop();
+    if (column_ != nullptr) lookedInto([this](ColumnList& columns) { columns.remove(*column_); });
+  }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  /// Inside each change the stage looks its key up in its `map`: who makes the change is to fetch it ahead.
+  template <class Map>
+  void changesLookInto(const Map& map) {
+    if constexpr (requires { map.places(); }) {
+      column_ = &map.places();
+      lookedInto([this](ColumnList& columns) { columns.add(*column_); });
+    }
+  }
+  [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
+  [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
+  void addReads(std::vector<const void*>& collections) const override {
+    if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(collection()));
+  }
+  void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
+  { owner_.expect(key); }
+
+  void handleKey(const Key& key) {
+    const Value* value = find(key);
+    traceFrom(key, value);
+    (owner_.*Handler)(key, value);
+  }
+
+  [[nodiscard]] bool wants(const Key& key) const requires(!std::is_null_pointer_v<decltype(Wanted)>) {
+    return (owner_.*Wanted)(key);
+  }
+  /// Whether a walk has nothing to do with the key.
+  [[nodiscard]] bool walksOver(const Key& key) const
+      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
+    return !(owner_.*WantedChannel)(key);
+  }
+  void traceUnwanted(const Key& key) const override {
+    if (!this->stage_.tracer().enabled(6)) return;
+    traceFrom(key, find(key));
+    if constexpr (!Filter.view().empty()) {
+      if (walksOver(key)) (void)this->stage_.filter(false, Filter.view());
+    }
+  }
+  /// The groups of keys without a wanted channel, a bit each. Keys without a type, group 0, are walked by
+  /// all; a stage without a known channel walks every key.
+  [[nodiscard]] std::uint64_t unwantedGroups() const
+      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
+    using Channels = KilnPlatform::KeyChannels<Key>;
+    std::uint64_t wanted = 0;
+    for (std::size_t channel = 0; channel < Channels::kCount; ++channel) {
+      const bool counts = Channels::known(channel) && wantsChannel(channel);
+      if (counts) wanted |= std::uint64_t{1} << Channels::groupOf(channel);
+    }
+    return wanted == 0 ? 0 : ~(wanted | 1U);
+  }
+  [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
+    if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {
+      return true;
+    } else {
+      using Channels = KilnPlatform::KeyChannels<Key>;
+      return !Channels::known(channel) || (owner_.*WantedChannel)(Channels::example(channel));
+    }
+  }
+
+ private:
+  void traceFrom(const Key& key, const Value* value) const {
+    this->stage_.tracer().template trace<7>(TraceMessage<7, Key, OptionalText<Value>>(From.data), key,
+                                            OptionalText<Value>{value});
+  }
+  template <class Use>
+  void lookedInto(Use&& use) {
+    if constexpr (requires { collection().lookedIntoOnChange(); }) {
+      if (entity_ != nullptr) use(collection().lookedIntoOnChange());
+    }
+  }
+
+  StageClass& owner_;
+  EntityRef entity_;
+  const ColumnPlaces* column_ = nullptr;  ///< of changesLookInto
+};
+
+/// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
+/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers
+/// to another entity, every key of the old one is looked at again, and handled as absent where no other has
+/// it. With immediate reactions both an outer entry's coming and an inner key's change are handled inside the
+/// call that makes them. A stage that has a public `expect(outerKey, key)` is told which inner key comes
+/// soon.
+template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
+          Reaction reaction = Reaction::queued>
+class NestedInput final
+    : public KeyedInput<NestedInput<OuterAttr, InnerAttr, Argument, Handler, From, reaction>,
+                        typename OuterAttr::Key, reaction> {
+  using Base = KeyedInput<NestedInput, typename OuterAttr::Key, reaction>;
+  using StageClass = detail::StageOf<Handler>;
+  using OuterKey = typename OuterAttr::Key;
+  using Key = typename InnerAttr::Key;
+  using Value = typename InnerAttr::Value;
+  using EntityRef = Ref<const typename OuterAttr::Entity>;
+  using InnerRef = Ref<const typename InnerAttr::Entity>;
+
+  /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became
+  /// of the keys that it had.
+  class Inner final : public KeyedInput<Inner, Key, reaction> {
+    using InnerBase = KeyedInput<Inner, Key, reaction>;
+
+   public:
+    static constexpr bool kInner = true;  ///< its collection is not the stage's for good
+    Inner(NestedInput& parent, const OuterKey& outerKey, InnerRef entity)
+        : InnerBase(parent.stage_, parent.innerName_, parent.pipeline(), parent.streamName()),
+          parent_(parent),
+          outerKey_(outerKey),
+          entity_(std::move(entity)) {}
+    ~Inner() override { this->stop(); }
+
+    void checkArgument() const override {}
+    [[nodiscard]] const auto& collection() const { return InnerAttr::of(*entity_); }
+    void handleKey(const Key& key) {
+      parent_.handleInnerKey(outerKey_, key,
+                             retiring_ ? parent_.find(outerKey_, key) : collection().find(key));
+    }
+    void expect(const Key& key) const requires requires(const StageClass& stage, const OuterKey& outerKey) {
+      stage.expect(outerKey, key);
+    }
+    { parent_.owner_.expect(outerKey_, key); }
+    void handlePendingKey(const Key& key) {
+      if (retiring_) {
+        this->stage_.tracer().template trace<7>(
+            "We missed notifications that happened to {} before the enclosing entity got deleted",
+            InnerAttr::kName.view());
+      }
+      handleKey(key);
+    }
+    [[nodiscard]] const InnerRef& entity() const { return entity_; }
+
+    /// The outer entry no longer refers to this entity.
+    void retire() {
+      retiring_ = true;
+      this->stage_.reapRequested();
+      this->restartScan();
+    }
+    [[nodiscard]] bool retired() const {
+      return retiring_ && this->inputScanComplete() && !this->hasPending();
+    }
+    /// An entity that the outer collection no longer refers to is described here, and nowhere else.
+    void noteState(StateDigest& digest) const override {
+      InnerBase::noteState(digest);
+      const auto* current = parent_.collection().find(outerKey_);
+      const bool left = current == nullptr || *current != entity_;
+      digest.add(left);
+      if (left) digest.addContent(collection());
+    }
+
+   private:
+    [[nodiscard]] std::string_view scanKind() const override { return "child"; }
+    [[nodiscard]] bool isChild() const override { return true; }
+    [[nodiscard]] std::string taskInstance() const override {
+      return fmt::format("{}[ {} ]{}", this->stage_.name(), outerKey_, retiring_ ? " retiring" : "");
+    }
+    [[nodiscard]] bool parentScanComplete() const override { return parent_.inputScanComplete(); }
+    [[nodiscard]] StateDigest::Value identity() const override {
+      return StateDigest::valueOf(this->pipeline(), outerKey_, retiring_);
+    }
+
+    NestedInput& parent_;
+    OuterKey outerKey_;
+    InnerRef entity_;
+    bool retiring_ = false;
+  };
+
+ public:
+  NestedInput(StageClass& stage, EntityRef entity, std::string_view streamName = "vok_pipeline0")
+      : Base(stage, detail::childNameOf(Argument.view(), stage.takeChildNumber()), stage.takePipelineNumber(),
+             streamName),
+        owner_(stage),
+        entity_(std::move(entity)),
+        innerName_(detail::childNameOf(OuterAttr::kName.view(), stage.takeChildNumber())) {}
+  ~NestedInput() override { stop(); }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  [[nodiscard]] const auto& collection() const { return OuterAttr::of(*entity_); }
+  void addReads(std::vector<const void*>& collections) const override {
+    collections.push_back(KilnPlatform::addressOf(collection()));
+    for (const auto& [outerKey, inner] : inners_) {
+      collections.push_back(KilnPlatform::addressOf(inner->collection()));
+    }
+  }
+  /// The value under an inner key, or null.
+  [[nodiscard]] const Value* find(const OuterKey& outerKey, const Key& key) const {
+    const auto at = inners_.find(outerKey);
+    return at == inners_.end() ? nullptr : at->second->collection().find(key);
+  }
+
+  void stop() override {
+    Base::stop();
+    inners_.clear();
+    retiring_.clear();
+  }
+
+  bool reap() override {
+    std::erase_if(retiring_, [](const auto& inner) { return inner->retired(); });
+    return !retiring_.empty();
+  }
+
+  /// The outer entry under `outerKey` is new, gone or another one.
+  void handleKey(const OuterKey& outerKey) {
+    const auto* current = collection().find(outerKey);
+    if (current != nullptr) {
+      KILN_ASSERT_MESSAGE(*current != nullptr,
+                          "Sm args can only be null if marked as Optional in the SM type declaration");
+    }
+    const auto at = inners_.find(outerKey);
+    std::unique_ptr<Inner> old;
+    if (at != inners_.end()) {
+      if (current != nullptr && at->second->entity() == *current) return;
+      old = std::move(at->second);
+      inners_.erase(at);
+    }
+    if (current != nullptr) inners_[outerKey] = std::make_unique<Inner>(*this, outerKey, *current);
+    // The old one looks its keys up in the new one, so that a key that both have is never withdrawn between.
+    if (old != nullptr) {
+      retiring_.push_back(std::move(old));
+      retiring_.back()->retire();
+    }
+    if (current != nullptr) inners_.at(outerKey)->start();
+  }
+
+  /// `value` is the key's value in the entity that the outer entry refers to now, or null.
+  void handleInnerKey(const OuterKey& outerKey, const Key& key, const Value* value) {
+    this->stage_.tracer().template trace<7>(TraceMessage<7, OuterKey, Key, OptionalText<Value>>(From.data),
+                                            outerKey, key, OptionalText<Value>{value});
+    (owner_.*Handler)(outerKey, key, value);
+  }
+
+ private:
+  StageClass& owner_;
+  EntityRef entity_;
+  std::string innerName_;
+  std::map<OuterKey, std::unique_ptr<Inner>> inners_;
+  std::vector<std::unique_ptr<Inner>> retiring_;
+};
+
+}  // namespace KilnEmServer

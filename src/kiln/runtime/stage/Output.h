@@ -1,0 +1,296 @@
+// Outputs of a stage: where its pipelines' into() statements write.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "kiln/platform/FixedString.h"
+#include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/Collection.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// What happens when a value is written under another key than its own.
+enum class KeyMismatch : std::uint8_t { report, fatal };
+
+/// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are
+/// written, and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan.
+/// An output that was empty at start has nothing to compare, so nothing is noted for it.
+///
+/// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
+/// waits in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have keys
+/// of another type has a public `decidesLater(key)`, which says so of a key of the output. One without it is
+/// to have nothing downstream before it is complete.
+template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
+class Output final : public OutputBase {
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+  using EntityRef = Ref<typename Attr::Entity>;
+
+ public:
+  static constexpr auto kPath = Argument + "." + Attr::kName + "[ " + KeyName + " ]";
+  static constexpr auto kOutputName = Argument + upperCamel(Attr::kName) + "Output";
+
+  template <class StageClass>
+  Output(StageClass& stage, EntityRef entity)
+      : OutputBase(stage, std::string(kOutputName.view())),
+        entity_(std::move(entity)),
+        decidesLater_(decidesLaterOf<StageClass>()) {
+    if (entity_ != nullptr) stage.writtenIs(collection());
+  }
+  ~Output() override { stop(); }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+
+  /// Writes the value, replacing an earlier one.
+  void insert(const Key& key, const Value& value) {
+    if constexpr (requires { Attr::keyOf(value); }) checkOwnKey(key, Attr::keyOf(value));
+    if constexpr (std::is_same_v<Value, KilnPlatform::Unit>) {
+      stage_.tracer().template trace<7>("into( {} ): inserting k1={}", kPath.view(), key);
+    } else {
+      stage_.tracer().template trace<7>("into( {} ): inserting k1={}, value={}", kPath.view(), key, value);
+    }
+    if (marking_) [[unlikely]] {
+      insertMarking(key, value);
+    } else {
+      collection().is(key, value);
+    }
+  }
+
+  /// Deletes the key; later, where reconciliation holds deletions back.
+  void erase(const Key& key) {
+    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    if (reconciliationState() == ReconciliationState::skipNothing) {
+      if (marking_ && markOf(key) == Mark::awaited) noteMark(key, Mark::deleted);
+      collection().del(key);
+    } else {
+      if (markOf(key) != Mark::inserted) noteMark(key, Mark::none);
+      if (collection().has(key)) marks_->heldBack.is(key, {});
+    }
+  }
+
+  /// Writes the value, or deletes the key where it is null.
+  void write(const Key& key, const Value* value) {
+    if (value != nullptr) {
+      insert(key, *value);
+    } else {
+      erase(key);
+    }
+  }
+
+  /// The key is to stay as it is, though nothing was written under it yet; an earlier deletion that is held
+  /// back is forgotten.
+  void markSeen(const Key& key) {
+    if (!reconciling()) return;
+    if (markOf(key) == Mark::none && collection().has(key)) noteMark(key, Mark::awaited);
+    marks_->heldBack.del(key);
+  }
+
+  [[nodiscard]] const Value* find(const Key& key) const {
+    return Attr::of(std::as_const(*entity_)).find(key);
+  }
+
+  bool deleteNext() override {
+    if (std::exchange(marking_, false)) cursor_ = {};
+    if (marks_ != nullptr && (deleteNextOf(marks_->seen) || deleteNextOf(marks_->heldBack))) return true;
+    if (awaited_ != nullptr && deleteNextOf(*awaited_)) return true;
+    marks_.reset();
+    awaited_.reset();
+    return deleteNextOf(collection());
+  }
+  [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
+  void addReads(std::vector<const void*>& collections) const override {
+    if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(Attr::of(std::as_const(*entity_))));
+  }
+
+  void noteState(StateDigest& digest) const override {
+    OutputBase::noteState(digest);
+    digest.add(noteSeen_);
+    digest.add(marking_);
+    digest.add(awaited_ != nullptr);
+    if (awaited_ != nullptr) digest.addContent(*awaited_);
+    digest.add(marks_ != nullptr);
+    if (marks_ == nullptr) return;
+    digest.addContent(marks_->seen);
+    digest.addContent(marks_->heldBack);
+    if (reconciling() && noteSeen_) digest.addLeft(Attr::of(std::as_const(*entity_)), cursor_);
+  }
+  void noteContent(StateDigest& digest) const override {
+    digest.addContent(Attr::of(std::as_const(*entity_)));
+  }
+
+ private:
+  /// Which keys were written, and which deletions are held back.
+  struct Marks {
+    Collection<Key, Mark> seen;
+    SparseCollection<Key, KilnPlatform::Unit> heldBack;
+  };
+
+  [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
+  /// Deletes the key at the cursor. At the end the cursor stands before the first key, of any collection.
+  template <class Keys>
+  bool deleteNextOf(Keys& keys) {
+    const Key* key = keys.scanNext(cursor_);
+    if (key == nullptr) {
+      cursor_ = {};
+      key = keys.scanNext(cursor_);
+    }
+    if (key == nullptr) cursor_ = {};
+    return key != nullptr && keys.del(Key(*key));
+  }
+
+  void checkOwnKey(const Key& key, const Key& ownKey) const {
+    if (ownKey == key) [[likely]]
+      return;
+    static constexpr auto kText = "In \"into( " + kPath +
+                                  " )\" the value inserted in the into statement has internal key: {}, but "
+                                  "the key specified in the into is: {}";
+    if constexpr (mismatch == KeyMismatch::fatal) {
+      KILN_ASSERT_MESSAGE(ownKey == key, fmt::runtime(kText.view()), ownKey, key);
+    } else {
+      stage_.tracer().template trace<0>(TraceMessage<0, Key, Key>(kText.data), ownKey, key);
+    }
+  }
+
+  void insertMarking(const Key& given, const Value& value) {
+    const KeyUse<Key> use(given);
+    const Key& key = use.key();
+    if (reconciling()) marks_->heldBack.del(key);
+    const Mark before = markOf(key);
+    const bool present = collection().has(key);
+    const bool changed = collection().is(key, value);
+    if (before == Mark::awaited) {
+      stage_.tracer().template trace<9>("into( {} ): k1={} was awaited", kPath.view(), key);
+    }
+    if (reconciling() ? noteSeen_ : before == Mark::awaited) {
+      noteMark(key, markOfWrite(before, present, changed));
+    } else if (reconciling() && !present) {
+      countMark(Mark::none, Mark::inserted);
+    }
+  }
+
+  /// What became of a key so far; after reconciliation only keys that are awaited have a mark.
+  [[nodiscard]] Mark markOf(const Key& key) const {
+    if (!noteSeen_) return Mark::inserted;
+    if (awaited_->has(key)) return Mark::awaited;
+    const Mark* mark = reconciling() ? marks_->seen.find(key) : nullptr;
+    return mark == nullptr ? Mark::none : *mark;
+  }
+
+  void noteMark(const Key& key, Mark mark) {
+    countMark(markOf(key), mark);
+    if (mark == Mark::awaited) {
+      awaited_->is(key, {});
+      return;
+    }
+    awaited_->del(key);
+    if (!reconciling()) {
+      endAwaitingWhereNone();
+    } else if (mark == Mark::none) {
+      marks_->seen.del(key);
+    } else {
+      marks_->seen.is(key, mark);
+    }
+  }
+
+  void endAwaitingWhereNone() {
+    if (awaited_ != nullptr && !awaited_->empty()) return;
+    awaited_.reset();
+    marking_ = false;
+  }
+
+  void beginSeen() override {
+    marks_ = std::make_unique<Marks>();
+    awaited_ = std::make_unique<Collection<Key, KilnPlatform::Unit>>();
+    marking_ = true;
+    noteSeen_ = !collection().empty();
+    countFound(collection().size());
+    cursor_ = {};
+  }
+
+  bool deletionScanItem(bool& deleted) override {
+    if (noteSeen_) {
+      if (const Key* next = collection().scanNext(cursor_)) {
+        const KeyUse<Key> use(*next);
+        const Key& key = use.key();
+        if (markOf(key) == Mark::none) deleted = deleteUnlessDecidedLater(key);
+        return true;
+      }
+    }
+    ScanCursor<Key> first;
+    const Key* heldBack = marks_->heldBack.scanNext(first);
+    if (heldBack == nullptr) {
+      cursor_ = {};
+      return false;
+    }
+    const Key key = *heldBack;
+    if (decidedLater(key) && mayWait()) return true;
+    stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), key);
+    deleted = collection().has(key);
+    if (deleted) deleteStale(key);
+    marks_->heldBack.del(key);
+    return true;
+  }
+
+  /// A key that the stage will still decide is judged at the end of the scan. True where it was deleted.
+  bool deleteUnlessDecidedLater(const Key& key) {
+    if (decidedLater(key)) {
+      stage_.tracer().template trace<9>("into( {} ): k1={} will be decided later", kPath.view(), key);
+      marks_->heldBack.is(key, {});
+      return false;
+    }
+    deleteStale(key);
+    return true;
+  }
+
+  using DecidesLater = bool (*)(const Stage& stage, const Key& key);
+  template <class StageClass>
+  static constexpr DecidesLater decidesLaterOf() {
+    if constexpr (requires(const StageClass& stage, const Key& key) { stage.decidesLater(key); }) {
+      return [](const Stage& stage, const Key& key) {
+        return static_cast<const StageClass&>(stage).decidesLater(key);
+      };
+    } else {
+      return nullptr;
+    }
+  }
+  /// Whether the stage has yet to handle a change that decides the key.
+  [[nodiscard]] bool decidedLater(const Key& key) const {
+    return stage_.changeWaits(key) || (decidesLater_ != nullptr && decidesLater_(stage_, key));
+  }
+
+  void deleteStale(const Key& key) {
+    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    marks_->heldBack.del(key);
+    const Mark mark = markOf(key);
+    countMark(mark, mark == Mark::inserted ? Mark::none : Mark::deleted);
+    if (noteSeen_) marks_->seen.del(key);
+    collection().del(key);
+  }
+
+  [[nodiscard]] std::size_t seenCount() const override { return marks_ == nullptr ? 0 : marks_->seen.size(); }
+  void forgetNextSeen() override { deleteNextOf(marks_->seen); }
+  void endSeen() override {
+    marks_.reset();
+    endAwaitingWhereNone();
+  }
+
+  EntityRef entity_;
+  DecidesLater decidesLater_;
+  bool noteSeen_ = false;
+  bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
+  ScanCursor<Key> cursor_;
+  std::unique_ptr<Marks> marks_;  ///< null once they are forgotten
+  /// Keys that stay as they stood until something is known of them; null where there are none.
+  std::unique_ptr<Collection<Key, KilnPlatform::Unit>> awaited_;
+};
+
+}  // namespace KilnEmServer

@@ -1,0 +1,557 @@
+// The stage runtime: how a stage starts, scans its inputs in slices, brings its outputs back in line after a
+// restart, reports that it is ready, and goes away.
+//
+// A stage is a class derived from Stage whose members declare its dataflow: inputs
+// (kiln/runtime/stage/Input.h), outputs (kiln/runtime/stage/Output.h), groups and caches
+// (kiln/runtime/stage/LocalState.h). Its handlers are ordinary member functions; the same handler serves the
+// initial scan and every later change.
+#pragma once
+
+#include <algorithm>
+#include <boost/container/small_vector.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/Collection.h"
+#include "kiln/platform/DependencyStatus.h"
+#include "kiln/platform/Ref.h"
+#include "kiln/platform/TaskScheduler.h"
+#include "kiln/runtime/collections/Column.h"
+#include "kiln/runtime/collections/KeySpace.h"
+#include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/stage/StateDigest.h"
+#include "kiln/runtime/trace/Trace.h"
+
+namespace KilnEmServer {
+
+using KilnPlatform::DependencyStatus;
+using KilnPlatform::Task;
+using KilnPlatform::TaskScheduler;
+
+class Stage;
+
+/// How a stage is run.
+struct StageControl {
+  Ref<TaskScheduler> scheduler;
+  int priority = 0;
+  /// Scans never yield.
+  bool synchronous = false;
+
+  /// To be asked after each item of work: whether the running slice has used its share.
+  [[nodiscard]] bool shouldYield() const { return !synchronous && scheduler->taskShouldYield(); }
+  /// Calls `handleNext()` as long as `hasNext()` and the running slice has a share left, which is looked at
+  /// after each item; sets `yielded` where it was used up. Returns the number of items.
+  template <class HasNext, class HandleNext>
+  std::size_t drainWhile(HasNext&& hasNext, HandleNext&& handleNext, bool& yielded) const {
+    std::size_t items = 0;
+    while (hasNext()) {
+      handleNext();
+      ++items;
+      if (shouldYield()) {
+        yielded = true;
+        break;
+      }
+    }
+    return items;
+  }
+  /// The same for a task of its own, which is told of the work done, and scheduled again where work is left:
+  /// `left()` items, or as many things of several items.
+  template <class HasNext, class HandleNext, class Left>
+  void runSlice(Task& task, HasNext&& hasNext, HandleNext&& handleNext, Left&& left) const {
+    bool yielded = false;
+    scheduler->taskWorkCountInc(drainWhile(hasNext, handleNext, yielded));
+    if (!yielded || !hasNext()) return;
+    scheduler->taskWorkPendingIs(left());
+    task.scheduleTask();
+  }
+};
+
+/// The collections, of one type of keys, into which the handlers of a stage look: the server's own and
+/// others.
+class Companions {
+ public:
+  void add(const ColumnPlaces& column) { columns_.add(column); }
+  /// A collection that they write.
+  void addWritten(const ColumnPlaces& column) { written_.add(column); }
+  void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
+  /// What others look into at each change that the stage makes.
+  void addFollowing(const ColumnList& columns) {
+    addTo(following_, columns);
+    gatheredAt_ = kNever;
+  }
+  /// A handler is about to look up the key of this handle, which changed in the column `input`. That one is
+  /// left out; and where it has the key no more, so is what the handlers write: most likely it will be
+  /// erased.
+  void prefetch(std::uint32_t handle, const ColumnPlaces* input = nullptr) const {
+    if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
+      gather();
+    const bool goes = input != nullptr && !input->has(handle);
+    const ColumnPlaces* const* const end = all_.data() + (goes ? lookedInto_ : all_.size());
+    for (const ColumnPlaces* const* column = all_.data(); column != end; ++column) {
+      if (*column != input) (*column)->prefetch(handle);
+    }
+    for (const auto* collection : others_) collection->prefetch(handle);
+  }
+
+ private:
+  /// The lists that follow change when stages come and go, which is seldom.
+  [[gnu::noinline]] void gather() const {
+    all_.clear();
+    gather(columns_);
+    for (const ColumnList* columns : following_) gather(*columns);
+    lookedInto_ = all_.size();
+    gather(written_);
+    gatheredAt_ = ColumnList::changes();
+  }
+  void gather(const ColumnList& columns) const {
+    for (const ColumnPlaces* column : columns.columns()) {
+      if (std::find(all_.begin(), all_.end(), column) == all_.end()) all_.push_back(column);
+    }
+  }
+  template <class T>
+  using List = boost::container::small_vector<const T*, 4>;
+  template <class T>
+  static void addTo(List<T>& list, const T& member) {
+    if (std::find(list.begin(), list.end(), &member) == list.end()) list.push_back(&member);
+  }
+
+  ColumnList columns_;
+  ColumnList written_;
+  List<KilnPlatform::FetchedAhead> others_;
+  List<ColumnList> following_;
+  static constexpr std::uint64_t kNever = ~std::uint64_t{0};
+  /// The columns, those that follow and those that are written, each once, as they were when `gatheredAt_`
+  /// changes had been made.
+  mutable std::vector<const ColumnPlaces*> all_;
+  mutable std::size_t lookedInto_ = 0;  ///< how many of them, the first ones, are looked into
+  mutable std::uint64_t gatheredAt_ = kNever;
+};
+
+/// Something that waits in an input of a stage, for a digest in the order of arrival.
+struct PendingDigest {
+  Arrival arrival;
+  StateDigest::Value what;
+};
+using PendingDigests = std::vector<PendingDigest>;
+
+/// What all inputs of a stage share: the scan's state and its slices.
+class InputBase {
+ public:
+  enum class ScanState : std::uint8_t {
+    notStarted = 0,
+    paused = 1,
+    complete = 2,
+    completeBeforeInitialized = 3,
+  };
+
+  virtual ~InputBase();
+  InputBase(const InputBase&) = delete;
+  InputBase& operator=(const InputBase&) = delete;
+
+  /// Checks the argument that the input reads: a null one is a fatal assertion that names it.
+  virtual void checkArgument() const = 0;
+  /// Subscribes, creates the scan task and scans the first slice.
+  void start();
+  /// Runs a slice of the initial scan, from the bookmark where it was paused.
+  void doInputScan();
+  /// Unsubscribes and deletes the scan task.
+  virtual void stop();
+
+  [[nodiscard]] bool inputScanComplete() const;
+  [[nodiscard]] ScanState scanState() const { return scanState_; }
+  [[nodiscard]] std::string_view streamName() const { return streamName_; }
+  [[nodiscard]] int pipeline() const { return pipeline_; }
+  [[nodiscard]] const std::string& childName() const { return childName_; }
+
+  /// Whether changes are handled inside the call that makes them.
+  [[nodiscard]] virtual bool reactsInside() const { return false; }
+  /// Adds the address of each collection that is read, as a StateDigest has it.
+  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
+  /// Whether a change of this key of this key space waits.
+  [[nodiscard]] virtual bool changeWaits(const void* /*space*/, const void* /*key*/) const { return false; }
+  /// Whether changed keys wait, how many, and the arrival of the first of them.
+  [[nodiscard]] virtual bool hasPending() const = 0;
+  [[nodiscard]] virtual std::size_t pendingCount() const = 0;
+  [[nodiscard]] virtual Arrival headArrival() const = 0;
+  /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share,
+  /// which sets `yielded`. Returns how many it handled.
+  virtual std::size_t drain(Arrival limit, bool& yielded) = 0;
+  /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested. True
+  /// where something is still to be destroyed later.
+  virtual bool reap() { return false; }
+
+  /// Describes what the input does next, beside what its collection holds and what waits.
+  virtual void noteState(StateDigest& digest) const;
+  /// Adds what waits, each with the input's identity.
+  virtual void notePending(PendingDigests& pending) const = 0;
+
+ protected:
+  /// The same for an input of every stage of this class that has the same part in it.
+  [[nodiscard]] virtual StateDigest::Value identity() const { return StateDigest::valueOf(pipeline_); }
+  InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName);
+
+  virtual void subscribe() = 0;
+  virtual void unsubscribe() = 0;
+  /// Handles the scan's next item; false at the end.
+  virtual bool scanItem() = 0;
+  [[nodiscard]] virtual std::size_t collectionSize() const = 0;
+  /// "child" for the input of an inner collection, empty otherwise.
+  [[nodiscard]] virtual std::string_view scanKind() const { return ""; }
+  /// Whether the scan of the enclosing collection is complete as well; only an inner input has one.
+  [[nodiscard]] virtual bool parentScanComplete() const { return false; }
+  [[nodiscard]] virtual bool isChild() const { return false; }
+  /// Tells the scan task from those of other inputs with the same name.
+  [[nodiscard]] virtual std::string taskInstance() const;
+  /// Whether the scan may pause. One whose changes are handled at once may not: who makes a change counts on
+  /// it.
+  [[nodiscard]] virtual bool mayPause() const { return true; }
+  void restartScan();
+
+  Stage& stage_;
+
+ private:
+  void createScanTask();
+  void pauseScan(std::size_t items);
+  void completeScan(bool resumed);
+
+  std::string childName_;
+  std::string streamName_;
+  int pipeline_;
+  ScanState scanState_ = ScanState::notStarted;
+  bool subscribed_ = false;
+  friend Stage;
+  bool waiting_ = false;  ///< whether it stands in the stage's list
+  std::size_t totalItems_ = 0;
+  std::size_t sizeAtPause_ = 0;
+  std::unique_ptr<Task> task_;
+};
+
+/// What all outputs of a stage share: reconciliation against what the output held before a restart.
+class OutputBase {
+ public:
+  enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
+
+  /// What reconciliation did to the output's entries, each counted once.
+  struct ReconciliationCounts {
+    std::size_t found = 0;      ///< stood there at start
+    std::size_t kept = 0;       ///< written again with the value that stood there
+    std::size_t rewritten = 0;  ///< written again with another value
+    std::size_t inserted = 0;   ///< written where nothing stood
+    std::size_t deleted = 0;    ///< stale
+
+    /// Of those found, the ones about which nothing was decided: all of them at start; at the end those
+    /// that stay as they stood until something is known of them.
+    [[nodiscard]] std::size_t waiting() const { return found - kept - rewritten - deleted; }
+    friend bool operator==(const ReconciliationCounts&, const ReconciliationCounts&) = default;
+  };
+
+  virtual ~OutputBase();
+  OutputBase(const OutputBase&) = delete;
+  OutputBase& operator=(const OutputBase&) = delete;
+
+  virtual void checkArgument() const = 0;
+  /// The output, which may hold keys from before a restart, is to be reconciled.
+  void startReconciling();
+  /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
+  void handleInputReady();
+  /// Deletes one more key of the output, whatever reconciliation has to say of it, or forgets what it noted
+  /// of one; false where none is left.
+  virtual bool deleteNext() = 0;
+  /// How many keys stand in the output.
+  [[nodiscard]] virtual std::size_t size() const = 0;
+  /// Adds the address of its collection, which the handlers may read too.
+  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
+  void stop() { task_.reset(); }
+
+  [[nodiscard]] const std::string& name() const { return name_; }
+  [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] bool reconciling() const { return reconciling_; }
+  [[nodiscard]] ReconciliationState reconciliationState() const { return reconciliationState_; }
+  [[nodiscard]] const ReconciliationCounts& reconciliationCounts() const { return counts_; }
+
+  /// Describes how far reconciliation is and what it noted.
+  virtual void noteState(StateDigest& digest) const;
+  /// Describes what the output holds.
+  virtual void noteContent(StateDigest& digest) const = 0;
+
+ protected:
+  OutputBase(Stage& stage, std::string name);
+
+  /// What became of one key so far.
+  enum class Mark : std::uint8_t { none, awaited, kept, rewritten, inserted, deleted };
+  /// The mark after a write, given the one before it.
+  static Mark markOfWrite(Mark before, bool present, bool changed);
+  void countMark(Mark before, Mark after);
+  void countFound(std::size_t entries) { counts_.found = entries; }
+  /// Begins to note which keys are written.
+  virtual void beginSeen() = 0;
+  /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.
+  virtual bool deletionScanItem(bool& deleted) = 0;
+  /// To be called where the next key cannot be judged before the stage has handled a change. True where the
+  /// scan then waits for that; not for ever, since a key may change all the time.
+  bool mayWait();
+  /// How many keys are noted as written.
+  [[nodiscard]] virtual std::size_t seenCount() const = 0;
+  /// Forgets one of them.
+  virtual void forgetNextSeen() = 0;
+  /// All are forgotten.
+  virtual void endSeen() = 0;
+
+  Stage& stage_;
+
+ private:
+  /// Slices of the deletion scan that end because a key's change waits, at most.
+  static constexpr std::uint32_t kMostWaits = 10'000;
+
+  [[nodiscard]] bool deletionScan();
+  /// Runs a slice of forgetting which keys were written: nobody waits for that.
+  void forgetSeen();
+  void reconciliationStateIs(ReconciliationState state);
+
+  std::string name_;
+  bool ready_ = false;
+  bool reconciling_ = false;
+  bool useBookmark_ = false;
+  bool waits_ = false;  ///< the scan's next key
+  std::uint32_t waitCount_ = 0;
+  ReconciliationState reconciliationState_ = ReconciliationState::skipNothing;
+  ReconciliationCounts counts_;
+  std::unique_ptr<Task> task_;
+};
+
+/// A collection of a stage's own: a group-by or a cache.
+class LocalState {
+ public:
+  LocalState(Stage& stage, std::string_view name);
+  virtual ~LocalState() = default;
+  LocalState(const LocalState&) = delete;
+  LocalState& operator=(const LocalState&) = delete;
+
+  [[nodiscard]] std::string_view name() const { return name_; }
+  [[nodiscard]] virtual std::size_t size() const = 0;
+  virtual void clear() = 0;
+  virtual void noteState(StateDigest& digest) const = 0;
+
+ private:
+  std::string_view name_;
+};
+
+/// The base of every stage.
+class Stage {
+ public:
+  virtual ~Stage();
+  Stage(const Stage&) = delete;
+  Stage& operator=(const Stage&) = delete;
+
+  /// Starts the stage: to be called once, by its factory.
+  void initialize();
+  /// Withdraws all that the stage wrote and deletes its inputs' reactions and tasks; the stage is then dead.
+  /// Destruction alone leaves the outputs as they stand.
+  void doDeleteAll();
+  /// The same in parts, for slices: after beginDeleteAll() the stage is dead, and each call of deleteNext()
+  /// deletes one key that stands in an output, until it returns false. Only then is the stage's name taken
+  /// back from the dependency status.
+  void beginDeleteAll();
+  bool deleteNext();
+  /// How many keys stand in the outputs.
+  [[nodiscard]] std::size_t keysInOutputs() const;
+
+  [[nodiscard]] std::string_view className() const { return className_; }
+  [[nodiscard]] const std::string& name() const { return name_; }
+  [[nodiscard]] const StageControl& control() const { return control_; }
+  [[nodiscard]] bool initialized() const { return initialized_; }
+  [[nodiscard]] bool synchronous() const { return control_.synchronous; }
+  [[nodiscard]] bool initialScanDone() const { return initialScanDone_; }
+  /// Whether the initial scan of a pipeline, by its number, has not finished.
+  [[nodiscard]] bool pipelineScanning(int pipeline) const;
+  /// Whether the stage's name was recorded in the dependency status.
+  [[nodiscard]] bool dependencyStatusCompletedOutputReady() const {
+    return dependencyStatusCompletedOutputReady_;
+  }
+  [[nodiscard]] bool idle() const { return idle_; }
+  [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] const std::vector<InputBase*>& inputs() const { return inputs_; }
+  [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
+  /// Groups and caches, with their sizes, for the check that nothing is left over.
+  [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
+  /// Number of changed keys that wait to be handled.
+  [[nodiscard]] std::size_t pendingCount() const;
+  /// Adds the address of each collection that the handlers may read, as a StateDigest has it. False if they
+  /// may read others, too.
+  [[nodiscard]] virtual bool addReads(std::vector<const void*>& collections) const;
+  /// Whether a change of the key waits in one of the inputs.
+  template <class K>
+  [[nodiscard]] bool changeWaits(const K& key) const {
+    const void* const space = &KeySpace<K>::instance();
+    return std::any_of(waiting_.begin(), waiting_.end(),
+                       [&](const InputBase* input) { return input->changeWaits(space, &key); });
+  }
+  /// Whether there are any.
+  [[nodiscard]] bool hasPending() const {
+    return std::any_of(waiting_.begin(), waiting_.end(),
+                       [](const InputBase* input) { return input->hasPending(); });
+  }
+  /// How many changes found their key waiting already, since the stage exists.
+  [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
+  [[nodiscard]] const Tracer& tracer() const { return tracer_; }
+  /// Describes the stage's own state, without the collections that it reads and writes, as a part of its
+  /// name. A stage with more state than inputs, outputs and local states adds it.
+  virtual void noteState(StateDigest& digest) const;
+
+  // For inputs, outputs and local state.
+  void inputIs(InputBase& input) { inputs_.push_back(&input); }
+  void inputDel(InputBase& input) {
+    std::erase(inputs_, &input);
+    std::erase(waiting_, &input);
+  }
+  void outputIs(OutputBase& output) { outputs_.push_back(&output); }
+  void localStateIs(LocalState& state) { localStates_.push_back(&state); }
+  /// What the stage's handlers look into by keys of type K.
+  template <class K>
+  [[nodiscard]] Companions& companions() {
+    const void* const keys = &KeySpace<K>::instance();
+    Companions* known = companionsOf(keys);
+    if (known == nullptr) known = companions_.emplace_back(keys, std::make_unique<Companions>()).second.get();
+    return *known;
+  }
+  /// The handlers look into this collection; where it files by handle, that is made cheaper.
+  template <class Collection>
+  void companionIs(const Collection& collection) {
+    if constexpr (requires { collection.places(); }) {
+      companions<typename Collection::Key>().add(collection.places());
+    } else if constexpr (std::is_abstract_v<Collection>) {
+      companions<typename Collection::Key>().add(collection);
+    }
+  }
+  /// The handlers write this collection.
+  template <class Collection>
+  void writtenIs(const Collection& collection) {
+    if constexpr (requires { collection.places(); }) {
+      companions<typename Collection::Key>().addWritten(collection.places());
+    } else {
+      companionIs(collection);
+    }
+    if constexpr (requires { collection.lookedIntoOnChange(); }) {
+      companions<typename Collection::Key>().addFollowing(collection.lookedIntoOnChange());
+    }
+  }
+  /// The number of the next input child, and of the next pipeline, in the order of declaration.
+  int takeChildNumber() { return childNumber_++; }
+  int takePipelineNumber() { return pipelineNumber_++; }
+  /// The arrival number of the next key that joins a pending list.
+  [[nodiscard]] Arrival arrivals() const { return arrivals_; }
+  /// A key joined the pending list of an input; where it is the `first`, sees to it that the list is drained.
+  void noteArrival(InputBase& input, bool first) {
+    ++arrivals_;
+    if (first) noteWaiting(input);
+  }
+  /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
+  void loneChangeIs(bool lone) { loneChange_ = lone; }
+  /// A key changed again before it was handled.
+  void noteCoalesced() { ++coalescedChanges_; }
+  void handleScanComplete();
+  void handleOutputReady();
+  /// An input has something to destroy once it can no longer be running.
+  void reapRequested() { reapRequested_ = true; }
+  void reapInputs();
+  [[nodiscard]] bool shouldYield() const { return control_.shouldYield(); }
+
+  /// Passes `passed` on; a filter that fails is traced with its expression.
+  bool filter(bool passed, std::string_view expression) const {
+    if (!passed) tracer_.trace<6>("{} failed, terminating pipeline", expression);
+    return passed;
+  }
+
+ protected:
+  /// `className` must outlive the stage. `readyText` is the trace of the stage's last pipeline, which watches
+  /// its own readiness, without the value: "Line 23: from( this.ready )".
+  Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
+        StageControl control, std::string_view readyText);
+
+  /// A handler whose turn comes soon will look this key up, beside the one for which it is called.
+  template <class K>
+  void expectKey(const K& key) const {
+    const std::uint32_t handle = hintOf(key).handle();
+    if (handle == KilnPlatform::KeyHint::kNone) {  // it is new, in all probability
+      (void)KeySpace<K>::instance().expectInIndex(key);
+      return;
+    }
+    KeySpace<K>::instance().prefetch(handle);
+    if (const Companions* companions = companionsOf(&KeySpace<K>::instance())) companions->prefetch(handle);
+  }
+
+  /// Whether the change that is being handled came alone, among many keys.
+  [[nodiscard]] bool changeIsLone() const { return loneChange_; }
+  /// The change that is being handled goes on under this key: where it came alone, what any stage has under
+  /// the key is fetched now, all at once, and not by each stage in its turn.
+  template <class K>
+  void expectFurtherOn(const K& key) const {
+    if (loneChange_) [[unlikely]]
+      KeySpace<K>::instance().prefetchEverywhere(key);
+  }
+
+  [[nodiscard]] DependencyStatus& dependencyStatus() const { return *dependencyStatus_; }
+  /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
+  virtual void checkArguments() const {}
+  /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
+  virtual void handleInitialized() {}
+  /// Part of the withdrawal, at its begin: withdraws what the stage wrote past its declared outputs.
+  virtual void handleDeleteAll() {}
+
+ private:
+  void notePending(StateDigest& digest) const;
+  void noteWaiting(InputBase& input);
+  void runEvents();
+  void handleInitialScanDone();
+  void readyIs(bool ready);
+  [[nodiscard]] Companions* companionsOf(const void* keys) const {
+    for (const auto& [space, companions] : companions_) {
+      if (space == keys) return companions.get();
+    }
+    return nullptr;
+  }
+  [[nodiscard]] InputBase* nextInput(Arrival& limit);
+
+  std::string_view className_;
+  std::string name_;
+  std::string_view readyText_;
+  Ref<DependencyStatus> dependencyStatus_;
+  StageControl control_;
+  Tracer tracer_;
+  bool initialized_ = false;
+  bool initialScanDone_ = false;
+  bool idle_ = false;
+  bool ready_ = false;
+  bool dependencyStatusCompletedOutputReady_ = false;
+  int childNumber_ = 0;
+  int pipelineNumber_ = 0;
+  bool reapRequested_ = false;
+  Arrival arrivals_ = kFirstArrival;
+  std::uint64_t coalescedChanges_ = 0;
+  std::vector<InputBase*> inputs_;
+  std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
+  bool loneChange_ = false;
+  std::vector<OutputBase*> outputs_;
+  std::vector<LocalState*> localStates_;
+  /// By the keys' space; few.
+  std::vector<std::pair<const void*, std::unique_ptr<Companions>>> companions_;
+  std::unique_ptr<InputBase> readyMachine_;
+  std::unique_ptr<Task> eventTask_;
+};
+
+/// Creates a stage of class S and starts it.
+template <class S, class... Args>
+Ref<S> makeStage(Args&&... args) {
+  auto stage = std::make_shared<S>(std::forward<Args>(args)...);
+  stage->initialize();
+  return stage;
+}
+
+}  // namespace KilnEmServer

@@ -1,0 +1,98 @@
+#include "kiln/server/CheckRequest.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string_view>
+
+#include "kiln/platform/EmKeys.h"
+
+namespace KilnEmServer {
+namespace {
+
+using namespace KilnTunnelNiLib;
+
+/// Collects the first field that does not fit the hardware.
+class FieldCheck {
+ public:
+  template <class Bounded>
+  void fits(std::string_view field, std::uint64_t value) {
+    if (problem_ || value <= Bounded::kMax) return;
+    problem_ = fmt::format("{} is {}, but the hardware holds at most {}", field, value, Bounded::kMax);
+  }
+  [[nodiscard]] const std::optional<std::string>& problem() const { return problem_; }
+
+ private:
+  std::optional<std::string> problem_;
+};
+
+void checkFields(FieldCheck& check, const Isem1TagComposerKey& key) {
+  check.fits<U12>("vlanId", key.vlanId);
+}
+void checkFields(FieldCheck& check, const Isem2TagComposerKey& key) {
+  check.fits<U12>("outerVlanId", key.outerVlanId);
+  check.fits<U12>("innerVlanId", key.innerVlanId);
+}
+void checkFields(FieldCheck& check, const EsemFodoVdComposerKey& key) {
+  check.fits<U18>("fodoId", key.fodoId);
+}
+void checkFields(FieldCheck& check, const EsemFodoComposerKey& key) {
+  check.fits<U18>("fodoId", key.fodoId);
+}
+void checkFields(FieldCheck& check, const LemVpwsAcComposerKey& key) {
+  check.fits<U20>("inLif", key.inLif);
+  check.fits<U12>("outerVlanId", key.outerVlanId);
+  check.fits<U12>("innerVlanId", key.innerVlanId);
+  check.fits<U3>("outerPcp", key.outerPcp);
+  check.fits<U3>("innerPcp", key.innerPcp);
+}
+// The fields of the other keys have the hardware's own widths.
+void checkFields(FieldCheck& /*check*/, const IsemUntaggedComposerKey& /*key*/) {}
+void checkFields(FieldCheck& /*check*/, const IsemInnerEthComposerKey& /*key*/) {}
+void checkFields(FieldCheck& /*check*/, const IsemMplsComposerKey& /*key*/) {}
+
+std::optional<std::string> checkChipAndCore(Hardware::Kiln::FapId fapId,
+                                            Hardware::Kiln::LocalCoreId localCoreId) {
+  const bool allFaps = fapId == Hardware::Kiln::FapId::allFap();
+  const bool allCores = localCoreId == Hardware::Kiln::LocalCoreId::all();
+  if (allFaps && allCores) return std::nullopt;
+  if (allFaps != allCores) {
+    return fmt::format("fapId {} and localCoreId {}: either both must be \"all\" or both specific",
+                       fapId.number(), localCoreId.number());
+  }
+  if (fapId > Hardware::Kiln::FapId::allFap()) return fmt::format("fapId {} is no chip", fapId.number());
+  if (localCoreId > Hardware::Kiln::LocalCoreId::all()) {
+    return fmt::format("localCoreId {} is no core", localCoreId.number());
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+template <class Db>
+std::optional<std::string> checkRequest(const typename Db::EntryKey& key,
+                                        const SrvConfigEntry<typename Db::ClientData>& request) {
+  const EmComposerKeyUnionTag keyTag = key.emComposerKey.tag();
+  const EmEntryUnionTag entryTag = (request.clientData.*Db::kEntryOfClientData).tag();
+  if (keyTag == EmComposerKeyUnionTag::undefined_) return "the key names no table";
+  if (emTypeOf(keyTag) != Db::kEmType) {
+    return fmt::format("{} is a key of the {} database, not of {}", keyTag, emTypeOf(keyTag), Db::kEmType);
+  }
+  if (static_cast<int>(entryTag) != static_cast<int>(keyTag)) {
+    return fmt::format("the entry is of {}, but the key is of {}", entryTag, keyTag);
+  }
+  if (request.requestKind > RequestKind::hold) {
+    return fmt::format("request kind {} is unknown", static_cast<int>(request.requestKind));
+  }
+  if (auto problem = checkChipAndCore(key.fapId, key.localCoreId)) return problem;
+  FieldCheck check;
+  key.emComposerKey.visit([&](const auto& fields) { checkFields(check, fields); });
+  return check.problem();
+}
+
+template std::optional<std::string> checkRequest<Lem>(const LemEntryKey&, const LemSrvConfigEntry&);
+template std::optional<std::string> checkRequest<Isem>(const IsemEntryKey&, const IsemSrvConfigEntry&);
+template std::optional<std::string> checkRequest<Esem>(const EsemEntryKey&, const EsemSrvConfigEntry&);
+
+}  // namespace KilnEmServer

@@ -1,0 +1,105 @@
+// Counts what became of the requested entries, per database and table.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+/// How many entries of one table are requested, and what became of them. One that lost its hardware key to
+/// another feature is requested only: it takes no room, and waits for none.
+struct ResourceCounts {
+  std::uint32_t requested = 0;
+  std::uint32_t programmed = 0;
+  std::uint32_t waiting = 0;  ///< for their VLAN domain or the table's answer
+  std::uint32_t failed = 0;   ///< refused by the table, or not to be composed
+  KILN_VALUE(KilnEmServer, ResourceCounts, requested, programmed, waiting, failed)
+};
+
+/// The counts of one database, by the table's stem. A table of which nothing is requested has none.
+class ResourceTable {
+  KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
+};
+
+/// Files every requested logical key under the state of its status, inside the call that changes it: that is
+/// all in the stage itself. The rows that changed are published on the stage's task, each once however many
+/// keys changed it.
+class ResourceTableSm final : public Stage {
+ public:
+  ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                  Ref<const EmLogicalKeyToStatus> emStatusMerged, Ref<ResourceTable> isemResourceTable,
+                  Ref<ResourceTable> esemResourceTable, Ref<ResourceTable> lemResourceTable, std::string name,
+                  Ref<DependencyStatus> dependencyStatus, StageControl control);
+
+  void noteState(StateDigest& digest) const override {
+    Stage::noteState(digest);
+    digest.add(counts_);
+  }
+
+ protected:
+  void handleInitialized() override;
+
+ private:
+  /// The tables whose counts changed since they were published, by the number of their key type, to be
+  /// published in the order in which they came.
+  class ChangedTables final : public OwnWork {
+   public:
+    explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
+    void add(std::size_t number);
+
+    [[nodiscard]] std::size_t pendingCount() const override { return count_; }
+    [[nodiscard]] Arrival headArrival() const override { return arrivals_[first()]; }
+    void notePending(PendingDigests& pending) const override;
+
+   private:
+    void handleNext() override;
+    /// What was counted in the scan is published before rows of an earlier stage are judged.
+    bool scanItem() override;
+    [[nodiscard]] std::size_t first() const;
+
+    ResourceTableSm& owner_;
+    std::array<bool, KilnPlatform::kTableStems.size()> changed_{};
+    std::array<Arrival, KilnPlatform::kTableStems.size()> arrivals_{};
+    std::size_t count_ = 0;
+  };
+
+  void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
+  void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
+  /// Files a key under another status, or under none where it is null.
+  void count(const EmLogicalKey& emKey, const EmStatus* was, const EmStatus* now);
+  void publish(EmComposerKeyUnionTag type);
+
+  template <FixedString Argument>
+  using CountsOutput = Output<ResourceTable::resourceAttr, Argument, "name">;
+
+  Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ResourceTableSm::handleEntry,
+        "from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::immediate>
+      emLogicalKeyToEntry_;
+  Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResourceTableSm::handleStatus,
+        "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::immediate>
+      emStatusMerged_;
+  ChangedTables changedTables_;
+  /// The status under which each requested key was counted last.
+  LocalCollection<EmLogicalKey, EmStatus> counted_;
+  std::array<ResourceCounts, KilnPlatform::kTableStems.size()> counts_{};  ///< by the number of the key type
+  CountsOutput<"isemResourceTable"> isem_;
+  CountsOutput<"esemResourceTable"> esem_;
+  CountsOutput<"lemResourceTable"> lem_;
+};
+
+Ref<ResourceTableSm> resourceTableSmFactory(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
+                                            Ref<const EmLogicalKeyToStatus> emStatusMerged,
+                                            Ref<ResourceTable> isemResourceTable,
+                                            Ref<ResourceTable> esemResourceTable,
+                                            Ref<ResourceTable> lemResourceTable, std::string name,
+                                            Ref<DependencyStatus> dependencyStatus, StageControl control);
+
+}  // namespace KilnEmServer

@@ -1,0 +1,164 @@
+// Publishes, for one feature of one database, a status per request: only one that answers the current version
+// of the current request. One design for the three databases; LemSrvStatusSm, IsemSrvStatusSm and
+// EsemSrvStatusSm give it their names.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "kiln/platform/FixedString.h"
+#include "kiln/platform/KilnTunnelNiLib.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/runtime/model/RequestAdmission.h"
+#include "kiln/runtime/stage/Input.h"
+#include "kiln/runtime/stage/Output.h"
+#include "kiln/runtime/stage/Stage.h"
+
+namespace KilnEmServer {
+
+template <class Db>
+class SrvStatusSm : public Stage {
+ public:
+  using RequestKey = typename Db::EntryKey;
+  using Request = KilnTunnelNiLib::SrvConfigEntry<typename Db::ClientData>;
+  using SrvConfig = KilnTunnelNiLib::SrvConfig<Db>;
+  using SrvStatus = KilnTunnelNiLib::SrvStatus<Db>;
+  using StatusEntry = typename SrvStatus::Entry;
+
+  SrvStatusSm(std::string_view className, FeatureType featureType, Ref<const EmLogicalKeyToStatus> emStatus,
+              Ref<const SrvConfig> srvConfig, Ref<SrvStatus> srvStatus, std::string name,
+              Ref<DependencyStatus> dependencyStatus, StageControl control);
+
+  /// Whether a change of the request's per-key status waits to be handled.
+  [[nodiscard]] bool decidesLater(const RequestKey& entryKey) const {
+    return Stage::changeWaits(logicalKeyOf(featureType_, entryKey));
+  }
+  // What the handlers look up beside the key for which they are called.
+  void expect(const EmLogicalKey& emLogicalKey) const { expectKey(requestKeyAs<RequestKey>(emLogicalKey)); }
+  void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
+
+ private:
+  [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
+    return emLogicalKey.featureType == featureType_;
+  }
+  /// Whether the key may be one of this feature's requests of this database.
+  [[nodiscard]] bool concerns(const EmLogicalKey& emLogicalKey) const {
+    return isOwn(emLogicalKey) && isOfDatabase<Db>(emLogicalKey.emComposerKey);
+  }
+  void eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt);
+  void eventToEmStatusStream(const EmLogicalKey& emLogicalKey, const EmRequestStatus* statusOpt);
+  void eventToStatusStream(const EmRequestKey& emRequestKey);
+  void answerHeld(const RequestKey& entryKey, const Request& request);
+  void answerLeftOut(const RequestKey& entryKey, const Request& request);
+  void answerFromServer(const EmRequestKey& emRequestKey, const RequestKey& entryKey, const Request& request);
+  void publish(const StatusEntry& statusEntry, const RequestKey& entryKey);
+
+  static constexpr auto kConfigName = Db::kPrefix + "SrvConfig";
+  static constexpr auto kStatusName = Db::kPrefix + "SrvStatus";
+  static constexpr auto kKeyName = Db::kPrefix + "EntryKey";
+  static constexpr auto kSrvStream =
+      "srvStream = from( " + Db::kPrefix + "SrvConfig.config[] ): " + Db::kPrefix + "EntryKey={}";
+  static constexpr auto kMatchFilter =
+      "filter( ( ( emStatusOpt && ( ( *emEntryOpt ) == ( *srvConfigOpt ).clientData." + Db::kPrefix +
+      "Entry ) ) && ( ( *emVerOpt ) == ( *srvConfigOpt ).requestVersion ) ) )";
+
+  static constexpr FixedString kFeatureFilter = "filter( ( emLogicalKey.featureType == featureType ) )";
+
+  FeatureType featureType_;
+  Input<typename SrvConfig::configAttr, kConfigName, &SrvStatusSm::eventToSrvStream, kSrvStream> srvConfig_;
+  Input<EmLogicalKeyToStatus::statusAttr, "emStatus", &SrvStatusSm::eventToEmStatusStream,
+        "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued,
+        &SrvStatusSm::concerns, &SrvStatusSm::isOwn, kFeatureFilter>
+      emStatus_;
+  Output<typename SrvStatus::statusAttr, kStatusName, kKeyName> srvStatus_;
+};
+
+template <class Db>
+SrvStatusSm<Db>::SrvStatusSm(std::string_view className, FeatureType featureType,
+                             Ref<const EmLogicalKeyToStatus> emStatus, Ref<const SrvConfig> srvConfig,
+                             Ref<SrvStatus> srvStatus, std::string name,
+                             Ref<DependencyStatus> dependencyStatus, StageControl control)
+    : Stage(className, std::move(name), std::move(dependencyStatus), std::move(control),
+            "Line 89: from( this.ready )"),
+      featureType_(featureType),
+      srvConfig_(*this, std::move(srvConfig), "srvStream"),
+      emStatus_(*this, std::move(emStatus), "emStatusStream"),
+      srvStatus_(*this, std::move(srvStatus)) {}
+
+template <class Db>
+void SrvStatusSm<Db>::eventToSrvStream(const RequestKey& entryKey, const Request* /*srvConfigOpt*/) {
+  eventToStatusStream(requestKeyAs<EmRequestKey>(entryKey));
+}
+
+template <class Db>
+void SrvStatusSm<Db>::eventToEmStatusStream(const EmLogicalKey& emLogicalKey,
+                                            const EmRequestStatus* /*statusOpt*/) {
+  eventToStatusStream(requestKeyAs<EmRequestKey>(emLogicalKey));
+}
+
+template <class Db>
+void SrvStatusSm<Db>::eventToStatusStream(const EmRequestKey& emRequestKey) {
+  using KilnTunnelNiLib::RequestKind;
+  tracer().template trace<7>("statusStream = merge( srvStream, emStatusStream ): emRequestKey={}",
+                             emRequestKey);
+  const auto entryKey = requestKeyAs<RequestKey>(emRequestKey);
+  const Request* request = srvConfig_.find(entryKey);
+  if (request == nullptr) {
+    tracer().template trace<7>("Line 52: merge( statusStream ): {}={}", kKeyName.view(), entryKey);
+    srvStatus_.erase(entryKey);
+    return;
+  }
+  tracer().template trace<7>("Line 52: merge( statusStream ): emRequestKey={} {}={} srvConfigOpt={}",
+                             emRequestKey, kKeyName.view(), entryKey, *request);
+  if (request->requestKind == RequestKind::hold) {
+    answerHeld(entryKey, *request);
+  } else if (admissionOf<Db>(entryKey, request->requestKind) != Admission::admitted) {
+    answerLeftOut(entryKey, *request);
+  } else {
+    answerFromServer(emRequestKey, entryKey, *request);
+  }
+}
+
+template <class Db>
+void SrvStatusSm<Db>::answerHeld(const RequestKey& entryKey, const Request& request) {
+  tracer().template trace<7>("Line 55: merge( vok_pipeline1 ): {}={} srvConfigOpt={}", kKeyName.view(),
+                             entryKey, request);
+  publish({entryKey, 0, request.requestVersion, 1, EmStatus{}, KilnTunnelNiLib::kResultHold}, entryKey);
+}
+
+// Another request may have the same logical key, so the per-key status says nothing about this one.
+template <class Db>
+void SrvStatusSm<Db>::answerLeftOut(const RequestKey& entryKey, const Request& request) {
+  tracer().template trace<8>("{} is left out", entryKey);
+  publish({entryKey, 0, request.requestVersion, 1, EmStatus::hwFail, KilnTunnelNiLib::kResultFromServer},
+          entryKey);
+}
+
+template <class Db>
+void SrvStatusSm<Db>::answerFromServer(const EmRequestKey& emRequestKey, const RequestKey& entryKey,
+                                       const Request& request) {
+  tracer().template trace<7>("Line 55: merge( vok_pipeline1 ): emRequestKey={} {}={} srvConfigOpt={}",
+                             emRequestKey, kKeyName.view(), entryKey, request);
+  const EmRequestStatus* status = emStatus_.find(logicalKeyOf(featureType_, emRequestKey));
+  const bool matches = status != nullptr &&
+                       status->emConfigEntry.emEntry == request.clientData.*Db::kEntryOfClientData &&
+                       status->emConfigEntry.requestVersion == request.requestVersion;
+  if (!filter(matches, kMatchFilter.view())) {
+    // What was published for an earlier version stays, after a restart as well.
+    srvStatus_.markSeen(entryKey);
+    return;
+  }
+  publish({entryKey, 0, status->emConfigEntry.requestVersion, 1, status->status,
+           KilnTunnelNiLib::kResultFromServer},
+          entryKey);
+}
+
+template <class Db>
+void SrvStatusSm<Db>::publish(const StatusEntry& statusEntry, const RequestKey& entryKey) {
+  tracer().template trace<7>("Line 55: merge( vok_pipeline2, vok_pipeline3 ): statusEntry={} {}={}",
+                             statusEntry, kKeyName.view(), entryKey);
+  srvStatus_.insert(entryKey, statusEntry);
+}
+
+}  // namespace KilnEmServer
