@@ -1,6 +1,7 @@
 #include "bench/Requests.h"
 
 #include "bench/Cycle.h"
+#include "kiln/agent/scenario/NumberedKey.h"
 #include "kiln/platform/KilnTunnelNiLib.h"
 #include "kiln/runtime/model/EmTypes.h"
 
@@ -86,9 +87,17 @@ EmComposerKey keyOf(RequestMix type, std::uint32_t n) {
       return IsemMplsComposerKey{16 + n, 0};
     case RequestMix::esemFodoEntryKey:
       return EsemFodoComposerKey{n};
-    default:
+    case RequestMix::lemVpwsAcEntryKey:
       return LemVpwsAcComposerKey{n % (1U << 20U), u16(1 + n % kVlanIds), u16(1 + (n >> 20U)), u8(n % 8), 0};
+    default:
+      break;
   }
+  EmComposerKey key;
+  KilnEmServer::visitKeyType(type, [&]<class Row>() {
+    const bool resolved = Row::kResolver != KilnEmServer::ResolverKeyUnionTag::undefined_;
+    key = KilnAgent::numberedKey<Row>(resolved ? rest : n, {interface, 0});
+  });
+  return key;
 }
 
 template <class Db>
@@ -106,7 +115,7 @@ MemoryStateStore::Request<Db> record(const EmEntry& entry, std::uint32_t version
 }  // namespace
 
 std::string_view mixName(RequestMix mix) {
-  return mix == kMixed ? "mixed" : KilnPlatform::kTableStems[static_cast<std::size_t>(mix)];
+  return mix == kMixed ? "mixed" : KilnEmServer::tableStem(mix);
 }
 
 std::uint32_t mostRequests(RequestMix mix) {
@@ -121,24 +130,19 @@ Request requestOf(RequestMix mix, std::uint32_t n) {
 
 EmEntry entryOf(const EmComposerKey& key, std::uint32_t n, std::uint32_t version) {
   const std::uint32_t lif = n + version;
-  switch (key.tag()) {
-    case RequestMix::isemUntaggedEntryKey:
-      return IsemUntaggedEntry{lif, 3, 1};
-    case RequestMix::isem1TagEntryKey:
-      return Isem1TagEntry{lif, 3, 1};
-    case RequestMix::isem2TagEntryKey:
-      return Isem2TagEntry{lif, 3, 1};
-    case RequestMix::esemFodoVdEntryKey:
-      return EsemFodoVdEntry{lif, 1};
-    case RequestMix::isemInnerEthEntryKey:
-      return IsemInnerEthEntry{lif, 3};
-    case RequestMix::isemMplsEntryKey:
-      return IsemMplsEntry{lif, 3};
-    case RequestMix::esemFodoEntryKey:
-      return EsemFodoEntry{lif, 1};
-    default:
-      return LemVpwsAcEntry{lif, 2, n};
-  }
+  EmEntry made;
+  KilnEmServer::visitKeyType(key.tag(), [&]<class Row>() {
+    typename Row::Entry entry;
+    if constexpr (requires { entry.lif; }) entry.lif = lif;
+    if constexpr (requires { entry.outLif; }) entry.outLif = lif;
+    if constexpr (requires { entry.vsi; }) entry.vsi = 3;
+    if constexpr (requires { entry.profile; }) entry.profile = 1;
+    if constexpr (requires { entry.editProfile; }) entry.editProfile = 1;
+    if constexpr (requires { entry.destination; }) entry.destination = 2;
+    if constexpr (requires { entry.statisticsId; }) entry.statisticsId = n;
+    made = entry;
+  });
+  return made;
 }
 
 MadeRequest publicationOf(RequestMix mix, std::uint32_t n, std::uint32_t version) {

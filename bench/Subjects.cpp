@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "kiln/agent/platform/YieldPolicies.h"
+#include "kiln/compose/KeyFields.h"
 #include "kiln/platform/Asic.h"
 #include "kiln/platform/TableCapacity.h"
 
@@ -54,53 +55,17 @@ void apply(MemoryStateStore& store, const MadeRequest& made) {
 }
 
 /// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
-/// domain of an interface is told from its number.
+/// domain of an interface follows from its number.
 template <class Visitor>
 void withTableKey(const KilnEmServer::EmComposerKey& key, Visitor&& visitor) {
-  const auto domain = [](std::uint64_t interface) { return static_cast<std::uint16_t>(interface - 999); };
-  using Tag = KilnEmServer::EmComposerKeyUnionTag;
-  switch (key.tag()) {
-    case Tag::isemUntaggedEntryKey: {
-      const auto& own = key.get<IsemUntaggedComposerKey>();
-      return visitor.template operator()<Asic::IsemUntaggedKilnInterface, Asic::IsemUntaggedKilnSwTable>(
-          {U9(domain(own.intfId))});
-    }
-    case Tag::isem1TagEntryKey: {
-      const auto& own = key.get<Isem1TagComposerKey>();
-      return visitor.template operator()<Asic::Isem1TagKilnInterface, Asic::Isem1TagKilnSwTable>(
-          {U9(domain(own.intfId)), U12(own.vlanId)});
-    }
-    case Tag::isem2TagEntryKey: {
-      const auto& own = key.get<Isem2TagComposerKey>();
-      return visitor.template operator()<Asic::Isem2TagKilnInterface, Asic::Isem2TagKilnSwTable>(
-          {U9(domain(own.intfId)), U12(own.outerVlanId), U12(own.innerVlanId)});
-    }
-    case Tag::isemInnerEthEntryKey: {
-      const auto& own = key.get<IsemInnerEthComposerKey>();
-      return visitor.template operator()<Asic::IsemInnerEthKilnInterface, Asic::IsemInnerEthKilnSwTable>(
-          {own.vsi, own.profile});
-    }
-    case Tag::isemMplsEntryKey: {
-      const auto& own = key.get<IsemMplsComposerKey>();
-      return visitor.template operator()<Asic::IsemMplsKilnInterface, Asic::IsemMplsKilnSwTable>(
-          {own.label, own.labelSpace});
-    }
-    case Tag::esemFodoVdEntryKey: {
-      const auto& own = key.get<EsemFodoVdComposerKey>();
-      return visitor.template operator()<Asic::EsemFodoVdKilnInterface, Asic::EsemFodoVdKilnSwTable>(
-          {U18(own.fodoId), U11(domain(own.intfId))});
-    }
-    case Tag::esemFodoEntryKey: {
-      const auto& own = key.get<EsemFodoComposerKey>();
-      return visitor.template operator()<Asic::EsemFodoKilnInterface, Asic::EsemFodoKilnSwTable>(
-          {U18(own.fodoId)});
-    }
-    default: {
-      const auto& own = key.get<LemVpwsAcComposerKey>();
-      return visitor.template operator()<Asic::LemVpwsAcKilnInterface, Asic::LemVpwsAcKilnSwTable>(
-          {U20(own.inLif), U12(own.outerVlanId), U12(own.innerVlanId), U3(own.outerPcp), U3(own.innerPcp)});
-    }
-  }
+  KilnEmServer::visitKeyType(key.tag(), [&]<class Row>() {
+    using Classes = Asic::TableClasses<Row>;
+    const auto& own = key.template get<typename Row::ComposerKey>();
+    std::uint64_t domain = 0;
+    if constexpr (requires { own.intfId; }) domain = own.intfId - 999;
+    visitor.template operator()<typename Classes::Interface, typename Classes::SwTable>(
+        KilnEmServer::entryKeyOf<Row>(own, domain));
+  });
 }
 
 template <class SwTable>
@@ -141,15 +106,11 @@ WholeServer::~WholeServer() {
 void WholeServer::start() {
   using KilnAgent::makeCollection;
   server_ = KilnEmServer::kilnEmServerSmFactory(
-      store_, chip_, chip_->chipStatus(), chip_->mdbStatus(),
-      std::make_shared<KilnPlatform::TableCapacity>(
-          makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>()),
-      std::make_shared<SemCapacityExternalDir>(makeCollection<std::string, SemCapacityExternal>()),
-      vlanDomains_.config(), vlanDomains_.status(), chip_->interface<Asic::IsemUntaggedKilnInterface>(),
-      chip_->interface<Asic::Isem1TagKilnInterface>(), chip_->interface<Asic::Isem2TagKilnInterface>(),
-      chip_->interface<Asic::IsemMplsKilnInterface>(), chip_->interface<Asic::IsemInnerEthKilnInterface>(),
-      chip_->interface<Asic::EsemFodoVdKilnInterface>(), chip_->interface<Asic::EsemFodoKilnInterface>(),
-      chip_->interface<Asic::LemVpwsAcKilnInterface>());
+      {store_, chip_, chip_->chipStatus(), chip_->mdbStatus(),
+       std::make_shared<KilnPlatform::TableCapacity>(
+           makeCollection<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>()),
+       std::make_shared<SemCapacityExternalDir>(makeCollection<std::string, SemCapacityExternal>()),
+       vlanDomains_.config(), vlanDomains_.status(), chip_->interfaces()});
 }
 
 void WholeServer::stop() {

@@ -29,8 +29,8 @@ Json jsonOf(const ChipConfig::Fap& fap) {
 
 std::string textOf(const ChipConfig& chip) {
   Json json = {{"vlanDomains", {{"first", chip.vlanDomains.first}, {"last", chip.vlanDomains.last}}}};
-  for (std::size_t type = 1; type < chip.tableSizes.size(); ++type) {
-    json["tables"][std::string(KilnPlatform::kTableStems[type])] = chip.tableSizes[type];
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    json["tables"][std::string(type.stem)] = chip.tableSizes[type.tag];
   }
   json["faps"] = json["profiles"] = Json::array();
   for (const auto& fap : chip.faps) json["faps"].push_back(jsonOf(fap));

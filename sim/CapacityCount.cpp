@@ -14,27 +14,24 @@
 namespace KilnSim {
 namespace {
 
-using Tag = KilnEmServer::EmResolvedKeyUnionTag;
+using KilnEmServer::TableMemory;
 /// Table, feature, agent and chip; used, free and maximum.
 using Rows = std::map<std::tuple<std::string, std::string, std::string, std::string>,
                       std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>>;
 
 constexpr const char* kAgent = "SemCapacity";
 
-/// One reported table: which key types a FAP of type 3 keeps there, and one of type 4 or 5.
+/// One reported table: the entries of which memory a FAP of type 3 keeps there, and one of type 4 or 5.
 struct Table {
   std::uint16_t id;
   const char* name;
-  std::vector<Tag> onType3;
-  std::vector<Tag> onOthers;
+  TableMemory onType3;
+  TableMemory onOthers;
 };
-const std::vector<Tag> kNarrow = {Tag::isemUntaggedEntryKey, Tag::isem1TagEntryKey, Tag::isem2TagEntryKey};
-const std::vector<Tag> kWide = {Tag::isemInnerEthEntryKey, Tag::isemMplsEntryKey};
-const std::vector<Tag> kEgress = {Tag::esemFodoVdEntryKey, Tag::esemFodoEntryKey};
-const Table kTables[] = {{64, "ISEM1", kNarrow, kWide},
-                         {65, "ISEM2", kWide, kNarrow},
-                         {66, "ISEM3", {}, {}},
-                         {37, "ESEM", kEgress, kEgress}};
+const Table kTables[] = {{64, "ISEM1", TableMemory::isemNarrow, TableMemory::isemWide},
+                         {65, "ISEM2", TableMemory::isemWide, TableMemory::isemNarrow},
+                         {66, "ISEM3", TableMemory::none, TableMemory::none},
+                         {37, "ESEM", TableMemory::esem, TableMemory::esem}};
 
 std::optional<std::uint32_t> maximum(const Hardware::Kiln::MdbStatus& mdb, Hardware::Kiln::FapId fapId,
                                      std::uint16_t tableId) {
@@ -78,9 +75,10 @@ void addCore(Rows& rows, const KilnAgent::EmbeddedAgent& agent, Hardware::Kiln::
       rows[{table.name, feature, kAgent, chip}] = {used, *max - std::min<std::uint64_t>(*max, used), *max};
     };
     std::uint64_t used = 0;
-    for (const Tag tag : type3 ? table.onType3 : table.onOthers) {
-      const bool narrow = std::find(kNarrow.begin(), kNarrow.end(), tag) != kNarrow.end();
-      used += agent.chip().table(tag).fill() * (narrow ? 1 : 2);
+    const TableMemory memory = type3 ? table.onType3 : table.onOthers;
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      if (memory == TableMemory::none || type.memory != memory) continue;
+      used += agent.chip().table(type.tag).fill() * (memory == TableMemory::isemNarrow ? 1 : 2);
     }
     add("", used);
     const auto others = external(agent, fapId, core, table.id, type3);

@@ -58,7 +58,7 @@ class ExploredSpace::Lock {
 
 ExploredSpace::ExploredSpace(const std::string& file, const StateValue& subject) {
   static_assert(sizeof(Header) <= kPage);
-  static_assert(KilnPlatform::kTableStems.size() <= kMostTables);
+  static_assert(KilnEmServer::kKeyTypes < kMostTables);
   if (!file.empty()) open(file);
   const int flags = MAP_SHARED | MAP_NORESERVE | (file_ < 0 ? MAP_ANONYMOUS : 0);
   void* const memory = mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, flags, file_, 0);

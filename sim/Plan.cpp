@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "kiln/agent/io/InputError.h"
+#include "kiln/agent/scenario/NumberedKey.h"
 #include "sim/Recompute.h"
 
 namespace KilnSim {
@@ -151,13 +152,28 @@ class Draw {
         return EsemFodoVdComposerKey{at.intfId, at.systemTcamId, small<std::uint32_t>(2, {0x3ffff, 0x40000})};
       case 7:
         return EsemFodoComposerKey{small<std::uint32_t>(4, {0x3ffff, 0x40000})};
-      default: {
+      case 8: {
         const auto inLif = small<std::uint32_t>(3, {0xfffff, 0x100000});
         const auto outer = vlan();
         const auto inner = vlan();
         return LemVpwsAcComposerKey{inLif, outer, inner, small<std::uint8_t>(1, {7, 8}), 0};
       }
+      default:
+        return anyKey(static_cast<TableTag>(type), at);
     }
+  }
+
+  /// A key of a type that has no draws of its own above: small fields, some at their limit or above it.
+  EmComposerKey anyKey(TableTag type, const IntfIdSystemTcamId& at) {
+    EmComposerKey drawn;
+    KilnEmServer::visitKeyType(type, [&]<class Row>() {
+      auto key = KilnAgent::numberedKey<Row>(0, at);
+      KilnAgent::forEachKeyField<Row>(key, [&]<class Field>(Field& field, std::uint64_t greatest) {
+        field = small<Field>(3, {static_cast<Field>(greatest), static_cast<Field>(greatest + 1)});
+      });
+      drawn = key;
+    });
+    return drawn;
   }
 
   EmEntry entry(int type) {

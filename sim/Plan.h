@@ -23,7 +23,7 @@ struct Plan {
 };
 
 /// Types of tables, numbered from 1.
-constexpr int kTableTypes = 8;
+constexpr int kTableTypes = KilnEmServer::kKeyTypes;
 
 /// Kinds of runs. `mixed` draws its weights; the others press one side of the server.
 constexpr std::array<std::string_view, 6> kProfiles = {"mixed",   "calm",    "storm",

@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <limits>
+#include <string_view>
+#include <tuple>
 
 #include "kiln/agent/io/SortedRows.h"
 #include "kiln/server/KilnEmServerSm.h"
@@ -30,49 +33,31 @@ TableTag typeOf(const EmRequestKey& key) {
 }
 
 EmType databaseOf(TableTag type) {
-  if (type == TableTag::lemVpwsAcEntryKey) return EmType::lem;
-  if (type == TableTag::esemFodoVdEntryKey || type == TableTag::esemFodoEntryKey) return EmType::esem;
-  return EmType::isem;
+  return KilnEmServer::kKeyTypeInfo[type].database;
 }
 
-bool fits(std::uint64_t value, unsigned bits) {
-  return value >> bits == 0;
+/// The value of the field of this name; nothing if the structure has none.
+template <class T>
+std::optional<std::uint64_t> fieldOf(const T& structure, std::string_view name) {
+  std::optional<std::uint64_t> value;
+  const auto look = [&](const auto& field) {
+    if (field.name == name) value = structure.*(field.member);
+  };
+  std::apply([&](const auto&... field) { (look(field), ...); }, T::fields());
+  return value;
 }
 
-/// Keys that carry everything themselves.
-std::optional<EmResolvedKey> composeDirect(const EmComposerKey& from) {
-  if (const auto* eth = from.getIf<IsemInnerEthComposerKey>())
-    return IsemInnerEthEntryKey{eth->vsi, eth->profile};
-  if (const auto* mpls = from.getIf<IsemMplsComposerKey>())
-    return IsemMplsEntryKey{mpls->label, mpls->labelSpace};
-  if (const auto* fodo = from.getIf<EsemFodoComposerKey>()) {
-    if (!fits(fodo->fodoId, 18)) return std::nullopt;
-    return EsemFodoEntryKey{U18(fodo->fodoId)};
+/// Whether the value fits the field, which then has it.
+template <class Field>
+bool take(Field& field, std::uint64_t value) {
+  if constexpr (KilnPlatform::NumberValue<Field>) {
+    if (value > Field::kMax) return false;
+    field = Field(value);
+  } else {
+    if (value > std::numeric_limits<Field>::max()) return false;
+    field = static_cast<Field>(value);
   }
-  const auto& ac = from.get<LemVpwsAcComposerKey>();
-  if (!fits(ac.inLif, 20) || !fits(ac.outerVlanId, 12) || !fits(ac.innerVlanId, 12) ||
-      !fits(ac.outerPcp, 3) || !fits(ac.innerPcp, 3)) {
-    return std::nullopt;
-  }
-  return LemVpwsAcEntryKey{U20(ac.inLif), U12(ac.outerVlanId), U12(ac.innerVlanId), U3(ac.outerPcp),
-                           U3(ac.innerPcp)};
-}
-
-/// Keys that need a VLAN domain.
-std::optional<EmResolvedKey> composeWithDomain(const EmComposerKey& from, std::uint16_t domain) {
-  if (const auto* fodo = from.getIf<EsemFodoVdComposerKey>()) {
-    if (!fits(domain, 11) || !fits(fodo->fodoId, 18)) return std::nullopt;
-    return EsemFodoVdEntryKey{U18(fodo->fodoId), U11(domain)};
-  }
-  if (!fits(domain, 9)) return std::nullopt;
-  if (from.getIf<IsemUntaggedComposerKey>() != nullptr) return IsemUntaggedEntryKey{U9(domain)};
-  if (const auto* one = from.getIf<Isem1TagComposerKey>()) {
-    if (!fits(one->vlanId, 12)) return std::nullopt;
-    return Isem1TagEntryKey{U9(domain), U12(one->vlanId)};
-  }
-  const auto& two = from.get<Isem2TagComposerKey>();
-  if (!fits(two.outerVlanId, 12) || !fits(two.innerVlanId, 12)) return std::nullopt;
-  return Isem2TagEntryKey{U9(domain), U12(two.outerVlanId), U12(two.innerVlanId)};
+  return true;
 }
 
 Composed compose(const Wanted& wanted, const EmRequestKey& key, EmHwKey& hwKey) {
@@ -207,8 +192,20 @@ std::optional<IntfIdSystemTcamId> interfaceOf(const EmComposerKey& key) {
 }
 
 std::optional<EmResolvedKey> composed(const EmComposerKey& key, std::optional<std::uint16_t> domain) {
-  if (!interfaceOf(key)) return composeDirect(key);
-  return domain ? composeWithDomain(key, *domain) : std::nullopt;
+  std::optional<EmResolvedKey> resolved;
+  if (interfaceOf(key) && !domain) return resolved;
+  KilnEmServer::visitKeyType(key.tag(), [&]<class Row>() {
+    const auto& own = key.template get<typename Row::ComposerKey>();
+    typename Row::EntryKey hwKey;
+    bool fits = true;
+    const auto fill = [&](const auto& field) {
+      const auto value = fieldOf(own, field.name);
+      fits &= take(hwKey.*(field.member), value ? *value : domain.value());
+    };
+    std::apply([&](const auto&... field) { (fill(field), ...); }, Row::EntryKey::fields());
+    if (fits) resolved = hwKey;
+  });
+  return resolved;
 }
 
 bool takenUp(const RequestPlace& place, const Request& request) {
@@ -223,8 +220,7 @@ bool programmable(const RequestPlace& place, const Request& request) {
 }
 
 bool needsDomain(TableTag type) {
-  return type == TableTag::isemUntaggedEntryKey || type == TableTag::isem1TagEntryKey ||
-         type == TableTag::isem2TagEntryKey || type == TableTag::esemFodoVdEntryKey;
+  return KilnEmServer::kKeyTypeInfo[type].resolver != KilnEmServer::ResolverKeyUnionTag::undefined_;
 }
 
 Outcome recompute(const Wanted& wanted) {
@@ -272,9 +268,7 @@ Outcome outcomeOf(KilnAgent::EmbeddedAgent& agent) {
   for (const auto& table :
        {server.isemResourceTable(), server.esemResourceTable(), server.lemResourceTable()}) {
     KilnPlatform::forEachIn(table->resource(), [&](const std::string& stem, const ResourceCounts& counts) {
-      const auto& stems = KilnPlatform::kTableStems;
-      const auto number = std::find(stems.begin(), stems.end(), stem) - stems.begin();
-      outcome.resources[static_cast<TableTag>(number)] = counts;
+      outcome.resources[KilnEmServer::tableOfStem(stem).value_or(TableTag::undefined_)] = counts;
     });
   }
   return outcome;

@@ -39,8 +39,7 @@ bool isReadByCapacity(std::string_view part) {
       "SemCapacity",           "capacity",       "fap",          "profileId", "profile",
       "mdbCapabilitiesStatus", "mdbLocalStatus", "externalUsers"};
   return part.starts_with("SoftChip") || std::find(kRead.begin(), kRead.end(), part) != kRead.end() ||
-         std::find(KilnPlatform::kTableStems.begin(), KilnPlatform::kTableStems.end(), part) !=
-             KilnPlatform::kTableStems.end();
+         KilnEmServer::tableOfStem(part).has_value();
 }
 
 }  // namespace

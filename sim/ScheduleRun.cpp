@@ -76,8 +76,8 @@ ScheduleRun::ScheduleRun(const SmallScenario& scenario, bool fromReady, TaskNumb
     : scenario_(scenario), numbers_(numbers), record_(record), run_(unshuffled(), tally_, nullptr) {
   for (const auto& node : run_.agent().server().graph().nodes) stageOrder_.push_back(node.stage);
   apply(RunOperation{0});
-  for (std::size_t i = 1; i < KilnPlatform::kTableStems.size(); ++i) {
-    apply(TableOperation{static_cast<TableTag>(i), Mode::hold, {}, {}});
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    apply(TableOperation{type.tag, Mode::hold, {}, {}});
   }
   if (fromReady || !scenario_.setUp.empty()) settleByDefault();
   for (const Operation& operation : scenario_.setUp) {
@@ -300,8 +300,8 @@ void ScheduleRun::withdrawEverything() {
       apply(WithdrawAllOperation{feature, database});
     });
   });
-  for (std::size_t i = 1; i < KilnPlatform::kTableStems.size(); ++i) {
-    apply(TableOperation{static_cast<TableTag>(i), Mode::success, {}, {}});
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    apply(TableOperation{type.tag, Mode::success, {}, {}});
   }
   if (!failed()) apply(SettleOperation{});
 }

@@ -443,29 +443,30 @@ TEST_F(ComposerTest, BaseOperationsAndProtocolViolations) {
 TEST(ResolvedKeyStatusTest, SortsOutcomesByTypeAndLeavesOutThoseWithoutAHardwareKey) {
   Bench bench;
   const auto merged = std::make_shared<EmLogicalKeyToStatus>();
-  std::map<Tag, Ref<ResolvedKeyStatus>> out;
-  for (const Tag type : {kUntagged, k1Tag, k2Tag, kFodoVd})
-    out[type] = std::make_shared<ResolvedKeyStatus>(type);
+  const auto out = std::make_shared<SwTableKeyStatusByComposerType>();
+  const auto outcomesOf = [&](Tag type) -> const auto& {
+    return out->statusIs(type)->resolvedKeyStatus();
+  };
   const EmHwKey hwKey = hwKeyOf(IsemUntaggedEntryKey{U9(4)});
   const std::vector<EmLogicalKey> keys = {untagged(kPort), oneTag(kPort, 1), twoTag(kPort, 1, 2),
                                           fodoVd(kPort, 3)};
   for (const auto& key : keys) merged->statusIs({key, {}, hwKey, EmStatus::hwKeyConflict});
   merged->statusIs({oneTag(kOther, 1), {}, {}, EmStatus::hwPending});
   merged->statusIs({mplsKey(FeatureType::mpls, 5), {}, hwKey, EmStatus::hwSuccess});
-  const auto stage = resolvedKeyStatusSmFactory(merged, out[kUntagged], out[k1Tag], out[k2Tag], out[kFodoVd],
-                                                "resolvedKeyStatusSmStage", bench.status, bench.control());
+  const auto stage =
+      resolvedKeyStatusSmFactory(merged, out, "resolvedKeyStatusSmStage", bench.status, bench.control());
   bench.settle();
   ASSERT_TRUE(bench.completed("resolvedKeyStatusSmStage"));
   for (const auto& key : keys) {
-    const auto content = contentOf(out.at(key.emComposerKey.tag())->resolvedKeyStatus());
+    const auto content = contentOf(outcomesOf(key.emComposerKey.tag()));
     EXPECT_EQ(content, (decltype(content){{key, {key, hwKey, HwState::hwKeyConflict}}}));
   }
   // The table no longer holds the key, which waits again: its outcome goes though its status does not.
   merged->statusIs({keys[1], {}, {}, EmStatus::hwPending});
   merged->statusDel(keys[2]);
   bench.settle();
-  EXPECT_TRUE(out[k1Tag]->resolvedKeyStatus().empty());
-  EXPECT_TRUE(out[k2Tag]->resolvedKeyStatus().empty());
+  EXPECT_TRUE(outcomesOf(k1Tag).empty());
+  EXPECT_TRUE(outcomesOf(k2Tag).empty());
 }
 
 }  // namespace

@@ -100,8 +100,8 @@ class Restarted {
     return options;
   }
   void answers(const char* mode) {
-    for (std::size_t i = 1; i < KilnPlatform::kTableStems.size(); ++i) {
-      run(fmt::format(R"({{"op":"table","table":"{}","answer":"{}"}})", KilnPlatform::kTableStems[i], mode));
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      run(fmt::format(R"({{"op":"table","table":"{}","answer":"{}"}})", type.stem, mode));
     }
   }
   Setting setting_;

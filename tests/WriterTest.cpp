@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "TestSupport.h"
-#include "kiln/program/IsemMplsSwTableWriter.h"
+#include "kiln/program/SwTableWriters.h"
 
 namespace KilnTest {
 namespace {

@@ -6,18 +6,14 @@
 #include <utility>
 
 #include "kiln/compose/ComposerSm.h"
+#include "kiln/compose/KeyFields.h"
 
 namespace KilnEmServer {
 
-/// `Traits` gives
-///   static constexpr std::string_view kClassName;
-///   using ComposerKey = ...;  // the composer alternative; begins with intfId and systemTcamId
-///   using EntryKey = ...;     // the hardware key's alternative
-///   static EntryKey entryKey(const ComposerKey& key, std::uint64_t vd);
-///                             // checks the fields' ranges in the order in which they are to be reported
-template <class Traits>
+/// The composer of a row. `Name` is the class that is derived from it, as traces have it.
+template <class Row, KilnPlatform::FixedString Name>
 class VdComposerSm : public ComposerSm {
-  using ComposerKey = typename Traits::ComposerKey;
+  using ComposerKey = typename Row::ComposerKey;
 
  public:
   VdComposerSm(Ref<const EmLogicalKeyConfig> emLogicalKeyConfig, Ref<SwTableKeyConfig> swTableKeyConfig,
@@ -25,10 +21,9 @@ class VdComposerSm : public ComposerSm {
                Ref<const ResolverStatusDir> resolverStatusDir, std::string name,
                Ref<DependencyStatus> dependencyStatus, StageControl smControl,
                Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {})
-      : ComposerSm(EmComposerKey::tagOf<ComposerKey>(), EmResolvedKey::tagOf<typename Traits::EntryKey>(),
-                   std::move(emLogicalKeyConfig), std::move(swTableKeyConfig), std::move(resolvedKeyStatus),
-                   std::move(resolverConfigDir), std::move(resolverStatusDir), Traits::kClassName,
-                   std::move(name), std::move(dependencyStatus), std::move(smControl),
+      : ComposerSm(Row::kComposerType, Row::kTag, std::move(emLogicalKeyConfig), std::move(swTableKeyConfig),
+                   std::move(resolvedKeyStatus), std::move(resolverConfigDir), std::move(resolverStatusDir),
+                   Name.view(), std::move(name), std::move(dependencyStatus), std::move(smControl),
                    std::move(emComposeFailure), std::move(traces)) {}
 
   [[nodiscard]] bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const override {
@@ -46,8 +41,13 @@ class VdComposerSm : public ComposerSm {
   [[nodiscard]] EmHwKey composeKey(const EmLogicalKey& emLogicalKey) const override {
     const std::uint64_t vd = getResult(ResolverKeyUnionTag::vd, emLogicalKey);
     const auto& key = emLogicalKey.emComposerKey.template get<ComposerKey>();
-    return {emLogicalKey.fapId, emLogicalKey.localCoreId, Traits::entryKey(key, vd)};
+    return {emLogicalKey.fapId, emLogicalKey.localCoreId, entryKeyOf<Row>(key, vd)};
   }
 };
+
+/// The class and the factory of a row's composer; each composer specializes it. What it does not declare here
+/// the server cannot create.
+template <class Row>
+struct ComposerOf;
 
 }  // namespace KilnEmServer

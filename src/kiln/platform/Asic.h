@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 
 #include "kiln/platform/Collection.h"
 #include "kiln/platform/EmKeys.h"
@@ -105,23 +108,12 @@ class KilnSwTable : public OrderedSwTable {
   [[nodiscard]] std::size_t size() const override { return entrys().size(); }
 };
 
-// The eight table classes. Integrators derive from them.
-class IsemUntaggedKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::IsemUntaggedEntryKey, KilnTunnelNiLib::IsemUntaggedEntry> {};
-class Isem1TagKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::Isem1TagEntryKey, KilnTunnelNiLib::Isem1TagEntry> {};
-class Isem2TagKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::Isem2TagEntryKey, KilnTunnelNiLib::Isem2TagEntry> {};
-class IsemInnerEthKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::IsemInnerEthEntryKey, KilnTunnelNiLib::IsemInnerEthEntry> {};
-class IsemMplsKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::IsemMplsEntryKey, KilnTunnelNiLib::IsemMplsEntry> {};
-class EsemFodoVdKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::EsemFodoVdEntryKey, KilnTunnelNiLib::EsemFodoVdEntry> {};
-class EsemFodoKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::EsemFodoEntryKey, KilnTunnelNiLib::EsemFodoEntry> {};
-class LemVpwsAcKilnSwTable
-    : public KilnSwTable<KilnTunnelNiLib::LemVpwsAcEntryKey, KilnTunnelNiLib::LemVpwsAcEntry> {};
+// The table class of each key type, for example IsemMplsKilnSwTable. Integrators derive from them.
+#define KILN_SW_TABLE(stem, Stem, ...) \
+  class Stem##KilnSwTable              \
+      : public KilnSwTable<KilnTunnelNiLib::Stem##EntryKey, KilnTunnelNiLib::Stem##Entry> {};
+KILN_KEY_TYPES(KILN_SW_TABLE)
+#undef KILN_SW_TABLE
 
 /// Owns the ordered software tables of one table type, by unit.
 class KilnInterface {
@@ -137,15 +129,61 @@ class KilnInterface {
   KilnInterface() = default;
 };
 
-// The eight table interfaces: distinct types, so that none can be passed in another's place.
-class IsemUntaggedKilnInterface : public KilnInterface {};
-class Isem1TagKilnInterface : public KilnInterface {};
-class Isem2TagKilnInterface : public KilnInterface {};
-class IsemInnerEthKilnInterface : public KilnInterface {};
-class IsemMplsKilnInterface : public KilnInterface {};
-class EsemFodoVdKilnInterface : public KilnInterface {};
-class EsemFodoKilnInterface : public KilnInterface {};
-class LemVpwsAcKilnInterface : public KilnInterface {};
+// The table interface of each key type, for example IsemMplsKilnInterface: distinct types, so that none can
+// be passed in place of another.
+#define KILN_TABLE_INTERFACE(stem, Stem, ...) \
+  class Stem##KilnInterface : public KilnInterface {};
+KILN_KEY_TYPES(KILN_TABLE_INTERFACE)
+#undef KILN_TABLE_INTERFACE
+
+/// The two classes of a key type, by its row.
+template <class Row>
+struct TableClasses;
+#define KILN_TABLE_CLASSES(stem, Stem, ...)                                                         \
+  template <>                                                                                       \
+  struct TableClasses<KilnEmServer::KeyType<KilnEmServer::EmResolvedKeyUnionTag::stem##EntryKey>> { \
+    using SwTable = Stem##KilnSwTable;                                                              \
+    using Interface = Stem##KilnInterface;                                                          \
+  };
+KILN_KEY_TYPES(KILN_TABLE_CLASSES)
+#undef KILN_TABLE_CLASSES
+
+/// The table interface of every key type.
+class TableInterfaces {
+ public:
+  TableInterfaces() = default;
+  /// One reference for each key type, in any order. One that is missing or given twice does not compile.
+  template <class... Interfaces>
+  explicit TableInterfaces(const Ref<Interfaces>&... interfaces) {
+    static_assert(sizeof...(Interfaces) == KilnEmServer::kKeyTypes, "one table interface for each key type");
+    std::apply([&](auto&... own) { (takeFrom(own, interfaces...), ...); }, interfaces_);
+  }
+  /// One of them, by its type.
+  template <class Interface>
+  [[nodiscard]] const Ref<Interface>& get() const {
+    return std::get<Ref<Interface>>(interfaces_);
+  }
+  /// The interface to the tables of a row's key type.
+  template <class Row>
+  [[nodiscard]] const Ref<typename TableClasses<Row>::Interface>& of() const {
+    return std::get<Ref<typename TableClasses<Row>::Interface>>(interfaces_);
+  }
+
+ private:
+  template <class Own, class... Given>
+  static void takeFrom(Own& own, const Given&... given) {
+    static_assert(((std::is_convertible_v<Given, Own> ? 1 : 0) + ...) == 1,
+                  "the table interface of a key type is missing, or given twice");
+    const auto take = [&]<class One>(const One& one) {
+      if constexpr (std::is_convertible_v<One, Own>) own = one;
+    };
+    (take(given), ...);
+  }
+
+  template <class... Rows>
+  using Interfaces = std::tuple<Ref<typename TableClasses<Rows>::Interface>...>;
+  KilnEmServer::OverKeyTypes<Interfaces> interfaces_;
+};
 
 /// Told that something about an object changed; what, it reads from the object.
 class ChangeSubscriber {

@@ -21,7 +21,7 @@
 namespace KilnTunnelNiLib {
 
 /// What a feature wants of a request. A request of kind `hold` is not programmed: it is answered at once.
-enum class RequestKind : std::uint8_t { add = 0, modify = 1, hold = 2 };
+KILN_NAMED_ENUM(KilnTunnelNiLib, RequestKind, 0, add, modify, hold)
 
 /// Why a status says what it says.
 inline constexpr std::uint8_t kResultFromServer = 1;
@@ -228,10 +228,3 @@ class SemCapacityExternalDir {
 };
 
 }  // namespace KilnTunnelNiLib
-
-template <>
-struct KilnPlatform::EnumNames<KilnTunnelNiLib::RequestKind> {
-  static constexpr std::string_view kTypeName = "KilnTunnelNiLib::RequestKind";
-  static constexpr int kFirst = 0;
-  static constexpr std::array<std::string_view, 3> kNames = {"add", "modify", "hold"};
-};

@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <array>
+#include <boost/preprocessor/seq/elem.hpp>
 #include <boost/preprocessor/seq/enum.hpp>
+#include <boost/preprocessor/seq/seq.hpp>
 #include <boost/preprocessor/seq/transform.hpp>
 #include <boost/preprocessor/variadic/to_seq.hpp>
 #include <charconv>
@@ -59,12 +61,48 @@ constexpr Field<T, M> fieldOf(const char* name, M T::*member) {
   friend auto operator<=>(const Type&, const Type&) = default; \
   KILN_VALUE_FIELDS(Namespace, Type, __VA_ARGS__)
 
-/// The names of an enumeration's values, in numeric order from `kFirst`. Specialised per enumeration:
+/// The names of an enumeration's values, in numeric order from `kFirst`. KILN_NAMED_ENUM gives them; an
+/// enumeration with other names than its enumerators' specialises this:
 ///   static constexpr std::string_view kTypeName;
 ///   static constexpr int kFirst;
 ///   static constexpr std::array<std::string_view, N> kNames;
 template <class E>
 struct EnumNames {};
+
+/// What KILN_NAMED_ENUM says of an enumeration.
+template <std::size_t N>
+struct EnumDescription {
+  std::string_view typeName;
+  int first;
+  std::array<std::string_view, N> names;
+};
+template <std::size_t N>
+EnumDescription(std::string_view, int, std::array<std::string_view, N>) -> EnumDescription<N>;
+#define KILN_ENUMERATOR_NAME(r, data, name) std::string_view(#name)
+#define KILN_NAMED_ENUM_OF(Namespace, Type, firstNumber, enumerators)                                 \
+  enum class Type : std::uint8_t {                                                                    \
+    BOOST_PP_SEQ_HEAD(enumerators) = (firstNumber),                                                   \
+    BOOST_PP_SEQ_ENUM(BOOST_PP_SEQ_TAIL(enumerators))                                                 \
+  };                                                                                                  \
+  consteval auto describeEnum(Type) {                                                                 \
+    return ::KilnPlatform::EnumDescription{                                                           \
+        #Namespace "::" #Type, firstNumber,                                                           \
+        std::array{BOOST_PP_SEQ_ENUM(BOOST_PP_SEQ_TRANSFORM(KILN_ENUMERATOR_NAME, _, enumerators))}}; \
+  }
+/// An enumeration of bytes whose values are numbered from `firstNumber`, with their names.
+#define KILN_NAMED_ENUM(Namespace, Type, firstNumber, ...) \
+  KILN_NAMED_ENUM_OF(Namespace, Type, firstNumber, BOOST_PP_VARIADIC_TO_SEQ(__VA_ARGS__))
+
+template <class E>
+requires requires {
+  describeEnum(E{});
+}
+struct EnumNames<E> {
+  static constexpr auto kDescription = describeEnum(E{});
+  static constexpr std::string_view kTypeName = kDescription.typeName;
+  static constexpr int kFirst = kDescription.first;
+  static constexpr auto kNames = kDescription.names;
+};
 
 template <class E>
 concept NamedEnum = std::is_enum_v<E> && requires {

@@ -28,7 +28,7 @@ struct SwTableWriterOptions {
   Ref<EmWrittenKeys> emWrittenKeys;
 };
 
-/// The base of the eight table writers. Every writer sees every key of the shared configuration and keeps
+/// The base of the table writers. Every writer sees every key of the shared configuration and keeps
 /// only those of its own table. A newer request for a key supersedes an outstanding one; the older one's
 /// answer is recognised by its version and dropped.
 class EmSwTableWriterSm : public Stage,

@@ -1,10 +1,11 @@
-// What the eight table writers share: finding the table and handing it key and entry as its own types. The
-// named writers fix the table.
+// What the table writers share: finding the table and handing it key and entry as its own types. The named
+// writers fix the key type.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
@@ -54,9 +55,18 @@ class TableHolder {
   Ref<SwTable> held_;
 };
 
-/// A writer of the table that `Holder` finds.
-template <EmResolvedKeyUnionTag tag, class Holder>
+/// How the writer of a row finds its table.
+template <class Row, class Classes = Asic::TableClasses<Row>>
+using TableHolderOf =
+    std::conditional_t<Row::kWriterHolds == WriterHolds::interface,
+                       InterfaceHolder<typename Classes::Interface, typename Classes::SwTable>,
+                       TableHolder<typename Classes::SwTable>>;
+
+/// The writer of a row's table.
+template <class Row>
 class SwTableWriter : public EmSwTableWriterSm {
+  using Holder = TableHolderOf<Row>;
+
  public:
   using Held = typename Holder::Held;
   using Table = typename Holder::Table;
@@ -64,7 +74,7 @@ class SwTableWriter : public EmSwTableWriterSm {
   SwTableWriter(Ref<const EmSwTableConfig> emSwTableConfig, Ref<EmSwTableStatus> emSwTableStatus,
                 std::string name, Ref<DependencyStatus> dependencyStatus, Ref<Held> held,
                 StageControl control, SwTableWriterOptions options = {})
-      : EmSwTableWriterSm(tag, std::move(emSwTableConfig), std::move(emSwTableStatus), std::move(name),
+      : EmSwTableWriterSm(Row::kTag, std::move(emSwTableConfig), std::move(emSwTableStatus), std::move(name),
                           std::move(dependencyStatus), std::move(control), std::move(options)),
         holder_(std::move(held)) {}
 
@@ -109,8 +119,7 @@ class SwTableWriter : public EmSwTableWriterSm {
     return emHwKey.emResolvedKey.get<typename Table::Key>();
   }
 
-  /// How the checks name chip and core.
-  static constexpr bool kPlainNames = tag == EmResolvedKeyUnionTag::esemFodoEntryKey;
+  static constexpr bool kPlainNames = Row::kCheckNames == CheckNames::fields;
   static constexpr const char* kFapName = kPlainNames ? "fapId" : "emHwKey.fapId()";
   static constexpr const char* kCoreName = kPlainNames ? "localCoreId" : "emHwKey.localCoreId()";
 
@@ -122,5 +131,9 @@ class SwTableWriter : public EmSwTableWriterSm {
 
   Holder holder_;
 };
+
+/// The class and the factory of a row's writer.
+template <class Row>
+struct SwTableWriterOf;
 
 }  // namespace KilnEmServer

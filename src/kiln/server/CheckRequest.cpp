@@ -5,7 +5,10 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
+#include "kiln/compose/KeyFields.h"
 #include "kiln/platform/EmKeys.h"
 
 namespace KilnEmServer {
@@ -27,30 +30,13 @@ class FieldCheck {
   std::optional<std::string> problem_;
 };
 
-void checkFields(FieldCheck& check, const Isem1TagComposerKey& key) {
-  check.fits<U12>("vlanId", key.vlanId);
+template <class Row>
+void checkFields(FieldCheck& check, const typename Row::ComposerKey& key) {
+  forEachCommonField<Row>([&](const auto& field, const auto& hwField) {
+    using Width = std::remove_reference_t<decltype(std::declval<typename Row::EntryKey>().*(hwField.member))>;
+    if constexpr (KilnPlatform::NumberValue<Width>) check.fits<Width>(field.name, key.*(field.member));
+  });
 }
-void checkFields(FieldCheck& check, const Isem2TagComposerKey& key) {
-  check.fits<U12>("outerVlanId", key.outerVlanId);
-  check.fits<U12>("innerVlanId", key.innerVlanId);
-}
-void checkFields(FieldCheck& check, const EsemFodoVdComposerKey& key) {
-  check.fits<U18>("fodoId", key.fodoId);
-}
-void checkFields(FieldCheck& check, const EsemFodoComposerKey& key) {
-  check.fits<U18>("fodoId", key.fodoId);
-}
-void checkFields(FieldCheck& check, const LemVpwsAcComposerKey& key) {
-  check.fits<U20>("inLif", key.inLif);
-  check.fits<U12>("outerVlanId", key.outerVlanId);
-  check.fits<U12>("innerVlanId", key.innerVlanId);
-  check.fits<U3>("outerPcp", key.outerPcp);
-  check.fits<U3>("innerPcp", key.innerPcp);
-}
-// The fields of the other keys have the hardware's own widths.
-void checkFields(FieldCheck& /*check*/, const IsemUntaggedComposerKey& /*key*/) {}
-void checkFields(FieldCheck& /*check*/, const IsemInnerEthComposerKey& /*key*/) {}
-void checkFields(FieldCheck& /*check*/, const IsemMplsComposerKey& /*key*/) {}
 
 std::optional<std::string> checkChipAndCore(Hardware::Kiln::FapId fapId,
                                             Hardware::Kiln::LocalCoreId localCoreId) {
@@ -87,7 +73,9 @@ std::optional<std::string> checkRequest(const typename Db::EntryKey& key,
   }
   if (auto problem = checkChipAndCore(key.fapId, key.localCoreId)) return problem;
   FieldCheck check;
-  key.emComposerKey.visit([&](const auto& fields) { checkFields(check, fields); });
+  visitKeyType(keyTag, [&]<class Row>() {
+    checkFields<Row>(check, key.emComposerKey.template get<typename Row::ComposerKey>());
+  });
   return check.problem();
 }
 

@@ -9,14 +9,7 @@
 #include "kiln/compose/Isem2TagComposerSm.h"
 #include "kiln/compose/UntaggedComposerSm.h"
 #include "kiln/platform/Assert.h"
-#include "kiln/program/EsemFodoSwTableWriter.h"
-#include "kiln/program/EsemFodoVdSwTableWriter.h"
-#include "kiln/program/Isem1TagSwTableWriter.h"
-#include "kiln/program/Isem2TagSwTableWriter.h"
-#include "kiln/program/IsemInnerEthSwTableWriter.h"
-#include "kiln/program/IsemMplsSwTableWriter.h"
-#include "kiln/program/IsemUntaggedSwTableWriter.h"
-#include "kiln/program/LemVpwsAcSwTableWriter.h"
+#include "kiln/program/SwTableWriters.h"
 
 namespace KilnEmServer {
 namespace {
@@ -41,9 +34,13 @@ std::string partName(std::string_view stage, Type type) {
 }
 
 constexpr std::array kResolverTypes{ResolverKeyUnionTag::vd};
-constexpr std::array kResolvingComposerTypes{
-    EmComposerKeyUnionTag::isemUntaggedEntryKey, EmComposerKeyUnionTag::isem1TagEntryKey,
-    EmComposerKeyUnionTag::isem2TagEntryKey, EmComposerKeyUnionTag::esemFodoVdEntryKey};
+const std::vector<EmComposerKeyUnionTag> kResolvingComposerTypes = [] {
+  std::vector<EmComposerKeyUnionTag> types;
+  for (const KeyTypeInfo& type : kKeyTypeInfo) {
+    if (resolutionNeeded(type.composerType)) types.push_back(type.composerType);
+  }
+  return types;
+}();
 
 }  // namespace
 
@@ -59,14 +56,7 @@ KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move
   check(arguments_.semCapacityExternalDir, "semCapacityExternalDir");
   check(arguments_.vlanDomainConfig, "vlanDomainConfig");
   check(arguments_.vlanDomainStatus, "vlanDomainStatus");
-  check(arguments_.isemUntagged, "isemUntagged");
-  check(arguments_.isem1Tag, "isem1Tag");
-  check(arguments_.isem2Tag, "isem2Tag");
-  check(arguments_.isemMpls, "isemMpls");
-  check(arguments_.isemInnerEth, "isemInnerEth");
-  check(arguments_.esemFodoVd, "esemFodoVd");
-  check(arguments_.esemFodo, "esemFodo");
-  check(arguments_.lemVpwsAc, "lemVpwsAc");
+  forEachKeyType([&]<class Row>() { check(arguments_.tables.of<Row>(), Row::kStem.view()); });
 }
 
 // Writers go first, so that no answer finds a stage that is half gone, then the stages, last the collections.
@@ -148,13 +138,13 @@ void KilnEmServerSm::mountFeatures() {
   KilnPlatform::forEachEnumValue<FeatureType>([this](FeatureType feature) {
     if (arguments_.entityManager->features().has(feature)) mountFeature(feature);
   });
-  KilnPlatform::forEachEnumValue<EmComposerKeyUnionTag>([this](EmComposerKeyUnionTag type) {
-    if (type == EmComposerKeyUnionTag::undefined_) return;
+  for (const KeyTypeInfo& each : kKeyTypeInfo) {
+    const EmComposerKeyUnionTag type = each.composerType;
     logicalKeyConfigByComposerType_->configIs(type);
     swTableKeyConfigByComposerType_->configIs(type);
     emComposeFailure_->configIs(type);
     if (resolutionNeeded(type)) swTableKeyStatusByComposerType_->statusIs(type);
-  });
+  }
   resolverConfigDir_->resolverConfigIs(ResolverKeyUnionTag::vd);
   resolverStatusDir_->resolverStatusIs(ResolverKeyUnionTag::vd);
 }
@@ -259,31 +249,15 @@ void KilnEmServerSm::createResolverSms() {
 }
 
 void KilnEmServerSm::createComposerSms() {
-  createUntaggedComposer();
-  createIsem1TagComposer();
-  createIsem2TagComposer();
-  createEsemFodoVdComposer();
+  forEachKeyType([&]<class Row>() {
+    if constexpr (Row::kResolver != ResolverKeyUnionTag::undefined_) createComposer<Row>();
+  });
 }
 
-void KilnEmServerSm::createUntaggedComposer() {
-  createComposer(EmComposerKeyUnionTag::isemUntaggedEntryKey, untaggedComposerSmFactory);
-}
-
-void KilnEmServerSm::createIsem1TagComposer() {
-  createComposer(EmComposerKeyUnionTag::isem1TagEntryKey, isem1TagComposerSmFactory);
-}
-
-void KilnEmServerSm::createIsem2TagComposer() {
-  createComposer(EmComposerKeyUnionTag::isem2TagEntryKey, isem2TagComposerSmFactory);
-}
-
-void KilnEmServerSm::createEsemFodoVdComposer() {
-  createComposer(EmComposerKeyUnionTag::esemFodoVdEntryKey, esemFodoVdComposerSmFactory);
-}
-
-template <class Factory>
-void KilnEmServerSm::createComposer(EmComposerKeyUnionTag type, Factory factory) {
-  composerSm_[type] = factory(
+template <class Row>
+void KilnEmServerSm::createComposer() {
+  constexpr EmComposerKeyUnionTag type = Row::kComposerType;
+  composerSm_[type] = ComposerOf<Row>::kFactory(
       logicalKeyConfigByComposerType_->configIs(type), swTableKeyConfigByComposerType_->configIs(type),
       swTableKeyStatusByComposerType_->statusIs(type), resolverConfigDir_, resolverStatusDir_,
       partName("composerSmsStage", type), partStatus_, control(), emComposeFailure_->configIs(type),
@@ -321,50 +295,30 @@ void KilnEmServerSm::createEmConflictSm() {
 // Which key types share a physical table is the same on every FAP type.
 Ref<TableRoom> KilnEmServerSm::tableRoomOf(EmResolvedKeyUnionTag tag) {
   constexpr Hardware::Kiln::FapType kAnyFapType = 3;
-  const bool shared = tag != EmResolvedKeyUnionTag::lemVpwsAcEntryKey;
+  const bool shared = kKeyTypeInfo[tag].memory != TableMemory::none;
   Ref<TableRoom>& room = tableRooms_[shared ? physicalTableIdForKeyType(tag, kAnyFapType) : 0];
   if (room == nullptr) room = std::make_shared<TableRoom>();
   return room;
 }
 
 void KilnEmServerSm::createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name) {
-  const auto create = [&](auto factory, const auto& held) -> Ref<EmSwTableWriterSm> {
-    return factory(emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held, control(),
-                   SwTableWriterOptions{
-                       .retryRoom = tableRoomOf(tag),
-                       .emWrittenKeys = resolutionNeeded(composerTypeOf(tag)) ? emWrittenKeys_ : nullptr});
+  visitKeyType(tag, [&]<class Row>() { createWriter<Row>(name); });
+}
+
+template <class Row>
+void KilnEmServerSm::createWriter(const std::string& name) {
+  constexpr bool resolved = Row::kResolver != ResolverKeyUnionTag::undefined_;
+  const auto held = [&] {
+    if constexpr (Row::kWriterHolds == WriterHolds::interface) {
+      return arguments_.tables.of<Row>();
+    } else {
+      return tableOf<typename Asic::TableClasses<Row>::SwTable>(arguments_.tables.of<Row>());
+    }
   };
-  using ResolvedTag = EmResolvedKeyUnionTag;
-  Ref<EmSwTableWriterSm>& writer = swTableWriterSm_[tag];
-  switch (tag) {
-    case ResolvedTag::isemUntaggedEntryKey:
-      writer = create(isemUntaggedSwTableWriterFactory, arguments_.isemUntagged);
-      break;
-    case ResolvedTag::isem1TagEntryKey:
-      writer = create(isem1TagSwTableWriterFactory, arguments_.isem1Tag);
-      break;
-    case ResolvedTag::isem2TagEntryKey:
-      writer = create(isem2TagSwTableWriterFactory, arguments_.isem2Tag);
-      break;
-    case ResolvedTag::isemInnerEthEntryKey:
-      writer = create(isemInnerEthSwTableWriterFactory, arguments_.isemInnerEth);
-      break;
-    case ResolvedTag::isemMplsEntryKey:
-      writer = create(isemMplsSwTableWriterFactory, arguments_.isemMpls);
-      break;
-    case ResolvedTag::esemFodoVdEntryKey:
-      writer = create(esemFodoVdSwTableWriterFactory, arguments_.esemFodoVd);
-      break;
-    case ResolvedTag::esemFodoEntryKey:
-      writer = create(esemFodoSwTableWriterFactory, tableOf<Asic::EsemFodoKilnSwTable>(arguments_.esemFodo));
-      break;
-    case ResolvedTag::lemVpwsAcEntryKey:
-      writer =
-          create(lemVpwsAcSwTableWriterFactory, tableOf<Asic::LemVpwsAcKilnSwTable>(arguments_.lemVpwsAc));
-      break;
-    case ResolvedTag::undefined_:
-      break;
-  }
+  swTableWriterSm_[Row::kTag] = SwTableWriterOf<Row>::kFactory(
+      emSwTableConfig_, emSwTableStatus_, name, dependencyStatus_, held(), control(),
+      SwTableWriterOptions{.retryRoom = tableRoomOf(Row::kTag),
+                           .emWrittenKeys = resolved ? emWrittenKeys_ : nullptr});
 }
 
 void KilnEmServerSm::createReconcileCompleteSm() {
@@ -394,7 +348,7 @@ void KilnEmServerSm::createCapacitySm() {
       arguments_.hardwareStatus, mdbCapabilitiesStatus_, mdbLocalStatus_, arguments_.semCapacityExternalDir,
       emSwTableStatus_, {scheduler_, kCapacityPriority});
   for (const auto& [tag, writer] : swTableWriterSm_) {
-    if (tag != EmResolvedKeyUnionTag::lemVpwsAcEntryKey) semCapacitySm_->swTableWriterIs(writer);
+    if (kKeyTypeInfo[tag].memory != TableMemory::none) semCapacitySm_->swTableWriterIs(writer);
   }
   semCapacitySm_->handleInitialized();
   report("capacitySmStage");
@@ -406,12 +360,8 @@ void KilnEmServerSm::createEmStatusSm() {
 }
 
 void KilnEmServerSm::createResolvedKeyStatusSm() {
-  using Type = EmComposerKeyUnionTag;
-  SwTableKeyStatusByComposerType& statuses = *swTableKeyStatusByComposerType_;
-  resolvedKeyStatusSm_ = resolvedKeyStatusSmFactory(
-      emStatusMerged_, statuses.statusIs(Type::isemUntaggedEntryKey),
-      statuses.statusIs(Type::isem1TagEntryKey), statuses.statusIs(Type::isem2TagEntryKey),
-      statuses.statusIs(Type::esemFodoVdEntryKey), "resolvedKeyStatusSmStage", dependencyStatus_, control());
+  resolvedKeyStatusSm_ = resolvedKeyStatusSmFactory(emStatusMerged_, swTableKeyStatusByComposerType_,
+                                                    "resolvedKeyStatusSmStage", dependencyStatus_, control());
 }
 
 // A feature that is not present has no status stage; its name is reported in its place.
@@ -664,23 +614,8 @@ std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() con
   return sizes;
 }
 
-Ref<KilnEmServerSm> kilnEmServerSmFactory(
-    Ref<KilnPlatform::StateStore> entityManager, Ref<Asic::OrderedTableInterface> orderedTableInterface,
-    Ref<const Hardware::Kiln::Status> hardwareStatus, Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-    Ref<KilnPlatform::TableCapacity> tableCapacity,
-    Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir,
-    Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig,
-    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus,
-    Ref<Asic::IsemUntaggedKilnInterface> isemUntagged, Ref<Asic::Isem1TagKilnInterface> isem1Tag,
-    Ref<Asic::Isem2TagKilnInterface> isem2Tag, Ref<Asic::IsemMplsKilnInterface> isemMpls,
-    Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth, Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd,
-    Ref<Asic::EsemFodoKilnInterface> esemFodo, Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc) {
-  auto server = std::make_shared<KilnEmServerSm>(ServerArguments{
-      std::move(entityManager), std::move(orderedTableInterface), std::move(hardwareStatus),
-      std::move(hardwareMdbStatus), std::move(tableCapacity), std::move(semCapacityExternalDir),
-      std::move(vlanDomainConfig), std::move(vlanDomainStatus), std::move(isemUntagged), std::move(isem1Tag),
-      std::move(isem2Tag), std::move(isemMpls), std::move(isemInnerEth), std::move(esemFodoVd),
-      std::move(esemFodo), std::move(lemVpwsAc)});
+Ref<KilnEmServerSm> kilnEmServerSmFactory(ServerArguments arguments) {
+  auto server = std::make_shared<KilnEmServerSm>(std::move(arguments));
   server->handleInitialized();
   return server;
 }

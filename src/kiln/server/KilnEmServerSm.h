@@ -56,14 +56,7 @@ struct ServerArguments {
   Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir;
   Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig;
   Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus;
-  Ref<Asic::IsemUntaggedKilnInterface> isemUntagged;
-  Ref<Asic::Isem1TagKilnInterface> isem1Tag;
-  Ref<Asic::Isem2TagKilnInterface> isem2Tag;
-  Ref<Asic::IsemMplsKilnInterface> isemMpls;
-  Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth;
-  Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd;
-  Ref<Asic::EsemFodoKilnInterface> esemFodo;
-  Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc;
+  Asic::TableInterfaces tables;
 };
 
 /// An entity that the server owns, with its creator and its remover.
@@ -175,12 +168,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   void createComposerSelectorSm(EmComposerKeyUnionTag composerType, const std::string& name);
   void createResolverSms();
   void createComposerSms();
-  void createUntaggedComposer();
-  void createIsem1TagComposer();
-  void createIsem2TagComposer();
-  void createEsemFodoVdComposer();
-  template <class Factory>
-  void createComposer(EmComposerKeyUnionTag type, Factory factory);
+  template <class Row>
+  void createComposer();
   void doResolverSweep();
   void createSwKeyTranslationSm(EmComposerKeyUnionTag composerType, const std::string& name);
   void createComposerOutputMergeSm();
@@ -189,6 +178,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   void createSwTableWriterSm(EmResolvedKeyUnionTag tag, const std::string& name);
   /// The room of the physical table in which the entries of a table are stored.
   Ref<TableRoom> tableRoomOf(EmResolvedKeyUnionTag tag);
+  template <class Row>
+  void createWriter(const std::string& name);
   void createReconcileCompleteSm();
   void createSwTableStatusSm();
   void createMdbLocalStatusSm();
@@ -264,16 +255,22 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
 };
 
 /// Creates the server and starts it.
+Ref<KilnEmServerSm> kilnEmServerSmFactory(ServerArguments arguments);
+
+/// The same with each argument by itself: the eight that every server takes, then the table interface of each
+/// key type, in any order. An interface that is missing does not compile.
+template <class... Interfaces>
 Ref<KilnEmServerSm> kilnEmServerSmFactory(
     Ref<KilnPlatform::StateStore> entityManager, Ref<Asic::OrderedTableInterface> orderedTableInterface,
     Ref<const Hardware::Kiln::Status> hardwareStatus, Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
     Ref<KilnPlatform::TableCapacity> tableCapacity,
     Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir,
     Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig,
-    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus,
-    Ref<Asic::IsemUntaggedKilnInterface> isemUntagged, Ref<Asic::Isem1TagKilnInterface> isem1Tag,
-    Ref<Asic::Isem2TagKilnInterface> isem2Tag, Ref<Asic::IsemMplsKilnInterface> isemMpls,
-    Ref<Asic::IsemInnerEthKilnInterface> isemInnerEth, Ref<Asic::EsemFodoVdKilnInterface> esemFodoVd,
-    Ref<Asic::EsemFodoKilnInterface> esemFodo, Ref<Asic::LemVpwsAcKilnInterface> lemVpwsAc);
+    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus, const Ref<Interfaces>&... tables) {
+  return kilnEmServerSmFactory(ServerArguments{
+      std::move(entityManager), std::move(orderedTableInterface), std::move(hardwareStatus),
+      std::move(hardwareMdbStatus), std::move(tableCapacity), std::move(semCapacityExternalDir),
+      std::move(vlanDomainConfig), std::move(vlanDomainStatus), Asic::TableInterfaces(tables...)});
+}
 
 }  // namespace KilnEmServer

@@ -14,9 +14,9 @@ namespace KilnEmServer {
 /// status that names no hardware key is no outcome.
 class ResolvedKeyStatusSm final : public Stage {
  public:
-  ResolvedKeyStatusSm(Ref<const EmLogicalKeyToStatus> emStatusMerged, Ref<ResolvedKeyStatus> isemUntagged,
-                      Ref<ResolvedKeyStatus> isem1Tag, Ref<ResolvedKeyStatus> isem2Tag,
-                      Ref<ResolvedKeyStatus> esemFodoVd, std::string name,
+  /// The member of `swTableKeyStatus` for each composer type that needs resolution is an output.
+  ResolvedKeyStatusSm(Ref<const EmLogicalKeyToStatus> emStatusMerged,
+                      const Ref<SwTableKeyStatusByComposerType>& swTableKeyStatus, std::string name,
                       Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
  private:
@@ -25,26 +25,34 @@ class ResolvedKeyStatusSm final : public Stage {
   }
   static constexpr FixedString kFilter = "filter( resolutionNeeded( composerType ) )";
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
-  template <class AnyOutput>
-  void write(AnyOutput& output, const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
 
-  template <FixedString Argument>
-  using StatusOutput = Output<ResolvedKeyStatus::resolvedKeyStatusAttr, Argument, "emKey">;
+  /// The output of a key type; nothing for one that needs no resolution.
+  template <class Row, ResolverKeyUnionTag resolver = Row::kResolver>
+  struct StatusOutput {
+    StatusOutput(ResolvedKeyStatusSm& stage, const Ref<SwTableKeyStatusByComposerType>& holder)
+        : status(stage, holder == nullptr ? nullptr : holder->statusIs(Row::kComposerType)) {}
+    Output<ResolvedKeyStatus::resolvedKeyStatusAttr, Row::kStem + "KeyStatus", "emKey"> status;
+  };
+  template <class Row>
+  struct StatusOutput<Row, ResolverKeyUnionTag::undefined_> {
+    StatusOutput(ResolvedKeyStatusSm& /*stage*/, const Ref<SwTableKeyStatusByComposerType>& /*holder*/) {}
+  };
+  template <class... Rows>
+  struct StatusOutputs : StatusOutput<Rows>... {
+    StatusOutputs(ResolvedKeyStatusSm& stage, const Ref<SwTableKeyStatusByComposerType>& holder)
+        : StatusOutput<Rows>(stage, holder)... {}
+  };
 
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResolvedKeyStatusSm::handleStatus,
         "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
         &ResolvedKeyStatusSm::isResolved, &ResolvedKeyStatusSm::isResolved, kFilter>
       emStatusMerged_;
-  StatusOutput<"isemUntaggedKeyStatus"> isemUntagged_;
-  StatusOutput<"isem1TagKeyStatus"> isem1Tag_;
-  StatusOutput<"isem2TagKeyStatus"> isem2Tag_;
-  StatusOutput<"esemFodoVdKeyStatus"> esemFodoVd_;
+  OverKeyTypes<StatusOutputs> outputs_;
 };
 
-/// Each of the four outputs is that of the composer type of its name.
 Ref<ResolvedKeyStatusSm> resolvedKeyStatusSmFactory(
-    Ref<const EmLogicalKeyToStatus> emStatusMerged, Ref<ResolvedKeyStatus> isemUntagged,
-    Ref<ResolvedKeyStatus> isem1Tag, Ref<ResolvedKeyStatus> isem2Tag, Ref<ResolvedKeyStatus> esemFodoVd,
-    std::string name, Ref<DependencyStatus> dependencyStatus, StageControl smControl);
+    Ref<const EmLogicalKeyToStatus> emStatusMerged,
+    const Ref<SwTableKeyStatusByComposerType>& swTableKeyStatus, std::string name,
+    Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
 }  // namespace KilnEmServer

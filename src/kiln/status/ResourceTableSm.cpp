@@ -67,8 +67,8 @@ void ResourceTableSm::handleStatus(const EmLogicalKey& emKey, const EmRequestSta
 }
 
 void ResourceTableSm::count(const EmLogicalKey& emKey, const EmStatus* was, const EmStatus* now) {
-  const auto number = static_cast<std::size_t>(emComposerTypeFromUnion(emKey.emComposerKey));
-  ResourceCounts& counts = counts_[number];
+  const EmComposerKeyUnionTag type = emComposerTypeFromUnion(emKey.emComposerKey);
+  ResourceCounts& counts = counts_[type];
   if (was != nullptr) countKey(counts, *was, -1U);
   if (now != nullptr) {
     countKey(counts, *now, 1);
@@ -76,35 +76,41 @@ void ResourceTableSm::count(const EmLogicalKey& emKey, const EmStatus* was, cons
   } else {
     counted_.del(emKey);
   }
-  changedTables_.add(number);
+  changedTables_.add(type);
 }
 
-void ResourceTableSm::ChangedTables::add(std::size_t number) {
-  if (std::exchange(changed_[number], true)) return;
-  arrivals_[number] = stage_.arrivals();
+void ResourceTableSm::ChangedTables::add(EmComposerKeyUnionTag type) {
+  Change& change = changes_[type];
+  if (std::exchange(change.pending, true)) return;
+  change.arrival = stage_.arrivals();
   stage_.noteArrival(*this, count_++ == 0);
 }
 
-std::size_t ResourceTableSm::ChangedTables::first() const {
-  std::size_t first = changed_.size();
-  for (std::size_t number = 0; number < changed_.size(); ++number) {
-    if (!changed_[number]) continue;
-    if (first == changed_.size() || isBefore(arrivals_[number], arrivals_[first])) first = number;
+/// One of them is pending.
+EmComposerKeyUnionTag ResourceTableSm::ChangedTables::first() const {
+  auto first = EmComposerKeyUnionTag::undefined_;
+  for (const KeyTypeInfo& each : kKeyTypeInfo) {
+    const Change& change = changes_[each.tag];
+    if (!change.pending) continue;
+    if (first == EmComposerKeyUnionTag::undefined_ || isBefore(change.arrival, changes_[first].arrival)) {
+      first = each.composerType;
+    }
   }
   return first;
 }
 
 void ResourceTableSm::ChangedTables::notePending(PendingDigests& pending) const {
-  for (std::size_t number = 0; number < changed_.size(); ++number) {
-    if (changed_[number]) pending.push_back({arrivals_[number], StateDigest::valueOf(identity(), number)});
+  for (const KeyTypeInfo& each : kKeyTypeInfo) {
+    const Change& change = changes_[each.tag];
+    if (change.pending) pending.push_back({change.arrival, StateDigest::valueOf(identity(), each.tag)});
   }
 }
 
 void ResourceTableSm::ChangedTables::handleNext() {
-  const std::size_t number = first();
-  changed_[number] = false;
+  const EmComposerKeyUnionTag type = first();
+  changes_[type].pending = false;
   --count_;
-  owner_.publish(static_cast<EmComposerKeyUnionTag>(number));
+  owner_.publish(type);
 }
 
 bool ResourceTableSm::ChangedTables::scanItem() {
@@ -114,11 +120,13 @@ bool ResourceTableSm::ChangedTables::scanItem() {
 }
 
 void ResourceTableSm::publish(EmComposerKeyUnionTag type) {
-  const auto number = static_cast<std::size_t>(type);
-  const ResourceCounts& counts = counts_[number];
-  static const std::vector<std::string> names(KilnPlatform::kTableStems.begin(),
-                                              KilnPlatform::kTableStems.end());
-  const std::string& name = names[number];
+  const ResourceCounts& counts = counts_[type];
+  static const ByKeyType<std::string> names = [] {
+    ByKeyType<std::string> stems;
+    for (const KeyTypeInfo& each : kKeyTypeInfo) stems[each.tag] = each.stem;
+    return stems;
+  }();
+  const std::string& name = names[type];
   const ResourceCounts* row = counts.requested == 0 ? nullptr : &counts;
   switch (emTypeOf(type)) {
     case EmType::isem:

@@ -1,7 +1,6 @@
 // Counts what became of the requested entries, per database and table.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -41,33 +40,36 @@ class ResourceTableSm final : public Stage {
 
   void noteState(StateDigest& digest) const override {
     Stage::noteState(digest);
-    digest.add(counts_);
+    for (const ResourceCounts& counts : counts_) digest.add(counts);
   }
 
  protected:
   void handleInitialized() override;
 
  private:
-  /// The tables whose counts changed since they were published, by the number of their key type, to be
-  /// published in the order in which they came.
+  /// The tables whose counts changed since they were published, to be published in the order of their first
+  /// change.
   class ChangedTables final : public OwnWork {
    public:
     explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
-    void add(std::size_t number);
+    void add(EmComposerKeyUnionTag type);
 
     [[nodiscard]] std::size_t pendingCount() const override { return count_; }
-    [[nodiscard]] Arrival headArrival() const override { return arrivals_[first()]; }
+    [[nodiscard]] Arrival headArrival() const override { return changes_[first()].arrival; }
     void notePending(PendingDigests& pending) const override;
 
    private:
     void handleNext() override;
     /// What was counted in the scan is published before rows of an earlier stage are judged.
     bool scanItem() override;
-    [[nodiscard]] std::size_t first() const;
+    [[nodiscard]] EmComposerKeyUnionTag first() const;
 
     ResourceTableSm& owner_;
-    std::array<bool, KilnPlatform::kTableStems.size()> changed_{};
-    std::array<Arrival, KilnPlatform::kTableStems.size()> arrivals_{};
+    struct Change {
+      bool pending = false;
+      Arrival arrival = 0;
+    };
+    ByKeyType<Change> changes_;
     std::size_t count_ = 0;
   };
 
@@ -89,7 +91,7 @@ class ResourceTableSm final : public Stage {
   ChangedTables changedTables_;
   /// The status under which each requested key was counted last.
   LocalCollection<EmLogicalKey, EmStatus> counted_;
-  std::array<ResourceCounts, KilnPlatform::kTableStems.size()> counts_{};  ///< by the number of the key type
+  ByKeyType<ResourceCounts> counts_;
   CountsOutput<"isemResourceTable"> isem_;
   CountsOutput<"esemResourceTable"> esem_;
   CountsOutput<"lemResourceTable"> lem_;

@@ -45,22 +45,9 @@ std::uint32_t addEntries(std::uint32_t used, std::uint32_t entries, std::uint32_
 }  // namespace
 
 std::uint32_t entryWidth60Bit(Tag tag) {
-  switch (tag) {
-    case Tag::isemUntaggedEntryKey:
-    case Tag::isem1TagEntryKey:
-    case Tag::isem2TagEntryKey:
-      return 1;
-    case Tag::isemInnerEthEntryKey:
-    case Tag::isemMplsEntryKey:
-    case Tag::esemFodoVdEntryKey:
-    case Tag::esemFodoEntryKey:
-      return 2;
-    case Tag::undefined_:
-    case Tag::lemVpwsAcEntryKey:
-      break;
-  }
-  KILN_ASSERT_MESSAGE(false, "Unsupported keyType {}", tag);
-  return 0;
+  KILN_ASSERT_MESSAGE(tag != Tag::undefined_ && kKeyTypeInfo[tag].memory != TableMemory::none,
+                      "Unsupported keyType {}", tag);
+  return kKeyTypeInfo[tag].width60Bit;
 }
 
 std::uint32_t entryWidth60Bit(SemType semType) {
@@ -70,19 +57,14 @@ std::uint32_t entryWidth60Bit(SemType semType) {
 
 PhysicalTableId physicalTableIdForKeyType(Tag tag, FapType fapType) {
   KILN_ASSERT_MESSAGE(fapType >= 3 && fapType <= 5, "Unsupported FapType {}", static_cast<int>(fapType));
-  switch (tag) {
-    case Tag::isemUntaggedEntryKey:
-    case Tag::isem1TagEntryKey:
-    case Tag::isem2TagEntryKey:
+  switch (tag == Tag::undefined_ ? TableMemory::none : kKeyTypeInfo[tag].memory) {
+    case TableMemory::isemNarrow:
       return fapType == 3 ? kIsem1 : kIsem2;
-    case Tag::isemInnerEthEntryKey:
-    case Tag::isemMplsEntryKey:
+    case TableMemory::isemWide:
       return fapType == 3 ? kIsem2 : kIsem1;
-    case Tag::esemFodoVdEntryKey:
-    case Tag::esemFodoEntryKey:
+    case TableMemory::esem:
       return kEsem;
-    case Tag::undefined_:
-    case Tag::lemVpwsAcEntryKey:
+    case TableMemory::none:
       break;
   }
   KILN_ASSERT_MESSAGE(false, "Unsupported keyType {}", tag);

@@ -32,11 +32,9 @@ void readTables(const Json& json, ChipConfig& chip, const JsonPath& path) {
   requireObject(json, path);
   for (const auto& [stem, size] : json.items()) {
     const JsonPath here{&path, stem};
-    const auto& stems = KilnPlatform::kTableStems;
-    const auto found = std::find(stems.begin() + 1, stems.end(), stem);
-    if (found == stems.end()) here.fail("unknown table");
-    chip.tableSizes[static_cast<std::size_t>(found - stems.begin())] =
-        static_cast<std::uint32_t>(readWholeNumber(size, kMaxU32, here));
+    const auto table = KilnEmServer::tableOfStem(stem);
+    if (!table) here.fail("unknown table");
+    chip.tableSizes[*table] = static_cast<std::uint32_t>(readWholeNumber(size, kMaxU32, here));
   }
 }
 
@@ -171,7 +169,6 @@ ChipConfig chipOf(const Json& json) {
 ChipConfig defaultChip() {
   ChipConfig chip;
   chip.tableSizes.fill(1'000'000);
-  chip.tableSizes[0] = 0;
   for (std::uint16_t id = 0; id < 2; ++id) {
     chip.faps.push_back({FapId(id), {fmt::format("Fap{}", id), 4, {LocalCoreId(0), LocalCoreId(1)}}, 1});
   }

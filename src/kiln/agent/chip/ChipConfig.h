@@ -1,7 +1,6 @@
 // What chip the agent runs on: read from a chip file, a documented default where there is none.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <istream>
 #include <map>
@@ -24,8 +23,8 @@ struct ChipConfig {
     friend bool operator==(const Fap&, const Fap&) = default;
   };
 
-  /// Entries that each table holds, by the number of its key type; element 0 has no use.
-  std::array<std::uint32_t, KilnPlatform::kTableStems.size()> tableSizes{};
+  /// Entries that each table holds.
+  KilnEmServer::ByKeyType<std::uint32_t> tableSizes;
   std::vector<Fap> faps;
   std::map<std::uint32_t, KilnMdb::ProfileCapabilities> profiles;
   VlanDomainLimits vlanDomains;

@@ -26,7 +26,7 @@ void MdbRoom::subscribe() {
 
 bool MdbRoom::hasRoom(Tag tag) {
   if (!poolsKnown_) findPools();
-  const auto& pools = pools_[static_cast<std::size_t>(tag)];
+  const auto& pools = pools_[tag];
   // A key type outside the MDB has no pool.
   return std::all_of(pools.begin(), pools.end(), [tag](const Pool& pool) {
     std::uint64_t units = KilnEmServer::entryWidth60Bit(tag);
@@ -47,23 +47,22 @@ void MdbRoom::findPools() {
 }
 
 void MdbRoom::addPools(Hardware::Kiln::FapType fapType, const KilnMdb::ProfileCapabilities& profile) {
-  const auto holds = [&](std::size_t number, KilnMdb::PhysicalTableId table) {
-    return KilnEmServer::physicalTableIdForKeyType(static_cast<Tag>(number), fapType) == table;
+  const auto isIn = [&](const KilnEmServer::KeyTypeInfo& type, KilnMdb::PhysicalTableId table) {
+    return type.memory != KilnEmServer::TableMemory::none &&
+           KilnEmServer::physicalTableIdForKeyType(type.tag, fapType) == table;
   };
-  constexpr auto kLem = static_cast<std::size_t>(Tag::lemVpwsAcEntryKey);
   for (const KilnMdb::TableCapabilities& table : profile.tables) {
     if (!table.exactMatch) continue;
     Pool pool;
     for (const auto& [width, entries] : table.entriesByWidth) {
       if (width == 60) pool.max = entries;
     }
-    for (std::size_t i = 1; i < kLem; ++i) {
-      if (!holds(i, table.table)) continue;
-      pool.shares.emplace_back(tables_[i], KilnEmServer::entryWidth60Bit(static_cast<Tag>(i)));
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      if (isIn(type, table.table)) pool.shares.emplace_back(tables_[type.tag], type.width60Bit);
     }
-    for (std::size_t i = 1; i < kLem; ++i) {
-      auto& pools = pools_[i];
-      if (holds(i, table.table) && std::find(pools.begin(), pools.end(), pool) == pools.end()) {
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      auto& pools = pools_[type.tag];
+      if (isIn(type, table.table) && std::find(pools.begin(), pools.end(), pool) == pools.end()) {
         pools.push_back(pool);  // once for all FAPs that are alike
       }
     }

@@ -1,7 +1,6 @@
 // Which entries the memory of the FAPs has room for.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -31,7 +30,7 @@ class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>
   MdbRoom& operator=(const MdbRoom&) = delete;
 
   /// The table of a key type; to be called once for each. It must outlive its use by hasRoom.
-  void tableIs(Tag tag, const SoftTable& table) { tables_[static_cast<std::size_t>(tag)] = &table; }
+  void tableIs(Tag tag, const SoftTable& table) { tables_[tag] = &table; }
   /// Whether every FAP has room for one more entry of a key type.
   [[nodiscard]] bool hasRoom(Tag tag);
   /// Follows FAPs and profiles; to be called again where all subscriptions to them were forgotten.
@@ -52,8 +51,8 @@ class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>
 
   Ref<const Hardware::Kiln::Status> chip_;
   Ref<const Hardware::Kiln::MdbStatus> mdb_;
-  std::array<const SoftTable*, KilnPlatform::kTableStems.size()> tables_{};  ///< by key type
-  std::array<std::vector<Pool>, KilnPlatform::kTableStems.size()> pools_;  ///< those of a key type's entries
+  KilnEmServer::ByKeyType<const SoftTable*> tables_;
+  KilnEmServer::ByKeyType<std::vector<Pool>> pools_;  ///< those of a key type's entries
   bool poolsKnown_ = false;
 };
 

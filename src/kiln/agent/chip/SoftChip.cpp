@@ -26,26 +26,24 @@ SoftChip::SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskSchedul
   for (const ChipConfig::Fap& fap : config.faps) fapIs(fap.fapId, &fap.info);
   if (seed) random_.emplace(*seed);
   const auto make = [&]<class Own>(Ref<Own>& own) {
-    const auto number = static_cast<std::size_t>(Own::kTag);
-    const std::string_view stem = KilnPlatform::kTableStems[number];
+    const std::string_view stem = KilnEmServer::tableStem(Own::kTag);
     const SoftTable::Setting setting{
         stem,
-        config.tableSizes[number],
+        config.tableSizes[Own::kTag],
         scheduler,
         random_ ? &*random_ : nullptr,
         pending_.get(),
         &room_,
         directory.empty() ? std::string() : fmt::format("{}/{}", directory, stem)};
     own = std::make_shared<Own>(setting, faps_);
-    tables_[number] = &own->table();
+    tables_[Own::kTag] = &own->table();
     room_.tableIs(Own::kTag, own->table());
   };
   std::apply([&](auto&... own) { (make(own), ...); }, interfaces_);
 }
 
 SoftTable& SoftChip::table(KilnEmServer::EmResolvedKeyUnionTag tag) const {
-  KILN_ASSERT(tag != KilnEmServer::EmResolvedKeyUnionTag::undefined_);
-  return *tables_[static_cast<std::size_t>(tag)];
+  return *tables_[tag];
 }
 
 HardwareCounters SoftChip::counters() const {

@@ -1,8 +1,7 @@
-// The software chip: eight tables behind their interfaces, the ordered-table layer over them, and the status
-// of FAPs and MDB profiles.
+// The software chip: the tables of all key types behind their interfaces, the ordered-table layer over them,
+// and the status of FAPs and MDB profiles.
 #pragma once
 
-#include <array>
 #include <bitset>
 #include <cstdint>
 #include <memory>
@@ -10,7 +9,6 @@
 #include <random>
 #include <string>
 #include <tuple>
-#include <type_traits>
 
 #include "kiln/agent/chip/ChipConfig.h"
 #include "kiln/agent/chip/SoftTable.h"
@@ -22,14 +20,13 @@ namespace KilnAgent {
 /// The FAPs that exist, by their numbers. A FAP whose number does not fit into a unit's has no unit.
 using FapSet = std::bitset<256>;
 
-/// The interface to one table type. All FAPs share one table, since every entry is spread to all of them.
-template <class TableInterface, class TableClass>
-class SoftInterface final : public TableInterface {
+/// The interface to the tables of a row's key type. All FAPs share one table, since every entry is spread to
+/// all of them.
+template <class Row>
+class SoftInterface final : public Asic::TableClasses<Row>::Interface {
  public:
-  using Interface = TableInterface;
-  using SwTable = TableClass;
-  static constexpr KilnEmServer::EmResolvedKeyUnionTag kTag =
-      KilnEmServer::EmResolvedKey::tagOf<typename SwTable::Key>();
+  using SwTable = typename Asic::TableClasses<Row>::SwTable;
+  static constexpr KilnEmServer::EmResolvedKeyUnionTag kTag = Row::kTag;
 
   /// `faps` must outlive the interface.
   SoftInterface(const SoftTable::Setting& setting, const FapSet& faps) : table_(setting), faps_(faps) {}
@@ -56,26 +53,21 @@ class SoftChip final : public Asic::OrderedTableInterface {
   SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
            std::optional<std::uint64_t> seed, const std::string& directory = {});
 
-  /// One of the eight table interfaces, by its type.
+  /// The table interface of every key type.
+  [[nodiscard]] Asic::TableInterfaces interfaces() const {
+    return std::apply([](const auto&... own) { return Asic::TableInterfaces(own...); }, interfaces_);
+  }
+  /// One of them, by its type.
   template <class Interface>
   [[nodiscard]] Ref<Interface> interface() const {
-    Ref<Interface> found;
-    std::apply(
-        [&](const auto&... own) {
-          const auto take = [&]<class Own>(const Ref<Own>& candidate) {
-            if constexpr (std::is_same_v<typename Own::Interface, Interface>) found = candidate;
-          };
-          (take(own), ...);
-        },
-        interfaces_);
-    return found;
+    return interfaces().get<Interface>();
   }
   /// The table of a key type other than `undefined`.
   [[nodiscard]] SoftTable& table(KilnEmServer::EmResolvedKeyUnionTag tag) const;
   /// Calls `visitor` with the SoftTable of each type, in the order of their numbers.
   template <class Visitor>
   void forEachTable(Visitor&& visitor) const {
-    for (std::size_t i = 1; i < tables_.size(); ++i) visitor(*tables_[i]);
+    for (SoftTable* table : tables_) visitor(*table);
   }
   /// Calls `visitor(stem, entries)` with each table's collection of entries under keys of its own type.
   template <class Visitor>
@@ -114,9 +106,6 @@ class SoftChip final : public Asic::OrderedTableInterface {
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
-  template <class Interface, class SwTable>
-  using Own = Ref<SoftInterface<Interface, SwTable>>;
-
   void fapIs(const Hardware::Kiln::FapId& fapId, const Hardware::Kiln::FapInfo* info);
 
   FapSet faps_;  ///< those of the chip status
@@ -126,16 +115,10 @@ class SoftChip final : public Asic::OrderedTableInterface {
   MdbRoom room_{chipStatus_, mdbStatus_};
   Ref<PendingHwWrites> pending_ = std::make_shared<PendingHwWrites>();
   mutable ChangeSubscribers subscribers_;
-  std::tuple<Own<Asic::IsemUntaggedKilnInterface, Asic::IsemUntaggedKilnSwTable>,
-             Own<Asic::Isem1TagKilnInterface, Asic::Isem1TagKilnSwTable>,
-             Own<Asic::Isem2TagKilnInterface, Asic::Isem2TagKilnSwTable>,
-             Own<Asic::IsemInnerEthKilnInterface, Asic::IsemInnerEthKilnSwTable>,
-             Own<Asic::IsemMplsKilnInterface, Asic::IsemMplsKilnSwTable>,
-             Own<Asic::EsemFodoVdKilnInterface, Asic::EsemFodoVdKilnSwTable>,
-             Own<Asic::EsemFodoKilnInterface, Asic::EsemFodoKilnSwTable>,
-             Own<Asic::LemVpwsAcKilnInterface, Asic::LemVpwsAcKilnSwTable>>
-      interfaces_;
-  std::array<SoftTable*, KilnPlatform::kTableStems.size()> tables_{};  ///< by the number of their key type
+  template <class... Rows>
+  using Interfaces = std::tuple<Ref<SoftInterface<Rows>>...>;
+  KilnEmServer::OverKeyTypes<Interfaces> interfaces_;
+  KilnEmServer::ByKeyType<SoftTable*> tables_;
 };
 
 }  // namespace KilnAgent

@@ -80,13 +80,9 @@ EmbeddedAgent::~EmbeddedAgent() {
 }
 
 void EmbeddedAgent::createServer() {
-  server_ = KilnEmServer::kilnEmServerSmFactory(
-      store_, chip_, chip_->chipStatus(), chip_->mdbStatus(), capacity_, externalUsers_,
-      vlanDomains_->config(), vlanDomains_->status(), chip_->interface<Asic::IsemUntaggedKilnInterface>(),
-      chip_->interface<Asic::Isem1TagKilnInterface>(), chip_->interface<Asic::Isem2TagKilnInterface>(),
-      chip_->interface<Asic::IsemMplsKilnInterface>(), chip_->interface<Asic::IsemInnerEthKilnInterface>(),
-      chip_->interface<Asic::EsemFodoVdKilnInterface>(), chip_->interface<Asic::EsemFodoKilnInterface>(),
-      chip_->interface<Asic::LemVpwsAcKilnInterface>());
+  server_ = KilnEmServer::kilnEmServerSmFactory({store_, chip_, chip_->chipStatus(), chip_->mdbStatus(),
+                                                 capacity_, externalUsers_, vlanDomains_->config(),
+                                                 vlanDomains_->status(), chip_->interfaces()});
 }
 
 void EmbeddedAgent::restart() {

@@ -6,11 +6,7 @@
 #include <utility>
 
 #include "kiln/agent/io/JsonValue.h"
-#include "kiln/compose/EmUtils.h"
-#include "kiln/compose/EsemFodoVdComposerSm.h"
-#include "kiln/compose/Isem1TagComposerSm.h"
-#include "kiln/compose/Isem2TagComposerSm.h"
-#include "kiln/compose/UntaggedComposerSm.h"
+#include "kiln/compose/KeyFields.h"
 #include "kiln/server/KilnEmServerSm.h"
 
 namespace KilnAgent {
@@ -44,28 +40,18 @@ std::optional<std::uint64_t> domainOf(const EmResolvedKey& key) {
   return domain;
 }
 
-template <class Traits>
-EmResolvedKey composed(const EmComposerKey& key, std::uint64_t domain) {
-  return Traits::entryKey(key.get<typename Traits::ComposerKey>(), domain);
-}
-
 /// The key in the table of a request's key, with this domain where one is needed; none where it does not fit.
 std::optional<EmResolvedKey> tableKeyOf(const EmLogicalKey& key, std::optional<std::uint16_t> domain) {
-  using Tag = KilnEmServer::EmComposerKeyUnionTag;
   const EmComposerKey& own = key.emComposerKey;
-  if (own.tag() == Tag::undefined_) return std::nullopt;
+  std::optional<EmResolvedKey> tableKey;
   try {
-    if (!KilnEmServer::resolutionNeeded(own.tag())) {
-      return KilnEmServer::translateToSwTableKey(key).emResolvedKey;
-    }
-    if (!domain) return std::nullopt;
-    if (own.tag() == Tag::isemUntaggedEntryKey)
-      return composed<KilnEmServer::UntaggedComposerTraits>(own, *domain);
-    if (own.tag() == Tag::isem1TagEntryKey)
-      return composed<KilnEmServer::Isem1TagComposerTraits>(own, *domain);
-    if (own.tag() == Tag::isem2TagEntryKey)
-      return composed<KilnEmServer::Isem2TagComposerTraits>(own, *domain);
-    return composed<KilnEmServer::EsemFodoVdComposerTraits>(own, *domain);
+    KilnEmServer::visitKeyType(own.tag(), [&]<class Row>() {
+      const bool resolved = Row::kResolver != KilnEmServer::ResolverKeyUnionTag::undefined_;
+      if (resolved && !domain) return;
+      tableKey =
+          KilnEmServer::entryKeyOf<Row>(own.template get<typename Row::ComposerKey>(), domain.value_or(0));
+    });
+    return tableKey;
   } catch (const std::range_error&) {
     return std::nullopt;
   }

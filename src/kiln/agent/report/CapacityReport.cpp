@@ -43,15 +43,13 @@ struct Demand {
   std::uint64_t failed = 0;
 };
 
-/// Counts by the number of the key type.
-std::array<ResourceCounts, KilnPlatform::kTableStems.size()> resources(const EmbeddedAgent& agent) {
-  std::array<ResourceCounts, KilnPlatform::kTableStems.size()> counts{};
+KilnEmServer::ByKeyType<ResourceCounts> resources(const EmbeddedAgent& agent) {
+  KilnEmServer::ByKeyType<ResourceCounts> counts;
   const auto& server = agent.server();
   for (const auto& table :
        {server.isemResourceTable(), server.esemResourceTable(), server.lemResourceTable()}) {
-    for (std::size_t i = 1; i < counts.size(); ++i) {
-      if (const auto* row = table->resource().find(std::string(KilnPlatform::kTableStems[i])))
-        counts[i] = *row;
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      if (const auto* row = table->resource().find(std::string(type.stem))) counts[type.tag] = *row;
     }
   }
   return counts;
@@ -62,15 +60,15 @@ std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kil
   std::map<std::string, Demand> byTable;
   const auto counts = resources(agent);
   const auto capacity = agent.server().semCapacitySm();
-  for (std::size_t i = 1; capacity != nullptr && i < counts.size(); ++i) {
-    const auto tag = static_cast<EmResolvedKeyUnionTag>(i);
-    if (tag == EmResolvedKeyUnionTag::lemVpwsAcEntryKey) continue;
-    const std::uint64_t width = KilnEmServer::entryWidth60Bit(tag);
-    const auto tableId = KilnEmServer::physicalTableIdForKeyType(tag, fapType);
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    if (capacity == nullptr || type.memory == KilnEmServer::TableMemory::none) continue;
+    const std::uint64_t width = type.width60Bit;
+    const auto tableId = KilnEmServer::physicalTableIdForKeyType(type.tag, fapType);
     Demand& demand = byTable[capacity->mdbTableToTableName().at(tableId)];
-    demand.requested += width * counts[i].requested;
-    demand.waiting += width * counts[i].waiting;
-    demand.failed += width * counts[i].failed;
+    const ResourceCounts& ofType = counts[type.tag];
+    demand.requested += width * ofType.requested;
+    demand.waiting += width * ofType.waiting;
+    demand.failed += width * ofType.failed;
   }
   return byTable;
 }
@@ -138,11 +136,11 @@ Json alarmJson(const CapacityMonitor::Alarm& alarm) {
 Json resourcesJson(const EmbeddedAgent& agent) {
   Json rows = Json::array();
   const auto counts = resources(agent);
-  for (std::size_t i = 1; i < counts.size(); ++i) {
-    if (counts[i].requested == 0) continue;
-    Json row = toJson(counts[i]);
-    row["database"] = toJson(KilnEmServer::emTypeOf(static_cast<KilnEmServer::EmComposerKeyUnionTag>(i)));
-    row["table"] = std::string(KilnPlatform::kTableStems[i]);
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    if (counts[type.tag].requested == 0) continue;
+    Json row = toJson(counts[type.tag]);
+    row["database"] = toJson(type.database);
+    row["table"] = std::string(type.stem);
     rows.push_back(std::move(row));
   }
   return rows;

@@ -8,8 +8,12 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
 #include "kiln/agent/io/InputError.h"
+#include "kiln/agent/scenario/NumberedKey.h"
 #include "kiln/platform/EmKeys.h"
 
 namespace KilnAgent {
@@ -17,6 +21,7 @@ namespace {
 
 using KilnEmServer::FeatureType;
 using KeyType = KilnEmServer::EmComposerKeyUnionTag;
+using KilnTunnelNiLib::IntfIdSystemTcamId;
 
 /// Interfaces of one edge. Each has a domain of its own, but for a few that have that of the one before.
 constexpr std::uint64_t kMaxInterfaces = 480;
@@ -36,25 +41,42 @@ std::uint64_t drawn(std::uint64_t seed, std::uint64_t request, std::uint64_t use
 /// What is decided of each request, each from a number of its own.
 enum Use : std::uint64_t { kType, kOverlap, kFeature, kEntry, kBump, kWithdraw, kHold };
 
-/// How many of a thousand requests have each key type.
+/// How many of all requests have a key type, as a part of the sum of all shares.
 struct TypeShare {
   KeyType type;
   std::uint64_t share;
 };
-using Shares = std::array<TypeShare, 8>;
+using Shares = std::array<TypeShare, KilnEmServer::kKeyTypes>;
+
+constexpr bool needsDomain(KeyType type) {
+  return KilnEmServer::kKeyTypeInfo[type].resolver != KilnEmServer::ResolverKeyUnionTag::undefined_;
+}
+
+/// Of a thousand requests at an edge between a metro network and its customers. A type that is not listed
+/// follows those that are.
+constexpr std::array<TypeShare, 8> kEdgeShares{{{KeyType::isem1TagEntryKey, 300},
+                                                {KeyType::isem2TagEntryKey, 200},
+                                                {KeyType::esemFodoVdEntryKey, 70},
+                                                {KeyType::isemUntaggedEntryKey, 10},
+                                                {KeyType::isemMplsEntryKey, 220},
+                                                {KeyType::lemVpwsAcEntryKey, 100},
+                                                {KeyType::esemFodoEntryKey, 60},
+                                                {KeyType::isemInnerEthEntryKey, 40}}};
+constexpr std::uint64_t kOtherShare = 40;
 
 constexpr Shares sharesOf(ScenarioMix mix) {
-  using enum KilnEmServer::EmComposerKeyUnionTag;
-  const bool direct = mix != ScenarioMix::vlan;
-  const bool vlan = mix != ScenarioMix::direct;
-  return {{{isem1TagEntryKey, vlan ? 300U : 0U},
-           {isem2TagEntryKey, vlan ? 200U : 0U},
-           {esemFodoVdEntryKey, vlan ? 70U : 0U},
-           {isemUntaggedEntryKey, vlan ? 10U : 0U},
-           {isemMplsEntryKey, direct ? 220U : 0U},
-           {lemVpwsAcEntryKey, direct ? 100U : 0U},
-           {esemFodoEntryKey, direct ? 60U : 0U},
-           {isemInnerEthEntryKey, direct ? 40U : 0U}}};
+  Shares shares{};
+  std::size_t count = 0;
+  const auto add = [&](KeyType type, std::uint64_t share) {
+    const bool wanted = mix != (needsDomain(type) ? ScenarioMix::direct : ScenarioMix::vlan);
+    shares[count++] = {type, wanted ? share : 0};
+  };
+  for (const TypeShare& each : kEdgeShares) add(each.type, each.share);
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    const auto isListed = [&](const TypeShare& each) { return each.type == type.composerType; };
+    if (std::none_of(kEdgeShares.begin(), kEdgeShares.end(), isListed)) add(type.composerType, kOtherShare);
+  }
+  return shares;
 }
 
 /// The two features that ask for keys of a type; where both ask for the same one, the second wins.
@@ -76,11 +98,6 @@ constexpr std::array<FeatureType, 2> featuresOf(KeyType type) {
     default:
       return {FeatureType::vpws, FeatureType::srv6};
   }
-}
-
-constexpr bool needsDomain(KeyType type) {
-  return type == KeyType::isemUntaggedEntryKey || type == KeyType::isem1TagEntryKey ||
-         type == KeyType::isem2TagEntryKey || type == KeyType::esemFodoVdEntryKey;
 }
 
 /// One request, as a function of the generator's arguments and its number.
@@ -210,18 +227,24 @@ class Generator {
     const std::uint64_t interface = interfaceOf(request);
     const std::uint64_t rest = request.keyNumber / interfaces_;
     const std::uint64_t n = request.keyNumber;
-    if (needsDomain(request.type)) {
+    const auto beginInterface = [&] {
       fmt::format_to(out, R"("intfId":{},"systemTcamId":{})", intfId(interface), systemTcamId(interface));
-    }
+    };
     switch (request.type) {
+      case KeyType::isemUntaggedEntryKey:
+        beginInterface();
+        break;
       case KeyType::isem1TagEntryKey:
+        beginInterface();
         fmt::format_to(out, R"(,"vlanId":{})", 1 + rest % kVlanIds);
         break;
       case KeyType::isem2TagEntryKey:
+        beginInterface();
         fmt::format_to(out, R"(,"outerVlanId":{},"innerVlanId":{})", 1 + rest % kVlanIds,
                        1 + rest / kVlanIds % kVlanIds);
         break;
       case KeyType::esemFodoVdEntryKey:
+        beginInterface();
         fmt::format_to(out, R"(,"fodoId":{})", rest % kFodoIds);
         break;
       case KeyType::isemInnerEthEntryKey:
@@ -238,31 +261,44 @@ class Generator {
                        n % (1U << 20U), 1 + n % kVlanIds, 1 + (n >> 20U) % kVlanIds, n % 8);
         break;
       default:
+        addNumberedKey(request);
         break;
     }
   }
 
+  /// The key's fields, for a type that has no numbers of its own above.
+  void addNumberedKey(const Request& request) {
+    const std::uint64_t interface = interfaceOf(request);
+    const IntfIdSystemTcamId at{intfId(interface), static_cast<std::uint16_t>(systemTcamId(interface))};
+    const std::uint64_t number =
+        needsDomain(request.type) ? request.keyNumber / interfaces_ : request.keyNumber;
+    KilnEmServer::visitKeyType(request.type, [&]<class Row>() {
+      const auto key = numberedKey<Row>(number, at);
+      addFields(key, [&](std::string_view /*name*/, auto value) { return value; });
+    });
+  }
+
+  /// "name":value for each field of a structure; `valueOf(name, field)` gives the value.
+  template <class T, class ValueOf>
+  void addFields(const T& structure, ValueOf valueOf) {
+    std::string_view before;
+    const auto add = [&](const auto& field) {
+      fmt::format_to(std::back_inserter(buffer_), R"({}"{}":{})", std::exchange(before, ","), field.name,
+                     valueOf(field.name, structure.*(field.member)));
+    };
+    std::apply([&](const auto&... field) { (add(field), ...); }, T::fields());
+  }
+
   void addEntry(const Request& request, std::uint64_t number, std::uint64_t version) {
-    const auto out = std::back_inserter(buffer_);
     const std::uint64_t draw = drawn(seed_, number * 4 + version, kEntry);
     const std::uint64_t lif = draw % 1'000'000;
     const std::uint64_t small = draw / 1'000'000 % 4096;
-    switch (request.type) {
-      case KeyType::isemInnerEthEntryKey:
-      case KeyType::isemMplsEntryKey:
-        fmt::format_to(out, R"("lif":{},"vsi":{})", lif, small);
-        break;
-      case KeyType::esemFodoVdEntryKey:
-      case KeyType::esemFodoEntryKey:
-        fmt::format_to(out, R"("outLif":{},"editProfile":{})", lif, small);
-        break;
-      case KeyType::lemVpwsAcEntryKey:
-        fmt::format_to(out, R"("outLif":{},"destination":{},"statisticsId":{})", lif, small, number);
-        break;
-      default:
-        fmt::format_to(out, R"("lif":{},"vsi":{},"profile":{})", lif, small, small % 8);
-        break;
-    }
+    const auto valueOf = [&](std::string_view name, auto /*field*/) -> std::uint64_t {
+      if (name == "lif" || name == "outLif") return lif;
+      if (name == "statisticsId") return number;
+      return name == "profile" ? small % 8 : small;
+    };
+    KilnEmServer::visitKeyType(request.type, [&]<class Row>() { addFields(typename Row::Entry{}, valueOf); });
   }
 
   /// "<op>" with the fields that name the request, its key included.
@@ -280,7 +316,7 @@ class Generator {
     const Request request = requestOf(number);
     beginRequest("publish", request);
     fmt::format_to(std::back_inserter(buffer_), R"(,"entry":{{"{}Entry":{{)",
-                   KilnPlatform::kTableStems[static_cast<std::size_t>(request.type)]);
+                   KilnEmServer::tableStem(request.type));
     addEntry(request, number, version);
     const std::string_view kind = request.hold ? "hold" : version > 1 ? "modify" : "add";
     line(R"(}}}},"requestVersion":{},"requestKind":"{}"}})", version, kind);

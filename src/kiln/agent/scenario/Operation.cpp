@@ -83,11 +83,10 @@ EmRequestKey requestKeyOf(const Line& line) {
 }
 
 TableTag tableOf(const Line& line) {
-  const auto& stems = KilnPlatform::kTableStems;
   const std::string& stem = readString(line.member("table"), line.at("table"));
-  const auto found = std::find(stems.begin() + 1, stems.end(), stem);
-  if (found == stems.end()) line.at("table").fail(fmt::format("unknown table \"{}\"", stem));
-  return static_cast<TableTag>(found - stems.begin());
+  const auto table = KilnEmServer::tableOfStem(stem);
+  if (!table) line.at("table").fail(fmt::format("unknown table \"{}\"", stem));
+  return *table;
 }
 
 IntfIdSystemTcamId interfaceOf(const Line& line) {

@@ -32,9 +32,7 @@ class Members {
   Members& interface(const IntfIdSystemTcamId& interface) {
     return add("intfId", interface.intfId).add("systemTcamId", interface.systemTcamId);
   }
-  Members& table(TableTag table) {
-    return add("table", KilnPlatform::kTableStems[static_cast<std::size_t>(table)]);
-  }
+  Members& table(TableTag table) { return add("table", KilnEmServer::tableStem(table)); }
   [[nodiscard]] std::string text() const { return json_.dump(); }
 
  private:

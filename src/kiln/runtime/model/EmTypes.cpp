@@ -15,33 +15,22 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
 }
 
 bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
-  switch (composerType) {
-    case EmComposerKeyUnionTag::isemUntaggedEntryKey:
-    case EmComposerKeyUnionTag::isem1TagEntryKey:
-    case EmComposerKeyUnionTag::isem2TagEntryKey:
-    case EmComposerKeyUnionTag::esemFodoVdEntryKey:
-      return true;
-    case EmComposerKeyUnionTag::isemInnerEthEntryKey:
-    case EmComposerKeyUnionTag::isemMplsEntryKey:
-    case EmComposerKeyUnionTag::esemFodoEntryKey:
-    case EmComposerKeyUnionTag::lemVpwsAcEntryKey:
-      return false;
-    case EmComposerKeyUnionTag::undefined_:
-      break;
-  }
-  KILN_ASSERT_MESSAGE(false, "Unrecognized composer type {}", composerType);
-  return false;
+  bool needed = false;
+  const bool known = visitKeyType(
+      composerType, [&]<class Row>() { needed = Row::kResolver != ResolverKeyUnionTag::undefined_; });
+  KILN_ASSERT_MESSAGE(known, "Unrecognized composer type {}", composerType);
+  return needed;
 }
 
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
-  const auto number = static_cast<int>(key.tag());
-  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  const auto number = static_cast<std::size_t>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);
   return key.tag();
 }
 
 EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key) {
-  const auto number = static_cast<int>(key.tag());
-  KILN_ASSERT_MESSAGE(number >= 1 && number <= 8, "Unrecognized union alternative {}", number);
+  const auto number = static_cast<std::size_t>(key.tag());
+  KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);
   return key.tag();
 }
 

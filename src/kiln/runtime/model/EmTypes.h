@@ -148,25 +148,11 @@ struct EmSwTableStatusEntry {
   KILN_VALUE_FIELDS(KilnEmServer, EmSwTableStatusEntry, emLogicalKeyAndEntry, status)
 };
 
-/// What kind of resource a composer key needs before it can be composed.
-enum class ResolverKeyUnionTag : std::uint8_t { undefined_ = 0, vd = 1 };
-
 /// The key of a VLAN-domain resolution.
 struct VdResolverKey {
   KilnTunnelNiLib::IntfIdSystemTcamId vdKey;
   KILN_VALUE(KilnEmServer, VdResolverKey, vdKey)
 };
-
-}  // namespace KilnEmServer
-
-template <>
-struct KilnPlatform::EnumNames<KilnEmServer::ResolverKeyUnionTag> {
-  static constexpr std::string_view kTypeName = "KilnEmServer::ResolverKeyUnionTag";
-  static constexpr int kFirst = 0;
-  static constexpr std::array<std::string_view, 2> kNames = {"undefined", "vd"};
-};
-
-namespace KilnEmServer {
 
 struct ResolverKeyTraits {
   using Tag = ResolverKeyUnionTag;
@@ -204,13 +190,6 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
 /// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
 /// assertion failure.
 bool resolutionNeeded(EmComposerKeyUnionTag composerType);
-
-/// The composer type whose keys become those of a table; the two enumerations share their numbers.
-constexpr EmComposerKeyUnionTag composerTypeOf(EmResolvedKeyUnionTag table) {
-  static_assert(KilnPlatform::EnumNames<EmComposerKeyUnionTag>::kNames ==
-                KilnPlatform::EnumNames<EmResolvedKeyUnionTag>::kNames);
-  return static_cast<EmComposerKeyUnionTag>(table);
-}
 
 /// The composer type of a composer key; a key without one is an assertion failure.
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key);

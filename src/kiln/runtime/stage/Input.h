@@ -102,7 +102,7 @@ class OwnWork : public InputBase {
 /// The half of an input that knows its key: the pending list and the walk. `Self::handleKey(key)` handles one
 /// key; `Self::collection()` is what is walked.
 template <class Self, class K, Reaction reaction>
-class KeyedInput : public InputBase, public KeySubscriber<K> {
+class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
  public:
   [[nodiscard]] bool hasPending() const final { return !pending_.empty(); }
   [[nodiscard]] std::size_t pendingCount() const final { return pending_.size(); }
@@ -237,7 +237,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
   /// Whether what the stage does not want is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
   /// Traces the keys that the walk's next step will pass over without looking at them.
-  [[gnu::cold]] void tracePassedOver(ScanCursor<K> ahead) {
+  [[gnu::cold]] void tracePassedOver(KilnPlatform::ScanCursor<K> ahead) {
     if constexpr (requires { self().collection().places(); }) {
       ahead.unwanted = 0;
       while (const K* key = self().collection().scanNext(ahead)) {
@@ -252,7 +252,7 @@ class KeyedInput : public InputBase, public KeySubscriber<K> {
     return unwanted_ != 0 && (unwanted_ >> Channels::groupOf(Channels::of(key)) & 1) != 0;
   }
 
-  ScanCursor<K> cursor_;
+  KilnPlatform::ScanCursor<K> cursor_;
   std::uint64_t unwanted_ = 0;  ///< groups of keys, a bit each
   PendingKeys<K> pending_;
   const Companions& companions_;
