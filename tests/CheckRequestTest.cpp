@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "TestSupport.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

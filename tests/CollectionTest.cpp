@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "TestSupport.h"
 #include "kiln/agent/platform/Collections.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -4,9 +4,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "TestSupport.h"
 #include "kiln/compose/ComposerOutputMergeSm.h"
 #include "kiln/compose/EmUtils.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

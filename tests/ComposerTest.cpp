@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "TestSupport.h"
 #include "kiln/agent/platform/Collections.h"
 #include "kiln/compose/EsemFodoVdComposerSm.h"
 #include "kiln/compose/Isem1TagComposerSm.h"
@@ -18,6 +17,7 @@
 #include "kiln/compose/ResolverVd.h"
 #include "kiln/compose/UntaggedComposerSm.h"
 #include "kiln/status/ResolvedKeyStatusSm.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -2,8 +2,8 @@
 // stage.
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
 #include "kiln/program/EmConflictSm.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

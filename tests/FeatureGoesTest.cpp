@@ -1,9 +1,9 @@
 // Features that go and come back, on the embedded agent: in slices, however much they leave behind.
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/server/KilnEmServerSm.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -4,9 +4,9 @@
 #include <map>
 #include <memory>
 
-#include "TestSupport.h"
 #include "kiln/intake/EmSrvConfigMergeSm.h"
 #include "kiln/intake/IsemSrvConfigSm.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "TestSupport.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

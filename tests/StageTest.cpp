@@ -10,12 +10,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "TestSupport.h"
 #include "kiln/runtime/collections/Entity.h"
 #include "kiln/runtime/stage/Input.h"
 #include "kiln/runtime/stage/LocalState.h"
 #include "kiln/runtime/stage/Output.h"
 #include "kiln/runtime/stage/PlacedKeys.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

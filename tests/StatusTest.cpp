@@ -1,10 +1,10 @@
 // Stages of statuses and counts where the whole server does not reach.
 #include <gtest/gtest.h>
 
-#include "TestSupport.h"
 #include "kiln/program/EmSwTableStatusSm.h"
 #include "kiln/status/IsemSrvStatusSm.h"
 #include "kiln/status/ResourceTableSm.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

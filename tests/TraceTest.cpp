@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "TestSupport.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <unordered_set>
 
-#include "TestSupport.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <memory>
 
-#include "TestSupport.h"
 #include "kiln/program/SwTableWriters.h"
+#include "tests/TestSupport.h"
 
 namespace KilnTest {
 namespace {

@@ -25,7 +25,9 @@
 namespace KilnEmServer {
 
 using KilnPlatform::FixedString;
+using KilnPlatform::KeySubscriber;
 using KilnPlatform::OptionalText;
+using KilnPlatform::ScanCursor;
 
 /// When a change of an input is handled.
 enum class Reaction : std::uint8_t {
