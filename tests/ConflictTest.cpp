@@ -65,9 +65,12 @@ TEST(Conflict, AloneTheStageGivesKeysWithoutHardwareEntryADefaultStatus) {
   set.bench.settle();
   EXPECT_TRUE(set.config->config().empty());
   EXPECT_EQ(set.status->status(key), (EmRequestStatus{key, {}, {}, EmStatus::hwPending}));
+  const TraceCapture traces(7);
   set.place(key, kH1);
   set.bench.settle();
   EXPECT_TRUE(set.status->status().empty());
+  EXPECT_EQ(traces.countOfText("into( emConflictStatus.status[ emLogicalKey ] ): deleting k1={}"), 1u);
+  EXPECT_EQ(traces.countOfText("into( emConflictStatus.status[ logicalKey ] ): deleting k1={}"), 1u);
 }
 
 TEST(Conflict, ChurnCannotStarveAPendingStatus) {

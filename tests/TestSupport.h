@@ -134,6 +134,12 @@ class TraceCapture {
     }
     return found;
   }
+  /// How many messages have the descriptor's text `text`.
+  [[nodiscard]] std::size_t countOfText(std::string_view text) const {
+    return static_cast<std::size_t>(
+        std::count_if(ring_->messages().begin(), ring_->messages().end(),
+                      [&](const RingTraceSink::Message& message) { return message.format == text; }));
+  }
   void clear() { ring_->clear(); }
   [[nodiscard]] const auto& messages() const { return ring_->messages(); }
 

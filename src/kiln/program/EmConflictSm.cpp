@@ -56,7 +56,7 @@ void EmConflictSm::handleComposeFailure(const EmComposerKeyUnionTag& /*composerT
 void EmConflictSm::eventToConflictStatusStream(const EmLogicalKey& emLogicalKey,
                                                const EmHwEntry* hwEntryOpt) {
   tracer().trace<7>("conflictStatusStream = inputStream => emLogicalKey={}", emLogicalKey);
-  if (filter(hwEntryOpt == nullptr, "filter( ( !hwEntryOpt ) )")) {
+  if (filter<"filter( ( !hwEntryOpt ) )">(hwEntryOpt == nullptr)) {
     decideUnplaced(emLogicalKey);
     return;
   }
@@ -88,21 +88,23 @@ void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, c
 
 void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emLogicalKey,
                                    const EmHwEntry* hwEntryOpt) {
-  static constexpr std::string_view kPath =
-      "conflictKeySet.hwKeyToLogicalKeySet[ hwKey ].featureTypeToLogicalKeySet[ emLogicalKey.featureType "
-      "].logicalKeyToEntry[ emLogicalKey ]";
+  static constexpr FixedString kInto =
+      "into( conflictKeySet.hwKeyToLogicalKeySet[ hwKey ].featureTypeToLogicalKeySet[ "
+      "emLogicalKey.featureType ].logicalKeyToEntry[ emLogicalKey ] ): ";
+  static constexpr auto kInserting = kInto + "inserting k1={}, k2={}, k3={}, value={}";
+  static constexpr auto kDeleting = kInto + "deleting k1={}, k2={}, k3={}";
   const KeyUse<EmHwKey> use(item.hwKey);
   const EmHwKey& hwKey = use.key();
   // For EmKeyMergeSm, which will have this key in hand when the entry changes.
   if (item.insert) hintOf(hwEntryOpt->emHwKey).handleIs(hintOf(item.hwKey).handle());
   const bool convergent = fapCoreConvergent(hwKey);
   if (item.insert) {
-    tracer().trace<7>("into( {} ): inserting k1={}, k2={}, k3={}, value={}", kPath, hwKey,
-                      emLogicalKey.featureType, emLogicalKey, hwEntryOpt->emEntry);
+    tracer().trace<7>(TraceMessage<7, EmHwKey, FeatureType, EmLogicalKey, EmConfigEntry>(kInserting.data),
+                      hwKey, emLogicalKey.featureType, emLogicalKey, hwEntryOpt->emEntry);
     conflictKeySet_.insert(hwKey, emLogicalKey, hwEntryOpt->emEntry);
   } else {
-    tracer().trace<7>("into( {} ): deleting k1={}, k2={}, k3={}", kPath, hwKey, emLogicalKey.featureType,
-                      emLogicalKey);
+    tracer().trace<7>(TraceMessage<7, EmHwKey, FeatureType, EmLogicalKey>(kDeleting.data), hwKey,
+                      emLogicalKey.featureType, emLogicalKey);
     conflictKeySet_.erase(hwKey, emLogicalKey);
   }
   decide(hwKey, item.insert ? &emLogicalKey : nullptr);
@@ -130,7 +132,7 @@ void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
     tracer().trace<8>("{} decided anew in the scan", hwKey);
   }
   emSwTableConfig_.write(hwKey, value ? &*value : nullptr);
-  (void)filter(value.has_value(), "filter( _valueOpt8 )");
+  (void)filter<"filter( _valueOpt8 )">(value.has_value());
   eventToConflictStatusStream2(hwKey, value, previousWinner ? &*previousWinner : nullptr, changed);
 }
 
@@ -144,7 +146,7 @@ void EmConflictSm::eventToConflictStatusStream2(
   tracer().trace<7>(
       "conflictStatusStream2 = processInputStream => hwKey={} logicalKeyAndEntryOpt={}", hwKey,
       OptionalText<EmLogicalKeyAndEntry>{logicalKeyAndEntryOpt ? &*logicalKeyAndEntryOpt : nullptr});
-  if (!filter(logicalKeyAndEntryOpt.has_value(), "filter( logicalKeyAndEntryOpt )")) return;
+  if (!filter<"filter( logicalKeyAndEntryOpt )">(logicalKeyAndEntryOpt.has_value())) return;
   if (tracer().enabled(7)) traceContenders(hwKey);
   const EmLogicalKey& winner = logicalKeyAndEntryOpt->emLogicalKey;
   writeContenderStatus(hwKey, winner, winner);
@@ -161,9 +163,9 @@ void EmConflictSm::writeContenderStatus(const EmHwKey& hwKey, const EmLogicalKey
   const EmConfigEntry* entry = ofFeature == nullptr ? nullptr : ofFeature->logicalKeyToEntry(contender);
   if (entry == nullptr) return;  // filed under another hardware key, or under none
   if (contender == winner) {
-    if (emConflictStatus_.find(contender) != nullptr) emConflictStatus_.erase(contender);
+    emConflictStatus_.erase<"logicalKey">(contender);
   } else {
-    emConflictStatus_.insert(contender, {contender, *entry, hwKey, EmStatus::hwKeyConflict});
+    emConflictStatus_.insert<"logicalKey">(contender, {contender, *entry, hwKey, EmStatus::hwKeyConflict});
   }
 }
 

@@ -100,6 +100,7 @@ class EmConflictSm final : public Stage {
   ConflictKeySet conflictKeySet_;
   Cache<EmLogicalKey, EmHwKey> cacheAttr0_;
   Output<EmSwTableConfig::configAttr, "emSwTableConfig", "hwKey"> emSwTableConfig_;
+  /// Written under "emLogicalKey" for a key without a hardware key, under "logicalKey" for a contender.
   Output<EmConflictStatus::statusAttr, "emConflictStatus", "emLogicalKey", KeyMismatch::report>
       emConflictStatus_;
 

@@ -105,12 +105,15 @@ void SrvStatusSm<Db>::eventToStatusStream(const EmRequestKey& emRequestKey) {
   const auto entryKey = requestKeyAs<RequestKey>(emRequestKey);
   const Request* request = srvConfig_.find(entryKey);
   if (request == nullptr) {
-    tracer().template trace<7>("Line 52: merge( statusStream ): {}={}", kKeyName.view(), entryKey);
+    static constexpr auto kNoRequest = "Line 52: merge( statusStream ): " + kKeyName + "={}";
+    tracer().template trace<7>(TraceMessage<7, RequestKey>(kNoRequest.data), entryKey);
     srvStatus_.erase(entryKey);
     return;
   }
-  tracer().template trace<7>("Line 52: merge( statusStream ): emRequestKey={} {}={} srvConfigOpt={}",
-                             emRequestKey, kKeyName.view(), entryKey, *request);
+  static constexpr auto kRequested =
+      "Line 52: merge( statusStream ): emRequestKey={} " + kKeyName + "={} srvConfigOpt={}";
+  tracer().template trace<7>(TraceMessage<7, EmRequestKey, RequestKey, Request>(kRequested.data),
+                             emRequestKey, entryKey, *request);
   if (request->requestKind == RequestKind::hold) {
     answerHeld(entryKey, *request);
   } else if (admissionOf<Db>(entryKey, request->requestKind) != Admission::admitted) {
@@ -122,8 +125,8 @@ void SrvStatusSm<Db>::eventToStatusStream(const EmRequestKey& emRequestKey) {
 
 template <class Db>
 void SrvStatusSm<Db>::answerHeld(const RequestKey& entryKey, const Request& request) {
-  tracer().template trace<7>("Line 55: merge( vok_pipeline1 ): {}={} srvConfigOpt={}", kKeyName.view(),
-                             entryKey, request);
+  static constexpr auto kHeld = "Line 55: merge( vok_pipeline1 ): " + kKeyName + "={} srvConfigOpt={}";
+  tracer().template trace<7>(TraceMessage<7, RequestKey, Request>(kHeld.data), entryKey, request);
   publish({entryKey, 0, request.requestVersion, 1, EmStatus{}, KilnTunnelNiLib::kResultHold}, entryKey);
 }
 
@@ -138,13 +141,15 @@ void SrvStatusSm<Db>::answerLeftOut(const RequestKey& entryKey, const Request& r
 template <class Db>
 void SrvStatusSm<Db>::answerFromServer(const EmRequestKey& emRequestKey, const RequestKey& entryKey,
                                        const Request& request) {
-  tracer().template trace<7>("Line 55: merge( vok_pipeline1 ): emRequestKey={} {}={} srvConfigOpt={}",
-                             emRequestKey, kKeyName.view(), entryKey, request);
+  static constexpr auto kAdmitted =
+      "Line 55: merge( vok_pipeline1 ): emRequestKey={} " + kKeyName + "={} srvConfigOpt={}";
+  tracer().template trace<7>(TraceMessage<7, EmRequestKey, RequestKey, Request>(kAdmitted.data), emRequestKey,
+                             entryKey, request);
   const EmRequestStatus* status = emStatus_.find(logicalKeyOf(featureType_, emRequestKey));
   const bool matches = status != nullptr &&
                        status->emConfigEntry.emEntry == request.clientData.*Db::kEntryOfClientData &&
                        status->emConfigEntry.requestVersion == request.requestVersion;
-  if (!filter(matches, kMatchFilter.view())) {
+  if (!this->template filter<kMatchFilter>(matches)) {
     // What was published for an earlier version stays, after a restart as well.
     srvStatus_.markSeen(entryKey);
     return;
@@ -156,8 +161,10 @@ void SrvStatusSm<Db>::answerFromServer(const EmRequestKey& emRequestKey, const R
 
 template <class Db>
 void SrvStatusSm<Db>::publish(const StatusEntry& statusEntry, const RequestKey& entryKey) {
-  tracer().template trace<7>("Line 55: merge( vok_pipeline2, vok_pipeline3 ): statusEntry={} {}={}",
-                             statusEntry, kKeyName.view(), entryKey);
+  static constexpr auto kPublished =
+      "Line 55: merge( vok_pipeline2, vok_pipeline3 ): statusEntry={} " + kKeyName + "={}";
+  tracer().template trace<7>(TraceMessage<7, StatusEntry, RequestKey>(kPublished.data), statusEntry,
+                             entryKey);
   srvStatus_.insert(entryKey, statusEntry);
 }
 

@@ -329,7 +329,7 @@ class Input final
     if (!this->stage_.tracer().enabled(6)) return;
     traceFrom(key, find(key));
     if constexpr (!Filter.view().empty()) {
-      if (walksOver(key)) (void)this->stage_.filter(false, Filter.view());
+      if (walksOver(key)) (void)this->stage_.template filter<Filter>(false);
     }
   }
   /// The groups of keys without a wanted channel, a bit each. Keys without a type, group 0, are walked by
@@ -415,9 +415,9 @@ class NestedInput final
     { parent_.owner_.expect(outerKey_, key); }
     void handlePendingKey(const Key& key) {
       if (retiring_) {
-        this->stage_.tracer().template trace<7>(
-            "We missed notifications that happened to {} before the enclosing entity got deleted",
-            InnerAttr::kName.view());
+        static constexpr auto kMissed = "We missed notifications that happened to " + InnerAttr::kName +
+                                        " before the enclosing entity got deleted";
+        this->stage_.tracer().template trace<7>(TraceMessage<7>(kMissed.data));
       }
       handleKey(key);
     }

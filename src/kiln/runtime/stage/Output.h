@@ -19,9 +19,12 @@ namespace KilnEmServer {
 /// What happens when a value is written under another key than its own.
 enum class KeyMismatch : std::uint8_t { report, fatal };
 
-/// into( argument.attribute[ keyName ] ). While the output is being reconciled it notes which keys are
-/// written, and holds deletions back: a key that is withdrawn before the deletion scan goes with that scan.
-/// An output that was empty at start has nothing to compare, so nothing is noted for it.
+/// into( argument.attribute[ keyName ] ). A stage with several into statements for one output writes each
+/// under its own name for the key: `insert<"logicalKey">`, `erase<"logicalKey">`.
+///
+/// While the output is being reconciled it notes which keys are written, and holds deletions back: a key that
+/// is withdrawn before the deletion scan goes with that scan. An output that was empty at start has nothing
+/// to compare, so nothing is noted for it.
 ///
 /// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
 /// waits in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have keys
@@ -34,7 +37,9 @@ class Output final : public OutputBase {
   using EntityRef = Ref<typename Attr::Entity>;
 
  public:
-  static constexpr auto kPath = Argument + "." + Attr::kName + "[ " + KeyName + " ]";
+  template <FixedString Name>
+  static constexpr auto kPathOf = Argument + "." + Attr::kName + "[ " + Name + " ]";
+  static constexpr auto kPath = kPathOf<KeyName>;
   static constexpr auto kOutputName = Argument + upperCamel(Attr::kName) + "Output";
 
   template <class StageClass>
@@ -51,12 +56,15 @@ class Output final : public OutputBase {
   }
 
   /// Writes the value, replacing an earlier one.
+  template <FixedString Name = KeyName>
   void insert(const Key& key, const Value& value) {
-    if constexpr (requires { Attr::keyOf(value); }) checkOwnKey(key, Attr::keyOf(value));
+    if constexpr (requires { Attr::keyOf(value); }) checkOwnKey<Name>(key, Attr::keyOf(value));
     if constexpr (std::is_same_v<Value, KilnPlatform::Unit>) {
-      stage_.tracer().template trace<7>("into( {} ): inserting k1={}", kPath.view(), key);
+      static constexpr auto kText = kInto<Name> + "inserting k1={}";
+      stage_.tracer().template trace<7>(TraceMessage<7, Key>(kText.data), key);
     } else {
-      stage_.tracer().template trace<7>("into( {} ): inserting k1={}, value={}", kPath.view(), key, value);
+      static constexpr auto kText = kInto<Name> + "inserting k1={}, value={}";
+      stage_.tracer().template trace<7>(TraceMessage<7, Key, Value>(kText.data), key, value);
     }
     if (marking_) [[unlikely]] {
       insertMarking(key, value);
@@ -66,8 +74,9 @@ class Output final : public OutputBase {
   }
 
   /// Deletes the key; later, where reconciliation holds deletions back.
+  template <FixedString Name = KeyName>
   void erase(const Key& key) {
-    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    traceDeletion<Name>(key);
     if (reconciliationState() == ReconciliationState::skipNothing) {
       if (marking_ && markOf(key) == Mark::awaited) noteMark(key, Mark::deleted);
       collection().del(key);
@@ -134,6 +143,14 @@ class Output final : public OutputBase {
     SparseCollection<Key, KilnPlatform::Unit> heldBack;
   };
 
+  template <FixedString Name>
+  static constexpr auto kInto = "into( " + kPathOf<Name> + " ): ";
+
+  template <FixedString Name = KeyName>
+  void traceDeletion(const Key& key) const {
+    static constexpr auto kText = kInto<Name> + "deleting k1={}";
+    stage_.tracer().template trace<7>(TraceMessage<7, Key>(kText.data), key);
+  }
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
   /// Deletes the key at the cursor. At the end the cursor stands before the first key, of any collection.
   template <class Keys>
@@ -147,10 +164,11 @@ class Output final : public OutputBase {
     return key != nullptr && keys.del(Key(*key));
   }
 
+  template <FixedString Name>
   void checkOwnKey(const Key& key, const Key& ownKey) const {
     if (ownKey == key) [[likely]]
       return;
-    static constexpr auto kText = "In \"into( " + kPath +
+    static constexpr auto kText = "In \"into( " + kPathOf<Name> +
                                   " )\" the value inserted in the into statement has internal key: {}, but "
                                   "the key specified in the into is: {}";
     if constexpr (mismatch == KeyMismatch::fatal) {
@@ -268,7 +286,7 @@ class Output final : public OutputBase {
   }
 
   void deleteStale(const Key& key) {
-    stage_.tracer().template trace<7>("into( {} ): deleting k1={}", kPath.view(), key);
+    traceDeletion(key);
     marks_->heldBack.del(key);
     const Mark mark = markOf(key);
     countMark(mark, mark == Mark::inserted ? Mark::none : Mark::deleted);

@@ -130,15 +130,16 @@ void OutputBase::startReconciling() {
         output.ready_ ? output.forgetSeen() : output.handleInputReady();
       },
       this, 0, stage_.name());
-  stage_.tracer().trace<9>("Reconciling {}: {:}", name_, reconciling_);
+  stage_.tracer().trace<9>("Reconciling {}: {:}", TextPart{name_}, reconciling_);
   reconciliationStateIs(ReconciliationState::skipDeletions);
 }
 
 void OutputBase::reconciliationStateIs(ReconciliationState state) {
   reconciliationState_ = state;
-  stage_.tracer().trace<9>("Setting reconciliationState to {} for {}",
-                           state == ReconciliationState::skipDeletions ? "skip deletions" : "skip nothing",
-                           name_);
+  stage_.tracer().trace<9>(
+      "Setting reconciliationState to {} for {}",
+      TextPart{state == ReconciliationState::skipDeletions ? "skip deletions" : "skip nothing"},
+      TextPart{name_});
 }
 
 OutputBase::Mark OutputBase::markOfWrite(Mark before, bool present, bool changed) {
@@ -168,7 +169,7 @@ void OutputBase::countMark(Mark before, Mark after) {
 }
 
 void OutputBase::handleInputReady() {
-  stage_.tracer().trace<9>("Input scans for {} complete", name_);
+  stage_.tracer().trace<9>("Input scans for {} complete", TextPart{name_});
   if (ready_) {
     stage_.tracer().trace<9>("already ready, not reconciling.");
     return;
@@ -267,7 +268,7 @@ class ReadyMachine final : public InputBase {
   void unsubscribe() override {}
   bool scanItem() override {
     if (std::exchange(scanned_, true)) return false;
-    stage_.tracer().trace<7>("{}: ready={}", readyText_, stage_.ready());
+    stage_.tracer().trace<7>("{}: ready={}", TextPart{readyText_}, stage_.ready());
     return true;
   }
   [[nodiscard]] std::size_t collectionSize() const override { return 1; }
@@ -375,10 +376,10 @@ void Stage::handleInitialScanDone() {
   for (const InputBase* input : inputs_) {
     if (input->inputScanComplete()) continue;
     complete = false;
-    tracer_.trace<9>("{} scan is false", input->streamName());
+    tracer_.trace<9>("{} scan is false", TextPart{input->streamName()});
   }
   if (!complete) {
-    tracer_.trace<8>("Initial scan yielding for child SM {}.", className_);
+    tracer_.trace<8>("Initial scan yielding for child SM {}.", TextPart{className_});
     return;
   }
   tracer_.trace<9>("Initial scan done for child SMs. Now scanning with events triggered.");
@@ -443,7 +444,7 @@ bool Stage::pipelineScanning(int pipeline) const {
 
 void Stage::readyIs(bool ready) {
   ready_ = ready;
-  tracer_.trace<7>("{}: ready={}", readyText_, ready_);
+  tracer_.trace<7>("{}: ready={}", TextPart{readyText_}, ready_);
 }
 
 void Stage::reapInputs() {

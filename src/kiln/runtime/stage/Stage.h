@@ -21,6 +21,7 @@
 #include "kiln/platform/Assert.h"
 #include "kiln/platform/Collection.h"
 #include "kiln/platform/DependencyStatus.h"
+#include "kiln/platform/FixedString.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/platform/TaskScheduler.h"
 #include "kiln/runtime/collections/Column.h"
@@ -464,8 +465,10 @@ class Stage {
   [[nodiscard]] bool shouldYield() const { return control_.shouldYield(); }
 
   /// Passes `passed` on; a filter that fails is traced with its expression.
-  bool filter(bool passed, std::string_view expression) const {
-    if (!passed) tracer_.trace<6>("{} failed, terminating pipeline", expression);
+  template <KilnPlatform::FixedString expression>
+  bool filter(bool passed) const {
+    static constexpr auto kFailed = expression + " failed, terminating pipeline";
+    if (!passed) tracer_.trace<6>(TraceMessage<6>(kFailed.data));
     return passed;
   }
 

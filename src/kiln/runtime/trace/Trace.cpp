@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <stdexcept>
+#include <unordered_set>
 #include <utility>
 
 namespace KilnEmServer {
@@ -31,12 +32,27 @@ Tracer::~Tracer() {
   std::erase(TraceFacility::instance().tracers_, this);
 }
 
-void Tracer::write(const TraceDescriptor& descriptor, fmt::format_args args) const {
+// The texts are few: there is one per name that a message has as its part.
+std::string_view Tracer::withParts(std::string_view format, std::span<const TextPart* const> parts) {
+  static std::unordered_set<std::string> texts;
+  std::string text;
+  for (const TextPart* part : parts) {
+    const std::size_t begin = format.find('{');
+    const std::size_t end = format.find('}', begin) + 1;
+    text += format.substr(0, begin);
+    text += part == nullptr ? format.substr(begin, end - begin) : part->text;
+    format.remove_prefix(end);
+  }
+  text += format;
+  return *texts.insert(std::move(text)).first;
+}
+
+void Tracer::write(const TraceDescriptor& descriptor, fmt::string_view format, fmt::format_args args) const {
   fmt::memory_buffer buffer;
   for (const auto& sink : TraceFacility::instance().sinks_) {
     if (!sink->wants(descriptor)) continue;
     if (buffer.size() == 0) {
-      fmt::vformat_to(std::back_inserter(buffer), {descriptor.text.data(), descriptor.text.size()}, args);
+      fmt::vformat_to(std::back_inserter(buffer), format, args);
     }
     sink->write({descriptor, stage_, {buffer.data(), buffer.size()}});
   }

@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <deque>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "kiln/platform/Ref.h"
@@ -32,6 +34,12 @@ struct TraceMessage {
   consteval TraceMessage(const Text& text) : format(text) {}  // NOLINT(google-explicit-constructor)
 };
 
+/// An argument that is a part of the message's text: a name that the program gives to an output, an input or
+/// a stage's class. The descriptor's text has it in place of its placeholder.
+struct TextPart {
+  std::string_view text;
+};
+
 /// One component's way into the trace facility. A message above the component's threshold costs one
 /// comparison; nothing is formatted.
 class Tracer {
@@ -46,8 +54,13 @@ class Tracer {
   template <int Level, class... Args>
   void trace(TraceMessage<Level, std::type_identity_t<Args>...> message, const Args&... args) const {
     if (Level <= threshold_) [[unlikely]] {
-      const fmt::string_view text = message.format;
-      write(TraceDescriptor{Level, {text.data(), text.size()}}, fmt::make_format_args(args...));
+      const fmt::string_view format = message.format;
+      std::string_view text{format.data(), format.size()};
+      if constexpr ((std::is_same_v<Args, TextPart> || ...)) {
+        const TextPart* const parts[] = {partOf(args)...};
+        text = withParts(text, parts);
+      }
+      write(TraceDescriptor{Level, text}, format, fmt::make_format_args(args...));
     }
   }
 
@@ -55,7 +68,17 @@ class Tracer {
 
  private:
   friend class TraceFacility;
-  [[gnu::cold]] [[gnu::noinline]] void write(const TraceDescriptor& descriptor, fmt::format_args args) const;
+  static const TextPart* partOf(const TextPart& part) { return &part; }
+  template <class Arg>
+  static const TextPart* partOf(const Arg& /*arg*/) {
+    return nullptr;
+  }
+  /// The format with the parts that are not null in place of their placeholders; `parts` has one element per
+  /// placeholder. The result is valid until the program ends.
+  [[gnu::cold]] [[gnu::noinline]] static std::string_view withParts(std::string_view format,
+                                                                    std::span<const TextPart* const> parts);
+  [[gnu::cold]] [[gnu::noinline]] void write(const TraceDescriptor& descriptor, fmt::string_view format,
+                                             fmt::format_args args) const;
 
   std::string stage_;
   int threshold_ = -1;
@@ -138,3 +161,11 @@ class RingTraceSink final : public TraceSink {
 };
 
 }  // namespace KilnEmServer
+
+template <>
+struct fmt::formatter<KilnEmServer::TextPart> : fmt::formatter<std::string_view> {
+  template <class Context>
+  auto format(const KilnEmServer::TextPart& part, Context& context) const {
+    return fmt::formatter<std::string_view>::format(part.text, context);
+  }
+};
