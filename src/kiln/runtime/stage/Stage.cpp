@@ -121,7 +121,7 @@ OutputBase::~OutputBase() = default;
 void OutputBase::startReconciling() {
   reconciling_ = true;
   beginSeen();
-  task_ = std::make_unique<Task>(
+  reconciliationTask_ = std::make_unique<Task>(
       stage_.control().scheduler, stage_.control().priority,
       fmt::format("{}-{}Task", stage_.className(), name_),
       [](void* owner) {
@@ -187,10 +187,10 @@ void OutputBase::handleInputReady() {
 void OutputBase::forgetSeen() {
   const auto left = [this] { return seenCount(); };
   stage_.control().runSlice(
-      *task_, left, [this] { forgetNextSeen(); }, left);
+      *reconciliationTask_, left, [this] { forgetNextSeen(); }, left);
   if (left() != 0) return;
   endSeen();
-  task_.reset();
+  reconciliationTask_.reset();
 }
 
 bool OutputBase::mayWait() {
@@ -202,29 +202,28 @@ bool OutputBase::mayWait() {
 
 bool OutputBase::deletionScan() {
   TaskScheduler& scheduler = *stage_.control().scheduler;
-  std::size_t items = 0;
-  std::size_t deletions = 0;
+  if (!std::exchange(useBookmark_, false)) bookmark_ = {};
+  const Bookmark earlier = bookmark_;
   bool deleted = false;
   while (deletionScanItem(deleted)) {
-    ++items;
-    if (std::exchange(deleted, false)) ++deletions;
-    if (!stage_.synchronous() &&
-        (std::exchange(waits_, false) || scheduler.taskCurrentlyRunning() != task_.get() ||
-         scheduler.taskShouldYield())) {
+    const bool waits = std::exchange(waits_, false);
+    if (!waits) ++bookmark_.items;
+    if (std::exchange(deleted, false)) ++bookmark_.deletions;
+    if (!stage_.synchronous() && (waits || scheduler.taskCurrentlyRunning() != reconciliationTask_.get() ||
+                                  scheduler.taskShouldYield())) {
       useBookmark_ = true;
       stage_.tracer().trace<7>(
-          "Yielding in reconciliation processing after processing {} items, including {} deletions .", items,
-          deletions);
-      scheduler.taskWorkCountInc(items);
-      task_->scheduleTask();
+          "Yielding in reconciliation processing after processing {} items, including {} deletions .",
+          bookmark_.items, bookmark_.deletions);
+      scheduler.taskWorkCountInc(bookmark_.items - earlier.items);
+      reconciliationTask_->scheduleTask();
       return false;
     }
   }
   stage_.tracer().trace<9>(
-      "Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.", items,
-      deletions);
-  scheduler.taskWorkCountInc(items);
-  useBookmark_ = false;
+      "Deletion scan for reconciliation is done, last task run processed {} items, deleting {} items.",
+      bookmark_.items - earlier.items, bookmark_.deletions - earlier.deletions);
+  scheduler.taskWorkCountInc(bookmark_.items - earlier.items);
   return true;
 }
 
@@ -234,7 +233,7 @@ void OutputBase::noteState(StateDigest& digest) const {
   digest.add(ready_);
   digest.add(reconciling_);
   digest.add(reconciliationState_);
-  digest.add(task_ != nullptr);
+  digest.add(reconciliationTask_ != nullptr);
   if (ready_) return;
   digest.add(counts_.found);
   digest.add(counts_.deleted);

@@ -269,7 +269,7 @@ class OutputBase {
   [[nodiscard]] virtual std::size_t size() const = 0;
   /// Adds the address of its collection, which the handlers may read too.
   virtual void addReads(std::vector<const void*>& /*collections*/) const {}
-  void stop() { task_.reset(); }
+  void stop() { reconciliationTask_.reset(); }
 
   [[nodiscard]] const std::string& name() const { return name_; }
   [[nodiscard]] bool ready() const { return ready_; }
@@ -311,6 +311,12 @@ class OutputBase {
   /// Slices of the deletion scan that end because a key's change waits, at most.
   static constexpr std::uint32_t kMostWaits = 10'000;
 
+  /// What a paused deletion scan has done in all its runs; the output knows at which key it resumes.
+  struct Bookmark {
+    std::size_t items = 0;
+    std::size_t deletions = 0;
+  };
+
   [[nodiscard]] bool deletionScan();
   /// Runs a slice of forgetting which keys were written: nobody waits for that.
   void forgetSeen();
@@ -319,12 +325,13 @@ class OutputBase {
   std::string name_;
   bool ready_ = false;
   bool reconciling_ = false;
-  bool useBookmark_ = false;
+  bool useBookmark_ = false;  ///< whether the deletion scan is paused
+  Bookmark bookmark_;
   bool waits_ = false;  ///< the scan's next key
   std::uint32_t waitCount_ = 0;
   ReconciliationState reconciliationState_ = ReconciliationState::skipNothing;
   ReconciliationCounts counts_;
-  std::unique_ptr<Task> task_;
+  std::unique_ptr<Task> reconciliationTask_;
 };
 
 /// A collection of a stage's own: a group-by or a cache.
