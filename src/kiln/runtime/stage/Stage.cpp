@@ -181,7 +181,7 @@ void OutputBase::handleInputReady() {
   }
   forgetSeen();
   ready_ = true;
-  stage_.handleOutputReady();
+  stage_.handleDependencyStatusCompletedOutputInputReady();
 }
 
 void OutputBase::forgetSeen() {
@@ -304,6 +304,8 @@ void Stage::initialize() {
   eventTask_ = std::make_unique<Task>(
       control_.scheduler, control_.priority, fmt::format("KilnEmServer::{}-EventTask", className_),
       [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this, 0, name_);
+  const int pipelines = pipelineNumber_ + 1;  // the last one watches the stage's own readiness
+  inputSmScanState_.scanning.assign(static_cast<std::size_t>(pipelines), true);
   tracer_.trace<9>("initialized");
   for (OutputBase* output : outputs_) output->startReconciling();
   handleInitialized();
@@ -383,26 +385,28 @@ void Stage::handleInitialScanDone() {
   }
   tracer_.trace<9>("Initial scan done for child SMs. Now scanning with events triggered.");
   initialScanDone_ = true;
-  for (int pipeline = 0; pipeline < pipelineNumber_; ++pipeline) {
+  auto& scanning = inputSmScanState_.scanning;
+  for (std::size_t pipeline = 0; pipeline < scanning.size(); ++pipeline) {
+    scanning[pipeline] = false;
     tracer_.trace<9>("pipeline {} scan is done", pipeline);
   }
-  idle_ = true;
+  inputSmScanState_.idle = true;
   if (pendingCount() > 0) eventTask_->scheduleTask();
   if (outputs_.empty()) {
-    handleOutputReady();
+    handleDependencyStatusCompletedOutputInputReady();
     return;
   }
   for (OutputBase* output : outputs_) output->handleInputReady();
 }
 
-void Stage::handleOutputReady() {
-  if (ready_ ||
+void Stage::handleDependencyStatusCompletedOutputInputReady() {
+  if (ready() ||
       !std::all_of(outputs_.begin(), outputs_.end(), [](const OutputBase* o) { return o->ready(); })) {
     return;
   }
   readyIs(true);
   tracer_.trace<9>("Input scans for dependencyStatusCompletedOutput complete");
-  dependencyStatusCompletedOutputReady_ = true;
+  outputState_.dependencyStatusCompletedOutputReady = true;
   dependencyStatus_->completedIs(name_);
 }
 
@@ -410,8 +414,8 @@ void Stage::noteState(StateDigest& digest) const {
   digest.begin(name_);
   digest.add(initialized_);
   digest.add(initialScanDone_);
-  digest.add(ready_);
-  digest.add(dependencyStatusCompletedOutputReady_);
+  digest.add(outputState_.ready);
+  digest.add(outputState_.dependencyStatusCompletedOutputReady);
   digest.add(reapRequested_);
   digest.add(eventTask_ != nullptr);
   // Inputs of inner collections are created in the order in which these came.
@@ -435,15 +439,9 @@ void Stage::notePending(StateDigest& digest) const {
   digest.add(pending.size());
 }
 
-bool Stage::pipelineScanning(int pipeline) const {
-  return std::any_of(inputs_.begin(), inputs_.end(), [&](const InputBase* input) {
-    return input->pipeline() == pipeline && !input->inputScanComplete();
-  });
-}
-
 void Stage::readyIs(bool ready) {
-  ready_ = ready;
-  tracer_.trace<7>("{}: ready={}", TextPart{readyText_}, ready_);
+  outputState_.ready = ready;
+  tracer_.trace<7>("{}: ready={}", TextPart{readyText_}, ready);
 }
 
 void Stage::reapInputs() {

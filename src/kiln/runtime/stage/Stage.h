@@ -377,14 +377,20 @@ class Stage {
   [[nodiscard]] bool initialized() const { return initialized_; }
   [[nodiscard]] bool synchronous() const { return control_.synchronous; }
   [[nodiscard]] bool initialScanDone() const { return initialScanDone_; }
-  /// Whether the initial scan of a pipeline, by its number, has not finished.
-  [[nodiscard]] bool pipelineScanning(int pipeline) const;
-  /// Whether the stage's name was recorded in the dependency status.
-  [[nodiscard]] bool dependencyStatusCompletedOutputReady() const {
-    return dependencyStatusCompletedOutputReady_;
-  }
-  [[nodiscard]] bool idle() const { return idle_; }
-  [[nodiscard]] bool ready() const { return ready_; }
+  [[nodiscard]] bool ready() const { return outputState_.ready; }
+
+  /// How far the initial scans are.
+  struct InputSmScanState {
+    bool idle = false;           ///< whether all are complete, so that only changes are handled
+    std::vector<bool> scanning;  ///< whether the scan of a pipeline, by its number, has not finished
+  };
+  [[nodiscard]] const InputSmScanState& inputSmScanState() const { return inputSmScanState_; }
+  /// How far the outputs are. The flag of each is OutputBase::ready().
+  struct OutputState {
+    bool ready = false;                                 ///< whether all outputs are
+    bool dependencyStatusCompletedOutputReady = false;  ///< whether the stage's name was recorded
+  };
+  [[nodiscard]] const OutputState& outputState() const { return outputState_; }
   [[nodiscard]] const std::vector<InputBase*>& inputs() const { return inputs_; }
   [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
   /// Groups and caches, with their sizes, for the check that nothing is left over.
@@ -465,7 +471,8 @@ class Stage {
   /// A key changed again before it was handled.
   void noteCoalesced() { ++coalescedChanges_; }
   void handleScanComplete();
-  void handleOutputReady();
+  /// An output became ready: with the last one, so does the stage.
+  void handleDependencyStatusCompletedOutputInputReady();
   /// An input has something to destroy once it can no longer be running.
   void reapRequested() { reapRequested_ = true; }
   void reapInputs();
@@ -537,9 +544,8 @@ class Stage {
   Tracer tracer_;
   bool initialized_ = false;
   bool initialScanDone_ = false;
-  bool idle_ = false;
-  bool ready_ = false;
-  bool dependencyStatusCompletedOutputReady_ = false;
+  InputSmScanState inputSmScanState_;
+  OutputState outputState_;
   int childNumber_ = 0;
   int pipelineNumber_ = 0;
   bool reapRequested_ = false;
