@@ -195,7 +195,7 @@ void EmConflictSm::decideUnplaced(const EmLogicalKey& emLogicalKey) {
   } else if (failureOf(emLogicalKey) != nullptr) {
     writeUnplaced(emLogicalKey, *entry, EmStatus::hwFail);
   } else {
-    emConflictStatus_.markSeen(emLogicalKey);
+    emConflictStatus_.seenIs(emLogicalKey);
     waiting_.keys.add(emLogicalKey, 0);
     pendingTask_->scheduleTask();
   }

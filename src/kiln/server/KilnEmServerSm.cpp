@@ -490,7 +490,7 @@ void KilnEmServerSm::unmountFeature(FeatureType feature) {
   const auto destroy = [&](auto& stages) {
     const auto at = stages.find(feature);
     if (at == stages.end()) return;
-    at->second->beginDeleteAll();
+    at->second->beginDeleteAll(Withdrawal::everything);
     leaving_.push_back({feature, std::move(at->second)});
     stages.erase(at);
   };

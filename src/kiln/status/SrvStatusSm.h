@@ -151,7 +151,7 @@ void SrvStatusSm<Db>::answerFromServer(const EmRequestKey& emRequestKey, const R
                        status->emConfigEntry.requestVersion == request.requestVersion;
   if (!this->template filter<kMatchFilter>(matches)) {
     // What was published for an earlier version stays, after a restart as well.
-    srvStatus_.markSeen(entryKey);
+    srvStatus_.seenIs(entryKey);
     return;
   }
   publish({entryKey, 0, status->emConfigEntry.requestVersion, 1, status->status,

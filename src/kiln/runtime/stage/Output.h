@@ -95,9 +95,9 @@ class Output final : public OutputBase {
     }
   }
 
-  /// The key is to stay as it is, though nothing was written under it yet; an earlier deletion that is held
-  /// back is forgotten.
-  void markSeen(const Key& key) {
+  /// The key is seen: it is to stay as it is, though nothing was written under it yet. An earlier deletion
+  /// that is held back is forgotten. Writing a key marks it as seen, too.
+  void seenIs(const Key& key) {
     if (!reconciling()) return;
     if (markOf(key) == Mark::none && collection().has(key)) noteMark(key, Mark::awaited);
     marks_->heldBack.del(key);
@@ -107,13 +107,26 @@ class Output final : public OutputBase {
     return Attr::of(std::as_const(*entity_)).find(key);
   }
 
+  void beginDeleteAll(Withdrawal withdrawal) override {
+    OutputBase::beginDeleteAll(withdrawal);
+    withdrawing_ = true;
+    keepsFound_ = withdrawal == Withdrawal::written && marking_ && noteSeen_;
+    marking_ = false;
+    cursor_ = {};
+  }
   bool deleteNext() override {
-    if (std::exchange(marking_, false)) cursor_ = {};
+    if (withdrawing_) {
+      if (const Key* next = collection().scanNext(cursor_)) {
+        if (!keepsFound_ || wrote(*next)) collection().del(Key(*next));
+        return true;
+      }
+      withdrawing_ = false;
+    }
     if (marks_ != nullptr && (deleteNextOf(marks_->seen) || deleteNextOf(marks_->heldBack))) return true;
     if (awaited_ != nullptr && deleteNextOf(*awaited_)) return true;
     marks_.reset();
     awaited_.reset();
-    return deleteNextOf(collection());
+    return false;
   }
   [[nodiscard]] std::size_t size() const override { return Attr::of(std::as_const(*entity_)).size(); }
   void addReads(std::vector<const void*>& collections) const override {
@@ -124,6 +137,8 @@ class Output final : public OutputBase {
     OutputBase::noteState(digest);
     digest.add(noteSeen_);
     digest.add(marking_);
+    digest.add(withdrawing_);
+    if (withdrawing_) digest.addLeft(Attr::of(std::as_const(*entity_)), cursor_);
     digest.add(awaited_ != nullptr);
     if (awaited_ != nullptr) digest.addContent(*awaited_);
     digest.add(marks_ != nullptr);
@@ -193,6 +208,12 @@ class Output final : public OutputBase {
     } else if (reconciling() && !present) {
       countMark(Mark::none, Mark::inserted);
     }
+  }
+
+  /// Whether the stage decided what is stored under the key, rather than found it.
+  [[nodiscard]] bool wrote(const Key& key) const {
+    if (awaited_ != nullptr && awaited_->has(key)) return false;
+    return !reconciling() || marks_->seen.has(key) || marks_->heldBack.has(key);
   }
 
   /// What became of a key so far; after reconciliation only keys that are awaited have a mark.
@@ -305,6 +326,8 @@ class Output final : public OutputBase {
   DecidesLater decidesLater_;
   bool noteSeen_ = false;
   bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
+  bool withdrawing_ = false;
+  bool keepsFound_ = false;  ///< whether a withdrawal leaves what the stage found and did not write
   ScanCursor<Key> cursor_;
   std::unique_ptr<Marks> marks_;  ///< null once they are forgotten
   /// Keys that stay as they stood until something is known of them; null where there are none.

@@ -118,6 +118,10 @@ OutputBase::OutputBase(Stage& stage, std::string name) : stage_(stage), name_(st
 
 OutputBase::~OutputBase() = default;
 
+void OutputBase::beginDeleteAll(Withdrawal /*withdrawal*/) {
+  stop();
+}
+
 void OutputBase::startReconciling() {
   reconciling_ = true;
   beginSeen();
@@ -319,13 +323,13 @@ void Stage::initialize() {
   handleScanComplete();
 }
 
-void Stage::doDeleteAll() {
-  beginDeleteAll();
+void Stage::doDeleteAll(Withdrawal withdrawal) {
+  beginDeleteAll(withdrawal);
   while (deleteNext()) {
   }
 }
 
-void Stage::beginDeleteAll() {
+void Stage::beginDeleteAll(Withdrawal withdrawal) {
   const KilnPlatform::RunningStageScope scope(name_);
   const std::vector<InputBase*> children = inputs_;
   for (auto child = children.rbegin(); child != children.rend(); ++child) (*child)->stop();
@@ -333,7 +337,7 @@ void Stage::beginDeleteAll() {
   eventTask_.reset();
   handleDeleteAll();
   for (LocalState* state : localStates_) state->clear();
-  for (OutputBase* output : outputs_) output->stop();
+  for (OutputBase* output : outputs_) output->beginDeleteAll(withdrawal);
 }
 
 std::size_t Stage::keysInOutputs() const {

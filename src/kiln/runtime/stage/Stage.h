@@ -234,6 +234,12 @@ class InputBase {
   std::unique_ptr<Task> task_;
 };
 
+/// What a stage deletes from its outputs at its end.
+enum class Withdrawal : std::uint8_t {
+  written,     ///< what it wrote; what it found and did not write again stays
+  everything,  ///< also what an earlier stage left
+};
+
 /// What all outputs of a stage share: reconciliation against what the output held before a restart.
 class OutputBase {
  public:
@@ -262,8 +268,10 @@ class OutputBase {
   void startReconciling();
   /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
   void handleInputReady();
-  /// Deletes one more key of the output, whatever reconciliation has to say of it, or forgets what it noted
-  /// of one; false where none is left.
+  /// Begins a withdrawal, before which nothing of reconciliation is done any more.
+  virtual void beginDeleteAll(Withdrawal withdrawal);
+  /// Looks at one more key of the output and deletes it if the withdrawal is about it, or forgets what
+  /// reconciliation noted of one; false if none is left.
   virtual bool deleteNext() = 0;
   /// How many keys stand in the output.
   [[nodiscard]] virtual std::size_t size() const = 0;
@@ -360,13 +368,13 @@ class Stage {
 
   /// Starts the stage: to be called once, by its factory.
   void initialize();
-  /// Withdraws all that the stage wrote and deletes its inputs' reactions and tasks; the stage is then dead.
-  /// Destruction alone leaves the outputs as they stand.
-  void doDeleteAll();
+  /// Deletes the stage's inputs' reactions and tasks, and from its outputs what the withdrawal is about; the
+  /// stage is then dead. Destruction alone leaves the outputs as they are.
+  void doDeleteAll(Withdrawal withdrawal = Withdrawal::written);
   /// The same in parts, for slices: after beginDeleteAll() the stage is dead, and each call of deleteNext()
-  /// deletes one key that stands in an output, until it returns false. Only then is the stage's name taken
-  /// back from the dependency status.
-  void beginDeleteAll();
+  /// handles one key of an output, until it returns false. Only then is the stage's name removed from the
+  /// dependency status.
+  void beginDeleteAll(Withdrawal withdrawal = Withdrawal::written);
   bool deleteNext();
   /// How many keys stand in the outputs.
   [[nodiscard]] std::size_t keysInOutputs() const;
