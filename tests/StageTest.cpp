@@ -519,6 +519,10 @@ TEST(StageDeathTest, AValueUnderAnotherKeyThanItsOwn) {
     makeStage<KeyedStage<KeyMismatch::fatal>>(source, sink, bench.status, bench.control());
   };
   EXPECT_DEATH(fatal(), "has internal key: 5, but the key specified in the into is: 4");
+  using LemStatus = KilnTunnelNiLib::LemSrvStatus;
+  LemStatus status(std::make_unique<Collection<LemStatus::Key, LemStatus::Entry>>());
+  EXPECT_DEATH(status.statusIs(LemStatus::Key{.fapId = FapId(1)}, {}),
+               "In \"into\\( lemSrvStatus.status\\[ lemEntryKey \\] \\)\" the value inserted");
 }
 
 class SetsStage final : public Stage {

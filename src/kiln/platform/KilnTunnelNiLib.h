@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "kiln/platform/Assert.h"
+#include "kiln/platform/Attribute.h"
 #include "kiln/platform/Collection.h"
 #include "kiln/platform/EmKeys.h"
 #include "kiln/platform/FixedString.h"
@@ -138,24 +140,16 @@ struct Esem {
 template <class Db>
 class SrvConfig {
  public:
-  using Config =
-      KilnPlatform::KeyedCollection<typename Db::EntryKey, SrvConfigEntry<typename Db::ClientData>>;
+  using Key = typename Db::EntryKey;
+  using Entry = SrvConfigEntry<typename Db::ClientData>;
+  KILN_GIVEN_COLLECTION(config, Key, Entry)
+  using Config = configColl;
   explicit SrvConfig(std::unique_ptr<Config> config) : config_(std::move(config)) {}
 
-  Config& config() { return *config_; }
-  [[nodiscard]] const Config& config() const { return *config_; }
-
+  void configIs(const Key& key, const Entry& entry) { config_->is(key, entry); }
   struct configAttr {
-    using Entity = SrvConfig;
-    using Key = typename Config::Key;
-    using Value = typename Config::Value;
-    static constexpr KilnPlatform::FixedString kName{"config"};
-    static Config& of(SrvConfig& entity) { return entity.config(); }
-    static const Config& of(const SrvConfig& entity) { return entity.config(); }
+    KILN_ATTRIBUTE_BASE(SrvConfig, config, typename Config::Key, typename Config::Value)
   };
-
- private:
-  std::unique_ptr<Config> config_;
 };
 using LemSrvConfig = SrvConfig<Lem>;
 using IsemSrvConfig = SrvConfig<Isem>;
@@ -165,33 +159,27 @@ using EsemSrvConfig = SrvConfig<Esem>;
 template <class Db>
 class SrvStatus {
  public:
-  using Entry = SrvStatusEntry<typename Db::EntryKey>;
-  using Status = KilnPlatform::KeyedCollection<typename Db::EntryKey, Entry>;
+  using Key = typename Db::EntryKey;
+  using Entry = SrvStatusEntry<Key>;
+  KILN_GIVEN_COLLECTION(status, Key, Entry)
+  using Status = statusColl;
   explicit SrvStatus(std::unique_ptr<Status> status) : status_(std::move(status)) {}
 
-  Status& status() { return *status_; }
-  [[nodiscard]] const Status& status() const { return *status_; }
   /// Inserts or replaces the entry under its own key.
   void statusIs(const Entry& entry) { status_->is(entry.key, entry); }
-  /// The same, where the caller names the key; another one than the entry's own is an assertion failure.
-  void statusIs(const typename Db::EntryKey& key, const Entry& entry) {
-    KILN_ASSERT(entry.key == key);
+  /// The same, if the caller names the key; another one than the entry's own is an assertion failure.
+  void statusIs(const Key& key, const Entry& entry) {
+    static constexpr auto kMismatch =
+        "In \"into( " + Db::kPrefix + "SrvStatus.status[ " + Db::kPrefix +
+        "EntryKey ] )\" the value inserted in the into statement has internal key: {}, but the key specified "
+        "in the into is: {}";
+    KILN_ASSERT_MESSAGE(entry.key == key, fmt::runtime(kMismatch.view()), entry.key, key);
     status_->is(key, entry);
   }
-  void statusDel(const typename Db::EntryKey& key) { status_->del(key); }
-
   struct statusAttr {
-    using Entity = SrvStatus;
-    using Key = typename Status::Key;
-    using Value = typename Status::Value;
-    static constexpr KilnPlatform::FixedString kName{"status"};
-    static Status& of(SrvStatus& entity) { return entity.status(); }
-    static const Status& of(const SrvStatus& entity) { return entity.status(); }
+    KILN_ATTRIBUTE_BASE(SrvStatus, status, typename Status::Key, typename Status::Value)
     static const Key& keyOf(const Value& value) { return value.key; }
   };
-
- private:
-  std::unique_ptr<Status> status_;
 };
 using LemSrvStatus = SrvStatus<Lem>;
 using IsemSrvStatus = SrvStatus<Isem>;

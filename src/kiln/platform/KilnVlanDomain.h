@@ -5,9 +5,8 @@
 #include <memory>
 #include <utility>
 
-#include "kiln/platform/Collection.h"
+#include "kiln/platform/Attribute.h"
 #include "kiln/platform/EmKeys.h"
-#include "kiln/platform/FixedString.h"
 #include "kiln/platform/Value.h"
 
 namespace KilnVlanDomain {
@@ -15,48 +14,28 @@ namespace KilnVlanDomain {
 /// The interfaces for which a domain is asked. The server writes it, the service reads it.
 class VlanDomainConfig {
  public:
-  using Config = KilnPlatform::KeyedCollection<KilnTunnelNiLib::IntfIdSystemTcamId, KilnPlatform::Unit>;
+  KILN_GIVEN_COLLECTION(config, KilnTunnelNiLib::IntfIdSystemTcamId, KilnPlatform::Unit)
+  using Config = configColl;
   explicit VlanDomainConfig(std::unique_ptr<Config> config) : config_(std::move(config)) {}
 
-  Config& config() { return *config_; }
-  [[nodiscard]] const Config& config() const { return *config_; }
   void configIs(const KilnTunnelNiLib::IntfIdSystemTcamId& key) { config_->is(key, {}); }
-  void configDel(const KilnTunnelNiLib::IntfIdSystemTcamId& key) { config_->del(key); }
-
   struct configAttr {
-    using Entity = VlanDomainConfig;
-    using Key = Config::Key;
-    using Value = Config::Value;
-    static constexpr KilnPlatform::FixedString kName{"config"};
-    static Config& of(VlanDomainConfig& entity) { return entity.config(); }
-    static const Config& of(const VlanDomainConfig& entity) { return entity.config(); }
+    KILN_ATTRIBUTE_BASE(VlanDomainConfig, config, Config::Key, Config::Value)
   };
-
- private:
-  std::unique_ptr<Config> config_;
 };
 
 /// The allotted domains. The service writes it, the server reads it. A domain may stand here before anybody
 /// asks for it and after nobody does any more.
 class VlanDomainStatus {
  public:
-  using Status = KilnPlatform::KeyedCollection<KilnTunnelNiLib::IntfIdSystemTcamId, std::uint16_t>;
+  KILN_GIVEN_COLLECTION(status, KilnTunnelNiLib::IntfIdSystemTcamId, std::uint16_t)
+  using Status = statusColl;
   explicit VlanDomainStatus(std::unique_ptr<Status> status) : status_(std::move(status)) {}
 
-  Status& status() { return *status_; }
-  [[nodiscard]] const Status& status() const { return *status_; }
-
+  void statusIs(const Status::Key& key, Status::Value vlanDomain) { status_->is(key, vlanDomain); }
   struct statusAttr {
-    using Entity = VlanDomainStatus;
-    using Key = Status::Key;
-    using Value = Status::Value;
-    static constexpr KilnPlatform::FixedString kName{"status"};
-    static Status& of(VlanDomainStatus& entity) { return entity.status(); }
-    static const Status& of(const VlanDomainStatus& entity) { return entity.status(); }
+    KILN_ATTRIBUTE_BASE(VlanDomainStatus, status, Status::Key, Status::Value)
   };
-
- private:
-  std::unique_ptr<Status> status_;
 };
 
 }  // namespace KilnVlanDomain

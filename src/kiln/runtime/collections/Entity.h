@@ -1,60 +1,32 @@
 // Entities: objects that publish collections under names.
 //
-// Each macro gives a class one collection attribute with the operations that every attribute has, and a
-// descriptor `<name>Attr`, by which inputs and outputs of stages refer to it:
-//   name()            the collection
-//   name(key)         a copy of the value under key, where there is one
-//   nameHas(key)
-//   nameIs(key, value), nameDel(key), nameDelAll()
+// Each macro gives a class one collection attribute with the operations and the descriptor of
+// kiln/platform/Attribute.h.
 #pragma once
 
 #include <memory>
-#include <optional>
 
 #include "kiln/platform/Assert.h"
-#include "kiln/platform/FixedString.h"
+#include "kiln/platform/Attribute.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/platform/Value.h"
 #include "kiln/runtime/collections/Collection.h"
 
-#define KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ValueType)       \
- public:                                                                  \
-  using name##Coll = ::KilnEmServer::Kind<KeyType, ValueType>;            \
-  [[nodiscard]] const name##Coll& name() const {                          \
-    return name##_;                                                       \
-  }                                                                       \
-  [[nodiscard]] name##Coll& name() {                                      \
-    return name##_;                                                       \
-  }                                                                       \
-  [[nodiscard]] std::optional<ValueType> name(const KeyType& key) const { \
-    return name##_.get(key);                                              \
-  }                                                                       \
-  [[nodiscard]] bool name##Has(const KeyType& key) const {                \
-    return name##_.has(key);                                              \
-  }                                                                       \
-  void name##Del(const KeyType& key) {                                    \
-    name##_.del(key);                                                     \
-  }                                                                       \
-  void name##DelAll() {                                                   \
-    name##_.delAll();                                                     \
-  }                                                                       \
-                                                                          \
- private:                                                                 \
-  name##Coll name##_;                                                     \
-                                                                          \
+#define KILN_COLLECTION_BASE(Owner, name, Kind, KeyType, ValueType) \
+ public:                                                            \
+  using name##Coll = ::KilnEmServer::Kind<KeyType, ValueType>;      \
+  [[nodiscard]] const name##Coll& name() const {                    \
+    return name##_;                                                 \
+  }                                                                 \
+  [[nodiscard]] name##Coll& name() {                                \
+    return name##_;                                                 \
+  }                                                                 \
+  KILN_ATTRIBUTE_OPERATIONS(name, KeyType, ValueType)               \
+                                                                    \
+ private:                                                           \
+  name##Coll name##_;                                               \
+                                                                    \
  public:
-
-#define KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType) \
-  using Entity = Owner;                                      \
-  using Key = KeyType;                                       \
-  using Value = ValueType;                                   \
-  static constexpr ::KilnPlatform::FixedString kName{#name}; \
-  static auto& of(Owner& entity) {                           \
-    return entity.name();                                    \
-  }                                                          \
-  static const auto& of(const Owner& entity) {               \
-    return entity.name();                                    \
-  }
 
 /// A collection of key to value.
 #define KILN_COLLECTION_OF(Kind, Owner, name, KeyType, ValueType) \
