@@ -53,6 +53,8 @@ TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
   want(kH1, wanted(1));
   want(mplsHwKey(2), wanted(2));
   drop(mplsHwKey(2));
+  EXPECT_EQ(writer->writeVersion(), 2u);
+  EXPECT_EQ(writer->deleteVersion(), 1u);
   const std::weak_ptr<IsemMplsSwTableWriter> gone = writer;
   writer.reset();
   EXPECT_TRUE(gone.expired());  // what waits at the table does not keep the writer alive

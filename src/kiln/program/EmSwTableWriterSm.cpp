@@ -103,7 +103,8 @@ EmSwTableWriterSm::Issued EmSwTableWriterSm::issue(std::uint32_t version) {
 }
 
 void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
-  const Issued issued = issue(keyLatestDeleteVersion_.issue(hwKey));
+  const Issued issued = issue(deleteVersionInc());
+  keyLatestDeleteVersion_.is(hwKey, issued.version);
   tracer().trace<9>("{} del {}", name(), hwKey);
   try {
     deleteTableEntry(hwKey, DeleteHandler{weak_from_this(), hwKey, issued});
@@ -115,7 +116,8 @@ void EmSwTableWriterSm::requestDelete(const EmHwKey& hwKey) {
 }
 
 void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry) {
-  const Issued issued = issue(keyLatestWriteVersion_.issue(hwKey));
+  const Issued issued = issue(writeVersionInc());
+  keyLatestWriteVersion_.is(hwKey, issued.version);
   tracer().trace<9>("{} add {}", name(), hwKey);
   writtenKeys_.written(hwKey, logicalKeyAndEntry.emLogicalKey, issued.operation);
   try {
@@ -230,12 +232,6 @@ void EmSwTableWriterSm::noteDeparture() {
 void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                     EmHwKeyStatus::State state) {
   emSwTableStatus_->statusAgain(hwKey, {logicalKeyAndEntry, state, ++answers_});
-}
-
-std::uint32_t EmSwTableWriterSm::Versions::issue(const EmHwKey& hwKey) {
-  if (++counter_ == 0) ++counter_;
-  latest_.obtain(hwKey) = counter_;
-  return counter_;
 }
 
 std::uint32_t EmSwTableWriterSm::Versions::latest(const EmHwKey& hwKey) const {

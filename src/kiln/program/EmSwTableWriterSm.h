@@ -48,6 +48,10 @@ class EmSwTableWriterSm : public Stage,
     return Stage::addReads(collections);
   }
 
+  // The versions of the newest write and of the newest removal that were issued; 0 before the first one.
+  [[nodiscard]] std::uint32_t writeVersion() const { return writeVersion_; }
+  [[nodiscard]] std::uint32_t deleteVersion() const { return deleteVersion_; }
+
   /// Programs or overwrites the entry; calls `handler` once with the table's answer. Throws std::range_error,
   /// without a call of `handler`, where key or entry is not one of this writer's table.
   virtual void writeTableEntry(const EmHwKey& hwKey, const EmEntry& entry, ResponseHandler handler);
@@ -128,6 +132,9 @@ class EmSwTableWriterSm : public Stage,
                         const Issued& issued);
   void requestDelete(const EmHwKey& hwKey);
   void retry(const EmHwKey& hwKey) override;
+  // The version of the next write, and of the next removal. 0 is skipped, which stands for none.
+  std::uint32_t writeVersionInc() { return ++writeVersion_ == 0 ? ++writeVersion_ : writeVersion_; }
+  std::uint32_t deleteVersionInc() { return ++deleteVersion_ == 0 ? ++deleteVersion_ : deleteVersion_; }
   [[nodiscard]] Issued issue(std::uint32_t version);
   void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                            const EmLogicalKeyAndEntry& logicalKeyAndEntry, const Issued& issued);
@@ -144,8 +151,7 @@ class EmSwTableWriterSm : public Stage,
   class Versions final : public LocalState {
    public:
     Versions(Stage& stage, std::string_view name) : LocalState(stage, name) { stage.companionIs(latest_); }
-    /// Issues the next version for the key; the counter skips 0.
-    std::uint32_t issue(const EmHwKey& hwKey);
+    void is(const EmHwKey& hwKey, std::uint32_t version) { latest_.obtain(hwKey) = version; }
     [[nodiscard]] std::uint32_t latest(const EmHwKey& hwKey) const;
     void del(const EmHwKey& hwKey) { latest_.del(hwKey); }
     [[nodiscard]] std::size_t size() const override { return latest_.size(); }
@@ -158,7 +164,6 @@ class EmSwTableWriterSm : public Stage,
     }
 
    private:
-    std::uint32_t counter_ = 0;
     LocalMap<EmHwKey, std::uint32_t> latest_;
   };
 
@@ -171,7 +176,9 @@ class EmSwTableWriterSm : public Stage,
         "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none>
       leftStatus_;
   Ref<EmSwTableStatus> emSwTableStatus_;
+  std::uint32_t writeVersion_ = 0;
   Versions keyLatestWriteVersion_;
+  std::uint32_t deleteVersion_ = 0;
   Versions keyLatestDeleteVersion_;
   WrittenKeys writtenKeys_;
   Ref<EmWrittenKeys> emWrittenKeys_;
