@@ -228,7 +228,9 @@ TEST_F(CapacityDeathTest, UnknownTypesAndMissingProfilesAreFatal) {
   const auto lem = std::make_shared<CountingWriter>(ResolvedTag::lemVpwsAcEntryKey, config, status, bench);
   sm->swTableWriterIs(lem);
   EXPECT_DEATH(bench.settle(), "Unsupported keyType lemVpwsAcEntryKey");
+  EXPECT_TRUE(sm->swTableWriter().contains(ResolvedTag::lemVpwsAcEntryKey));
   sm->swTableWriterDel(ResolvedTag::lemVpwsAcEntryKey);
+  EXPECT_FALSE(sm->swTableWriter().contains(ResolvedTag::lemVpwsAcEntryKey));
 }
 
 // --- Alarms ------------------------------------------------------------------------------------------------

@@ -57,6 +57,9 @@ class SemCapacitySm final : public CapacityHelper {
   void swTableWriterIs(Ref<const EmSwTableWriterSm> writer);
   void swTableWriterDel(EmResolvedKeyUnionTag tag);
   void swTableWriterDelAll();
+  [[nodiscard]] const std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>>& swTableWriter() const {
+    return swTableWriter_;
+  }
 
   [[nodiscard]] const CapacityTableNames& mdbTableToTableName() const { return mdbTableToTableName_; }
   /// How many entries of 60 bits the FAP's MDB profile gives the table. That the FAP has a profile, the
