@@ -127,8 +127,8 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   KILN_SERVER_ENTITY(EmLogicalKeyToStatus, emLogicalKeyToStatus)
   KILN_SERVER_ENTITY(EmLogicalKeyToStatus, emStatusMerged)
   KILN_SERVER_ENTITY(MdbCapabilitiesConfig, mdbCapabilitiesConfig)
-  KILN_SERVER_ENTITY(KilnMdbCapabilitiesStatus, mdbCapabilitiesStatus)
-  KILN_SERVER_ENTITY(KilnMdbLocalStatus, mdbLocalStatus)
+  KILN_SERVER_ENTITY(KilnMdb::CapabilitiesStatus, mdbCapabilitiesStatus)
+  KILN_SERVER_ENTITY(KilnMdb::MdbLocalStatus, mdbLocalStatus)
   KILN_SERVER_ENTITY(EmComposeFailureByComposerType, emComposeFailure)
   KILN_SERVER_ENTITY(EmWrittenKeys, emWrittenKeys)
 

@@ -7,9 +7,9 @@
 
 namespace KilnEmServer {
 
-MdbCapabilitiesSm::MdbCapabilitiesSm(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+MdbCapabilitiesSm::MdbCapabilitiesSm(Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                                      Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                     Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
+                                     Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
                                      Ref<DependencyStatus> dependencyStatus)
     : name_(std::move(name)),
       tracer_(name_),
@@ -53,9 +53,9 @@ void MdbCapabilitiesSm::update() {
   }
 }
 
-Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                                                 Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                                Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus,
+                                                Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus,
                                                 std::string name, Ref<DependencyStatus> dependencyStatus) {
   auto sm = std::make_shared<MdbCapabilitiesSm>(std::move(mdbLocalStatus), std::move(hardwareMdbStatus),
                                                 std::move(mdbCapabilitiesStatus), std::move(name),

@@ -17,9 +17,9 @@ namespace KilnEmServer {
 class MdbCapabilitiesSm final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>,
                                 private KilnPlatform::KeySubscriber<std::uint32_t> {
  public:
-  MdbCapabilitiesSm(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+  MdbCapabilitiesSm(Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                     Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                    Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
+                    Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
                     Ref<DependencyStatus> dependencyStatus);
   ~MdbCapabilitiesSm();
   MdbCapabilitiesSm(const MdbCapabilitiesSm&) = delete;
@@ -35,15 +35,15 @@ class MdbCapabilitiesSm final : private KilnPlatform::KeySubscriber<Hardware::Ki
 
   std::string name_;
   Tracer tracer_;
-  Ref<const KilnMdbLocalStatus> mdbLocalStatus_;
+  Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus_;
   Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus_;
-  Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus_;
+  Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus_;
   Ref<DependencyStatus> dependencyStatus_;
 };
 
-Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+Ref<MdbCapabilitiesSm> mdbCapabilitiesSmFactory(Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                                                 Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                                Ref<KilnMdbCapabilitiesStatus> mdbCapabilitiesStatus,
+                                                Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus,
                                                 std::string name, Ref<DependencyStatus> dependencyStatus);
 
 }  // namespace KilnEmServer

@@ -5,7 +5,7 @@
 namespace KilnEmServer {
 
 MdbLocalStatusSm::MdbLocalStatusSm(Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                   Ref<KilnMdbLocalStatus> mdbLocalStatus, std::string name,
+                                   Ref<KilnMdb::MdbLocalStatus> mdbLocalStatus, std::string name,
                                    Ref<DependencyStatus> dependencyStatus, StageControl control)
     : Stage("MdbLocalStatusSm", std::move(name), std::move(dependencyStatus), std::move(control),
             "from( this.ready )"),
@@ -17,7 +17,7 @@ void MdbLocalStatusSm::handleProfileId(const Hardware::Kiln::FapId& fapId, const
 }
 
 Ref<MdbLocalStatusSm> mdbLocalStatusSmFactory(Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                              Ref<KilnMdbLocalStatus> mdbLocalStatus, std::string name,
+                                              Ref<KilnMdb::MdbLocalStatus> mdbLocalStatus, std::string name,
                                               Ref<DependencyStatus> dependencyStatus, StageControl control) {
   return makeStage<MdbLocalStatusSm>(std::move(hardwareMdbStatus), std::move(mdbLocalStatus), std::move(name),
                                      std::move(dependencyStatus), std::move(control));

@@ -15,7 +15,7 @@ namespace KilnEmServer {
 class MdbLocalStatusSm final : public Stage {
  public:
   MdbLocalStatusSm(Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                   Ref<KilnMdbLocalStatus> mdbLocalStatus, std::string name,
+                   Ref<KilnMdb::MdbLocalStatus> mdbLocalStatus, std::string name,
                    Ref<DependencyStatus> dependencyStatus, StageControl control);
 
  private:
@@ -32,11 +32,11 @@ class MdbLocalStatusSm final : public Stage {
   Input<ProfileIdAttr, "hardwareMdbStatus", &MdbLocalStatusSm::handleProfileId,
         "from( hardwareMdbStatus.profileId[] ): fapId={} profileId={}">
       hardwareMdbStatus_;
-  Output<KilnMdbLocalStatus::profileIdAttr, "mdbLocalStatus", "fapId"> mdbLocalStatus_;
+  Output<KilnMdb::MdbLocalStatus::profileIdAttr, "mdbLocalStatus", "fapId"> mdbLocalStatus_;
 };
 
 Ref<MdbLocalStatusSm> mdbLocalStatusSmFactory(Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-                                              Ref<KilnMdbLocalStatus> mdbLocalStatus, std::string name,
+                                              Ref<KilnMdb::MdbLocalStatus> mdbLocalStatus, std::string name,
                                               Ref<DependencyStatus> dependencyStatus, StageControl control);
 
 }  // namespace KilnEmServer

@@ -89,8 +89,8 @@ bool isTableOnFapTypeCore(FapType fapType, Hardware::Kiln::LocalCoreId localCore
 
 SemCapacitySm::SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock,
                              std::string agentName, Ref<const Hardware::Kiln::Status> hardwareStatus,
-                             Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
-                             Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                             Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus,
+                             Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                              Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
                              Ref<const EmSwTableStatus> emSwTableStatus, const StageControl& control)
     : CapacityHelper(std::move(tableCapacity), std::move(clock), std::move(agentName),
@@ -283,8 +283,8 @@ void SemCapacitySm::noteState(StateDigest& digest) const {
 Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,
                                         Ref<const Clock> clock, std::string agentName,
                                         Ref<const Hardware::Kiln::Status> hardwareStatus,
-                                        Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
-                                        Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                                        Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus,
+                                        Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                                         Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
                                         Ref<const EmSwTableStatus> emSwTableStatus,
                                         const StageControl& control) {

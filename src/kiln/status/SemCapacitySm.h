@@ -47,8 +47,8 @@ class SemCapacitySm final : public CapacityHelper {
   /// A change of `emSwTableStatus` is followed by an update; it is not read.
   SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock, std::string agentName,
                 Ref<const Hardware::Kiln::Status> hardwareStatus,
-                Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
-                Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus,
+                Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                 Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
                 Ref<const EmSwTableStatus> emSwTableStatus, const StageControl& control);
   ~SemCapacitySm() override;
@@ -132,8 +132,8 @@ class SemCapacitySm final : public CapacityHelper {
   void addRows(UsageByTable&& usage, const std::string& chip);
   [[nodiscard]] std::uint32_t usedBy(const CapacityUsage& usage) const;
 
-  Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus_;
-  Ref<const KilnMdbLocalStatus> mdbLocalStatus_;
+  Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus_;
+  Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus_;
   Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir_;
   Ref<const EmSwTableStatus> emSwTableStatus_;
   CapacityTableNames mdbTableToTableName_;
@@ -152,8 +152,8 @@ class SemCapacitySm final : public CapacityHelper {
 Ref<SemCapacitySm> semCapacitySmFactory(Ref<KilnPlatform::TableCapacity> tableCapacity,
                                         Ref<const Clock> clock, std::string agentName,
                                         Ref<const Hardware::Kiln::Status> hardwareStatus,
-                                        Ref<const KilnMdbCapabilitiesStatus> capabilitiesStatus,
-                                        Ref<const KilnMdbLocalStatus> mdbLocalStatus,
+                                        Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus,
+                                        Ref<const KilnMdb::MdbLocalStatus> mdbLocalStatus,
                                         Ref<const KilnTunnelNiLib::SemCapacityExternalDir> externalDir,
                                         Ref<const EmSwTableStatus> emSwTableStatus,
                                         const StageControl& control);

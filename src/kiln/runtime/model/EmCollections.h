@@ -11,6 +11,19 @@
 #include "kiln/runtime/collections/Entity.h"
 #include "kiln/runtime/model/EmTypes.h"
 
+namespace KilnMdb {
+
+/// Capabilities of the MDB profiles in use, by profile id.
+class CapabilitiesStatus {
+  KILN_COLLECTION(CapabilitiesStatus, profileCapabilities, std::uint32_t, ProfileCapabilities)
+};
+/// The MDB profile id of each FAP.
+class MdbLocalStatus {
+  KILN_COLLECTION(MdbLocalStatus, profileId, Hardware::Kiln::FapId, std::uint32_t)
+};
+
+}  // namespace KilnMdb
+
 namespace KilnEmServer {
 
 using KilnPlatform::Ref;
@@ -195,14 +208,6 @@ class EmLogicalKeyToStatus {
 /// MDB profiles that are asked for; nothing asks for any yet.
 class MdbCapabilitiesConfig {
   KILN_SET(MdbCapabilitiesConfig, profile, std::uint32_t)
-};
-/// Capabilities of the MDB profiles in use, by profile id.
-class KilnMdbCapabilitiesStatus {
-  KILN_COLLECTION(KilnMdbCapabilitiesStatus, profileCapabilities, std::uint32_t, KilnMdb::ProfileCapabilities)
-};
-/// The MDB profile id of each FAP.
-class KilnMdbLocalStatus {
-  KILN_COLLECTION(KilnMdbLocalStatus, profileId, Hardware::Kiln::FapId, std::uint32_t)
 };
 
 /// Each entity that stands alone is created empty by a factory that is named after it.
