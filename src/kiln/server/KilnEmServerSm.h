@@ -60,20 +60,20 @@ struct ServerArguments {
 };
 
 /// An entity that the server owns, with its creator and its remover.
-#define KILN_SERVER_ENTITY(Type, name)                          \
- public:                                                        \
-  [[nodiscard]] const Ref<Type>& name() const {                 \
-    return name##_;                                             \
-  }                                                             \
-  const Ref<Type>& name##Is() {                                 \
-    if (name##_ == nullptr) name##_ = std::make_shared<Type>(); \
-    return name##_;                                             \
-  }                                                             \
-  void name##Del() {                                            \
-    name##_.reset();                                            \
-  }                                                             \
-                                                                \
- private:                                                       \
+#define KILN_SERVER_ENTITY(Type, name)                       \
+ public:                                                     \
+  [[nodiscard]] const Ref<Type>& name() const {              \
+    return name##_;                                          \
+  }                                                          \
+  const Ref<Type>& name##Is() {                              \
+    if (name##_ == nullptr) name##_ = entityFactory<Type>(); \
+    return name##_;                                          \
+  }                                                          \
+  void name##Del() {                                         \
+    name##_.reset();                                         \
+  }                                                          \
+                                                             \
+ private:                                                    \
   Ref<Type> name##_;
 
 /// The top of the server. It lives as long as its agent keeps it; destroying it stops every stage and leaves

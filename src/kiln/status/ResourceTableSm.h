@@ -27,6 +27,7 @@ struct ResourceCounts {
 class ResourceTable {
   KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
 };
+KILN_ENTITY_FACTORY(ResourceTable, resourceTableFactory)
 
 /// Files every requested logical key under the state of its status, inside the call that changes it: that is
 /// all in the stage itself. The rows that changed are published on the stage's task, each once however many

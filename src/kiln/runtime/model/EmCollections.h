@@ -210,11 +210,25 @@ class MdbCapabilitiesConfig {
   KILN_SET(MdbCapabilitiesConfig, profile, std::uint32_t)
 };
 
-/// Each entity that stands alone is created empty by a factory that is named after it.
+/// Creates an empty entity with the factory of its type.
+template <class Entity>
+Ref<Entity> entityFactory() = delete;
+
+/// Each entity that is not a member of another one is created empty by a factory that is named after it.
 #define KILN_ENTITY_FACTORY(Type, factory) \
   inline Ref<Type> factory() {             \
     return std::make_shared<Type>();       \
+  }                                        \
+  template <>                              \
+  inline Ref<Type> entityFactory<Type>() { \
+    return factory();                      \
   }
+KILN_ENTITY_FACTORY(IsemSrvConfigByFeature, isemSrvConfigByFeatureFactory)
+KILN_ENTITY_FACTORY(EsemSrvConfigByFeature, esemSrvConfigByFeatureFactory)
+KILN_ENTITY_FACTORY(LemSrvConfigByFeature, lemSrvConfigByFeatureFactory)
+KILN_ENTITY_FACTORY(IsemSrvStatusByFeature, isemSrvStatusByFeatureFactory)
+KILN_ENTITY_FACTORY(EsemSrvStatusByFeature, esemSrvStatusByFeatureFactory)
+KILN_ENTITY_FACTORY(LemSrvStatusByFeature, lemSrvStatusByFeatureFactory)
 KILN_ENTITY_FACTORY(EmTypeToConfig, emTypeToConfigFactory)
 KILN_ENTITY_FACTORY(EmLogicalKeyToEntry, emLogicalKeyToEntryFactory)
 KILN_ENTITY_FACTORY(LogicalKeyConfigByComposerType, logicalKeyConfigByComposerTypeFactory)
@@ -230,6 +244,8 @@ KILN_ENTITY_FACTORY(EmConflictStatus, emConflictStatusFactory)
 KILN_ENTITY_FACTORY(EmSwTableStatus, emSwTableStatusFactory)
 KILN_ENTITY_FACTORY(EmWrittenKeys, emWrittenKeysFactory)
 KILN_ENTITY_FACTORY(EmLogicalKeyToStatus, emLogicalKeyToStatusFactory)
-#undef KILN_ENTITY_FACTORY
+KILN_ENTITY_FACTORY(MdbCapabilitiesConfig, mdbCapabilitiesConfigFactory)
+KILN_ENTITY_FACTORY(KilnMdb::CapabilitiesStatus, capabilitiesStatusFactory)
+KILN_ENTITY_FACTORY(KilnMdb::MdbLocalStatus, mdbLocalStatusFactory)
 
 }  // namespace KilnEmServer
