@@ -126,7 +126,6 @@ bool ResolverBase::requested(const ResolverKey& resolverKey) const {
 }
 
 void ResolverBase::setResolution(const ResolutionState& state) {
-  // Composers acknowledge anew only what they are told of, so an unchanged resolution stays acknowledged.
   if (resolverStatus_->status(state.resolverKey) == state) return;
   if (resolutionInUse_.has(state.resolverKey)) {
     tracer().trace<8>("to be acknowledged anew: {}", state.resolverKey);

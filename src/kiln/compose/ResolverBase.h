@@ -43,9 +43,13 @@ class ResolverBase : public Stage {
   void ackInUseComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
   void deleteRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
 
+  // Write the resolution. A change drops the acknowledgement, since composers are notified of it and
+  // acknowledge it again. Writing an equal resolution keeps it: no composer is notified, so that it would
+  // never be acknowledged again although it is in use.
   void setResolutionPending(const ResolverKey& resolverKey);
   void setResolutionFail(const ResolverKey& resolverKey);
   void setResolutionSuccess(const ResolverKey& resolverKey, std::uint64_t val);
+  /// Deletes the resolution together with its acknowledgement.
   void deleteResolutionState(const ResolverKey& resolverKey);
 
   /// Gives back what no composer asks for, in slices. To be run once, when every composer has asked for what
