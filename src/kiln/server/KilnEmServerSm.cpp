@@ -44,6 +44,14 @@ const std::vector<EmComposerKeyUnionTag> kResolvingComposerTypes = [] {
 
 }  // namespace
 
+bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
+  bool needed = false;
+  const bool known = visitKeyType(
+      composerType, [&]<class Row>() { needed = Row::kResolver != ResolverKeyUnionTag::undefined_; });
+  KILN_ASSERT_MESSAGE(known, "Unrecognized composer type {}", composerType);
+  return needed;
+}
+
 KilnEmServerSm::KilnEmServerSm(ServerArguments arguments) : arguments_(std::move(arguments)) {
   const auto check = [](const auto& argument, std::string_view name) {
     if (argument == nullptr) detail::nullArgument(name, __FILE__, __LINE__);

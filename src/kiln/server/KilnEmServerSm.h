@@ -46,6 +46,10 @@
 
 namespace KilnEmServer {
 
+/// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
+/// assertion failure.
+bool resolutionNeeded(EmComposerKeyUnionTag composerType);
+
 /// What the server is given: shared references, kept for its lifetime.
 struct ServerArguments {
   Ref<KilnPlatform::StateStore> entityManager;

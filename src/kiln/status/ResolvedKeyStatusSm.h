@@ -21,7 +21,8 @@ class ResolvedKeyStatusSm final : public Stage {
 
  private:
   [[nodiscard]] bool isResolved(const EmLogicalKey& emKey) const {
-    return resolutionNeeded(emComposerTypeFromUnion(emKey.emComposerKey));
+    return kKeyTypeInfo[emComposerTypeFromUnion(emKey.emComposerKey)].resolver !=
+           ResolverKeyUnionTag::undefined_;
   }
   static constexpr FixedString kFilter = "filter( resolutionNeeded( composerType ) )";
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);

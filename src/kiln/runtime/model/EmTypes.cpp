@@ -14,14 +14,6 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
   return kTable[static_cast<std::size_t>(state)];
 }
 
-bool resolutionNeeded(EmComposerKeyUnionTag composerType) {
-  bool needed = false;
-  const bool known = visitKeyType(
-      composerType, [&]<class Row>() { needed = Row::kResolver != ResolverKeyUnionTag::undefined_; });
-  KILN_ASSERT_MESSAGE(known, "Unrecognized composer type {}", composerType);
-  return needed;
-}
-
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
   const auto number = static_cast<std::size_t>(key.tag());
   KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);

@@ -187,10 +187,6 @@ EmLogicalKeyState::State translateState(ResolutionState::State state);
 /// Widens a hardware outcome; any number above 3 is an assertion failure.
 EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
 
-/// Whether a composer type goes through a resolver, rather than being translated directly. `undefined` is an
-/// assertion failure.
-bool resolutionNeeded(EmComposerKeyUnionTag composerType);
-
 /// The composer type of a composer key; a key without one is an assertion failure.
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key);
 /// The table type of a resolved key; a key without one is an assertion failure.
