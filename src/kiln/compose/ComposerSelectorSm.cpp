@@ -15,6 +15,7 @@ ComposerSelectorSm::ComposerSelectorSm(EmComposerKeyUnionTag composerType,
       emLogicalKeyConfig_(*this, std::move(emLogicalKeyConfig)) {}
 
 void ComposerSelectorSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt) {
+  KILN_ASSERT(emComposerTypeFromUnion(emKey.emComposerKey) == composerType_);
   if (entryOpt != nullptr) {
     emLogicalKeyConfig_.insert(emKey, {});
   } else {

@@ -18,13 +18,13 @@ class ComposerSelectorSm final : public Stage {
                      Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
  private:
-  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
-    return emComposerTypeFromUnion(emKey.emComposerKey) == composerType_;
+  [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> ownKeys() const {
+    return partitionsOfTypes([this](EmComposerKeyUnionTag type) { return type == composerType_; });
   }
   /// Whether the request set may have to change: not for an entry that only got another content.
-  [[nodiscard]] bool concerns(const EmLogicalKey& emKey) const {
-    return isOwn(emKey) && (!ready() || (emLogicalKeyToEntry_.find(emKey) == nullptr) !=
-                                            (emLogicalKeyConfig_.find(emKey) == nullptr));
+  [[nodiscard]] bool mayChange(const EmLogicalKey& emKey) const {
+    return !ready() ||
+           (emLogicalKeyToEntry_.find(emKey) == nullptr) != (emLogicalKeyConfig_.find(emKey) == nullptr);
   }
   static constexpr FixedString kFilter = "filter( ( composerTypeEnum == composerType ) )";
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
@@ -32,7 +32,7 @@ class ComposerSelectorSm final : public Stage {
   EmComposerKeyUnionTag composerType_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry", &ComposerSelectorSm::handleEntry,
         "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
-        &ComposerSelectorSm::concerns, &ComposerSelectorSm::isOwn, kFilter>
+        &ComposerSelectorSm::ownKeys, &ComposerSelectorSm::mayChange, kFilter>
       emLogicalKeyToEntry_;
   Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
 };

@@ -181,8 +181,8 @@ class ComposerSm : public Stage, private Departures::Composer {
 
   void handleRequestChange(const EmLogicalKey& emKey, const KilnPlatform::Unit* unitOpt);
   [[nodiscard]] bool isLeaving(const EmLogicalKey& emKey) const { return departures_.has(emKey); }
-  [[nodiscard]] bool isOwn(const EmLogicalKey& emKey) const {
-    return emKey.emComposerKey.tag() == composerType_;
+  [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> ownKeys() const {
+    return partitionsOfTypes([this](EmComposerKeyUnionTag type) { return type == composerType_; });
   }
   void handleWritten(const EmLogicalKey& emKey, const std::uint32_t* hwKeysOpt);
   void handleStatusChange(const EmLogicalKey& emKey, const EmHwKeyStatus* statusOpt);
@@ -249,7 +249,7 @@ class ComposerSm : public Stage, private Departures::Composer {
       resolvedKeyStatus_;
   std::optional<Input<EmWrittenKeys::writtenAttr, "emWrittenKeys", &ComposerSm::handleWritten,
                       "from( emWrittenKeys.written[] ): emLogicalKey={} hwKeysOpt={}", Reaction::queued,
-                      &ComposerSm::isLeaving, &ComposerSm::isOwn>>
+                      &ComposerSm::ownKeys, &ComposerSm::isLeaving>>
       emWrittenKeys_;
   NestedInput<ResolverStatusDir::resolverStatusAttr, ResolverStatus::statusAttr, "resolverStatusDir",
               &ComposerSm::handleResolution,

@@ -1,32 +1,39 @@
 // Keyed collections with change notification: the shape in which everything is published.
 #pragma once
 
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 
 namespace KilnPlatform {
 
-/// Divides the keys of a type into channels, so that a subscriber that wants few keys need not be asked about
-/// each. Specialised per key type.
+/// Divides the keys of a type into partitions: one small number, computed from the key. A subscriber says
+/// once which it wants. Specialised per key type.
 template <class K>
-struct KeyChannels {
+struct KeyPartition {
   static constexpr std::size_t kCount = 1;
-  static std::size_t of(const K& /*key*/) { return 0; }
-  /// The group of a channel's keys, below 64.
-  static std::size_t groupOf(std::size_t /*channel*/) { return 0; }
+  /// Below kCount.
+  static constexpr std::size_t of(const K& /*key*/) { return 0; }
+  /// Keys whose partitions have the same group are stored together. Below kGroups.
+  static constexpr std::size_t kGroups = 1;
+  static constexpr std::size_t groupOf(std::size_t /*partition*/) { return 0; }
 };
 
-/// Told of each change of one key. The key is a copy that outlives the call; the collection is consistent
+/// Partitions of the keys of a type.
+template <class K>
+using PartitionSet = std::bitset<KeyPartition<K>::kCount>;
+
+/// Notified of each change of one key. The key is a copy that outlives the call; the collection is consistent
 /// when the call is made, and the current value, which may be absent, is to be read from it.
 template <class K>
 class KeySubscriber {
  public:
   virtual void handleChange(const K& key) = 0;
-  /// Whether keys of a channel are wanted; asked when subscribing. Others may be told all the same.
-  [[nodiscard]] virtual bool wantsChannel(std::size_t /*channel*/) const { return true; }
-  /// A key of a channel that is not wanted changed, while filters are traced: may trace that, and do no more.
-  virtual void traceUnwanted(const K& /*key*/) const {}
+  /// The partitions whose keys are wanted; asked when subscribing. A collection may notify of others, too.
+  [[nodiscard]] virtual PartitionSet<K> partitions() const { return PartitionSet<K>().set(); }
+  /// A key of another partition changed, while filters are traced: may trace that, and do no more.
+  virtual void traceUnselected(const K& /*key*/) const {}
   /// Whether a change of the key was notified and is not handled yet.
   [[nodiscard]] virtual bool changeWaits(const K& /*key*/) const { return false; }
 
@@ -41,10 +48,10 @@ struct ScanCursor {
   bool started = false;
   std::size_t index = 0;
   std::optional<K> last;
-  /// Groups of keys that nobody asks about, a bit each: a collection that knows its keys by group may leave
-  /// out those that lie before an index.
-  std::uint64_t unwanted = 0;
-  std::size_t unwantedBefore = 0;
+  /// Groups of partitions that the walk is not about: a collection that stores keys by group may leave out
+  /// those below an index.
+  std::bitset<KeyPartition<K>::kGroups> skipped;
+  std::size_t skippedBelow = 0;
 };
 
 /// What may be told which key will be looked up soon.

@@ -89,7 +89,7 @@ class EmConflictSm final : public Stage {
       Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
             &EmConflictSm::handleRequestedEntry,
             "requestStream = from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emLogicalKey={}",
-            Reaction::queued, &EmConflictSm::unplaced, nullptr>;
+            Reaction::queued, nullptr, &EmConflictSm::unplaced>;
   std::optional<RequestedEntryInput> emLogicalKeyToEntry_;
   using ComposeFailureInput = NestedInput<
       EmComposeFailureByComposerType::configAttr, EmComposeFailure::failureAttr, "emComposeFailure",

@@ -36,7 +36,7 @@ class EmKeyMergeSm final : public Stage {
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
         &EmKeyMergeSm::eventToVok_stream1,
         "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}", Reaction::queued,
-        &EmKeyMergeSm::placed, nullptr>
+        nullptr, &EmKeyMergeSm::placed>
       emLogicalKeyToEntry_;
   Output<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", "emKey"> emMergedEntry_;
 };

@@ -71,7 +71,6 @@ void EmSwTableWriterSm::handleDeleteAll() {
 // --- Requests ----------------------------------------------------------------------------------------------
 
 void EmSwTableWriterSm::handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry) {
-  if (!isOwn(hwKey)) return;
   if (refusedKeys_) refusedKeys_->forget(hwKey);
   if (!fapCoreConvergent(hwKey)) {
     handleDivergent(hwKey, logicalKeyAndEntry);

@@ -121,6 +121,9 @@ class EmSwTableWriterSm : public Stage,
   /// Calls `visitor(handler)` with the handler by its type; false if it is of none of them.
   template <class Visitor>
   static bool visit(const ResponseHandler& handler, Visitor&& visitor);
+  [[nodiscard]] KilnPlatform::PartitionSet<EmHwKey> ownKeys() const {
+    return partitionsOf(emResolvedKeyType_);
+  }
   [[nodiscard]] bool isOwn(const EmHwKey& hwKey) const {
     return emResolvedKeyEnumFromUnion(hwKey.emResolvedKey) == emResolvedKeyType_;
   }
@@ -169,11 +172,11 @@ class EmSwTableWriterSm : public Stage,
 
   EmResolvedKeyUnionTag emResolvedKeyType_;
   Input<EmSwTableConfig::configAttr, "emSwTableConfig", &EmSwTableWriterSm::handleRequest,
-        "from( emSwTableConfig.config[] ): hwKey={}", Reaction::queued, &EmSwTableWriterSm::isOwn>
+        "from( emSwTableConfig.config[] ): hwKey={}", Reaction::queued, &EmSwTableWriterSm::ownKeys>
       emSwTableConfig_;
   /// What stood in the status before this writer came, and is wanted no more, is removed from the table.
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableWriterSm::handleLeftStatus,
-        "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none>
+        "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none, &EmSwTableWriterSm::ownKeys>
       leftStatus_;
   Ref<EmSwTableStatus> emSwTableStatus_;
   std::uint32_t writeVersion_ = 0;

@@ -20,9 +20,10 @@ class ResolvedKeyStatusSm final : public Stage {
                       Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
  private:
-  [[nodiscard]] bool isResolved(const EmLogicalKey& emKey) const {
-    return kKeyTypeInfo[emComposerTypeFromUnion(emKey.emComposerKey)].resolver !=
-           ResolverKeyUnionTag::undefined_;
+  [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> resolvedKeys() const {
+    return partitionsOfTypes([](EmComposerKeyUnionTag type) {
+      return kKeyTypeInfo[type].resolver != ResolverKeyUnionTag::undefined_;
+    });
   }
   static constexpr FixedString kFilter = "filter( resolutionNeeded( composerType ) )";
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
@@ -46,7 +47,7 @@ class ResolvedKeyStatusSm final : public Stage {
 
   Input<EmLogicalKeyToStatus::statusAttr, "emStatusMerged", &ResolvedKeyStatusSm::handleStatus,
         "Line 19: from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::queued,
-        &ResolvedKeyStatusSm::isResolved, &ResolvedKeyStatusSm::isResolved, kFilter>
+        &ResolvedKeyStatusSm::resolvedKeys, nullptr, kFilter>
       emStatusMerged_;
   OverKeyTypes<StatusOutputs> outputs_;
 };

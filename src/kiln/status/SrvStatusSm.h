@@ -39,12 +39,12 @@ class SrvStatusSm : public Stage {
   void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
 
  private:
-  [[nodiscard]] bool isOwn(const EmLogicalKey& emLogicalKey) const {
-    return emLogicalKey.featureType == featureType_;
+  [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> ownKeys() const {
+    return partitionsOf(featureType_);
   }
   /// Whether the key may be one of this feature's requests of this database.
-  [[nodiscard]] bool concerns(const EmLogicalKey& emLogicalKey) const {
-    return isOwn(emLogicalKey) && isOfDatabase<Db>(emLogicalKey.emComposerKey);
+  [[nodiscard]] bool mayBeRequested(const EmLogicalKey& emLogicalKey) const {
+    return emLogicalKey.featureType == featureType_ && isOfDatabase<Db>(emLogicalKey.emComposerKey);
   }
   void eventToSrvStream(const RequestKey& entryKey, const Request* srvConfigOpt);
   void eventToEmStatusStream(const EmLogicalKey& emLogicalKey, const EmRequestStatus* statusOpt);
@@ -69,7 +69,7 @@ class SrvStatusSm : public Stage {
   Input<typename SrvConfig::configAttr, kConfigName, &SrvStatusSm::eventToSrvStream, kSrvStream> srvConfig_;
   Input<EmLogicalKeyToStatus::statusAttr, "emStatus", &SrvStatusSm::eventToEmStatusStream,
         "emStatusStream = from( emStatus.status[] ): emLogicalKey={}", Reaction::queued,
-        &SrvStatusSm::concerns, &SrvStatusSm::isOwn, kFeatureFilter>
+        &SrvStatusSm::ownKeys, &SrvStatusSm::mayBeRequested, kFeatureFilter>
       emStatus_;
   Output<typename SrvStatus::statusAttr, kStatusName, kKeyName> srvStatus_;
 };

@@ -22,14 +22,14 @@
 
 namespace KilnEmServer {
 
-using KilnPlatform::KeyChannels;
 using KilnPlatform::KeyedCollection;
+using KilnPlatform::KeyPartition;
 using KilnPlatform::KeySubscriber;
 using KilnPlatform::ScanCursor;
 
 /// The subscribers of one collection. Subscribers may come and go while they are being notified: one that
-/// goes is not called any more, one that comes is called from the next change on. A change is told to those
-/// who want its key's channel, in the order in which they came.
+/// goes is not called any more, one that comes is called from the next change on. A change is notified to
+/// those that selected its key's partition, in the order in which they subscribed.
 template <class K>
 class SubscriberList {
  public:
@@ -40,8 +40,9 @@ class SubscriberList {
 
   void add(KeySubscriber<K>& subscriber) {
     if (lists_ == nullptr) lists_ = std::make_unique<Lists>();
-    for (std::size_t channel = 0; channel < kAll; ++channel) {
-      if (subscriber.wantsChannel(channel)) lists_->told[channel].push_back(&subscriber);
+    const KilnPlatform::PartitionSet<K> selected = subscriber.partitions();
+    for (std::size_t partition = 0; partition < kAll; ++partition) {
+      if (selected[partition]) lists_->told[partition].push_back(&subscriber);
     }
     lists_->told[kAll].push_back(&subscriber);
   }
@@ -65,7 +66,7 @@ class SubscriberList {
   /// Whether a subscriber has a change of the key still to handle.
   [[nodiscard]] bool changeWaits(const K& key) const {
     if (lists_ == nullptr) return false;
-    const List& told = lists_->told[KeyChannels<K>::of(key)];
+    const List& told = lists_->told[KeyPartition<K>::of(key)];
     return std::any_of(told.begin(), told.end(), [&](const KeySubscriber<K>* subscriber) {
       return subscriber != nullptr && subscriber->changeWaits(key);
     });
@@ -74,7 +75,7 @@ class SubscriberList {
   void forgetAll() { lists_.reset(); }
 
  private:
-  static constexpr std::size_t kAll = KeyChannels<K>::kCount;  ///< index of the list of all
+  static constexpr std::size_t kAll = KeyPartition<K>::kCount;  ///< index of the list of all
   using List = std::vector<KeySubscriber<K>*>;
   /// Made with the first subscriber: most collections of small ones have none.
   struct Lists {
@@ -84,20 +85,20 @@ class SubscriberList {
   };
 
   static void notifyOf(Lists& lists, const K& key) {
-    List& told = lists.told[KeyChannels<K>::of(key)];
+    List& told = lists.told[KeyPartition<K>::of(key)];
     if (TraceFacility::detailed()) [[unlikely]]
-      traceUnwanted(lists, told, key);
+      traceUnselected(lists, told, key);
     if (told.size() == 1) {  // as mostly: nothing is looked at after the call
       if (told.front() != nullptr) told.front()->handleChange(key);
     } else if (!told.empty()) {
       notifyAll(lists, told, key);
     }
   }
-  [[gnu::cold]] [[gnu::noinline]] static void traceUnwanted(const Lists& lists, const List& told,
-                                                            const K& key) {
+  [[gnu::cold]] [[gnu::noinline]] static void traceUnselected(const Lists& lists, const List& told,
+                                                              const K& key) {
     for (const KeySubscriber<K>* subscriber : lists.told[kAll]) {
-      const bool wanted = std::find(told.begin(), told.end(), subscriber) != told.end();
-      if (subscriber != nullptr && !wanted) subscriber->traceUnwanted(key);
+      const bool selected = std::find(told.begin(), told.end(), subscriber) != told.end();
+      if (subscriber != nullptr && !selected) subscriber->traceUnselected(key);
     }
   }
   [[gnu::noinline]] static void notifyAll(Lists& lists, const List& told, const K& key) {
@@ -124,7 +125,7 @@ class SubscriberList {
 template <class K, class V>
 class ColumnCollection final : public KeyedCollection<K, V> {
  public:
-  /// Keys that this collection is the first to hold join `group`, unless their type has groups of its own.
+  /// Keys that this collection is the first to hold join `group`, unless their type has partitions.
   explicit ColumnCollection(std::size_t group = 0) : group_(group) { keys_.columnIs(values_); }
   ~ColumnCollection() override {
     keys_.columnDel(values_);
@@ -172,8 +173,8 @@ class ColumnCollection final : public KeyedCollection<K, V> {
 
   const K* scanNext(ScanCursor<K>& cursor) const override {
     auto handle = values_.next(cursor.index);
-    if constexpr (requires(const K& key) { keyGroup(key); }) {
-      while (handle < cursor.unwantedBefore && (cursor.unwanted >> keys_.groupAt(handle) & 1) != 0) {
+    if constexpr (KeyPartition<K>::kGroups > 1) {
+      while (handle < cursor.skippedBelow && cursor.skipped[keys_.groupAt(handle)]) {
         handle = values_.next(keys_.pageAfter(handle));
       }
     }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kiln/platform/Assert.h"
+#include "kiln/platform/Collection.h"
 #include "kiln/platform/Value.h"
 #include "kiln/runtime/collections/AlwaysInline.h"
 #include "kiln/runtime/collections/Column.h"
@@ -56,8 +57,8 @@ class KeySpace {
   [[nodiscard]] Handle find(const K& key) const {
     return find(key, [](Handle) {});
   }
-  /// The handle of a key, with one more use. A key that nobody used joins the group that `keyGroup(key)`
-  /// gives, or `group` where its type has none.
+  /// The handle of a key, with one more use. A key that nobody used joins the group of its partition,
+  /// or `group` if its type has no partitions.
   Handle acquire(const K& key, std::size_t group = 0) {
     obtain(key, group, [](Handle) {});
     ++lastSlot_->uses;
@@ -245,8 +246,9 @@ class KeySpace {
     expect(handle);
   }
   static std::size_t groupOf(const K& key, std::size_t group) {
-    if constexpr (requires { keyGroup(key); }) {
-      return keyGroup(key);
+    using Partition = KilnPlatform::KeyPartition<K>;
+    if constexpr (Partition::kGroups > 1) {
+      return Partition::groupOf(Partition::of(key));
     } else {
       return group;
     }

@@ -14,6 +14,20 @@ EmLogicalKeyState::State translateState(EmHwKeyStatus::State state) {
   return kTable[static_cast<std::size_t>(state)];
 }
 
+KilnPlatform::PartitionSet<EmLogicalKey> partitionsOf(FeatureType feature) {
+  using Partition = KilnPlatform::KeyPartition<EmLogicalKey>;
+  auto selected = partitionsOfTypes([](EmComposerKeyUnionTag /*type*/) { return false; });
+  for (const KeyTypeInfo& type : kKeyTypeInfo) selected.set(Partition::of(feature, type.composerType));
+  return selected;
+}
+
+KilnPlatform::PartitionSet<EmHwKey> partitionsOf(EmResolvedKeyUnionTag table) {
+  KilnPlatform::PartitionSet<EmHwKey> selected;
+  selected.set(static_cast<std::size_t>(EmResolvedKeyUnionTag::undefined_));
+  selected.set(static_cast<std::size_t>(table));
+  return selected;
+}
+
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
   const auto number = static_cast<std::size_t>(key.tag());
   KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);

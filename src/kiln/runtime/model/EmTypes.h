@@ -39,10 +39,6 @@ struct EmLogicalKey {
 inline const KilnPlatform::KeyHint& hintOf(const EmLogicalKey& key) {
   return key.emComposerKey.hint<1>();
 }
-/// Logical keys of one composer type stand in the same collections.
-inline std::size_t keyGroup(const EmLogicalKey& key) {
-  return static_cast<std::size_t>(key.emComposerKey.tag());
-}
 
 /// A requested entry and the version of the request that carried it.
 struct EmConfigEntry {
@@ -80,10 +76,6 @@ static_assert(sizeof(EmHwKey) == 24 && sizeof(EmConfigEntry) == 24);
 
 inline const KilnPlatform::KeyHint& hintOf(const EmHwKey& key) {
   return key.emResolvedKey.hint<0>();
-}
-/// Hardware keys of one table stand in the same collections.
-inline std::size_t keyGroup(const EmHwKey& key) {
-  return static_cast<std::size_t>(key.emResolvedKey.tag());
 }
 
 /// A requested entry with the hardware key that was composed for it. False only where both are defaults.
@@ -240,48 +232,58 @@ struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
 
 namespace KilnPlatform {
 
-/// By feature and composer type. Features without a name share the last channel of each type.
+/// By feature and composer type. Features without a name share the last partition of each type. Keys of one
+/// composer type are in the same collections.
 template <>
-struct KeyChannels<KilnEmServer::EmLogicalKey> {
-  static constexpr std::size_t kTypes = EnumNames<KilnEmServer::EmComposerKeyUnionTag>::kNames.size();
+struct KeyPartition<KilnEmServer::EmLogicalKey> {
+  static constexpr std::size_t kGroups = KilnEmServer::kKeyTypes + 1;
   static constexpr std::size_t kUnnamed =
       EnumNames<KilnEmServer::FeatureType>::kFirst + EnumNames<KilnEmServer::FeatureType>::kNames.size();
-  static constexpr std::size_t kCount = kTypes * (kUnnamed + 1);
+  static constexpr std::size_t kCount = kGroups * (kUnnamed + 1);
+  static constexpr std::size_t of(KilnEmServer::FeatureType feature,
+                                  KilnEmServer::EmComposerKeyUnionTag type) {
+    return std::min(static_cast<std::size_t>(feature), kUnnamed) * kGroups + static_cast<std::size_t>(type);
+  }
   static std::size_t of(const KilnEmServer::EmLogicalKey& key) {
-    return std::min(static_cast<std::size_t>(key.featureType), kUnnamed) * kTypes +
-           static_cast<std::size_t>(key.emComposerKey.tag());
+    return of(key.featureType, key.emComposerKey.tag());
   }
-  static std::size_t groupOf(std::size_t channel) { return channel % kTypes; }
-  /// Whether keys of a channel have a composer type and one feature.
-  static bool known(std::size_t channel) { return channel % kTypes != 0 && channel / kTypes != kUnnamed; }
-  /// Some key of a channel.
-  static KilnEmServer::EmLogicalKey example(std::size_t channel) {
-    const auto tag = static_cast<KilnEmServer::EmComposerKeyUnionTag>(channel % kTypes);
-    return {static_cast<KilnEmServer::FeatureType>(channel / kTypes),
-            {},
-            {},
-            KilnEmServer::EmComposerKey::make(tag, [](const auto& /*alternative*/) {})};
-  }
+  static constexpr std::size_t groupOf(std::size_t partition) { return partition % kGroups; }
 };
 
 /// By table.
 template <>
-struct KeyChannels<KilnEmServer::EmHwKey> {
-  static constexpr std::size_t kCount = EnumNames<KilnEmServer::EmResolvedKeyUnionTag>::kNames.size();
+struct KeyPartition<KilnEmServer::EmHwKey> {
+  static constexpr std::size_t kGroups = KilnEmServer::kKeyTypes + 1;
+  static constexpr std::size_t kCount = kGroups;
   static std::size_t of(const KilnEmServer::EmHwKey& key) {
     return static_cast<std::size_t>(key.emResolvedKey.tag());
   }
-  static std::size_t groupOf(std::size_t channel) { return channel; }
-  /// Whether keys of a channel belong to a table.
-  static bool known(std::size_t channel) { return channel != 0; }
-  /// Some key of a channel.
-  static KilnEmServer::EmHwKey example(std::size_t channel) {
-    const auto tag = static_cast<KilnEmServer::EmResolvedKeyUnionTag>(channel);
-    return {{}, {}, KilnEmServer::EmResolvedKey::make(tag, [](const auto& /*alternative*/) {})};
-  }
+  static constexpr std::size_t groupOf(std::size_t partition) { return partition; }
 };
 
 }  // namespace KilnPlatform
+
+namespace KilnEmServer {
+
+// Selections of partitions. A key of no type is in each of them: its handler finds the broken invariant.
+
+/// The logical keys of the composer types for which `selects(type)` is true.
+template <class Selects>
+KilnPlatform::PartitionSet<EmLogicalKey> partitionsOfTypes(Selects&& selects) {
+  using Partition = KilnPlatform::KeyPartition<EmLogicalKey>;
+  KilnPlatform::PartitionSet<EmLogicalKey> selected;
+  for (std::size_t partition = 0; partition < selected.size(); ++partition) {
+    const auto type = static_cast<EmComposerKeyUnionTag>(Partition::groupOf(partition));
+    selected[partition] = type == EmComposerKeyUnionTag::undefined_ || selects(type);
+  }
+  return selected;
+}
+/// The logical keys of one feature; if it has no name, those of the others without one, too.
+KilnPlatform::PartitionSet<EmLogicalKey> partitionsOf(FeatureType feature);
+/// The hardware keys of one table.
+KilnPlatform::PartitionSet<EmHwKey> partitionsOf(EmResolvedKeyUnionTag table);
+
+}  // namespace KilnEmServer
 
 // Text forms are made in one place, since every stage's traces need them.
 namespace KilnPlatform {

@@ -5,8 +5,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -105,6 +107,8 @@ class OwnWork : public InputBase {
 /// key; `Self::collection()` is what is walked.
 template <class Self, class K, Reaction reaction>
 class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
+  using Partition = KilnPlatform::KeyPartition<K>;
+
  public:
   [[nodiscard]] bool hasPending() const final { return !pending_.empty(); }
   [[nodiscard]] std::size_t pendingCount() const final { return pending_.size(); }
@@ -128,10 +132,10 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
       const KilnPlatform::RunningStageScope scope(stage_.name());
       handleItem(key);
     } else {
-      if constexpr (requires { self().wants(key); }) {
-        if (!self().wants(key)) {
+      if constexpr (requires { self().isNeeded(key); }) {
+        if (!self().isNeeded(key)) {
           if (traced()) [[unlikely]]
-            this->traceUnwanted(key);
+            this->traceUnselected(key);
           return;
         }
       }
@@ -162,28 +166,22 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
       : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
 
-  /// Keys of groups that the stage does not want are no items; but a run of them counts as one after some
-  /// pages of handles, so that its slice ends in time, in collections that are walked by handle. Traces have
-  /// a walk of their own.
+  /// Keys of partitions that are not selected are no items if a whole group of them is left out; but a run of
+  /// them counts as one after some pages of handles, so that its slice ends in time, in collections that are
+  /// walked by handle. Traces have a walk of their own.
   bool scanItem() final {
     constexpr std::size_t kPagesPerItem = 32;
     constexpr std::size_t kPerPage = ColumnPlaces::kPerPage;
-    cursor_.unwanted = unwanted_;
-    cursor_.unwantedBefore = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
+    cursor_.skipped = skipped_;
+    cursor_.skippedBelow = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
     if (traced()) [[unlikely]]
       tracePassedOver(cursor_);
     while (const K* key = self().collection().scanNext(cursor_)) {
       const KeyUse<K> held(*key);
-      if (isUnwanted(held.key())) {
-        if (traced()) this->traceUnwanted(held.key());
-        if (cursor_.index > cursor_.unwantedBefore) return true;
-        continue;
-      }
-      if constexpr (requires { self().walksOver(held.key()); }) {
-        if (self().walksOver(held.key())) {
-          if (traced()) this->traceUnwanted(held.key());
-          return true;
-        }
+      if (!isSelected(held.key())) {
+        if (traced()) this->traceUnselected(held.key());
+        if (isSkipped(held.key()) && cursor_.index <= cursor_.skippedBelow) continue;
+        return true;
       }
       handleItem(held.key());
       return true;
@@ -194,7 +192,11 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
     return static_cast<const Self*>(this)->collection().size();
   }
   void subscribe() final {
-    if constexpr (requires { self().unwantedGroups(); }) unwanted_ = self().unwantedGroups();
+    selected_ = this->partitions();
+    skipped_.set();
+    for (std::size_t partition = 0; partition < selected_.size(); ++partition) {
+      if (selected_[partition]) skipped_.reset(Partition::groupOf(partition));
+    }
     if constexpr (reaction != Reaction::none) self().collection().subscribe(*this);
   }
   void unsubscribe() final {
@@ -207,6 +209,10 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   void handlePendingKey(const K& key) { self().handleKey(key); }
   [[nodiscard]] bool mayPause() const final { return reaction != Reaction::immediate; }
   [[nodiscard]] bool reactsInside() const final { return reaction == Reaction::immediate; }
+  /// Whether the stage selected the key's partition.
+  [[nodiscard]] bool isSelected(const K& key) const {
+    return Partition::kCount == 1 || selected_[Partition::of(key)];
+  }
   /// Walks the collection once more, from its first key.
   void restartScan() {
     cursor_ = {};
@@ -236,43 +242,44 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
     }
   }
 
-  /// Whether what the stage does not want is traced.
+  /// Whether what the stage did not select is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
   /// Traces the keys that the walk's next step will pass over without looking at them.
   [[gnu::cold]] void tracePassedOver(KilnPlatform::ScanCursor<K> ahead) {
     if constexpr (requires { self().collection().places(); }) {
-      ahead.unwanted = 0;
+      ahead.skipped.reset();
       while (const K* key = self().collection().scanNext(ahead)) {
-        if (ahead.index > ahead.unwantedBefore || !isUnwanted(*key)) return;
+        if (ahead.index > ahead.skippedBelow || !isSkipped(*key)) return;
         const KeyUse<K> held(*key);
-        this->traceUnwanted(held.key());
+        this->traceUnselected(held.key());
       }
     }
   }
-  [[nodiscard]] bool isUnwanted(const K& key) const {
-    using Channels = KilnPlatform::KeyChannels<K>;
-    return unwanted_ != 0 && (unwanted_ >> Channels::groupOf(Channels::of(key)) & 1) != 0;
+  /// Whether the key's whole group is left out.
+  [[nodiscard]] bool isSkipped(const K& key) const {
+    return skipped_[Partition::groupOf(Partition::of(key))];
   }
 
   KilnPlatform::ScanCursor<K> cursor_;
-  std::uint64_t unwanted_ = 0;  ///< groups of keys, a bit each
+  KilnPlatform::PartitionSet<K> selected_;   ///< once it has subscribed
+  std::bitset<Partition::kGroups> skipped_;  ///< groups without a selected partition
   PendingKeys<K> pending_;
   const Companions& companions_;
 };
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
 /// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
-/// value. `Wanted`, a function of the stage from the key alone, tells which keys the handler is called for:
-/// the others never join the pending list. `WantedChannel`, where it is not the same function, is one that
-/// gives the same answer for all keys of a channel, at all times. `Filter` is the trace of a key that it does
-/// not pass, without which there is none. A stage that has a public `expect(key)` is told which key comes
-/// soon, and names with `expectKey` those that its handler will look up beside it.
+/// value. `Select`, a function of the stage, gives the partitions whose keys the stage wants; it is called
+/// once, when the input subscribes. `Needed`, a function of the stage from the key alone, tells what a
+/// partition cannot say: keys for which it is false never join the pending list; a walk handles every key of
+/// the partitions. `Filter` is the trace of a key of another partition, without which it has none. A stage
+/// that has a public `expect(key)` is told which key comes soon, and names with `expectKey` those that its
+/// handler will look up beside it.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
-          Reaction reaction = Reaction::queued, auto Wanted = nullptr, auto WantedChannel = Wanted,
+          Reaction reaction = Reaction::queued, auto Select = nullptr, auto Needed = nullptr,
           FixedString Filter = "">
-class Input final
-    : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Wanted, WantedChannel, Filter>,
-                        typename Attr::Key, reaction> {
+class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, reaction, Select, Needed, Filter>,
+                                      typename Attr::Key, reaction> {
   using Base = KeyedInput<Input, typename Attr::Key, reaction>;
   using StageClass = detail::StageOf<Handler>;
   using Key = typename Attr::Key;
@@ -317,39 +324,21 @@ class Input final
     (owner_.*Handler)(key, value);
   }
 
-  [[nodiscard]] bool wants(const Key& key) const requires(!std::is_null_pointer_v<decltype(Wanted)>) {
-    return (owner_.*Wanted)(key);
+  [[nodiscard]] bool isNeeded(const Key& key) const requires(!std::is_null_pointer_v<decltype(Needed)>) {
+    return (owner_.*Needed)(key);
   }
-  /// Whether a walk has nothing to do with the key.
-  [[nodiscard]] bool walksOver(const Key& key) const
-      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
-    return !(owner_.*WantedChannel)(key);
-  }
-  void traceUnwanted(const Key& key) const override {
+  void traceUnselected(const Key& key) const override {
     if (!this->stage_.tracer().enabled(6)) return;
     traceFrom(key, find(key));
     if constexpr (!Filter.view().empty()) {
-      if (walksOver(key)) (void)this->stage_.template filter<Filter>(false);
+      if (!this->isSelected(key)) (void)this->stage_.template filter<Filter>(false);
     }
   }
-  /// The groups of keys without a wanted channel, a bit each. Keys without a type, group 0, are walked by
-  /// all; a stage without a known channel walks every key.
-  [[nodiscard]] std::uint64_t unwantedGroups() const
-      requires(!std::is_null_pointer_v<decltype(WantedChannel)>) {
-    using Channels = KilnPlatform::KeyChannels<Key>;
-    std::uint64_t wanted = 0;
-    for (std::size_t channel = 0; channel < Channels::kCount; ++channel) {
-      const bool counts = Channels::known(channel) && wantsChannel(channel);
-      if (counts) wanted |= std::uint64_t{1} << Channels::groupOf(channel);
-    }
-    return wanted == 0 ? 0 : ~(wanted | 1U);
-  }
-  [[nodiscard]] bool wantsChannel(std::size_t channel) const override {
-    if constexpr (std::is_null_pointer_v<decltype(WantedChannel)>) {
-      return true;
+  [[nodiscard]] KilnPlatform::PartitionSet<Key> partitions() const override {
+    if constexpr (std::is_null_pointer_v<decltype(Select)>) {
+      return Base::partitions();
     } else {
-      using Channels = KilnPlatform::KeyChannels<Key>;
-      return !Channels::known(channel) || (owner_.*WantedChannel)(Channels::example(channel));
+      return std::invoke(Select, owner_);
     }
   }
 

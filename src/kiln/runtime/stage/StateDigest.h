@@ -81,7 +81,7 @@ class StateDigest {
   /// The keys that a walk over `collection` has still to visit.
   template <class C, class K>
   void addLeft(const C& collection, KilnPlatform::ScanCursor<K> cursor) {
-    cursor.unwantedBefore = 0;
+    cursor.skippedBelow = 0;
     walked([&](auto&& item) {
       while (const K* key = collection.scanNext(cursor)) item(*key);
     });

@@ -16,8 +16,8 @@
 
 namespace KilnEmServer {
 
-using KilnPlatform::KeyChannels;
 using KilnPlatform::KeyedCollection;
+using KilnPlatform::KeyPartition;
 using KilnPlatform::KeySubscriber;
 using KilnPlatform::ScanCursor;
 
