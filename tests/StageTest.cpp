@@ -521,7 +521,7 @@ TEST(StageDeathTest, AValueUnderAnotherKeyThanItsOwn) {
   EXPECT_DEATH(fatal(), "has internal key: 5, but the key specified in the into is: 4");
   using LemStatus = KilnTunnelNiLib::LemSrvStatus;
   LemStatus status(std::make_unique<Collection<LemStatus::Key, LemStatus::Entry>>());
-  EXPECT_DEATH(status.statusIs(LemStatus::Key{.fapId = FapId(1)}, {}),
+  EXPECT_DEATH(status.statusIs(LemStatus::Key{FapId(1), {}, {}}, {}),
                "In \"into\\( lemSrvStatus.status\\[ lemEntryKey \\] \\)\" the value inserted");
 }
 
