@@ -34,6 +34,8 @@ class ComposerSelectorSm final : public Stage {
         "Line 27: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={} entryOpt={}", Reaction::queued,
         &ComposerSelectorSm::ownKeys, &ComposerSelectorSm::mayChange, kFilter>
       emLogicalKeyToEntry_;
+  /// emLogicalKeyConfigRequestOutput. Each write also records its key as seen, as
+  /// `emLogicalKeyConfigRequestOutputSeenIs` would.
   Output<EmLogicalKeyConfig::requestAttr, "emLogicalKeyConfig", "emKey"> emLogicalKeyConfig_;
 };
 

@@ -26,17 +26,23 @@ enum class KeyMismatch : std::uint8_t { report, fatal };
 /// is withdrawn before the deletion scan goes with that scan. An output that was empty at start has nothing
 /// to compare, so nothing is noted for it.
 ///
+/// What a stage has per output, under names that begin with the output's, is a member of each output here:
+/// `<output>Ready` is ready(), `<output>Reconciling` is reconciling(), `<output>ReconciliationState` is
+/// reconciliationState(), `<output>SeenIs` is seenIs(), `handle<Output>InputReady` is handleInputReady(), and
+/// `<Output>KeyType` is Key.
+///
 /// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
 /// waits in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have keys
 /// of another type has a public `decidesLater(key)`, which says so of a key of the output. One without it is
 /// to have nothing downstream before it is complete.
 template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
 class Output final : public OutputBase {
-  using Key = typename Attr::Key;
-  using Value = typename Attr::Value;
   using EntityRef = Ref<typename Attr::Entity>;
 
  public:
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+
   template <FixedString Name>
   static constexpr auto kPathOf = Argument + "." + Attr::kName + "[ " + Name + " ]";
   static constexpr auto kPath = kPathOf<KeyName>;
