@@ -97,7 +97,7 @@ const NumberSet& FootprintRecorder::readsOf(ScheduleRun& run, std::uint32_t step
 
 void FootprintRecorder::addReads(ScheduleRun& run, NumberSet& reads) {
   const Parts& parts = run.digest().parts();
-  for (const KilnEmServer::Stage* stage : run.agent().server().stages()) {
+  for (const KilnEmServer::StageBase* stage : run.agent().server().stages()) {
     if (stage->name() == run.lastStage()) return addReadsOf(*stage, parts, reads);
   }
   const auto isRead = run.lastStage() == "SemCapacity-UpdateTask" ? isReadByCapacity
@@ -112,19 +112,16 @@ void FootprintRecorder::addReads(ScheduleRun& run, NumberSet& reads) {
 /// Stages that handle changes inside the call that makes them read in each step that changed something they
 /// read.
 void FootprintRecorder::addReadsInside(ScheduleRun& run, Footprint& footprint) {
-  for (const KilnEmServer::Stage* stage : run.agent().server().stages()) {
-    const auto& inputs = stage->inputs();
-    const bool inside = std::any_of(inputs.begin(), inputs.end(), [](const KilnEmServer::InputBase* input) {
-      return input->reactsInside();
-    });
-    if (!inside) continue;
+  for (const KilnEmServer::StageBase* stage : run.agent().server().stages()) {
+    if (!stage->reactsInside()) continue;
     NumberSet reads;
     addReadsOf(*stage, run.digest().parts(), reads);
     if (footprint.written.meets(reads)) footprint.read.add(reads);
   }
 }
 
-void FootprintRecorder::addReadsOf(const KilnEmServer::Stage& stage, const Parts& parts, NumberSet& reads) {
+void FootprintRecorder::addReadsOf(const KilnEmServer::StageBase& stage, const Parts& parts,
+                                   NumberSet& reads) {
   std::vector<const void*> collections;
   if (!stage.addReads(collections)) return reads.addAll();
   for (const auto& part : parts) {

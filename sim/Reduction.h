@@ -33,7 +33,7 @@ class FootprintRecorder {
   [[nodiscard]] const NumberSet& readsOf(ScheduleRun& run, std::uint32_t step);
   void addReads(ScheduleRun& run, NumberSet& reads);
   void addReadsInside(ScheduleRun& run, Footprint& footprint);
-  void addReadsOf(const KilnEmServer::Stage& stage, const Parts& parts, NumberSet& reads);
+  void addReadsOf(const KilnEmServer::StageBase& stage, const Parts& parts, NumberSet& reads);
   [[nodiscard]] std::size_t numberOf(const std::string& part);
 
   ExploredSpace& space_;

@@ -134,7 +134,7 @@ void Watch::checkReconciled(const std::string& stage) {
     if (vanishedStatuses_.contains(place)) ++gone;
   }
   if (found == 0) return;
-  for (const KilnEmServer::Stage* created : agent_.server().stages()) {
+  for (const KilnEmServer::StageBase* created : agent_.server().stages()) {
     if (created->name() != stage) continue;
     const auto& counts = created->outputs().at(0)->reconciliationCounts();
     if (counts.found == found && counts.deleted == gone) continue;

@@ -27,7 +27,7 @@ TEST(SwTableStatus, TheLatestAnswerIsPublishedInWhateverOrderChangesAreHandled) 
   const auto stage = bench.create(
       [&] { return emSwTableStatusSmFactory(input, output, "swStatus", bench.status, bench.control()); });
   const auto answered = [&](const EmHwKey& hwKey, HwState state, std::uint32_t answer) {
-    input->statusAgain(hwKey, {{kA, mplsEntry(1)}, state, answer});
+    input->status().isAgain(hwKey, {{kA, mplsEntry(1)}, state, answer});
   };
   answered(kH1, HwState::hwSuccess, 1);
   bench.settle();

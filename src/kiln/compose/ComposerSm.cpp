@@ -54,13 +54,60 @@ void ComposerSm::ResourceWalk::notePending(PendingDigests& pending) const {
 
 // --- AskedResources ----------------------------------------------------------------------------------------
 
-ComposerSm::AskedResources::AskedResources(ComposerSm& composer)
-    : OutputBase(composer, "resolverConfigDirResolverRequestOutput"), composer_(composer) {}
+ComposerSm::AskedResources::AskedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir)
+    : OutputBase(composer, "resolverConfigDirResolverRequestOutput"),
+      composer_(composer),
+      resolverConfigDir_(std::move(resolverConfigDir)) {
+  composer.writtenEntityIs(resolverConfigDir_.get());
+}
+
+void ComposerSm::AskedResources::checkArgument() const {
+  if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
+}
+
+const std::vector<ResolverKeyUnionTag>& ComposerSm::AskedResources::resolverTypes() const {
+  return typesOf(std::as_const(*resolverConfigDir_).resolverConfig(), resolverTypes_);
+}
+
+const ResolverComposerConfig* ComposerSm::AskedResources::of(ResolverKeyUnionTag resolverType) const {
+  const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverType);
+  if (resolverConfig == nullptr) return nullptr;
+  const auto* composerConfig = (*resolverConfig)->resolverComposerConfig().find(composer_.composerType_);
+  return composerConfig == nullptr ? nullptr : composerConfig->get();
+}
+
+ResolverComposerConfig& ComposerSm::AskedResources::obtain(ResolverKeyUnionTag resolverType) {
+  return *resolverConfigDir_->resolverConfigIs(resolverType)
+              ->resolverComposerConfigIs(composer_.composerType_);
+}
+
+void ComposerSm::AskedResources::request(const ResolverKey& resolverKey) {
+  ResolverComposerConfig& asked = obtain(resolverKey.tag());
+  if (asked.resolverRequestHas(resolverKey)) return;
+  asked.resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceRequest, 0, 0});
+}
+
+void ComposerSm::AskedResources::acknowledge(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
+                                             std::uint64_t value, std::uint64_t epoch) {
+  obtain(resolverType)
+      .resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceInUse, value, epoch});
+}
+
+bool ComposerSm::AskedResources::giveBack(const ResolverKey& resolverKey) {
+  return of(resolverKey.tag()) != nullptr && obtain(resolverKey.tag()).resolverRequest().del(resolverKey);
+}
+
+void ComposerSm::AskedResources::addReads(std::vector<const void*>& collections) const {
+  for (const ResolverKeyUnionTag type : resolverTypes()) {
+    const ResolverComposerConfig* asked = of(type);
+    if (asked != nullptr) collections.push_back(KilnPlatform::addressOf(asked->resolverRequest()));
+  }
+}
 
 std::optional<ResolverKey> ComposerSm::AskedResources::next() {
-  const auto& types = composer_.resolverTypes();
+  const auto& types = resolverTypes();
   for (; type_ < types.size(); ++type_, cursor_ = {}) {
-    const ResolverComposerConfig* asked = composer_.askedOf(types[type_]);
+    const ResolverComposerConfig* asked = of(types[type_]);
     if (asked == nullptr) continue;
     if (const ResolverKey* key = asked->resolverRequest().scanNext(cursor_)) return *key;
   }
@@ -80,8 +127,8 @@ bool ComposerSm::AskedResources::deletionScanItem(bool& deleted) {
 
 std::size_t ComposerSm::AskedResources::size() const {
   std::size_t resources = 0;
-  for (const ResolverKeyUnionTag type : composer_.resolverTypes()) {
-    const ResolverComposerConfig* asked = composer_.askedOf(type);
+  for (const ResolverKeyUnionTag type : resolverTypes()) {
+    const ResolverComposerConfig* asked = of(type);
     if (asked != nullptr) resources += asked->resolverRequest().size();
   }
   return resources;
@@ -90,9 +137,9 @@ std::size_t ComposerSm::AskedResources::size() const {
 void ComposerSm::AskedResources::noteState(StateDigest& digest) const {
   OutputBase::noteState(digest);
   if (!reconciling()) return;
-  const auto& types = composer_.resolverTypes();
+  const auto& types = resolverTypes();
   for (std::size_t type = type_; type < types.size(); ++type) {
-    const ResolverComposerConfig* asked = composer_.askedOf(types[type]);
+    const ResolverComposerConfig* asked = of(types[type]);
     const auto cursor = type == type_ ? cursor_ : KilnPlatform::ScanCursor<ResolverKey>();
     if (asked != nullptr) digest.addLeft(asked->resolverRequest(), cursor);
   }
@@ -104,7 +151,7 @@ bool ComposerSm::AskedResources::deleteNext() {
     rewind();
     key = next();
   }
-  if (key) composer_.askedOf(key->tag())->resolverRequestDel(*key);
+  if (key) giveBack(*key);
   return key.has_value();
 }
 
@@ -121,7 +168,6 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
             "from( this.ready )"),
       composerType_(composerType),
       emResolvedKeyType_(emResolvedKeyType),
-      resolverConfigDir_(std::move(resolverConfigDir)),
       resolverStatusDir_(std::move(resolverStatusDir)),
       resolverKeyToEmLogicalKey_(*this, "ComposerSm.resolverKeyToEmLogicalKey"),
       emLogicalKeyState_(*this, "ComposerSm.emLogicalKeyState"),
@@ -131,7 +177,7 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
       resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
       resolverStatuses_(*this, resolverStatusDir_),
       resourceWalk_(*this),
-      askedResources_(*this),
+      askedResources_(*this, std::move(resolverConfigDir)),
       swTableKeyConfig_(*this, std::move(swTableKeyConfig)),
       emComposeFailure_(*this, std::move(emComposeFailure)) {
   if (departures_.emWrittenKeys() != nullptr) emWrittenKeys_.emplace(*this, departures_.emWrittenKeys());
@@ -150,21 +196,16 @@ EmHwKey ComposerSm::composeKey(const EmLogicalKey& /*emLogicalKey*/) const {
   throw std::logic_error("Must implement in child");
 }
 
-void ComposerSm::checkArguments() const {
-  if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
-}
-
 void ComposerSm::handleInitialized() {
   tracer().trace<8>("handleInitialized");
   departures_.start();
   KILN_ASSERT_MESSAGE(composerType_ != EmComposerKeyUnionTag::undefined_,
                       "emComposerKeyType() != EmComposerKeyUnionTag::undefined_");
-  forEachIn(resolverConfigDir_->resolverConfig(),
-            [&](ResolverKeyUnionTag resolverType, const auto& /*config*/) {
-              KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
-                                  "isSupportedResolverType( resolverConfigIter->resolverType() )");
-              (void)placesOf(resolverType);  // listed from the start, as all local state is
-            });
+  for (const ResolverKeyUnionTag resolverType : askedResources_.resolverTypes()) {
+    KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
+                        "isSupportedResolverType( resolverConfigIter->resolverType() )");
+    (void)placesOf(resolverType);  // listed from the start, as all local state is
+  }
   forEachIn(resolverStatusDir_->resolverStatus(),
             [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
               KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
@@ -200,13 +241,11 @@ const std::vector<ResolverKeyUnionTag>& ComposerSm::typesOf(const Directory& dir
   return known;
 }
 
-const std::vector<ResolverKeyUnionTag>& ComposerSm::resolverTypes() const {
-  return typesOf(resolverConfigDir_->resolverConfig(), resolverTypes_);
-}
-
 template <class Visitor>
 void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
-  for (const ResolverKeyUnionTag resolverType : resolverTypes()) visit(getResolverKey(resolverType, emKey));
+  for (const ResolverKeyUnionTag resolverType : askedResources_.resolverTypes()) {
+    visit(getResolverKey(resolverType, emKey));
+  }
 }
 
 // --- Requests ----------------------------------------------------------------------------------------------
@@ -221,7 +260,7 @@ void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
     const bool asked = resolverKeyToEmLogicalKey_.has(resolverKey);
     updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
-    if (!asked) request(resolverKey);
+    if (!asked) askedResources_.request(resolverKey);
   });
   maybeComposeKey(emLogicalKey);
 }
@@ -279,24 +318,9 @@ KeyPlaces<EmLogicalKey>& ComposerSm::placesOf(ResolverKeyUnionTag resolverType) 
   return places_.try_emplace(resolverType, *this, "ComposerSm.emLogicalKeyPlaces").first->second;
 }
 
-void ComposerSm::request(const ResolverKey& resolverKey) {
-  const auto composerConfig =
-      resolverConfigDir_->resolverConfigIs(resolverKey.tag())->resolverComposerConfigIs(composerType_);
-  if (composerConfig->resolverRequestHas(resolverKey)) return;
-  composerConfig->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceRequest, 0, 0});
-}
-
 bool ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
   if (resolverKeyToEmLogicalKey_.has(resolverKey) || leavingCount_.has(resolverKey)) return false;
-  ResolverComposerConfig* asked = askedOf(resolverKey.tag());
-  return asked != nullptr && asked->resolverRequest().del(resolverKey);
-}
-
-ResolverComposerConfig* ComposerSm::askedOf(ResolverKeyUnionTag resolverType) const {
-  const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverType);
-  if (resolverConfig == nullptr) return nullptr;
-  const auto* composerConfig = (*resolverConfig)->resolverComposerConfig().find(composerType_);
-  return composerConfig == nullptr ? nullptr : composerConfig->get();
+  return askedResources_.giveBack(resolverKey);
 }
 
 // --- Composition -------------------------------------------------------------------------------------------
@@ -400,9 +424,7 @@ void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionT
   if (state == nullptr || state->state != ResolutionState::resolutionSuccess_) return;
   // Until every key was handled with this resolution, outcomes may still be those of the one before.
   if ((*coll)->handled != *state) return;
-  resolverConfigDir_->resolverConfigIs(resolverType)
-      ->resolverComposerConfigIs(composerType_)
-      ->resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceInUse, state->val, inUseVer_});
+  askedResources_.acknowledge(resolverKey, resolverType, state->val, inUseVer_);
   (*coll)->inUseSince = inUseVer_;
 }
 
@@ -475,12 +497,6 @@ void ComposerSm::countState(const EmLogicalKey& emKey, const State* from, const 
 // --- Digest ------------------------------------------------------------------------------------------------
 
 bool ComposerSm::addReads(std::vector<const void*>& collections) const {
-  KilnPlatform::forEachIn(resolverConfigDir_->resolverConfig(),
-                          [&](const auto& /*type*/, const auto& config) {
-                            const auto* own = config->resolverComposerConfig().find(composerType_);
-                            if (own != nullptr)
-                              collections.push_back(KilnPlatform::addressOf((*own)->resolverRequest()));
-                          });
   KilnPlatform::forEachIn(resolverStatusDir_->resolverStatus(),
                           [&](const auto& /*type*/, const auto& status) {
                             collections.push_back(KilnPlatform::addressOf(status->status()));
@@ -496,8 +512,8 @@ void ComposerSm::noteState(StateDigest& digest) const {
       item(resolverKey, coll->inUseSince == inUseVer_);
     });
   });
-  for (const ResolverKeyUnionTag type : resolverTypes()) {
-    const ResolverComposerConfig* asked = askedOf(type);
+  for (const ResolverKeyUnionTag type : askedResources_.resolverTypes()) {
+    const ResolverComposerConfig* asked = askedResources_.of(type);
     if (asked == nullptr) continue;
     digest.unordered([&](auto&& item) {
       forEachIn(asked->resolverRequest(),

@@ -113,11 +113,10 @@ class ComposerSm : public Stage, private Departures::Composer {
                             const ResolutionState* state);
 
   void noteState(StateDigest& digest) const override;
-  /// Without what its departures' task reads.
+  /// Without what the departures' task reads.
   [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
 
  protected:
-  void checkArguments() const override;
   void handleInitialized() override;
 
  private:
@@ -151,14 +150,28 @@ class ComposerSm : public Stage, private Departures::Composer {
   };
 
   /// What this composer asks the resolvers for. The deletion scan gives back what an earlier composer asked
-  /// for and nobody needs any more. Nothing is counted, as the server creates composers over requests that
-  /// are new, and no deletion is held back: until the sweep the resolver gives no resource back, so that one
-  /// that is asked for anew is still there.
+  /// for and is no longer needed. Nothing is counted, as the server creates composers over requests that are
+  /// new, and no deletion is held back: until the sweep the resolver gives no resource back, so that one that
+  /// is asked for again is still there.
   class AskedResources final : public OutputBase {
    public:
-    explicit AskedResources(ComposerSm& composer);
-    void checkArgument() const override {}
+    AskedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir);
+
+    /// The types of the resolvers that exist.
+    [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
+    /// What is asked of a type's resolver; null before the first request.
+    [[nodiscard]] const ResolverComposerConfig* of(ResolverKeyUnionTag resolverType) const;
+    /// Asks for the resource, unless it is asked for already.
+    void request(const ResolverKey& resolverKey);
+    /// Tells the resolver that the value is in use, in this epoch of the composer.
+    void acknowledge(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType, std::uint64_t value,
+                     std::uint64_t epoch);
+    /// True if the resource was asked for.
+    bool giveBack(const ResolverKey& resolverKey);
+
+    void checkArgument() const override;
     bool deleteNext() override;
+    void addReads(std::vector<const void*>& collections) const override;
     [[nodiscard]] std::size_t size() const override;
     void noteState(StateDigest& digest) const override;
     /// The resolvers' collections are described where they are.
@@ -174,7 +187,12 @@ class ComposerSm : public Stage, private Departures::Composer {
     std::optional<ResolverKey> next();
     void rewind();
 
+    /// This composer's requests to a type's resolver, created with the first one.
+    [[nodiscard]] ResolverComposerConfig& obtain(ResolverKeyUnionTag resolverType);
+
     ComposerSm& composer_;
+    Ref<ResolverConfigDir> resolverConfigDir_;
+    mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
     std::size_t type_ = 0;  ///< place of the resolver type whose resources are walked
     KilnPlatform::ScanCursor<ResolverKey> cursor_;
   };
@@ -199,8 +217,6 @@ class ComposerSm : public Stage, private Departures::Composer {
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
-  /// The types of the resolvers that there are.
-  [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
   /// The types of which a directory has an entity, none of which ever goes; `known` is what they were last.
   template <class Directory>
   static const std::vector<ResolverKeyUnionTag>& typesOf(const Directory& directory,
@@ -211,14 +227,10 @@ class ComposerSm : public Stage, private Departures::Composer {
   void withdraw(const EmLogicalKey& emKey);
   /// One more leaving key used each of the key's resources, or one less.
   void countLeaving(const EmLogicalKey& emKey, bool more);
-  /// Asks for a resource that a first key uses; it stays asked for as long as any does.
-  void request(const ResolverKey& resolverKey);
   /// The places of the logical keys that use resources of a type, each in the set of its resolver key.
   KeyPlaces<EmLogicalKey>& placesOf(ResolverKeyUnionTag resolverType);
   /// Gives the resource back unless it is needed; true where it did.
   bool releaseUnused(const ResolverKey& resolverKey);
-  /// What this composer asks a type's resolver for; null before its first request.
-  [[nodiscard]] ResolverComposerConfig* askedOf(ResolverKeyUnionTag resolverType) const;
   bool compose(const EmLogicalKey& emKey);
   void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
   void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
@@ -228,9 +240,7 @@ class ComposerSm : public Stage, private Departures::Composer {
 
   EmComposerKeyUnionTag composerType_;
   EmResolvedKeyUnionTag emResolvedKeyType_;
-  Ref<ResolverConfigDir> resolverConfigDir_;
   Ref<const ResolverStatusDir> resolverStatusDir_;
-  mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
   mutable std::vector<ResolverKeyUnionTag> resolverStatusTypes_;
   std::uint64_t inUseVer_ = 0;
 

@@ -10,7 +10,11 @@ Departures::Departures(Stage& stage, Composer& composer, KeyTraces traces)
     : LocalState(stage, "ComposerSm.departures"),
       stage_(stage),
       composer_(composer),
-      traces_(std::move(traces)) {}
+      traces_(std::move(traces)) {
+  stage.readEntityIs(traces_.emLogicalKeyToEntry.get());
+  stage.readEntityIs(traces_.emMergedEntry.get());
+  stage.readEntityIs(traces_.emWrittenKeys.get());
+}
 
 Departures::~Departures() = default;
 

@@ -16,7 +16,7 @@ ResolverBase::ResolverBase(ResolverKeyUnionTag resolverType, Ref<const ResolverC
             "from( this.ready )"),
       resolverType_(resolverType),
       resolverConfig_(std::move(resolverConfig)),
-      resolverStatus_(std::move(resolverStatus)),
+      resolverStatus_(*this, std::move(resolverStatus)),
       resolutionInUse_(*this, "ResolverBase.resolutionInUse"),
       requests_(*this, resolverConfig_) {}
 
@@ -30,19 +30,14 @@ void ResolverBase::deleteRequest(const ResolverKey& /*resolverKey*/) {
 
 void ResolverBase::ackInUse(const ResolverKey& /*resolverKey*/) {}
 
-void ResolverBase::checkArguments() const {
-  if (resolverStatus_ == nullptr) detail::nullArgument("resolverStatus", __FILE__, __LINE__);
-}
-
 void ResolverBase::handleInitialized() {
   tracer().trace<8>("handleInitialized");
   KILN_ASSERT(resolverConfig_->resolverType() == resolverType_);
-  KILN_ASSERT(resolverStatus_->resolverType() == resolverType_);
+  KILN_ASSERT(resolverStatus().resolverType() == resolverType_);
 }
 
 void ResolverBase::handleDeleteAll() {
   sweepTask_.reset();
-  resolverStatus_->statusDelAll();
 }
 
 void ResolverBase::handleRequest(const EmComposerKeyUnionTag& composerType, const ResolverKey& resolverKey,
@@ -80,8 +75,8 @@ void ResolverBase::takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUn
 
 void ResolverBase::makeRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType) {
   tracer().trace<8>("makeRequestComposer {} {}", resolverKey, composerType);
-  if (resolverStatus_->statusHas(resolverKey)) return;
-  resolverStatus_->statusIs({resolverKey, ResolutionState::resolutionPending_, 0});
+  if (resolverStatus_.has(resolverKey)) return;
+  resolverStatus_.insert(resolverKey, {resolverKey, ResolutionState::resolutionPending_, 0});
   makeRequest(resolverKey);
 }
 
@@ -126,12 +121,13 @@ bool ResolverBase::requested(const ResolverKey& resolverKey) const {
 }
 
 void ResolverBase::setResolution(const ResolutionState& state) {
-  if (resolverStatus_->status(state.resolverKey) == state) return;
+  const ResolutionState* present = resolverStatus_.find(state.resolverKey);
+  if (present != nullptr && *present == state) return;
   if (resolutionInUse_.has(state.resolverKey)) {
     tracer().trace<8>("to be acknowledged anew: {}", state.resolverKey);
     resolutionInUse_.del(state.resolverKey);
   }
-  resolverStatus_->statusIs(state);
+  resolverStatus_.insert(state.resolverKey, state);
 }
 
 void ResolverBase::setResolutionPending(const ResolverKey& resolverKey) {
@@ -152,7 +148,7 @@ void ResolverBase::setResolutionSuccess(const ResolverKey& resolverKey, std::uin
 void ResolverBase::deleteResolutionState(const ResolverKey& resolverKey) {
   tracer().trace<8>("deleteResolutionState {}", resolverKey);
   resolutionInUse_.del(resolverKey);
-  resolverStatus_->statusDel(resolverKey);
+  resolverStatus_.erase(resolverKey);
 }
 
 void ResolverBase::sweep(std::string reportAs) {
@@ -184,11 +180,6 @@ void ResolverBase::sweepNext() {
   tracer().trace<8>("sweep");
   resolutionInUse_.del(resolverKey);
   deleteRequest(resolverKey);
-}
-
-bool ResolverBase::addReads(std::vector<const void*>& collections) const {
-  collections.push_back(KilnPlatform::addressOf(resolverStatus().status()));
-  return Stage::addReads(collections);
 }
 
 void ResolverBase::noteState(StateDigest& digest) const {

@@ -9,6 +9,7 @@
 #include "kiln/runtime/model/EmCollections.h"
 #include "kiln/runtime/stage/Input.h"
 #include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
 #include "kiln/runtime/stage/Stage.h"
 
 namespace KilnEmServer {
@@ -32,7 +33,7 @@ class ResolverBase : public Stage {
 
   [[nodiscard]] ResolverKeyUnionTag resolverType() const { return resolverType_; }
   [[nodiscard]] const ResolverConfig& resolverConfig() const { return *resolverConfig_; }
-  [[nodiscard]] const ResolverStatus& resolverStatus() const { return *resolverStatus_; }
+  [[nodiscard]] const ResolverStatus& resolverStatus() const { return resolverStatus_.entity(); }
   /// Whether some composer has acknowledged the resolution as it is.
   [[nodiscard]] bool resolutionInUseHas(const ResolverKey& key) const { return resolutionInUse_.has(key); }
 
@@ -58,13 +59,10 @@ class ResolverBase : public Stage {
   void sweep(std::string reportAs = {});
 
   void noteState(StateDigest& digest) const override;
-  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
 
  protected:
-  void checkArguments() const override;
   void handleInitialized() override;
   void handleDeleteAll() override;
-  [[nodiscard]] ResolverStatus& writableStatus() { return *resolverStatus_; }
 
  private:
   [[nodiscard]] bool requested(const ResolverKey& resolverKey) const;
@@ -76,7 +74,7 @@ class ResolverBase : public Stage {
 
   ResolverKeyUnionTag resolverType_;
   Ref<const ResolverConfig> resolverConfig_;
-  Ref<ResolverStatus> resolverStatus_;
+  DirectOutput<ResolverStatus::statusAttr, "resolverStatus"> resolverStatus_;
   bool givesBack_ = false;  ///< from the begin of the sweep on
   bool sweeping_ = false;
   KilnPlatform::ScanCursor<ResolverKey> sweepCursor_;

@@ -1,11 +1,9 @@
 #include "kiln/compose/ResolverVd.h"
 
 #include <utility>
-#include <vector>
 
 namespace KilnEmServer {
 
-using KilnPlatform::forEachIn;
 using KilnTunnelNiLib::IntfIdSystemTcamId;
 
 ResolverVd::ResolverVd(Ref<const ResolverConfig> resolverConfig, Ref<ResolverStatus> resolverStatus,
@@ -14,30 +12,21 @@ ResolverVd::ResolverVd(Ref<const ResolverConfig> resolverConfig, Ref<ResolverSta
                        Ref<DependencyStatus> dependencyStatus, StageControl smControl)
     : ResolverBase(ResolverKeyUnionTag::vd, std::move(resolverConfig), std::move(resolverStatus),
                    "ResolverVd", std::move(name), std::move(dependencyStatus), std::move(smControl)),
-      vdConfig_(std::move(vdConfig)),
-      leftConfig_(*this, vdConfig_),
+      vdConfig_(*this, vdConfig),
+      leftConfig_(*this, vdConfig),
       vdStatus_(*this, std::move(vdStatus)) {}
-
-void ResolverVd::handleDeleteAll() {
-  std::vector<IntfIdSystemTcamId> asked;
-  forEachIn(resolverStatus().status(), [&](const ResolverKey& resolverKey, const ResolutionState& /*state*/) {
-    asked.push_back(resolverKey.get<VdResolverKey>().vdKey);
-  });
-  for (const IntfIdSystemTcamId& vdKey : asked) vdConfig_->configDel(vdKey);
-  ResolverBase::handleDeleteAll();
-}
 
 void ResolverVd::makeRequest(const ResolverKey& resolverKey) {
   tracer().trace<8>("makeRequest");
   const IntfIdSystemTcamId vdKey = resolverKey.get<VdResolverKey>().vdKey;
-  vdConfig_->configIs(vdKey);
+  vdConfig_.insert(vdKey, {});
   handleStatus(vdKey);
 }
 
 void ResolverVd::deleteRequest(const ResolverKey& resolverKey) {
   tracer().trace<8>("deleteRequest");
   const IntfIdSystemTcamId vdKey = resolverKey.get<VdResolverKey>().vdKey;
-  vdConfig_->configDel(vdKey);
+  vdConfig_.erase(vdKey);
   handleStatus(vdKey);
 }
 
@@ -51,7 +40,7 @@ void ResolverVd::handleStatusChange(const IntfIdSystemTcamId& vdKey, const std::
 
 void ResolverVd::handleStatus(const IntfIdSystemTcamId& vdKey) {
   const ResolverKey resolverKey = VdResolverKey{vdKey};
-  const bool asked = vdConfig_->config().has(vdKey);
+  const bool asked = vdConfig_.has(vdKey);
   const std::uint16_t* vlanDomain = vdStatus_.find(vdKey);
   if (!asked) {
     deleteResolutionState(resolverKey);

@@ -23,16 +23,17 @@ class ResolverVd final : public ResolverBase {
   void deleteRequest(const ResolverKey& resolverKey) override;
   /// Brings the resolution in line with what is asked for and what is allotted.
   void handleStatus(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey);
-
- protected:
-  void handleDeleteAll() override;
+  /// Whether this resolver asked for the domain.
+  [[nodiscard]] bool owns(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey) const {
+    return resolverStatus().statusHas(VdResolverKey{vdKey});
+  }
 
  private:
   void handleLeftConfig(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey, const KilnPlatform::Unit* unitOpt);
   void handleStatusChange(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey,
                           const std::uint16_t* vlanDomainOpt);
 
-  Ref<KilnVlanDomain::VlanDomainConfig> vdConfig_;
+  DirectOutput<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig"> vdConfig_;
   /// What an earlier server asked for.
   Input<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig", &ResolverVd::handleLeftConfig,
         "from( vdConfig.config[] ): vdKey={} unitOpt={}", Reaction::none>

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "kiln/platform/Collection.h"
+#include "kiln/platform/FixedString.h"
 #include "kiln/platform/Value.h"
 
 namespace KilnPlatform {
@@ -42,6 +43,15 @@ class TableCapacity {
   explicit TableCapacity(std::unique_ptr<Entries> entries) : entries_(std::move(entries)) {}
   Entries& entry() { return *entries_; }
   [[nodiscard]] const Entries& entry() const { return *entries_; }
+
+  struct entryAttr {
+    using Entity = TableCapacity;
+    using Key = Entries::Key;
+    using Value = Entries::Value;
+    static constexpr FixedString kName{"entry"};
+    static Entries& of(TableCapacity& entity) { return entity.entry(); }
+    static const Entries& of(const TableCapacity& entity) { return entity.entry(); }
+  };
 
  private:
   std::unique_ptr<Entries> entries_;

@@ -19,11 +19,10 @@ EmSwTableWriterSm::EmSwTableWriterSm(EmResolvedKeyUnionTag emResolvedKeyType,
       emResolvedKeyType_(emResolvedKeyType),
       emSwTableConfig_(*this, std::move(emSwTableConfig)),
       leftStatus_(*this, emSwTableStatus),
-      emSwTableStatus_(std::move(emSwTableStatus)),
+      emSwTableStatus_(*this, std::move(emSwTableStatus)),
       keyLatestWriteVersion_(*this, "keyLatestWriteVersion"),
       keyLatestDeleteVersion_(*this, "keyLatestDeleteVersion"),
-      writtenKeys_(*this, options.emWrittenKeys),
-      emWrittenKeys_(std::move(options.emWrittenKeys)) {
+      writtenKeys_(*this, std::move(options.emWrittenKeys)) {
   if (options.retryRoom == nullptr) return;
   refusedKeys_.emplace(*this, static_cast<RefusedKeys::Retrying&>(*this), std::move(options.retryRoom));
   KeySpace<EmHwKey>::instance().followerIs(*this);
@@ -53,21 +52,6 @@ void EmSwTableWriterSm::handleInitialized() {
   tracer().trace<8>("{}", name());
 }
 
-void EmSwTableWriterSm::handleDeleteAll() {
-  const auto deleteOwn = [](auto& collection, auto isOwnKey) {
-    using Key = typename std::decay_t<decltype(collection)>::Key;
-    KilnPlatform::ScanCursor<Key> cursor;
-    while (const Key* key = collection.scanNext(cursor)) {
-      if (isOwnKey(*key)) collection.del(Key(*key));
-    }
-  };
-  deleteOwn(emSwTableStatus_->status(), [this](const EmHwKey& hwKey) { return isOwn(hwKey); });
-  if (emWrittenKeys_ == nullptr) return;
-  deleteOwn(emWrittenKeys_->written(), [this](const EmLogicalKey& key) {
-    return key.emComposerKey.tag() == composerTypeOf(emResolvedKeyType_);
-  });
-}
-
 // --- Requests ----------------------------------------------------------------------------------------------
 
 void EmSwTableWriterSm::handleRequest(const EmHwKey& hwKey, const EmLogicalKeyAndEntry* logicalKeyAndEntry) {
@@ -93,7 +77,7 @@ void EmSwTableWriterSm::handleDivergent(const EmHwKey& hwKey,
       logicalKeyAndEntry->emLogicalKey.localCoreId == hwKey.localCoreId) {
     writeStatus(hwKey, *logicalKeyAndEntry, EmHwKeyStatus::State::hwFail);
   } else {
-    emSwTableStatus_->statusDel(hwKey);
+    emSwTableStatus_.erase(hwKey);
   }
 }
 
@@ -176,7 +160,7 @@ void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey
                                             const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                             const Issued& issued) {
   const bool success = entryState == Asic::SwTableBase::success();
-  const EmSwTableStatusEntry* before = success ? nullptr : emSwTableStatus_->status().find(hwKey);
+  const EmSwTableStatusEntry* before = success ? nullptr : emSwTableStatus_.find(hwKey);
   const bool stored = before != nullptr && before->status == EmHwKeyStatus::State::hwSuccess;
   const bool taken = takeWriteAnswer(success, hwKey, logicalKeyAndEntry, issued);
   if (success || !refusedKeys_) return;
@@ -213,7 +197,7 @@ void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKe
   const bool newest = keyLatestDeleteVersion_.latest(hwKey) == issued.version;
   if (newest) keyLatestDeleteVersion_.del(hwKey);  // no answer that is still to come can be for a newer one
   if (newest && emSwTableConfig_.find(hwKey) == nullptr) {
-    emSwTableStatus_->statusDel(hwKey);
+    emSwTableStatus_.erase(hwKey);
     keyLatestWriteVersion_.del(hwKey);
   } else {
     tracer().trace<8>("another write in-flight");
@@ -230,7 +214,7 @@ void EmSwTableWriterSm::noteDeparture() {
 // hardware keys is what a logical key is told.
 void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                     EmHwKeyStatus::State state) {
-  emSwTableStatus_->statusAgain(hwKey, {logicalKeyAndEntry, state, ++answers_});
+  emSwTableStatus_.insertAgain(hwKey, {logicalKeyAndEntry, state, ++answers_});
 }
 
 std::uint32_t EmSwTableWriterSm::Versions::latest(const EmHwKey& hwKey) const {

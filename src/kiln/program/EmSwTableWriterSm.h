@@ -13,6 +13,7 @@
 #include "kiln/runtime/model/EmCollections.h"
 #include "kiln/runtime/stage/Input.h"
 #include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
 #include "kiln/runtime/stage/Stage.h"
 
 namespace KilnEmServer {
@@ -43,9 +44,10 @@ class EmSwTableWriterSm : public Stage,
   ~EmSwTableWriterSm() override;
 
   [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
-  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override {
-    collections.push_back(KilnPlatform::addressOf(std::as_const(*emSwTableStatus_).status()));
-    return Stage::addReads(collections);
+  /// Which keys of the collections that all writers write are this one's.
+  [[nodiscard]] bool owns(const EmHwKey& hwKey) const { return isOwn(hwKey); }
+  [[nodiscard]] bool owns(const EmLogicalKey& emLogicalKey) const {
+    return emLogicalKey.emComposerKey.tag() == composerTypeOf(emResolvedKeyType_);
   }
 
   // The versions of the newest write and of the newest removal that were issued; 0 before the first one.
@@ -86,7 +88,6 @@ class EmSwTableWriterSm : public Stage,
                     SwTableWriterOptions options);
 
   void handleInitialized() override;
-  void handleDeleteAll() override;
   /// Announces the key to the table, where it is one of this writer's.
   virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
 
@@ -178,13 +179,12 @@ class EmSwTableWriterSm : public Stage,
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableWriterSm::handleLeftStatus,
         "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none, &EmSwTableWriterSm::ownKeys>
       leftStatus_;
-  Ref<EmSwTableStatus> emSwTableStatus_;
+  DirectOutput<EmSwTableStatus::statusAttr, "emSwTableStatus"> emSwTableStatus_;
   std::uint32_t writeVersion_ = 0;
   Versions keyLatestWriteVersion_;
   std::uint32_t deleteVersion_ = 0;
   Versions keyLatestDeleteVersion_;
   WrittenKeys writtenKeys_;
-  Ref<EmWrittenKeys> emWrittenKeys_;
   OperationNumber operations_ = 0;
   std::uint64_t answers_ = 0;  ///< that took effect on a status
   std::optional<RefusedKeys> refusedKeys_;

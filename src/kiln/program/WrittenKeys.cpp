@@ -5,15 +5,8 @@
 
 namespace KilnEmServer {
 
-WrittenKeys::WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys)
-    : LocalState(stage, "writtenKeys"), emWrittenKeys_(std::move(emWrittenKeys)) {
-  if (emWrittenKeys_ == nullptr) return;
-  stage.companionIs(owners_);
-  stage.writtenIs(emWrittenKeys_->written());
-}
-
 void WrittenKeys::written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation) {
-  if (emWrittenKeys_ == nullptr) return;
+  if (!emWrittenKeys_) return;
   Owners& owners = owners_.obtain(hwKey);
   Owner* known = find(owners, emLogicalKey);
   if (known != nullptr) {
@@ -46,7 +39,7 @@ void WrittenKeys::add(Owners& owners, const EmLogicalKey& emLogicalKey, Operatio
 }
 
 void WrittenKeys::answered(const EmHwKey& hwKey, OperationNumber operation, bool holds) {
-  Owners* owners = emWrittenKeys_ == nullptr ? nullptr : owners_.find(hwKey);
+  Owners* owners = !emWrittenKeys_ ? nullptr : owners_.find(hwKey);
   if (owners == nullptr) return;
   dropOvertaken(*owners, operation, holds);
   if (!owners->first.emLogicalKey) owners_.del(hwKey);
@@ -75,13 +68,13 @@ WrittenKeys::Owner WrittenKeys::takeOther(Owners& owners) {
 }
 
 void WrittenKeys::count(const EmLogicalKey& emLogicalKey, bool more) {
-  const std::uint32_t* present = emWrittenKeys_->written().find(emLogicalKey);
+  const std::uint32_t* present = emWrittenKeys_->find(emLogicalKey);
   const std::uint32_t before = present == nullptr ? 0 : *present;
   const std::uint32_t now = more ? before + 1 : before - 1;
   if (now == 0) {
-    emWrittenKeys_->writtenDel(emLogicalKey);
+    emWrittenKeys_->erase(emLogicalKey);
   } else {
-    emWrittenKeys_->writtenIs(emLogicalKey, now);
+    emWrittenKeys_->insert(emLogicalKey, now);
   }
 }
 

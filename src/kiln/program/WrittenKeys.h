@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "kiln/runtime/model/EmCollections.h"
 #include "kiln/runtime/stage/LocalState.h"
+#include "kiln/runtime/stage/Output.h"
 
 namespace KilnEmServer {
 
@@ -20,8 +22,13 @@ using OperationNumber = std::uint64_t;
 /// every earlier operation on the key has been applied, and overtaken.
 class WrittenKeys final : public LocalState {
  public:
-  /// Follows nothing if `emWrittenKeys` is null.
-  WrittenKeys(Stage& stage, Ref<EmWrittenKeys> emWrittenKeys);
+  /// Follows nothing if `emWrittenKeys` is null. `Writer` has the public function `owns(emLogicalKey)`.
+  template <class Writer>
+  WrittenKeys(Writer& writer, Ref<EmWrittenKeys> emWrittenKeys) : LocalState(writer, "writtenKeys") {
+    if (emWrittenKeys == nullptr) return;
+    writer.companionIs(owners_);
+    emWrittenKeys_.emplace(writer, std::move(emWrittenKeys));
+  }
 
   /// An entry of `emLogicalKey` is about to be written under `hwKey`.
   void written(const EmHwKey& hwKey, const EmLogicalKey& emLogicalKey, OperationNumber operation);
@@ -56,7 +63,7 @@ class WrittenKeys final : public LocalState {
   [[nodiscard]] static Owner takeOther(Owners& owners);
   void count(const EmLogicalKey& emLogicalKey, bool more);
 
-  Ref<EmWrittenKeys> emWrittenKeys_;
+  std::optional<DirectOutput<EmWrittenKeys::writtenAttr, "emWrittenKeys">> emWrittenKeys_;
   LocalMap<EmHwKey, Owners> owners_;
 };
 

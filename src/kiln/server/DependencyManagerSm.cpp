@@ -14,16 +14,18 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
 
 }  // namespace
 
-DependencyManagerSm::DependencyManagerSm(const std::string& name, Ref<KilnPlatform::TaskScheduler> scheduler,
+DependencyManagerSm::DependencyManagerSm(std::string name, Ref<KilnPlatform::TaskScheduler> scheduler,
                                          int priority, Ref<KilnPlatform::DependencyStatus> dependencyStatus,
                                          CollectionExists collectionExists)
-    : tracer_(name),
+    : StageBase(std::move(name)),
       scheduler_(std::move(scheduler)),
       dependencyStatus_(std::move(dependencyStatus)),
       collectionExists_(std::move(collectionExists)),
       task_(
-          scheduler_, priority, name + "-ReleaseTask",
-          [](void* owner) { static_cast<DependencyManagerSm*>(owner)->release(); }, this) {}
+          scheduler_, priority, StageBase::name() + "-ReleaseTask",
+          [](void* owner) { static_cast<DependencyManagerSm*>(owner)->release(); }, this) {
+  readEntityIs(dependencyStatus_.get());
+}
 
 DependencyManagerSm::~DependencyManagerSm() {
   if (started_) dependencyStatus_->completed().unsubscribe(*this);
@@ -79,7 +81,7 @@ bool DependencyManagerSm::releasable(const ManagedStage& stage) const {
 void DependencyManagerSm::release() {
   for (ManagedStage& stage : stages_) {
     if (!releasable(stage)) continue;
-    tracer_.trace<8>("releasing {}", stage.entry.stage);
+    tracer().trace<8>("releasing {}", stage.entry.stage);
     stage.released = true;
     stage.entry.action();
     if (scheduler_->taskShouldYield()) break;

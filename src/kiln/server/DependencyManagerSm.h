@@ -10,8 +10,7 @@
 #include "kiln/platform/InplaceFunction.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/platform/TaskScheduler.h"
-#include "kiln/runtime/stage/StateDigest.h"
-#include "kiln/runtime/trace/Trace.h"
+#include "kiln/runtime/stage/Stage.h"
 #include "kiln/server/StageGraph.h"
 
 namespace KilnEmServer {
@@ -19,13 +18,14 @@ namespace KilnEmServer {
 /// A stage is released when every collection in its list exists, and every other stage that writes a
 /// collection which it reads has reported. What a stage writes itself is no gate, nor is what it reads as
 /// feedback. Released stages are created one by one, on a task.
-class DependencyManagerSm final : public KilnPlatform::DependencyManager,
+class DependencyManagerSm final : public StageBase,
+                                  public KilnPlatform::DependencyManager,
                                   private KilnPlatform::KeySubscriber<std::string> {
  public:
   /// Whether a collection exists, by its name.
   using CollectionExists = KilnPlatform::InplaceFunction<bool(const std::string&), 16>;
 
-  DependencyManagerSm(const std::string& name, Ref<KilnPlatform::TaskScheduler> scheduler, int priority,
+  DependencyManagerSm(std::string name, Ref<KilnPlatform::TaskScheduler> scheduler, int priority,
                       Ref<KilnPlatform::DependencyStatus> dependencyStatus,
                       CollectionExists collectionExists);
   ~DependencyManagerSm() override;
@@ -38,9 +38,13 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
   /// Collections that do not exist and stages that are not complete, for which a stage waits that is not
   /// released.
   [[nodiscard]] std::vector<std::string> waitsFor(const std::string& stage) const;
+  using StageBase::waitsFor;
   [[nodiscard]] StageGraph graph() const;
+  /// What a release creates reads more.
+  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
   /// Which stages were released; the collections that they waited for exist from the start.
-  void noteState(StateDigest& digest) const {
+  void noteState(StateDigest& digest) const override {
+    digest.begin(StageBase::name());
     for (const ManagedStage& stage : stages_) digest.add(stage.released);
   }
 
@@ -57,7 +61,6 @@ class DependencyManagerSm final : public KilnPlatform::DependencyManager,
   [[nodiscard]] std::vector<std::string> missing(const ManagedStage& stage) const;
   [[nodiscard]] bool releasable(const ManagedStage& stage) const;
 
-  Tracer tracer_;
   Ref<KilnPlatform::TaskScheduler> scheduler_;
   Ref<KilnPlatform::DependencyStatus> dependencyStatus_;
   mutable CollectionExists collectionExists_;  ///< asking changes nothing

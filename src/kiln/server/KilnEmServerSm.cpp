@@ -402,7 +402,7 @@ void KilnEmServerSm::finalizeStartup() {
     KILN_ASSERT_MESSAGE(node.stage == "finalizeStartupStage" || dependencyStatus_->completedHas(node.stage),
                         "start-up is finalized before {} is complete", node.stage);
   }
-  for (const Stage* stage : stages()) {
+  for (const StageBase* stage : stages()) {
     for (const OutputBase* output : stage->outputs()) {
       const auto& counts = output->reconciliationCounts();
       tracer_.trace<9>("{} {}: kept {}, rewritten {}, inserted {}, deleted {}", stage->name(), output->name(),
@@ -515,8 +515,8 @@ void KilnEmServerSm::unmountFeature(FeatureType feature) {
 
 // --- What there is to see ----------------------------------------------------------------------------------
 
-std::vector<const Stage*> KilnEmServerSm::stages() const {
-  std::vector<const Stage*> all;
+std::vector<const StageBase*> KilnEmServerSm::stages() const {
+  std::vector<const StageBase*> all;
   const auto add = [&](const auto& stage) {
     if (stage != nullptr) all.push_back(stage.get());
   };
@@ -536,13 +536,17 @@ std::vector<const Stage*> KilnEmServerSm::stages() const {
   add(emKeyMergeSm_);
   add(emConflictSm_);
   addEach(swTableWriterSm_);
+  add(reconcileCompleteSm_);
   add(swTableStatusSm_);
   add(mdbLocalStatusSm_);
+  add(mdbCapabilitiesSm_);
+  add(semCapacitySm_);
   add(emStatusSm_);
   add(resolvedKeyStatusSm_);
   addEach(isemSrvStatusSm_);
   addEach(esemSrvStatusSm_);
   addEach(lemSrvStatusSm_);
+  add(dependencyManagerSm_);
   return all;
 }
 
@@ -557,16 +561,14 @@ std::vector<StageProgress> KilnEmServerSm::reconcileProgress() const {
   const auto rowOf = [&](const std::string& name) {
     return std::find_if(rows.begin(), rows.end(), [&](const auto& row) { return row.stage == name; });
   };
-  for (const Stage* stage : stages()) {
+  for (const StageBase* stage : stages()) {
     auto row = rowOf(stage->name());
     // A composer or resolver is a part of the stage before the dash.
     if (row == rows.end()) row = rowOf(stage->name().substr(0, stage->name().find('-')));
-    KILN_ASSERT(row != rows.end());
+    if (row == rows.end()) continue;  // it is complete when it exists
     for (OutputProgress& output : outputProgress(*stage)) row->outputs.push_back(std::move(output));
-    for (std::string& work : ownWork(*stage)) row->waitsFor.push_back(std::move(work));
+    for (std::string& work : stage->waitsFor()) row->waitsFor.push_back(std::move(work));
   }
-  const auto completion = rowOf("reconcileCompleteSmStage");
-  if (reconcileCompleteSm_ != nullptr && !completion->complete) completion->waitsFor = {"hardware writes"};
   return rows;
 }
 
@@ -612,8 +614,8 @@ std::vector<std::pair<std::string, std::size_t>> KilnEmServerSm::leftovers() con
                             });
     return requests;
   });
-  for (const Stage* stage : stages()) {
-    sizes.emplace_back(stage->name() + ".pending", stage->pendingCount());
+  for (const StageBase* stage : stages()) {
+    if (!stage->inputs().empty()) sizes.emplace_back(stage->name() + ".pending", stage->pendingCount());
     for (const LocalState* state : stage->localStates()) {
       sizes.emplace_back(fmt::format("{}.{}", stage->name(), state->name()), state->size());
     }

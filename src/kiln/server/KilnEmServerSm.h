@@ -150,7 +150,7 @@ class KilnEmServerSm final : private KilnPlatform::KeySubscriber<FeatureType>,
   /// Null until start-up has come that far.
   [[nodiscard]] Ref<const SemCapacitySm> semCapacitySm() const { return semCapacitySm_; }
   /// Every stage that exists, in the order of creation.
-  [[nodiscard]] std::vector<const Stage*> stages() const;
+  [[nodiscard]] std::vector<const StageBase*> stages() const;
 
  private:
   // Set-up, in its fixed order.

@@ -9,10 +9,12 @@ namespace KilnEmServer {
 
 ReconcileCompleteSm::ReconcileCompleteSm(std::string name, Ref<DependencyStatus> dependencyStatus,
                                          Ref<Asic::OrderedTableInterface> orderedTableInterface)
-    : name_(std::move(name)),
+    : StageBase(std::move(name)),
       dependencyStatus_(std::move(dependencyStatus)),
-      orderedTableInterface_(std::move(orderedTableInterface)),
-      tracer_(name_) {}
+      orderedTableInterface_(std::move(orderedTableInterface)) {
+  readEntityIs(orderedTableInterface_.get());
+  writtenEntityIs(orderedTableInterface_.get());
+}
 
 ReconcileCompleteSm::~ReconcileCompleteSm() {
   unfollowStatus();
@@ -20,7 +22,7 @@ ReconcileCompleteSm::~ReconcileCompleteSm() {
 }
 
 void ReconcileCompleteSm::handleInitialized() {
-  const KilnPlatform::RunningStageScope scope(name_);
+  const KilnPlatform::RunningStageScope scope(name());
   orderedTableInterface_->reconcileComplete();
   orderedTableInterface_->commitHwWrites();
   orderedTableInterface_->subscribe(interfaceReactor_);
@@ -43,12 +45,23 @@ void ReconcileCompleteSm::followStatus() {
 void ReconcileCompleteSm::handlePendingHwWrites() {
   if (done_) return;
   if (status_ != nullptr && status_->pendingHwWrites()) {
-    tracer_.trace<9>("Reconciliation waits for hardware writes");
+    tracer().trace<9>("Reconciliation waits for hardware writes");
     return;
   }
-  tracer_.trace<9>("Reconciliation complete");
+  tracer().trace<9>("Reconciliation complete");
   done_ = true;
-  dependencyStatus_->completedIs(name_);
+  dependencyStatus_->completedIs(name());
+}
+
+std::vector<std::string> ReconcileCompleteSm::waitsFor() const {
+  if (done_) return {};
+  return {"hardware writes"};
+}
+
+void ReconcileCompleteSm::noteState(StateDigest& digest) const {
+  digest.begin(name());
+  digest.add(done_);
+  digest.add(status_ != nullptr);
 }
 
 Ref<ReconcileCompleteSm> reconcileCompleteSmFactory(std::string name, Ref<DependencyStatus> dependencyStatus,

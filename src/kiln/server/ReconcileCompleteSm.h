@@ -2,34 +2,30 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "kiln/platform/Asic.h"
 #include "kiln/platform/DependencyStatus.h"
 #include "kiln/platform/Ref.h"
-#include "kiln/runtime/stage/StateDigest.h"
-#include "kiln/runtime/trace/Trace.h"
+#include "kiln/runtime/stage/Stage.h"
 
 namespace KilnEmServer {
 
-using KilnPlatform::DependencyStatus;
-
-/// Waits, then is complete; the move happens once. Its reactions run at once, since all that they do is to
-/// look at a flag and to record a name.
-class ReconcileCompleteSm final {
+/// Waits, then is complete; the move happens once. Its reactions run inside the change, since they only look
+/// at a flag and record a name.
+class ReconcileCompleteSm final : public StageBase {
  public:
   ReconcileCompleteSm(std::string name, Ref<DependencyStatus> dependencyStatus,
                       Ref<Asic::OrderedTableInterface> orderedTableInterface);
-  ~ReconcileCompleteSm();
-  ReconcileCompleteSm(const ReconcileCompleteSm&) = delete;
-  ReconcileCompleteSm& operator=(const ReconcileCompleteSm&) = delete;
+  ~ReconcileCompleteSm() override;
 
   /// To be called once: completes reconciliation and commits the hardware writes.
   void handleInitialized();
   [[nodiscard]] bool done() const { return done_; }
-  void noteState(StateDigest& digest) const {
-    digest.add(done_);
-    digest.add(status_ != nullptr);
-  }
+  [[nodiscard]] std::vector<std::string> waitsFor() const override;
+  /// It reads no collection.
+  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return true; }
+  void noteState(StateDigest& digest) const override;
 
  private:
   struct InterfaceReactor final : Asic::ChangeSubscriber {
@@ -47,10 +43,8 @@ class ReconcileCompleteSm final {
   void unfollowStatus();
   void handlePendingHwWrites();
 
-  std::string name_;
   Ref<DependencyStatus> dependencyStatus_;
   Ref<Asic::OrderedTableInterface> orderedTableInterface_;
-  Tracer tracer_;
   InterfaceReactor interfaceReactor_{*this};
   StatusReactor statusReactor_{*this};
   Ref<const Asic::OrderedTableStatus> status_;

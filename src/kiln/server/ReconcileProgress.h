@@ -24,9 +24,7 @@ struct StageProgress {
   std::vector<OutputProgress> outputs;
 };
 
-/// What stands between a stage that exists and its completion.
-std::vector<std::string> ownWork(const Stage& stage);
-/// The stage's outputs.
-std::vector<OutputProgress> outputProgress(const Stage& stage);
+/// The stage's outputs that are reconciled.
+std::vector<OutputProgress> outputProgress(const StageBase& stage);
 
 }  // namespace KilnEmServer

@@ -90,9 +90,6 @@ void KilnEmServerSm::noteState(StateDigest& digest) const {
   digest.begin("KilnEmServerSm");
   changedFeatures_.forEach([&](FeatureType feature, Arrival /*arrival*/) { digest.add(feature); });
   digest.add(changedFeatures_.size());
-  digest.add(dependencyManagerSm_);
-  digest.add(reconcileCompleteSm_);
-  digest.add(mdbCapabilitiesSm_ != nullptr);
 }
 
 void KilnEmServerSm::noteMounts(StateDigest& digest) const {
@@ -161,8 +158,7 @@ void KilnEmServerSm::noteCollections(StateDigest& digest) const {
 
 // A stage that leaves is the only one that still has what it withdraws.
 void KilnEmServerSm::noteStages(StateDigest& digest) const {
-  for (const Stage* stage : stages()) stage->noteState(digest);
-  if (semCapacitySm_ != nullptr) semCapacitySm_->noteState(digest);
+  for (const StageBase* stage : stages()) stage->noteState(digest);
   for (const Leaving& leaving : leaving_) {
     leaving.stage->noteState(digest);
     digest.add(leaving.feature);

@@ -14,15 +14,16 @@ using KilnPlatform::TableCapacityKey;
 CapacityHelper::CapacityHelper(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock,
                                std::string agentName, Ref<const Hardware::Kiln::Status> hardwareStatus,
                                const StageControl& control)
-    : tableCapacity_(std::move(tableCapacity)),
+    : StageBase(std::move(agentName)),
+      tableCapacity_(*this, std::move(tableCapacity)),
       clock_(std::move(clock)),
-      agentName_(std::move(agentName)),
       hardwareStatus_(std::move(hardwareStatus)),
-      tracer_(agentName_),
       task_(
-          control.scheduler, control.priority, agentName_ + "-UpdateTask",
+          control.scheduler, control.priority, name() + "-UpdateTask",
           [](void* owner) { static_cast<CapacityHelper*>(owner)->update(); }, this, kPatience),
-      fapMark_(hardwareStatus_->fap(), task_, &settingChanged_) {}
+      fapMark_(hardwareStatus_->fap(), task_, &settingChanged_) {
+  readEntityIs(hardwareStatus_.get());
+}
 
 void CapacityHelper::initCapacityTableFeatureMaps() {
   KILN_ASSERT_MESSAGE(false, "Must implement in child");
@@ -33,15 +34,15 @@ void CapacityHelper::updateCapacityTable() {
 }
 
 void CapacityHelper::handleInitialized() {
-  tracer_.trace<8>("handleInitialized");
-  KilnPlatform::forEachIn(tableCapacity_->entry(), [this](const TableCapacityKey& key, const auto&) {
-    if (key.agent == agentName_) rows_.emplace(key, generation_);
+  tracer().trace<8>("handleInitialized");
+  KilnPlatform::forEachIn(tableCapacity_.collection(), [this](const TableCapacityKey& key, const auto&) {
+    if (key.agent == name()) rows_.emplace(key, generation_);
   });
   update();
 }
 
 void CapacityHelper::update() {
-  const KilnPlatform::RunningStageScope scope(agentName_);
+  const KilnPlatform::RunningStageScope scope(name());
   ++counters_.updates;
   const bool usageIsSame = usageUnchanged();
   if (std::exchange(settingChanged_, false)) {
@@ -52,12 +53,12 @@ void CapacityHelper::update() {
   } else if (!usageIsSame) {
     updateCapacityTable();
   }
-  tracer_.trace<9>("update {}: {} rows", counters_.updates, rows_.size());
+  tracer().trace<9>("update {}: {} rows", counters_.updates, rows_.size());
 }
 
 // The generation that a row was written in only says whether the update that is being made wrote it.
 void CapacityHelper::noteState(StateDigest& digest) const {
-  digest.begin(agentName_);
+  digest.begin(name());
   digest.add(settingChanged_);
   for (const auto& [key, generation] : rows_) digest.add(key);
 }
@@ -75,7 +76,7 @@ void CapacityHelper::removeRowsOfGoneFaps() {
 }
 
 void CapacityHelper::handleFapRemoved(const std::string& fapName) {
-  tracer_.trace<8>("handleFapRemoved {}", fapName);
+  tracer().trace<8>("handleFapRemoved {}", fapName);
   removeRowsIf([&](const TableCapacityKey& key, std::uint64_t /*generation*/) {
     return fapNameAndCoreOf(key.chip).first == fapName;
   });
@@ -91,7 +92,7 @@ template <class Gone>
 void CapacityHelper::removeRowsIf(Gone gone) {
   for (auto at = rows_.begin(); at != rows_.end();) {
     if (gone(at->first, at->second)) {
-      tableCapacity_->entry().del(at->first);
+      tableCapacity_.erase(at->first);
       ++counters_.rowsRemoved;
       at = rows_.erase(at);
     } else {
@@ -113,12 +114,12 @@ void CapacityHelper::updateCapacityEntry(const TableKey& tableKey, const std::st
   const TableCapacityKey key{tableKey.table, tableKey.feature, tableKey.agent, chip};
   rows_[key] = generation_;
   TableCapacityEntry entry{used, free, committed, maxLimit, clock_->now()};
-  if (const TableCapacityEntry* present = tableCapacity_->entry().find(key)) {
+  if (const TableCapacityEntry* present = tableCapacity_.find(key)) {
     const auto changed = std::exchange(entry.updated, present->updated);
     if (entry == *present) return;
     entry.updated = changed;
   }
-  tableCapacity_->entry().is(key, entry);
+  tableCapacity_.insert(key, entry);
   ++counters_.rowsWritten;
 }
 

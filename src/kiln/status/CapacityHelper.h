@@ -8,13 +8,14 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "kiln/platform/Hardware.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/platform/TableCapacity.h"
 #include "kiln/platform/TaskScheduler.h"
+#include "kiln/runtime/stage/Output.h"
 #include "kiln/runtime/stage/Stage.h"
-#include "kiln/runtime/trace/Trace.h"
 #include "kiln/status/ChangeMark.h"
 
 namespace KilnEmServer {
@@ -45,8 +46,8 @@ class SchedulerClock final : public Clock {
 /// makes it: when nothing of a higher priority is ready, or after kPatience runs of other tasks. A row is
 /// written only where its numbers changed; a row for which there is no reason any more is removed, also one
 /// that an earlier process left. The rows of other reporting agents are left alone; a row of this one that
-/// somebody else changed is mended when its own numbers, or anything but usage, change.
-class CapacityHelper {
+/// another component changed is mended when its own numbers, or anything but usage, change.
+class CapacityHelper : public StageBase {
  public:
   /// What was done since construction.
   struct Counters {
@@ -56,20 +57,19 @@ class CapacityHelper {
   };
   static constexpr std::uint32_t kPatience = 1000;
 
-  virtual ~CapacityHelper() = default;
-  CapacityHelper(const CapacityHelper&) = delete;
-  CapacityHelper& operator=(const CapacityHelper&) = delete;
-
   /// To be called once: takes over the rows that are there and makes the first update.
   void handleInitialized();
   /// Something that the rows depend on changed.
   void scheduleUpdate() { task_.scheduleTask(); }
   /// Whether an update is due.
   [[nodiscard]] bool updateScheduled() const { return task_.ready; }
-  [[nodiscard]] const std::string& agentName() const { return agentName_; }
+  /// The reporting agent, which is the stage's name.
+  [[nodiscard]] const std::string& agentName() const { return name(); }
   [[nodiscard]] const Counters& counters() const { return counters_; }
   /// Describes the helper's own state, without the rows' content, as a part of its name.
-  virtual void noteState(StateDigest& digest) const;
+  void noteState(StateDigest& digest) const override;
+  /// The numbers come from tables as well.
+  [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
 
   /// The chip component that stands for a core of a FAP: "Fap0/1".
   static std::string fapNameToChipExternalComponent(std::string_view fapName,
@@ -115,7 +115,6 @@ class CapacityHelper {
 
   [[nodiscard]] const Hardware::Kiln::Status& hardwareStatus() const { return *hardwareStatus_; }
   [[nodiscard]] Task& task() { return task_; }
-  [[nodiscard]] const Tracer& tracer() const { return tracer_; }
 
  private:
   void update();
@@ -125,11 +124,9 @@ class CapacityHelper {
   template <class Gone>
   void removeRowsIf(Gone gone);
 
-  Ref<KilnPlatform::TableCapacity> tableCapacity_;
+  DirectOutput<KilnPlatform::TableCapacity::entryAttr, "tableCapacity"> tableCapacity_;
   Ref<const Clock> clock_;
-  std::string agentName_;
   Ref<const Hardware::Kiln::Status> hardwareStatus_;
-  Tracer tracer_;
   std::set<TableKey> tables_;
   std::map<KilnPlatform::TableCapacityKey, std::uint64_t>
       rows_;                      ///< own rows, with the update that wrote them

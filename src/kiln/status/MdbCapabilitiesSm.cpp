@@ -11,12 +11,13 @@ MdbCapabilitiesSm::MdbCapabilitiesSm(Ref<const KilnMdb::MdbLocalStatus> mdbLocal
                                      Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
                                      Ref<KilnMdb::CapabilitiesStatus> mdbCapabilitiesStatus, std::string name,
                                      Ref<DependencyStatus> dependencyStatus)
-    : name_(std::move(name)),
-      tracer_(name_),
+    : StageBase(std::move(name)),
       mdbLocalStatus_(std::move(mdbLocalStatus)),
       hardwareMdbStatus_(std::move(hardwareMdbStatus)),
-      mdbCapabilitiesStatus_(std::move(mdbCapabilitiesStatus)),
+      mdbCapabilitiesStatus_(*this, std::move(mdbCapabilitiesStatus)),
       dependencyStatus_(std::move(dependencyStatus)) {
+  readEntityIs(mdbLocalStatus_.get());
+  readEntityIs(hardwareMdbStatus_.get());
   mdbLocalStatus_->profileId().subscribe(*this);
   hardwareMdbStatus_->profile().subscribe(*this);
 }
@@ -27,29 +28,37 @@ MdbCapabilitiesSm::~MdbCapabilitiesSm() {
 }
 
 void MdbCapabilitiesSm::handleInitialized() {
-  tracer_.trace<8>("handleInitialized");
+  tracer().trace<8>("handleInitialized");
   update();
-  dependencyStatus_->completedIs(name_);
+  dependencyStatus_->completedIs(name());
+}
+
+bool MdbCapabilitiesSm::addReads(std::vector<const void*>& collections) const {
+  using KilnPlatform::addressOf;
+  collections.push_back(addressOf(mdbLocalStatus_->profileId()));
+  collections.push_back(addressOf(hardwareMdbStatus_->profile()));
+  collections.push_back(addressOf(mdbCapabilitiesStatus_.collection()));
+  return true;
 }
 
 void MdbCapabilitiesSm::update() {
-  const KilnPlatform::RunningStageScope scope(name_);
+  const KilnPlatform::RunningStageScope scope(name());
   std::set<std::uint32_t> used;
   KilnPlatform::forEachIn(mdbLocalStatus_->profileId(),
                           [&](const auto& /*fapId*/, std::uint32_t id) { used.insert(id); });
   std::vector<std::uint32_t> stale;
-  KilnPlatform::forEachIn(mdbCapabilitiesStatus_->profileCapabilities(), [&](std::uint32_t id, const auto&) {
+  KilnPlatform::forEachIn(mdbCapabilitiesStatus_.collection(), [&](std::uint32_t id, const auto&) {
     if (!used.contains(id) || !hardwareMdbStatus_->profile().has(id)) stale.push_back(id);
   });
   for (const std::uint32_t id : stale) {
-    tracer_.trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): deleting k1={}", id);
-    mdbCapabilitiesStatus_->profileCapabilitiesDel(id);
+    tracer().trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): deleting k1={}", id);
+    mdbCapabilitiesStatus_.erase(id);
   }
   for (const std::uint32_t id : used) {
     const auto* capabilities = hardwareMdbStatus_->profile().find(id);
     if (capabilities == nullptr) continue;
-    tracer_.trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): inserting k1={}", id);
-    mdbCapabilitiesStatus_->profileCapabilitiesIs(id, *capabilities);
+    tracer().trace<7>("into( mdbCapabilitiesStatus.profileCapabilities[ id ] ): inserting k1={}", id);
+    mdbCapabilitiesStatus_.insert(id, *capabilities);
   }
 }
 

@@ -103,6 +103,10 @@ SemCapacitySm::SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref
       profileIdMark_(mdbLocalStatus_->profileId(), task(), &settingChanged()),
       externalMark_(externalDir_->user(), task(), &settingChanged()),
       statusMark_(emSwTableStatus_->status(), task()) {
+  readEntityIs(capabilitiesStatus_.get());
+  readEntityIs(mdbLocalStatus_.get());
+  readEntityIs(externalDir_.get());
+  readEntityIs(emSwTableStatus_.get());
   SemCapacitySm::initCapacityTableFeatureMaps();
 }
 

@@ -188,9 +188,6 @@ class EmConflictStatus {
 /// What the tables answered, per hardware key.
 class EmSwTableStatus {
   KILN_COLLECTION(EmSwTableStatus, status, EmHwKey, EmSwTableStatusEntry)
-
-  /// Writes a status and notifies, also if an equal one is stored: a later answer.
-  void statusAgain(const EmHwKey& key, const EmSwTableStatusEntry& value) { status_.isAgain(key, value); }
 };
 
 /// The logical keys for which a table holds an entry, or was asked to write one and has not answered about a

@@ -21,6 +21,7 @@
 #include "kiln/platform/Collection.h"
 #include "kiln/platform/FixedString.h"
 #include "kiln/platform/Value.h"
+#include "kiln/runtime/collections/Collection.h"
 #include "kiln/runtime/collections/PendingKeys.h"
 #include "kiln/runtime/stage/Stage.h"
 
@@ -292,6 +293,7 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
              streamName),
         owner_(stage),
         entity_(std::move(entity)) {
+    stage.readEntityIs(entity_.get());
     if (entity_ != nullptr) stage.companionIs(collection());
   }
   ~Input() override {
@@ -453,7 +455,9 @@ class NestedInput final
              streamName),
         owner_(stage),
         entity_(std::move(entity)),
-        innerName_(detail::childNameOf(OuterAttr::kName.view(), stage.takeChildNumber())) {}
+        innerName_(detail::childNameOf(OuterAttr::kName.view(), stage.takeChildNumber())) {
+    stage.readEntityIs(entity_.get());
+  }
   ~NestedInput() override { stop(); }
 
   void checkArgument() const override {

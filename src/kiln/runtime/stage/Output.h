@@ -19,6 +19,69 @@ namespace KilnEmServer {
 /// What happens when a value is written under another key than its own.
 enum class KeyMismatch : std::uint8_t { report, fatal };
 
+/// An output whose owner decides alone what it holds: it is not reconciled, and its writes are not traced. If
+/// several stages write one collection, each has a public `owns(key)` that tells which keys are its own:
+/// those are withdrawn with it.
+template <class Attr, FixedString Argument>
+class DirectOutput final : public DeclaredOutput {
+  using Key = typename Attr::Key;
+  using Value = typename Attr::Value;
+  using EntityRef = Ref<typename Attr::Entity>;
+
+ public:
+  template <class StageClass>
+  DirectOutput(StageClass& stage, EntityRef entity)
+      : DeclaredOutput(stage), stage_(stage), entity_(std::move(entity)), owns_(ownsOf<StageClass>()) {
+    stage.writtenEntityIs(entity_.get());
+    if constexpr (requires { stage.writtenIs(writable()); }) {
+      if (entity_ != nullptr) stage.writtenIs(writable());
+    }
+  }
+
+  void checkArgument() const override {
+    if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
+  }
+  bool insert(const Key& key, const Value& value) { return writable().is(key, value); }
+  /// Notifies also if an equal value is stored.
+  void insertAgain(const Key& key, const Value& value) { writable().isAgain(key, value); }
+  bool erase(const Key& key) { return writable().del(key); }
+  [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
+  [[nodiscard]] bool has(const Key& key) const { return find(key) != nullptr; }
+  [[nodiscard]] const auto& collection() const { return Attr::of(std::as_const(*entity_)); }
+  [[nodiscard]] const typename Attr::Entity& entity() const { return *entity_; }
+
+  bool deleteNext() override {
+    while (const Key* key = collection().scanNext(cursor_)) {
+      if (owns_ == nullptr || owns_(stage_, *key)) return erase(Key(*key));
+    }
+    cursor_ = {};
+    return false;
+  }
+  [[nodiscard]] std::size_t size() const override { return collection().size(); }
+  void addReads(std::vector<const void*>& collections) const override {
+    if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(collection()));
+  }
+
+ private:
+  using Owns = bool (*)(const StageBase& stage, const Key& key);
+  template <class StageClass>
+  static constexpr Owns ownsOf() {
+    if constexpr (requires(const StageClass& stage, const Key& key) { stage.owns(key); }) {
+      return [](const StageBase& stage, const Key& key) {
+        return static_cast<const StageClass&>(stage).owns(key);
+      };
+    } else {
+      return nullptr;
+    }
+  }
+  [[nodiscard]] auto& writable() { return Attr::of(*entity_); }
+
+  const StageBase& stage_;
+  EntityRef entity_;
+  Owns owns_;
+  ScanCursor<Key> cursor_;  ///< of the withdrawal
+};
+
 /// into( argument.attribute[ keyName ] ). A stage with several into statements for one output writes each
 /// under its own name for the key: `insert<"logicalKey">`, `erase<"logicalKey">`.
 ///
@@ -53,6 +116,7 @@ class Output final : public OutputBase {
       : OutputBase(stage, std::string(kOutputName.view())),
         entity_(std::move(entity)),
         decidesLater_(decidesLaterOf<StageClass>()) {
+    stage.writtenEntityIs(entity_.get());
     if (entity_ != nullptr) stage.writtenIs(collection());
   }
   ~Output() override { stop(); }

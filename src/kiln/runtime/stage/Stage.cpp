@@ -112,7 +112,14 @@ void InputBase::noteState(StateDigest& digest) const {
 
 // --- OutputBase --------------------------------------------------------------------------------------------
 
-OutputBase::OutputBase(Stage& stage, std::string name) : stage_(stage), name_(std::move(name)) {
+DeclaredOutput::DeclaredOutput(StageBase& stage) {
+  stage.declaredOutputIs(*this);
+}
+
+DeclaredOutput::~DeclaredOutput() = default;
+
+OutputBase::OutputBase(Stage& stage, std::string name)
+    : DeclaredOutput(stage), stage_(stage), name_(std::move(name)) {
   stage_.outputIs(*this);
 }
 
@@ -282,43 +289,71 @@ class ReadyMachine final : public InputBase {
 
 }  // namespace
 
+// --- StageBase ---------------------------------------------------------------------------------------------
+
+StageBase::StageBase(std::string name) : name_(std::move(name)), tracer_(name_) {}
+
+StageBase::~StageBase() = default;
+
+std::size_t StageBase::pendingCount() const {
+  std::size_t count = 0;
+  for (const InputBase* input : inputs_) count += input->pendingCount();
+  return count;
+}
+
+bool StageBase::reactsInside() const {
+  return std::any_of(inputs_.begin(), inputs_.end(),
+                     [](const InputBase* input) { return input->reactsInside(); });
+}
+
+std::vector<std::string> StageBase::waitsFor() const {
+  std::vector<std::string> work;
+  for (const InputBase* input : inputs_) {
+    if (!input->inputScanComplete()) work.push_back(fmt::format("scan of {}", input->childName()));
+  }
+  if (!work.empty()) return work;
+  for (const OutputBase* output : outputs_) {
+    if (!output->ready()) work.push_back(fmt::format("deletion scan of {}", output->name()));
+  }
+  return work;
+}
+
 // --- Stage -------------------------------------------------------------------------------------------------
 
 Stage::Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
              StageControl control, std::string_view readyText)
-    : className_(className),
-      name_(std::move(name)),
+    : StageBase(std::move(name)),
+      className_(className),
       readyText_(readyText),
       dependencyStatus_(std::move(dependencyStatus)),
-      control_(std::move(control)),
-      tracer_(name_) {}
+      control_(std::move(control)) {}
 
 Stage::~Stage() = default;
 
 void Stage::initialize() {
-  const KilnPlatform::RunningStageScope scope(name_);
+  const KilnPlatform::RunningStageScope scope(name());
   KILN_ASSERT_MESSAGE(
       dependencyStatus_ != nullptr,
       "dependencyStatus() && \"Pointer SM args cannot be null unless they are marked Optional\"");
   KILN_ASSERT_MESSAGE(control_.scheduler != nullptr,
                       "scheduler() && \"Pointer SM args cannot be null unless they are marked Optional\"");
-  for (const InputBase* input : inputs_) input->checkArgument();
-  for (const OutputBase* output : outputs_) output->checkArgument();
+  for (const InputBase* input : inputs()) input->checkArgument();
+  for (const DeclaredOutput* output : declaredOutputs()) output->checkArgument();
   checkArguments();
   eventTask_ = std::make_unique<Task>(
       control_.scheduler, control_.priority, fmt::format("KilnEmServer::{}-EventTask", className_),
-      [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this, 0, name_);
+      [](void* owner) { static_cast<Stage*>(owner)->runEvents(); }, this, 0, name());
   const int pipelines = pipelineNumber_ + 1;  // the last one watches the stage's own readiness
   inputSmScanState_.scanning.assign(static_cast<std::size_t>(pipelines), true);
-  tracer_.trace<9>("initialized");
-  for (OutputBase* output : outputs_) output->startReconciling();
+  tracer().trace<9>("initialized");
+  for (OutputBase* output : outputs()) output->startReconciling();
   handleInitialized();
-  tracer_.trace<9>("create local SMs");
-  const std::vector<InputBase*> children = inputs_;
+  tracer().trace<9>("create local SMs");
+  const std::vector<InputBase*> children = inputs();
   readyMachine_ = std::make_unique<ReadyMachine>(*this, readyText_);
   readyMachine_->start();
   for (InputBase* child : children) child->start();
-  tracer_.trace<9>("create non-public arg SMs");
+  tracer().trace<9>("create non-public arg SMs");
   initialized_ = true;
   handleScanComplete();
 }
@@ -330,40 +365,35 @@ void Stage::doDeleteAll(Withdrawal withdrawal) {
 }
 
 void Stage::beginDeleteAll(Withdrawal withdrawal) {
-  const KilnPlatform::RunningStageScope scope(name_);
-  const std::vector<InputBase*> children = inputs_;
+  const KilnPlatform::RunningStageScope scope(name());
+  const std::vector<InputBase*> children = inputs();
   for (auto child = children.rbegin(); child != children.rend(); ++child) (*child)->stop();
   readyMachine_.reset();
   eventTask_.reset();
   handleDeleteAll();
-  for (LocalState* state : localStates_) state->clear();
-  for (OutputBase* output : outputs_) output->beginDeleteAll(withdrawal);
+  for (LocalState* state : localStates()) state->clear();
+  for (DeclaredOutput* output : declaredOutputs()) output->beginDeleteAll(withdrawal);
 }
 
 std::size_t Stage::keysInOutputs() const {
   std::size_t keys = 0;
-  for (const OutputBase* output : outputs_) keys += output->size();
+  for (const DeclaredOutput* output : declaredOutputs()) keys += output->size();
   return keys;
 }
 
 bool Stage::addReads(std::vector<const void*>& collections) const {
-  for (const InputBase* input : inputs_) input->addReads(collections);
-  for (const OutputBase* output : outputs_) output->addReads(collections);
+  for (const InputBase* input : inputs()) input->addReads(collections);
+  for (const DeclaredOutput* output : declaredOutputs()) output->addReads(collections);
   return true;
 }
 
 bool Stage::deleteNext() {
-  const KilnPlatform::RunningStageScope scope(name_);
-  const bool more =
-      std::any_of(outputs_.begin(), outputs_.end(), [](OutputBase* output) { return output->deleteNext(); });
-  if (!more) dependencyStatus_->completedDel(name_);
+  const KilnPlatform::RunningStageScope scope(name());
+  // What an output holds may tell what of those before it is the stage's own: the last one is emptied first.
+  const bool more = std::any_of(declaredOutputs().rbegin(), declaredOutputs().rend(),
+                                [](DeclaredOutput* output) { return output->deleteNext(); });
+  if (!more) dependencyStatus_->completedDel(name());
   return more;
-}
-
-std::size_t Stage::pendingCount() const {
-  std::size_t count = 0;
-  for (const InputBase* input : inputs_) count += input->pendingCount();
-  return count;
 }
 
 void Stage::noteWaiting(InputBase& input) {
@@ -378,44 +408,44 @@ void Stage::handleScanComplete() {
 
 void Stage::handleInitialScanDone() {
   bool complete = true;
-  for (const InputBase* input : inputs_) {
+  for (const InputBase* input : inputs()) {
     if (input->inputScanComplete()) continue;
     complete = false;
-    tracer_.trace<9>("{} scan is false", TextPart{input->streamName()});
+    tracer().trace<9>("{} scan is false", TextPart{input->streamName()});
   }
   if (!complete) {
-    tracer_.trace<8>("Initial scan yielding for child SM {}.", TextPart{className_});
+    tracer().trace<8>("Initial scan yielding for child SM {}.", TextPart{className_});
     return;
   }
-  tracer_.trace<9>("Initial scan done for child SMs. Now scanning with events triggered.");
+  tracer().trace<9>("Initial scan done for child SMs. Now scanning with events triggered.");
   initialScanDone_ = true;
   auto& scanning = inputSmScanState_.scanning;
   for (std::size_t pipeline = 0; pipeline < scanning.size(); ++pipeline) {
     scanning[pipeline] = false;
-    tracer_.trace<9>("pipeline {} scan is done", pipeline);
+    tracer().trace<9>("pipeline {} scan is done", pipeline);
   }
   inputSmScanState_.idle = true;
   if (pendingCount() > 0) eventTask_->scheduleTask();
-  if (outputs_.empty()) {
+  if (outputs().empty()) {
     handleDependencyStatusCompletedOutputInputReady();
     return;
   }
-  for (OutputBase* output : outputs_) output->handleInputReady();
+  for (OutputBase* output : outputs()) output->handleInputReady();
 }
 
 void Stage::handleDependencyStatusCompletedOutputInputReady() {
   if (ready() ||
-      !std::all_of(outputs_.begin(), outputs_.end(), [](const OutputBase* o) { return o->ready(); })) {
+      !std::all_of(outputs().begin(), outputs().end(), [](const OutputBase* o) { return o->ready(); })) {
     return;
   }
   readyIs(true);
-  tracer_.trace<9>("Input scans for dependencyStatusCompletedOutput complete");
+  tracer().trace<9>("Input scans for dependencyStatusCompletedOutput complete");
   outputState_.dependencyStatusCompletedOutputReady = true;
-  dependencyStatus_->completedIs(name_);
+  dependencyStatus_->completedIs(name());
 }
 
 void Stage::noteState(StateDigest& digest) const {
-  digest.begin(name_);
+  digest.begin(name());
   digest.add(initialized_);
   digest.add(initialScanDone_);
   digest.add(outputState_.ready);
@@ -424,16 +454,16 @@ void Stage::noteState(StateDigest& digest) const {
   digest.add(eventTask_ != nullptr);
   // Inputs of inner collections are created in the order in which these came.
   digest.unordered([&](auto&& item) {
-    for (const InputBase* input : inputs_) item(*input);
+    for (const InputBase* input : inputs()) item(*input);
   });
   notePending(digest);
-  for (const OutputBase* output : outputs_) digest.add(*output);
-  for (const LocalState* state : localStates_) digest.add(*state);
+  for (const OutputBase* output : outputs()) digest.add(*output);
+  for (const LocalState* state : localStates()) digest.add(*state);
 }
 
 void Stage::notePending(StateDigest& digest) const {
   PendingDigests pending;
-  for (const InputBase* input : inputs_) {
+  for (const InputBase* input : inputs()) {
     if (input->hasPending()) input->notePending(pending);
   }
   std::sort(pending.begin(), pending.end(), [](const PendingDigest& a, const PendingDigest& b) {
@@ -445,15 +475,15 @@ void Stage::notePending(StateDigest& digest) const {
 
 void Stage::readyIs(bool ready) {
   outputState_.ready = ready;
-  tracer_.trace<7>("{}: ready={}", TextPart{readyText_}, ready);
+  tracer().trace<7>("{}: ready={}", TextPart{readyText_}, ready);
 }
 
 void Stage::reapInputs() {
   if (!reapRequested_) return;
-  const std::vector<InputBase*> inputs = inputs_;
+  const std::vector<InputBase*> present = inputs();
   reapRequested_ = false;
-  for (InputBase* input : inputs) {
-    const bool alive = std::find(inputs_.begin(), inputs_.end(), input) != inputs_.end();
+  for (InputBase* input : present) {
+    const bool alive = std::find(inputs().begin(), inputs().end(), input) != inputs().end();
     if (alive && input->reap()) reapRequested_ = true;
   }
 }
@@ -491,7 +521,7 @@ InputBase* Stage::nextInput(Arrival& limit) {
 }
 
 void Stage::runEvents() {
-  const KilnPlatform::RunningStageScope scope(name_);
+  const KilnPlatform::RunningStageScope scope(name());
   std::size_t items = 0;
   Arrival limit = 0;
   // Items of different inputs are taken in the order of their arrival, in runs from one input.
@@ -503,7 +533,7 @@ void Stage::runEvents() {
   }
   control_.scheduler->taskWorkCountInc(items);
   if (const std::size_t pending = yielded ? pendingCount() : 0; pending > 0) {
-    tracer_.trace<8>("yielding after {} events ({} pending)", items, pending);
+    tracer().trace<8>("yielding after {} events ({} pending)", items, pending);
     control_.scheduler->taskWorkPendingIs(pending);
     eventTask_->scheduleTask();
   }

@@ -37,6 +37,7 @@ using KilnPlatform::Task;
 using KilnPlatform::TaskScheduler;
 
 class Stage;
+class StageBase;
 
 /// How a stage is run.
 struct StageControl {
@@ -240,8 +241,31 @@ enum class Withdrawal : std::uint8_t {
   everything,  ///< also what an earlier stage left
 };
 
-/// What all outputs of a stage share: reconciliation against what the output held before a restart.
-class OutputBase {
+/// An output that a stage declares: the one way by which it writes a collection.
+class DeclaredOutput {
+ public:
+  virtual ~DeclaredOutput();
+  DeclaredOutput(const DeclaredOutput&) = delete;
+  DeclaredOutput& operator=(const DeclaredOutput&) = delete;
+
+  /// Checks the argument that the output writes: a null one is a fatal assertion that names it.
+  virtual void checkArgument() const = 0;
+  /// Begins a withdrawal, after which nothing but that is done.
+  virtual void beginDeleteAll(Withdrawal /*withdrawal*/) {}
+  /// Looks at one more key of the output and deletes it if the withdrawal is about it, or forgets what was
+  /// noted of one; false if none is left.
+  virtual bool deleteNext() = 0;
+  /// How many keys the collection holds.
+  [[nodiscard]] virtual std::size_t size() const = 0;
+  /// Adds the address of its collection, which the handlers may read too.
+  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
+
+ protected:
+  explicit DeclaredOutput(StageBase& stage);
+};
+
+/// What the outputs of a stage share that are reconciled against what they held before a restart.
+class OutputBase : public DeclaredOutput {
  public:
   enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
 
@@ -259,24 +283,13 @@ class OutputBase {
     friend bool operator==(const ReconciliationCounts&, const ReconciliationCounts&) = default;
   };
 
-  virtual ~OutputBase();
-  OutputBase(const OutputBase&) = delete;
-  OutputBase& operator=(const OutputBase&) = delete;
+  ~OutputBase() override;
 
-  virtual void checkArgument() const = 0;
   /// The output, which may hold keys from before a restart, is to be reconciled.
   void startReconciling();
   /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
   void handleInputReady();
-  /// Begins a withdrawal, before which nothing of reconciliation is done any more.
-  virtual void beginDeleteAll(Withdrawal withdrawal);
-  /// Looks at one more key of the output and deletes it if the withdrawal is about it, or forgets what
-  /// reconciliation noted of one; false if none is left.
-  virtual bool deleteNext() = 0;
-  /// How many keys stand in the output.
-  [[nodiscard]] virtual std::size_t size() const = 0;
-  /// Adds the address of its collection, which the handlers may read too.
-  virtual void addReads(std::vector<const void*>& /*collections*/) const {}
+  void beginDeleteAll(Withdrawal withdrawal) override;
   void stop() { reconciliationTask_.reset(); }
 
   [[nodiscard]] const std::string& name() const { return name_; }
@@ -359,12 +372,77 @@ class LocalState {
   std::string_view name_;
 };
 
-/// The base of every stage.
-class Stage {
+/// What every stage has: a name, and the entities that it declares to read and to write. A stage that follows
+/// a few changes by hand is derived from it directly.
+class StageBase {
  public:
-  virtual ~Stage();
-  Stage(const Stage&) = delete;
-  Stage& operator=(const Stage&) = delete;
+  /// Entities by their addresses, in the order of declaration.
+  using Entities = std::vector<const void*>;
+
+  virtual ~StageBase();
+  StageBase(const StageBase&) = delete;
+  StageBase& operator=(const StageBase&) = delete;
+
+  [[nodiscard]] const std::string& name() const { return name_; }
+  [[nodiscard]] const Tracer& tracer() const { return tracer_; }
+  /// What the stage reads and what it writes, each entity once.
+  [[nodiscard]] const Entities& readEntities() const { return readEntities_; }
+  [[nodiscard]] const Entities& writtenEntities() const { return writtenEntities_; }
+  [[nodiscard]] const std::vector<InputBase*>& inputs() const { return inputs_; }
+  /// The outputs that are reconciled.
+  [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
+  /// Groups and caches, with their sizes, for the check that nothing is left over.
+  [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
+  /// Number of changed keys that wait to be handled.
+  [[nodiscard]] std::size_t pendingCount() const;
+  /// Whether some changes are handled inside the call that makes them.
+  [[nodiscard]] virtual bool reactsInside() const;
+  /// What the stage waits for before it is complete: its own scans.
+  [[nodiscard]] virtual std::vector<std::string> waitsFor() const;
+  /// Adds the address of each collection that the handlers may read, as a StateDigest has it. False if they
+  /// may read others, too.
+  [[nodiscard]] virtual bool addReads(std::vector<const void*>& collections) const = 0;
+  /// Describes the stage's own state, without the collections that it reads and writes, as a part of its
+  /// name.
+  virtual void noteState(StateDigest& digest) const = 0;
+
+  // For inputs, outputs and local state.
+  /// Declares that the stage reads, or writes, an entity; null is none.
+  void readEntityIs(const void* entity) { entityIs(readEntities_, entity); }
+  void writtenEntityIs(const void* entity) { entityIs(writtenEntities_, entity); }
+  void inputIs(InputBase& input) { inputs_.push_back(&input); }
+  void declaredOutputIs(DeclaredOutput& output) { declaredOutputs_.push_back(&output); }
+  void outputIs(OutputBase& output) { outputs_.push_back(&output); }
+  void localStateIs(LocalState& state) { localStates_.push_back(&state); }
+
+ protected:
+  explicit StageBase(std::string name);
+
+  [[nodiscard]] const std::vector<DeclaredOutput*>& declaredOutputs() const { return declaredOutputs_; }
+  /// Removes an input that ends before its stage.
+  void inputRemoved(InputBase& input) { std::erase(inputs_, &input); }
+
+ private:
+  static void entityIs(Entities& entities, const void* entity) {
+    const bool isNew =
+        entity != nullptr && std::find(entities.begin(), entities.end(), entity) == entities.end();
+    if (isNew) entities.push_back(entity);
+  }
+
+  std::string name_;
+  Tracer tracer_;
+  Entities readEntities_;
+  Entities writtenEntities_;
+  std::vector<InputBase*> inputs_;
+  std::vector<DeclaredOutput*> declaredOutputs_;
+  std::vector<OutputBase*> outputs_;
+  std::vector<LocalState*> localStates_;
+};
+
+/// The base of the stages that scan their inputs, reconcile their outputs and report that they are ready.
+class Stage : public StageBase {
+ public:
+  ~Stage() override;
 
   /// Starts the stage: to be called once, by its factory.
   void initialize();
@@ -380,7 +458,6 @@ class Stage {
   [[nodiscard]] std::size_t keysInOutputs() const;
 
   [[nodiscard]] std::string_view className() const { return className_; }
-  [[nodiscard]] const std::string& name() const { return name_; }
   [[nodiscard]] const StageControl& control() const { return control_; }
   [[nodiscard]] bool initialized() const { return initialized_; }
   [[nodiscard]] bool synchronous() const { return control_.synchronous; }
@@ -399,15 +476,7 @@ class Stage {
     bool dependencyStatusCompletedOutputReady = false;  ///< whether the stage's name was recorded
   };
   [[nodiscard]] const OutputState& outputState() const { return outputState_; }
-  [[nodiscard]] const std::vector<InputBase*>& inputs() const { return inputs_; }
-  [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
-  /// Groups and caches, with their sizes, for the check that nothing is left over.
-  [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
-  /// Number of changed keys that wait to be handled.
-  [[nodiscard]] std::size_t pendingCount() const;
-  /// Adds the address of each collection that the handlers may read, as a StateDigest has it. False if they
-  /// may read others, too.
-  [[nodiscard]] virtual bool addReads(std::vector<const void*>& collections) const;
+  [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
   /// Whether a change of the key waits in one of the inputs.
   template <class K>
   [[nodiscard]] bool changeWaits(const K& key) const {
@@ -422,19 +491,14 @@ class Stage {
   }
   /// How many changes found their key waiting already, since the stage exists.
   [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
-  [[nodiscard]] const Tracer& tracer() const { return tracer_; }
-  /// Describes the stage's own state, without the collections that it reads and writes, as a part of its
-  /// name. A stage with more state than inputs, outputs and local states adds it.
-  virtual void noteState(StateDigest& digest) const;
+  /// A stage with more state than inputs, outputs and local states adds it.
+  void noteState(StateDigest& digest) const override;
 
   // For inputs, outputs and local state.
-  void inputIs(InputBase& input) { inputs_.push_back(&input); }
   void inputDel(InputBase& input) {
-    std::erase(inputs_, &input);
+    inputRemoved(input);
     std::erase(waiting_, &input);
   }
-  void outputIs(OutputBase& output) { outputs_.push_back(&output); }
-  void localStateIs(LocalState& state) { localStates_.push_back(&state); }
   /// What the stage's handlers look into by keys of type K.
   template <class K>
   [[nodiscard]] Companions& companions() {
@@ -490,7 +554,7 @@ class Stage {
   template <KilnPlatform::FixedString expression>
   bool filter(bool passed) const {
     static constexpr auto kFailed = expression + " failed, terminating pipeline";
-    if (!passed) tracer_.trace<6>(TraceMessage<6>(kFailed.data));
+    if (!passed) tracer().trace<6>(TraceMessage<6>(kFailed.data));
     return passed;
   }
 
@@ -527,7 +591,7 @@ class Stage {
   virtual void checkArguments() const {}
   /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
   virtual void handleInitialized() {}
-  /// Part of the withdrawal, at its begin: withdraws what the stage wrote past its declared outputs.
+  /// Part of the withdrawal, at its begin: ends what the stage does besides its pipelines.
   virtual void handleDeleteAll() {}
 
  private:
@@ -545,11 +609,9 @@ class Stage {
   [[nodiscard]] InputBase* nextInput(Arrival& limit);
 
   std::string_view className_;
-  std::string name_;
   std::string_view readyText_;
   Ref<DependencyStatus> dependencyStatus_;
   StageControl control_;
-  Tracer tracer_;
   bool initialized_ = false;
   bool initialScanDone_ = false;
   InputSmScanState inputSmScanState_;
@@ -559,11 +621,8 @@ class Stage {
   bool reapRequested_ = false;
   Arrival arrivals_ = kFirstArrival;
   std::uint64_t coalescedChanges_ = 0;
-  std::vector<InputBase*> inputs_;
   std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
   bool loneChange_ = false;
-  std::vector<OutputBase*> outputs_;
-  std::vector<LocalState*> localStates_;
   /// By the keys' space; few.
   std::vector<std::pair<const void*, std::unique_ptr<Companions>>> companions_;
   std::unique_ptr<InputBase> readyMachine_;
