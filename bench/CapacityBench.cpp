@@ -8,6 +8,7 @@
 #include "bench/Requests.h"
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/server/KilnEmServerSm.h"
+#include "kiln/status/SemCapacitySm.h"
 
 namespace KilnBench {
 namespace {

@@ -254,9 +254,8 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
 
 void ScheduleRun::giveAnswer(const Choice& choice) {
   const auto tag = static_cast<TableTag>(choice.which);
-  const auto& writers = run_.agent().server().swTableWriterSm();
-  const auto writer = writers.find(tag);
-  lastStage_ = writer == writers.end() ? "" : writer->second->name();
+  const auto writer = run_.agent().server().swTableWriterSm(tag);
+  lastStage_ = writer == nullptr ? "" : writer->name();
   apply(AnswerOperation{tag, SoftTable::Order::fifo, 1, true, choice.place});
   apply(SliceOperation{answerTaskOf(run_.agent().chip().table(tag))});
 }

@@ -22,6 +22,7 @@ class VlanDomainConfig {
   struct configAttr {
     KILN_ATTRIBUTE_BASE(VlanDomainConfig, config, Config::Key, Config::Value)
   };
+  using CollectionAttr = configAttr;
 };
 
 /// The allotted domains. The service writes it, the server reads it. A domain may stand here before anybody

@@ -8,6 +8,9 @@
 
 namespace KilnEmServer {
 
+class DependencyManagerSm;
+class Wiring;
+
 /// What reconciliation did to one output so far.
 struct OutputProgress {
   std::string output;
@@ -19,12 +22,13 @@ struct OutputProgress {
 struct StageProgress {
   std::string stage;
   bool complete = false;
-  /// What it waits for: a collection, another stage, one of its own scans; nothing where it is complete.
+  /// What it waits for: a collection, another stage, one of its own scans; nothing if it is complete.
   std::vector<std::string> waitsFor;
   std::vector<OutputProgress> outputs;
 };
 
-/// The stage's outputs that are reconciled.
-std::vector<OutputProgress> outputProgress(const StageBase& stage);
+/// The rows of the stage map, in its order.
+std::vector<StageProgress> progressOf(const Wiring& wiring, const DependencyManagerSm& manager,
+                                      const DependencyStatus& dependencyStatus);
 
 }  // namespace KilnEmServer

@@ -13,22 +13,6 @@
 
 namespace KilnEmServer {
 
-/// How many entries of one table are requested, and what became of them. One that lost its hardware key to
-/// another feature is requested only: it takes no room, and waits for none.
-struct ResourceCounts {
-  std::uint32_t requested = 0;
-  std::uint32_t programmed = 0;
-  std::uint32_t waiting = 0;  ///< for their VLAN domain or the table's answer
-  std::uint32_t failed = 0;   ///< refused by the table, or not to be composed
-  KILN_VALUE(KilnEmServer, ResourceCounts, requested, programmed, waiting, failed)
-};
-
-/// The counts of one database, by the table's stem. A table of which nothing is requested has none.
-class ResourceTable {
-  KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
-};
-KILN_ENTITY_FACTORY(ResourceTable, resourceTableFactory)
-
 /// Files every requested logical key under the state of its status, inside the call that changes it: that is
 /// all in the stage itself. The rows that changed are published on the stage's task, each once however many
 /// keys changed it.

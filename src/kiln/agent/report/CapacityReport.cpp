@@ -10,6 +10,7 @@
 #include "kiln/agent/io/JsonValue.h"
 #include "kiln/agent/report/Report.h"
 #include "kiln/server/KilnEmServerSm.h"
+#include "kiln/status/SemCapacitySm.h"
 
 namespace KilnAgent {
 namespace {

@@ -1,7 +1,8 @@
 // Entities: objects that publish collections under names.
 //
 // Each macro gives a class one collection attribute with the operations and the descriptor of
-// kiln/platform/Attribute.h.
+// kiln/platform/Attribute.h. `CollectionAttr` is the same descriptor for what treats all entities alike: an
+// entity has one collection.
 #pragma once
 
 #include <memory>
@@ -34,6 +35,7 @@
   struct name##Attr {                                             \
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)          \
   };                                                              \
+  using CollectionAttr = name##Attr;                              \
   void name##Is(const KeyType& key, const ValueType& value) {     \
     name##_.is(key, value);                                       \
   }
@@ -52,6 +54,7 @@
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ValueType)                                          \
     static const KeyType& keyOf(const ValueType& value) { return value.keyField; }                \
   };                                                                                              \
+  using CollectionAttr = name##Attr;                                                              \
   void name##Is(const KeyType& key, const ValueType& value) {                                     \
     KILN_ASSERT_MESSAGE(value.keyField == key,                                                    \
                         "In \"into( " #name                                                       \
@@ -75,17 +78,22 @@
   struct name##Attr {                                                          \
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Unit)            \
   };                                                                           \
+  using CollectionAttr = name##Attr;                                           \
   void name##Is(const KeyType& key) {                                          \
     name##_.is(key, {});                                                       \
   }
 
 /// A collection of key to a shared reference to an entity that is constructed with its key; `nameIs(key)`
-/// returns the member, creating it where there is none.
+/// returns the member, creating it if it does not exist.
 #define KILN_ENTITY_COLLECTION(Owner, name, KeyType, EntityType)                          \
   KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Ref<EntityType>) \
   struct name##Attr {                                                                     \
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)            \
+    static ::KilnPlatform::Ref<EntityType> memberOf(Owner& owner, const KeyType& key) {   \
+      return owner.name##Is(key);                                                         \
+    }                                                                                     \
   };                                                                                      \
+  using CollectionAttr = name##Attr;                                                      \
   ::KilnPlatform::Ref<EntityType> name##Is(const KeyType& key) {                          \
     if (const auto* member = name##_.find(key)) return *member;                           \
     auto created = std::make_shared<EntityType>(key);                                     \
@@ -98,7 +106,11 @@
   KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Ref<EntityType>) \
   struct name##Attr {                                                                     \
     KILN_ATTRIBUTE_BASE(Owner, name, KeyType, ::KilnPlatform::Ref<EntityType>)            \
+    static ::KilnPlatform::Ref<EntityType> memberOf(Owner& owner, const KeyType& key) {   \
+      return owner.name(key).value_or(nullptr);                                           \
+    }                                                                                     \
   };                                                                                      \
+  using CollectionAttr = name##Attr;                                                      \
   void name##Is(const KeyType& key, const ::KilnPlatform::Ref<EntityType>& entity) {      \
     name##_.is(key, entity);                                                              \
   }

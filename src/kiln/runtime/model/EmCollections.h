@@ -1,5 +1,5 @@
 // The entities through which stages hand their results on. Which stage writes which is shown where the server
-// wires them (kiln/server/StageMap.cpp).
+// wires them (kiln/server/Wiring.cpp).
 #pragma once
 
 #include <cstdint>
@@ -202,6 +202,21 @@ class EmLogicalKeyToStatus {
   KILN_KEYED_COLLECTION(EmLogicalKeyToStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
 };
 
+/// How many entries of one table are requested, and their outcomes. One that lost its hardware key to another
+/// feature is requested only: it takes no room, and waits for none.
+struct ResourceCounts {
+  std::uint32_t requested = 0;
+  std::uint32_t programmed = 0;
+  std::uint32_t waiting = 0;  ///< for their VLAN domain or the table's answer
+  std::uint32_t failed = 0;   ///< refused by the table, or not to be composed
+  KILN_VALUE(KilnEmServer, ResourceCounts, requested, programmed, waiting, failed)
+};
+
+/// The counts of one database, by the table's stem. A table of which nothing is requested has none.
+class ResourceTable {
+  KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
+};
+
 /// MDB profiles that are asked for; nothing asks for any yet.
 class MdbCapabilitiesConfig {
   KILN_SET(MdbCapabilitiesConfig, profile, std::uint32_t)
@@ -241,6 +256,7 @@ KILN_ENTITY_FACTORY(EmConflictStatus, emConflictStatusFactory)
 KILN_ENTITY_FACTORY(EmSwTableStatus, emSwTableStatusFactory)
 KILN_ENTITY_FACTORY(EmWrittenKeys, emWrittenKeysFactory)
 KILN_ENTITY_FACTORY(EmLogicalKeyToStatus, emLogicalKeyToStatusFactory)
+KILN_ENTITY_FACTORY(ResourceTable, resourceTableFactory)
 KILN_ENTITY_FACTORY(MdbCapabilitiesConfig, mdbCapabilitiesConfigFactory)
 KILN_ENTITY_FACTORY(KilnMdb::CapabilitiesStatus, capabilitiesStatusFactory)
 KILN_ENTITY_FACTORY(KilnMdb::MdbLocalStatus, mdbLocalStatusFactory)
