@@ -127,6 +127,24 @@ struct MemberArgument {
   }
 };
 
+/// A holder of which only some members are used.
+template <EntityUse use, class Holder>
+struct MembersArgument {
+  using One = MemberArgument<use, Holder>;
+  using Passed = std::conditional_t<One::kWrites, Ref<Holder>, Ref<const Holder>>;
+
+  const ServerEntityOf<Holder>* holder;
+  std::vector<typename Holder::CollectionAttr::Key> keys;
+
+  void declare(std::vector<DeclaredUse>& uses) const {
+    for (const auto& key : keys) One{holder, key}.declare(uses);
+  }
+  [[nodiscard]] std::tuple<Passed> pass(const OwnArguments& given, HandedOver& handed) const {
+    for (const auto& key : keys) (void)One{holder, key}.pass(given, handed);
+    return {(*holder)()};
+  }
+};
+
 /// Read; the stage is released when every other stage that writes it is complete.
 template <class T>
 EntityArgument<EntityUse::read, T> in(const ServerEntityOf<T>& entity) {
@@ -156,6 +174,11 @@ template <class Holder>
 MemberArgument<EntityUse::write, Holder> out(const ServerEntityOf<Holder>& holder,
                                              typename Holder::CollectionAttr::Key key) {
   return {&holder, key};
+}
+template <class Holder>
+MembersArgument<EntityUse::write, Holder> out(const ServerEntityOf<Holder>& holder,
+                                              std::vector<typename Holder::CollectionAttr::Key> keys) {
+  return {&holder, std::move(keys)};
 }
 /// Written, and read as feedback: what an earlier server left, or what others write into it.
 template <class T>

@@ -51,8 +51,17 @@ auto heldByWriter(const Asic::TableInterfaces& tables) {
   }
 }
 
+/// Whether a key type needs a resolver.
 template <class Row>
 constexpr bool kResolved = Row::kResolver != ResolverKeyUnionTag::undefined_;
+
+std::vector<EmComposerKeyUnionTag> resolvedTypes() {
+  std::vector<EmComposerKeyUnionTag> types;
+  forEachKeyType([&]<class Row>() {
+    if (kResolved<Row>) types.push_back(Row::kComposerType);
+  });
+  return types;
+}
 
 }  // namespace
 
@@ -196,7 +205,7 @@ void KilnEmServerSm::wireStatus() {
   wiring_->wire("resolvedKeyStatusSmStage")
       .waitsFor(emStatusMerged, swTableKeyStatusByComposerType)
       .create(resolvedKeyStatusSm, resolvedKeyStatusSmFactory, in(emStatusMerged),
-              out(swTableKeyStatusByComposerType), own);
+              out(swTableKeyStatusByComposerType, resolvedTypes()), own);
   const auto wireFeatures = [&](const char* stage, auto& stages, auto factory, const auto& configs,
                                 const auto& statuses) {
     KilnPlatform::forEachEnumValue<FeatureType>([&](FeatureType feature) {
