@@ -7,7 +7,7 @@
 
 #include "bench/Requests.h"
 #include "kiln/agent/host/EmbeddedAgent.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 #include "kiln/status/SemCapacitySm.h"
 
 namespace KilnBench {
@@ -41,7 +41,7 @@ void capacityUpdate(benchmark::State& state) {
     publish(agent.store(), request, entryOf(request.key, n, 1), 1);
   }
   agent.settle();
-  const auto& done = agent.server().semCapacitySm()->counters();
+  const auto& done = agent.server().capacity()->counters();
   const auto before = done;
   const auto slices = agent.scheduler().counters().slices;
   std::uint32_t round = 0;

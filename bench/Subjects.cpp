@@ -8,6 +8,7 @@
 #include "kiln/compose/KeyFields.h"
 #include "kiln/platform/Asic.h"
 #include "kiln/platform/TableCapacity.h"
+#include "kiln/server/ServerArguments.h"
 
 namespace KilnBench {
 namespace {

@@ -15,7 +15,7 @@
 #include "kiln/agent/platform/VlanDomainService.h"
 #include "kiln/agent/service/CommitPace.h"
 #include "kiln/agent/store/MemoryStateStore.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnBench {
 
@@ -56,7 +56,7 @@ class WholeServer {
   Ref<KilnAgent::MemoryStateStore> store_;
   KilnAgent::VlanDomainService vlanDomains_;
   Ref<KilnAgent::SoftChip> chip_;
-  Ref<KilnEmServer::KilnEmServerSm> server_;
+  Ref<KilnEmServer::Server> server_;
 };
 
 /// The whole server, and features that hand in their requests in lists.

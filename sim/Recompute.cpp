@@ -8,7 +8,7 @@
 #include <tuple>
 
 #include "kiln/agent/io/SortedRows.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnSim {
 namespace {
@@ -264,9 +264,7 @@ Outcome outcomeOf(KilnAgent::EmbeddedAgent& agent) {
                           [&](const IntfIdSystemTcamId& interface, const KilnPlatform::Unit&) {
                             outcome.domainsAsked.insert(interface);
                           });
-  const auto& server = agent.server();
-  for (const auto& table :
-       {server.isemResourceTable(), server.esemResourceTable(), server.lemResourceTable()}) {
+  for (const auto& table : agent.server().resourceTables()) {
     KilnPlatform::forEachIn(table->resource(), [&](const std::string& stem, const ResourceCounts& counts) {
       outcome.resources[KilnEmServer::tableOfStem(stem).value_or(TableTag::undefined_)] = counts;
     });

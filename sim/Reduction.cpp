@@ -6,7 +6,8 @@
 #include <utility>
 
 #include "kiln/platform/EmKeys.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/runtime/stage/Stage.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnSim {
 namespace {

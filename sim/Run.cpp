@@ -7,7 +7,8 @@
 #include <type_traits>
 
 #include "kiln/agent/io/InputError.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/platform/DependencyStatus.h"
+#include "kiln/server/KilnEmServer.h"
 #include "sim/CapacityCount.h"
 #include "sim/Recompute.h"
 
@@ -170,7 +171,7 @@ bool Run::allAnswered() const {
 
 /// What a table owes an answer for may show an earlier status, and keep a domain.
 void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found) {
-  if (!agent_.server().dependencyStatus().completedHas("reconcileCompleteSmStage")) {
+  if (!agent_.server().isComplete("reconcileCompleteSmStage")) {
     expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
   }
   for (int type = 1; type <= kTableTypes; ++type) {

@@ -10,7 +10,8 @@
 
 #include "kiln/agent/io/InputError.h"
 #include "kiln/platform/Assert.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/runtime/stage/Stage.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnSim {
 namespace {
@@ -254,8 +255,11 @@ ScheduleRun::Slice ScheduleRun::runTask(const Choice& choice) {
 
 void ScheduleRun::giveAnswer(const Choice& choice) {
   const auto tag = static_cast<TableTag>(choice.which);
-  const auto writer = run_.agent().server().swTableWriterSm(tag);
-  lastStage_ = writer == nullptr ? "" : writer->name();
+  const std::string writer = fmt::format("swTableWriterSmStage-{}", tag);
+  const auto stages = run_.agent().server().stages();
+  const bool exists =
+      std::any_of(stages.begin(), stages.end(), [&](const auto* stage) { return stage->name() == writer; });
+  lastStage_ = exists ? writer : "";
   apply(AnswerOperation{tag, SoftTable::Order::fifo, 1, true, choice.place});
   apply(SliceOperation{answerTaskOf(run_.agent().chip().table(tag))});
 }

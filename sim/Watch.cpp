@@ -4,7 +4,8 @@
 
 #include <algorithm>
 
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/runtime/stage/Stage.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnSim {
 namespace {
@@ -112,7 +113,7 @@ void Watch::featureGoes(FeatureType feature) {
 }
 
 void Watch::handleChange(const std::string& stage) {
-  if (agent_.server().dependencyStatus().completedHas(stage)) {
+  if (agent_.server().isComplete(stage)) {
     checkReconciled(stage);
     return note(1);
   }

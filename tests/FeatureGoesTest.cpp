@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "kiln/agent/host/EmbeddedAgent.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 #include "tests/TestSupport.h"
 
 namespace KilnTest {
@@ -26,7 +26,7 @@ class FeatureGoesTest : public testing::Test {
   }
   [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kFeature); }
   [[nodiscard]] bool complete() const {
-    return agent.server().dependencyStatus().completedHas("isemSrvStatusSmStage-mpls");
+    return agent.server().isComplete("isemSrvStatusSmStage-mpls");
   }
   [[nodiscard]] std::size_t leftovers() const {
     std::size_t sum = 0;
@@ -66,7 +66,7 @@ TEST_F(FeatureGoesTest, ItsCollectionsAreDestroyedInSlices) {
 
 TEST_F(FeatureGoesTest, StartUpWaitsUntilItsStatusesAreWithdrawn) {
   const auto started = [&](const char* stage) {
-    return agent.server().dependencyStatus().completedHas(stage);
+    return agent.server().isComplete(stage);
   };
   const auto left = statuses();
   agent.restart();

@@ -4,7 +4,7 @@
 
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/agent/report/GraphText.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 #include "tests/Golden.h"
 
 namespace KilnTests {

@@ -13,7 +13,8 @@
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/agent/scenario/Generate.h"
 #include "kiln/agent/scenario/Scenario.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/server/KilnEmServer.h"
 #include "tests/Lines.h"
 
 namespace KilnTests {
@@ -141,7 +142,7 @@ TEST(Hitless, ManyKeysComeStayAndGo) {
   ASSERT_TRUE(KilnEmServer::KeySpace<KilnEmServer::EmLogicalKey>::instance().many());
   EXPECT_EQ(run.failedExpects(), 0U);
   run.run(publishMpls("evpn", 5000, 1) + R"({"op":"settle"})");  // alone among many
-  const std::size_t programmed = run.agent().server().emSwTableConfig()->config().size();
+  const std::size_t programmed = run.agent().server().winners().config().size();
   const ReconcileReport report = run.restart();
   expectNothingTouched(report);
   EXPECT_GT(report.statusesFound, 8000U);
@@ -151,7 +152,7 @@ TEST(Hitless, ManyKeysComeStayAndGo) {
   }
   run.run(R"({"op":"settle"})");
   for (const auto& [name, size] : run.agent().server().leftovers()) EXPECT_EQ(size, 0U) << name;
-  EXPECT_EQ(run.agent().server().emSwTableConfig()->config().size(), 0U);
+  EXPECT_EQ(run.agent().server().winners().config().size(), 0U);
 }
 
 TEST(Hitless, ARestartInTheMiddleOfARestartIsJudgedOverBoth) {

@@ -15,7 +15,7 @@
 
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/agent/scenario/Scenario.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 #include "sim/ScheduleRun.h"
 #include "sim/SmallScenario.h"
 #include "tests/Lines.h"

@@ -136,7 +136,19 @@ std::vector<const StageBase*> KilnEmServerSm::stages() const {
 }
 
 std::vector<StageProgress> KilnEmServerSm::reconcileProgress() const {
-  return progressOf(*wiring_, *dependencyManagerSm_, *dependencyStatus_);
+  std::vector<StageProgress> all;
+  for (const StageGraph::Node& node : graph().nodes) {
+    StageProgress progress{
+        node.stage, isComplete(node.stage), dependencyManagerSm_->waitsFor(node.stage), {}};
+    wiring_->find(node.stage)->forEachStage([&](const StageBase& stage) {
+      for (const OutputBase* output : stage.outputs()) {
+        progress.outputs.push_back({output->name(), output->ready(), output->reconciliationCounts()});
+      }
+      for (std::string& work : stage.waitsFor()) progress.waitsFor.push_back(std::move(work));
+    });
+    all.push_back(std::move(progress));
+  }
+  return all;
 }
 
 NamedSizes KilnEmServerSm::leftovers() const {
@@ -164,7 +176,7 @@ void KilnEmServerSm::noteState(StateDigest& digest) const {
   features_->noteState(digest);
 }
 
-Ref<KilnEmServerSm> kilnEmServerSmFactory(ServerArguments arguments) {
+Ref<Server> kilnEmServerSmFactory(ServerArguments arguments) {
   auto server = std::make_shared<KilnEmServerSm>(std::move(arguments));
   server->handleInitialized();
   return server;

@@ -7,19 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include "kiln/platform/Asic.h"
-#include "kiln/platform/Hardware.h"
-#include "kiln/platform/KilnVlanDomain.h"
-#include "kiln/platform/StateStore.h"
-#include "kiln/platform/TableCapacity.h"
 #include "kiln/program/EmSwTableWriterSm.h"
 #include "kiln/runtime/stage/DependencyStatus.h"
 #include "kiln/server/DependencyManagerSm.h"
-#include "kiln/server/ReconcileProgress.h"
+#include "kiln/server/KilnEmServer.h"
+#include "kiln/server/ServerArguments.h"
 #include "kiln/server/ServerEntities.h"
 #include "kiln/server/ServerFeatures.h"
 #include "kiln/server/ServerStages.h"
-#include "kiln/server/StageGraph.h"
 #include "kiln/server/StageRow.h"
 
 namespace KilnEmServer {
@@ -28,48 +23,33 @@ namespace KilnEmServer {
 /// assertion failure.
 bool resolutionNeeded(EmComposerKeyUnionTag composerType);
 
-/// What the server is given: shared references, kept for its lifetime.
-struct ServerArguments {
-  Ref<KilnPlatform::StateStore> entityManager;
-  Ref<Asic::OrderedTableInterface> orderedTableInterface;
-  Ref<const Hardware::Kiln::Status> hardwareStatus;
-  Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus;
-  Ref<KilnPlatform::TableCapacity> tableCapacity;
-  Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir;
-  Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig;
-  Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus;
-  Asic::TableInterfaces tables;
-};
-
-/// The top of the server. It lives as long as its agent keeps it; destroying it stops every stage and leaves
-/// statuses and tables as they are, for the next server to take up.
-class KilnEmServerSm final : public ServerEntities,
+/// The top of the server.
+class KilnEmServerSm final : public Server,
+                             public ServerEntities,
                              public ServerStages,
                              private KilnPlatform::KeySubscriber<std::string> {
  public:
   explicit KilnEmServerSm(ServerArguments arguments);
-  ~KilnEmServerSm();
-  KilnEmServerSm(const KilnEmServerSm&) = delete;
-  KilnEmServerSm& operator=(const KilnEmServerSm&) = delete;
+  ~KilnEmServerSm() override;
 
   /// To be called once: creates all collections, then sets the stages up.
   void handleInitialized();
 
-  /// The names of the stages that are complete, for the agent.
-  [[nodiscard]] const DependencyStatusRecord& dependencyStatus() const { return *dependencyStatus_; }
-  /// Who reads, who writes, who waits, of this running server.
-  [[nodiscard]] StageGraph graph() const { return dependencyManagerSm_->graph(); }
-  /// How far each stage of the map has come, in the map's order.
-  [[nodiscard]] std::vector<StageProgress> reconcileProgress() const;
-  /// Every intermediate collection, group, cache, version record and pending list, and the VLAN-domain
-  /// requests, with their sizes, sorted by name. All are empty when nothing is requested and every answer is
-  /// in.
-  [[nodiscard]] NamedSizes leftovers() const;
-  /// Describes all that the server owns: what it does next depends on this, on what it was handed and on
-  /// which tasks are ready.
-  void noteState(StateDigest& digest) const;
-  /// Every stage that exists, in the order of the road of an entry; last the dependency manager.
-  [[nodiscard]] std::vector<const StageBase*> stages() const;
+  [[nodiscard]] const DependencyStatusRecord& dependencyStatus() const override { return *dependencyStatus_; }
+  [[nodiscard]] bool isComplete(const std::string& stage) const override {
+    return dependencyStatus_->completedHas(stage);
+  }
+  [[nodiscard]] std::vector<StageProgress> reconcileProgress() const override;
+  [[nodiscard]] StageGraph graph() const override { return dependencyManagerSm_->graph(); }
+  [[nodiscard]] NamedSizes leftovers() const override;
+  [[nodiscard]] std::vector<const StageBase*> stages() const override;
+  void noteState(StateDigest& digest) const override;
+  [[nodiscard]] const EmConflictStatus& conflicts() const override { return *emConflictStatus(); }
+  [[nodiscard]] const EmSwTableConfig& winners() const override { return *emSwTableConfig(); }
+  [[nodiscard]] std::vector<Ref<const ResourceTable>> resourceTables() const override {
+    return {isemResourceTable(), esemResourceTable(), lemResourceTable()};
+  }
+  [[nodiscard]] Ref<const SemCapacitySm> capacity() const override { return semCapacitySm(); }
 
  private:
   // Set-up, in its fixed order.
@@ -100,24 +80,5 @@ class KilnEmServerSm final : public ServerEntities,
   std::unique_ptr<DependencyManagerSm> dependencyManagerSm_;
   std::unique_ptr<ServerFeatures> features_;
 };
-
-/// Creates the server and starts it.
-Ref<KilnEmServerSm> kilnEmServerSmFactory(ServerArguments arguments);
-
-/// The same with each argument by itself: the eight that every server takes, then the table interface of each
-/// key type, in any order. An interface that is missing does not compile.
-template <class... Interfaces>
-Ref<KilnEmServerSm> kilnEmServerSmFactory(
-    Ref<KilnPlatform::StateStore> entityManager, Ref<Asic::OrderedTableInterface> orderedTableInterface,
-    Ref<const Hardware::Kiln::Status> hardwareStatus, Ref<const Hardware::Kiln::MdbStatus> hardwareMdbStatus,
-    Ref<KilnPlatform::TableCapacity> tableCapacity,
-    Ref<const KilnTunnelNiLib::SemCapacityExternalDir> semCapacityExternalDir,
-    Ref<KilnVlanDomain::VlanDomainConfig> vlanDomainConfig,
-    Ref<const KilnVlanDomain::VlanDomainStatus> vlanDomainStatus, const Ref<Interfaces>&... tables) {
-  return kilnEmServerSmFactory(ServerArguments{
-      std::move(entityManager), std::move(orderedTableInterface), std::move(hardwareStatus),
-      std::move(hardwareMdbStatus), std::move(tableCapacity), std::move(semCapacityExternalDir),
-      std::move(vlanDomainConfig), std::move(vlanDomainStatus), Asic::TableInterfaces(tables...)});
-}
 
 }  // namespace KilnEmServer

@@ -4,18 +4,15 @@
 #include <string>
 #include <vector>
 
-#include "kiln/runtime/stage/Stage.h"
+#include "kiln/runtime/stage/ReconciliationCounts.h"
 
 namespace KilnEmServer {
-
-class DependencyManagerSm;
-class Wiring;
 
 /// What reconciliation did to one output so far.
 struct OutputProgress {
   std::string output;
   bool ready = false;
-  OutputBase::ReconciliationCounts counts;
+  ReconciliationCounts counts;
 };
 
 /// One stage of the stage map.
@@ -26,9 +23,5 @@ struct StageProgress {
   std::vector<std::string> waitsFor;
   std::vector<OutputProgress> outputs;
 };
-
-/// The rows of the stage map, in its order.
-std::vector<StageProgress> progressOf(const Wiring& wiring, const DependencyManagerSm& manager,
-                                      const DependencyStatus& dependencyStatus);
 
 }  // namespace KilnEmServer

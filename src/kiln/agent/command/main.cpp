@@ -32,7 +32,7 @@
 #include "kiln/agent/scenario/Scenario.h"
 #include "kiln/agent/service/Send.h"
 #include "kiln/agent/service/Serve.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnAgent {
 namespace {

@@ -10,7 +10,7 @@
 #include "kiln/agent/io/InputError.h"
 #include "kiln/agent/platform/YieldPolicies.h"
 #include "kiln/runtime/trace/Trace.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/ServerArguments.h"
 
 namespace KilnAgent {
 namespace {

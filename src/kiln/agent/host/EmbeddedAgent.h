@@ -22,7 +22,7 @@
 #include "kiln/runtime/stage/StateDigest.h"
 
 namespace KilnEmServer {
-class KilnEmServerSm;
+class Server;
 }
 
 namespace KilnAgent {
@@ -88,7 +88,7 @@ class EmbeddedAgent {
   [[nodiscard]] const KilnTunnelNiLib::SemCapacityExternalDir& externalUsers() const {
     return *externalUsers_;
   }
-  [[nodiscard]] const KilnEmServer::KilnEmServerSm& server() const { return *server_; }
+  [[nodiscard]] const KilnEmServer::Server& server() const { return *server_; }
 
   [[nodiscard]] const ReconcileMonitor& reconcileMonitor() const { return *reconcileMonitor_; }
   /// Null without a state directory.
@@ -131,7 +131,7 @@ class EmbeddedAgent {
   Ref<KilnPlatform::TableCapacity> capacity_;
   Ref<KilnTunnelNiLib::SemCapacityExternalDir> externalUsers_;
   std::unique_ptr<ReconcileMonitor> reconcileMonitor_;
-  Ref<KilnEmServer::KilnEmServerSm> server_;
+  Ref<KilnEmServer::Server> server_;
 };
 
 }  // namespace KilnAgent

@@ -7,7 +7,7 @@
 
 #include "kiln/agent/io/JsonValue.h"
 #include "kiln/compose/KeyFields.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnAgent {
 namespace {
@@ -19,7 +19,7 @@ using KilnEmServer::EmResolvedKey;
 using KilnEmServer::EmStatus;
 using KilnEmServer::EmType;
 using KilnEmServer::FeatureType;
-using KilnEmServer::KilnEmServerSm;
+using KilnEmServer::Server;
 using KilnTunnelNiLib::IntfIdSystemTcamId;
 
 /// The interface whose VLAN domain a composer key needs, for the keys that need one.
@@ -223,7 +223,7 @@ void ReconcileMonitor::agentStarts() {
   if (statusesFound_ != 0 || tablesHold) restartBegins(nullptr);
 }
 
-void ReconcileMonitor::restartBegins(const KilnEmServerSm* interrupted) {
+void ReconcileMonitor::restartBegins(const Server* interrupted) {
   if (restarting_ && interrupted != nullptr) {
     ended_ = makeReport(*interrupted);
     ended_->state = ReconcileReport::State::interrupted;
@@ -237,8 +237,8 @@ void ReconcileMonitor::restartBegins(const KilnEmServerSm* interrupted) {
   watchAll(true);
 }
 
-void ReconcileMonitor::quiet(const KilnEmServerSm& server) {
-  if (!restarting_ || !server.dependencyStatus().completedHas("finalizeStartupStage")) return;
+void ReconcileMonitor::quiet(const Server& server) {
+  if (!restarting_ || !server.ready()) return;
   std::size_t held = 0;
   chip_.forEachTable([&](const SoftTable& table) { held += table.held(); });
   if (held != 0) return;
@@ -270,18 +270,18 @@ void ReconcileMonitor::statusTouched(EmType database, const EmLogicalKey& key,
 
 // --- Judgement ---------------------------------------------------------------------------------------------
 
-std::optional<ReconcileReport> ReconcileMonitor::report(const KilnEmServerSm& server) const {
+std::optional<ReconcileReport> ReconcileMonitor::report(const Server& server) const {
   return restarting_ ? makeReport(server) : ended_;
 }
 
-ReconcileReport ReconcileMonitor::makeReport(const KilnEmServerSm& server) const {
+ReconcileReport ReconcileMonitor::makeReport(const Server& server) const {
   Judgement judgement(*this, server);
   while (judgement.step(std::numeric_limits<std::size_t>::max())) {
   }
   return std::move(judgement.report());
 }
 
-ReconcileMonitor::Judgement::Judgement(const ReconcileMonitor& monitor, const KilnEmServerSm& server)
+ReconcileMonitor::Judgement::Judgement(const ReconcileMonitor& monitor, const Server& server)
     : monitor_(monitor), endedCount_(monitor.endedCount_) {
   report_.restart = monitor.restarts_;
   report_.stages = server.reconcileProgress();

@@ -21,7 +21,7 @@
 #include "kiln/server/ReconcileProgress.h"
 
 namespace KilnEmServer {
-class KilnEmServerSm;
+class Server;
 }
 
 namespace KilnAgent {
@@ -77,16 +77,16 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   /// The agent starts: a restart begins where requests, statuses or table entries stand there already.
   void agentStarts();
   /// A server is about to be created over what an earlier one left.
-  void restartBegins(const KilnEmServer::KilnEmServerSm* interrupted);
+  void restartBegins(const KilnEmServer::Server* interrupted);
   /// Nothing is ready to run: ends the restart where its server has completed and no answer is held.
-  void quiet(const KilnEmServer::KilnEmServerSm& server);
+  void quiet(const KilnEmServer::Server& server);
   [[nodiscard]] bool restarting() const { return restarting_; }
 
   /// Judges the restart that goes on in steps, while the agent may go on in between.
   class Judgement {
    public:
     /// A restart must be going on. Both references must outlive it.
-    Judgement(const ReconcileMonitor& monitor, const KilnEmServer::KilnEmServerSm& server);
+    Judgement(const ReconcileMonitor& monitor, const KilnEmServer::Server& server);
     /// Judges up to `items` of what was touched. Returns whether there is more.
     bool step(std::size_t items);
     /// Complete when there is no more.
@@ -109,7 +109,7 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   };
 
   /// The restart that goes on or, if there is none, the last one; none before the first.
-  [[nodiscard]] std::optional<ReconcileReport> report(const KilnEmServer::KilnEmServerSm& server) const;
+  [[nodiscard]] std::optional<ReconcileReport> report(const KilnEmServer::Server& server) const;
   /// The restart that ended last, and how many have.
   [[nodiscard]] const std::optional<ReconcileReport>& ended() const { return ended_; }
   [[nodiscard]] std::uint64_t endedCount() const { return endedCount_; }
@@ -141,7 +141,7 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   void statusTouched(KilnEmServer::EmType database, const KilnEmServer::EmLogicalKey& key,
                      const std::optional<StatusRecord>& before, bool deleted);
 
-  [[nodiscard]] ReconcileReport makeReport(const KilnEmServer::KilnEmServerSm& server) const;
+  [[nodiscard]] ReconcileReport makeReport(const KilnEmServer::Server& server) const;
   void judge(ReconcileReport& report, const KilnEmServer::EmResolvedKey& key,
              const TouchedEntry& touched) const;
   void judge(ReconcileReport& report, const RecordKey& recordKey,

@@ -9,7 +9,7 @@
 
 #include "kiln/agent/io/JsonValue.h"
 #include "kiln/agent/report/Report.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/server/KilnEmServer.h"
 #include "kiln/status/SemCapacitySm.h"
 
 namespace KilnAgent {
@@ -46,9 +46,7 @@ struct Demand {
 
 KilnEmServer::ByKeyType<ResourceCounts> resources(const EmbeddedAgent& agent) {
   KilnEmServer::ByKeyType<ResourceCounts> counts;
-  const auto& server = agent.server();
-  for (const auto& table :
-       {server.isemResourceTable(), server.esemResourceTable(), server.lemResourceTable()}) {
+  for (const auto& table : agent.server().resourceTables()) {
     for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
       if (const auto* row = table->resource().find(std::string(type.stem))) counts[type.tag] = *row;
     }
@@ -60,7 +58,7 @@ KilnEmServer::ByKeyType<ResourceCounts> resources(const EmbeddedAgent& agent) {
 std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kiln::FapType fapType) {
   std::map<std::string, Demand> byTable;
   const auto counts = resources(agent);
-  const auto capacity = agent.server().semCapacitySm();
+  const auto capacity = agent.server().capacity();
   for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
     if (capacity == nullptr || type.memory == KilnEmServer::TableMemory::none) continue;
     const std::uint64_t width = type.width60Bit;

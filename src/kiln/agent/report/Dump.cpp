@@ -4,7 +4,8 @@
 #include <string_view>
 
 #include "kiln/agent/io/SortedRows.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/platform/DependencyStatus.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnAgent {
 namespace {

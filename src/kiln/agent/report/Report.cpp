@@ -11,7 +11,8 @@
 #include "kiln/agent/host/CapacityMonitor.h"
 #include "kiln/agent/io/JsonValue.h"
 #include "kiln/agent/io/SortedRows.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/runtime/model/EmCollections.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnAgent {
 namespace {
@@ -80,17 +81,16 @@ std::optional<std::uint64_t> interfaceIdOf(const EmLogicalKey& key) {
 
 void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
   std::map<EmHwKey, std::vector<const KilnEmServer::EmRequestStatus*>> losers;
-  const auto statuses = agent.server().emConflictStatus();
-  const auto rows = sortedRows(statuses->status());
+  const auto rows = sortedRows(agent.server().conflicts().status());
   for (const auto& [key, status] : rows) {
     if (status.status == KilnEmServer::EmStatus::hwKeyConflict) {
       losers[status.emSwTableKeyFapCore].push_back(&status);
     }
   }
-  const auto winners = agent.server().emSwTableConfig();
+  const auto& winners = agent.server().winners().config();
   // Interfaces that have one VLAN domain take the entries from each other, whatever their features.
   const auto betweenInterfaces = [&](const auto& conflict) {
-    const auto* winner = winners->config().find(conflict.first);
+    const auto* winner = winners.find(conflict.first);
     return winner != nullptr &&
            std::any_of(conflict.second.begin(), conflict.second.end(), [&](const auto* lost) {
              return interfaceIdOf(lost->emLogicalKey) != interfaceIdOf(winner->emLogicalKey);
@@ -106,7 +106,7 @@ void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
     const auto& [hwKey, lost] = conflict;
     fmt::format_to(out, "  {}{}\n", keyToJson(hwKey, &EmHwKey::emResolvedKey).dump(),
                    betweenInterfaces(conflict) ? " between interfaces" : "");
-    if (const auto* winner = winners->config().find(hwKey)) {
+    if (const auto* winner = winners.find(hwKey)) {
       fmt::format_to(out, "    won by  {}\n",
                      contenderText(winner->emLogicalKey, winner->emEntry.requestVersion));
     }

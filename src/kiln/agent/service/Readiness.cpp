@@ -6,7 +6,8 @@
 #include <cstdio>
 
 #include "kiln/agent/report/Report.h"
-#include "kiln/server/KilnEmServerSm.h"
+#include "kiln/platform/DependencyStatus.h"
+#include "kiln/server/KilnEmServer.h"
 
 namespace KilnAgent {
 namespace {
@@ -33,7 +34,7 @@ bool Readiness::update() {
   }
   if (ready_) return false;
   if (now - lastProgress_ >= kProgressInterval) tellProgress();
-  ready_ = agent_.server().dependencyStatus().completedHas("finalizeStartupStage");
+  ready_ = agent_.server().ready();
   if (ready_) reconciled_ = now;
   return ready_;
 }

@@ -27,6 +27,7 @@
 #include "kiln/runtime/collections/Column.h"
 #include "kiln/runtime/collections/KeySpace.h"
 #include "kiln/runtime/collections/PendingKeys.h"
+#include "kiln/runtime/stage/ReconciliationCounts.h"
 #include "kiln/runtime/stage/StateDigest.h"
 #include "kiln/runtime/trace/Trace.h"
 
@@ -269,19 +270,7 @@ class OutputBase : public DeclaredOutput {
  public:
   enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
 
-  /// What reconciliation did to the output's entries, each counted once.
-  struct ReconciliationCounts {
-    std::size_t found = 0;      ///< stood there at start
-    std::size_t kept = 0;       ///< written again with the value that stood there
-    std::size_t rewritten = 0;  ///< written again with another value
-    std::size_t inserted = 0;   ///< written where nothing stood
-    std::size_t deleted = 0;    ///< stale
-
-    /// Of those found, the ones about which nothing was decided: all of them at start; at the end those
-    /// that stay as they stood until something is known of them.
-    [[nodiscard]] std::size_t waiting() const { return found - kept - rewritten - deleted; }
-    friend bool operator==(const ReconciliationCounts&, const ReconciliationCounts&) = default;
-  };
+  using ReconciliationCounts = KilnEmServer::ReconciliationCounts;
 
   ~OutputBase() override;
 
