@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# On a fresh Debian 12: installs what is missing, builds and runs all tests with the asan preset, those of the variant
-# with ordered collections with the ordered preset, and with the release preset what holds the cost of an entry against
-# its record, and the exploration of small scenarios. With --fuzz also the fuzz targets.
+# On a fresh Debian 12: installs what is missing, checks that headers and sources compile by themselves, builds and runs
+# all tests with the asan preset, those of the variant with ordered collections with the ordered preset, and with the
+# release preset what holds the cost of an entry against its record, and the exploration of small scenarios. With --fuzz
+# also the fuzz targets.
 set -euo pipefail
 cd "$(dirname "$0")"
 tools/setup.sh
 jobs="$(nproc)"
+tools/check-alone.py --jobs "$jobs"
 cmake --preset ordered >/dev/null
 cmake --build --preset ordered
 ctest --preset ordered -j "$jobs"
