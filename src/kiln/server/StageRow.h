@@ -189,20 +189,21 @@ EntityArgument<EntityUse::update, T> update(const ServerEntityOf<T>& entity) {
 /// An argument that may be left out: then a null reference is passed.
 template <class Argument>
 struct OptionalArgument {
-  std::optional<Argument> argument;
+  bool present;
+  Argument argument;
 
   void declare(std::vector<DeclaredUse>& uses) const {
-    if (argument) argument->declare(uses);
+    if (present) argument.declare(uses);
   }
   [[nodiscard]] std::tuple<typename Argument::Passed> pass(const OwnArguments& given,
                                                            HandedOver& handed) const {
-    if (argument) return argument->pass(given, handed);
+    if (present) return argument.pass(given, handed);
     return {nullptr};
   }
 };
 template <class Argument>
 OptionalArgument<Argument> onlyIf(bool present, Argument argument) {
-  return {present ? std::optional<Argument>(argument) : std::nullopt};
+  return {present, argument};
 }
 
 namespace detail {
