@@ -65,8 +65,9 @@ class OrderedSwTable : public SwTableBase {
     EntryState entryState_;
   };
 
-  /// Called once with the answer, or destroyed without a call where the table goes first. May be called from
-  /// within the operation that it was passed to, or any time later, in any order among operations.
+  /// Called once with the answer, or destroyed without a call if the table is destroyed first. The table may
+  /// call it from within the operation that it was passed to or at any later time, and in any order among
+  /// operations.
   using ResponseHandler = KilnPlatform::InplaceFunction<void(const Ref<const EntryHandle>&), 200>;
 
   virtual ~OrderedSwTable() = default;
@@ -89,9 +90,10 @@ class KilnSwTable : public OrderedSwTable {
   using Entry = TableEntry;
   using Entrys = KilnPlatform::KeyedCollection<TableKey, TableEntry>;
 
-  /// Programs or overwrites the entry. The answer is other than success if the table refuses it; the table
-  /// then holds no entry under the key. Each time that a removal has been answered the server writes the
-  /// refused entry again that has waited longest, and each of them once when reconciliation has completed.
+  /// Programs or overwrites the entry. If the table refuses the entry, the answer is not success and the
+  /// table then holds no entry under the key. After each answered removal, the server writes the
+  /// longest-waiting refused entry again; when reconciliation has completed, it writes each refused entry
+  /// once.
   virtual void entryWriteWithResponseHandler(const TableKey& key, const TableEntry& entry,
                                              const Ref<const DependencyEntryHandle>& dependency,
                                              ResponseHandler handler) = 0;
@@ -100,8 +102,8 @@ class KilnSwTable : public OrderedSwTable {
   virtual void entryRemoveWithResponseHandler(const TableKey& key,
                                               const Ref<const DependencyEntryHandle>& dependency,
                                               ResponseHandler handler) = 0;
-  /// An operation on this key is likely to follow soon, and with `next` before those on other keys: a table
-  /// may fetch what it has under it. Nothing that can be observed depends on it.
+  /// Hint: an operation on this key is likely to follow soon; with `next`, before those on other keys. A
+  /// table may prefetch what it has under the key. The hint has no observable effect.
   virtual void entryExpected(const TableKey& /*key*/, bool /*next*/) {}
   /// The current entries.
   [[nodiscard]] virtual const Entrys& entrys() const = 0;
@@ -122,7 +124,7 @@ class KilnInterface {
   KilnInterface(const KilnInterface&) = delete;
   KilnInterface& operator=(const KilnInterface&) = delete;
 
-  /// The table of a unit, or null. Which class it is of, its user finds out by a run-time type test.
+  /// The table of a unit, or null. The caller finds out its class by a run-time type test.
   [[nodiscard]] virtual OrderedSwTable* orderedSwTable(UnitId unit) const = 0;
 
  protected:
@@ -185,7 +187,7 @@ class TableInterfaces {
   KilnEmServer::OverKeyTypes<Interfaces> interfaces_;
 };
 
-/// Told that something about an object changed; what, it reads from the object.
+/// Notified that something about an object changed; the subscriber reads from the object what changed.
 class ChangeSubscriber {
  public:
   virtual void handleChange() = 0;
@@ -198,10 +200,10 @@ class ChangeSubscriber {
 class OrderedTableStatus {
  public:
   virtual ~OrderedTableStatus() = default;
-  /// Whether operations have not reached the hardware yet, or have not been answered: the last refusal is to
-  /// be known before reconciliation completes.
+  /// Whether operations have not reached the hardware yet, or are not answered yet: reconciliation must not
+  /// complete before the last refusal is known.
   [[nodiscard]] virtual bool pendingHwWrites() const = 0;
-  /// Subscribers are told of each change of the flag; they must stay alive until removed.
+  /// Subscribers are notified of each change of the flag; they must stay alive until removed.
   virtual void subscribe(ChangeSubscriber& subscriber) const = 0;
   virtual void unsubscribe(ChangeSubscriber& subscriber) const = 0;
 };
@@ -210,14 +212,14 @@ class OrderedTableStatus {
 class OrderedTableInterface {
  public:
   virtual ~OrderedTableInterface() = default;
-  /// The software side has written everything that it wants after a restart: what was not written again may
-  /// go.
+  /// The software side has written everything that it wants after a restart; entries that were not written
+  /// again may be removed.
   virtual void reconcileComplete() = 0;
   /// Writes the pending entries to the hardware.
   virtual void commitHwWrites() = 0;
-  /// The status that the layer exposes now, or null.
+  /// The status object that the layer exposes now, or null.
   [[nodiscard]] virtual Ref<const OrderedTableStatus> status() const = 0;
-  /// Subscribers are told when `status` becomes another object; they must stay alive until removed.
+  /// Subscribers are notified when `status` becomes another object; they must stay alive until removed.
   virtual void subscribe(ChangeSubscriber& subscriber) const = 0;
   virtual void unsubscribe(ChangeSubscriber& subscriber) const = 0;
 };

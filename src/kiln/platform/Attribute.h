@@ -38,7 +38,8 @@
     return entity.name();                                    \
   }
 
-/// An attribute of an entity that is handed its collection when it is made, but for `nameIs` and `nameAttr`.
+/// An attribute of an entity that receives its collection when it is constructed, but for `nameIs` and
+/// `nameAttr`.
 #define KILN_GIVEN_COLLECTION(name, KeyType, ValueType)                   \
  public:                                                                  \
   using name##Coll = ::KilnPlatform::KeyedCollection<KeyType, ValueType>; \

@@ -8,8 +8,8 @@
 
 namespace KilnPlatform {
 
-/// Divides the keys of a type into partitions: one small number, computed from the key. A subscriber says
-/// once which it wants. Specialised per key type.
+/// Divides the keys of a type into partitions: one small number, computed from the key. A subscriber selects
+/// its partitions once, when it subscribes. Specialised per key type.
 template <class K>
 struct KeyPartition {
   static constexpr std::size_t kCount = 1;
@@ -30,35 +30,34 @@ template <class K>
 class KeySubscriber {
  public:
   virtual void handleChange(const K& key) = 0;
-  /// The partitions whose keys are wanted; asked when subscribing. A collection may notify of others, too.
+  /// The selected partitions; read when subscribing. A collection may notify of other keys, too.
   [[nodiscard]] virtual PartitionSet<K> partitions() const { return PartitionSet<K>().set(); }
-  /// A key of another partition changed, while filters are traced: may trace that, and do no more.
+  /// A key of another partition changed while filters are traced: may trace that, and must do nothing else.
   virtual void traceUnselected(const K& /*key*/) const {}
-  /// Whether a change of the key was notified and is not handled yet.
+  /// Whether a change of the key was notified but is not handled yet.
   [[nodiscard]] virtual bool changeWaits(const K& /*key*/) const { return false; }
 
  protected:
   ~KeySubscriber() = default;
 };
 
-/// The resumable position of a walk over a collection. A default one stands before the first key. Which
-/// members a collection uses is its own affair; a cursor belongs to the collection that moved it.
+/// The resumable position of a walk over a collection. A default one is before the first key. Each collection
+/// uses the members that it needs; a cursor belongs to the collection that moved it.
 template <class K>
 struct ScanCursor {
   bool started = false;
   std::size_t index = 0;
   std::optional<K> last;
-  /// Groups of partitions that the walk is not about: a collection that stores keys by group may leave out
-  /// those below an index.
+  /// Groups of partitions that the walk may leave out: a collection that stores keys by group can skip them.
   std::bitset<KeyPartition<K>::kGroups> skipped;
   std::size_t skippedBelow = 0;
 };
 
-/// What may be told which key will be looked up soon.
+/// Can prefetch what it stores under a key that will be looked up soon.
 class FetchedAhead {
  public:
-  /// The key that the thread's key space knows by this handle will be looked up: a collection that files by
-  /// handle may fetch what it has under it.
+  /// The key with this handle in the thread's key space will be looked up: a collection that stores values by
+  /// handle may prefetch the value.
   virtual void prefetch(std::uint32_t /*handle*/) const {}
 
  protected:
@@ -66,8 +65,8 @@ class FetchedAhead {
 };
 
 /// A collection of key to value. Every real change (insert, replace by another value, delete) notifies every
-/// subscriber with the key; `is` with an equal value and `del` of an absent key change nothing and notify
-/// nobody. One thread only.
+/// subscriber with the key. `is` with an equal value and `del` of an absent key change nothing and notify no
+/// subscriber. One thread only.
 template <class K, class V>
 class KeyedCollection : public FetchedAhead {
  public:
@@ -79,12 +78,12 @@ class KeyedCollection : public FetchedAhead {
   /// The value under `key`, or null. Valid until the collection's next change.
   [[nodiscard]] virtual const V* find(const K& key) const = 0;
   [[nodiscard]] virtual std::size_t size() const = 0;
-  /// Inserts or replaces. True where that changed the collection.
+  /// Inserts or replaces. True if that changed the collection.
   virtual bool is(const K& key, const V& value) = 0;
-  /// Deletes. True where the key was present.
+  /// Deletes. True if the key was present.
   virtual bool del(const K& key) = 0;
-  /// Deletes every key, notifying each; also those that subscribers insert meanwhile. One walk per round: a
-  /// walk that began anew for each key would pass by all that was emptied before.
+  /// Deletes every key and notifies each, including keys that subscribers insert in the meantime. One walk
+  /// per round: restarting the walk for each key would pass over all places that are already empty.
   virtual void delAll() {
     while (!empty()) {
       ScanCursor<K> cursor;
@@ -117,13 +116,13 @@ class KeyedCollection : public FetchedAhead {
   KeyedCollection& operator=(const KeyedCollection&) = delete;
 };
 
-/// The address by which a collection is known, whatever its class.
+/// The address that identifies a collection, whatever its class.
 template <class K, class V>
 const void* addressOf(const KeyedCollection<K, V>& collection) {
   return &collection;
 }
 
-/// Visits every key and value; the collection must not change meanwhile.
+/// Visits every key and value; the collection must not change during the visit.
 template <class C, class Visitor>
 void forEachIn(const C& collection, Visitor&& visitor) {
   ScanCursor<typename C::Key> cursor;

@@ -9,8 +9,8 @@
 
 namespace KilnPlatform {
 
-/// One stage of a stage map. Collections go by name; the member of a collection of collections by
-/// "name[ key ]", which exists when its holder does.
+/// One stage of a stage map. Collections are named; the member of a collection of collections is named "name[
+/// key ]" and exists when its holder does.
 struct StageMapEntry {
   using Action = InplaceFunction<void(), 48>;
   std::string stage;
@@ -21,7 +21,7 @@ struct StageMapEntry {
   /// Collections that the stage reads: it is released when every other stage that writes one of them is
   /// complete.
   std::vector<std::string> reads;
-  /// Collections that the stage reads without waiting for those who write them.
+  /// Collections that the stage reads without waiting for the stages that write them.
   std::vector<std::string> feedbackReads;
   /// Collections that the stage writes.
   std::vector<std::string> writes;
@@ -30,7 +30,7 @@ struct StageMapEntry {
 };
 using StageMap = std::vector<StageMapEntry>;
 
-/// Runs each action of a stage map once, when what it depends on is there.
+/// Runs each action of a stage map once, as soon as its dependencies exist and are complete.
 class DependencyManager {
  public:
   virtual ~DependencyManager() = default;

@@ -1,4 +1,4 @@
-// Which stages are ready, and the manager that releases stages in the order of what they depend on.
+// Which stages are ready: the record that orders their release.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ class DependencyStatus {
   [[nodiscard]] virtual const Completed& completed() const = 0;
   /// Adds a stage's name.
   virtual void completedIs(const std::string& name) = 0;
-  /// Removes a stage's name: it is torn down or no longer ready.
+  /// Removes a stage's name: the stage is torn down or no longer ready.
   virtual void completedDel(const std::string& name) = 0;
 };
 

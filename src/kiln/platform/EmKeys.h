@@ -38,7 +38,7 @@ struct IntfIdSystemTcamId {
   KILN_VALUE(KilnTunnelNiLib, IntfIdSystemTcamId, intfId, systemTcamId)
 };
 
-// Composer keys: what features ask with.
+// Composer keys: the keys of the features' requests.
 
 struct IsemUntaggedComposerKey {
   std::uint64_t intfId = 0;
@@ -94,7 +94,7 @@ struct LemVpwsAcComposerKey {
   KILN_VALUE(KilnTunnelNiLib, LemVpwsAcComposerKey, inLif, outerVlanId, innerVlanId, outerPcp, innerPcp)
 };
 
-// Entry keys: what the chip's tables are keyed by.
+// Entry keys: the keys of the chip's tables.
 
 struct IsemUntaggedEntryKey {
   U9 vlanDomain;
@@ -146,7 +146,7 @@ struct LemVpwsAcEntryKey {
   KILN_VALUE(KilnTunnelNiLib, LemVpwsAcEntryKey, inLif, outerVlanId, innerVlanId, outerPcp, innerPcp)
 };
 
-// Entries: what the chip's tables answer with.
+// Entries: the result data of the chip's tables.
 
 struct IsemUntaggedEntry {
   std::uint32_t lif = 0;
@@ -207,7 +207,7 @@ namespace KilnEmServer {
 /// The exact-match databases.
 KILN_NAMED_ENUM(KilnEmServer, EmType, 0, isem, esem, lem)
 
-/// The client features, least priority first: if two request one hardware key, the greater value wins.
+/// The client features, lowest priority first: if two request one hardware key, the greater value wins.
 KILN_NAMED_ENUM(KilnEmServer, FeatureType, 1, bridging, subinterface, vxlan, mpls, evpn, vpws, srv6,
                 mirroring)
 
@@ -218,7 +218,7 @@ KILN_NAMED_ENUM(KilnEmServer, EmStatus, 0, hwPending, hwSuccess, hwFail, hwKeyCo
 enum class ResolverKeyUnionTag : std::uint8_t { undefined_ = 0, vd = 1 };
 
 /// The memory of the chip in which the entries of a key type are stored. The two ingress memories are
-/// different physical tables on different types of FAP; `none` is no table of the MDB.
+/// different physical tables on different types of FAP; `none` means no table of the MDB.
 enum class TableMemory : std::uint8_t { none, isemNarrow, isemWide, esem };
 
 /// What a table writer is created with: the interface to the tables of its type, or the table itself.
@@ -341,7 +341,7 @@ struct OverKeyTypes<T, std::index_sequence<index...>> {
   using type = T<KeyType<static_cast<EmResolvedKeyUnionTag>(index + 1)>...>;
 };
 }  // namespace detail
-/// T of all rows, in the order of their numbers.
+/// T with all rows as arguments, in the order of their numbers.
 template <template <class...> class T>
 using OverKeyTypes = typename detail::OverKeyTypes<T, std::make_index_sequence<kKeyTypes>>::type;
 
@@ -412,7 +412,7 @@ class ByKeyType {
   std::array<T, kKeyTypes> values_{};
 };
 
-/// What is known of each key type.
+/// The row of each key type, as values.
 inline constexpr ByKeyType<KeyTypeInfo> kKeyTypeInfo = [] {
   ByKeyType<KeyTypeInfo> info;
   forEachKeyType([&]<class Row>() {
@@ -422,14 +422,14 @@ inline constexpr ByKeyType<KeyTypeInfo> kKeyTypeInfo = [] {
   return info;
 }();
 
-/// The stem by which a table goes.
+/// The stem of a table's names.
 constexpr std::string_view tableStem(EmResolvedKeyUnionTag tag) {
   return kKeyTypeInfo[tag].stem;
 }
 constexpr std::string_view tableStem(EmComposerKeyUnionTag type) {
   return kKeyTypeInfo[type].stem;
 }
-/// The table that goes by a stem; nothing if no table does.
+/// The table with this stem; nothing if no table has it.
 constexpr std::optional<EmResolvedKeyUnionTag> tableOfStem(std::string_view stem) {
   for (const KeyTypeInfo& type : kKeyTypeInfo) {
     if (type.stem == stem) return type.tag;
@@ -448,7 +448,7 @@ struct EmComposerKeyTraits {
   static constexpr std::size_t kCapacity = 24;
   static constexpr std::size_t kHints = 2;  ///< for the request key, for the logical key
 };
-/// The part of a request's key that its composer works from.
+/// The composer key of a request: the part that its composer reads.
 using EmComposerKey = KilnPlatform::TaggedUnion<EmComposerKeyTraits KILN_KEY_TYPES(KILN_COMPOSER_KEY)>;
 
 struct EmResolvedKeyTraits {

@@ -15,7 +15,7 @@
 
 namespace Hardware::Kiln {
 
-/// One forwarding chip. 0x7FE stands for all of them.
+/// One forwarding chip. 0x7FE means all chips.
 class FapId {
  public:
   using Number = std::uint16_t;
@@ -31,7 +31,7 @@ class FapId {
   Number number_ = 0;
 };
 
-/// One core of a chip: 0 to 4; 5 stands for all cores, 6 for none.
+/// One core of a chip: 0 to 4; 5 means all cores, 6 none.
 class LocalCoreId {
  public:
   using Number = std::uint8_t;
@@ -83,7 +83,7 @@ namespace KilnMdb {
 /// Number of an MDB physical table, for example 64.
 using PhysicalTableId = std::uint16_t;
 
-/// What one profile gives one physical table.
+/// The capacity that one profile gives one physical table.
 struct TableCapabilities {
   PhysicalTableId table = 0;
   bool exactMatch = false;
@@ -102,7 +102,7 @@ struct ProfileCapabilities {
 
 namespace Hardware::Kiln {
 
-/// The MDB profile in use on each FAP, and what each profile that the chip knows provides.
+/// The MDB profile in use on each FAP, and the capabilities of each profile that the chip knows.
 class MdbStatus {
  public:
   using ProfileIds = KilnPlatform::KeyedCollection<FapId, std::uint32_t>;

@@ -1,4 +1,4 @@
-// Where a key was found last: a field of key types that makes finding them again cheap.
+// The place where a key was last found: a field of key types that makes the next lookup cheap.
 #pragma once
 
 #include <array>
@@ -7,18 +7,18 @@
 
 namespace KilnPlatform {
 
-/// The handle under which a key stood in its key space when it was looked up last, or is likely to stand. It
-/// is no part of the key's value; copies of the key take it along, and whoever uses it verifies it. Three
-/// bytes without alignment, which fit where a key has a gap; greater handles are not kept.
+/// The handle that a key had in its key space when it was last looked up, or is likely to have. It is not
+/// part of the key's value. Copies of the key carry it, and the lookup verifies it. Three bytes without
+/// alignment fill a gap in the key types; greater handles are not kept.
 class KeyHint {
  public:
   static constexpr std::uint32_t kNone = 0xFFFFFF;
 
-  /// kNone where nothing is known.
+  /// kNone if no place is known.
   [[nodiscard]] constexpr std::uint32_t handle() const {
     return bytes_[0] | std::uint32_t{bytes_[1]} << 8U | std::uint32_t{bytes_[2]} << 16U;
   }
-  /// To look a key up changes nothing but what is known of it.
+  /// Const, because a lookup does not change the key's value.
   constexpr void handleIs(std::uint32_t handle) const {
     const std::uint32_t kept = handle < kNone ? handle : kNone;
     bytes_ = {static_cast<std::uint8_t>(kept), static_cast<std::uint8_t>(kept >> 8U),

@@ -1,4 +1,4 @@
-// The records through which features ask for entries and learn what became of them, per database.
+// The records through which features request entries and read the outcome of each request, per database.
 #pragma once
 
 #include <array>
@@ -22,10 +22,10 @@
 
 namespace KilnTunnelNiLib {
 
-/// What a feature wants of a request. A request of kind `hold` is not programmed: it is answered at once.
+/// What a feature wants of a request. A request of kind `hold` is not programmed: it is answered immediately.
 KILN_NAMED_ENUM(KilnTunnelNiLib, RequestKind, 0, add, modify, hold)
 
-/// Why a status says what it says.
+/// The reason for a status.
 inline constexpr std::uint8_t kResultFromServer = 1;
 inline constexpr std::uint8_t kResultHold = 3;
 
@@ -59,7 +59,7 @@ inline const KilnPlatform::KeyHint& hintOf(const EsemEntryKey& key) {
   return key.emComposerKey.hint<0>();
 }
 
-// What features hand in with a request, per database.
+// The data that features pass with a request, per database.
 
 struct LemClientData {
   KilnEmServer::EmEntry lemEntry;
@@ -113,7 +113,7 @@ static_assert(statusEntryLayoutHolds<LemSrvStatusEntry>());
 static_assert(statusEntryLayoutHolds<IsemSrvStatusEntry>());
 static_assert(statusEntryLayoutHolds<EsemSrvStatusEntry>());
 
-/// The three databases as types, for what is one design applied three times.
+/// The three databases as types, for code that is the same for all three.
 struct Lem {
   static constexpr KilnEmServer::EmType kEmType = KilnEmServer::EmType::lem;
   static constexpr KilnPlatform::FixedString kPrefix{"lem"};
@@ -167,7 +167,7 @@ class SrvStatus {
 
   /// Inserts or replaces the entry under its own key.
   void statusIs(const Entry& entry) { status_->is(entry.key, entry); }
-  /// The same, if the caller names the key; another one than the entry's own is an assertion failure.
+  /// The same with an explicit key; a key other than the entry's own is an assertion failure.
   void statusIs(const Key& key, const Entry& entry) {
     static constexpr auto kMismatch =
         "In \"into( " + Db::kPrefix + "SrvStatus.status[ " + Db::kPrefix +
@@ -188,7 +188,7 @@ using EsemSrvStatus = SrvStatus<Esem>;
 /// The kind of an external user of the service exact-match tables, by its number; 0 and 2 are known.
 using SemType = std::uint8_t;
 
-/// What one external user holds on one FAP and core.
+/// The entries that one external user occupies on one FAP and core.
 struct SemExternalUsage {
   Hardware::Kiln::FapId fapId;
   Hardware::Kiln::LocalCoreId localCoreId;

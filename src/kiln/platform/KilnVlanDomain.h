@@ -1,4 +1,4 @@
-// The VLAN-domain service: who asks for a domain, and which domain was allotted.
+// The VLAN-domain service: the requests for domains, and the allotted domains.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace KilnVlanDomain {
 
-/// The interfaces for which a domain is asked. The server writes it, the service reads it.
+/// The interfaces for which a domain is requested. The server writes it, the service reads it.
 class VlanDomainConfig {
  public:
   KILN_GIVEN_COLLECTION(config, KilnTunnelNiLib::IntfIdSystemTcamId, KilnPlatform::Unit)
@@ -25,8 +25,8 @@ class VlanDomainConfig {
   using CollectionAttr = configAttr;
 };
 
-/// The allotted domains. The service writes it, the server reads it. A domain may stand here before anybody
-/// asks for it and after nobody does any more.
+/// The allotted domains. The service writes it, the server reads it. A domain may be here before it is
+/// requested, and after its last request was withdrawn.
 class VlanDomainStatus {
  public:
   KILN_GIVEN_COLLECTION(status, KilnTunnelNiLib::IntfIdSystemTcamId, std::uint16_t)

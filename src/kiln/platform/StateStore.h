@@ -10,8 +10,8 @@
 
 namespace KilnPlatform {
 
-/// The entity manager of the mounted state store. Its entities outlive the server: what a restarted server
-/// finds in them is what the one before left.
+/// The entity manager of the mounted state store. Its entities outlive the server: a restarted server finds
+/// in them what the previous server left.
 class StateStore {
  public:
   using Features = KeyedCollection<KilnEmServer::FeatureType, Unit>;
@@ -20,12 +20,12 @@ class StateStore {
   StateStore(const StateStore&) = delete;
   StateStore& operator=(const StateStore&) = delete;
 
-  /// The features whose collections exist. A feature that goes takes its request and status collections of
-  /// all databases along; one that returns has new, empty ones.
+  /// The features whose collections exist. When a feature is removed, its request and status collections of
+  /// all databases are removed with it; a feature that is added again has new, empty ones.
   [[nodiscard]] virtual const Features& features() const = 0;
 
-  // A present feature's request and status collections, created where they do not exist yet; null for a
-  // feature that is not present.
+  // A present feature's request and status collections, created if they do not exist yet; null for a feature
+  // that is not present.
   virtual Ref<const KilnTunnelNiLib::LemSrvConfig> lemSrvConfig(KilnEmServer::FeatureType feature) = 0;
   virtual Ref<const KilnTunnelNiLib::IsemSrvConfig> isemSrvConfig(KilnEmServer::FeatureType feature) = 0;
   virtual Ref<const KilnTunnelNiLib::EsemSrvConfig> esemSrvConfig(KilnEmServer::FeatureType feature) = 0;
@@ -33,7 +33,7 @@ class StateStore {
   virtual Ref<KilnTunnelNiLib::IsemSrvStatus> isemSrvStatus(KilnEmServer::FeatureType feature) = 0;
   virtual Ref<KilnTunnelNiLib::EsemSrvStatus> esemSrvStatus(KilnEmServer::FeatureType feature) = 0;
 
-  /// The agent's task scheduler, created where there is none yet.
+  /// The agent's task scheduler, created if it does not exist yet.
   virtual Ref<TaskScheduler> taskScheduler() = 0;
 
  protected:

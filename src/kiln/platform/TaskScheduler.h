@@ -14,16 +14,16 @@ namespace KilnPlatform {
 
 class TaskScheduler;
 
-/// A unit of work that runs in slices on a scheduler. Its owner creates it, keeps it alive and destroys it;
-/// destruction takes it off the scheduler, also from within its own run.
+/// A unit of work that runs in slices on a scheduler. Its owner creates it, keeps it alive and destroys it.
+/// Destruction takes it off the scheduler, also during its own run.
 class Task {
  public:
   /// Runs one slice for the owner that was given at construction.
   using Run = void (*)(void* owner);
 
-  /// `priority`: the greater number runs first. `patience`: how many runs of other tasks may pass while this
-  /// one is ready before it runs in spite of its lower priority; 0 waits without bound. `instance` tells
-  /// tasks of one name apart.
+  /// `priority`: the greater number runs first. `patience`: number of runs of other tasks that may pass while
+  /// this one is ready, before it runs in spite of its lower priority; 0 waits without limit. `instance`
+  /// tells tasks of one name apart.
   Task(Ref<TaskScheduler> scheduler, int priority, std::string name, Run slice, void* owner,
        std::uint32_t patience = 0, std::string instance = {})
       : scheduler_(std::move(scheduler)),
@@ -37,11 +37,11 @@ class Task {
   Task(const Task&) = delete;
   Task& operator=(const Task&) = delete;
 
-  /// Runs the task again later; nothing where it is ready already.
+  /// Runs the task again later; does nothing if it is ready already.
   inline void scheduleTask();
 
   [[nodiscard]] std::string_view name() const { return name_; }
-  /// Whose task it is, if others have the same name; may be empty.
+  /// The owner's instance name, if other tasks have the same name; may be empty.
   [[nodiscard]] std::string_view instance() const { return instance_; }
   [[nodiscard]] int priority() const { return priority_; }
   [[nodiscard]] std::uint32_t patience() const { return patience_; }
@@ -49,7 +49,7 @@ class Task {
 
   /// For the scheduler: runs one slice.
   void run() { run_(owner_); }
-  /// For the scheduler: whether the task stands in its ready queue, and since which of its runs.
+  /// For the scheduler: whether the task is in its ready queue, and since which of its runs.
   bool ready = false;
   std::uint64_t readySince = 0;
 
@@ -63,14 +63,14 @@ class Task {
   std::uint32_t patience_;
 };
 
-/// Decides when a slice has used its share. Pluggable: a time budget in production, every item in tests.
+/// Decides when a slice has used up its time. Pluggable: a time budget in production, every item in tests.
 class YieldPolicy {
  public:
   virtual ~YieldPolicy() = default;
-  /// A slice begins. Returns after how many items to ask for the first time; 0 never asks.
+  /// A slice begins. Returns after how many items `ask` is called first; 0 never calls it.
   virtual std::uint32_t sliceBegins() = 0;
-  /// `itemsDone` more items were done in this slice. Returns 0 to yield, else after how many items to ask
-  /// again.
+  /// `itemsDone` more items were done in this slice. Returns 0 to yield, otherwise after how many items to
+  /// call again.
   virtual std::uint32_t ask(std::uint32_t itemsDone) = 0;
 };
 
@@ -82,7 +82,7 @@ class TaskScheduler {
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-  /// Puts the task into the ready queue of its priority unless it stands there.
+  /// Puts the task into the ready queue of its priority unless it is there.
   virtual void schedule(Task& task) = 0;
   /// Takes the task out of the ready queue; also called for a task that is being destroyed.
   virtual void cancel(Task& task) = 0;
@@ -90,13 +90,13 @@ class TaskScheduler {
   [[nodiscard]] virtual const Task* taskCurrentlyRunning() const = 0;
   /// The running task did `items` items in this slice.
   virtual void taskWorkCountInc(std::size_t items) = 0;
-  /// About `items` items are still to be done by the running task.
+  /// About `items` items are left for the running task.
   virtual void taskWorkPendingIs(std::size_t items) = 0;
   /// The scheduler's clock, for time stamps. Simulated schedulers have a simulated one.
   [[nodiscard]] virtual std::chrono::nanoseconds now() const = 0;
 
-  /// To be called after each item of work: whether the running slice has used its share. Outside any slice
-  /// the answer is no.
+  /// To be called after each item of work: whether the running slice has used up its time. False outside any
+  /// slice.
   bool taskShouldYield() {
     if (--itemsToAsk_ != 0) [[likely]]
       return false;
@@ -106,7 +106,7 @@ class TaskScheduler {
  protected:
   TaskScheduler() = default;
 
-  /// For the implementation, around each slice; a null policy never yields.
+  /// For the implementation, around each slice; with a null policy a slice never yields.
   void sliceBegins(YieldPolicy* policy) {
     policy_ = policy;
     itemsGranted_ = policy == nullptr ? 0 : policy->sliceBegins();
@@ -124,7 +124,7 @@ class TaskScheduler {
     itemsGranted_ = next;
     itemsToAsk_ = next;
     if (next != 0) return false;
-    itemsToAsk_ = 1;  // a slice that does not stop when told is told again after each item
+    itemsToAsk_ = 1;  // a slice that does not stop is asked to yield again after each item
     itemsGranted_ = 1;
     return true;
   }

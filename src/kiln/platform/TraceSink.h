@@ -1,4 +1,4 @@
-// Where trace messages go.
+// Receivers of trace messages.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct TraceDescriptor {
   std::string_view text;
 };
 
-/// One message as it happened. All views end with the call that hands it over.
+/// One message with its arguments. All views end with the call that passes it.
 struct TraceRecord {
   const TraceDescriptor& descriptor;
   std::string_view stage;    ///< name of the stage, or of the component outside the server
@@ -26,8 +26,8 @@ struct TraceRecord {
 class TraceSink {
  public:
   virtual ~TraceSink() = default;
-  /// Asked before a message is put together: whether write() is to be called for it. A sink that only counts
-  /// says no, and costs no formatting.
+  /// Called before a message is formatted: whether write() is to be called for it. A sink that only counts
+  /// returns false and costs no formatting.
   virtual bool wants(const TraceDescriptor& /*descriptor*/) { return true; }
   virtual void write(const TraceRecord& record) = 0;
 };

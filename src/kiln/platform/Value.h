@@ -69,7 +69,7 @@ constexpr Field<T, M> fieldOf(const char* name, M T::*member) {
 template <class E>
 struct EnumNames {};
 
-/// What KILN_NAMED_ENUM says of an enumeration.
+/// The names that KILN_NAMED_ENUM gives an enumeration.
 template <std::size_t N>
 struct EnumDescription {
   std::string_view typeName;
@@ -155,7 +155,7 @@ constexpr std::string_view stringValue(E value) {
   return EnumNames<E>::kNames[static_cast<std::size_t>(index)];
 }
 
-/// The enumeration value with that number; a range error where there is none.
+/// The enumeration value with that number; a range error if there is none.
 template <NamedEnum E>
 constexpr E enumFromNumber(std::int64_t number) {
   const auto count = static_cast<std::int64_t>(EnumNames<E>::kNames.size());
@@ -165,7 +165,7 @@ constexpr E enumFromNumber(std::int64_t number) {
   return static_cast<E>(number);
 }
 
-/// The enumeration value with that name; a range error where there is none.
+/// The enumeration value with that name; a range error if there is none.
 template <NamedEnum E>
 constexpr E enumFromString(std::string_view text) {
   for (std::size_t i = 0; i < EnumNames<E>::kNames.size(); ++i) {
@@ -224,7 +224,7 @@ using U20 = BoundedUint<20>;
 
 namespace detail {
 
-/// Copies a value's fields, and nothing of what is between them.
+/// Copies a value's fields, but not the padding between them.
 template <class T>
 void storeFields(const T& value, std::byte* to) {
   if constexpr (Described<T>) {
@@ -274,7 +274,7 @@ class TaggedUnion {
   }
 
   [[nodiscard]] Tag tag() const { return tag_; }
-  /// Where a key that holds this union stood last, in the key space of number `Number`.
+  /// The place where a key that holds this union was last found, in the key space of number `Number`.
   template <std::size_t Number>
   [[nodiscard]] const KeyHint& hint() const {
     return std::get<Number>(hints_);
@@ -290,14 +290,15 @@ class TaggedUnion {
     return static_cast<Tag>(found);
   }
 
-  /// The alternative A, or null where another one (or none) is held. Invalid after assignment to the union.
+  /// The alternative A, or null if the union holds another one (or none). Invalid after assignment to the
+  /// union.
   template <class A>
   requires kHolds<A>
   [[nodiscard]] const A* getIf() const {
     return tag_ == tagOf<A>() ? std::launder(reinterpret_cast<const A*>(storage_)) : nullptr;
   }
 
-  /// The alternative A; reading another one than is held is a range error.
+  /// The alternative A; a range error if the union holds another one (or none).
   template <class A>
   requires kHolds<A>
   [[nodiscard]] const A& get() const {
@@ -317,8 +318,7 @@ class TaggedUnion {
     (void)((tag_ == tagOf<Alternatives>() && (visitor(*getIf<Alternatives>()), true)) || ...);
   }
 
-  /// The alternative's bytes. What is between its fields and after them is zero: equal values have equal
-  /// words.
+  /// The alternative's bytes. Padding is zero, so equal values have equal words.
   [[nodiscard]] Words words() const {
     Words words;
     std::memcpy(words.data(), storage_, sizeof(words));
@@ -326,7 +326,7 @@ class TaggedUnion {
   }
 
   friend bool operator==(const TaggedUnion& a, const TaggedUnion& b) {
-    // Word by word: what was written just now in parts cannot be read at once in wider ones.
+    // Word by word: a wider load of bytes that were just stored in narrower parts stalls.
     for (std::size_t at = 0; at < std::tuple_size_v<Words>; ++at) {
       if (a.word(at) != b.word(at)) return false;
     }
@@ -339,7 +339,7 @@ class TaggedUnion {
     return order;
   }
 
-  /// Replaces the content by a default alternative of `tag`, handed to `fill` by reference to be completed.
+  /// Replaces the content by a default alternative of `tag`, and passes it to `fill` by reference.
   template <class Fill>
   static TaggedUnion make(Tag tag, Fill&& fill) {
     TaggedUnion made;
@@ -373,7 +373,7 @@ class TaggedUnion {
     }
   }();
 
-  // The small members come last, so that whoever holds a union may put small members of its own behind them.
+  // The small members are last, so that a holder of a union can place its own small members behind them.
   alignas(8) std::byte storage_[Traits::kCapacity] = {};
   Tag tag_{};
   std::array<KeyHint, kHints> hints_;
@@ -383,7 +383,7 @@ class TaggedUnion {
 
 namespace detail {
 
-/// Lays the fields of a plain value side by side in words.
+/// Packs the fields of a plain value side by side into words.
 class WordPacker {
  public:
   explicit WordPacker(std::uint64_t* words) : next_(words) {}
@@ -408,7 +408,7 @@ class WordPacker {
       bits_ += kBits;
     }
   }
-  /// Ends the last word; returns what is behind it.
+  /// Ends the last word; returns the position behind it.
   std::uint64_t* end() {
     flush();
     return next_;
@@ -435,7 +435,7 @@ std::size_t hashValue(const T& value, std::size_t seed = 0) {
   if constexpr (std::is_same_v<T, std::string>) {
     return XXH3_64bits_withSeed(value.data(), value.size(), seed);
   } else if constexpr (std::is_trivially_copyable_v<T>) {
-    // No field takes more than one word of its own, a union one beside its content.
+    // Each field takes at most one word; a union takes one more beside its content.
     std::array<std::uint64_t, sizeof(T) + 1> words;
     detail::WordPacker packer(words.data());
     packer.add(value);
@@ -449,7 +449,7 @@ std::size_t hashValue(const T& value, std::size_t seed = 0) {
   }
 }
 
-/// Function object for containers; tells them that the hash needs no further mixing.
+/// Function object for containers; its marker says that the hash needs no further mixing.
 template <class T>
 struct ValueHash {
   using is_avalanching = void;
@@ -507,7 +507,7 @@ namespace detail {
   throw std::range_error(fmt::format("Invalid string rep for {}", unqualified(typeName)));
 }
 
-/// Reads a text form from front to back; every failure is reported in the name of `typeName`.
+/// Reads a text form from front to back; every error names `typeName`.
 struct TextReader {
   std::string_view rest;
 
@@ -532,10 +532,10 @@ void readNumber(TextReader& reader, T& number, std::string_view owner) {
   if (error != std::errc{} || end != word.data() + word.size() || word.empty()) throwInvalidText(owner);
 }
 
-/// `owner` is the type in whose name a malformed text is reported: the outermost union, where there is one,
-/// which `inUnion` tells, else the innermost type.
+/// `owner` is the type that an error names: the outermost union if there is one (`inUnion`), otherwise the
+/// innermost type.
 template <class T>
-// One branch per kind of value, as in the writing of the form. NOLINTNEXTLINE(readability-function-size)
+// One branch per kind of value, as when the form is written. NOLINTNEXTLINE(readability-function-size)
 void readText(TextReader& reader, T& value, std::string_view owner, bool inUnion = false) {
   if constexpr (NamedEnum<T>) {
     value = enumFromString<T>(reader.word());
@@ -581,9 +581,9 @@ void readText(TextReader& reader, T& value, std::string_view owner, bool inUnion
 
 }  // namespace detail
 
-/// The value whose text form is `text`. Throws std::range_error: "Invalid string rep for <type>" where the
-/// text is malformed, with ": unknown alternative <name>" where it names no alternative of a union, and a
-/// bounded integer's own message where a number is out of its range.
+/// The value whose text form is `text`. Throws std::range_error: "Invalid string rep for <type>" if the text
+/// is malformed, with ": unknown alternative <name>" if it names no alternative of a union, and a bounded
+/// integer's own message if a number is out of its range.
 template <class T>
 T valueFromText(std::string_view text) {
   detail::TextReader reader{text};
@@ -607,7 +607,7 @@ struct OptionalText {
 
 }  // namespace KilnPlatform
 
-/// Values print to fmt as their text form; the text is made only where something is formatted.
+/// Values print to fmt as their text form; the text is made only when it is formatted.
 template <class T>
 requires(KilnPlatform::NamedEnum<T> || KilnPlatform::Described<T> || KilnPlatform::UnionValue<T> ||
          KilnPlatform::NumberValue<T>) struct fmt::formatter<T> {
