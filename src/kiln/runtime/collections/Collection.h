@@ -1,4 +1,4 @@
-// The server's keyed collections. Behind their names stand implementations by handle for use, and an ordered
+// The server's keyed collections. Each name has an implementation by handle for production, and an ordered
 // one for a test build that shows that no stage depends on the representation.
 #pragma once
 
@@ -27,9 +27,9 @@ using KilnPlatform::KeyPartition;
 using KilnPlatform::KeySubscriber;
 using KilnPlatform::ScanCursor;
 
-/// The subscribers of one collection. Subscribers may come and go while they are being notified: one that
-/// goes is not called any more, one that comes is called from the next change on. A change is notified to
-/// those that selected its key's partition, in the order in which they subscribed.
+/// The subscribers of one collection. Subscribers may be added and removed during a notification: a removed
+/// one is not called any more, an added one is called from the next change on. A change is notified to the
+/// subscribers that selected the partition of its key, in the order in which they subscribed.
 template <class K>
 class SubscriberList {
  public:
@@ -57,13 +57,13 @@ class SubscriberList {
   void notify(const K& key) {
     if (lists_ != nullptr) notifyOf(*lists_, key);
   }
-  /// The same for the key of a handle, which stays in use meanwhile.
+  /// The same for the key of a handle; the key stays in use during the call.
   void notify(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
     if (lists_ == nullptr) return;
     const KeyUse<K> changed = KeyUse<K>::another(keys, handle);
     notifyOf(*lists_, changed.key());
   }
-  /// Whether a subscriber has a change of the key still to handle.
+  /// Whether a subscriber has a pending change of the key.
   [[nodiscard]] bool changeWaits(const K& key) const {
     if (lists_ == nullptr) return false;
     const List& told = lists_->told[KeyPartition<K>::of(key)];
@@ -71,24 +71,24 @@ class SubscriberList {
       return subscriber != nullptr && subscriber->changeWaits(key);
     });
   }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  /// Forgets every subscriber without notifying it: for the simulation of a process that died.
   void forgetAll() { lists_.reset(); }
 
  private:
   static constexpr std::size_t kAll = KeyPartition<K>::kCount;  ///< index of the list of all
   using List = std::vector<KeySubscriber<K>*>;
-  /// Made with the first subscriber: most collections of small ones have none.
+  /// Created with the first subscriber: most collections are small and have none.
   struct Lists {
     std::array<List, kAll + 1> told;
     int depth = 0;
-    bool gone = false;  ///< whether a subscriber went while others were being notified
+    bool gone = false;  ///< whether a subscriber was removed during a notification
   };
 
   static void notifyOf(Lists& lists, const K& key) {
     List& told = lists.told[KeyPartition<K>::of(key)];
     if (TraceFacility::detailed()) [[unlikely]]
       traceUnselected(lists, told, key);
-    if (told.size() == 1) {  // as mostly: nothing is looked at after the call
+    if (told.size() == 1) {  // the usual case: no list is read after the call
       if (told.front() != nullptr) told.front()->handleChange(key);
     } else if (!told.empty()) {
       notifyAll(lists, told, key);
@@ -120,12 +120,13 @@ class SubscriberList {
   std::unique_ptr<Lists> lists_;
 };
 
-/// A collection that files its values by the key's handle, for one that holds most keys that its readers and
-/// writers know. A walk goes from the least handle up; an entry never moves.
+/// A collection that stores its values by the key's handle. Use it if the collection holds most of the keys
+/// that its readers and writers know. A walk starts at the least handle; an entry never moves.
 template <class K, class V>
 class ColumnCollection final : public KeyedCollection<K, V> {
  public:
-  /// Keys that this collection is the first to hold join `group`, unless their type has partitions.
+  /// `group` is the group of keys that this collection is the first to hold, unless their type has
+  /// partitions.
   explicit ColumnCollection(std::size_t group = 0) : group_(group) { keys_.columnIs(values_); }
   ~ColumnCollection() override {
     keys_.columnDel(values_);
@@ -154,7 +155,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
+  /// Writes a value and notifies even if an equal one is stored: for values with parts that equality ignores.
   void isAgain(const K& key, const V& value) {
     if (is(key, value)) return;
     const auto handle = keys_.find(key);
@@ -186,14 +187,14 @@ class ColumnCollection final : public KeyedCollection<K, V> {
 
   void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
   [[nodiscard]] const ColumnPlaces& places() const { return values_; }
-  /// The columns into which subscribers look inside each change; see Input::changesLookInto.
+  /// The columns that subscribers read synchronously on each write; see Input::changesLookInto.
   [[nodiscard]] ColumnList& lookedIntoOnChange() const { return lookedIntoOnChange_; }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
-  /// Whether a subscriber has a change of the key still to handle.
+  /// Whether a subscriber has a pending change of the key.
   [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  /// Forgets every subscriber without notifying it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:
@@ -206,10 +207,10 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   mutable ColumnList lookedIntoOnChange_;
 };
 
-/// A collection whose entries lie in one array, found by the key's handle, for one that holds few of the keys
-/// that its readers and writers know. A deletion moves the last entry into the hole. A walk goes from the
-/// array's end to its begin: an entry only ever moves to a lower place, so what was not visited yet stays
-/// ahead of the cursor.
+/// A collection whose entries are stored in one array and found by the key's handle. Use it if the collection
+/// holds few of the keys that its readers and writers know. A deletion moves the last entry into the hole. A
+/// walk goes from the array's end to its begin: an entry only ever moves to a lower place, so an entry that
+/// was not visited yet stays ahead of the cursor.
 template <class K, class V>
 class DenseCollection final : public KeyedCollection<K, V> {
  public:
@@ -274,9 +275,9 @@ class DenseCollection final : public KeyedCollection<K, V> {
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
-  /// Whether a subscriber has a change of the key still to handle.
+  /// Whether a subscriber has a pending change of the key.
   [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  /// Forgets every subscriber without notifying it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:
@@ -299,7 +300,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
   mutable SubscriberList<K> subscribers_;
 };
 
-/// The second implementation: kept sorted by key, walked from the least key up.
+/// The second implementation: sorted by key, walked from the least key up.
 template <class K, class V>
 class OrderedCollection final : public KeyedCollection<K, V> {
  public:
@@ -322,7 +323,7 @@ class OrderedCollection final : public KeyedCollection<K, V> {
     return true;
   }
 
-  /// Writes a value and notifies, also if an equal one is stored: for values with parts that do not count.
+  /// Writes a value and notifies even if an equal one is stored: for values with parts that equality ignores.
   void isAgain(const K& key, const V& value) {
     if (is(key, value)) return;
     const K changed = key;
@@ -346,9 +347,9 @@ class OrderedCollection final : public KeyedCollection<K, V> {
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
-  /// Whether a subscriber has a change of the key still to handle.
+  /// Whether a subscriber has a pending change of the key.
   [[nodiscard]] bool changeWaits(const K& key) const { return subscribers_.changeWaits(key); }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  /// Forgets every subscriber without notifying it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:
@@ -356,8 +357,8 @@ class OrderedCollection final : public KeyedCollection<K, V> {
   mutable SubscriberList<K> subscribers_;
 };
 
-/// `Collection` is for what holds most keys that are known where it is used, `SparseCollection` for what
-/// holds few of them.
+/// `Collection` is for a collection that holds most of the keys that its readers and writers know,
+/// `SparseCollection` for one that holds few of them.
 #ifdef KILN_ORDERED_COLLECTIONS
 template <class K, class V>
 using Collection = OrderedCollection<K, V>;

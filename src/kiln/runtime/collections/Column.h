@@ -1,4 +1,4 @@
-// Values by handle: what one holder of keys files under them.
+// Values by handle: the storage of one holder of keys.
 #pragma once
 
 #include <algorithm>
@@ -17,14 +17,14 @@
 
 namespace KilnEmServer {
 
-/// Where a column's values lie, whatever they are.
+/// The memory layout of a column, independent of its value type.
 class ColumnPlaces {
  public:
   /// Handles of one page.
   static constexpr std::size_t kPerPage = 128;
 
-  /// Fetches the handle's value, where it has one, into the cache. Values that are to come are not fetched:
-  /// they lie behind those that came last.
+  /// Prefetches the handle's value into the cache, if it has one. The place of a value that will be added is
+  /// not prefetched: it is next to the values that were added last.
   KILN_ALWAYS_INLINE void prefetch(std::uint32_t handle) const {
     if (!has(handle)) return;
     const auto* value =
@@ -44,16 +44,16 @@ class ColumnPlaces {
   static constexpr std::size_t kWordsPerPage = kPerPage / kPerWord;
   static constexpr std::size_t kLine = 64;  ///< bytes that are fetched together
 
-  /// `stride` is the number of bytes from one value to the next; 0 for values without content.
+  /// `stride` is the distance from one value to the next in bytes; 0 for values without content.
   explicit ColumnPlaces(std::size_t stride) : stride_(stride), last_(stride == 0 ? 0 : stride - 1) {}
   ~ColumnPlaces() = default;
 
   static std::uint64_t bit(std::uint32_t handle) { return std::uint64_t{1} << (handle % kPerWord); }
 
-  // Bits and pages lie apart: where the pages are is known from few lines, so that fetching ahead does not
-  // wait.
+  // Bits and pages are stored apart: the page pointers are on few cache lines, so a prefetch does not wait
+  // for them.
   std::vector<std::uint64_t> present_;  ///< a bit per handle
-  std::vector<void*> pages_;            ///< null where no handle of the page has a value
+  std::vector<void*> pages_;            ///< null if no handle of the page has a value
   std::size_t known_ = 0;               ///< handles below it have a bit
 
  private:
@@ -61,7 +61,7 @@ class ColumnPlaces {
   std::size_t last_;  ///< byte of a value
 };
 
-/// Columns that are looked into together, each once.
+/// Columns that are read together, each listed once.
 class ColumnList {
  public:
   void add(const ColumnPlaces& column) {
@@ -85,8 +85,8 @@ class ColumnList {
   static inline constinit thread_local std::uint64_t changes_ = 0;
 };
 
-/// A map from handles to values, for one who holds most handles of a page or none. Values lie in pages by
-/// handle: a value stays where it is, growth costs one page, a page without values takes no room.
+/// A map from handles to values, for a holder of most handles of a page or of none. Values are stored in
+/// pages by handle: a value never moves, growth costs one page, and a page without values takes no memory.
 template <class V>
 class Column : public ColumnPlaces {
  public:
@@ -100,11 +100,11 @@ class Column : public ColumnPlaces {
   [[nodiscard]] std::size_t size() const { return size_; }
   [[nodiscard]] bool empty() const { return size_ == 0; }
 
-  /// The handle's value, or null. Stays valid until that value is erased.
+  /// The handle's value, or null. Valid until that value is erased.
   [[nodiscard]] KILN_ALWAYS_INLINE V* find(std::uint32_t handle) const {
     return has(handle) ? valueAt(handle) : nullptr;
   }
-  /// Adds a value; the handle has none.
+  /// Adds a value; the handle must not have one.
   template <class... Args>
   V& emplace(std::uint32_t handle, Args&&... args) {
     const std::size_t at = handle / kPerPage;
@@ -120,7 +120,7 @@ class Column : public ColumnPlaces {
     ++emplaced_;
     return *value;
   }
-  /// Removes the value that the handle has.
+  /// Removes the value of the handle, which must have one.
   void erase(std::uint32_t handle) {
     std::uint64_t& word = present_[handle / kPerWord];
     KILN_ASSERT((word & bit(handle)) != 0);
@@ -144,7 +144,7 @@ class Column : public ColumnPlaces {
   }
 
  private:
-  /// Values without content need one place in all.
+  /// Values without content share one place.
   static constexpr bool kHasContent = !std::is_empty_v<V>;
   static constexpr std::size_t kPageBytes = (kHasContent ? kPerPage : 1) * sizeof(V);
 
@@ -152,8 +152,8 @@ class Column : public ColumnPlaces {
     return static_cast<V*>(pages_[handle / kPerPage]) + (kHasContent ? handle % kPerPage : 0);
   }
 
-  /// Gives a page back that holds no value any more. So that a key that comes and goes costs little, an empty
-  /// column forgets where its pages were only after as many values as it will cost to note that anew.
+  /// Gives a page back that holds no value any more. An empty column drops its page table only after as many
+  /// insertions as the table has entries, so that a key that is added and removed repeatedly costs little.
   void retire(std::size_t page) {
     for (std::size_t word = page * kWordsPerPage; word < (page + 1) * kWordsPerPage; ++word) {
       if (present_[word] != 0) return;
@@ -167,7 +167,7 @@ class Column : public ColumnPlaces {
   }
 
   std::size_t size_ = 0;
-  std::size_t emplaced_ = 0;  ///< values since the column noted where its pages are
+  std::size_t emplaced_ = 0;  ///< values since the page table was dropped
 };
 
 }  // namespace KilnEmServer

@@ -1,8 +1,8 @@
 // Entities: objects that publish collections under names.
 //
 // Each macro gives a class one collection attribute with the operations and the descriptor of
-// kiln/platform/Attribute.h. `CollectionAttr` is the same descriptor for what treats all entities alike: an
-// entity has one collection.
+// kiln/platform/Attribute.h. `CollectionAttr` is the same descriptor for code that treats all entities alike:
+// an entity has one collection.
 #pragma once
 
 #include <memory>
@@ -42,7 +42,7 @@
 
 #define KILN_COLLECTION(Owner, name, KeyType, ValueType) \
   KILN_COLLECTION_OF(Collection, Owner, name, KeyType, ValueType)
-/// The same, for one that holds few of the keys that are known where it is used.
+/// The same for a sparse collection: one that holds few of the keys that its readers and writers know.
 #define KILN_SPARSE_COLLECTION(Owner, name, KeyType, ValueType) \
   KILN_COLLECTION_OF(SparseCollection, Owner, name, KeyType, ValueType)
 
@@ -101,7 +101,7 @@
     return created;                                                                       \
   }
 
-/// A collection of key to a shared reference to an entity that comes from elsewhere.
+/// A collection of key to a shared reference to an entity that is created elsewhere.
 #define KILN_REFERENCE_COLLECTION(Owner, name, KeyType, EntityType)                       \
   KILN_COLLECTION_BASE(Owner, name, Collection, KeyType, ::KilnPlatform::Ref<EntityType>) \
   struct name##Attr {                                                                     \

@@ -1,4 +1,4 @@
-// Lists of keys that are looked up one after the other in one collection.
+// Prefetching for lists of keys that are looked up one after the other in one collection.
 #pragma once
 
 #include <algorithm>
@@ -12,12 +12,12 @@
 
 namespace KilnEmServer {
 
-/// Calls `visit(item)` for each item of a list, in its order. What `collection` has under the key of an item,
-/// `keyOf(item)`, is fetched into the cache before its turn comes.
+/// Calls `visit(item)` for each item of a list, in order. The value that `collection` has under the item's
+/// key, `keyOf(item)`, is prefetched into the cache before the item is visited.
 template <class C, class Item, class KeyOf, class Visit>
 void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& keyOf, Visit&& visit) {
   using Keys = KeySpace<typename C::Key>;
-  constexpr std::size_t kTogether = 64;  // few enough that what was fetched is still there
+  constexpr std::size_t kTogether = 64;  // small enough that prefetched lines are still in the cache
   const Keys& keys = Keys::instance();
   std::array<std::uint32_t, kTogether> hashes;
   while (!items.empty()) {
@@ -32,9 +32,9 @@ void forEachExpected(const C& collection, std::span<const Item> items, KeyOf&& k
   }
 }
 
-/// Announces the keys of a collection one by one, each some time before it will be looked up: its place in
-/// the index is fetched at once, what is stored of it when another one is announced, or where it is `next`;
-/// of the last one of a list it is not.
+/// Prefetches keys of a collection that are announced one by one, each some time before its lookup. An
+/// announcement prefetches the key's place in the index immediately, and the stored value when the next key
+/// is announced, or immediately if `next` is set. The value of the last key of a list is not prefetched.
 template <class C>
 class ExpectedKeys {
  public:
@@ -47,7 +47,7 @@ class ExpectedKeys {
   }
 
  private:
-  std::uint32_t hash_ = 0;  ///< of the key that was announced last
+  std::uint32_t hash_ = 0;  ///< of the last announced key
 };
 
 }  // namespace KilnEmServer

@@ -1,12 +1,12 @@
-// Memory that will be needed soon.
+// Prefetching into the processor's cache.
 #pragma once
 
 namespace KilnEmServer {
 
-/// Fetches the line of the cache in which the address lies; any address will do.
+/// Prefetches the cache line of the address; any address is allowed.
 inline void fetchAhead(const void* address) {
   __builtin_prefetch(address);
-  // g++ takes a function that only fetches ahead for one without effect, and drops the calls of it.
+  // Without it g++ treats a function that only prefetches as one without effect, and removes its calls.
   asm volatile("");
 }
 

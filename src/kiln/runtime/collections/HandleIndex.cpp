@@ -9,14 +9,14 @@ namespace KilnEmServer {
 namespace {
 
 constexpr std::size_t kLeastCapacity = 16;
-/// Cells looked at per change. With a table that doubles when it is five eighths full, a migration ends long
-/// before the next one begins.
+/// Cells visited per change. A table doubles when it is five eighths full, so a migration ends long before
+/// the next one begins.
 constexpr std::size_t kCellsPerChange = 16;
 
 }  // namespace
 
 void HandleIndex::Table::allocate(std::size_t capacity) {
-  // Fresh pages of the system are zero: nothing is written for cells that are not used yet.
+  // Fresh pages of the system are zero, so unused cells are not written.
   cells = makeTable<Cell>(capacity);
   mask = capacity - 1;
   size = 0;
@@ -41,7 +41,7 @@ bool HandleIndex::Table::erase(std::uint32_t hash, std::uint32_t handle) {
   return true;
 }
 
-/// Closes the gap: entries that follow move up as far as their own place allows.
+/// Closes the gap: the entries that follow move back as far as their own place allows.
 void HandleIndex::Table::eraseAt(std::size_t at) {
   std::size_t gap = at;
   for (std::size_t next = (at + 1) & mask; cells[next].handlePlusOne != 0; next = (next + 1) & mask) {
@@ -74,7 +74,7 @@ void HandleIndex::erase(std::uint32_t hash, std::uint32_t handle) {
 
 void HandleIndex::clear() {
   old_ = {};
-  // The least table is kept: what is empty now and then allocates nothing.
+  // The smallest table is kept: an index that is empty now and then allocates nothing.
   if (current_.mask + 1 != kLeastCapacity || current_.size != 0) current_ = {};
 }
 
@@ -87,8 +87,8 @@ void HandleIndex::resize(std::size_t capacity) {
   migrated_ = 0;
 }
 
-/// Goes around the old table, from an empty cell on. Entries that follow each other without a gap are moved
-/// together: who looks for one of them must find all or none of those before it.
+/// Goes around the old table, starting at an empty cell. Entries without a gap between them are moved
+/// together: a lookup must find either all or none of the entries before its own.
 void HandleIndex::migrate(std::size_t cells) {
   if (old_.cells == nullptr) return;
   bool inRow = false;

@@ -9,9 +9,9 @@
 
 namespace KilnEmServer {
 
-/// A multimap from 32-bit hashes to handles, kept in the order of the hashes, nearly. When it grows or
+/// A multimap from 32-bit hashes to handles, kept nearly in the order of the hashes. When it grows or
 /// shrinks, each later change moves a few entries to the new table, so that no single change pays for all of
-/// them; and since the order stays, the new table is touched for the first time little by little, too.
+/// them. Since the order is kept, the pages of the new table are also touched for the first time one by one.
 class HandleIndex {
  public:
   static constexpr std::uint32_t kNone = ~std::uint32_t{0};
@@ -25,16 +25,16 @@ class HandleIndex {
     const std::uint32_t found = (moved ? current_ : old_).find(hash, equal);
     return found != kNone ? found : (moved ? old_ : current_).find(hash, equal);
   }
-  /// Fetches what `find` will look at first into the cache.
+  /// Prefetches the cell that `find` will read first.
   void prefetch(std::uint32_t hash) const {
     current_.prefetch(hash);
     if (old_.cells != nullptr) [[unlikely]]
       old_.prefetch(hash);
   }
   void insert(std::uint32_t hash, std::uint32_t handle);
-  /// The handle stands under this hash.
+  /// Removes the handle, which must be stored under this hash.
   void erase(std::uint32_t hash, std::uint32_t handle);
-  /// Forgets everything and frees the memory, but for a small table.
+  /// Removes all entries and frees the memory, except a small table.
   void clear();
   [[nodiscard]] std::size_t size() const { return current_.size + old_.size; }
 
@@ -73,16 +73,16 @@ class HandleIndex {
 
   void resize(std::size_t capacity);
   void migrate(std::size_t cells);
-  /// Whether the part of the old table where the hash belongs was moved. The rest of it takes new entries
-  /// still; what runs on from its end to its begin may be moved before its turn.
+  /// Whether the part of the old table where the hash belongs was moved. The other part still takes new
+  /// entries. Entries that wrap around from its end to its begin may be moved before their turn.
   [[nodiscard]] bool migrated(std::uint32_t hash) const {
     return old_.cells == nullptr || ((old_.home(hash) - migrateFrom_) & old_.mask) < migrated_;
   }
 
   Table current_;
-  Table old_;                    ///< what is still to be moved
+  Table old_;                    ///< the entries that are still to be moved
   std::size_t migrateFrom_ = 0;  ///< the cell of `old_` where the migration began
-  std::size_t migrated_ = 0;     ///< how many cells it has come on from there
+  std::size_t migrated_ = 0;     ///< number of cells moved since then
 };
 
 }  // namespace KilnEmServer

@@ -1,13 +1,13 @@
-// Told of keys whose change is on its way.
+// Prefetch requests for keys that are about to be handled.
 #pragma once
 
 namespace KilnEmServer {
 
-/// One who keeps something under keys of this type elsewhere than in a column.
+/// A holder of data under keys of this type that is not stored in a column.
 template <class K>
 class KeyFollower {
  public:
-  /// A change goes on under this key: what lies under it may be fetched now.
+  /// A change of this key is about to be handled: the data under the key may be prefetched now.
   virtual void expectNow(const K& key) const = 0;
 
  protected:

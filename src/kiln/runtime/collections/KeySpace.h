@@ -1,5 +1,5 @@
-// Keys by handle. A key that stands in several collections is stored and hashed once; each collection files
-// its values under the key's handle.
+// Keys by handle. A key that is in several collections is stored and hashed once; each collection stores its
+// values under the key's handle.
 #pragma once
 
 #include <algorithm>
@@ -26,11 +26,11 @@ namespace KilnEmServer {
 template <class K>
 class KeyUse;
 
-/// All keys of one type that stand in any collection or pending list of this thread. A handle is valid as
-/// long as somebody holds a use of it.
+/// All keys of one type that are in any collection or pending list of this thread. A handle is valid while it
+/// has at least one use.
 ///
-/// Handles are dealt out in pages of kPerPage, each to keys of one group only: keys that stand in the same
-/// collections lie side by side there.
+/// Handles are allocated in pages of kPerPage, each page for keys of one group only: keys that are in the
+/// same collections are adjacent there.
 template <class K>
 class KeySpace {
  public:
@@ -44,12 +44,12 @@ class KeySpace {
     return *space;
   }
 
-  /// The handle of a key, or kNone where nobody uses the key; where keys are many, one that was used until
-  /// recently may still have a handle, which nothing stands under. `expectAt(handle)` is called with each
-  /// handle that is likely to be the key's, before that is certain.
+  /// The handle of a key, or kNone if the key is not in use. If the keys exceed the cache, a recently
+  /// released key may still have a handle, under which no collection has a value. `expectAt(handle)` is
+  /// called with each candidate handle before its key is compared.
   template <class ExpectAt>
   [[nodiscard]] Handle find(const K& key, ExpectAt expectAt) const {
-    // Mostly it is the very object that was looked up last.
+    // Usually it is the object that was looked up last.
     if (&key == &lastSlot_->key) [[likely]]
       return last_;
     return findOther(key, expectAt);
@@ -57,37 +57,36 @@ class KeySpace {
   [[nodiscard]] Handle find(const K& key) const {
     return find(key, [](Handle) {});
   }
-  /// The handle of a key, with one more use. A key that nobody used joins the group of its partition,
-  /// or `group` if its type has no partitions.
+  /// The handle of a key, with one more use. A key that was not in use joins the group of its partition, or
+  /// `group` if its type has no partitions.
   Handle acquire(const K& key, std::size_t group = 0) {
     obtain(key, group, [](Handle) {});
     ++lastSlot_->uses;
     return last_;
   }
-  /// The same without a use more: who gets the handle of a key that nobody used takes one at once.
+  /// The same without an additional use: if the key was not in use, the caller must take a use immediately.
   template <class ExpectAt>
   Handle obtain(const K& key, std::size_t group, ExpectAt expectAt) {
     if (&key != &lastSlot_->key) [[unlikely]]
       findOrAdd(key, group, expectAt);
     return last_;
   }
-  /// One more use of the handle that was looked up last, and found or added.
+  /// One more use of the handle that was last looked up and found, or added.
   void useLast() { ++lastSlot_->uses; }
-  /// Gives a use back. With the last one the handle is free, or soon will be.
+  /// Releases a use. With the last use the handle is freed, now or soon.
   void release(Handle handle) { release(slot(handle), handle); }
-  /// The key of a handle that is in use; stays where it is as long as it is used.
+  /// The key of a handle that is in use; its address is stable as long as it is in use.
   [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
-  /// The key is about to be looked up in several collections.
+  /// Hint: the key is about to be looked up in several collections.
   void expect(Handle handle) const { expect(slot(handle), handle); }
-  /// A key that nobody has in hand will be looked up: fetches where the index has it. Returns what
-  /// expectFound takes, when that is there.
+  /// Hint: a key that no component holds yet will be looked up. Prefetches its place in the index and returns
+  /// the hash, which expectFound takes once that place is in the cache.
   [[nodiscard]] std::uint32_t expectInIndex(const K& key) const {
     const std::uint32_t hash = hashOf(key);
     index_.prefetch(hash);
     return hash;
   }
-  /// Fetches what is likely to be stored of the key. Returns its handle, likewise likely, or kNone where
-  /// nobody uses the key.
+  /// Prefetches the key's likely slot. Returns the likely handle, or kNone if the key is not in use.
   Handle expectFound(std::uint32_t hash, const K& key) const {
     const Handle likely = expectFound(hash);
     if (likely != kNone) hintAt(key, likely);
@@ -98,17 +97,17 @@ class KeySpace {
     if (likely != kNone) prefetch(likely);
     return likely;
   }
-  /// Fetches the key into the cache.
+  /// Prefetches the key into the cache.
   void prefetch(Handle handle) const {
     if (mayBeInUse(handle)) prefetchUsed(handle);
   }
-  /// The same of a handle that is in use.
+  /// The same for a handle that is in use.
   KILN_ALWAYS_INLINE void prefetchUsed(Handle handle) const {
     const Slot& expected = slot(handle);
     fetchAhead(&expected);
     fetchAhead(&expected.uses);
   }
-  /// Fetches what followers have under the key, and any column, where the key remembers its place.
+  /// Prefetches the data of followers under the key, and of every column if the key remembers its place.
   void prefetchEverywhere(const K& key) const {
     const Handle handle = hintOf(key).handle();
     if (mayBeInUse(handle)) {
@@ -117,20 +116,21 @@ class KeySpace {
     }
     for (const KeyFollower<K>* follower : followers_) follower->expectNow(key);
   }
-  /// A column by handles of this space, for prefetchEverywhere.
+  /// Registers a column by handles of this space for prefetchEverywhere.
   void columnIs(const ColumnPlaces& column) { columns_.add(column); }
   void columnDel(const ColumnPlaces& column) { columns_.remove(column); }
-  /// One who is told of such keys, too; to be taken out before it goes.
+  /// Registers a follower for prefetchEverywhere; it must be removed before it is destroyed.
   void followerIs(const KeyFollower<K>& follower) { followers_.push_back(&follower); }
   void followerDel(const KeyFollower<K>& follower) { std::erase(followers_, &follower); }
-  /// The group of the keys that share a page with a handle that is in use, and the first handle after them.
+  /// The group of the keys that share a page with a handle that is in use, and the first handle after that
+  /// page.
   [[nodiscard]] std::size_t groupAt(Handle handle) const { return pageUses_[handle / kPerPage].group; }
   [[nodiscard]] static Handle pageAfter(Handle handle) {
     return static_cast<Handle>((handle / kPerPage + 1) * kPerPage);
   }
-  /// Keys in use; where they are many, some that were until now are among them.
+  /// Keys in use. If they exceed the cache, a few recently released keys are included.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
-  /// Whether what they have is too much to be in the cache.
+  /// Whether the keys and their data are too large for the cache.
   [[nodiscard]] bool many() const { return index_.size() >= kMany; }
 
  private:
@@ -155,7 +155,7 @@ class KeySpace {
       for (const std::uint64_t word : handles) all &= word;
       return ~all == 0;
     }
-    /// Takes the least handle that is not in use; there must be one.
+    /// Allocates the least handle that is not in use; there must be one.
     std::uint32_t take() {
       std::size_t word = 0;
       while (~handles[word] == 0) ++word;
@@ -167,7 +167,7 @@ class KeySpace {
   };
 
   static constexpr std::size_t kMany = 4096;
-  /// In the uses of a handle that stands in `retired_`.
+  /// Flag in the uses of a handle that is in `retired_`.
   static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
   /// Whether keys remember where they were found.
   static constexpr bool kHinted = requires(const K& key) { hintOf(key); };
@@ -198,7 +198,7 @@ class KeySpace {
     if (isWhereHinted(key) || isLast(key)) return last_;
     return lookUp(hashOf(key), key, expectAt);
   }
-  /// The key is the one that was looked up last from then on.
+  /// Afterwards the key is the one that was looked up last.
   template <class ExpectAt>
   [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt expectAt) {
     if (isWhereHinted(key) || isLast(key)) return;
@@ -210,7 +210,7 @@ class KeySpace {
     hintAt(key, last_);
     return true;
   }
-  /// Whether the key is where it was found last; it is then the one that was looked up last.
+  /// Whether the key is still at its hinted place; if so, it becomes the one that was looked up last.
   [[nodiscard]] bool isWhereHinted(const K& key) const {
     if constexpr (kHinted) {
       const Handle handle = hintOf(key).handle();
@@ -269,8 +269,8 @@ class KeySpace {
     if (page == nullptr) page = makePage<Slots>();
     return handle;
   }
-  /// Nobody uses the handle any more. Among many keys it is freed when some more were retired, and what the
-  /// index has of it is there; until then its key may come into use again.
+  /// The handle has no use left. If the keys exceed the cache, it is freed only after some more were retired,
+  /// when its place in the index has been prefetched; until then its key may come into use again.
   [[gnu::noinline]] void retire(Handle handle) {
     if (!many()) {
       free(handle);
@@ -301,7 +301,7 @@ class KeySpace {
     if (use.empty()) pages_[handle / kPerPage].reset();
     if (index_.size() == 0) clear();
   }
-  /// Handles are dealt out from the first one again.
+  /// Allocation starts at the first handle again.
   void clear() {
     forgetLast();
     index_.clear();
@@ -309,7 +309,7 @@ class KeySpace {
     forget(pageUses_);
     withRoom_.clear();
   }
-  /// Empties a list, and gives back its memory where it is much.
+  /// Empties a list, and frees its memory if it is large.
   template <class T>
   static void forget(std::vector<T>& list) {
     list.clear();
@@ -320,7 +320,7 @@ class KeySpace {
     lastSlot_ = &nobody_;
   }
 
-  std::vector<PagePtr<Slots>> pages_;  ///< null where no handle of the page is in use
+  std::vector<PagePtr<Slots>> pages_;  ///< null if no handle of the page is in use
   std::vector<PageUse> pageUses_;
   std::vector<std::uint32_t> withRoom_;  ///< per group the first page with a handle that is not in use
   HandleIndex index_;
@@ -331,20 +331,20 @@ class KeySpace {
   // The key that was looked up last is looked up again more often than not.
   mutable Handle last_ = kNone;
   mutable Slot* lastSlot_ = &nobody_;  ///< never null
-  Slot nobody_;                        ///< no key that is looked up stands there
+  Slot nobody_;                        ///< a slot that holds no key; marks that no key was looked up
 };
 
-/// A key that stays in use meanwhile. Looking up key() is cheap, in whatever collections.
+/// Keeps a key in use for its own lifetime. Looking up key() is cheap in every collection.
 template <class K>
 class KeyUse {
  public:
   explicit KeyUse(const K& key) : KeyUse(KeySpace<K>::instance(), KeySpace<K>::instance().acquire(key)) {}
-  /// Takes over a use of the handle.
+  /// Takes ownership of one use of the handle.
   KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle)
       : keys_(keys), slot_(keys.slot(handle)), handle_(handle) {
     keys_.expect(slot_, handle_);
   }
-  /// Another use of a handle that is in use.
+  /// An additional use of a handle that is in use.
   static KeyUse another(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
     return KeyUse(keys, keys.slot(handle), handle);
   }
@@ -365,7 +365,7 @@ class KeyUse {
   typename KeySpace<K>::Handle handle_;
 };
 
-/// A use of a key that is stored for longer, in the size of a handle.
+/// Keeps a stored key in use, in the size of a handle.
 template <class K>
 class KeyHold {
  public:

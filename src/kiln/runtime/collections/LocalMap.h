@@ -1,4 +1,4 @@
-// A map that a stage has for itself.
+// A map that one stage owns.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@
 
 namespace KilnEmServer {
 
-/// A map of a stage's own, for most keys that the stage knows: without subscribers, its values may be changed
-/// in place. A value stays where it is.
+/// A map owned by a stage, for most keys that the stage knows. It has no subscribers, so its values may be
+/// changed in place. A value never moves.
 template <class K, class V>
 class LocalMap {
  public:
@@ -40,7 +40,7 @@ class LocalMap {
     const auto at = values_.find(key);
     return at == values_.end() ? nullptr : &at->second;
   }
-  /// The value under `key`; a default one is added where there is none.
+  /// The value under `key`; a default one is added if there is none.
   V& obtain(const K& key) {
     return values_[key];
   }
@@ -62,7 +62,7 @@ class LocalMap {
     const auto handle = keys_.find(key, [this](auto candidate) { values_.prefetch(candidate); });
     return handle == KeySpace<K>::kNone ? nullptr : values_.find(handle);
   }
-  /// The value under `key`; a default one is added where there is none.
+  /// The value under `key`; a default one is added if there is none.
   V& obtain(const K& key) {
     const auto handle = keys_.obtain(key, 0, [this](auto candidate) { values_.prefetch(candidate); });
     if (V* present = values_.find(handle)) return *present;
@@ -81,7 +81,7 @@ class LocalMap {
       keys_.release(handle);
     }
   }
-  /// Visits every key and value; the map must not change in the meantime.
+  /// Visits every key and value; the map must not change during the visit.
   template <class Visitor>
   void forEach(Visitor&& visit) const {
     for (auto handle = values_.next(0); handle != Column<V>::kNone; handle = values_.next(handle + 1)) {

@@ -21,7 +21,7 @@ constexpr bool kFromAllocator = false;
 
 constexpr std::size_t kHugePage = std::size_t{2} << 20U;
 
-/// Memory of the system that begins at a huge page's boundary.
+/// Memory of the system that begins at a huge-page boundary.
 void* mapHuge(std::size_t bytes) {
   const auto map = [](std::size_t size) {
     void* const mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -37,7 +37,7 @@ void* mapHuge(std::size_t bytes) {
     if (before != kHugePage) ::munmap(begin + before + bytes, kHugePage - before);
     begin += before;
   }
-  ::madvise(begin, bytes, MADV_HUGEPAGE);  // where the system has none, small pages do
+  ::madvise(begin, bytes, MADV_HUGEPAGE);  // if the system has no huge pages, small ones are used
   return begin;
 }
 
@@ -151,7 +151,7 @@ void* PageArena::map(std::size_t bytes) {
 void PageArena::reserve(std::size_t bytes) {
   if (kFromAllocator || untouched_.size() >= bytes) return;
   constexpr std::size_t kSmallPage = 4096;
-  // Empty blocks count for nothing: no table fits into them, and their memory may be gone.
+  // Empty blocks do not count: no table fits into them, and their memory may have been given back.
   for (; untouched_.size() != 0; untouched_.begin += kBlock) {
     empty_.push_back(reinterpret_cast<Block*>(untouched_.begin));
   }

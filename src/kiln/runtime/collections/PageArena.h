@@ -1,4 +1,4 @@
-// Memory for pages of values and tables, laid out for few misses of the address translation.
+// Memory for pages of values and tables, laid out for few TLB misses.
 #pragma once
 
 #include <array>
@@ -12,20 +12,20 @@
 
 namespace KilnEmServer {
 
-/// Gives out pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
-/// advised to back by one huge page each: what an entry's stages hold lies in dozens of places, and with
-/// small pages nearly each of them costs a walk of the translation tables. Empty blocks are used again before
-/// new ones; the system is told that it may take their memory when it is short of it, unless it was reserved.
-/// Memory that was reserved goes to blocks from one end and to tables from the other; tables that come back
+/// Allocates pages of some hundred bytes to some kilobytes from blocks of two megabytes, which the system is
+/// advised to back by one huge page each: the data of one entry is in dozens of places, and with small pages
+/// nearly each of them costs a page-table walk. Empty blocks are used again before new ones. The system is
+/// told that it may take the memory of empty blocks when it is short of memory, unless the memory was
+/// reserved. Reserved memory is given to blocks from one end and to tables from the other; released tables
 /// become blocks.
 ///
 /// A block is split into spans, a span into pages of one size. Sizes above kMaxPage come from the allocator.
-/// With the address sanitizer all do, so that it sees each page for itself.
+/// With the address sanitizer all sizes do, so that the sanitizer sees each page.
 class PageArena {
  public:
   struct Counters {
     std::size_t bytes = 0;       ///< of spans and tables in use now
-    std::uint64_t mappings = 0;  ///< how often the system was asked for memory since the thread began
+    std::uint64_t mappings = 0;  ///< requests for memory to the system since the thread began
   };
 
   static constexpr std::size_t kMaxPage = 16384;
@@ -38,18 +38,17 @@ class PageArena {
 
   /// Memory for one page, aligned for any type; its content is undefined. Throws std::bad_alloc.
   [[nodiscard]] void* take(std::size_t bytes);
-  /// Takes a page back that was taken with the same size.
+  /// Releases a page that was taken with the same size.
   void give(void* page, std::size_t bytes) noexcept;
-  /// Zeroed memory for a table, in huge pages of its own where it fills some. Throws std::bad_alloc.
+  /// Zeroed memory for a table; it has huge pages of its own if it fills some. Throws std::bad_alloc.
   [[nodiscard]] void* takeTable(std::size_t bytes);
-  /// Takes a table back that was taken with the same size.
+  /// Releases a table that was taken with the same size.
   void giveTable(void* table, std::size_t bytes) noexcept;
-  /// Makes sure that so many bytes of pages and tables can be taken without asking the system, which gives
-  /// and zeroes two megabytes at once when they are touched first. Throws std::bad_alloc.
+  /// Reserves memory: `bytes` of pages and tables can then be taken without a request to the system, which
+  /// maps and zeroes two megabytes on their first use. Throws std::bad_alloc.
   void reserve(std::size_t bytes);
-  /// Gives the memory of up to `blocks` empty blocks of two megabytes back to the system, so that the process
-  /// does not have it any more; reserved memory stays. Returns whether more is left. To be called in idle
-  /// time: the next use of these blocks pays for it.
+  /// Gives the memory of up to `blocks` empty blocks of two megabytes back to the system; reserved memory is
+  /// kept. Returns whether more is left. Call it in idle time: the next use of these blocks is slower.
   bool giveBack(std::size_t blocks) noexcept;
   [[nodiscard]] const Counters& counters() const { return counters_; }
 
@@ -69,15 +68,15 @@ class PageArena {
     FreePage* next;
   };
   struct Span {
-    FreePage* free = nullptr;    ///< pages that were given back
-    std::byte* fresh = nullptr;  ///< from here to `end` nothing was given out yet
+    FreePage* free = nullptr;    ///< released pages
+    std::byte* fresh = nullptr;  ///< memory from here to `end` was never allocated
     std::byte* end = nullptr;
-    std::size_t size = 0;      ///< of its pages; 0 while nobody uses it
-    std::size_t pages = 0;     ///< given out
+    std::size_t size = 0;      ///< of its pages; 0 if the span is not in use
+    std::size_t pages = 0;     ///< allocated pages
     Span* previous = nullptr;  ///< among the spans of this size with room
     Span* next = nullptr;
   };
-  /// Stands at the block's begin; its first span has so much less room.
+  /// Header at the block's begin; the block's first span is smaller by its size.
   struct Block {
     std::array<Span, kSpans> spans;
     std::size_t used = 0;       ///< spans
@@ -105,15 +104,15 @@ class PageArena {
   std::array<Span*, kSizes> roomy_ = {};  ///< per size the spans with room
   Block* open_ = nullptr;                 ///< the blocks with a free span
   Block* spare_ = nullptr;                ///< the block that became empty last
-  std::vector<Block*> empty_;             ///< the others, whose memory may be gone
-  std::size_t givenBack_ = 0;             ///< the first of these, whose memory is gone or stays
-  std::size_t blocks_ = 0;                ///< all there are, and all that reserved memory may become
-  std::vector<Memory> reserved_;          ///< all that ever was
-  Memory untouched_;                      ///< of the latest what nobody took yet; zeroed
+  std::vector<Block*> empty_;             ///< the others, whose memory may have been given back
+  std::size_t givenBack_ = 0;             ///< the first of these, whose memory was given back, or kept
+  std::size_t blocks_ = 0;                ///< all blocks, and all that reserved memory may become
+  std::vector<Memory> reserved_;          ///< all reservations
+  Memory untouched_;                      ///< unused part of the latest one; zeroed
   Counters counters_;
 };
 
-/// Destroys an object that lies in a page of its own.
+/// Destroys an object that has a page of its own.
 struct GivePageBack {
   template <class T>
   void operator()(T* object) const noexcept {

@@ -1,4 +1,4 @@
-// Arrays that grow by pages: an element stays where it is, and growth costs one page.
+// Arrays that grow by pages: an element never moves, and growth costs one page.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace KilnEmServer {
 
-/// A vector without reallocation of its elements. One that never held any holds no page.
+/// A vector that never moves its elements. One that never held any element holds no page.
 template <class T>
 class PagedArray {
  public:
@@ -36,7 +36,7 @@ class PagedArray {
   void pop_back() {
     KILN_ASSERT(size_ != 0);
     slot(--size_)->~T();
-    // One page more than needed is kept, so that a size that swings about a page's end allocates nothing.
+    // One spare page is kept, so that a size that varies around a page boundary allocates nothing.
     if (size_ + 2 * kPerPage <= pages_.size() * kPerPage) pages_.pop_back();
   }
   void clear() {
@@ -44,7 +44,7 @@ class PagedArray {
   }
 
  private:
-  static constexpr std::size_t kLeastBytes = 256;  ///< of a page, of the arena's as well
+  static constexpr std::size_t kLeastBytes = 256;  ///< of a page, also in the arena
   static constexpr std::size_t kPerPage = sizeof(T) < 8 ? kLeastBytes / sizeof(T) : 32;
   struct Page {
     alignas(T) std::byte bytes[kPerPage * sizeof(T)];

@@ -1,4 +1,4 @@
-// The keys that changed and were not handled yet.
+// The keys that changed and are not handled yet.
 #pragma once
 
 #include <algorithm>
@@ -15,17 +15,17 @@
 
 namespace KilnEmServer {
 
-/// A moment: the low bits of a count that only grows. Moments that are compared lie less than 2^31 apart.
+/// A moment: the low bits of a counter that only grows. Compared moments are less than 2^31 apart.
 using Arrival = std::uint32_t;
-/// Where counts of moments begin: shortly before they wrap around, so that every run of some length does.
+/// Initial value of such counters: shortly before they wrap around, so that every longer run exercises the
+/// wrap-around.
 inline constexpr Arrival kFirstArrival = ~Arrival{0} - 100;
 /// Whether `a` came before `b`.
 inline bool isBefore(Arrival a, Arrival b) {
   return static_cast<std::int32_t>(a - b) < 0;
 }
 
-/// Numbers in the order in which they came, each with the moment of its coming: a queue of pages, which the
-/// thread's arena has for whoever needs one next.
+/// Numbers in the order of their arrival, each with its moment: a queue of pages from the thread's arena.
 class ArrivalQueue {
  public:
   struct Item {
@@ -51,7 +51,7 @@ class ArrivalQueue {
   }
   /// Arrival of the first item; the queue must not be empty.
   [[nodiscard]] Arrival firstArrival() const { return first_->items[begin_].arrival; }
-  /// The number that stands `ahead` places after the first, below both size() and the size of a page.
+  /// The number `ahead` places after the first; `ahead` is below both size() and the size of a page.
   [[nodiscard]] std::uint32_t numberAhead(std::size_t ahead) const {
     const std::size_t at = begin_ + ahead;
     return at < kPerPage ? first_->items[at].number : first_->next->items[at - kPerPage].number;
@@ -65,7 +65,7 @@ class ArrivalQueue {
       for (; left != 0 && at != kPerPage; ++at, --left) visit(page->items[at]);
     }
   }
-  /// Takes the first number out; the queue must not be empty.
+  /// Removes and returns the first number; the queue must not be empty.
   KILN_ALWAYS_INLINE std::uint32_t pop() {
     KILN_ASSERT(size_ != 0);
     const std::uint32_t number = first_->items[begin_++].number;
@@ -104,11 +104,11 @@ class ArrivalQueue {
   Page* first_ = nullptr;
   Page* last_ = nullptr;
   std::size_t begin_ = 0;       ///< in the first page
-  std::size_t end_ = kPerPage;  ///< in the last; that of a full one where there is none
+  std::size_t end_ = kPerPage;  ///< in the last page; kPerPage if there is none
   std::size_t size_ = 0;
 };
 
-/// A queue in which a key stands at most once, in the order in which keys came.
+/// A queue that holds a key at most once, in the order of arrival.
 template <class K>
 class PendingKeys {
  public:
@@ -119,8 +119,8 @@ class PendingKeys {
   PendingKeys(const PendingKeys&) = delete;
   PendingKeys& operator=(const PendingKeys&) = delete;
 
-  /// Adds the key at the end unless it stands in the queue. `arrival` comes after the one before. True
-  /// where added.
+  /// Adds the key at the end unless it is in the queue. `arrival` is later than that of the previous call.
+  /// True if added.
   KILN_ALWAYS_INLINE bool add(const K& key, Arrival arrival) {
     const Handle handle = keys_.obtain(key, 0, [](Handle) {});
     if (!standing_.set(handle)) return false;
@@ -142,16 +142,16 @@ class PendingKeys {
     queue_.forEach([&](const ArrivalQueue::Item& item) { visit(keys_.key(item.number), item.arrival); });
   }
 
-  /// Takes the first key out. From then on a change of it stands in the queue again.
+  /// Removes and returns the first key. A later change adds it again.
   [[nodiscard]] KILN_ALWAYS_INLINE KeyUse<K> take() {
     const Handle handle = queue_.pop();
     standing_.reset(handle);
     ++taken_;
     return KeyUse<K>(keys_, handle);
   }
-  /// The same as take(), where the key is wanted only.
+  /// The same as take(), for callers that need only the key.
   K pop() { return K(take().key()); }
-  /// Calls `fetch` with the handles of keys whose turn comes some time later, each once.
+  /// Calls `fetch` with the handle of each key that will be handled some time later, once per key.
   template <class Fetch>
   KILN_ALWAYS_INLINE void expectFar(Fetch&& fetch) {
     expectUntil(far_, kFar, [&](Handle later) {
@@ -159,7 +159,8 @@ class PendingKeys {
       fetch(later);
     });
   }
-  /// The same with keys whose turn comes soon, and that were expected before; `fetch` is given the key.
+  /// The same for keys that will be handled soon, and for which expectFar was done before; `fetch` gets the
+  /// key.
   template <class Fetch>
   KILN_ALWAYS_INLINE void expectNear(Fetch&& fetch) {
     expectUntil(near_, kNear, [&](Handle soon) { fetch(keys_.key(soon)); });
@@ -170,14 +171,14 @@ class PendingKeys {
   }
 
  private:
-  // Far enough apart for a fetch from memory to end meanwhile, near enough for what was fetched to be still
-  // there.
+  // Far enough ahead that a fetch from memory completes in time, near enough that the fetched lines are still
+  // in the cache.
   static constexpr std::size_t kFar = 20;
   static constexpr std::size_t kNear = 8;
   /// A bit per handle.
   class Bits {
    public:
-    /// True where the bit was not set.
+    /// True if the bit was not set.
     KILN_ALWAYS_INLINE bool set(std::uint32_t handle) {
       if (handle / 64 >= words_.size()) [[unlikely]]
         grow(handle / 64 + 1);
@@ -198,7 +199,8 @@ class PendingKeys {
     std::vector<std::uint64_t> words_;
   };
 
-  /// Calls `fetch` for those of the first `ahead` keys that were not told yet; `told` counts them.
+  /// Calls `fetch` for those of the first `ahead` keys that were not announced yet; `told` counts the
+  /// announced ones.
   template <class Fetch>
   KILN_ALWAYS_INLINE void expectUntil(std::size_t& told, std::size_t ahead, Fetch&& fetch) {
     if (told < taken_) told = taken_;
@@ -210,8 +212,7 @@ class PendingKeys {
   KeySpace<K>& keys_ = KeySpace<K>::instance();
   ArrivalQueue queue_;
   Bits standing_;
-  // Of all keys that ever came, how many were taken, and how many expectFar and expectNear passed on or
-  // missed.
+  // Counts over the queue's lifetime: keys taken, and keys that expectFar and expectNear announced or missed.
   std::size_t taken_ = 0;
   std::size_t far_ = 0;
   std::size_t near_ = 0;

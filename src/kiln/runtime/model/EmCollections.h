@@ -1,5 +1,5 @@
-// The entities through which stages hand their results on. Which stage writes which is shown where the server
-// wires them (kiln/server/Wiring.cpp).
+// The entities through which stages pass their results. The writer and the readers of each are declared where
+// the server wires the stages (kiln/server/Wiring.cpp).
 #pragma once
 
 #include <cstdint>
@@ -71,7 +71,7 @@ class EsemSrvStatusByFeature {
   KILN_REFERENCE_COLLECTION(EsemSrvStatusByFeature, esemStatus, FeatureType, KilnTunnelNiLib::EsemSrvStatus)
 };
 
-/// The logical keys that one composer type is asked to compose.
+/// The requested logical keys of one composer type.
 class EmLogicalKeyConfig {
  public:
   explicit EmLogicalKeyConfig(EmComposerKeyUnionTag composerType) : composerType_(composerType) {}
@@ -99,7 +99,7 @@ class SwTableKeyConfigByComposerType {
   KILN_ENTITY_COLLECTION(SwTableKeyConfigByComposerType, config, EmComposerKeyUnionTag, SwTableKeyConfig)
 };
 
-/// The logical keys that one composer type could not compose, each with what is wrong.
+/// The logical keys that one composer type could not compose, each with the reason.
 class EmComposeFailure {
  public:
   explicit EmComposeFailure(EmComposerKeyUnionTag composerType) : composerType_(composerType) {}
@@ -127,7 +127,7 @@ class SwTableKeyStatusByComposerType {
   KILN_ENTITY_COLLECTION(SwTableKeyStatusByComposerType, status, EmComposerKeyUnionTag, ResolvedKeyStatus)
 };
 
-/// What one composer type asks of one resolver.
+/// The requests of one composer type to one resolver.
 class ResolverComposerConfig {
  public:
   explicit ResolverComposerConfig(EmComposerKeyUnionTag composerType) : composerType_(composerType) {}
@@ -137,7 +137,7 @@ class ResolverComposerConfig {
  private:
   EmComposerKeyUnionTag composerType_;
 };
-/// What all composer types ask of one resolver.
+/// The requests of all composer types to one resolver.
 class ResolverConfig {
  public:
   explicit ResolverConfig(ResolverKeyUnionTag resolverType) : resolverType_(resolverType) {}
@@ -151,7 +151,7 @@ class ResolverConfig {
 class ResolverConfigDir {
   KILN_ENTITY_COLLECTION(ResolverConfigDir, resolverConfig, ResolverKeyUnionTag, ResolverConfig)
 };
-/// What one resolver answered.
+/// The answers of one resolver.
 class ResolverStatus {
  public:
   explicit ResolverStatus(ResolverKeyUnionTag resolverType) : resolverType_(resolverType) {}
@@ -180,19 +180,19 @@ class EmSwTableConfig {
   KILN_COLLECTION(EmSwTableConfig, config, EmHwKey, EmLogicalKeyAndEntry)
 };
 
-/// The status of every logical key that lost its hardware key, or has none.
+/// The status of every logical key that lost its hardware key, or that has no hardware key.
 class EmConflictStatus {
   KILN_SPARSE_KEYED_COLLECTION(EmConflictStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
 };
 
-/// What the tables answered, per hardware key.
+/// The answers of the tables, per hardware key.
 class EmSwTableStatus {
   KILN_COLLECTION(EmSwTableStatus, status, EmHwKey, EmSwTableStatusEntry)
 };
 
-/// The logical keys for which a table holds an entry, or was asked to write one and has not answered about a
-/// later operation; each with the number of hardware keys for which that is so, above 0. Only keys whose
-/// composer needs resources are listed.
+/// The logical keys for which a table holds an entry, or may still write one because it has not answered a
+/// later operation. The value is the number of such hardware keys, above 0. Only keys whose composer needs
+/// resources are listed.
 class EmWrittenKeys {
   KILN_COLLECTION(EmWrittenKeys, written, EmLogicalKey, std::uint32_t)
 };
@@ -202,22 +202,22 @@ class EmLogicalKeyToStatus {
   KILN_KEYED_COLLECTION(EmLogicalKeyToStatus, status, EmLogicalKey, EmRequestStatus, emLogicalKey)
 };
 
-/// How many entries of one table are requested, and their outcomes. One that lost its hardware key to another
-/// feature is requested only: it takes no room, and waits for none.
+/// The number of requested entries of one table, and their outcomes. A request that lost its hardware key to
+/// another feature counts as requested only: it takes no room and waits for none.
 struct ResourceCounts {
   std::uint32_t requested = 0;
   std::uint32_t programmed = 0;
-  std::uint32_t waiting = 0;  ///< for their VLAN domain or the table's answer
-  std::uint32_t failed = 0;   ///< refused by the table, or not to be composed
+  std::uint32_t waiting = 0;  ///< waiting for their VLAN domain or the table's answer
+  std::uint32_t failed = 0;   ///< refused by the table, or composition failed
   KILN_VALUE(KilnEmServer, ResourceCounts, requested, programmed, waiting, failed)
 };
 
-/// The counts of one database, by the table's stem. A table of which nothing is requested has none.
+/// The counts of one database, by the table's stem. A table without requests has no row.
 class ResourceTable {
   KILN_COLLECTION(ResourceTable, resource, std::string, ResourceCounts)
 };
 
-/// MDB profiles that are asked for; nothing asks for any yet.
+/// Requested MDB profiles; no stage requests any yet.
 class MdbCapabilitiesConfig {
   KILN_SET(MdbCapabilitiesConfig, profile, std::uint32_t)
 };
@@ -226,7 +226,7 @@ class MdbCapabilitiesConfig {
 template <class Entity>
 Ref<Entity> entityFactory() = delete;
 
-/// Each entity that is not a member of another one is created empty by a factory that is named after it.
+/// Each entity that is not a member of another one has a factory that creates it empty and is named after it.
 #define KILN_ENTITY_FACTORY(Type, factory) \
   inline Ref<Type> factory() {             \
     return std::make_shared<Type>();       \

@@ -1,4 +1,4 @@
-// The values that travel between stages.
+// The values that are passed between stages.
 #pragma once
 
 #include <algorithm>
@@ -26,8 +26,8 @@ struct EmRequestKey {
   KILN_VALUE(KilnEmServer, EmRequestKey, fapId, localCoreId, emComposerKey)
 };
 
-/// What a feature asks to be programmed. Two features that ask for one composer key on the same chip and core
-/// are two logical keys.
+/// The key of a feature's request. Two features that request one composer key on the same chip and core have
+/// two logical keys.
 struct EmLogicalKey {
   FeatureType featureType = FeatureType{};
   Hardware::Kiln::FapId fapId;
@@ -60,7 +60,8 @@ struct EmHwKey {
   EmHwKey(Hardware::Kiln::FapId fap, Hardware::Kiln::LocalCoreId core, const EmResolvedKey& key)
       : emResolvedKey(key), fapId(fap), localCoreId(core) {}
 
-  // Chip and core lie in the gap behind the union, though they come before it in every other respect.
+  // Chip and core are stored in the gap behind the union, although they precede it in comparisons and in the
+  // text form.
   [[no_unique_address]] EmResolvedKey emResolvedKey;
   Hardware::Kiln::FapId fapId;
   Hardware::Kiln::LocalCoreId localCoreId;
@@ -78,7 +79,8 @@ inline const KilnPlatform::KeyHint& hintOf(const EmHwKey& key) {
   return key.emResolvedKey.hint<0>();
 }
 
-/// A requested entry with the hardware key that was composed for it. False only where both are defaults.
+/// A requested entry with the hardware key that was composed for it. Converts to false only if both are
+/// defaults.
 struct EmHwEntry {
   EmConfigEntry emEntry;
   EmHwKey emHwKey;
@@ -110,8 +112,8 @@ struct EmLogicalKeyState {
   KILN_VALUE(KilnEmServer, EmLogicalKeyState, emLogicalKey, state)
 };
 
-/// The status of one request, with the request's entry and version and the hardware key that is concerned.
-/// False only where every field is a default.
+/// The status of one request, with the request's entry and version and its hardware key. Converts to false
+/// only if every field is a default.
 struct EmRequestStatus {
   EmLogicalKey emLogicalKey;
   EmConfigEntry emConfigEntry;
@@ -128,7 +130,7 @@ struct EmRequestStatus {
 struct EmSwTableStatusEntry {
   EmLogicalKeyAndEntry emLogicalKeyAndEntry;
   EmHwKeyStatus::State status = EmHwKeyStatus::State::hwPending;
-  /// Orders the statuses of one table in time. It is not part of the value.
+  /// Orders the statuses of one table in time. Not part of the value.
   std::uint64_t answer = 0;
 
   friend bool operator==(const EmSwTableStatusEntry& a, const EmSwTableStatusEntry& b) {
@@ -152,10 +154,11 @@ struct ResolverKeyTraits {
   static constexpr std::string_view kName = "ResolverKey";
   static constexpr std::size_t kCapacity = 16;
 };
-/// What a composer asks a resolver for; the tag is the resolver's type.
+/// The key of a request to a resolver; the tag is the resolver's type.
 using ResolverKey = KilnPlatform::TaggedUnion<ResolverKeyTraits, VdResolverKey>;
 
-/// Result of a resolver for one resolver key. The states' order counts: of several, the least decides.
+/// Result of a resolver for one resolver key. The order of the states matters: among several, the least
+/// decides.
 struct ResolutionState {
   enum State : std::uint8_t { resolutionFail_ = 0, resolutionPending_ = 1, resolutionSuccess_ = 2 };
   ResolverKey resolverKey;
@@ -164,7 +167,7 @@ struct ResolutionState {
   KILN_VALUE(KilnEmServer, ResolutionState, resolverKey, state, val)
 };
 
-/// What a composer asks of a resolver under one resolver key.
+/// The request of a composer to a resolver under one resolver key.
 struct ResolverRequest {
   enum class RequestType : std::uint8_t { resourceRequest = 0, resourceInUse = 1 };
   ResolverKey resolverKey;
@@ -174,9 +177,9 @@ struct ResolverRequest {
   KILN_VALUE(KilnEmServer, ResolverRequest, resolverKey, requestType, inUseVal, inUseVer)
 };
 
-/// Widens a resolution's state; any number above 2 is an assertion failure.
+/// Converts a resolution's state; any number above 2 is an assertion failure.
 EmLogicalKeyState::State translateState(ResolutionState::State state);
-/// Widens a hardware outcome; any number above 3 is an assertion failure.
+/// Converts a hardware outcome; any number above 3 is an assertion failure.
 EmLogicalKeyState::State translateState(EmHwKeyStatus::State state);
 
 /// The composer type of a composer key; a key without one is an assertion failure.
@@ -189,12 +192,13 @@ template <class EntryKey>
 EmLogicalKey logicalKeyOf(FeatureType feature, const EntryKey& key) {
   return {feature, key.fapId, key.localCoreId, key.emComposerKey};
 }
-/// The logical key was looked up and will be again from the request key, which remembers where it stands.
+/// The logical key was looked up before and will be looked up again from the request key, which remembers its
+/// place.
 template <class EntryKey>
 void rememberLogicalKey(const EntryKey& key, const EmLogicalKey& logicalKey) {
   key.emComposerKey.template hint<1>().handleIs(hintOf(logicalKey).handle());
 }
-/// Between the request keys, which hold the same fields.
+/// Converts between the request keys, which have the same fields.
 template <class To, class From>
 To requestKeyAs(const From& key) {
   return {key.fapId, key.localCoreId, key.emComposerKey};
@@ -233,7 +237,7 @@ struct KilnPlatform::EnumNames<KilnEmServer::ResolverRequest::RequestType> {
 namespace KilnPlatform {
 
 /// By feature and composer type. Features without a name share the last partition of each type. Keys of one
-/// composer type are in the same collections.
+/// composer type are stored together.
 template <>
 struct KeyPartition<KilnEmServer::EmLogicalKey> {
   static constexpr std::size_t kGroups = KilnEmServer::kKeyTypes + 1;
@@ -265,7 +269,8 @@ struct KeyPartition<KilnEmServer::EmHwKey> {
 
 namespace KilnEmServer {
 
-// Selections of partitions. A key of no type is in each of them: its handler finds the broken invariant.
+// Selections of partitions. Every selection contains the keys without a type: their handler detects the
+// broken invariant.
 
 /// The logical keys of the composer types for which `selects(type)` is true.
 template <class Selects>
@@ -278,14 +283,14 @@ KilnPlatform::PartitionSet<EmLogicalKey> partitionsOfTypes(Selects&& selects) {
   }
   return selected;
 }
-/// The logical keys of one feature; if it has no name, those of the others without one, too.
+/// The logical keys of one feature. Features without a name share one selection.
 KilnPlatform::PartitionSet<EmLogicalKey> partitionsOf(FeatureType feature);
 /// The hardware keys of one table.
 KilnPlatform::PartitionSet<EmHwKey> partitionsOf(EmResolvedKeyUnionTag table);
 
 }  // namespace KilnEmServer
 
-// Text forms are made in one place, since every stage's traces need them.
+// Text forms are instantiated in one place, since every stage's traces need them.
 namespace KilnPlatform {
 extern template std::string textOf(const KilnEmServer::EmRequestKey&);
 extern template std::string textOf(const KilnEmServer::EmLogicalKey&);

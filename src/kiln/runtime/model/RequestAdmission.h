@@ -1,4 +1,4 @@
-// Whether the server takes up a request: the intakes admit by it, the status stages answer by it.
+// Whether the server accepts a request: the intakes admit by it, the status stages answer by it.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,12 @@
 
 namespace KilnEmServer {
 
-/// What becomes of a request. Only an admitted one reaches composers and tables; a held one is answered as
-/// such, every other one with `hwFail`.
+/// The outcome of admission. Only an admitted request reaches composers and tables; a held one is answered as
+/// held, every other one with `hwFail`.
 enum class Admission : std::uint8_t {
   admitted,
   held,
-  otherDatabase,  ///< its key belongs to another database, or to none
+  otherDatabase,  ///< its key belongs to another database, or to no database
   mixedScope,     ///< exactly one of chip and core is "all": no table has a place for it
   unknownKind,
 };
@@ -26,7 +26,8 @@ bool isOfDatabase(const EmComposerKey& key) {
   return key.tag() != EmComposerKeyUnionTag::undefined_ && emTypeOf(key.tag()) == Db::kEmType;
 }
 
-/// What becomes of a request of the database `Db`. Of several reasons to leave it out, the first counts.
+/// Decides the admission of a request of the database `Db`. If there are several reasons to leave it out, the
+/// first counts.
 template <class Db>
 Admission admissionOf(const typename Db::EntryKey& key, KilnTunnelNiLib::RequestKind kind) {
   using KilnTunnelNiLib::RequestKind;
