@@ -1,4 +1,4 @@
-// Folds the requests of the three databases into one collection.
+// Merges the requests of the three databases into one collection.
 #pragma once
 
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace KilnEmServer {
 
-/// A logical key belongs to exactly one database; two that deliver the same one are a broken invariant.
+/// A logical key belongs to exactly one database; it is a broken invariant if two deliver the same one.
 class EmSrvConfigMergeSm final : public Stage {
  public:
   EmSrvConfigMergeSm(Ref<const EmTypeToConfig> emTypeToConfig, Ref<EmLogicalKeyToEntry> logicalKeyToEntry,

@@ -1,5 +1,5 @@
-// The intake of one database: flattens all features' requests into the database's EmSrvConfig. One design for
-// the three databases; LemSrvConfigSm, IsemSrvConfigSm and EsemSrvConfigSm give it their names.
+// The intake of one database: flattens all features' requests into the database's EmSrvConfig. One template
+// for the three databases; LemSrvConfigSm, IsemSrvConfigSm and EsemSrvConfigSm name its instances.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@
 
 namespace KilnEmServer {
 
-/// Where a database's requests are found, per feature.
+/// The collection of a database's requests, per feature.
 template <class Db>
 struct SrvConfigSource;
 template <>
@@ -46,7 +46,7 @@ class SrvConfigSm : public Stage {
               std::string name, Ref<DependencyStatus> dependencyStatus, Ref<TaskScheduler> scheduler,
               int priority);
 
-  /// What the handler looks up beside the key for which it is called.
+  /// Prefetches the keys that the handler looks up in addition to its own.
   void expect(const FeatureType& feature, const RequestKey& key) const {
     expectKey(logicalKeyOf(feature, key));
   }
