@@ -11,7 +11,7 @@
 
 namespace KilnEmServer {
 
-/// Two composer types that hold a hardware key for one logical key are a broken invariant.
+/// It is a broken invariant if two composer types hold a hardware key for one logical key.
 class ComposerOutputMergeSm final : public Stage {
  public:
   ComposerOutputMergeSm(Ref<const SwTableKeyConfigByComposerType> composerToKeyConfig,

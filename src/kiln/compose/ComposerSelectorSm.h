@@ -10,7 +10,7 @@
 
 namespace KilnEmServer {
 
-/// One per composer type. An entry's content plays no part: only whether the key is requested.
+/// One per composer type. An entry's content is not used, only whether the key is requested.
 class ComposerSelectorSm final : public Stage {
  public:
   ComposerSelectorSm(EmComposerKeyUnionTag composerType, Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
@@ -21,7 +21,7 @@ class ComposerSelectorSm final : public Stage {
   [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> ownKeys() const {
     return partitionsOfTypes([this](EmComposerKeyUnionTag type) { return type == composerType_; });
   }
-  /// Whether the request set may have to change: not for an entry that only got another content.
+  /// Whether the request set may have to change; false for an entry whose content alone changed.
   [[nodiscard]] bool mayChange(const EmLogicalKey& emKey) const {
     return !ready() ||
            (emLogicalKeyToEntry_.find(emKey) == nullptr) != (emLogicalKeyConfig_.find(emKey) == nullptr);

@@ -28,7 +28,7 @@ void ComposerSm::ResourceWalk::handleNext() {
   }
   if (const auto* coll = composer_.resolverKeyToEmLogicalKey_.find(*current_)) {
     if (const EmLogicalKey* next = (*coll)->emLogicalKeySet().scanNext(cursor_)) {
-      const EmLogicalKey emKey = *next;  // it may leave the set meanwhile
+      const EmLogicalKey emKey = *next;  // a copy: the key may be removed from the set below
       detail::runItem(stage_, emKey, [&] { composer_.handleRequest(emKey); });
       return;
     }
@@ -147,7 +147,7 @@ void ComposerSm::AskedResources::noteState(StateDigest& digest) const {
 
 bool ComposerSm::AskedResources::deleteNext() {
   auto key = next();
-  if (!key) {  // the deletion scan may have left the cursor past others
+  if (!key) {  // the deletion scan may have moved the cursor past other resources
     rewind();
     key = next();
   }
@@ -204,7 +204,7 @@ void ComposerSm::handleInitialized() {
   for (const ResolverKeyUnionTag resolverType : askedResources_.resolverTypes()) {
     KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
                         "isSupportedResolverType( resolverConfigIter->resolverType() )");
-    (void)placesOf(resolverType);  // listed from the start, as all local state is
+    (void)placesOf(resolverType);  // created here, so that it is listed with all local state from the start
   }
   forEachIn(resolverStatusDir_->resolverStatus(),
             [&](ResolverKeyUnionTag resolverType, const auto& /*status*/) {
@@ -304,7 +304,7 @@ void ComposerSm::updateResolverToEmKeyColl(const ResolverKey& resolverKey, const
     const auto coll = std::make_shared<ResolverEmLogicalKeyColl>(resolverKey, placesOf(resolverKey.tag()));
     coll->emLogicalKeySet().add(emLogicalKey);
     resolverKeyToEmLogicalKey_.is(resolverKey, coll);
-    // The resolution may stand already, for another composer: then no change of it would ever come.
+    // The resolution may exist already for another composer; then it would never be notified as a change.
     handleResourceUpdate(resolverKey, resolverKey.tag(), resolution(resolverKey));
   } else if (present != nullptr) {
     (*present)->emLogicalKeySet().remove(emLogicalKey);
@@ -359,7 +359,8 @@ bool ComposerSm::compose(const EmLogicalKey& emKey) {
 }
 
 const EmHwKey* ComposerSm::composedKey(const EmLogicalKey& emKey) const {
-  // A withdrawn key has no state from then on that its status is looked at, though its withdrawal may wait.
+  // A withdrawn key has no state once its status has been handled, although its withdrawal may still be
+  // pending.
   const State* state = emLogicalKeyState_.find(emKey);
   return state == nullptr || *state < State::hwPending ? nullptr : swTableKeyConfig_.find(emKey);
 }
@@ -403,7 +404,7 @@ void ComposerSm::handleStatus(const EmLogicalKey& emLogicalKey) {
                       "!emLogicalKeyStateHas( emLogicalKey )");
   if (const EmHwKeyStatus* status = resolvedKeyStatus_.find(emLogicalKey)) {
     tracer().trace<8>("HW status present");
-    // The outcome of another hardware key says nothing about the composed one, and keeps the resource held.
+    // The outcome of another hardware key does not concern the composed one, and keeps the resource in use.
     if (composed == nullptr) return;
     if (*composed != status->emHwKey) return emLogicalKeyStateIs(emLogicalKey, State::hwPending);
     tracer().trace<7>("status matches");
@@ -422,7 +423,7 @@ void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionT
   if ((*coll)->inUseSince == inUseVer_) return;
   const ResolutionState* state = resolution(resolverKey);
   if (state == nullptr || state->state != ResolutionState::resolutionSuccess_) return;
-  // Until every key was handled with this resolution, outcomes may still be those of the one before.
+  // Until every key was handled with this resolution, outcomes may still belong to the previous one.
   if ((*coll)->handled != *state) return;
   askedResources_.acknowledge(resolverKey, resolverType, state->val, inUseVer_);
   (*coll)->inUseSince = inUseVer_;
@@ -479,7 +480,7 @@ void ComposerSm::emLogicalKeyStateDel(const EmLogicalKey& emKey) {
   const bool awaited = *present == State::hwPending;
   countState(emKey, present, nullptr);
   emLogicalKeyState_.del(emKey);
-  // It may have been the last one whose outcome the others waited for.
+  // This key may have been the last one without an outcome that the acknowledgement waited for.
   if (awaited) forEachResolverKey(emKey, [&](const ResolverKey& key) { maybeAckInUse(key, key.tag()); });
 }
 
@@ -504,7 +505,7 @@ bool ComposerSm::addReads(std::vector<const void*>& collections) const {
   return Stage::addReads(collections);
 }
 
-// Epochs are only compared with the present one.
+// Epochs are only compared with the current one.
 void ComposerSm::noteState(StateDigest& digest) const {
   Stage::noteState(digest);
   digest.unordered([&](auto&& item) {

@@ -1,10 +1,10 @@
-// The base of the composers whose hardware keys need a value that a resolver finds.
+// The base of the composers whose hardware keys need a value from a resolver.
 //
-// A composer asks for a resource under a resolver key as soon as one requested logical key needs it, composes
-// the hardware keys once the resource is resolved, and acknowledges the resolved value when the hardware
-// outcome of every logical key that uses it is known. It gives the resource back when no requested key needs
-// it and nothing is left of the keys that needed it: no hardware status, and no entry that a table holds or
-// was asked for.
+// A composer requests a resource under a resolver key as soon as one requested logical key needs it. It
+// composes the hardware keys once the resource is resolved, and acknowledges the resolved value when the
+// hardware outcome of every logical key that uses it is known. It releases the resource when no requested key
+// needs it and no trace is left of the keys that needed it: no hardware status, and no entry that a table
+// holds or may still write.
 #pragma once
 
 #include <cstddef>
@@ -27,10 +27,10 @@
 
 namespace KilnEmServer {
 
-/// The logical keys of one composer that use one resolver key, and how far they are. Never empty.
+/// The logical keys of one composer that use one resolver key, and their progress. Never empty.
 class ResolverEmLogicalKeyColl {
  public:
-  /// `places` are those of the logical keys of all resolver keys of the same type.
+  /// `places` has the positions of the logical keys of all resolver keys of the same type.
   ResolverEmLogicalKeyColl(const ResolverKey& resolverKey, KeyPlaces<EmLogicalKey>& places)
       : resolverKey_(resolverKey), emLogicalKeySet_(places) {}
   [[nodiscard]] const ResolverKey& resolverKey() const { return resolverKey_; }
@@ -41,10 +41,10 @@ class ResolverEmLogicalKeyColl {
   std::size_t outcomesAwaited = 0;
   /// Keys of the set whose hardware outcome is known.
   std::size_t outcomesKnown = 0;
-  /// The resolution that every key of the set was handled with; none while a change of it is being handled.
+  /// The resolution with which every key of the set was handled; none while a change of it is being handled.
   std::optional<ResolutionState> handled;
-  /// The epoch of the composer in which it last told the resolver that the resolution is in use. A change of
-  /// the resolution begins another epoch.
+  /// The epoch in which the composer last told the resolver that the resolution is in use. A change of the
+  /// resolution begins a new epoch.
   std::optional<std::uint64_t> inUseSince;
 
   /// Without the epoch, which the composer compares.
@@ -61,8 +61,8 @@ class ResolverEmLogicalKeyColl {
   PlacedKeys<EmLogicalKey> emLogicalKeySet_;
 };
 
-/// One per composer type that needs resolution. The base serves any number of resolver types; which ones, and
-/// how a key is composed, the derived class says.
+/// One per composer type that needs resolution. The base serves any number of resolver types; the derived
+/// class defines which ones, and how a key is composed.
 class ComposerSm : public Stage, private Departures::Composer {
  public:
   /// `className` must outlive the stage.
@@ -73,13 +73,13 @@ class ComposerSm : public Stage, private Departures::Composer {
              Ref<DependencyStatus> dependencyStatus, StageControl smControl,
              Ref<EmComposeFailure> emComposeFailure, KeyTraces traces = {});
 
-  /// Whether this composer takes resources of that type.
+  /// Whether this composer uses resources of that type.
   [[nodiscard]] virtual bool isSupportedResolverType(ResolverKeyUnionTag resolverType) const;
-  /// The resolver key under which the logical key's resource is asked for: a function of the key alone.
+  /// The resolver key under which the logical key's resource is requested: a function of the key alone.
   [[nodiscard]] virtual ResolverKey getResolverKey(ResolverKeyUnionTag resolverType,
                                                    const EmLogicalKey& emLogicalKey) const;
-  /// The hardware key of a logical key whose resources are all resolved. Throws std::range_error where a
-  /// field does not fit the hardware's width.
+  /// The hardware key of a logical key whose resources are all resolved. Throws std::range_error if a field
+  /// does not fit the hardware's width.
   [[nodiscard]] virtual EmHwKey composeKey(const EmLogicalKey& emLogicalKey) const;
 
   [[nodiscard]] EmComposerKeyUnionTag composerType() const { return composerType_; }
@@ -99,7 +99,7 @@ class ComposerSm : public Stage, private Departures::Composer {
   void updateResolverToEmKeyColl(const ResolverKey& resolverKey, const EmLogicalKey& emLogicalKey, bool add);
   /// Composes a requested key whose resources are resolved; deletes any other key's hardware key.
   void maybeComposeKey(const EmLogicalKey& emLogicalKey);
-  /// The least of the key's resolution states; success where it needs no resource.
+  /// The least of the key's resolution states; success if it needs no resource.
   [[nodiscard]] ResolutionState::State getResolutionState(const EmLogicalKey& emLogicalKey) const;
   /// The resolved value of a resource whose resolution succeeded; anything else is an assertion failure.
   [[nodiscard]] std::uint64_t getResult(ResolverKeyUnionTag resolverType,
@@ -113,7 +113,7 @@ class ComposerSm : public Stage, private Departures::Composer {
                             const ResolutionState* state);
 
   void noteState(StateDigest& digest) const override;
-  /// Without what the departures' task reads.
+  /// Without the collections that the departures' task reads.
   [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
 
  protected:
@@ -122,13 +122,13 @@ class ComposerSm : public Stage, private Departures::Composer {
  private:
   using State = EmLogicalKeyState::State;
 
-  /// The resolver keys whose change is being handled. One is walked at a time, a logical key per item; the
-  /// walk survives what its own handlers do to the set.
+  /// The resolver keys whose change is being handled. One of them is walked at a time, with one logical key
+  /// per item. The walk stays valid when its own handlers change the set.
   class ResourceWalk final : public OwnWork {
    public:
     explicit ResourceWalk(ComposerSm& composer);
-    /// Walks the resolver key's logical keys once more. A change of a resolution is handled after the walk
-    /// that arrived before it.
+    /// Queues another walk over the resolver key's logical keys. A change of a resolution is handled after
+    /// the walk that arrived before it.
     void add(const ResolverKey& resolverKey);
 
     [[nodiscard]] std::size_t pendingCount() const override { return waiting_.size() + (current_ ? 1 : 0); }
@@ -149,24 +149,24 @@ class ComposerSm : public Stage, private Departures::Composer {
     std::optional<ResolutionState> state_;  ///< the resolution when the walk began
   };
 
-  /// What this composer asks the resolvers for. The deletion scan gives back what an earlier composer asked
-  /// for and is no longer needed. Nothing is counted, as the server creates composers over requests that are
-  /// new, and no deletion is held back: until the sweep the resolver gives no resource back, so that one that
-  /// is asked for again is still there.
+  /// The requests of this composer to the resolvers. The deletion scan releases what an earlier composer
+  /// requested and is no longer needed. Nothing is counted, since the server creates composers over new
+  /// requests. No deletion is held back: until the sweep the resolver releases nothing, so a resource that is
+  /// requested again still exists.
   class AskedResources final : public OutputBase {
    public:
     AskedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir);
 
     /// The types of the resolvers that exist.
     [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
-    /// What is asked of a type's resolver; null before the first request.
+    /// The requests to a type's resolver; null before the first one.
     [[nodiscard]] const ResolverComposerConfig* of(ResolverKeyUnionTag resolverType) const;
-    /// Asks for the resource, unless it is asked for already.
+    /// Requests the resource, unless it is requested already.
     void request(const ResolverKey& resolverKey);
     /// Tells the resolver that the value is in use, in this epoch of the composer.
     void acknowledge(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType, std::uint64_t value,
                      std::uint64_t epoch);
-    /// True if the resource was asked for.
+    /// Releases the resource. True if it was requested.
     bool giveBack(const ResolverKey& resolverKey);
 
     void checkArgument() const override;
@@ -174,7 +174,7 @@ class ComposerSm : public Stage, private Departures::Composer {
     void addReads(std::vector<const void*>& collections) const override;
     [[nodiscard]] std::size_t size() const override;
     void noteState(StateDigest& digest) const override;
-    /// The resolvers' collections are described where they are.
+    /// The resolvers' collections are described by the resolvers.
     void noteContent(StateDigest& /*digest*/) const override {}
 
    private:
@@ -183,7 +183,7 @@ class ComposerSm : public Stage, private Departures::Composer {
     [[nodiscard]] std::size_t seenCount() const override { return 0; }
     void forgetNextSeen() override {}
     void endSeen() override {}
-    /// The next resource of a walk over those that are asked for.
+    /// The next resource of a walk over the requested ones.
     std::optional<ResolverKey> next();
     void rewind();
 
@@ -193,7 +193,7 @@ class ComposerSm : public Stage, private Departures::Composer {
     ComposerSm& composer_;
     Ref<ResolverConfigDir> resolverConfigDir_;
     mutable std::vector<ResolverKeyUnionTag> resolverTypes_;
-    std::size_t type_ = 0;  ///< place of the resolver type whose resources are walked
+    std::size_t type_ = 0;  ///< index of the resolver type whose resources are walked
     KilnPlatform::ScanCursor<ResolverKey> cursor_;
   };
 
@@ -217,7 +217,8 @@ class ComposerSm : public Stage, private Departures::Composer {
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
-  /// The types of which a directory has an entity, none of which ever goes; `known` is what they were last.
+  /// The types for which a directory has an entity; entities are never removed. `known` caches the last
+  /// result.
   template <class Directory>
   static const std::vector<ResolverKeyUnionTag>& typesOf(const Directory& directory,
                                                          std::vector<ResolverKeyUnionTag>& known);
@@ -225,17 +226,17 @@ class ComposerSm : public Stage, private Departures::Composer {
   void forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const;
 
   void withdraw(const EmLogicalKey& emKey);
-  /// One more leaving key used each of the key's resources, or one less.
+  /// Counts one more, or one less, leaving key that used each of the key's resources.
   void countLeaving(const EmLogicalKey& emKey, bool more);
-  /// The places of the logical keys that use resources of a type, each in the set of its resolver key.
+  /// The positions of the logical keys that use resources of a type, each within the set of its resolver key.
   KeyPlaces<EmLogicalKey>& placesOf(ResolverKeyUnionTag resolverType);
-  /// Gives the resource back unless it is needed; true where it did.
+  /// Releases the resource unless it is needed; true if it did.
   bool releaseUnused(const ResolverKey& resolverKey);
   bool compose(const EmLogicalKey& emKey);
   void resourceUpdateHandled(const ResolverKey& resolverKey, const std::optional<ResolutionState>& state);
   void emLogicalKeyStateIs(const EmLogicalKey& emKey, State state);
   void emLogicalKeyStateDel(const EmLogicalKey& emKey);
-  /// Keeps the counts of the key's sets when its state goes from `from` to `to`; null is no state.
+  /// Updates the counts of the key's sets when its state changes from `from` to `to`; null is no state.
   void countState(const EmLogicalKey& emKey, const State* from, const State* to);
 
   EmComposerKeyUnionTag composerType_;
@@ -247,7 +248,7 @@ class ComposerSm : public Stage, private Departures::Composer {
   std::map<ResolverKeyUnionTag, KeyPlaces<EmLogicalKey>> places_;
   LocalCollection<ResolverKey, Ref<ResolverEmLogicalKeyColl>> resolverKeyToEmLogicalKey_;
   LocalCollection<EmLogicalKey, State> emLogicalKeyState_;
-  /// Withdrawn keys of which something may be left, and how many of them used a resolver key.
+  /// Withdrawn keys that may have left traces, and how many of them used a resolver key.
   Departures departures_;
   LocalCollection<ResolverKey, std::size_t> leavingCount_;
 

@@ -20,7 +20,7 @@ Departures::~Departures() = default;
 
 void Departures::start() {
   const StageControl& control = stage_.control();
-  // Without an instance: it reads more than its stage says.
+  // Without an instance name: it reads more than its stage declares.
   task_ = std::make_unique<Task>(
       control.scheduler, control.priority - 1, fmt::format("{}-DeparturesTask", stage_.className()),
       [](void* self) { static_cast<Departures*>(self)->run(); }, this, kPatience);
@@ -51,7 +51,7 @@ void Departures::check(const EmLogicalKey& emKey) {
   task_->scheduleTask();
 }
 
-// Keys that are to be looked at again are for the next run: what they wait for has tasks of its own.
+// Keys that must be checked again wait for the next run: what they wait for has its own tasks.
 void Departures::run() {
   const KilnPlatform::RunningStageScope scope(stage_.name());
   std::size_t left = toCheck_.size();

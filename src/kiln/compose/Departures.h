@@ -1,4 +1,4 @@
-// Withdrawn keys on their way out: until nothing of them is left in the server and in the tables.
+// Withdrawn keys until no trace of them is left in the server and in the tables.
 #pragma once
 
 #include <cstddef>
@@ -12,25 +12,24 @@
 
 namespace KilnEmServer {
 
-/// Where a key may still be found after its withdrawal. Each may be null, and is then not looked at.
+/// The places where a withdrawn key may still be found. Each may be null and is then not checked.
 struct KeyTraces {
   Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry;
   Ref<const EmMergedEntry> emMergedEntry;
   Ref<const EmWrittenKeys> emWrittenKeys;
 };
 
-/// The keys of one composer that were withdrawn and may still reach a table, or be stored in one.
+/// The keys of one composer that were withdrawn and may still be written to a table, or be stored in one.
 ///
-/// They are looked at below the stages' priority, when the stages have nothing else to do: a request that is
-/// withdrawn and published again, or one that takes another's place, is then known. Endless work of other
-/// tasks delays that by kPatience runs at most; a key whose withdrawal is still on its way through the stages
-/// is looked at again later.
+/// They are checked below the stages' priority, when the stages have no other work: by then it is known
+/// whether a request was published again, or another request took its place. Other tasks delay the check by
+/// at most kPatience runs. A key whose withdrawal is still pending in the stages is checked again later.
 class Departures final : public LocalState {
  public:
-  /// Runs of other tasks before the keys are looked at in spite of them.
+  /// Runs of other tasks after which the keys are checked in any case.
   static constexpr std::uint32_t kPatience = 4096;
 
-  /// What the composer knows of a key, and what it does when the key is gone.
+  /// The composer's knowledge of a key, and its action when the key has left.
   class Composer {
    public:
     [[nodiscard]] virtual bool requested(const EmLogicalKey& emKey) const = 0;
@@ -50,7 +49,7 @@ class Departures final : public LocalState {
   bool begin(const EmLogicalKey& emKey);
   /// The key is requested again. False if it was not leaving.
   bool cancel(const EmLogicalKey& emKey);
-  /// Something that a leaving key waits for may have ended; nothing for any other key.
+  /// An event that a leaving key waits for may have happened; no effect for any other key.
   void check(const EmLogicalKey& emKey);
   [[nodiscard]] bool has(const EmLogicalKey& emKey) const {
     return leaving_.size() != 0 && leaving_.find(emKey) != nullptr;

@@ -1,4 +1,4 @@
-// The translation of logical keys that carry everything that their hardware key needs.
+// The translation of logical keys that need no resource.
 #pragma once
 
 #include "kiln/runtime/model/EmTypes.h"
@@ -6,8 +6,8 @@
 namespace KilnEmServer {
 
 /// The hardware key of a logical key of type 4, 5, 7 or 8: the same chip and core, and field for field the
-/// same composer key. Throws std::range_error where a field does not fit the hardware's width; any other type
-/// is an assertion failure.
+/// same composer key. Throws std::range_error if a field does not fit the hardware's width; any other type is
+/// an assertion failure.
 EmHwKey translateToSwTableKey(const EmLogicalKey& key);
 
 }  // namespace KilnEmServer

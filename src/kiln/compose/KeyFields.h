@@ -1,4 +1,4 @@
-// How a hardware key follows from the fields of a logical key, for every key type.
+// Derives a hardware key from the fields of a logical key, for every key type.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 namespace KilnEmServer {
 
-/// The field of a hardware key that is not the logical key's: what the resolver found.
+/// The hardware key's field that is not in the logical key: the resolver's value.
 inline constexpr std::string_view kVlanDomainField = "vlanDomain";
 
 namespace detail {
@@ -25,8 +25,8 @@ template <class T>
 using FieldPlaces = std::make_index_sequence<std::tuple_size_v<decltype(T::fields())>>;
 }  // namespace detail
 
-/// Calls `visitor(field, hwField)` with each field of a row's logical key that its hardware key has too, in
-/// the order of the hardware key's fields; each is a KilnPlatform::Field.
+/// Calls `visitor(field, hwField)` with each field of a row's logical key that is also in its hardware key,
+/// in the order of the hardware key's fields; each is a KilnPlatform::Field.
 template <class Row, class Visitor>
 constexpr void forEachCommonField(Visitor&& visitor) {
   using From = typename Row::ComposerKey;
@@ -45,8 +45,8 @@ constexpr void forEachCommonField(Visitor&& visitor) {
   (detail::FieldPlaces<To>());
 }
 
-/// Whether a row's hardware key follows from its logical key: every field of the one is a field of the other,
-/// but for the VLAN domain, which takes the place of the interface.
+/// Whether a row's hardware key can be derived from its logical key: every field of each is a field of the
+/// other, except the VLAN domain, which replaces the interface.
 template <class Row>
 consteval bool keysAgree() {
   constexpr bool resolved = Row::kResolver == ResolverKeyUnionTag::vd;

@@ -63,7 +63,8 @@ void ResolverBase::handleRequest(const EmComposerKeyUnionTag& composerType, cons
   KILN_ASSERT_MESSAGE(false, "Unexpected request {}", static_cast<int>(request->requestType));
 }
 
-// A request that stood before this resolver came may have been acknowledged for a resolution that is gone.
+// A request that is older than this resolver may have been acknowledged for a resolution that no longer
+// exists.
 void ResolverBase::takeOverInUse(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType,
                                  const ResolverRequest& request) {
   makeRequestComposer(resolverKey, composerType);
@@ -99,7 +100,7 @@ void ResolverBase::deleteRequestComposer(const ResolverKey& resolverKey, EmCompo
   }
   const ResolutionState* status = resolverStatus().status().find(resolverKey);
   if (status == nullptr || status->state != ResolutionState::resolutionSuccess_) return;
-  // What a remaining composer has acknowledged counts only where it is the value that stands now.
+  // The acknowledgement of a remaining composer counts only for the current value.
   forEachIn(resolverConfig_->resolverComposerConfig(),
             [&](EmComposerKeyUnionTag remaining, const auto& config) {
               const ResolverRequest* request = config->resolverRequest().find(resolverKey);

@@ -1,4 +1,4 @@
-// The base of the resolvers: they find the values that composers ask for.
+// The base of the resolvers: they find the values that composers request.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,8 @@
 namespace KilnEmServer {
 
 /// One per resolver type. A request is answered inside the call that makes it, at least with
-/// `resolutionPending`; composers that ask for one resolver key share its resolution, which goes with the
-/// last of their requests.
+/// `resolutionPending`. Composers that request one resolver key share its resolution, which is deleted with
+/// the last of their requests.
 class ResolverBase : public Stage {
  public:
   /// `className` must outlive the stage.
@@ -24,20 +24,20 @@ class ResolverBase : public Stage {
                Ref<ResolverStatus> resolverStatus, std::string_view className, std::string name,
                Ref<DependencyStatus> dependencyStatus, StageControl smControl);
 
-  /// Asks for the resource and brings the resolution to where it stands.
+  /// Requests the resource and updates the resolution to its present state.
   virtual void makeRequest(const ResolverKey& resolverKey);
-  /// Gives the resource back and brings the resolution to where it stands.
+  /// Releases the resource and updates the resolution to its present state.
   virtual void deleteRequest(const ResolverKey& resolverKey);
-  /// Some composer holds the resolved value in use.
+  /// At least one composer uses the resolved value.
   virtual void ackInUse(const ResolverKey& resolverKey);
 
   [[nodiscard]] ResolverKeyUnionTag resolverType() const { return resolverType_; }
   [[nodiscard]] const ResolverConfig& resolverConfig() const { return *resolverConfig_; }
   [[nodiscard]] const ResolverStatus& resolverStatus() const { return resolverStatus_.entity(); }
-  /// Whether some composer has acknowledged the resolution as it is.
+  /// Whether a composer has acknowledged the current resolution.
   [[nodiscard]] bool resolutionInUseHas(const ResolverKey& key) const { return resolutionInUse_.has(key); }
 
-  /// A composer's request came, changed or, where it is null, went.
+  /// A composer's request was added or changed, or removed if it is null.
   void handleRequest(const EmComposerKeyUnionTag& composerType, const ResolverKey& resolverKey,
                      const ResolverRequest* request);
   void makeRequestComposer(const ResolverKey& resolverKey, EmComposerKeyUnionTag composerType);
@@ -53,9 +53,9 @@ class ResolverBase : public Stage {
   /// Deletes the resolution together with its acknowledgement.
   void deleteResolutionState(const ResolverKey& resolverKey);
 
-  /// Gives back what no composer asks for, in slices. To be run once, when every composer has asked for what
-  /// it needs: before it nothing is given back, since a composer that is still starting may ask for it again.
-  /// `reportAs` is recorded as complete in the dependency status when all is done; nothing where it is empty.
+  /// Releases, in slices, what no composer requests. To be called once, when every composer has requested
+  /// what it needs: nothing is released before that, since a composer that is still starting may request it
+  /// again. On completion `reportAs` is recorded in the dependency status, unless it is empty.
   void sweep(std::string reportAs = {});
 
   void noteState(StateDigest& digest) const override;
@@ -75,7 +75,7 @@ class ResolverBase : public Stage {
   ResolverKeyUnionTag resolverType_;
   Ref<const ResolverConfig> resolverConfig_;
   DirectOutput<ResolverStatus::statusAttr, "resolverStatus"> resolverStatus_;
-  bool givesBack_ = false;  ///< from the begin of the sweep on
+  bool givesBack_ = false;  ///< true once the sweep has begun
   bool sweeping_ = false;
   KilnPlatform::ScanCursor<ResolverKey> sweepCursor_;
   std::string sweepReport_;

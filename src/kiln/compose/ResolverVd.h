@@ -9,9 +9,9 @@
 
 namespace KilnEmServer {
 
-/// Success while the service has allotted a domain that is asked for, pending while it has not; it never
-/// fails. The service's configuration outlives the server: what stands in it at start is taken over, and
-/// released by the sweep where no composer asks for it.
+/// Success if the service has allotted the requested domain, pending if it has not; it never fails. The
+/// service's configuration outlives the server: the resolver takes over its content at start, and the sweep
+/// releases what no composer requests.
 class ResolverVd final : public ResolverBase {
  public:
   ResolverVd(Ref<const ResolverConfig> resolverConfig, Ref<ResolverStatus> resolverStatus,
@@ -21,9 +21,9 @@ class ResolverVd final : public ResolverBase {
 
   void makeRequest(const ResolverKey& resolverKey) override;
   void deleteRequest(const ResolverKey& resolverKey) override;
-  /// Brings the resolution in line with what is asked for and what is allotted.
+  /// Updates the resolution from the request and the allotment.
   void handleStatus(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey);
-  /// Whether this resolver asked for the domain.
+  /// Whether this resolver requested the domain.
   [[nodiscard]] bool owns(const KilnTunnelNiLib::IntfIdSystemTcamId& vdKey) const {
     return resolverStatus().statusHas(VdResolverKey{vdKey});
   }
@@ -34,7 +34,7 @@ class ResolverVd final : public ResolverBase {
                           const std::uint16_t* vlanDomainOpt);
 
   DirectOutput<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig"> vdConfig_;
-  /// What an earlier server asked for.
+  /// The requests of an earlier server.
   Input<KilnVlanDomain::VlanDomainConfig::configAttr, "vdConfig", &ResolverVd::handleLeftConfig,
         "from( vdConfig.config[] ): vdKey={} unitOpt={}", Reaction::none>
       leftConfig_;
@@ -43,7 +43,7 @@ class ResolverVd final : public ResolverBase {
       vdStatus_;
 };
 
-/// Creates the resolver and starts it. Ready, it answers every request inside the call that makes it.
+/// Creates the resolver and starts it. Once ready, it answers every request inside the call that makes it.
 Ref<ResolverVd> resolverVdFactory(Ref<const ResolverConfig> resolverConfig,
                                   Ref<ResolverStatus> resolverStatus,
                                   Ref<KilnVlanDomain::VlanDomainConfig> vdConfig,

@@ -10,8 +10,8 @@
 
 namespace KilnEmServer {
 
-/// One per composer type that needs no resolution. A key that cannot be translated leaves no hardware key and
-/// a record of what is wrong with it, until it is withdrawn.
+/// One per composer type that needs no resolution. A key that cannot be translated has no hardware key, and a
+/// compose failure with the reason until it is withdrawn.
 class SwKeyTranslationSm final : public Stage {
  public:
   SwKeyTranslationSm(EmComposerKeyUnionTag composerType, Ref<const EmLogicalKeyConfig> emLogicalKeyConfig,

@@ -1,4 +1,4 @@
-// What the composers that put a VLAN domain into their hardware key have in common.
+// The common part of the composers that put a VLAN domain into their hardware key.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace KilnEmServer {
 
-/// The composer of a row. `Name` is the class that is derived from it, as traces have it.
+/// The composer of a row. `Name` is the name of the derived class, for traces.
 template <class Row, KilnPlatform::FixedString Name>
 class VdComposerSm : public ComposerSm {
   using ComposerKey = typename Row::ComposerKey;
@@ -45,8 +45,8 @@ class VdComposerSm : public ComposerSm {
   }
 };
 
-/// The class and the factory of a row's composer; each composer specializes it. What it does not declare here
-/// the server cannot create.
+/// The class and the factory of a row's composer; each composer specializes it. Without a specialization the
+/// server does not compile.
 template <class Row>
 struct ComposerOf;
 
