@@ -1,4 +1,4 @@
-// Who wants which hardware key: the contenders, by hardware key, feature type and logical key.
+// The contenders for each hardware key, by feature type and logical key.
 #pragma once
 
 #include <boost/container/small_vector.hpp>
@@ -17,8 +17,8 @@
 namespace KilnEmServer {
 
 /// The contenders of one feature type for one hardware key, least logical key first: the order is kept by
-/// key, so that the winner is a function of the requests alone. The first one, mostly the only one, lies in
-/// the set itself. Nothing is asked of an empty set but to file a contender.
+/// key, so that the winner is a function of the requests alone. The first one, usually the only one, is
+/// stored in the set itself. An empty set must not be read.
 class FeatureTypeLogicalKeySet {
  public:
   using Contender = std::pair<EmLogicalKey, EmConfigEntry>;
@@ -52,14 +52,14 @@ class FeatureTypeLogicalKeySet {
   FeatureType featureType_;
   std::uint32_t size_ = 0;
   Contender first_;
-  std::unique_ptr<Others> others_;  ///< null where there are none
+  std::unique_ptr<Others> others_;  ///< null if there are none
 };
 
 /// The contenders for one hardware key, sorted by feature type.
 class ConflictKeyToLogicalKeySet {
  public:
   [[nodiscard]] const auto& featureTypeToLogicalKeySet() const { return sets_; }
-  /// The member of a feature type, created where there is none.
+  /// The member of a feature type, created if it does not exist.
   FeatureTypeLogicalKeySet& featureTypeToLogicalKeySetIs(FeatureType featureType);
   /// The member of a feature type, or null.
   [[nodiscard]] const FeatureTypeLogicalKeySet* featureTypeToLogicalKeySet(FeatureType featureType) const {
@@ -92,9 +92,9 @@ class ConflictKeySet final : public LocalState {
   [[nodiscard]] const ConflictKeyToLogicalKeySet* hwKeyToLogicalKeySet(const EmHwKey& hwKey) const {
     return sets_.find(hwKey);
   }
-  /// Files a contender, creating the levels as needed.
+  /// Adds a contender and creates the levels that it needs.
   void insert(const EmHwKey& hwKey, const EmLogicalKey& key, const EmConfigEntry& entry);
-  /// Removes a contender and the levels that it leaves empty.
+  /// Removes a contender and the levels that become empty.
   void erase(const EmHwKey& hwKey, const EmLogicalKey& key);
 
   /// The divergent hardware keys with contenders whose convergent twin is `twin`, or null.
@@ -121,7 +121,7 @@ bool fapCoreConvergent(const EmHwKey& hwKey);
 EmHwKey convergentTwin(const EmHwKey& hwKey);
 
 /// The winner among two candidates, either of which may be null: of the set with the greater feature type
-/// (the first argument's on a tie) the first logical key with its entry. Nothing where both are null.
+/// (the first argument's on a tie) the first logical key with its entry. Nothing if both are null.
 std::optional<EmLogicalKeyAndEntry> getHighestPriorityKey(const FeatureTypeLogicalKeySet* a,
                                                           const FeatureTypeLogicalKeySet* b);
 

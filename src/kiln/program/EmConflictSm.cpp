@@ -60,7 +60,7 @@ void EmConflictSm::eventToConflictStatusStream(const EmLogicalKey& emLogicalKey,
     decideUnplaced(emLogicalKey);
     return;
   }
-  // A status other than of a conflict was written while the key had no hardware entry.
+  // A status other than a conflict was written while the key had no hardware entry.
   const EmRequestStatus* status = emConflictStatus_.find(emLogicalKey);
   if (status != nullptr && status->status != EmStatus::hwKeyConflict) emConflictStatus_.erase(emLogicalKey);
 }
@@ -79,7 +79,7 @@ void EmConflictSm::eventToProcessInputStream(const EmLogicalKey& emLogicalKey, c
       "foreach( [ ( _newValueOpt7, true ), ( if ( _oldValueOpt6 != _newValueOpt7 ) then _oldValueOpt6 else "
       "None, "
       "false ) ] )");
-  // First filed under the new hardware key, then removed from the old one.
+  // Add it under the new hardware key before removing it from the old one.
   if (newKey != nullptr) processWorkItem({*newKey, true}, emLogicalKey, hwEntryOpt);
   if (oldKey && (newKey == nullptr || *oldKey != *newKey)) {
     processWorkItem({*oldKey, false}, emLogicalKey, hwEntryOpt);
@@ -95,7 +95,7 @@ void EmConflictSm::processWorkItem(const WorkItem& item, const EmLogicalKey& emL
   static constexpr auto kDeleting = kInto + "deleting k1={}, k2={}, k3={}";
   const KeyUse<EmHwKey> use(item.hwKey);
   const EmHwKey& hwKey = use.key();
-  // For EmKeyMergeSm, which will have this key in hand when the entry changes.
+  // For EmKeyMergeSm, which will use this key when the entry changes.
   if (item.insert) hintOf(hwEntryOpt->emHwKey).handleIs(hintOf(item.hwKey).handle());
   const bool convergent = fapCoreConvergent(hwKey);
   if (item.insert) {
@@ -138,8 +138,8 @@ void EmConflictSm::decide(const EmHwKey& hwKey, const EmLogicalKey* changed) {
 
 // --- Statuses of contenders --------------------------------------------------------------------------------
 
-// A contender's status depends on whether it is the winner and on its own entry only. So beside the winner
-// only the contender that changed and the one that won before can need another status than they have.
+// A contender's status depends only on its own entry and on whether it is the winner. So apart from the
+// winner, only the contender that changed and the previous winner can need another status.
 void EmConflictSm::eventToConflictStatusStream2(
     const EmHwKey& hwKey, const std::optional<EmLogicalKeyAndEntry>& logicalKeyAndEntryOpt,
     const EmLogicalKey* previousWinner, const EmLogicalKey* changed) {
@@ -161,7 +161,7 @@ void EmConflictSm::writeContenderStatus(const EmHwKey& hwKey, const EmLogicalKey
   const FeatureTypeLogicalKeySet* ofFeature =
       conflictKeySet_.hwKeyToLogicalKeySet(hwKey)->featureTypeToLogicalKeySet(contender.featureType);
   const EmConfigEntry* entry = ofFeature == nullptr ? nullptr : ofFeature->logicalKeyToEntry(contender);
-  if (entry == nullptr) return;  // filed under another hardware key, or under none
+  if (entry == nullptr) return;  // it has another hardware key, or none
   if (contender == winner) {
     emConflictStatus_.erase<"logicalKey">(contender);
   } else {
@@ -184,7 +184,7 @@ void EmConflictSm::traceContenders(const EmHwKey& hwKey) const {
 // --- Statuses of keys without a hardware entry -------------------------------------------------------------
 
 void EmConflictSm::decideUnplaced(const EmLogicalKey& emLogicalKey) {
-  if (!unplaced(emLogicalKey)) return;  // decided with its hardware key
+  if (!unplaced(emLogicalKey)) return;  // decided together with its hardware key
   if (!emLogicalKeyToEntry_) {
     emConflictStatus_.insert(emLogicalKey, {emLogicalKey, {}, {}, EmStatus{}});
     return;

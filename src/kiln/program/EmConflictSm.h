@@ -1,4 +1,4 @@
-// Lets the highest-priority feature win each hardware key, and tells every other contender that it lost.
+// Lets the highest-priority feature win each hardware key, and gives every other contender a conflict status.
 #pragma once
 
 #include <cstddef>
@@ -17,20 +17,20 @@
 
 namespace KilnEmServer {
 
-/// Files every logical key that has a hardware key under it, decides each hardware key that changed,
-/// publishes the winner as the table's desired content and a status for every loser.
+/// Groups the logical keys by hardware key, decides each hardware key that changed, and publishes the winner
+/// as the table's desired content and a status for every loser.
 ///
-/// A logical key without a hardware key has a status as well. Given the requested entries and the compose
-/// failures, that status carries the requested entry and version and is `hwFail` where the key cannot be
-/// composed, else `hwPending`; a key that is no longer requested has none. Only the insertion of `hwPending`
-/// waits for a quiet moment, so that a key that composes at once never passes through it.
+/// A logical key without a hardware key has a status as well. From the requested entries and the compose
+/// failures it carries the requested entry and version, and is `hwFail` if the key cannot be composed, else
+/// `hwPending`. A key that is no longer requested has none. Only the insertion of `hwPending` is deferred to
+/// a lower priority, so that a key that composes immediately never passes through it.
 ///
 /// A divergent hardware key (one chip, one core) also competes with its convergent twin (all chips, all
-/// cores): while it has contenders of its own, its content is the winner over both; without any its content
-/// is deleted. It is decided anew whenever its twin is.
+/// cores). While it has contenders of its own, its content is the winner over both; without any, its content
+/// is deleted. It is decided again whenever its twin is.
 class EmConflictSm final : public Stage {
  public:
-  /// How many runs of other tasks the insertion of a pending status waits for at most.
+  /// Maximum number of runs of other tasks for which the insertion of a pending status is deferred.
   static constexpr std::uint32_t kPendingPatience = 4096;
 
   EmConflictSm(Ref<const EmMergedEntry> emMergedEntry, Ref<EmSwTableConfig> emSwTableConfig,
@@ -40,7 +40,7 @@ class EmConflictSm final : public Stage {
                Ref<const EmComposeFailureByComposerType> emComposeFailure = nullptr);
   ~EmConflictSm() override;
 
-  /// What the handler looks up beside the key for which it is called.
+  /// Prefetches the keys that the handler looks up in addition to its own.
   void expect(const EmLogicalKey& emLogicalKey) const {
     if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) {
       expectKey(*hwKey);
@@ -50,14 +50,15 @@ class EmConflictSm final : public Stage {
   }
 
  private:
-  /// One hardware key to be decided: a contender that came or changed, or one that left.
+  /// One hardware key to decide: a contender was added or changed, or one was removed.
   struct WorkItem {
     const EmHwKey& hwKey;
     bool insert;
   };
 
   void eventToInputStream(const EmLogicalKey& emLogicalKey, const EmHwEntry* hwEntryOpt);
-  /// Whether the key has no hardware entry: when one that has loses it, that is a change of its own.
+  /// Whether the key has no hardware entry. A key that loses its hardware entry is handled as a separate
+  /// change.
   [[nodiscard]] bool unplaced(const EmLogicalKey& emLogicalKey) const {
     return emMergedEntry_.find(emLogicalKey) == nullptr;
   }
@@ -104,7 +105,7 @@ class EmConflictSm final : public Stage {
   Output<EmConflictStatus::statusAttr, "emConflictStatus", "emLogicalKey", KeyMismatch::report>
       emConflictStatus_;
 
-  /// Keys that may need a pending status; each is judged anew when its turn comes.
+  /// Keys that may need a pending status; each is decided again when it is handled.
   class Waiting final : public LocalState {
    public:
     explicit Waiting(Stage& stage) : LocalState(stage, "waiting") {}

@@ -38,7 +38,7 @@ void EmKeyMergeSm::eventToVok_pipeline0(const EmLogicalKey& emKey) {
   }
 }
 
-// The key that was merged last remembers where it stands, unlike the one that was composed.
+// The merged copy of the key remembers its place, unlike the composed one.
 void EmKeyMergeSm::expectHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const {
   if (!changeIsLone()) return;
   const EmHwEntry* before = emMergedEntry_.find(emKey);

@@ -10,7 +10,7 @@
 
 namespace KilnEmServer {
 
-/// Only a logical key that has both goes on.
+/// Only a logical key that has both is merged.
 class EmKeyMergeSm final : public Stage {
  public:
   EmKeyMergeSm(Ref<const ResolvedKeyColl> resolvedKeyColl, Ref<const EmLogicalKeyToEntry> emLogicalKeyToEntry,
@@ -21,7 +21,7 @@ class EmKeyMergeSm final : public Stage {
   void handleInitialized() override;
 
  private:
-  /// Whether the key has, or had, a hardware key: else there is nothing to join an entry with.
+  /// Whether the key has, or had, a hardware key; without one there is nothing to join the entry with.
   [[nodiscard]] bool placed(const EmLogicalKey& emKey) const {
     return resolvedKeyColl_.find(emKey) != nullptr || emMergedEntry_.find(emKey) != nullptr;
   }
@@ -35,8 +35,8 @@ class EmKeyMergeSm final : public Stage {
       resolvedKeyColl_;
   Input<EmLogicalKeyToEntry::emLogicalKeyToEntryAttr, "emLogicalKeyToEntry",
         &EmKeyMergeSm::eventToVok_stream1,
-        "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}", Reaction::queued,
-        nullptr, &EmKeyMergeSm::placed>
+        "Line 26: from( emLogicalKeyToEntry.emLogicalKeyToEntry[] ): emKey={}", Reaction::queued, nullptr,
+        &EmKeyMergeSm::placed>
       emLogicalKeyToEntry_;
   Output<EmMergedEntry::emMergedEntryAttr, "emMergedEntry", "emKey"> emMergedEntry_;
 };

@@ -28,8 +28,7 @@ void EmSwTableStatusSm::handleStatus(const EmHwKey& swTableKey, const EmSwTableS
       "foreach( [ ( if ( _oldValueOpt6 != _newValueOpt7 ) then _oldValueOpt6 else None, false ), ( "
       "_newValueOpt7, "
       "true ) ] )");
-  // The removal comes before the insertion: a key that keeps its hardware key must end with its status
-  // present.
+  // Remove before inserting: a key that keeps its hardware key must end with its status present.
   const EmLogicalKey* newKey = statusOpt == nullptr ? nullptr : &statusOpt->emLogicalKeyAndEntry.emLogicalKey;
   if (oldKey && (newKey == nullptr || *oldKey != *newKey)) remove(*oldKey, swTableKey);
   if (newKey != nullptr) insert(*newKey, swTableKey, *statusOpt);
@@ -55,7 +54,7 @@ const EmSwTableStatusEntry* EmSwTableStatusSm::statusAbout(const EmLogicalKey& l
   return about ? status : nullptr;
 }
 
-// One without a status about the logical key has its own event still to come.
+// A hardware key without a status about the logical key has a pending event of its own.
 std::optional<EmHwKey> EmSwTableStatusSm::latestOther(const EmLogicalKey& logicalKey) const {
   const auto* others = otherHwKeys_.find(logicalKey);
   if (others == nullptr) return std::nullopt;

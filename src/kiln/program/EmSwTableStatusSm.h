@@ -1,4 +1,4 @@
-// Restates the tables' answers, which are per hardware key, for the logical keys that own them.
+// Converts the tables' answers, which are per hardware key, to statuses of the logical keys that own them.
 #pragma once
 
 #include <boost/container/small_vector.hpp>
@@ -13,22 +13,22 @@
 
 namespace KilnEmServer {
 
-/// A logical key that moves between hardware keys has, for a while, a status under more than one. The one
-/// that the table answered last is published, in whatever order the changes are handled; when it is removed,
-/// the latest of those that are left takes its place.
+/// A logical key that moves between hardware keys has, for a while, a status under more than one. The most
+/// recent answer is published, whatever the order in which the changes are handled; when it is removed, the
+/// latest of the remaining ones replaces it.
 class EmSwTableStatusSm final : public Stage {
  public:
   EmSwTableStatusSm(Ref<const EmSwTableStatus> emSwTableStatus,
                     Ref<EmLogicalKeyToStatus> emLogicalKeyToStatus, std::string name,
                     Ref<DependencyStatus> dependencyStatus, StageControl control);
 
-  /// What the handler looks up beside the key for which it is called.
+  /// Prefetches the keys that the handler looks up in addition to its own.
   void expect(const EmHwKey& swTableKey) const {
     if (const EmLogicalKey* owner = cacheAttr0_.peek(swTableKey)) expectKey(*owner);
   }
 
  private:
-  /// The hardware keys that the cache files under a logical key beside the published one.
+  /// The hardware keys that the cache has for a logical key in addition to the published one.
   class OtherHwKeys final : public LocalState {
    public:
     explicit OtherHwKeys(Stage& stage) : LocalState(stage, "otherHwKeys") {}
@@ -61,7 +61,7 @@ class EmSwTableStatusSm final : public Stage {
   /// The status of a hardware key, if it is about the logical key.
   [[nodiscard]] const EmSwTableStatusEntry* statusAbout(const EmLogicalKey& logicalKey,
                                                         const EmHwKey& swTableKey) const;
-  /// Of the other hardware keys the one that the table answered about last; nothing if none has a status.
+  /// The other hardware key with the most recent answer; nothing if none has a status.
   [[nodiscard]] std::optional<EmHwKey> latestOther(const EmLogicalKey& logicalKey) const;
   void publish(const EmLogicalKey& logicalKey, const EmHwKey& swTableKey, const EmSwTableStatusEntry& status);
 

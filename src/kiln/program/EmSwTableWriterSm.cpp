@@ -69,8 +69,8 @@ void EmSwTableWriterSm::handleLeftStatus(const EmHwKey& hwKey, const EmSwTableSt
   if (status != nullptr && emSwTableConfig_.find(hwKey) == nullptr) handleRequest(hwKey, nullptr);
 }
 
-// The tables hold convergent entries only. The winner that asked for just this chip and core is told that it
-// failed; one that stands here for its convergent twin has its status there.
+// The tables hold convergent entries only. A winner that requested just this chip and core gets a failure
+// status; a winner that represents its convergent twin has its status there.
 void EmSwTableWriterSm::handleDivergent(const EmHwKey& hwKey,
                                         const EmLogicalKeyAndEntry* logicalKeyAndEntry) {
   if (logicalKeyAndEntry != nullptr && logicalKeyAndEntry->emLogicalKey.fapId == hwKey.fapId &&
@@ -113,7 +113,7 @@ void EmSwTableWriterSm::requestWrite(const EmHwKey& hwKey, const EmLogicalKeyAnd
   tellOperation();
 }
 
-// What an earlier write left under the key is wanted no more.
+// The entry of an earlier write under the key is no longer wanted.
 void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                          const Issued& issued) {
   try {
@@ -125,7 +125,7 @@ void EmSwTableWriterSm::removeUnwritable(const EmHwKey& hwKey, const EmLogicalKe
 
 void EmSwTableWriterSm::retry(const EmHwKey& hwKey) {
   const EmLogicalKeyAndEntry* wanted = emSwTableConfig_.find(hwKey);
-  if (wanted == nullptr) return;  // its removal waits to be handled
+  if (wanted == nullptr) return;  // its removal is pending
   tracer().trace<8>("{} is written again", hwKey);
   requestWrite(hwKey, EmLogicalKeyAndEntry(*wanted));
 }
@@ -165,7 +165,7 @@ void EmSwTableWriterSm::handleWriteResponse(EntryState entryState, const EmHwKey
   const bool taken = takeWriteAnswer(success, hwKey, logicalKeyAndEntry, issued);
   if (success || !refusedKeys_) return;
   if (taken) refusedKeys_->add(hwKey, issued.moment);
-  if (stored) noteDeparture();  // a refused write takes the entry before it out of the table
+  if (stored) noteDeparture();  // a refused write removes the previous entry from the table
 }
 
 bool EmSwTableWriterSm::takeWriteAnswer(bool success, const EmHwKey& answered,
@@ -195,7 +195,7 @@ void EmSwTableWriterSm::handleDeleteResponse(EntryState entryState, const EmHwKe
                       "entryState == Asic::SwTableBase::success()");
   writtenKeys_.answered(hwKey, issued.operation, false);
   const bool newest = keyLatestDeleteVersion_.latest(hwKey) == issued.version;
-  if (newest) keyLatestDeleteVersion_.del(hwKey);  // no answer that is still to come can be for a newer one
+  if (newest) keyLatestDeleteVersion_.del(hwKey);  // no outstanding answer can be for a newer one
   if (newest && emSwTableConfig_.find(hwKey) == nullptr) {
     emSwTableStatus_.erase(hwKey);
     keyLatestWriteVersion_.del(hwKey);
@@ -210,8 +210,7 @@ void EmSwTableWriterSm::noteDeparture() {
   if (refusedKeys_) refusedKeys_->room().noteDeparture();
 }
 
-// An answer counts also if it says the same as the one before: what was answered last under any of its
-// hardware keys is what a logical key is told.
+// An equal answer counts, too: the status of a logical key is the last answer under any of its hardware keys.
 void EmSwTableWriterSm::writeStatus(const EmHwKey& hwKey, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                                     EmHwKeyStatus::State state) {
   emSwTableStatus_.insertAgain(hwKey, {logicalKeyAndEntry, state, ++answers_});
@@ -238,7 +237,7 @@ bool EmSwTableWriterSm::noteAnswer(StateDigest& digest, const ResponseHandler& h
   return visit(handler, [&]<class Handler>(const Handler& known) {
     const auto self = known.writer.lock();
     digest.add(self != nullptr);
-    if (self == nullptr) return;  // nothing will be done
+    if (self == nullptr) return;  // the handler will do nothing
     const Issued& issued = known.issued;
     digest.add(known.hwKey);
     constexpr bool kRemoval = std::is_same_v<Handler, DeleteHandler>;

@@ -18,20 +18,21 @@
 
 namespace KilnEmServer {
 
-/// What a writer does beyond writing.
+/// Optional functions of a writer.
 struct SwTableWriterOptions {
   /// The room of the physical table, which its writers share. Writes that the table refused and that are
-  /// still wanted are written again: the first refused first, one each time that something left the physical
-  /// table, and all of them once when retryRefused() is called. Without it a refused write stays refused
-  /// until its hardware key's wanted content changes.
+  /// still wanted are written again: the first refused one each time that an entry left the physical table,
+  /// and all of them once when retryRefused() is called. Without it a refused write stays refused until the
+  /// wanted content of its hardware key changes.
   Ref<TableRoom> retryRoom;
-  /// Where to publish for which logical keys the table holds entries, or may come to; null for nowhere.
+  /// The collection in which to publish the logical keys for which the tables hold entries, or may still
+  /// write them; null for none.
   Ref<EmWrittenKeys> emWrittenKeys;
 };
 
-/// The base of the table writers. Every writer sees every key of the shared configuration and keeps
-/// only those of its own table. A newer request for a key supersedes an outstanding one; the older one's
-/// answer is recognised by its version and dropped.
+/// The base of the table writers. Every writer reads the shared configuration and selects the keys of its own
+/// table. A newer request for a key supersedes an outstanding one; the older one's answer is recognised by
+/// its version and dropped.
 class EmSwTableWriterSm : public Stage,
                           public KeyFollower<EmHwKey>,
                           public std::enable_shared_from_this<EmSwTableWriterSm>,
@@ -44,7 +45,7 @@ class EmSwTableWriterSm : public Stage,
   ~EmSwTableWriterSm() override;
 
   [[nodiscard]] EmResolvedKeyUnionTag emResolvedKeyType() const { return emResolvedKeyType_; }
-  /// Which keys of the collections that all writers write are this one's.
+  /// Whether this writer owns the key, in collections that all writers write.
   [[nodiscard]] bool owns(const EmHwKey& hwKey) const { return isOwn(hwKey); }
   [[nodiscard]] bool owns(const EmLogicalKey& emLogicalKey) const {
     return emLogicalKey.emComposerKey.tag() == composerTypeOf(emResolvedKeyType_);
@@ -55,28 +56,28 @@ class EmSwTableWriterSm : public Stage,
   [[nodiscard]] std::uint32_t deleteVersion() const { return deleteVersion_; }
 
   /// Programs or overwrites the entry; calls `handler` once with the table's answer. Throws std::range_error,
-  /// without a call of `handler`, where key or entry is not one of this writer's table.
+  /// without a call of `handler`, if key or entry is not one of this writer's table.
   virtual void writeTableEntry(const EmHwKey& hwKey, const EmEntry& entry, ResponseHandler handler);
   /// Removes the entry; calls `handler` once when done. Throws like writeTableEntry.
   virtual void deleteTableEntry(const EmHwKey& hwKey, ResponseHandler handler);
-  /// Number of entries that this writer's table holds on that FAP and core.
+  /// Number of entries of this writer's table on that FAP and core.
   [[nodiscard]] virtual std::uint32_t numEntries(Hardware::Kiln::FapId fapId,
                                                  Hardware::Kiln::LocalCoreId localCoreId) const;
-  /// Reconciliation has completed: refused writes are written again, each once, also those whose refusal is
-  /// not known yet.
+  /// Reconciliation has completed: writes each refused entry once more, including those whose refusal is not
+  /// known yet.
   void retryRefused();
-  /// Subscribers are told after each operation that the table was asked for, and after each answer; they must
-  /// stay alive until removed.
+  /// Subscribers are notified after each operation issued to the table, and after each answer; they must stay
+  /// alive until removed.
   void subscribe(Asic::ChangeSubscriber& subscriber) const { operationSubscribers_.push_back(&subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const {
     std::erase(operationSubscribers_, &subscriber);
   }
-  /// A request for the key will be handled soon. What its table has under it is fetched ahead.
+  /// Hint: a request for the key will be handled soon. Prefetches what its table has under the key.
   void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
   void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
 
-  /// Describes what an answer that a table owes will do: to `digest`, with the state of the writer that it is
-  /// for. False if the handler is not a writer's.
+  /// Describes the effect of an answer that a table owes: adds it to `digest`, with the state of the writer
+  /// that it is for. False if the handler is not a writer's.
   static bool noteAnswer(StateDigest& digest, const ResponseHandler& handler);
   /// The hardware key of the operation that the handler waits for; null if the handler is not a writer's.
   [[nodiscard]] static const EmHwKey* keyOf(const ResponseHandler& handler);
@@ -88,17 +89,17 @@ class EmSwTableWriterSm : public Stage,
                     SwTableWriterOptions options);
 
   void handleInitialized() override;
-  /// Announces the key to the table, where it is one of this writer's.
+  /// Announces the key to the table, if it is one of this writer's.
   virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
 
  private:
-  /// One operation that the table was asked for.
+  /// One operation issued to the table.
   struct Issued {
     std::uint32_t version = 0;      ///< among its hardware key's operations of the same kind
-    OperationNumber operation = 0;  ///< among all of this writer
+    OperationNumber operation = 0;  ///< among all operations of this writer
     std::uint32_t moment = 0;       ///< RefusedKeys::moment() when it was issued
   };
-  // What waits for the answer of a write, of a removal, and of the removal that takes the place of a write.
+  // The handlers of the answer to a write, to a removal, and to the removal that replaces a write.
   struct WriteHandler {
     std::weak_ptr<EmSwTableWriterSm> writer;
     EmHwKey hwKey;
@@ -136,13 +137,13 @@ class EmSwTableWriterSm : public Stage,
                         const Issued& issued);
   void requestDelete(const EmHwKey& hwKey);
   void retry(const EmHwKey& hwKey) override;
-  // The version of the next write, and of the next removal. 0 is skipped, which stands for none.
+  // The version of the next write, and of the next removal. 0 means none and is skipped.
   std::uint32_t writeVersionInc() { return ++writeVersion_ == 0 ? ++writeVersion_ : writeVersion_; }
   std::uint32_t deleteVersionInc() { return ++deleteVersion_ == 0 ? ++deleteVersion_ : deleteVersion_; }
   [[nodiscard]] Issued issue(std::uint32_t version);
   void handleWriteResponse(EntryState entryState, const EmHwKey& hwKey,
                            const EmLogicalKeyAndEntry& logicalKeyAndEntry, const Issued& issued);
-  /// True if the answer is for the latest write of a key that is still wanted, and so took effect.
+  /// True if the answer is for the latest write of a key that is still wanted, and so takes effect.
   bool takeWriteAnswer(bool success, const EmHwKey& answered, const EmLogicalKeyAndEntry& logicalKeyAndEntry,
                        const Issued& issued);
   void handleDeleteResponse(EntryState entryState, const EmHwKey& hwKey, const Issued& issued);
@@ -160,7 +161,7 @@ class EmSwTableWriterSm : public Stage,
     void del(const EmHwKey& hwKey) { latest_.del(hwKey); }
     [[nodiscard]] std::size_t size() const override { return latest_.size(); }
     void clear() override { latest_.clear(); }
-    /// Which of the unanswered operations has the latest version is described with these.
+    /// Unanswered operations are described with the fact whether theirs is the latest version.
     void noteState(StateDigest& digest) const override {
       digest.unordered([&](auto&& item) {
         latest_.forEach([&](const EmHwKey& hwKey, std::uint32_t /*version*/) { item(hwKey); });
@@ -175,7 +176,7 @@ class EmSwTableWriterSm : public Stage,
   Input<EmSwTableConfig::configAttr, "emSwTableConfig", &EmSwTableWriterSm::handleRequest,
         "from( emSwTableConfig.config[] ): hwKey={}", Reaction::queued, &EmSwTableWriterSm::ownKeys>
       emSwTableConfig_;
-  /// What stood in the status before this writer came, and is wanted no more, is removed from the table.
+  /// A status from before this writer existed, if no longer wanted, causes a removal from the table.
   Input<EmSwTableStatus::statusAttr, "emSwTableStatus", &EmSwTableWriterSm::handleLeftStatus,
         "from( emSwTableStatus.status[] ): hwKey={}", Reaction::none, &EmSwTableWriterSm::ownKeys>
       leftStatus_;
@@ -186,7 +187,7 @@ class EmSwTableWriterSm : public Stage,
   Versions keyLatestDeleteVersion_;
   WrittenKeys writtenKeys_;
   OperationNumber operations_ = 0;
-  std::uint64_t answers_ = 0;  ///< that took effect on a status
+  std::uint64_t answers_ = 0;  ///< number of answers that took effect on a status
   std::optional<RefusedKeys> refusedKeys_;
   mutable std::vector<Asic::ChangeSubscriber*> operationSubscribers_;
 };

@@ -58,7 +58,7 @@ std::size_t RefusedKeys::pendingCount() const {
   return immediate_.size() + std::size_t{firstDue};
 }
 
-// Orders are compared with each other and with the last one that is due. How often something left is compared
+// Orders are compared with each other and with the last one that is due. The number of departures is compared
 // for equality with the moments of unanswered writes, and described with these.
 void RefusedKeys::noteState(StateDigest& digest) const {
   InputBase::noteState(digest);
@@ -72,7 +72,7 @@ void RefusedKeys::handleNext() {
   EmHwKey hwKey;
   if (!immediate_.empty()) {
     hwKey = immediate_.pop();
-    if (waiting_.orderOf.find(hwKey) == nullptr) return;  // written or removed since
+    if (waiting_.orderOf.find(hwKey) == nullptr) return;  // written or removed in the meantime
   } else {
     const auto first = waiting_.byOrder.begin();
     if (first->first > dueUpTo_) --departures_;

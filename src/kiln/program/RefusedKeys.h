@@ -1,4 +1,4 @@
-// The hardware keys whose writes a table refused, and when they are written again.
+// The hardware keys whose writes a table refused, and the times at which they are written again.
 #pragma once
 
 #include <cstddef>
@@ -13,12 +13,12 @@
 
 namespace KilnEmServer {
 
-/// Remembers, in the order of refusal, the hardware keys whose latest write was refused and is still wanted.
-/// The first of them is due again each time that something left the physical table, and each of them once
-/// when reconciliation has completed. They are written on the stage's task, not inside the answer.
+/// Keeps, in the order of refusal, the hardware keys whose latest write was refused and is still wanted. The
+/// first of them is due again each time that an entry left the physical table, and each of them once when
+/// reconciliation has completed. They are written on the stage's task, not inside the answer.
 class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
  public:
-  /// Told to write one key again.
+  /// Callback to write one key again.
   class Retrying {
    public:
     virtual void retry(const EmHwKey& hwKey) = 0;
@@ -27,22 +27,22 @@ class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
     ~Retrying() = default;
   };
 
-  /// `room` is that of the physical table.
+  /// `room` is the room of the physical table.
   RefusedKeys(Stage& stage, Retrying& owner, Ref<TableRoom> room);
   ~RefusedKeys() override { room_->waitingDel(*this); }
 
   [[nodiscard]] TableRoom& room() { return *room_; }
-  /// What a write that is issued now is to be given back with, if it is refused.
+  /// The moment to pass to add() if a write that is issued now is refused.
   [[nodiscard]] std::uint32_t moment() const { return room_->departures() + completions_; }
-  /// The latest write, issued at `moment`, was refused. If something left the table since, or reconciliation
-  /// has completed, it is due immediately.
+  /// The latest write, issued at `moment`, was refused. It is due immediately if an entry left the table, or
+  /// reconciliation completed, after that moment.
   void add(const EmHwKey& hwKey, std::uint32_t moment);
-  /// The key gets another write or a removal, so that its refusal no longer counts.
+  /// The key gets another write or a removal, so its refusal no longer counts.
   void forget(const EmHwKey& hwKey) {
     if (waiting_.size() != 0) [[unlikely]]
       remove(hwKey);
   }
-  /// Reconciliation has completed: each key that waits is due once.
+  /// Reconciliation has completed: each waiting key is due once.
   void allDue();
 
   [[nodiscard]] std::size_t pendingCount() const override;
@@ -60,7 +60,7 @@ class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
   void remove(const EmHwKey& hwKey);
   void dueIs();
 
-  /// The keys that wait, listed among the stage's local state.
+  /// The waiting keys, listed among the stage's local state.
   class Orders final : public LocalState {
    public:
     explicit Orders(Stage& stage) : LocalState(stage, "refusedKeys") {}
@@ -74,19 +74,19 @@ class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
     }
 
     std::map<Order, EmHwKey> byOrder;
-    std::map<Order, EmHwKey>::node_type spare;  ///< of the key that left last, for the next one
+    std::map<Order, EmHwKey>::node_type spare;  ///< of the last removed key, reused for the next one
     LocalMap<EmHwKey, Order> orderOf;
   };
 
   Retrying& owner_;
   Ref<TableRoom> room_;
-  std::uint32_t completions_ = 0;  ///< of reconciliation
+  std::uint32_t completions_ = 0;  ///< completed reconciliations
   Orders waiting_;
   Order lastOrder_ = 0;
   Order dueUpTo_ = 0;           ///< keys of this order and before are due
   std::size_t departures_ = 0;  ///< each makes one more key due
   PendingKeys<EmHwKey> immediate_;
-  Arrival arrival_ = 0;  ///< of what has been due longest
+  Arrival arrival_ = 0;  ///< of the key that has been due longest
 };
 
 }  // namespace KilnEmServer

@@ -1,4 +1,4 @@
-// What the table writers share: finding the table and handing it key and entry as its own types. The named
+// The common part of the table writers: finds the table and passes key and entry as its own types. The named
 // writers fix the key type.
 #pragma once
 
@@ -21,7 +21,7 @@ class InterfaceHolder {
   using Held = TableInterface;
   using Table = SwTable;
   explicit InterfaceHolder(Ref<TableInterface> held) : held_(std::move(held)) {}
-  /// The unit's table, or null where it is missing or of another class.
+  /// The unit's table, or null if it is missing or of another class.
   [[nodiscard]] SwTable* table(Asic::UnitId unit) const {
     Asic::OrderedSwTable* const found = held_->orderedSwTable(unit);
     if (found == nullptr) return nullptr;
@@ -36,7 +36,7 @@ class InterfaceHolder {
 
  private:
   Ref<TableInterface> held_;
-  // What was found last is mostly found again, and is of the same class then.
+  // The last table found, whose class is known: usually it is found again.
   mutable const Asic::OrderedSwTable* found_ = nullptr;
   mutable const std::type_info* type_ = nullptr;
   mutable SwTable* table_ = nullptr;
@@ -55,7 +55,7 @@ class TableHolder {
   Ref<SwTable> held_;
 };
 
-/// How the writer of a row finds its table.
+/// The way in which a row's writer finds its table.
 template <class Row, class Classes = Asic::TableClasses<Row>>
 using TableHolderOf =
     std::conditional_t<Row::kWriterHolds == WriterHolds::interface,
@@ -123,7 +123,7 @@ class SwTableWriter : public EmSwTableWriterSm {
   static constexpr const char* kFapName = kPlainNames ? "fapId" : "emHwKey.fapId()";
   static constexpr const char* kCoreName = kPlainNames ? "localCoreId" : "emHwKey.localCoreId()";
 
-  /// In place of a table that is missing.
+  /// Answers in place of a table that is missing.
   void answer(ResponseHandler& handler, EntryState state) const {
     tracer().template trace<0>("{}: no table", name());
     handler(std::make_shared<const Asic::OrderedSwTable::EntryHandle>(state));

@@ -6,14 +6,14 @@
 
 namespace KilnEmServer {
 
-/// Tells each writer of a physical table that something left the table: there may be room for an entry that
-/// was refused.
+/// Notifies the writers of a physical table that an entry left the table: there may be room for a refused
+/// entry.
 class TableRoom {
  public:
-  /// One who has refused entries that wait for room.
+  /// A holder of refused entries that wait for room.
   class Waiting {
    public:
-    /// Something left the table. Must not call the table.
+    /// An entry left the table. Must not call the table.
     virtual void handleDeparture() = 0;
 
    protected:
@@ -24,16 +24,16 @@ class TableRoom {
   TableRoom(const TableRoom&) = delete;
   TableRoom& operator=(const TableRoom&) = delete;
 
-  /// Adds one, which must be removed before it is destroyed.
+  /// Adds a holder, which must be removed before it is destroyed.
   void waitingIs(Waiting& waiting) { waiting_.push_back(&waiting); }
   void waitingDel(Waiting& waiting) { std::erase(waiting_, &waiting); }
 
-  /// A removal was answered, or a stored entry was refused and is gone.
+  /// A removal was answered, or a stored entry was refused and thereby removed.
   void noteDeparture() {
     ++departures_;
     for (Waiting* waiting : waiting_) waiting->handleDeparture();
   }
-  /// How often that was, modulo 2^32.
+  /// Number of calls of noteDeparture, modulo 2^32.
   [[nodiscard]] std::uint32_t departures() const { return departures_; }
 
  private:

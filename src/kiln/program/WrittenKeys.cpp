@@ -86,7 +86,7 @@ void WrittenKeys::forEachOwner(const Owners& owners, Visitor&& visit) {
   for (const Owner& owner : *owners.others) visit(owner);
 }
 
-// Numbers are compared with those of unanswered operations only, and described with these.
+// Numbers are compared only with those of unanswered operations, and described with these.
 void WrittenKeys::noteState(StateDigest& digest) const {
   digest.unordered([&](auto&& item) {
     owners_.forEach([&](const EmHwKey& hwKey, const Owners& owners) {

@@ -1,4 +1,4 @@
-// For which logical keys a table holds entries, or may come to hold some.
+// The logical keys for which a table holds entries, or may still write them.
 #pragma once
 
 #include <cstddef>
@@ -13,13 +13,13 @@
 
 namespace KilnEmServer {
 
-/// The number of an operation among all that one writer issued, from 1. An entry keeps that of its write for
-/// as long as it is stored, so it must not wrap around.
+/// The number of an operation among all operations of one writer, starting at 1. A stored entry keeps the
+/// number of its write, so numbers must not wrap around.
 using OperationNumber = std::uint64_t;
 
-/// Follows one table's operations and publishes for which logical keys it holds an entry, or was asked to
-/// write one. A table applies the operations on one hardware key in the order issued, so an answer says that
-/// every earlier operation on the key has been applied, and overtaken.
+/// Follows one table's operations, and publishes the logical keys for which it holds an entry or was asked to
+/// write one. A table applies the operations on one hardware key in the order issued, so an answer implies
+/// that every earlier operation on the key was applied and superseded.
 class WrittenKeys final : public LocalState {
  public:
   /// Follows nothing if `emWrittenKeys` is null. `Writer` has the public function `owns(emLogicalKey)`.
@@ -38,7 +38,7 @@ class WrittenKeys final : public LocalState {
   [[nodiscard]] std::size_t size() const override { return owners_.size(); }
   void clear() override { owners_.clear(); }
   void noteState(StateDigest& digest) const override;
-  /// Describes what the answer of an operation on `hwKey` will say of those for which it may hold entries.
+  /// Describes the effect that the answer of an operation on `hwKey` will have on its owners.
   void noteOperation(StateDigest& digest, const EmHwKey& hwKey, OperationNumber operation) const;
 
  private:
@@ -47,7 +47,7 @@ class WrittenKeys final : public LocalState {
     KeyHold<EmLogicalKey> emLogicalKey;
     OperationNumber last = 0;  ///< its latest write
   };
-  /// Mostly there is one; a second one follows while a key's owner changes, seldom more.
+  /// Usually there is one; a second one exists while a key's owner changes, rarely more.
   struct Owners {
     Owner first;
     Owner second;
@@ -59,7 +59,7 @@ class WrittenKeys final : public LocalState {
   [[nodiscard]] static Owner* find(Owners& owners, const EmLogicalKey& emLogicalKey);
   void add(Owners& owners, const EmLogicalKey& emLogicalKey, OperationNumber operation);
   void dropOvertaken(Owners& owners, OperationNumber operation, bool holds);
-  /// One of those beside the first two, which it is no longer; none if there is none.
+  /// Takes out one owner other than the first two; none if there is none.
   [[nodiscard]] static Owner takeOther(Owners& owners);
   void count(const EmLogicalKey& emLogicalKey, bool more);
 
