@@ -56,7 +56,7 @@ void CapacityHelper::update() {
   tracer().trace<9>("update {}: {} rows", counters_.updates, rows_.size());
 }
 
-// The generation that a row was written in only says whether the update that is being made wrote it.
+// A row's generation only tells whether the current update wrote the row.
 void CapacityHelper::noteState(StateDigest& digest) const {
   digest.begin(name());
   digest.add(settingChanged_);

@@ -1,4 +1,4 @@
-// What stages that report the utilisation of tables share: the rows of the capacity table that are theirs.
+// The common part of stages that report the utilisation of tables: their rows of the capacity table.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@
 
 namespace KilnEmServer {
 
-/// Where the time stamps of capacity rows come from.
+/// The source of the time stamps of capacity rows.
 class Clock {
  public:
   virtual ~Clock() = default;
@@ -42,14 +42,14 @@ class SchedulerClock final : public Clock {
   Ref<const TaskScheduler> scheduler_;
 };
 
-/// Keeps one reporting agent's rows of the capacity table. However many changes ask for an update, one task
-/// makes it: when nothing of a higher priority is ready, or after kPatience runs of other tasks. A row is
-/// written only where its numbers changed; a row for which there is no reason any more is removed, also one
-/// that an earlier process left. The rows of other reporting agents are left alone; a row of this one that
-/// another component changed is mended when its own numbers, or anything but usage, change.
+/// Keeps one reporting agent's rows of the capacity table. Many changes are coalesced into one update, which
+/// one task makes: when no task of a higher priority is ready, or after kPatience runs of other tasks. A row
+/// is written only if its numbers changed. A row without a reason is removed, including one of an earlier
+/// process. The rows of other reporting agents are not touched. If another component changed a row of this
+/// one, the row is corrected when its own numbers, or anything but usage, change.
 class CapacityHelper : public StageBase {
  public:
-  /// What was done since construction.
+  /// Work done since construction.
   struct Counters {
     std::uint64_t updates = 0;
     std::uint64_t rowsWritten = 0;
@@ -57,28 +57,29 @@ class CapacityHelper : public StageBase {
   };
   static constexpr std::uint32_t kPatience = 1000;
 
-  /// To be called once: takes over the rows that are there and makes the first update.
+  /// To be called once: takes over the existing rows and makes the first update.
   void handleInitialized();
-  /// Something that the rows depend on changed.
+  /// An input of the rows changed.
   void scheduleUpdate() { task_.scheduleTask(); }
   /// Whether an update is due.
   [[nodiscard]] bool updateScheduled() const { return task_.ready; }
   /// The reporting agent, which is the stage's name.
   [[nodiscard]] const std::string& agentName() const { return name(); }
   [[nodiscard]] const Counters& counters() const { return counters_; }
-  /// Describes the helper's own state, without the rows' content, as a part of its name.
+  /// Describes the helper's own state, without the rows' content, as a part with its name.
   void noteState(StateDigest& digest) const override;
-  /// The numbers come from tables as well.
+  /// The numbers depend on tables as well.
   [[nodiscard]] bool addReads(std::vector<const void*>& /*collections*/) const override { return false; }
 
-  /// The chip component that stands for a core of a FAP: "Fap0/1".
+  /// The chip component of a core of a FAP: "Fap0/1".
   static std::string fapNameToChipExternalComponent(std::string_view fapName,
                                                     Hardware::Kiln::LocalCoreId core);
-  /// The FAP's name and the core's number in a chip component; the number is empty where it names no core.
+  /// The FAP's name and the core's number in a chip component; the number is empty if it names no core.
   static std::pair<std::string_view, std::string_view> fapNameAndCoreOf(std::string_view chip);
 
  protected:
-  /// A table of the capacity table, with the feature that uses it, empty for the server itself.
+  /// A table of the capacity table, with the feature that uses it; the feature is empty for the server
+  /// itself.
   struct TableKey {
     std::string table;
     std::string feature;
@@ -86,30 +87,30 @@ class CapacityHelper : public StageBase {
     friend auto operator<=>(const TableKey&, const TableKey&) = default;
   };
 
-  /// `control` names the scheduler of the updates and their priority.
+  /// `control` gives the scheduler of the updates and their priority.
   CapacityHelper(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock,
                  std::string agentName, Ref<const Hardware::Kiln::Status> hardwareStatus,
                  const StageControl& control);
 
   /// Registers the tables that the stage reports; to be called by its constructor.
   virtual void initCapacityTableFeatureMaps();
-  /// Whether tables are used as they were at the last call. An update that nothing but usage asked for goes
-  /// no further then. A stage that cannot tell has whole updates only.
+  /// Whether the usage of the tables is the same as at the last call. If only usage could have changed, the
+  /// update ends there. A stage that cannot tell always makes whole updates.
   [[nodiscard]] virtual bool usageUnchanged() {
     settingChanged_ = true;
     return false;
   }
-  /// To be set where something else than usage changed.
+  /// To be set if anything other than usage changed.
   [[nodiscard]] bool& settingChanged() { return settingChanged_; }
-  /// Calls updateCapacityEntry for every row that there is to be; where nothing but usage changed, only for
-  /// those of which it changed.
+  /// Calls updateCapacityEntry for every row that must exist; if only usage changed, only for the rows whose
+  /// usage changed.
   virtual void updateCapacityTable();
-  /// Removes the rows of a FAP that is no more.
+  /// Removes the rows of a FAP that no longer exists.
   virtual void handleFapRemoved(const std::string& fapName);
 
   void initCapacityTableFeature(const std::string& feature, const std::string& agent,
                                 const std::string& table);
-  /// Writes a row of a registered table. `committed` is what is promised to somebody but not used yet.
+  /// Writes a row of a registered table. `committed` is reserved but not used yet.
   void updateCapacityEntry(const TableKey& tableKey, const std::string& chip, std::uint32_t used,
                            std::uint32_t free, std::uint32_t committed, std::uint32_t maxLimit);
 
@@ -120,7 +121,7 @@ class CapacityHelper : public StageBase {
   void update();
   void removeRowsOfGoneFaps();
   void removeRowsLeftOut();
-  /// Removes the rows for which `gone(key, generation)` holds.
+  /// Removes the rows for which `gone(key, generation)` is true.
   template <class Gone>
   void removeRowsIf(Gone gone);
 

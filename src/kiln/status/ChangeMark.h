@@ -6,8 +6,8 @@
 
 namespace KilnEmServer {
 
-/// Subscribes to a collection for its lifetime. A change only makes the task ready, and sets `changed` where
-/// that is not null, whatever the key: its cost does not depend on how many changes came before it.
+/// Subscribes to a collection for its lifetime. A change only makes the task ready and sets `changed`, if
+/// that is not null. The cost of a change depends neither on the key nor on the number of earlier changes.
 /// Collection, task and flag must outlive the mark.
 template <class K, class V>
 class ChangeMark final : private KilnPlatform::KeySubscriber<K> {

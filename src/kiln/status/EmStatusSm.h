@@ -10,7 +10,7 @@
 
 namespace KilnEmServer {
 
-/// What the table says of a key takes precedence over what the conflict stage says of it.
+/// The table's status of a key takes precedence over that of the conflict stage.
 class EmStatusSm final : public Stage {
  public:
   EmStatusSm(Ref<const EmLogicalKeyToStatus> swTableStatus, Ref<const EmConflictStatus> emConflictStatus,

@@ -1,4 +1,4 @@
-// Publishes what the MDB profiles in use provide.
+// Publishes the capabilities of the MDB profiles in use.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace KilnEmServer {
 
 /// The capabilities of each profile that a FAP uses and the chip describes. It reacts inside each change, so
 /// that no reader finds a FAP with a profile that is described but not published yet. FAPs and profiles are
-/// few: all of them are looked at again.
+/// few, so each change checks all of them.
 class MdbCapabilitiesSm final : public StageBase,
                                 private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>,
                                 private KilnPlatform::KeySubscriber<std::uint32_t> {
@@ -25,7 +25,7 @@ class MdbCapabilitiesSm final : public StageBase,
                     Ref<DependencyStatus> dependencyStatus);
   ~MdbCapabilitiesSm() override;
 
-  /// To be called once: publishes what is there and reports the stage's name.
+  /// To be called once: publishes the current content and reports the stage's name.
   void handleInitialized();
 
   [[nodiscard]] bool reactsInside() const override { return true; }

@@ -1,4 +1,4 @@
-// Takes over which MDB profile each FAP uses.
+// Copies the MDB profile of each FAP.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Hands the hardware outcomes back to the composers that wait for them.
+// Passes the hardware outcomes back to the composers that wait for them.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@
 
 namespace KilnEmServer {
 
-/// Sorts the statuses of logical keys by composer type and keeps those of the types that need resolution. A
-/// status that names no hardware key is no outcome.
+/// Divides the statuses of logical keys by composer type and keeps those of the types that need resolution. A
+/// status without a hardware key is no outcome.
 class ResolvedKeyStatusSm final : public Stage {
  public:
   /// The member of `swTableKeyStatus` for each composer type that needs resolution is an output.

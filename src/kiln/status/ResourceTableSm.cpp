@@ -6,8 +6,8 @@
 namespace KilnEmServer {
 namespace {
 
-/// Adds `change` to the counts that a key with this status belongs to. The counts are unsigned: minus one
-/// wraps and takes one away.
+/// Adds `change` to the counter of this status. Counters are unsigned: adding minus one wraps around and
+/// subtracts one.
 void countKey(ResourceCounts& counts, EmStatus status, std::uint32_t change) {
   counts.requested += change;
   switch (status) {
@@ -25,7 +25,7 @@ void countKey(ResourceCounts& counts, EmStatus status, std::uint32_t change) {
   }
 }
 
-/// A requested key without a status waits for one.
+/// A requested key without a status counts as waiting.
 EmStatus statusOf(const EmRequestStatus* status) {
   return status == nullptr ? EmStatus::hwPending : status->status;
 }
@@ -86,7 +86,7 @@ void ResourceTableSm::ChangedTables::add(EmComposerKeyUnionTag type) {
   stage_.noteArrival(*this, count_++ == 0);
 }
 
-/// One of them is pending.
+/// At least one of them must be pending.
 EmComposerKeyUnionTag ResourceTableSm::ChangedTables::first() const {
   auto first = EmComposerKeyUnionTag::undefined_;
   for (const KeyTypeInfo& each : kKeyTypeInfo) {

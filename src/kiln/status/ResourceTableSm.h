@@ -1,4 +1,4 @@
-// Counts what became of the requested entries, per database and table.
+// Counts the requested entries and their outcomes, per database and table.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +13,8 @@
 
 namespace KilnEmServer {
 
-/// Files every requested logical key under the state of its status, inside the call that changes it: that is
-/// all in the stage itself. The rows that changed are published on the stage's task, each once however many
+/// Counts every requested logical key under its status, inside the call that changes the status; that changes
+/// only the stage's own counters. Changed rows are published on the stage's task, each once, however many
 /// keys changed it.
 class ResourceTableSm final : public Stage {
  public:
@@ -32,8 +32,7 @@ class ResourceTableSm final : public Stage {
   void handleInitialized() override;
 
  private:
-  /// The tables whose counts changed since they were published, to be published in the order of their first
-  /// change.
+  /// The tables whose counters changed since they were published, in the order of their first change.
   class ChangedTables final : public OwnWork {
    public:
     explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
@@ -45,7 +44,7 @@ class ResourceTableSm final : public Stage {
 
    private:
     void handleNext() override;
-    /// What was counted in the scan is published before rows of an earlier stage are judged.
+    /// The counts of the scan are published before the deletion scan checks rows of an earlier stage.
     bool scanItem() override;
     [[nodiscard]] EmComposerKeyUnionTag first() const;
 
@@ -60,7 +59,7 @@ class ResourceTableSm final : public Stage {
 
   void handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void handleStatus(const EmLogicalKey& emKey, const EmRequestStatus* statusOpt);
-  /// Files a key under another status, or under none where it is null.
+  /// Counts a key under another status, or under none if it is null.
   void count(const EmLogicalKey& emKey, const EmStatus* was, const EmStatus* now);
   void publish(EmComposerKeyUnionTag type);
 
@@ -74,7 +73,7 @@ class ResourceTableSm final : public Stage {
         "from( emStatusMerged.status[] ): emKey={} statusOpt={}", Reaction::immediate>
       emStatusMerged_;
   ChangedTables changedTables_;
-  /// The status under which each requested key was counted last.
+  /// The status under which each requested key is counted.
   LocalCollection<EmLogicalKey, EmStatus> counted_;
   ByKeyType<ResourceCounts> counts_;
   CountsOutput<"isemResourceTable"> isem_;

@@ -19,7 +19,7 @@ constexpr PhysicalTableId kIsem2 = 65;
 constexpr PhysicalTableId kIsem3 = 66;
 constexpr PhysicalTableId kEsem = 37;
 
-/// The feature of the external users; the server's own usage has the empty one.
+/// The feature name of the external users' rows; rows of the server itself have the empty name.
 constexpr const char* kExternalFeature = "SRv6";
 
 const KilnMdb::TableCapabilities* tableOf(const KilnMdb::ProfileCapabilities& profile, PhysicalTableId id) {
@@ -36,7 +36,7 @@ std::uint32_t nofEntriesForEntryWidth(const KilnMdb::TableCapabilities& table, s
   return 0;
 }
 
-/// `used` and `entries` entries of `width` more; what does not fit the counter is its greatest value.
+/// Adds `entries` entries of `width` to `used`; saturates at the counter's greatest value.
 std::uint32_t addEntries(std::uint32_t used, std::uint32_t entries, std::uint32_t width) {
   const std::uint64_t sum = used + std::uint64_t{entries} * width;
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(sum, std::numeric_limits<std::uint32_t>::max()));
@@ -158,7 +158,7 @@ std::uint32_t SemCapacitySm::calculateMdbEmMax(PhysicalTableId tableId, FapId fa
 
 // --- Updates -----------------------------------------------------------------------------------------------
 
-/// Null where the FAP has no profile, or one that the chip does not describe.
+/// Null if the FAP has no profile, or one that the chip does not describe.
 const KilnMdb::ProfileCapabilities* SemCapacitySm::profileCapabilitiesOf(FapId fapId) const {
   const auto* profileId = mdbLocalStatus_->profileId().find(fapId);
   return profileId == nullptr ? nullptr : capabilitiesStatus_->profileCapabilities().find(*profileId);
@@ -170,7 +170,7 @@ bool SemCapacitySm::countedHere(PhysicalTableId tableId, const Place& place) con
   return table != nullptr && table->exactMatch;
 }
 
-// Most changes of the tables' status are new versions of entries that they hold already.
+// Most changes of the tables' status are new versions of stored entries, which do not change usage.
 bool SemCapacitySm::usageUnchanged() {
   if (settingChanged()) findRows();
   bool unchanged = true;
@@ -200,7 +200,7 @@ void SemCapacitySm::findRows() {
   });
 }
 
-// Where nothing but usage changed, the other rows stand as they are.
+// If only usage changed, the other rows are up to date.
 void SemCapacitySm::updateCapacityTable() {
   for (Row& row : tableRows_) {
     if (!std::exchange(row.changed, false)) continue;
@@ -268,7 +268,7 @@ void SemCapacitySm::addRows(UsageByTable&& usage, const std::string& chip) {
   }
 }
 
-// Rows come in the order of the FAPs, of which a walk decides.
+// The order of the rows follows the FAPs, whose order depends on a walk.
 void SemCapacitySm::noteState(StateDigest& digest) const {
   CapacityHelper::noteState(digest);
   for (const auto& [tag, writer] : swTableWriter_) digest.add(tag);

@@ -15,8 +15,8 @@
 
 namespace KilnEmServer {
 
-// Usage and maxima are in units of 60-bit entries. A key type, external type or FAP type that these functions
-// do not know is an assertion failure.
+// Usage and maxima are in units of 60-bit entries. An unknown key type, external type or FAP type is an
+// assertion failure.
 
 /// Width of an entry of a key type.
 std::uint32_t entryWidth60Bit(EmResolvedKeyUnionTag tag);
@@ -26,7 +26,7 @@ std::uint32_t entryWidth60Bit(KilnTunnelNiLib::SemType semType);
 /// type 3 and FAP types 4 and 5.
 KilnMdb::PhysicalTableId physicalTableIdForKeyType(EmResolvedKeyUnionTag tag,
                                                    Hardware::Kiln::FapType fapType);
-/// Whether a FAP type knows the external type.
+/// Whether the FAP type supports the external type.
 bool externalTypeKnown(KilnTunnelNiLib::SemType semType, Hardware::Kiln::FapType fapType);
 /// The physical table that holds the entries of an external user; the same for every core.
 KilnMdb::PhysicalTableId physicalTableIdForExternalType(KilnTunnelNiLib::SemType semType,
@@ -39,12 +39,12 @@ bool isTableOnFapTypeCore(Hardware::Kiln::FapType fapType, Hardware::Kiln::Local
 using CapacityTableNames = std::map<KilnMdb::PhysicalTableId, std::string>;
 
 /// Usage comes from the table writers, each of which counts its own entries, and from external users of the
-/// same tables; maxima come from the chips' MDB profiles. An update costs what tables, FAPs, cores and
-/// external users there are, however many entries they hold. It follows each operation that a writer issues
-/// and each answer: a table may change its size with either.
+/// same tables; maxima come from the chips' MDB profiles. The cost of an update depends on the number of
+/// tables, FAPs, cores and external users, not on the number of entries. An update follows each operation
+/// that a writer issues and each answer: a table may change its size with either.
 class SemCapacitySm final : public CapacityHelper {
  public:
-  /// A change of `emSwTableStatus` is followed by an update; it is not read.
+  /// A change of `emSwTableStatus` triggers an update; its content is not read.
   SemCapacitySm(Ref<KilnPlatform::TableCapacity> tableCapacity, Ref<const Clock> clock, std::string agentName,
                 Ref<const Hardware::Kiln::Status> hardwareStatus,
                 Ref<const KilnMdb::CapabilitiesStatus> capabilitiesStatus,
@@ -53,7 +53,7 @@ class SemCapacitySm final : public CapacityHelper {
                 Ref<const EmSwTableStatus> emSwTableStatus, const StageControl& control);
   ~SemCapacitySm() override;
 
-  // The writers whose entries are counted. The writer of a LEM table is none of them.
+  // Registers a writer whose entries are counted. The writer of a LEM table is not registered.
   void swTableWriterIs(Ref<const EmSwTableWriterSm> writer);
   void swTableWriterDel(EmResolvedKeyUnionTag tag);
   void swTableWriterDelAll();
@@ -62,8 +62,8 @@ class SemCapacitySm final : public CapacityHelper {
   }
 
   [[nodiscard]] const CapacityTableNames& mdbTableToTableName() const { return mdbTableToTableName_; }
-  /// How many entries of 60 bits the FAP's MDB profile gives the table. That the FAP has a profile, the
-  /// profile is known and the table is an exact-match table of it is asserted.
+  /// The number of 60-bit entries that the FAP's MDB profile gives the table. It is an assertion failure if
+  /// the FAP has no profile, the profile is unknown, or the table is not an exact-match table of it.
   [[nodiscard]] std::uint32_t calculateMdbEmMax(KilnMdb::PhysicalTableId tableId,
                                                 Hardware::Kiln::FapId fapId) const;
   void noteState(StateDigest& digest) const override;
@@ -74,8 +74,8 @@ class SemCapacitySm final : public CapacityHelper {
   using LocalCoreId = Hardware::Kiln::LocalCoreId;
   using PhysicalTableId = KilnMdb::PhysicalTableId;
 
-  /// What one feature uses of one table in one place. The entries of the writers whose table it is, by the
-  /// writers' places in `counted_`, come on top of what the external users told of.
+  /// The usage of one table by one feature in one place. It is the sum of the external users' usage and of
+  /// the entries of the table's writers, given by their indexes in `counted_`.
   struct CapacityUsage {
     std::uint32_t external = 0;
     std::uint32_t max = 0;
@@ -88,7 +88,7 @@ class SemCapacitySm final : public CapacityHelper {
     TableKey key;
     std::string chip;
     CapacityUsage usage;
-    bool changed = true;  ///< since it was written last
+    bool changed = true;  ///< since it was last written
   };
   /// One core of one FAP.
   struct Place {
@@ -96,19 +96,19 @@ class SemCapacitySm final : public CapacityHelper {
     FapType fapType;
     LocalCoreId core;
   };
-  /// What a writer holds in one place.
+  /// The usage of one writer in one place.
   struct Counted {
     const EmSwTableWriterSm* writer;  ///< one of swTableWriter_
     FapId fapId;
     LocalCoreId core;
     std::uint32_t width;        ///< of an entry
-    std::uint32_t entries = 0;  ///< when it was counted last
-    std::size_t row = 0;        ///< the one in which it is counted
+    std::uint32_t entries = 0;  ///< at the last count
+    std::size_t row = 0;        ///< index of the row in which it is counted
   };
   using ExternalUsage =
       std::map<std::pair<FapId, LocalCoreId>, std::vector<KilnTunnelNiLib::SemExternalUsage>>;
 
-  /// Told of the writers' operations, which change what their tables hold.
+  /// Notified of the writers' operations, which change the content of their tables.
   class OperationMark final : public Asic::ChangeSubscriber {
    public:
     explicit OperationMark(Task& task) : task_(task) {}
@@ -139,7 +139,7 @@ class SemCapacitySm final : public CapacityHelper {
   CapacityTableNames mdbTableToTableName_;
   OperationMark operationMark_{task()};
   std::map<EmResolvedKeyUnionTag, Ref<const EmSwTableWriterSm>> swTableWriter_;
-  // As they follow from everything but usage.
+  // Derived from everything but usage.
   std::vector<Counted> counted_;  ///< the writers, on each core on which their table is counted
   std::vector<Row> tableRows_;
   ChangeMark<std::uint32_t, KilnMdb::ProfileCapabilities> capabilitiesMark_;

@@ -1,6 +1,6 @@
-// Publishes, for one feature of one database, a status per request: only one that answers the current version
-// of the current request. One design for the three databases; LemSrvStatusSm, IsemSrvStatusSm and
-// EsemSrvStatusSm give it their names.
+// Publishes, for one feature of one database, a status per request; only a status that answers the current
+// version of the current request. One template for the three databases; LemSrvStatusSm, IsemSrvStatusSm and
+// EsemSrvStatusSm name its instances.
 #pragma once
 
 #include <string>
@@ -30,11 +30,11 @@ class SrvStatusSm : public Stage {
               Ref<const SrvConfig> srvConfig, Ref<SrvStatus> srvStatus, std::string name,
               Ref<DependencyStatus> dependencyStatus, StageControl control);
 
-  /// Whether a change of the request's per-key status waits to be handled.
+  /// Whether a change of the request's per-key status is pending.
   [[nodiscard]] bool decidesLater(const RequestKey& entryKey) const {
     return Stage::changeWaits(logicalKeyOf(featureType_, entryKey));
   }
-  // What the handlers look up beside the key for which they are called.
+  // Prefetches the keys that the handlers look up in addition to their own.
   void expect(const EmLogicalKey& emLogicalKey) const { expectKey(requestKeyAs<RequestKey>(emLogicalKey)); }
   void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
 
@@ -130,7 +130,7 @@ void SrvStatusSm<Db>::answerHeld(const RequestKey& entryKey, const Request& requ
   publish({entryKey, 0, request.requestVersion, 1, EmStatus{}, KilnTunnelNiLib::kResultHold}, entryKey);
 }
 
-// Another request may have the same logical key, so the per-key status says nothing about this one.
+// Another request may have the same logical key, so the per-key status does not answer this one.
 template <class Db>
 void SrvStatusSm<Db>::answerLeftOut(const RequestKey& entryKey, const Request& request) {
   tracer().template trace<8>("{} is left out", entryKey);
@@ -150,7 +150,7 @@ void SrvStatusSm<Db>::answerFromServer(const EmRequestKey& emRequestKey, const R
                        status->emConfigEntry.emEntry == request.clientData.*Db::kEntryOfClientData &&
                        status->emConfigEntry.requestVersion == request.requestVersion;
   if (!this->template filter<kMatchFilter>(matches)) {
-    // What was published for an earlier version stays, after a restart as well.
+    // A status that was published for an earlier version stays, also after a restart.
     srvStatus_.seenIs(entryKey);
     return;
   }
