@@ -16,7 +16,7 @@ using Hardware::Kiln::LocalCoreId;
 
 constexpr std::uint64_t kMaxU32 = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint64_t kMaxU16 = std::numeric_limits<std::uint16_t>::max();
-/// A FAP's unit keeps only eight bits of its id, and 0xFE is that of all FAPs.
+/// A FAP's unit keeps only eight bits of its id, and the unit 0xFE means all FAPs.
 constexpr std::uint64_t kMaxFapId = 0xFD;
 
 const Json& requireArray(const Json& json, const JsonPath& path) {

@@ -1,4 +1,4 @@
-// What chip the agent runs on: read from a chip file, a documented default where there is none.
+// The configuration of the chip: read from a chip file, or a documented default.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ struct ChipConfig {
   struct Fap {
     Hardware::Kiln::FapId fapId;
     Hardware::Kiln::FapInfo info;
-    std::optional<std::uint32_t> profile;  ///< id of its MDB profile; a FAP may have none
+    std::optional<std::uint32_t> profile;  ///< id of its MDB profile; none if it has no profile
     friend bool operator==(const Fap&, const Fap&) = default;
   };
 
@@ -31,13 +31,14 @@ struct ChipConfig {
   friend bool operator==(const ChipConfig&, const ChipConfig&) = default;
 };
 
-/// The chip without a chip file: 1,000,000 entries per table, two FAPs of two cores, 511 VLAN domains.
+/// The chip that is used without a chip file: 1,000,000 entries per table, two FAPs of two cores, 511 VLAN
+/// domains.
 ChipConfig defaultChip();
 
-/// The chip that a chip file describes: JSON in which // comments are allowed; what it leaves out is as in
-/// the default. Throws InputError where something in it is wrong.
+/// The chip that a chip file describes: JSON in which // comments are allowed; omitted members have the
+/// default values. Throws InputError if the text is invalid.
 ChipConfig readChip(std::istream& text);
-/// The same from a file. Throws InputError with the file's name, also where the file is missing.
+/// The same from a file. Throws InputError with the file's name, also if the file is missing.
 ChipConfig readChipFile(const std::string& path);
 
 }  // namespace KilnAgent

@@ -19,17 +19,17 @@ namespace KilnAgent {
 namespace {
 
 constexpr std::string_view kMagic = "KilnEmServer chip table 2\n";
-/// Where the number of slots stands in the header, so that it can be stored by one instruction.
+/// Offset of the number of slots in the header, aligned so that one instruction stores the number.
 constexpr std::size_t kCountAt = 64;
 
 constexpr std::string_view kForeign = "is not a table of the software chip";
 
-/// The number of slots in one word with its own complement, by which damage shows.
+/// The number of slots in one word with its own complement, so that damage is detected.
 std::uint64_t countWord(std::size_t slots) {
   return static_cast<std::uint64_t>(slots) << 32U | (~static_cast<std::uint64_t>(slots) & 0xFFFFFFFFU);
 }
 
-/// All of the header but the number of slots.
+/// The header without the number of slots.
 std::string headerOf(std::string_view layout, std::size_t bytes) {
   std::string header(bytes, '\0');
   kMagic.copy(header.data(), kCountAt);
@@ -55,7 +55,7 @@ void ChipFile::refuse(std::string_view why) const {
   throw InputError(fmt::format("{}: {}; it is left as it is", path_, why));
 }
 
-/// The file appears under its name only when it is complete.
+/// The file gets its name only when it is complete.
 void ChipFile::create(std::string_view layout) const {
   std::string content = headerOf(layout, kHeaderBytes);
   const std::uint64_t count = countWord(kFirstSlots);
@@ -65,7 +65,7 @@ void ChipFile::create(std::string_view layout) const {
   const FileDescriptor file(
       ::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   const auto written = file.valid() ? ::write(file.number(), content.data(), content.size()) : -1;
-  if (written >= 0 && written < std::ssize(content)) errno = ENOSPC;  // as a short write does not say
+  if (written >= 0 && written < std::ssize(content)) errno = ENOSPC;  // a short write sets no errno
   if (written != std::ssize(content) || ::fsync(file.number()) != 0 ||
       ::rename(unfinished.c_str(), path_.c_str()) != 0) {
     throw InputError(fmt::format("{}: cannot be created: {}", path_, std::strerror(errno)));
@@ -106,7 +106,7 @@ std::size_t ChipFile::recordedSlots(std::size_t bytes) const {
     refuse("its number of slots is damaged");
   const std::size_t recorded = kHeaderBytes + slots * kSlotBytes;
   if (bytes < recorded) refuse(fmt::format("is cut short: {} of {} bytes", bytes, recorded));
-  // An agent that was killed while the file grew leaves bytes behind the last slot, all of them zero.
+  // An agent that was killed while the file grew leaves zero bytes behind the last slot.
   if (std::any_of(map_.get() + recorded, map_.get() + bytes,
                   [](std::byte byte) { return byte != std::byte{0}; })) {
     refuse("something foreign was appended");

@@ -1,8 +1,8 @@
 // The file in which one software table keeps its entries: slots of one size, mapped into memory.
 //
-// The chip outlives its agent, so what an agent that is killed at any instruction leaves behind must be
-// whole. This class sees to the file as such: whose it is, what lies in it, how it grows. What is in a slot,
-// and how that changes at once from the old to the new, is its user's affair.
+// The chip outlives its agent, so an agent that is killed at any instruction must leave a consistent file.
+// This class handles the file as such: its owner, its layout, its growth. The content of a slot, and its
+// atomic change from the old to the new, is the responsibility of the user.
 #pragma once
 
 #include <cstddef>
@@ -19,25 +19,25 @@ namespace KilnAgent {
 class ChipFile {
  public:
   static constexpr std::size_t kSlotBytes = 64;
-  /// 4 GiB of slots: address space that is set aside, not memory.
+  /// 4 GiB of slots: reserved address space, not memory.
   static constexpr std::size_t kMaxSlots = std::size_t{1} << 26U;
   /// The longest description of a slot's layout.
   static constexpr std::size_t kMaxLayout = 2048;
 
-  /// Opens the file, or creates it where there is none. `layout` describes what lies in a slot. Throws
-  /// InputError where the file cannot be used, is not such a file, has other slots or is cut short; it is
-  /// then left as it is.
+  /// Opens the file, or creates it if it does not exist. `layout` describes the content of a slot. Throws
+  /// InputError if the file cannot be used, is of another kind, has other slots or is truncated; the file is
+  /// then not changed.
   ChipFile(std::string path, std::string_view layout);
   ~ChipFile() = default;
   ChipFile(const ChipFile&) = delete;
   ChipFile& operator=(const ChipFile&) = delete;
 
-  /// Slots that the file has now.
+  /// Current number of slots.
   [[nodiscard]] std::size_t slots() const { return slots_; }
   [[nodiscard]] std::byte* slot(std::size_t at) const { return map_.get() + kHeaderBytes + at * kSlotBytes; }
-  /// Appends slots. False where there is no room for more, on the disk or in the address space.
+  /// Appends slots. False if the disk or the address space is full.
   bool grow();
-  /// Throws InputError: the file is not used, and why.
+  /// Throws InputError with the reason why the file is not used.
   [[noreturn]] void refuse(std::string_view why) const;
 
  private:
@@ -50,7 +50,7 @@ class ChipFile {
   };
 
   void create(std::string_view layout) const;
-  /// Returns how many bytes the file has.
+  /// Returns the file's size in bytes.
   std::size_t open();
   void checkHeader(std::string_view layout) const;
   [[nodiscard]] std::size_t recordedSlots(std::size_t bytes) const;

@@ -1,4 +1,4 @@
-// A keyed collection whose entries live in a chip file, and are used where they lie.
+// A keyed collection whose entries are stored, and used, in a mapped chip file.
 #pragma once
 
 #include <fmt/format.h>
@@ -25,15 +25,14 @@ namespace KilnAgent {
 /// Entries in a chip file, with an index in memory that is built when the file is opened. An entry never
 /// moves; a walk goes from the last slot to the first.
 ///
-/// A slot holds a key, two places for its value, and one word that says which of them is current, or that
-/// the slot is free. A change is prepared where nobody looks and takes effect by the store of that word. A
-/// process that is killed has made the stores of all instructions before that moment and of none after, so
-/// only the compiler must be kept from reordering them. The checksum of a value covers key, value and word.
+/// A slot holds a key, two places for its value, and one word that says which of them is current, or that the
+/// slot is free. A change is prepared in the place that is not current, and takes effect by the store of that
+/// word. A process that is killed has made the stores of all earlier instructions and of no later ones, so
+/// only reordering by the compiler must be prevented. The checksum of a value covers key, value and word.
 template <class K, class V>
 class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
  public:
-  /// Throws InputError where the file cannot be used or an entry in it is damaged; the file is then left as
-  /// it is.
+  /// Throws InputError if the file cannot be used or an entry in it is damaged; the file is then not changed.
   explicit MappedCollection(const std::string& path)
       : file_(path, layout()), index_(0, IndexHash{this}, IndexEqual{this}) {
     for (std::size_t at = file_.slots(); at-- != 0;) load(static_cast<std::uint32_t>(at));
@@ -44,7 +43,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     return at == index_.end() ? nullptr : &current(slot(*at)).value;
   }
   [[nodiscard]] std::size_t size() const override { return index_.size(); }
-  /// Whether another key can be inserted; makes the file larger where it must be.
+  /// Whether another key can be inserted; grows the file if necessary.
   bool roomForOne() {
     if (!free_.empty()) return true;
     const std::size_t before = file_.slots();
@@ -53,7 +52,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     return true;
   }
 
-  /// Without room for another key, an insertion is an assertion failure.
+  /// It is an assertion failure to insert a key without room for it.
   bool is(const K& key, const V& value) override {
     const K changed = key;
     const auto at = index_.find(Probe{&changed});
@@ -98,7 +97,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
   void unsubscribe(KilnPlatform::KeySubscriber<K>& subscriber) const override {
     subscribers_.remove(subscriber);
   }
-  /// Forgets every subscriber without telling it: for the simulation of a process that died.
+  /// Forgets every subscriber without notifying it: for the simulation of a process that died.
   void forgetSubscribers() const { subscribers_.forgetAll(); }
 
  private:
@@ -107,14 +106,14 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     std::uint32_t checksum;
   };
   struct Slot {
-    /// 0 where the slot is free; else twice a number that grows with each change, plus the place of the
-    /// current value.
+    /// 0 if the slot is free; else twice a number that grows with each change, plus the index of the current
+    /// value.
     std::uint64_t word;
     K key;
     Version versions[2];
   };
   static_assert(sizeof(Slot) <= ChipFile::kSlotBytes && std::is_trivially_copyable_v<Slot>);
-  /// Leaves room for more changes than will ever be made.
+  /// Never reached by the number of changes.
   static constexpr std::uint64_t kMaxWord = std::uint64_t{1} << 62U;
 
   struct Probe {
@@ -137,7 +136,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     bool operator()(std::uint32_t a, Probe b) const { return owner->slot(a).key == *b.key; }
   };
 
-  /// What lies where in a slot, in words, so that a file of another build is not misread.
+  /// The layout of a slot, in words, so that a file of another build is not misread.
   static std::string layout() {
     std::string text =
         fmt::format("slot {} key {} values {} {} checksum {}\n", sizeof(Slot), offsetof(Slot, key),
@@ -171,7 +170,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
     changes_ = std::max(changes_, found.word / 2);
   }
 
-  /// Refuses the file where no key has the bytes that were read last for a checksum.
+  /// Refuses the file if no key has the bytes that were last read for a checksum.
   void requireKey(std::uint32_t at) const {
     try {
       (void)Decoder(encoded_).take<K>();
@@ -207,7 +206,7 @@ class MappedCollection final : public KilnPlatform::KeyedCollection<K, V> {
   boost::unordered_flat_set<std::uint32_t, IndexHash, IndexEqual> index_;
   std::vector<std::uint32_t> free_;
   std::uint64_t changes_ = 0;    ///< the number of the latest change
-  mutable std::string encoded_;  ///< what a checksum is being made of; kept for its memory
+  mutable std::string encoded_;  ///< input of the checksum; kept to reuse its memory
   mutable KilnEmServer::SubscriberList<K> subscribers_;
 };
 

@@ -63,7 +63,7 @@ void MdbRoom::addPools(Hardware::Kiln::FapType fapType, const KilnMdb::ProfileCa
     for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
       auto& pools = pools_[type.tag];
       if (isIn(type, table.table) && std::find(pools.begin(), pools.end(), pool) == pools.end()) {
-        pools.push_back(pool);  // once for all FAPs that are alike
+        pools.push_back(pool);  // once for all FAPs with the same pools
       }
     }
   }

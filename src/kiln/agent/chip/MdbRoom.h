@@ -1,4 +1,4 @@
-// Which entries the memory of the FAPs has room for.
+// FAP capacity check: which entries fit into the memory of the FAPs.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@ using KilnPlatform::Ref;
 class SoftTable;
 
 /// The physical tables that the FAPs' MDB profiles describe. Several key types share one, differently on each
-/// type of FAP. An entry is spread to all FAPs, so that the one with the least room decides. A FAP without a
-/// profile, and a physical table that a profile lacks, limit nothing; nor do external users, of which the
+/// type of FAP. An entry is stored on all FAPs, so the FAP with the least room decides. A FAP without a
+/// profile, and a physical table that a profile lacks, limit nothing. Neither do external users, which the
 /// chip does not know.
 class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>,
                       private KilnPlatform::KeySubscriber<std::uint32_t> {
@@ -29,11 +29,12 @@ class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>
   MdbRoom(const MdbRoom&) = delete;
   MdbRoom& operator=(const MdbRoom&) = delete;
 
-  /// The table of a key type; to be called once for each. It must outlive its use by hasRoom.
+  /// Registers the table of a key type; to be called once for each. The table must outlive all calls of
+  /// hasRoom.
   void tableIs(Tag tag, const SoftTable& table) { tables_[tag] = &table; }
   /// Whether every FAP has room for one more entry of a key type.
   [[nodiscard]] bool hasRoom(Tag tag);
-  /// Follows FAPs and profiles; to be called again where all subscriptions to them were forgotten.
+  /// Subscribes to FAPs and profiles; to be called again after all subscriptions to them were dropped.
   void subscribe();
 
  private:
@@ -52,7 +53,7 @@ class MdbRoom final : private KilnPlatform::KeySubscriber<Hardware::Kiln::FapId>
   Ref<const Hardware::Kiln::Status> chip_;
   Ref<const Hardware::Kiln::MdbStatus> mdb_;
   KilnEmServer::ByKeyType<const SoftTable*> tables_;
-  KilnEmServer::ByKeyType<std::vector<Pool>> pools_;  ///< those of a key type's entries
+  KilnEmServer::ByKeyType<std::vector<Pool>> pools_;  ///< the pools of each key type's entries
   bool poolsKnown_ = false;
 };
 

@@ -1,4 +1,4 @@
-// How the description of one FAP is read, in chip files and in scenarios.
+// Reads the description of one FAP, in chip files and in scenarios.
 #pragma once
 
 #include "kiln/agent/chip/ChipConfig.h"
@@ -6,7 +6,7 @@
 
 namespace KilnAgent {
 
-/// Reads {id, name, type, cores, profile?}. Throws InputError where something is missing, unknown or wrong.
+/// Reads {id, name, type, cores, profile?}. Throws InputError if a member is missing, unknown or invalid.
 ChipConfig::Fap readFap(const Json& json, const JsonPath& path);
 
 }  // namespace KilnAgent

@@ -115,7 +115,7 @@ void SoftChip::noteState(KilnEmServer::StateDigest& digest) const {
   digest.addPart("profile", mdbStatus_->profile());
   digest.begin("SoftChip");
   digest.add(*pending_);
-  if (random_) {  // the next number stands for the generator's state
+  if (random_) {  // the next number represents the generator's state
     auto copy = *random_;
     digest.add(copy());
   }

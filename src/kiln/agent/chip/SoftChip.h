@@ -17,10 +17,10 @@
 
 namespace KilnAgent {
 
-/// The FAPs that exist, by their numbers. A FAP whose number does not fit into a unit's has no unit.
+/// The existing FAPs, by their numbers. A FAP whose number does not fit into a unit has no unit.
 using FapSet = std::bitset<256>;
 
-/// The interface to the tables of a row's key type. All FAPs share one table, since every entry is spread to
+/// The interface to the tables of a row's key type. All FAPs share one table, since every entry is stored on
 /// all of them.
 template <class Row>
 class SoftInterface final : public Asic::TableClasses<Row>::Interface {
@@ -31,7 +31,7 @@ class SoftInterface final : public Asic::TableClasses<Row>::Interface {
   /// `faps` must outlive the interface.
   SoftInterface(const SoftTable::Setting& setting, const FapSet& faps) : table_(setting), faps_(faps) {}
 
-  /// The table for the unit of all FAPs and those of the FAPs that exist; null for any other.
+  /// The table for the unit of all FAPs and for the units of existing FAPs; null for any other.
   [[nodiscard]] Asic::OrderedSwTable* orderedSwTable(Asic::UnitId unit) const override {
     const Hardware::Kiln::FapId fapId(unit.number() & 0xFFU);
     const bool known =
@@ -45,11 +45,11 @@ class SoftInterface final : public Asic::TableClasses<Row>::Interface {
   const FapSet& faps_;
 };
 
-/// The chip. It outlives the servers that work on it.
+/// The chip. It outlives the servers that use it.
 class SoftChip final : public Asic::OrderedTableInterface {
  public:
-  /// With a `seed`, answers come out of order. With a `directory`, which must exist, the tables keep their
-  /// entries in files there and begin with what these hold. Throws InputError where one cannot be used.
+  /// With a `seed`, answers are shuffled. With a `directory`, which must exist, the tables keep their entries
+  /// in files there and start with their content. Throws InputError if a file cannot be used.
   SoftChip(const ChipConfig& config, const Ref<KilnPlatform::TaskScheduler>& scheduler,
            std::optional<std::uint64_t> seed, const std::string& directory = {});
 
@@ -81,7 +81,7 @@ class SoftChip final : public Asic::OrderedTableInterface {
   [[nodiscard]] const Ref<Hardware::Kiln::Status>& chipStatus() const { return chipStatus_; }
   [[nodiscard]] const Ref<Hardware::Kiln::MdbStatus>& mdbStatus() const { return mdbStatus_; }
 
-  // FAPs come and go, and change their MDB profile; without one a FAP has none.
+  // Adds and removes FAPs, and sets their MDB profile; without a profile a FAP has none.
   void addFap(const ChipConfig::Fap& fap);
   void removeFap(Hardware::Kiln::FapId fapId);
   void profileIs(Hardware::Kiln::FapId fapId, std::optional<std::uint32_t> profile);
@@ -92,23 +92,23 @@ class SoftChip final : public Asic::OrderedTableInterface {
   void subscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(Asic::ChangeSubscriber& subscriber) const override { subscribers_.remove(subscriber); }
 
-  /// Of the writes from now on, counted from 0, the chip refuses this; none of them if it is nothing.
+  /// The chip refuses one write, counted from 0 from now on; none if `write` is empty.
   void refusedIs(std::optional<std::uint32_t> write) { pending_->refusedIs(write); }
 
-  /// Applies the operations that have no effect yet.
+  /// Applies the operations that have not taken effect yet.
   void applyIssued();
   /// The server ended: the tables keep their entries until reconcileComplete.
   void serverEnded();
-  /// As serverEnded, for a server that died: also its subscriptions and the answers to it are forgotten.
+  /// As serverEnded, for a server that died: its subscriptions and the answers to it are dropped as well.
   void serverDied();
 
-  /// Describes FAPs, profiles and tables. Which entries there is room for follows from these.
+  /// Describes FAPs, profiles and tables. The room for entries follows from these.
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
   void fapIs(const Hardware::Kiln::FapId& fapId, const Hardware::Kiln::FapInfo* info);
 
-  FapSet faps_;  ///< those of the chip status
+  FapSet faps_;  ///< as in the chip status
   Ref<Hardware::Kiln::Status> chipStatus_;
   Ref<Hardware::Kiln::MdbStatus> mdbStatus_;
   std::optional<std::mt19937_64> random_;

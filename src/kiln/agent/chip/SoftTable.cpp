@@ -170,7 +170,7 @@ void SoftTable::noteState(KilnEmServer::StateDigest& digest) const {
   for (const Answers* answers : {&due_, &released_, &held_}) noteAnswers(digest, *answers);
 }
 
-// The operation itself is known from the handler that waits for the answer.
+// The operation itself is described by the handler that waits for the answer.
 void SoftTable::noteAnswers(KilnEmServer::StateDigest& digest, const Answers& answers) const {
   for (const Answer& answer : answers) {
     digest.add(answer.outcome);

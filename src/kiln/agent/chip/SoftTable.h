@@ -1,4 +1,4 @@
-// One table of the software chip: applies operations when they are issued or when it answers them.
+// One table of the software chip: applies operations when it receives them or when it answers them.
 #pragma once
 
 #include <boost/container/deque.hpp>
@@ -31,31 +31,31 @@ namespace KilnAgent {
 
 using KilnPlatform::Ref;
 
-/// What reached the hardware, and what needed not to.
+/// Changes of the hardware, and writes that were not necessary.
 struct HardwareCounters {
   std::uint64_t written = 0;    ///< entries inserted or replaced by others
-  std::uint64_t removed = 0;    ///< entries taken out
-  std::uint64_t unchanged = 0;  ///< writes of what the table held already
+  std::uint64_t removed = 0;    ///< removed entries
+  std::uint64_t unchanged = 0;  ///< writes of entries that the table held already
 };
 
-/// How often the server called a table, whatever came of it.
+/// The operations that the server issued to a table, whatever their outcome.
 struct OperationCounters {
   std::uint64_t writes = 0;
   std::uint64_t removals = 0;
 };
 
-/// One operation that the server called.
+/// One operation that the server issued.
 struct HwOperation {
   std::uint64_t number;  ///< grows with each operation of the chip
   const KilnEmServer::EmResolvedKey& key;
   const KilnEmServer::EmEntry* entry;  ///< to be written; null for a removal
 };
 
-/// Notified of what happens at a table. Every function but handleUpcomingChange does nothing by default.
+/// Notified of the events of a table. Every function but handleUpcomingChange does nothing by default.
 class TableWatcher {
  public:
   using EntryState = Asic::SwTableBase::EntryState;
-  /// The server calls an operation, which has no effect yet.
+  /// The server issued an operation, which has not taken effect yet.
   virtual void handleIssued(const HwOperation& /*operation*/) {}
   /// The hardware is about to write or remove the entry under a key; `before` is null if it has none.
   virtual void handleUpcomingChange(const KilnEmServer::EmResolvedKey& key,
@@ -69,7 +69,7 @@ class TableWatcher {
   ~TableWatcher() = default;
 };
 
-/// The subscribers of one object's changes. They may come and go while they are being told.
+/// The subscribers of one object's changes. They may be added and removed during a notification.
 class ChangeSubscribers {
  public:
   void add(Asic::ChangeSubscriber& subscriber) { subscribers_.push_back(&subscriber); }
@@ -86,7 +86,7 @@ class ChangeSubscribers {
 class PendingHwWrites final : public Asic::OrderedTableStatus {
  public:
   [[nodiscard]] bool pendingHwWrites() const override { return operations_ != 0; }
-  /// The numbers of operations are compared with each other only.
+  /// The numbers of operations are compared only with each other.
   void noteState(KilnEmServer::StateDigest& digest) const {
     digest.add(std::tie(operations_, writesToRefused_));
   }
@@ -98,9 +98,9 @@ class PendingHwWrites final : public Asic::OrderedTableStatus {
   void end(std::size_t operations);
   void forgetSubscribers() { subscribers_.forgetAll(); }
 
-  /// Of the writes from now on, counted from 0, the chip refuses this; none of them if it is nothing.
+  /// The chip refuses one write, counted from 0 from now on; none if `write` is empty.
   void refusedIs(std::optional<std::uint32_t> write) { writesToRefused_ = write; }
-  /// A write begins: whether it is that one.
+  /// Called for each write: whether it is the one to refuse.
   [[nodiscard]] bool takeRefused();
 
  private:
@@ -110,22 +110,22 @@ class PendingHwWrites final : public Asic::OrderedTableStatus {
   mutable ChangeSubscribers subscribers_;
 };
 
-/// What the eight tables share: how they apply and answer operations, and what tools see of them. Answers are
-/// late, and with a seed out of order. Operations on one key take effect in the order issued.
+/// The common part of the tables: how they apply and answer operations, and what tools read. Answers are
+/// late, and shuffled if there is a seed. Operations on one key take effect in the order issued.
 class SoftTable {
  public:
   using EntryState = Asic::SwTableBase::EntryState;
   using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
   using Entry = std::pair<KilnEmServer::EmResolvedKey, KilnEmServer::EmEntry>;
-  /// How the operations that come from now on are met: done and answered; writes refused, removals done;
-  /// done, but not answered until told.
+  /// Reply mode for subsequent operations: applied and answered; writes refused and removals applied;
+  /// applied, but the answers held.
   enum class AnswerMode : std::uint8_t { success, refuse, hold };
   enum class Order : std::uint8_t { fifo, lifo };
-  /// When an operation changes the table: when it is issued, or at the latest when it is answered, the
-  /// earlier ones of its key first.
+  /// When an operation changes the table: when it is issued, or at the latest when it is answered, after the
+  /// earlier operations on its key.
   enum class Applies : std::uint8_t { issued, answered };
 
-  /// What a table has from its chip. `random` is null where answers keep their order.
+  /// The settings that a table gets from its chip. `random` is null if answers keep their order.
   struct Setting {
     std::string_view stem;  ///< for example "isemMpls"
     std::uint32_t capacity = 0;
@@ -133,7 +133,7 @@ class SoftTable {
     std::mt19937_64* random = nullptr;
     PendingHwWrites* pending = nullptr;
     MdbRoom* room = nullptr;
-    std::string file;  ///< where its entries outlive the process; empty where they need not
+    std::string file;  ///< stores the entries beyond the process's life; empty for none
   };
 
   explicit SoftTable(const Setting& setting);
@@ -142,59 +142,59 @@ class SoftTable {
   SoftTable& operator=(const SoftTable&) = delete;
 
   [[nodiscard]] std::string_view stem() const { return stem_; }
-  /// Entries that the table can hold, as far as the FAPs have room for them.
+  /// Number of entries that the table can hold, if the FAPs have room for them.
   [[nodiscard]] std::uint32_t capacity() const { return capacity_; }
-  /// Entries that the table holds already stay, even where they are more.
+  /// A smaller capacity removes no stored entry.
   void capacityIs(std::uint32_t entries) { capacity_ = entries; }
   [[nodiscard]] const HardwareCounters& counters() const { return counters_; }
   [[nodiscard]] const OperationCounters& operations() const { return operations_; }
-  /// Adds a watcher, once, or takes it out again, which it must be before it goes.
+  /// Adds or removes a watcher. It must be added at most once, and removed before it is destroyed.
   void watcherIs(TableWatcher& watcher, bool on);
 
   [[nodiscard]] AnswerMode answerMode() const { return mode_; }
-  /// Leaving `hold` lets every held answer go, in the order of the operations.
+  /// When the mode changes from `hold`, every held answer is released, in the order of the operations.
   void answerModeIs(AnswerMode mode);
-  /// Lets up to `count` held answers go, the oldest or the newest first, of which the first `skip` stay. They
-  /// are delivered by the table's task, in just that order.
+  /// Releases up to `count` held answers, the oldest or the newest first, and skips the first `skip` of them.
+  /// The table's task delivers them in exactly that order.
   void answer(Order order, std::size_t count, std::size_t skip = 0);
   [[nodiscard]] std::size_t held() const { return held_.size(); }
-  /// Whether operations are answered within the call that issues them, unless they are held.
+  /// Whether operations are answered inside the call that issues them, unless their answers are held.
   void answerInsideCallIs(bool insideCall) { insideCall_ = insideCall; }
-  /// Of the operations that follow. One that finds an earlier one of its key without effect waits with it.
+  /// Applies to subsequent operations. An operation waits if an earlier one on its key has not taken effect.
   void appliesIs(Applies applies) { applies_ = applies; }
-  /// Applies the operations that were issued and have no effect yet, in their order.
+  /// Applies the operations that have not taken effect yet, in the order issued.
   virtual void applyIssued() = 0;
   /// Whether there are such operations.
   [[nodiscard]] virtual bool hasUnapplied() const = 0;
 
-  /// Entries that the table holds.
+  /// Number of stored entries.
   [[nodiscard]] virtual std::size_t fill() const = 0;
-  /// The entry under a key of this table; nothing for a key of another one.
+  /// The entry under a key of this table; none for a key of another table.
   [[nodiscard]] virtual std::optional<KilnEmServer::EmEntry> find(
       const KilnEmServer::EmResolvedKey& key) const = 0;
   /// Every entry, the least key first.
   [[nodiscard]] virtual std::vector<Entry> sortedEntries() const = 0;
 
-  /// The server ended: what it issued is applied, its entries stay, unclaimed until they are written again;
-  /// held answers are dropped.
+  /// The server ended: its operations are applied, its entries are kept as unclaimed until they are written
+  /// again, and held answers are dropped.
   void serverEnded();
-  /// As serverEnded, for a server that could not clean up: no answer is delivered any more.
+  /// As serverEnded, for a server that could not clean up: no further answer is delivered.
   void serverDied();
   /// Drops the entries that are still unclaimed. Their removal is pending until commit has started the drain
-  /// and it is done.
+  /// and the drain is done.
   void reconcileComplete();
-  /// Starts the drain of what was issued to the hardware.
+  /// Starts the drain of issued operations to the hardware.
   void commit();
 
-  /// Describes the table: as one part what it holds, as another one what it owes.
+  /// Describes the table in two parts: its content, and the answers that it owes.
   virtual void noteState(KilnEmServer::StateDigest& digest) const;
 
  protected:
   /// An operation is issued: counts it, and returns its number.
   std::uint64_t beginOperation(bool isWrite);
-  /// Takes over the answer of an operation, which has this outcome unless it is yet to be applied.
+  /// Delivers the answer of an operation with this outcome, unless the operation must be applied first.
   void deliver(std::uint64_t number, EntryState outcome, ResponseHandler&& handler);
-  /// Whether the operation that began last is refused, if it is a write.
+  /// Whether the latest operation is refused, if it is a write.
   [[nodiscard]] bool refusing() const { return mode_ == AnswerMode::refuse || refusesThis_; }
   [[nodiscard]] bool appliesLater() const { return applies_ == Applies::answered; }
   [[nodiscard]] const std::vector<TableWatcher*>& watchers() const { return watchers_; }
@@ -203,15 +203,15 @@ class SoftTable {
     return fill() < capacity_ && room_.hasRoom(tag);
   }
 
-  /// Every entry is unclaimed from now on. Costs nothing per entry but room for its claim.
+  /// Marks every entry as unclaimed. The cost per entry is only the memory for its claim.
   virtual void unclaimAll() = 0;
-  /// Returns how many entries it dropped.
+  /// Returns the number of dropped entries.
   virtual std::size_t dropUnclaimed() = 0;
   virtual void forgetTableSubscribers() = 0;
-  /// The server does not wait for the operations any more that were issued before.
+  /// The server no longer waits for the operations issued so far.
   virtual void forgetIssued() = 0;
-  /// The outcome of an operation that is being answered, applied now unless it was before; nothing if it was
-  /// applied when it was issued.
+  /// The outcome of an operation that is being answered; applies it if it has not taken effect yet. Nothing
+  /// if it was applied when it was issued.
   virtual std::optional<EntryState> settle(std::uint64_t number) = 0;
 
   HardwareCounters counters_;
@@ -224,12 +224,12 @@ class SoftTable {
     EntryState outcome;
     ResponseHandler handler;
   };
-  /// With room for many answers at a time, so that they are not allocated one by one.
+  /// A container with blocks of many answers, so that they are not allocated one by one.
   using Answers =
       boost::container::deque<Answer, void,
                               boost::container::deque_options_t<boost::container::block_size<64>>>;
   void noteAnswers(KilnEmServer::StateDigest& digest, const Answers& answers) const;
-  /// How many unanswered operations on the key of this one were issued before it.
+  /// Number of unanswered operations on the same key that were issued before this one.
   [[nodiscard]] std::size_t rankOf(const Answer& answer) const;
   void runAnswers();
   void call(Answer& answer);
@@ -246,22 +246,22 @@ class SoftTable {
   Applies applies_ = Applies::issued;
   bool insideCall_ = false;
   bool refusesThis_ = false;
-  Answers due_;       ///< to be given in this order, or in any with a seed
-  Answers released_;  ///< held once, to be given in this order
+  Answers due_;       ///< delivered in this order, or shuffled with a seed
+  Answers released_;  ///< formerly held, delivered in this order
   Answers held_;
-  std::size_t dropped_ = 0;   ///< removals that nobody waits for and that are not committed yet
-  std::size_t draining_ = 0;  ///< those that are
+  std::size_t dropped_ = 0;   ///< removals without a waiting server that are not committed yet
+  std::size_t draining_ = 0;  ///< such removals that are committed
   KilnPlatform::Task task_;
 };
 
-/// One of the eight table classes, as a software table. Capacity counts the entries that are still unclaimed.
+/// One of the table classes, as a software table. The capacity includes entries that are still unclaimed.
 template <class SwTable>
 class SoftSwTable final : public SwTable, public SoftTable {
  public:
   using Key = typename SwTable::Key;
   using TableEntry = typename SwTable::Entry;
 
-  /// The entries that the file holds are unclaimed. Throws InputError where it cannot be used.
+  /// The entries of the file are unclaimed. Throws InputError if the file cannot be used.
   explicit SoftSwTable(const SoftTable::Setting& setting) : SoftTable(setting) {
     if (setting.file.empty()) {
       entrys_ = makeCollection<Key, TableEntry>();
@@ -323,7 +323,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
   }
 
  private:
-  /// An operation that takes effect when it is answered. Its outcome is known once it has.
+  /// An operation that takes effect when it is answered. Its outcome is known afterwards.
   struct Late {
     Key key;
     std::optional<TableEntry> entry;  ///< none for a removal
@@ -425,11 +425,11 @@ class SoftSwTable final : public SwTable, public SoftTable {
   void unclaimAll() final {
     reconciling_ = !entrys_->empty();
     claimed_ = {};
-    claimed_.reserve(entrys_->size());  // so that no claim has to wait for the growth of the whole
+    claimed_.reserve(entrys_->size());  // so that no claim waits for a rehash
   }
   std::size_t dropUnclaimed() override {
     const std::uint64_t before = counters_.removed;
-    // An operation that has no effect yet decides about the entry of its key.
+    // An operation that has not taken effect yet decides about the entry of its key.
     for (const auto& [key, latest] : latest_) {
       if (reconciling_ && entrys_->has(key)) claimed_.insert(key);
     }
@@ -448,14 +448,14 @@ class SoftSwTable final : public SwTable, public SoftTable {
   }
 
   std::unique_ptr<typename SwTable::Entrys> entrys_;
-  MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same where it lies in a file
+  MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same object if it is stored in a file
   KilnEmServer::ExpectedKeys<typename SwTable::Entrys> expected_;
   std::map<std::uint64_t, Late> late_;  ///< unanswered, by number
   boost::unordered_flat_map<Key, std::uint64_t, KilnPlatform::ValueHash<Key>>
-      latest_;                ///< of the operations that have no effect yet, the last one of each key
-  bool reconciling_ = false;  ///< whether entries of a server before this one may be unclaimed
+      latest_;                ///< per key, the last operation that has not taken effect yet
+  bool reconciling_ = false;  ///< whether entries of an earlier server may be unclaimed
   boost::unordered_flat_set<Key, KilnPlatform::ValueHash<Key>>
-      claimed_;  ///< while reconciling, all others are not
+      claimed_;  ///< while reconciling; all other entries are unclaimed
 };
 
 }  // namespace KilnAgent

@@ -52,7 +52,7 @@ constexpr std::uint32_t kDefaultYieldEvery = 1;
 constexpr std::uint32_t kDefaultYieldEvery = 0;
 #endif
 
-/// What every command that has an agent takes.
+/// The options of every command that has an agent.
 struct AgentArguments {
   std::string chip;
   std::string state;
@@ -103,7 +103,7 @@ struct GenerateArguments {
   std::string mix = std::string(kScenarioMixNames[0]);
 };
 
-/// One line on standard error that is overwritten as the run goes on; nothing where that is no terminal.
+/// A progress line on standard error, overwritten during the run; not shown if standard error is no terminal.
 class ProgressLine {
  public:
   explicit ProgressLine(const EmbeddedAgent& agent) : agent_(agent), shown_(isatty(STDERR_FILENO) != 0) {}
@@ -126,9 +126,8 @@ class ProgressLine {
   bool shown_;
 };
 
-/// A closed standard descriptor would get the number of the first file that is opened, and what is written to
-/// it would go into that file. Each one that is missing is opened for the other direction, so that its use
-/// fails.
+/// If a standard descriptor is closed, the first opened file would get its number, and output for it would be
+/// written into that file. So each missing one is opened for the other direction: its use then fails.
 void occupyStandardDescriptors() {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
     if (::fcntl(number, F_GETFD) != -1 || errno != EBADF) continue;
@@ -155,14 +154,14 @@ std::ifstream openScenario(const std::string& path) {
   return file;
 }
 
-/// Finds out before a run whether its scenarios can be read.
+/// Checks before a run that its scenarios can be read.
 void checkScenarios(const std::vector<std::string>& paths) {
   for (const std::string& path : paths) {
     if (path != "-") openScenario(path);
   }
 }
 
-/// Finds out before a run whether its dump can be written. May create the file, and so is the last check.
+/// Checks before a run that its dump can be written. May create the file, and so is the last check.
 void checkDump(const std::string& path) {
   if (path.empty() || path == "-") return;
   if (!std::ofstream(path, std::ios::app)) throw InputError(fmt::format("{}: cannot be written", path));
@@ -200,8 +199,8 @@ void runFile(Scenario& scenario, const std::string& path) {
   scenario.run(file, path);
 }
 
-/// Runs the scenarios to quiescence and calls `finish`, also where a line was malformed, which is thrown
-/// after.
+/// Runs the scenarios to quiescence and calls `finish`, also if a line was malformed; the error is thrown
+/// afterwards.
 int runScenarios(EmbeddedAgent& agent, const RunArguments& arguments,
                  const std::function<void(const ScenarioCounters&, bool malformed)>& finish,
                  const Scenario::Reconciled& reconciled = {}) {
@@ -254,7 +253,7 @@ int run(const RunArguments& arguments) {
                       [&](const ReconcileReport& report) { show(reconcileText(reconcileJson(report))); });
 }
 
-/// Shows each restart; where one has not ended, as far as it has come.
+/// Shows each restart; one that has not ended, with its present state.
 int showReconcile(const ShowReconcileArguments& arguments) {
   checkScenarios(arguments.run.files);
   EmbeddedAgent agent(agentOptions(arguments.run));
@@ -297,7 +296,7 @@ int printGraph(bool asDot) {
   return 0;
 }
 
-/// Takes decimal digits only; the command-line library alone would read 010 as eight.
+/// Accepts decimal digits only; the command-line library alone would read 010 as eight.
 CLI::Validator wholeNumber(std::uint64_t max, std::uint64_t min = 0) {
   const auto read = [min, max](std::string& text) {
     std::uint64_t number = 0;
@@ -312,7 +311,7 @@ CLI::Validator wholeNumber(std::uint64_t max, std::uint64_t min = 0) {
   return {read, "WHOLE"};
 }
 
-/// An empty text names no file; it is what an unset variable of a script leaves.
+/// An empty text names no file; it is often the value of an unset variable of a script.
 CLI::Validator notEmpty() {
   return {[](std::string& text) {
             return text.empty() ? std::string("an empty text names nothing") : std::string();

@@ -6,10 +6,10 @@
 namespace KilnAgent {
 namespace {
 
-/// Above all that writes rows: what an update wrote is judged before the next update.
+/// Above all tasks that write rows: an update is evaluated before the next one begins.
 constexpr int kMonitorPriority = 20;
 
-/// Whether usage is at least this many per cent. A table without room is full as soon as it is used.
+/// Whether usage is at least this percentage. A table without room is full as soon as it is used.
 bool reaches(const TableUsage& usage, std::uint32_t percent) {
   if (usage.maxLimit == 0) return usage.used != 0;
   return usage.used * 100 >= std::uint64_t{usage.maxLimit} * percent;

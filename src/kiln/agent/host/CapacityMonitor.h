@@ -18,7 +18,7 @@ namespace KilnAgent {
 
 using KilnPlatform::Ref;
 
-/// Per cent of a table's maximum, the lower one at most the upper.
+/// Percentages of a table's maximum. The lower one must not exceed the upper.
 struct CapacityThresholds {
   std::uint32_t upper = 90;       ///< an alarm is raised when the usage reaches this
   std::uint32_t upperClear = 80;  ///< and cleared when the usage falls below this
@@ -31,7 +31,7 @@ struct TableInstance {
   friend auto operator<=>(const TableInstance&, const TableInstance&) = default;
 };
 
-/// What an instance's rows say, all features together.
+/// The sum of an instance's rows over all features.
 struct TableUsage {
   std::uint64_t used = 0;
   std::uint32_t maxLimit = 0;
@@ -44,15 +44,15 @@ struct HighWatermark {
   std::chrono::nanoseconds time{0};
 };
 
-/// Per cent of the maximum; of a table without room, 100 where it is used at all.
+/// Percentage of the maximum; for a table without room, 100 if it is used at all.
 double percentOf(const TableUsage& usage);
 
-/// Follows the rows of a capacity table. Each instance is judged by itself, once all rows of an update are
-/// written, so that usage which moves from one feature to another is no crossing. What it has not seen
-/// between two updates did not happen.
+/// Follows the rows of a capacity table. Each instance is evaluated separately, once all rows of an update
+/// are written: usage that moves from one feature to another crosses no threshold. Changes that are reverted
+/// between two updates are not seen.
 class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::TableCapacityKey> {
  public:
-  /// The alarms that are kept.
+  /// Maximum number of alarms that are kept.
   static constexpr std::size_t kMostAlarms = 256;
   using Rows = std::map<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>;
 
@@ -60,13 +60,13 @@ class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::
   struct Alarm {
     Event event;
     TableInstance instance;
-    TableUsage usage;  ///< at that moment; the last one known where the table is gone
+    TableUsage usage;  ///< at that moment; the last known one if the table was removed
     std::chrono::nanoseconds time;
   };
   struct State {
     TableUsage usage;
     HighWatermark highWatermark;
-    bool exceeded = false;  ///< whether an alarm stands
+    bool exceeded = false;  ///< whether an alarm is raised
   };
 
   /// Both references must outlive the monitor.
@@ -77,11 +77,11 @@ class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::
   CapacityMonitor& operator=(const CapacityMonitor&) = delete;
 
   [[nodiscard]] const CapacityThresholds& thresholds() const { return thresholds_; }
-  /// The instances that have rows now.
+  /// The instances that have rows at present.
   [[nodiscard]] const std::map<TableInstance, State>& instances() const { return instances_; }
   /// The rows of one of them.
   [[nodiscard]] const Rows& rowsOf(const TableInstance& instance) const { return rows_.at(instance); }
-  /// The latest events, the oldest of them first.
+  /// The latest events, the oldest first.
   [[nodiscard]] const std::deque<Alarm>& alarms() const { return alarms_; }
 
  private:

@@ -76,7 +76,7 @@ EmbeddedAgent::EmbeddedAgent(const AgentOptions& options)
 
 EmbeddedAgent::~EmbeddedAgent() {
   server_.reset();
-  chip_->serverDied();  // answers may hold what holds the chip's tables
+  chip_->serverDied();  // its answers may hold references into the chip's tables
 }
 
 void EmbeddedAgent::createServer() {

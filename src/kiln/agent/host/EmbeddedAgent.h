@@ -1,4 +1,4 @@
-// The agent around the server: everything that the server is handed, and the server itself.
+// The agent around the server: the server, and everything that it is created with.
 #pragma once
 
 #include <chrono>
@@ -27,32 +27,32 @@ class Server;
 
 namespace KilnAgent {
 
-/// What of the traces goes where.
+/// Destinations and levels of the traces.
 struct TraceOptions {
   int level = 0;                                    ///< the highest level that passes
   std::vector<std::pair<std::string, int>> stages;  ///< part of a stage's name, and the level for such stages
   std::string file;                                 ///< written in place of standard error
   bool standardError = false;                       ///< if there is no file
-  bool mayLose = false;                             ///< what the reader of standard error does not take
-  Ref<KilnPlatform::TraceSink> sink;                ///< another one besides; may be null
+  bool mayLose = false;               ///< drop lines that the reader of standard error does not take
+  Ref<KilnPlatform::TraceSink> sink;  ///< an additional sink; may be null
 };
 
-/// How an agent is to run.
+/// The options of an agent.
 struct AgentOptions {
   ChipConfig chip = defaultChip();
-  std::optional<std::uint64_t> seed;  ///< shuffles tasks and answers; without it both keep their order
+  std::optional<std::uint64_t> seed;  ///< shuffles tasks and answers; both keep their order without it
   std::uint32_t yieldEvery = 0;       ///< slices yield after this many items; 0 never
   /// Without `yieldEvery`, slices yield after this much time. Such runs are not repeatable.
   std::optional<std::chrono::nanoseconds> sliceBudget;
-  std::string state;  ///< the directory in which state outlives the process; empty for none
-  Durability durability = Durability::power;  ///< of what is committed there
+  std::string state;  ///< directory of the state that outlives the process; empty for none
+  Durability durability = Durability::power;  ///< of the committed state
   TraceOptions traces;
 };
 
 /// Adds sinks and levels to the trace facility for its lifetime.
 class ScopedTraces {
  public:
-  /// Throws InputError where the file cannot be written.
+  /// Throws InputError if the file cannot be written.
   explicit ScopedTraces(const TraceOptions& options);
   ~ScopedTraces();
   ScopedTraces(const ScopedTraces&) = delete;
@@ -63,12 +63,12 @@ class ScopedTraces {
   std::vector<Ref<KilnPlatform::TraceSink>> sinks_;
 };
 
-/// Owns the scheduler, the state store, the VLAN-domain service, the chip and the server that works on them.
-/// Store and chip stay when the server goes.
+/// Owns the scheduler, the state store, the VLAN-domain service, the chip and the server that uses them.
+/// Store and chip are kept when the server is destroyed.
 class EmbeddedAgent {
  public:
-  /// Creates the server too; it runs when the scheduler does. With a state directory, what an agent before
-  /// this one left there is taken up. Throws InputError where it cannot be.
+  /// Also creates the server; it runs when the scheduler runs. With a state directory, the agent takes over
+  /// the state of the previous one. Throws InputError if that is not possible.
   explicit EmbeddedAgent(const AgentOptions& options);
   ~EmbeddedAgent();
   EmbeddedAgent(const EmbeddedAgent&) = delete;
@@ -93,8 +93,8 @@ class EmbeddedAgent {
   [[nodiscard]] const ReconcileMonitor& reconcileMonitor() const { return *reconcileMonitor_; }
   /// Null without a state directory.
   [[nodiscard]] const DurableStore* durable() const { return durable_.get(); }
-  /// Makes every change so far durable; nothing without a state directory. What is not committed at the
-  /// agent's end is lost.
+  /// Makes every change so far durable; does nothing without a state directory. Uncommitted changes are lost
+  /// when the agent ends.
   void commit() {
     if (durable_ != nullptr) durable_->commit();
   }
@@ -104,17 +104,17 @@ class EmbeddedAgent {
     scheduler_->runUntilIdle();
     noteQuiet();
   }
-  /// To be called when the scheduler was run until nothing was pending.
+  /// To be called after the scheduler ran until nothing was pending.
   void noteQuiet() { reconcileMonitor_->quiet(*server_); }
   /// Destroys the server and creates it again over the same store and chip.
   void restart();
-  /// As restart, but as if the process had died: nothing that the server would do at its end takes effect.
-  /// With `lost`, the store's changes since its last commit are gone as well.
+  /// As restart, but as if the process had died: no action of the server's shutdown takes effect. With
+  /// `lost`, the store's changes since its last commit are lost as well.
   void crash(bool lost = false);
 
-  /// Describes the server and all that it works on. Two agents with the same state, of the same options, do
-  /// the same from then on if the same operations come and the same tasks are chosen. What is only reported
-  /// is left out, and so is how long a ready task has waited. The state directory has no part in it.
+  /// Describes the server and everything that it uses. Two agents with the same options and the same state
+  /// behave the same afterwards, if they get the same operations and the same tasks are chosen. Data that is
+  /// only reported is left out, and so are the waiting time of a ready task and the state directory.
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:

@@ -40,7 +40,7 @@ std::optional<std::uint64_t> domainOf(const EmResolvedKey& key) {
   return domain;
 }
 
-/// The key in the table of a request's key, with this domain where one is needed; none where it does not fit.
+/// The key in the table for a request's key, with this domain if one is needed; none if a field does not fit.
 std::optional<EmResolvedKey> tableKeyOf(const EmLogicalKey& key, std::optional<std::uint16_t> domain) {
   const EmComposerKey& own = key.emComposerKey;
   std::optional<EmResolvedKey> tableKey;
@@ -185,7 +185,7 @@ void ReconcileMonitor::watchAll(bool on) {
   });
   watch<Interface, KilnPlatform::Unit>(asked_.config(), on ? askedWatch_.get() : nullptr);
   watch<Interface, std::uint16_t>(allotted_.status(), on ? allottedWatch_.get() : nullptr);
-  // A process that died took its subscriptions along, this one too.
+  // A process that died lost its subscriptions; this one is dropped as well.
   store_.features().unsubscribe(*this);
   if (on) store_.features().subscribe(*this);
 }
@@ -305,7 +305,7 @@ bool ReconcileMonitor::Judgement::outdated() const {
   return monitor_.endedCount_ != endedCount_ || monitor_.restarts_ != report_.restart;
 }
 
-/// Goes on after the last key, whatever was touched in the meantime. Returns whether `items` are used up.
+/// Continues after the last key, whatever was touched in the meantime. Returns whether `items` are used up.
 template <class Map, class Judge>
 bool ReconcileMonitor::Judgement::walk(const Map& touched, std::optional<typename Map::key_type>& last,
                                        std::size_t& items, Judge&& judge) {
@@ -340,7 +340,7 @@ void ReconcileMonitor::judge(ReconcileReport& report, const EmResolvedKey& key,
   });
 }
 
-/// The published status of a request that it answers finally.
+/// The published status of a request, if it is a final answer.
 std::optional<StatusRecord> ReconcileMonitor::settledStatus(const RecordKey& recordKey) const {
   const EmLogicalKey& key = std::get<EmLogicalKey>(recordKey);
   return withDatabase(std::get<EmType>(recordKey), [&]<class Db>() -> std::optional<StatusRecord> {

@@ -1,5 +1,5 @@
-// Watches a server come back: what its stages did with what they found, and whether anything was disturbed
-// that need not change.
+// Observes a restart: how the stages reconciled what they found, and whether anything was disturbed
+// unnecessarily.
 #pragma once
 
 #include <array>
@@ -26,7 +26,7 @@ class Server;
 
 namespace KilnAgent {
 
-/// What a published status says, without its key.
+/// The content of a published status, without its key.
 struct StatusRecord {
   KilnEmServer::EmStatus status{};
   std::uint32_t requestVersion = 0;
@@ -38,14 +38,15 @@ struct StatusRecord {
 struct TableReconcile {
   std::string_view stem;
   std::size_t found = 0;       ///< entries that the hardware held at the restart
-  OperationCounters calls;     ///< of the server
-  HardwareCounters hardware;   ///< what of them reached the hardware, and drops of what nobody wrote again
+  OperationCounters calls;     ///< issued by the server
+  HardwareCounters hardware;   ///< of the calls, those that changed the hardware; and drops of entries that
+                               ///< were not written again
   std::uint64_t needless = 0;  ///< writes and removals of entries that were the same before and after
 };
 
-/// What became of a restart.
+/// The outcome of a restart.
 struct ReconcileReport {
-  std::uint64_t restart = 0;  ///< the first since the agent started is 1
+  std::uint64_t restart = 0;  ///< numbered from 1 since the agent started
   enum class State : std::uint8_t { running, complete, interrupted } state = State::running;
   std::vector<KilnEmServer::StageProgress> stages;
   std::vector<TableReconcile> tables;
@@ -53,17 +54,17 @@ struct ReconcileReport {
   std::uint64_t statusesChanged = 0;  ///< changes of published statuses, each one counted
   std::uint64_t statusesDeleted = 0;  ///< deletions among them
   std::uint64_t heldAnswers = 0;      ///< answers that the tables hold back
-  /// Entries, statuses and VLAN-domain requests that were settled and the same before and after, but not all
-  /// the while in between.
+  /// Entries, statuses and VLAN-domain requests that were settled and equal before and after, but changed in
+  /// between.
   std::uint64_t disturbed = 0;
-  std::vector<std::string> disturbedRows;  ///< the first of them, in words
+  std::vector<std::string> disturbedRows;  ///< the first of them, as text
 };
 
-/// Judges restarts. What was settled before a restart and is the same after it must not have been written,
-/// removed or changed meanwhile. What requests that were published or withdrawn meanwhile, or VLAN domains
-/// that changed meanwhile, have a say in is not judged. A restart lasts until its server has completed and
-/// nothing is on its way any more; where another one comes first, what was settled before both is judged
-/// after both. Costs nothing but a branch per change while no restart is going on.
+/// Evaluates restarts. An object that was settled before a restart, and is the same after it, must not have
+/// been written, removed or changed in between. Objects are left out if they depend on requests that were
+/// published or withdrawn in the meantime, or on VLAN domains that changed. A restart lasts until its server
+/// has completed and nothing is pending. If another one interrupts it, the state before both is compared with
+/// the state after both. Outside a restart the cost is one branch per change.
 class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer::FeatureType> {
  public:
   static constexpr std::size_t kDisturbedRows = 20;
@@ -74,22 +75,22 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   ReconcileMonitor(const ReconcileMonitor&) = delete;
   ReconcileMonitor& operator=(const ReconcileMonitor&) = delete;
 
-  /// The agent starts: a restart begins where requests, statuses or table entries stand there already.
+  /// The agent starts: a restart begins if requests, statuses or table entries exist already.
   void agentStarts();
-  /// A server is about to be created over what an earlier one left.
+  /// A server is about to be created over the state of an earlier one.
   void restartBegins(const KilnEmServer::Server* interrupted);
-  /// Nothing is ready to run: ends the restart where its server has completed and no answer is held.
+  /// No task is ready: ends the restart if its server has completed and no answer is held.
   void quiet(const KilnEmServer::Server& server);
   [[nodiscard]] bool restarting() const { return restarting_; }
 
-  /// Judges the restart that goes on in steps, while the agent may go on in between.
+  /// Evaluates the current restart in steps; the agent may run between two steps.
   class Judgement {
    public:
-    /// A restart must be going on. Both references must outlive it.
+    /// A restart must be in progress. Both references must outlive the object.
     Judgement(const ReconcileMonitor& monitor, const KilnEmServer::Server& server);
-    /// Judges up to `items` of what was touched. Returns whether there is more.
+    /// Evaluates up to `items` touched objects. Returns whether there are more.
     bool step(std::size_t items);
-    /// Complete when there is no more.
+    /// Complete when step() has returned false.
     [[nodiscard]] ReconcileReport& report() { return report_; }
     /// Whether the restart has ended, or another one has begun.
     [[nodiscard]] bool outdated() const;
@@ -102,15 +103,15 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
     const ReconcileMonitor& monitor_;
     ReconcileReport report_;
     std::uint64_t endedCount_;
-    // What was judged last.
+    // The position: the objects that were evaluated last.
     std::optional<KilnEmServer::EmResolvedKey> entry_;
     std::optional<std::tuple<KilnEmServer::EmType, KilnEmServer::EmLogicalKey>> status_;
     std::optional<KilnTunnelNiLib::IntfIdSystemTcamId> domainRequest_;
   };
 
-  /// The restart that goes on or, if there is none, the last one; none before the first.
+  /// The restart in progress or, if there is none, the last one; none before the first.
   [[nodiscard]] std::optional<ReconcileReport> report(const KilnEmServer::Server& server) const;
-  /// The restart that ended last, and how many have.
+  /// The last completed restart, and the number of completed restarts.
   [[nodiscard]] const std::optional<ReconcileReport>& ended() const { return ended_; }
   [[nodiscard]] std::uint64_t endedCount() const { return endedCount_; }
 
@@ -149,7 +150,7 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   void judge(ReconcileReport& report, const Interface& interface, bool before) const;
   [[nodiscard]] std::optional<StatusRecord> settledStatus(const RecordKey& key) const;
   [[nodiscard]] bool hasSay(const KilnEmServer::EmResolvedKey& key) const;
-  /// Calls `row()` for the words only if they are shown.
+  /// Calls `row()` only if its text is shown.
   template <class Row>
   static void addDisturbed(ReconcileReport& report, Row&& row) {
     if (++report.disturbed <= kDisturbedRows) report.disturbedRows.push_back(row());
@@ -169,16 +170,16 @@ class ReconcileMonitor final : private KilnPlatform::KeySubscriber<KilnEmServer:
   std::unique_ptr<AskedWatch> askedWatch_;
   std::unique_ptr<AllottedWatch> allottedWatch_;
 
-  // Since the restart.
-  std::vector<TableReconcile> tablesBefore_;  ///< with the counters as they were
+  // State since the restart began.
+  std::vector<TableReconcile> tablesBefore_;  ///< with the counters at that time
   std::size_t statusesFound_ = 0;
   std::uint64_t statusesChanged_ = 0;
   std::uint64_t statusesDeleted_ = 0;
-  // Since the first of the restarts that followed each other: what changed, as it was before.
+  // The previous value of everything that changed since the first of the consecutive restarts.
   std::map<RecordKey, std::optional<StatusRecord>> touchedStatuses_;
   std::map<KilnEmServer::EmResolvedKey, TouchedEntry> touchedEntries_;
   std::map<Interface, bool> touchedDomainRequests_;
-  // What has a say in others.
+  // Objects on which others depend.
   std::set<RecordKey> touchedRequests_;
   std::set<KilnEmServer::EmResolvedKey> touchedKeys_;
   std::set<std::uint64_t> touchedDomains_;

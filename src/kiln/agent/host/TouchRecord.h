@@ -1,4 +1,4 @@
-// Which statuses and table entries change from a moment on, also those that end as they began.
+// Records which statuses and table entries changed since a moment, including those that changed back.
 #pragma once
 
 #include <set>
@@ -9,20 +9,20 @@
 
 namespace KilnAgent {
 
-/// Notes the keys of statuses that change in the store, and of entries that the hardware writes or removes,
-/// whatever causes it: a store that goes back to its last commit does too. Keeps each key once, and no more
-/// than kMost of them: then it forgets all and stops.
+/// Records the keys of statuses that change in the store, and of entries that the hardware writes or removes.
+/// The cause does not matter: a store that reverts to its last commit counts, too. Each key is recorded once.
+/// After more than kMost keys it forgets all and stops.
 class TouchRecord final : private StoreObserver, private TableWatcher {
  public:
   static constexpr std::size_t kMost = 100'000;
 
-  /// Begins to note. Store and chip must outlive it.
+  /// Starts recording. Store and chip must outlive the record.
   TouchRecord(MemoryStateStore& store, SoftChip& chip);
   ~TouchRecord();
   TouchRecord(const TouchRecord&) = delete;
   TouchRecord& operator=(const TouchRecord&) = delete;
 
-  /// Whether there were too many changes to know anything.
+  /// Whether there were too many changes, so that the record is empty and incomplete.
   [[nodiscard]] bool overflowed() const { return overflowed_; }
   [[nodiscard]] bool status(KilnEmServer::FeatureType feature, KilnEmServer::EmType database,
                             const KilnEmServer::EmRequestKey& key) const {

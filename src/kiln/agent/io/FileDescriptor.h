@@ -7,7 +7,7 @@
 
 namespace KilnAgent {
 
-/// Closes its descriptor at its end. One that is negative stands for none.
+/// Closes its descriptor when destroyed. A negative descriptor means none.
 class FileDescriptor {
  public:
   FileDescriptor() = default;

@@ -87,7 +87,7 @@ std::uint64_t readWholeNumber(const Json& json, std::uint64_t max, const JsonPat
                     max));
   }
   if (!json.is_number_unsigned() || json.get<std::uint64_t>() > max) {
-    const std::string found = json == 0 ? "-0" : json.dump();  // the library keeps no other sign of 0
+    const std::string found = json == 0 ? "-0" : json.dump();  // the library has no other sign of -0
     path.fail(fmt::format("{} is out of range, a whole number from 0 to {} is expected", found, max));
   }
   return json.get<std::uint64_t>();

@@ -1,8 +1,8 @@
-// Between plain values and JSON: one converter for all of them, from their own description of their fields.
+// Converts plain values to and from JSON: one converter for all of them, based on the description of their
+// fields.
 //
-// A described value is an object of its fields, a number with a restricted range a number, an enumeration its
-// value's name. A tagged union stands in its owner's object as one member that is named after the
-// alternative.
+// A described value is an object of its fields, a number with a restricted range is a number, an enumeration
+// is its value's name. A tagged union is one member of its owner's object, named after the alternative.
 #pragma once
 
 #include <cstdint>
@@ -31,32 +31,32 @@ struct JsonPath {
 
   /// For example "key.isemMplsEntryKey.label".
   [[nodiscard]] std::string text() const;
-  /// Throws InputError: the path, and what is wrong there.
+  /// Throws InputError with the path and the reason.
   [[noreturn]] void fail(std::string_view wrong) const;
 };
 
-/// What the JSON library says of malformed text, without its codes.
+/// The JSON library's message for malformed text, without its codes.
 std::string parseErrorText(const Json::exception& error);
 
-/// Passed to the JSON library's parser, refuses what the library takes and the agent must not: an object that
-/// names a member twice, of which the library would keep only one, and deep nesting, since the library copies
-/// and writes values by recursion.
+/// Passed to the JSON library's parser to refuse text that the library accepts and the agent must not: an
+/// object that names a member twice, of which the library would keep only one, and deep nesting, since the
+/// library copies and writes values by recursion.
 class ParseGuard {
  public:
-  /// Objects and arrays within each other; six are ever needed.
+  /// Maximum nesting of objects and arrays; operations need six.
   static constexpr int kMaxDepth = 32;
   static constexpr std::size_t kMaxNames = 64;  ///< of one object
 
-  /// Throws InputError where `parsed` is a name that the open object has already, or where too much is open.
+  /// Throws InputError if `parsed` is a name that the open object already has, or if the nesting is too deep.
   bool operator()(int depth, Json::parse_event_t event, const Json& parsed);
 
  private:
-  std::vector<std::vector<std::string>> names_;  ///< of the objects that are open, outermost first
+  std::vector<std::vector<std::string>> names_;  ///< of the open objects, outermost first
 };
 
 /// Throws unless `json` is an object.
 void requireObject(const Json& json, const JsonPath& path);
-/// The member of an object; throws where there is none.
+/// The member of an object; throws if there is none.
 const Json& requireMember(const Json& object, std::string_view name, const JsonPath& path);
 /// Throws for the first member whose name is not among `names`.
 void refuseOtherMembers(const Json& object, std::initializer_list<std::string_view> names,
@@ -79,8 +79,8 @@ E readEnum(const Json& json, const JsonPath& path) {
   path.fail(fmt::format("unknown name \"{}\", known are {}", name, fmt::join(Names::kNames, ", ")));
 }
 
-/// Reads `json` into `value`. Every field must be there and no other; throws InputError where something is
-/// missing, unknown, of another type or out of its field's own range.
+/// Reads `json` into `value`. Every field must be present, and no other; throws InputError if a field is
+/// missing, unknown, of another type or out of its range.
 template <class T>
 void readValue(const Json& json, T& value, const JsonPath& path) {
   if constexpr (KilnPlatform::NamedEnum<T>) {
@@ -109,8 +109,8 @@ void readValue(const Json& json, T& value, const JsonPath& path) {
   }
 }
 
-/// Reads the member of `object` that is named after an alternative of the union; nothing where the name is
-/// not that of one.
+/// Reads the member of `object` that is named after an alternative of the union; does nothing if the name is
+/// of no alternative.
 template <KilnPlatform::UnionValue U>
 bool readAlternative(std::string_view name, const Json& json, U& value, const JsonPath& path) {
   using Tag = typename U::Tag;
@@ -151,8 +151,8 @@ Json toJson(const T& value) {
 
 // --- Keys and entries --------------------------------------------------------------------------------------
 //
-// A key is {fapId?, localCoreId?, "<stem>EntryKey": {fields}}, on the features' side and on the hardware's;
-// chip and core are numbers or "all", which is their default and left out where it holds.
+// A key is {fapId?, localCoreId?, "<stem>EntryKey": {fields}}, for requests and for the hardware. Chip and
+// core are numbers or "all", which is the default and is omitted.
 
 /// A chip, as a number or "all".
 Hardware::Kiln::FapId readFapId(const Json& json, const JsonPath& path);
@@ -160,7 +160,7 @@ Hardware::Kiln::FapId readFapId(const Json& json, const JsonPath& path);
 Hardware::Kiln::LocalCoreId readLocalCoreId(const Json& json, const JsonPath& path);
 /// Adds chip and core to a key's JSON, each unless it is "all".
 void addChipAndCore(Json& json, Hardware::Kiln::FapId fapId, Hardware::Kiln::LocalCoreId localCoreId);
-/// Throws: `json` must hold exactly one member of `kind`, and holds none or a second one.
+/// Throws: `json` must hold exactly one member of `kind`, but holds none or (`found`) a second one.
 [[noreturn]] void failForAlternatives(bool found, std::string_view kind, const JsonPath& path);
 
 /// A key whose `unionMember` holds the part that names the table.

@@ -31,7 +31,7 @@ const sockaddr* generic(const sockaddr_un& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
-/// Makes way for a new socket where an old one has no listener any more.
+/// Removes an old socket that has no listener any more.
 void removeStale(const std::string& path, const sockaddr_un& address) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return;
@@ -70,7 +70,7 @@ bool LineConnection::flush() {
     peerClosed_ = peerClosed_ || count < 0;
     sent_ += count < 0 ? unsent() : static_cast<std::size_t>(count);
   }
-  // A client that takes its answers slowly must not make the part that was sent grow.
+  // Drops the sent part, so that it does not grow if a client reads slowly.
   if (!hasUnsent() || sent_ >= kReadBytes) unsent_.erase(0, std::exchange(sent_, 0));
   return progress;
 }

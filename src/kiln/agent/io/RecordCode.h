@@ -1,8 +1,9 @@
-// Between plain values and bytes: one encoding for all of them, from their own description of their fields.
+// Converts plain values to and from bytes: one encoding for all of them, based on the description of their
+// fields.
 //
-// Numbers are big-endian at their full width, so that the order of encoded keys is the order of their fields;
-// a text is its length and its bytes, a tagged union the byte of its tag and its alternative. Names are not
-// part of it: who stores such bytes stores what they mean beside them.
+// Numbers are big-endian in their full width, so that the order of encoded keys is the order of their fields;
+// a text is its length and its bytes; a tagged union is one byte for its tag, then its alternative. Names are
+// not part of the encoding: the user of the bytes must store their meaning separately.
 #pragma once
 
 #include <array>
@@ -57,15 +58,15 @@ std::string encoded(const T& value) {
   return out;
 }
 
-/// Whether a value may hold any number of the enumeration's type, not only those that have a name.
+/// Whether a value may have any number of the enumeration's type, not only named ones.
 template <class E>
 inline constexpr bool kAnyNumber = !KilnPlatform::NamedEnum<E>;
-/// A request may be of a kind that the server does not know.
+/// A request may have a kind that the server does not know.
 template <>
 inline constexpr bool kAnyNumber<KilnTunnelNiLib::RequestKind> = true;
 
-/// Takes values off the front of encoded bytes. Throws std::range_error where they end early or say what no
-/// value can.
+/// Decodes values from the front of encoded bytes. Throws std::range_error if the bytes end early or encode
+/// no valid value.
 class Decoder {
  public:
   explicit Decoder(std::string_view bytes) : rest_(bytes) {}
@@ -98,7 +99,7 @@ class Decoder {
     return value;
   }
   [[nodiscard]] bool atEnd() const { return rest_.empty(); }
-  /// Throws where bytes are left over.
+  /// Throws if bytes are left over.
   void end() const {
     if (!rest_.empty()) throw std::range_error("bytes are left over");
   }
@@ -120,7 +121,7 @@ class Decoder {
   std::string_view rest_;
 };
 
-/// Tells of damage by accident, not by malice.
+/// Detects accidental damage, not malice.
 inline std::uint32_t checksumOf(std::string_view bytes, std::uint64_t seed = 0) {
   return static_cast<std::uint32_t>(XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed));
 }

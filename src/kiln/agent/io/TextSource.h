@@ -1,4 +1,4 @@
-// Texts that are made piece by piece: a long one needs little time and memory per turn.
+// Texts that are produced piece by piece: a long one needs little time and memory per turn.
 #pragma once
 
 #include <functional>
@@ -10,16 +10,16 @@
 
 namespace KilnAgent {
 
-/// Makes a text from its begin to its end. What it reads may change between two pieces.
+/// Produces a text from its begin to its end. Its sources may change between two pieces.
 class TextSource {
  public:
   virtual ~TextSource() = default;
-  /// Appends the next piece, the work of about a tenth of a millisecond. Returns whether there is another
+  /// Appends the next piece, with about a tenth of a millisecond of work. Returns whether there is another
   /// one.
   virtual bool next(std::string& out) = 0;
 };
 
-/// A text that is there already.
+/// A complete text.
 class ReadyText final : public TextSource {
  public:
   explicit ReadyText(std::string text) : text_(std::move(text)) {}
@@ -35,7 +35,7 @@ class ReadyText final : public TextSource {
 /// A JSON text as a sequence of parts, each of which may need several pieces.
 class JsonSource : public TextSource {
  public:
-  /// Rows that a piece consists of.
+  /// Number of rows in a piece.
   static constexpr int kRowsPerPiece = 16;
 
   bool next(std::string& out) final {
@@ -44,21 +44,21 @@ class JsonSource : public TextSource {
   }
 
  protected:
-  /// Appends to the text; returns whether it is to be called again before the next part.
+  /// Appends to the text; returns whether it must be called again before the next part.
   using Part = std::function<bool(std::string& out)>;
 
-  /// `lineEnd` separates the rows: a line's end, or nothing.
+  /// `lineEnd` separates the rows: a line end, or nothing.
   explicit JsonSource(std::string lineEnd) : lineEnd_(std::move(lineEnd)) {}
 
   void addPart(Part part) { parts_.push_back(std::move(part)); }
-  /// A part of one piece, which is made when its turn comes.
+  /// A part of one piece, which is produced when its turn comes.
   void addText(std::function<std::string()> text) {
     addPart([text = std::move(text)](std::string& out) {
       out += text();
       return false;
     });
   }
-  /// Rows of the parts in between form one array.
+  /// The rows of the parts between beginArray and the array's end form one array.
   void beginArray() {
     addPart([this](std::string& out) {
       out += '[';

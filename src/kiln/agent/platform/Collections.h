@@ -1,4 +1,4 @@
-// The agent's own collections: made by the server's implementation, held by what publishes them.
+// The agent's own collections: implemented by the server's library, owned by their publishers.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,8 @@
 
 namespace KilnAgent {
 
-/// Told of each change of a collection before it is made, with the values before and after; null where there
-/// is none. It must not change the collection.
+/// Notified before each change of a collection, with the values before and after; null if there is none. It
+/// must not change the collection.
 template <class K, class V>
 class ChangeWatcher {
  public:
@@ -58,21 +58,21 @@ class AgentCollection final : public KilnPlatform::KeyedCollection<K, V> {
   mutable ChangeWatcher<K, V>* watcher_ = nullptr;
 };
 
-/// Collections of one group hold the same keys, mostly, and those of another group others.
+/// `group`: collections that hold mostly the same keys have the same group.
 template <class K, class V>
 std::unique_ptr<KilnPlatform::KeyedCollection<K, V>> makeCollection(std::size_t group = 0) {
   return std::make_unique<AgentCollection<K, V>>(group);
 }
 
-// Of collections that makeCollection made.
+// For collections that makeCollection created.
 
-/// Drops every subscriber without telling it: as if the process that subscribed had died.
+/// Drops every subscriber without notifying it, as if the subscribing process had died.
 template <class K, class V>
 void forgetSubscribers(const KilnPlatform::KeyedCollection<K, V>& collection) {
   static_cast<const AgentCollection<K, V>&>(collection).forgetSubscribers();
 }
 
-/// Names the one watcher, which must outlive the collection or be replaced; null for none.
+/// Sets the one watcher, which must outlive the collection or be replaced; null for none.
 template <class K, class V>
 void watch(const KilnPlatform::KeyedCollection<K, V>& collection, ChangeWatcher<K, V>* watcher) {
   static_cast<const AgentCollection<K, V>&>(collection).watcherIs(watcher);

@@ -21,23 +21,23 @@ inline std::size_t randomBelow(std::mt19937_64& random, std::size_t bound) {
   return static_cast<std::size_t>(random() % bound);
 }
 
-/// How many runs of other tasks the agent's own work, which is of lesser priority than the stages, waits for
-/// at most: about one of each stage, so that tables answer and VLAN domains are allotted under unending load,
-/// too.
+/// Maximum number of runs of other tasks for which the agent's own work waits. Its priority is below the
+/// stages'. The limit is about one run of each stage, so that tables answer and VLAN domains are allotted
+/// under unending load, too.
 inline constexpr std::uint32_t kAgentPatience = 64;
 
 /// A ready queue per priority, the greatest priority first. Tasks of one priority run in FIFO order, or with
 /// a seed in an order drawn from it. A task whose patience is used up runs before all others.
 class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
  public:
-  /// What was done since construction.
+  /// Work done since construction.
   struct Counters {
     std::uint64_t slices = 0;  ///< task runs
-    std::uint64_t yields = 0;  ///< answers of the yield policy that a slice should end
-    std::uint64_t items = 0;   ///< items of work that tasks reported
+    std::uint64_t yields = 0;  ///< decisions of the yield policy that a slice must end
+    std::uint64_t items = 0;   ///< items of work reported by tasks
   };
 
-  /// A null `policy` never asks a slice to yield. Without a `seed` the order is FIFO.
+  /// With a null `policy` no slice yields. Without a `seed` the order is FIFO.
   explicit CooperativeScheduler(std::unique_ptr<KilnPlatform::YieldPolicy> policy = nullptr,
                                 std::optional<std::uint64_t> seed = std::nullopt);
 
@@ -51,14 +51,14 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
     return std::chrono::microseconds(counters_.slices);
   }
 
-  /// Runs one slice of one ready task. False where none is ready. Not to be called from within a slice.
+  /// Runs one slice of one ready task. False if none is ready. Not to be called from within a slice.
   bool runOne();
   /// Runs up to `slices` slices; returns how many it ran.
   std::size_t run(std::size_t slices);
   /// Runs until no task is ready.
   void runUntilIdle();
-  /// Runs one slice of this ready task, whatever else is ready. A `policy` other than null is asked in place
-  /// of the scheduler's own.
+  /// Runs one slice of this ready task, whatever else is ready. A `policy` other than null replaces the
+  /// scheduler's own.
   void runSlice(KilnPlatform::Task& task, KilnPlatform::YieldPolicy* policy = nullptr);
   /// Calls `visitor` with each ready task, in no particular order. It must not schedule or run any.
   template <class Visitor>
@@ -71,23 +71,23 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   }
 
   [[nodiscard]] bool idle() const { return ready_ == 0; }
-  /// What the order is drawn from; none where it is FIFO.
+  /// The seed of the order; none if the order is FIFO.
   [[nodiscard]] std::optional<std::uint64_t> seed() const { return seed_; }
   [[nodiscard]] const Counters& counters() const { return counters_; }
-  /// Items still to be done, as the task that reported last put it.
+  /// Items left to do, as last reported by a task.
   [[nodiscard]] std::size_t workPending() const { return workPending_; }
 
-  /// Drops every ready task without telling its owner, as if the process had died. The tasks may be
+  /// Drops every ready task without notifying its owner, as if the process had died. The tasks may be
   /// destroyed, or scheduled again, afterwards.
   void forgetAll();
 
  private:
   using Task = KilnPlatform::Task;
 
-  /// A task's place in a queue; null where the task was cancelled.
+  /// A task's place in a queue; null if the task was cancelled.
   struct Slot {
     Task* task;
-    std::uint64_t deadline;  ///< number of runs after which patience is used up, kNoDeadline where unlimited
+    std::uint64_t deadline;  ///< number of runs after which patience is used up, or kNoDeadline
     std::uint64_t order;     ///< unique, ascending by the moment of becoming ready
   };
   /// A ready task's `readySince` is `first` plus its index in `slots`.
@@ -100,7 +100,7 @@ class CooperativeScheduler final : public KilnPlatform::TaskScheduler {
   };
   static constexpr std::uint64_t kNoDeadline = ~std::uint64_t{0};
 
-  /// Passes the policy's answers on and counts those that say yield.
+  /// Forwards the policy's answers and counts those that say yield.
   class CountingPolicy final : public KilnPlatform::YieldPolicy {
    public:
     CountingPolicy(std::unique_ptr<KilnPlatform::YieldPolicy> policy, std::uint64_t& yields)

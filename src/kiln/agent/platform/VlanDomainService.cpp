@@ -228,7 +228,7 @@ void VlanDomainService::join(const Ref<Group>& group, const Ref<Group>& joining)
   }
 }
 
-/// Those that have another domain, or wait for one, have this one now.
+/// The members that have another domain, or wait for one, get this one now.
 void VlanDomainService::haveDomain(const std::vector<Interface>& members, std::uint16_t vlanDomain) {
   for (const Interface& member : members) {
     const std::optional<std::uint16_t> current = status_->status().get(member);
@@ -261,7 +261,7 @@ std::optional<VlanDomainService::Interface> VlanDomainService::sharesWith(const 
 
 void VlanDomainService::restoreAllotment(const Interface& interface, std::uint16_t vlanDomain) {
   allotmentIs(interface, vlanDomain);
-  if (mode_ == Mode::automatic) queue(interface);  // it is taken back if it is not requested any more
+  if (mode_ == Mode::automatic) queue(interface);  // released if it is not requested any more
 }
 
 void VlanDomainService::forgetServer() {
@@ -271,8 +271,8 @@ void VlanDomainService::forgetServer() {
   if (!pending_.empty()) task_.scheduleTask();
 }
 
-// How many use a domain follows from the allotments; of where a pool is searched from only the first free
-// domain is known outside. An unused pool is like one that does not exist.
+// The number of users of a domain follows from the allotments. Of a pool's search position only the first
+// free domain is visible outside. An unused pool is equivalent to no pool.
 void VlanDomainService::noteState(KilnEmServer::StateDigest& digest) const {
   digest.addPart("vlanDomainConfig", config_->config());
   digest.addPart("vlanDomainStatus", status_->status());

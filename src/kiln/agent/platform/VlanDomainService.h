@@ -1,4 +1,4 @@
-// The VLAN-domain service: allots VLAN domains to the interfaces for which the server asks.
+// The VLAN-domain service: allots VLAN domains to the interfaces that the server requests.
 #pragma once
 
 #include <cstdint>
@@ -18,29 +18,29 @@ namespace KilnAgent {
 
 using KilnPlatform::Ref;
 
-/// The domains that the service may allot by itself. `first` is not above `last`.
+/// The domains that the service may allot automatically. `first` must not exceed `last`.
 struct VlanDomainLimits {
   std::uint16_t first = 1;
   std::uint16_t last = 511;
-  /// Whether each system TCAM has domains of its own, for chips with separate tables. Otherwise interfaces
-  /// that do not share never get the same domain, whatever their system TCAMs.
+  /// Whether each system TCAM has its own domains, for chips with separate tables. Otherwise interfaces that
+  /// do not share never get the same domain, whatever their system TCAMs.
   bool perTcam = false;
   friend bool operator==(const VlanDomainLimits&, const VlanDomainLimits&) = default;
 };
 
-/// One change of what the service would need to go on where it is.
+/// One change of the state that the service needs to continue after a restart.
 struct VlanDomainChange {
   enum class Record : std::uint8_t {
     settings,   ///< mode and limits; the interface has no meaning
-    share,      ///< with whom an interface shares
-    request,    ///< whether the server asks for a domain
-    allotment,  ///< which domain an interface has
+    share,      ///< the sharing partner of an interface
+    request,    ///< whether the server requests a domain
+    allotment,  ///< the domain of an interface
   };
   Record record;
   KilnTunnelNiLib::IntfIdSystemTcamId interface;
 };
 
-/// Told of each such change, after it was made.
+/// Notified after each such change.
 class VlanDomainObserver {
  public:
   virtual void handleDomainChange(const VlanDomainChange& change) = 0;
@@ -49,13 +49,13 @@ class VlanDomainObserver {
   ~VlanDomainObserver() = default;
 };
 
-/// Automatic mode, the first one: each request gets the first free domain, or that of the interfaces which it
-/// shares one with; without a free domain it waits, and requests that wait are served in the order in which
+/// Automatic mode, the initial one: each request gets the first free domain, or the domain of the interfaces
+/// with which it shares. Without a free domain it waits; waiting requests are served in the order in which
 /// they were made. A domain that is not requested any more is free again.
 ///
 /// Manual mode: allotments are made and revoked by hand, whether or not they are requested.
 ///
-/// The service reacts to requests in a task of its own, or inside the call that makes them.
+/// The service handles requests on a task of its own, or inside the call that makes them.
 class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNiLib::IntfIdSystemTcamId> {
  public:
   using Interface = KilnTunnelNiLib::IntfIdSystemTcamId;
@@ -70,63 +70,64 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   [[nodiscard]] Ref<const KilnVlanDomain::VlanDomainStatus> status() const { return status_; }
 
   [[nodiscard]] Mode mode() const { return mode_; }
-  /// Going to manual keeps the domains that are allotted. Going to automatic keeps those that are asked for
-  /// and frees the others.
+  /// A change to manual mode keeps the allotted domains. A change to automatic mode keeps those that are
+  /// requested and frees the others.
   void modeIs(Mode mode);
 
   [[nodiscard]] bool insideCall() const { return insideCall_; }
-  /// Whether requests that follow are handled inside the change that makes them.
+  /// Whether subsequent requests are handled inside the change that makes them.
   void insideCallIs(bool insideCall) { insideCall_ = insideCall; }
 
-  /// Interfaces keep the domains that they have, also those outside the new limits.
+  /// Interfaces keep their domains, including those outside the new limits.
   void limitsAre(VlanDomainLimits limits);
 
-  /// Manual mode only: gives the interface this domain, any 16-bit value, in place of the one that it has.
+  /// Manual mode only: gives the interface this domain, any 16-bit value, and replaces its previous one.
   void allot(const Interface& interface, std::uint16_t vlanDomain);
-  /// Manual mode only: takes the interface's domain away; nothing where it has none.
+  /// Manual mode only: removes the interface's domain, if it has one.
   void revoke(const Interface& interface);
 
-  /// Automatic allotment gives `intfId` and `withIntfId`, and all that already share with either, one domain.
-  /// It is the one that `withIntfId`'s side has, if it has one. Costs as much as the smaller of both groups
-  /// and the allotments that change.
+  /// Automatic allotment gives one domain to `intfId`, `withIntfId` and all interfaces that already share
+  /// with either. It is the domain of the group of `withIntfId`, if that group has one. The cost is
+  /// proportional to the smaller group and to the number of allotments that change.
   void share(std::uint64_t intfId, std::uint64_t withIntfId, std::uint16_t systemTcamId);
 
   [[nodiscard]] const VlanDomainLimits& limits() const { return limits_; }
-  /// One of the interfaces with which this one shares, the same for all of them; none where it shares with
-  /// nobody.
+  /// One of the interfaces with which this one shares, the same for the whole group; none if it does not
+  /// share.
   [[nodiscard]] std::optional<Interface> sharesWith(const Interface& interface) const;
 
-  // Takes up what a service before this one left: first mode and limits, then who shares, then who has what,
-  // then the requests, in the order in which they came. Nothing is allotted before the scheduler runs.
+  // Restores the state of an earlier service: first mode and limits, then sharing, then allotments, then the
+  // requests in the order in which they were made. Nothing is allotted before the scheduler runs.
   void restoreAllotment(const Interface& interface, std::uint16_t vlanDomain);
   void restoreRequest(const Interface& interface) { config_->configIs(interface); }
 
-  /// Names the one observer, which must outlive the service or be replaced; null for none.
+  /// Sets the one observer, which must outlive the service or be replaced; null for none.
   void observerIs(VlanDomainObserver* observer) { observer_ = observer; }
 
-  /// Requests without a domain. Walks over all requests.
+  /// Number of requests without a domain. Walks over all requests.
   [[nodiscard]] std::size_t waiting() const;
 
-  /// Forgets the server's subscriptions, as if its process had died, and takes up its own work again after
+  /// Forgets the server's subscriptions, as if its process had died, and schedules its own work again after
   /// the scheduler forgot its tasks.
   void forgetServer();
 
-  /// Describes requests, allotments, and which requests wait in which order.
+  /// Describes requests and allotments, and the order of the waiting requests.
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
-  /// Interfaces that share a domain, and which domains they have: more than one only after manual mode.
+  /// Interfaces that share a domain, and their domains: more than one only after manual mode.
   struct Group {
     std::vector<Interface> members;
     std::map<std::uint16_t, std::uint32_t> users;
     std::set<Interface> waiting;
   };
 
-  /// Domains that are allotted together: how many interfaces have each, and below which domain none is free.
+  /// Domains that are allotted together: the number of interfaces that have each, and a lower bound of the
+  /// free ones.
   struct Pool {
     std::map<std::uint32_t, std::uint32_t> users;
     std::uint32_t firstMaybeFree = 0;
-    std::map<std::uint64_t, Interface> waiting;  ///< by the order in which the requests came
+    std::map<std::uint64_t, Interface> waiting;  ///< by the order of the requests
   };
 
   void handleChange(const Interface& interface) override;
@@ -157,8 +158,8 @@ class VlanDomainService final : private KilnPlatform::KeySubscriber<KilnTunnelNi
   VlanDomainLimits limits_;
   Mode mode_ = Mode::automatic;
   bool insideCall_ = false;
-  bool handling_ = false;                ///< what is requested now waits for the task
-  std::map<std::uint16_t, Pool> pools_;  ///< by system TCAM, or just one
+  bool handling_ = false;                ///< subsequent requests wait for the task
+  std::map<std::uint16_t, Pool> pools_;  ///< by system TCAM, or only one
   std::map<Interface, std::uint64_t> waitingOrder_;
   std::uint64_t nextOrder_ = 0;
   std::map<Interface, Ref<Group>> groups_;  ///< only of interfaces that share

@@ -1,4 +1,4 @@
-// When a slice has used its share: the policies that the agent offers.
+// When a slice has used up its time: the policies that the agent offers.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace KilnAgent {
 
-/// Yields after every `items` items of work; never where that is 0.
+/// Yields after every `items` items of work; never if that is 0.
 class EveryItems final : public KilnPlatform::YieldPolicy {
  public:
   explicit EveryItems(std::uint32_t items) : items_(items) {}
@@ -20,9 +20,9 @@ class EveryItems final : public KilnPlatform::YieldPolicy {
   std::uint32_t items_;
 };
 
-/// Yields once a slice has run for `budget` of the machine's steady clock. It reads the clock every few items
-/// only, and the nearer the end, the more often: a slice exceeds its budget by about an item, unless items
-/// take much longer all at once. Runs under it are not repeatable.
+/// Yields once a slice has run for `budget` of the machine's steady clock. It reads the clock only every few
+/// items, and more often towards the end: a slice exceeds its budget by about one item, unless items suddenly
+/// take much longer. Runs under it are not repeatable.
 class TimeBudget final : public KilnPlatform::YieldPolicy {
  public:
   explicit TimeBudget(std::chrono::nanoseconds budget) : budget_(budget) {}
@@ -35,7 +35,7 @@ class TimeBudget final : public KilnPlatform::YieldPolicy {
     items_ += itemsDone;
     const std::chrono::nanoseconds used = std::chrono::steady_clock::now() - begin_;
     if (used >= budget_) return 0;
-    // What fits into half of the time that is left, if the next items take as long as those before.
+    // The number of items that fit into half of the remaining time, if they take as long as those before.
     const double perItem = static_cast<double>(used.count() + 1) / items_;
     const double fit = static_cast<double>((budget_ - used).count()) / (2 * perItem);
     return static_cast<std::uint32_t>(std::clamp(fit, 1.0, kMostItemsPerLook));

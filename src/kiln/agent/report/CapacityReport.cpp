@@ -19,7 +19,7 @@ using KilnEmServer::EmResolvedKeyUnionTag;
 using KilnEmServer::ResourceCounts;
 using Lines = std::back_insert_iterator<std::string>;
 
-/// Per cent with one digit after the point.
+/// Percentage with one decimal.
 double rounded(double percent) {
   return std::round(percent * 10) / 10;
 }
@@ -54,7 +54,7 @@ KilnEmServer::ByKeyType<ResourceCounts> resources(const EmbeddedAgent& agent) {
   return counts;
 }
 
-/// What of each named table is asked for on a FAP of a type.
+/// The demand for each named table on a FAP of a type.
 std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kiln::FapType fapType) {
   std::map<std::string, Demand> byTable;
   const auto counts = resources(agent);
@@ -72,7 +72,7 @@ std::map<std::string, Demand> demandOn(const EmbeddedAgent& agent, Hardware::Kil
   return byTable;
 }
 
-/// What is asked for, by FAP name; it is counted once for each FAP type.
+/// The demand by FAP name, computed once for each FAP type.
 class Demands {
  public:
   explicit Demands(const EmbeddedAgent& agent) {
@@ -94,7 +94,7 @@ class Demands {
   std::map<Hardware::Kiln::FapType, std::map<std::string, Demand>> byType_;
 };
 
-/// Only what the server is asked for can wait.
+/// Only requests to the server can wait.
 Json featuresJson(const CapacityMonitor::Rows& rows, const Demand& demand) {
   Json features = Json::array();
   for (const auto& [key, entry] : rows) {
@@ -179,7 +179,7 @@ class CapacityRows final : public JsonSource {
   const EmbeddedAgent& agent_;
   const CapacityMonitor& monitor_;
   std::optional<Demands> demands_;
-  std::optional<TableInstance> last_;  ///< of the row that was added last
+  std::optional<TableInstance> last_;  ///< of the last added row
 };
 
 Json capacityRows(const EmbeddedAgent& agent, const CapacityMonitor& monitor) {

@@ -15,7 +15,7 @@ namespace {
 using Node = KilnEmServer::StageGraph::Node;
 using Lines = std::back_insert_iterator<std::string>;
 
-// Stages and collections may have the same name, so their nodes are told apart by a prefix.
+// Stages and collections may have the same name, so a prefix distinguishes their nodes.
 void addEdge(Lines out, std::string_view from, std::string_view to, std::string_view attributes) {
   fmt::format_to(out, "  \"{}\" -> \"{}\"{};\n", from, to, attributes);
 }

@@ -9,10 +9,10 @@
 
 namespace KilnAgent {
 
-/// One restart as JSON. `disturbed` is 0 where the restart was hitless.
+/// One restart as JSON. `disturbed` is 0 if the restart was hitless.
 Json reconcileJson(const ReconcileReport& report);
-/// The same as text, rendered from the JSON: outputs that found nothing and tables that held nothing and were
-/// not called are summed up.
+/// The same as text, rendered from the JSON: outputs that found nothing, and tables that held nothing and
+/// were not called, are summarised.
 std::string reconcileText(const Json& report);
 
 }  // namespace KilnAgent

@@ -24,7 +24,7 @@ using KilnEmServer::FeatureType;
 
 using Lines = std::back_insert_iterator<std::string>;
 
-/// What became of one request: the name of its status, or why it has none of its own version.
+/// The outcome of one request: the name of its status, or the reason why it has none for its own version.
 template <class Db>
 std::string_view outcomeOf(const MemoryStateStore::Request<Db>& request,
                            const KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>* status) {
@@ -87,8 +87,8 @@ void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
       losers[status.emSwTableKeyFapCore].push_back(&status);
     }
   }
-  const auto& winners = agent.server().winners().config();
-  // Interfaces that have one VLAN domain take the entries from each other, whatever their features.
+  const auto winners = agent.server().emSwTableConfig();
+  // Interfaces with the same VLAN domain conflict with each other, whatever their features.
   const auto betweenInterfaces = [&](const auto& conflict) {
     const auto* winner = winners.find(conflict.first);
     return winner != nullptr &&
@@ -124,7 +124,7 @@ void addTables(Lines out, const EmbeddedAgent& agent) {
   agent.chip().forEachTable([&](const SoftTable& table) {
     const std::size_t fill = table.fill();
     const std::size_t capacity = std::max<std::size_t>(table.capacity(), 1);
-    // An entry shows as at least one mark, and only a full table, or one that holds more, as a full bar.
+    // A used table shows at least one mark; only a full table, or one that holds more, shows a full bar.
     const std::size_t marks =
         fill == 0 ? 0 : std::clamp<std::size_t>(fill * kBarWidth / capacity, 1, kBarWidth);
     fmt::format_to(out, "  {:13} [{:#<{}}{:.<{}}] {} of {} ({:.1f} %)", table.stem(), "", marks, "",

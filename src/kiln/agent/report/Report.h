@@ -1,4 +1,4 @@
-// What became of a run, for people.
+// The outcome of a run, for people.
 #pragma once
 
 #include <cstddef>
@@ -13,8 +13,8 @@ namespace KilnAgent {
 std::string grouped(std::uint64_t number);
 
 /// The statuses by feature and database (counts first, then up to `rowLimit` rows of each), the hardware keys
-/// that more than one request wants with winner and losers (up to `rowLimit`), how full each table is, and
-/// what the run did. Keys are shown as scenarios write them.
+/// that more than one request wants with winner and losers (up to `rowLimit`), the fill of each table, and
+/// the counters of the run. Keys are written as in scenarios.
 std::string reportText(const EmbeddedAgent& agent, const ScenarioCounters& counters,
                        std::size_t rowLimit = 20);
 

@@ -23,14 +23,14 @@ using KilnEmServer::FeatureType;
 using KeyType = KilnEmServer::EmComposerKeyUnionTag;
 using KilnTunnelNiLib::IntfIdSystemTcamId;
 
-/// Interfaces of one edge. Each has a domain of its own, but for a few that have that of the one before.
+/// Interfaces of one edge. Each has its own domain, except a few that have the domain of the previous one.
 constexpr std::uint64_t kMaxInterfaces = 480;
 constexpr std::uint64_t kVlanIds = 4094;
 constexpr std::uint64_t kFodoIds = std::uint64_t{1} << 18;
 constexpr std::uint64_t kMaxWitnesses = 20;
 constexpr std::uint64_t kFlushBytes = std::uint64_t{1} << 16;
 
-/// A well mixed number from a seed, a request's number and what it is to decide.
+/// A well mixed number from a seed, a request's number and its use.
 std::uint64_t drawn(std::uint64_t seed, std::uint64_t request, std::uint64_t use) {
   std::uint64_t mixed = seed + 0x9E3779B97F4A7C15U * (request * 16 + use + 1);
   mixed = (mixed ^ (mixed >> 30U)) * 0xBF58476D1CE4E5B9U;
@@ -38,10 +38,10 @@ std::uint64_t drawn(std::uint64_t seed, std::uint64_t request, std::uint64_t use
   return mixed ^ (mixed >> 31U);
 }
 
-/// What is decided of each request, each from a number of its own.
+/// The decisions about each request, each from a number of its own.
 enum Use : std::uint64_t { kType, kOverlap, kFeature, kEntry, kBump, kWithdraw, kHold };
 
-/// How many of all requests have a key type, as a part of the sum of all shares.
+/// The share of the requests with a key type, as a part of the sum of all shares.
 struct TypeShare {
   KeyType type;
   std::uint64_t share;
@@ -52,8 +52,8 @@ constexpr bool needsDomain(KeyType type) {
   return KilnEmServer::kKeyTypeInfo[type].resolver != KilnEmServer::ResolverKeyUnionTag::undefined_;
 }
 
-/// Of a thousand requests at an edge between a metro network and its customers. A type that is not listed
-/// follows those that are.
+/// Out of a thousand requests at an edge between a metro network and its customers. Types that are not listed
+/// follow the listed ones.
 constexpr std::array<TypeShare, 8> kEdgeShares{{{KeyType::isem1TagEntryKey, 300},
                                                 {KeyType::isem2TagEntryKey, 200},
                                                 {KeyType::esemFodoVdEntryKey, 70},
@@ -79,7 +79,7 @@ constexpr Shares sharesOf(ScenarioMix mix) {
   return shares;
 }
 
-/// The two features that ask for keys of a type; where both ask for the same one, the second wins.
+/// The two features that request keys of a type; if both request the same key, the second wins.
 constexpr std::array<FeatureType, 2> featuresOf(KeyType type) {
   switch (type) {
     case KeyType::isemUntaggedEntryKey:
@@ -103,9 +103,9 @@ constexpr std::array<FeatureType, 2> featuresOf(KeyType type) {
 /// One request, as a function of the generator's arguments and its number.
 struct Request {
   KeyType type;
-  std::uint64_t keyNumber;  ///< the requests with equal type and key number ask for one key
+  std::uint64_t keyNumber;  ///< requests with equal type and key number request one key
   FeatureType feature;
-  bool overlaps;  ///< asks for the key of the request before
+  bool overlaps;  ///< requests the key of the previous request
   bool hold;
   bool bumped;
   bool withdrawn;
@@ -192,7 +192,7 @@ class Generator {
       }
       draw -= share.share;
     }
-    // These key spaces are small: when they are used up, larger ones of the same kind take their place.
+    // These key spaces are small: when they are exhausted, larger ones of the same kind replace them.
     if (type == KeyType::esemFodoEntryKey && number >= kFodoIds) return KeyType::lemVpwsAcEntryKey;
     if (type == KeyType::isemUntaggedEntryKey && number >= interfaces_) return KeyType::isem1TagEntryKey;
     return type;
@@ -266,7 +266,7 @@ class Generator {
     }
   }
 
-  /// The key's fields, for a type that has no numbers of its own above.
+  /// The key's fields, for a type that has no case of its own above.
   void addNumberedKey(const Request& request) {
     const std::uint64_t interface = interfaceOf(request);
     const IntfIdSystemTcamId at{intfId(interface), static_cast<std::uint16_t>(systemTcamId(interface))};
@@ -301,7 +301,7 @@ class Generator {
     KilnEmServer::visitKeyType(request.type, [&]<class Row>() { addFields(typename Row::Entry{}, valueOf); });
   }
 
-  /// "<op>" with the fields that name the request, its key included.
+  /// "<op>" with the fields that identify the request, including its key.
   void beginRequest(std::string_view op, const Request& request) {
     using KilnPlatform::stringValue;
     fmt::format_to(std::back_inserter(buffer_),
@@ -327,7 +327,7 @@ class Generator {
     line("}}");
   }
 
-  /// Whether no other request and no shared domain can decide what becomes of this one.
+  /// Whether no other request and no shared domain can affect the outcome of this one.
   [[nodiscard]] bool isWitness(std::uint64_t number) const {
     const Request request = requestOf(number);
     if (request.overlaps || request.hold || request.withdrawn || overlapsBefore(number + 1)) return false;

@@ -1,4 +1,4 @@
-// Keys by number, of every key type, for load that is generated.
+// Keys by number, of every key type, for generated load.
 #pragma once
 
 #include <algorithm>
@@ -22,7 +22,7 @@ constexpr std::uint64_t greatestFitting() {
   }
 }
 
-/// Calls `visitor(value, greatest)` with each field of `key` that the row's hardware key has too, and the
+/// Calls `visitor(value, greatest)` with each field of `key` that is also in the row's hardware key, and the
 /// greatest value that fits there.
 template <class Row, class Visitor>
 void forEachKeyField(typename Row::ComposerKey& key, Visitor&& visitor) {
@@ -34,7 +34,7 @@ void forEachKeyField(typename Row::ComposerKey& key, Visitor&& visitor) {
   });
 }
 
-/// The key of this number on an interface, if keys of the type have one. Different numbers have different
+/// The key of this number on an interface, if the type has an interface. Different numbers have different
 /// keys, as many as the fields of the hardware key have values.
 template <class Row>
 typename Row::ComposerKey numberedKey(std::uint64_t number,

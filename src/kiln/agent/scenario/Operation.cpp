@@ -13,7 +13,7 @@
 namespace KilnAgent {
 namespace {
 
-/// The members of one line, read by name. What is not read is refused at the end.
+/// The members of one line, read by name. A member that was not read is refused at the end.
 class Line {
  public:
   explicit Line(const Json& json) : json_(json) {}
@@ -41,7 +41,7 @@ class Line {
     const Json* found = find(name);
     return found != nullptr && readBool(*found, at(name));
   }
-  /// One of some words, which stand in the order of the values that they mean.
+  /// One of several words, listed in the order of the enumeration's values.
   template <class E>
   [[nodiscard]] E word(const char* name, std::initializer_list<std::pair<std::string_view, E>> words) const {
     const std::string& text = readString(member(name), at(name));
@@ -60,7 +60,7 @@ class Line {
     refuseOtherMembers(json_, names, root_);
   }
   [[noreturn]] void fail(std::string_view wrong) const { root_.fail(wrong); }
-  /// The line without its operation.
+  /// The line without the member that names the operation.
   [[nodiscard]] Json withoutOp() const {
     Json members = json_;
     members.erase("op");
@@ -93,7 +93,7 @@ IntfIdSystemTcamId interfaceOf(const Line& line) {
   return {line.number<std::uint64_t>("intfId"), line.number<std::uint16_t>("systemTcamId")};
 }
 
-/// The kind by its name, or by its number, among them numbers that no kind has.
+/// The kind by its name, or by its number; the number may be of no named kind.
 KilnTunnelNiLib::RequestKind requestKindOf(const Line& line) {
   using KilnTunnelNiLib::RequestKind;
   const Json* kind = line.find("requestKind");
@@ -324,7 +324,7 @@ constexpr std::array kReaders = {
 }  // namespace
 
 Json parseLine(std::string_view line) {
-  // The library takes it for the end of its input.
+  // The JSON library would treat it as the end of its input.
   if (line.find('\0') != std::string_view::npos) throw InputError("a NUL byte is not allowed in a line");
   try {
     Json json = Json::parse(line, ParseGuard());

@@ -1,4 +1,4 @@
-// The operations of a scenario, and how a line of one is read.
+// The operations of a scenario, and the parser of a line.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ struct PublishOperation {
   EmEntry entry;
   std::uint32_t requestVersion;
   KilnTunnelNiLib::RequestKind requestKind;
-  bool unchecked;  ///< enters the store without being checked
+  bool unchecked;  ///< enters the store without a check
 };
 struct WithdrawOperation {
   FeatureType feature;
@@ -46,19 +46,19 @@ struct WithdrawAllOperation {
   FeatureType feature;
   EmType database;
 };
-/// A feature's collections vanish.
+/// A feature's collections are removed.
 struct RemoveFeatureOperation {
   FeatureType feature;
 };
-/// A feature's collections return, empty.
+/// A feature's collections are added again, empty.
 struct AddFeatureOperation {
   FeatureType feature;
 };
 struct VlanDomainsOperation {
   VlanDomainService::Mode mode;
   std::optional<VlanDomainLimits> limits;
-  std::optional<bool> perTcam = std::nullopt;     ///< whether each system TCAM has domains of its own
-  std::optional<bool> insideCall = std::nullopt;  ///< whether domains are allotted within the call that asks
+  std::optional<bool> perTcam = std::nullopt;     ///< whether each system TCAM has its own domains
+  std::optional<bool> insideCall = std::nullopt;  ///< whether domains are allotted inside the requesting call
 };
 struct AllotOperation {
   IntfIdSystemTcamId interface;
@@ -67,7 +67,7 @@ struct AllotOperation {
 struct RevokeOperation {
   IntfIdSystemTcamId interface;
 };
-/// In automatic mode, the two interfaces have one domain from now on.
+/// In automatic mode, the two interfaces have one domain from then on.
 struct ShareOperation {
   std::uint64_t intfId;
   std::uint64_t withIntfId;
@@ -77,18 +77,18 @@ struct TableOperation {
   TableTag table;
   std::optional<SoftTable::AnswerMode> answer;
   std::optional<std::uint32_t> capacity;
-  std::optional<bool> insideCall;  ///< whether operations are answered within the call that issues them
+  std::optional<bool> insideCall;  ///< whether operations are answered inside the call that issues them
   std::optional<SoftTable::Applies> applies = std::nullopt;
 };
-/// Held answers go.
+/// Held answers are released.
 struct AnswerOperation {
   TableTag table;
   SoftTable::Order order;
   std::size_t count;
-  bool now;              ///< goes without settling first
-  std::size_t skip = 0;  ///< so many of them, in that order, stay
+  bool now;              ///< released without settling first
+  std::size_t skip = 0;  ///< skips so many of them, in that order
 };
-/// An external user of the tables holds this much from now on; one that holds nothing is removed.
+/// Sets the usage of an external user of the tables; a user without usage is removed.
 struct ExternalUserOperation {
   std::string name;
   KilnTunnelNiLib::SemCapacityExternal user;
@@ -99,13 +99,13 @@ struct AddFapOperation {
 struct RemoveFapOperation {
   Hardware::Kiln::FapId fapId;
 };
-/// A FAP uses another MDB profile from now on, or none.
+/// A FAP uses another MDB profile, or none, from then on.
 struct ProfileOperation {
   Hardware::Kiln::FapId fapId;
   std::optional<std::uint32_t> profile;
 };
 struct SettleOperation {};
-/// Runs tasks, so many of them or until none is ready.
+/// Runs the given number of tasks, or until none is ready.
 struct RunOperation {
   std::size_t tasks;
 };
@@ -113,19 +113,19 @@ struct RunOperation {
 struct SliceOperation {
   std::string task;           ///< its name
   std::string instance = {};  ///< if several tasks have the name
-  std::uint32_t items = 0;    ///< after which it yields; 0 does not ask it to
+  std::uint32_t items = 0;    ///< after which it yields; 0 for no limit
   std::optional<std::uint32_t> refused =
-      std::nullopt;  ///< of the writes in it, from 0, the chip refuses this
+      std::nullopt;  ///< the write in this slice, from 0, that the chip refuses
 };
 struct RestartOperation {};
-/// What the store holds now outlives every crash.
+/// The present content of the store survives every later crash.
 struct CommitOperation {};
 struct CrashOperation {
-  bool lost;  ///< the store's changes since the last commit are lost
+  bool lost;  ///< whether the store's changes since the last commit are lost
 };
-/// From here on it is noted which statuses and table entries are touched.
+/// Starts the record of touched statuses and table entries.
 struct WatchOperation {};
-/// What a request's status record is to say; what is not given may be anything.
+/// The expected status record of a request; members without a value match anything.
 struct ExpectOperation {
   FeatureType feature;
   EmType database;
@@ -134,10 +134,10 @@ struct ExpectOperation {
   std::optional<std::uint32_t> requestVersion;
   std::optional<std::uint8_t> result;
   bool absent;
-  bool now;        ///< looks without settling first
-  bool untouched;  ///< nor did the record change since the last WatchOperation, there and back included
+  bool now;        ///< without settling first
+  bool untouched;  ///< the record must not have changed since the last WatchOperation, not even temporarily
 };
-/// What a table is to hold under a key; no entry where it is to hold none.
+/// The expected entry of a table under a key; none if the table must hold none.
 struct ExpectTableOperation {
   TableTag table;
   EmHwKey key;
@@ -153,18 +153,18 @@ using Operation =
                  ProfileOperation, SettleOperation, RunOperation, SliceOperation, RestartOperation,
                  CommitOperation, CrashOperation, WatchOperation, ExpectOperation, ExpectTableOperation>;
 
-/// The operation that a line of JSON describes. Throws InputError with what is wrong: no JSON, an unknown
+/// The operation that a line of JSON describes. Throws InputError with the reason: no JSON, an unknown
 /// operation, feature, database, table or field, a missing field, a value of the wrong type or out of its
 /// field's range.
 Operation parseOperation(std::string_view line);
 
 // The same in two steps.
 
-/// The JSON of a line, which is an object. Throws InputError where it is none.
+/// The JSON of a line, which must be an object. Throws InputError if it is not.
 Json parseLine(std::string_view line);
 Operation readOperation(const Json& line);
 
-/// The line, without its end, from which parseOperation reads the same operation.
+/// The line, without its end, that parseOperation reads as the same operation.
 std::string operationLine(const Operation& operation);
 
 }  // namespace KilnAgent

@@ -1,4 +1,4 @@
-// The line of a scenario that stands for an operation.
+// Formats an operation as a line of a scenario.
 #include <string>
 #include <string_view>
 #include <utility>
@@ -9,7 +9,7 @@
 namespace KilnAgent {
 namespace {
 
-/// A line in the making: the operation's name first, then its members as they come.
+/// Builds a line: the operation's name first, then its members in the order of the calls.
 class Members {
  public:
   explicit Members(std::string_view op) { add("op", op); }
@@ -21,7 +21,7 @@ class Members {
   Members& add(const char* name, const std::optional<T>& value) {
     return value ? add(name, toJson(*value)) : *this;
   }
-  // What is left out where it says nothing.
+  // A flag is left out if it is false.
   Members& flag(const char* name, bool set) { return set ? add(name, true) : *this; }
   Members& count(const char* name, std::size_t number) { return number != 0 ? add(name, number) : *this; }
   Members& request(FeatureType feature, EmType database, const EmRequestKey& key) {

@@ -27,7 +27,7 @@ std::string requestName(FeatureType feature, EmType database, const EmRequestKey
   return fmt::format("{} {} {}", feature, database, keyToJson(key, &EmRequestKey::emComposerKey).dump());
 }
 
-/// What a status record says, or what of it an expectation names.
+/// The text of a status record, or of the named parts of an expectation.
 std::string statusText(std::optional<EmStatus> status, std::optional<std::uint32_t> requestVersion,
                        std::optional<std::uint8_t> result) {
   Json json = Json::object();
@@ -222,7 +222,7 @@ void Scenario::apply(const TableOperation& operation) {
 }
 
 void Scenario::apply(const AnswerOperation& answer) {
-  if (!answer.now) settle();  // what was published is to have reached the table
+  if (!answer.now) settle();  // published requests must have reached the table
   agent_.chip().table(answer.table).answer(answer.order, answer.count, answer.skip);
 }
 

@@ -16,40 +16,40 @@
 
 namespace KilnAgent {
 
-/// How far a run has come.
+/// The progress of a run.
 struct ScenarioCounters {
   std::uint64_t lines = 0;
   std::uint64_t operations = 0;
   std::uint64_t publishes = 0;
-  std::uint64_t refusals = 0;       ///< publishes that did not enter the store
-  std::uint64_t expects = 0;        ///< expectations looked at
-  std::uint64_t failedExpects = 0;  ///< among them those that did not hold
+  std::uint64_t refusals = 0;       ///< publishes that were refused at the store
+  std::uint64_t expects = 0;        ///< checked expectations
+  std::uint64_t failedExpects = 0;  ///< failed ones among them
 };
 
-/// Runs scenarios: JSON Lines, blank lines and lines that begin with // being passed over.
+/// Runs scenarios: JSON Lines; blank lines and lines that begin with // are skipped.
 class Scenario {
  public:
-  /// Told each refusal and each failed expectation, one line each, beginning with file and line number where
-  /// a file is run.
+  /// Called for each refusal and each failed expectation with one line of text, which begins with file and
+  /// line number if a file is run.
   using Say = std::function<void(const std::string& text)>;
-  /// Called now and then while a run goes on.
+  /// Called periodically during a run.
   using Progress = std::function<void(const ScenarioCounters&)>;
 
-  /// With `interleave`, a number of tasks drawn from `seed` runs between two operations that would else be
-  /// applied back to back, until a scenario says itself by a RunOperation how many are to run.
+  /// With `interleave`, a number of tasks drawn from `seed` runs between two operations that would otherwise
+  /// be applied back to back, until a RunOperation of a scenario gives the number of tasks itself.
   Scenario(EmbeddedAgent& agent, bool interleave, std::uint64_t seed, Say say, Progress progress = {});
 
-  /// Called with the report of each restart that ended, or that another one interrupted.
+  /// Called with the report of each restart that ended, or that was interrupted by another one.
   using Reconciled = std::function<void(const ReconcileReport&)>;
   void reconciledIs(Reconciled reconciled) { reconciled_ = std::move(reconciled); }
 
   /// Runs one file. `name` is its name in texts. Throws InputError with file and line at the first line that
-  /// is not an operation or has more than LineConnection::kMaxLine bytes, of which nothing is executed; what
-  /// came before has been.
+  /// is not an operation or has more than LineConnection::kMaxLine bytes. That line is not executed; the
+  /// lines before it were.
   void run(std::istream& lines, const std::string& name);
   /// Runs one line; a line without an operation does nothing. Throws InputError without file and line.
   void runLine(std::string_view line);
-  /// Runs one operation. Throws InputError where the agent's state does not allow it.
+  /// Runs one operation. Throws InputError if the agent's state does not allow it.
   void execute(const Operation& operation);
   /// Runs the agent until nothing is pending; held answers do not count as pending.
   void settle();
@@ -100,7 +100,7 @@ class Scenario {
   std::optional<TouchRecord> touched_;  ///< since the last WatchOperation
   std::uint64_t reconciledTold_ = 0;
   ScenarioCounters counters_;
-  std::string name_;  ///< of the file that is run; empty for none
+  std::string name_;  ///< of the current file; empty for none
   std::uint64_t lineNumber_ = 0;
 };
 

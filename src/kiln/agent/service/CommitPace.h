@@ -8,8 +8,9 @@
 namespace KilnAgent {
 
 /// Decides when a batch of changes is due: when the oldest of them is kMaxAge old, or when there are
-/// kMaxBatch, but not before kRest times as much time has passed as the last commit took. So commits take at
-/// most a fifth of the time, and batches are the larger, and cheaper by change, the more a commit costs.
+/// kMaxBatch, but not before kRest times the duration of the last commit has passed. So commits take at most
+/// a fifth of the time, and the more expensive a commit is, the larger, and cheaper per change, the batches
+/// are.
 class CommitPace {
  public:
   using Clock = std::chrono::steady_clock;
@@ -17,7 +18,7 @@ class CommitPace {
   static constexpr std::size_t kMaxBatch = 20'000;
   static constexpr int kRest = 4;
 
-  /// Whether a commit is due; to be asked again and again. `changes` wait for it.
+  /// Whether a commit is due; to be called repeatedly. `changes` is the number of uncommitted changes.
   [[nodiscard]] bool due(std::size_t changes) {
     if (changes == 0) return false;
     const Clock::time_point now = Clock::now();
@@ -35,7 +36,7 @@ class CommitPace {
   }
 
  private:
-  std::optional<Clock::time_point> oldest_;  ///< when the first change that waits was seen
+  std::optional<Clock::time_point> oldest_;  ///< when the first uncommitted change was seen
   Clock::time_point ended_;
   Clock::duration took_{};
 };

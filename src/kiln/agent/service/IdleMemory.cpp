@@ -9,7 +9,7 @@
 namespace KilnAgent {
 namespace {
 
-/// Less is not worth it.
+/// Smaller amounts are not given back.
 constexpr std::size_t kWorthwhile = std::size_t{32} << 20U;
 constexpr std::chrono::milliseconds kRest{1000};
 constexpr std::size_t kBlocksPerStep = 8;

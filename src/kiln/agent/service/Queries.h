@@ -1,4 +1,4 @@
-// What a running agent can be asked, by name.
+// The queries that a running agent answers, by name.
 #pragma once
 
 #include <functional>
@@ -16,13 +16,13 @@ namespace KilnAgent {
 /// Answers lines such as {"op":"show","what":"agent"}.
 class Queries {
  public:
-  /// Makes the content of an answer, which is JSON.
+  /// Produces the content of an answer, which is JSON.
   using Query = std::function<std::unique_ptr<TextSource>()>;
-  /// A query's name, which is also the member of the answer that has its content.
+  /// A query's name, and the content of the answer's member of that name.
   using Answer = std::pair<std::string, std::unique_ptr<TextSource>>;
 
   void queryIs(std::string what, Query query) { queries_[std::move(what)] = std::move(query); }
-  /// Throws InputError if there is no query of the name, or for other members.
+  /// Throws InputError if there is no query of the name, or if the line has other members.
   [[nodiscard]] Answer answer(const Json& line) const {
     const std::string& what = readString(requireMember(line, "what", {}), {nullptr, "what"});
     const auto found = queries_.find(what);

@@ -54,7 +54,7 @@ void Readiness::readyAndCommitted() {
       fmt::format("ready after {:.0f} ms: open {:.0f} ({} records), reconcile {:.0f}, commit {:.0f}\n",
                   milliseconds(now - begin_), milliseconds(opened_ - begin_), loaded,
                   milliseconds(reconciled_ - opened_), milliseconds(now - reconciled_));
-  std::fputs(text.c_str(), stderr);  // if it cannot be written, the agent serves all the same
+  std::fputs(text.c_str(), stderr);  // a failure to write does not stop the agent
 }
 
 void Readiness::stopping() const {

@@ -1,4 +1,4 @@
-// How far a starting agent is: told to its service manager and, at the end, on standard error.
+// The progress of a starting agent, reported to its service manager and, at the end, on standard error.
 #pragma once
 
 #include <chrono>
@@ -9,22 +9,22 @@
 
 namespace KilnAgent {
 
-/// Tells READY=1 once, when the server has reconciled everything, STATUS= with the progress until then, and
-/// WATCHDOG=1 all the time.
+/// Sends READY=1 once, when the server has reconciled everything, STATUS= with the progress until then, and
+/// WATCHDOG=1 periodically.
 class Readiness {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// The agent was begun to be opened at `begin` and is open now. It must outlive this.
+  /// The agent has been opening since `begin`, and is open now. It must outlive this object.
   Readiness(const EmbeddedAgent& agent, Clock::time_point begin);
 
   /// To be called often. Returns whether the agent has just become ready.
   bool update();
   [[nodiscard]] bool ready() const { return ready_; }
-  /// To be called once what there was at readiness is committed; tells where the time went.
+  /// To be called once the state at readiness is committed; reports how the time was spent.
   void readyAndCommitted();
   void stopping() const;
-  /// Milliseconds for which nothing has to be told; -1 for ever.
+  /// Milliseconds until the next message is due; -1 for no limit.
   [[nodiscard]] int patience() const;
 
  private:

@@ -24,7 +24,7 @@ std::optional<std::int64_t> numberOf(std::string_view text) {
   return number;
 }
 
-/// WATCHDOG_USEC is meant for the process that WATCHDOG_PID names, or for any where it is not set.
+/// WATCHDOG_USEC is for the process that WATCHDOG_PID names, or for any process if that is not set.
 std::optional<std::chrono::microseconds> watchdogOf() {
   const std::string_view process = environment("WATCHDOG_PID");
   if (!process.empty() && numberOf(process) != ::getpid()) return std::nullopt;

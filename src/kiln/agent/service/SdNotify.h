@@ -1,4 +1,4 @@
-// Tells the service manager how the agent is.
+// Reports the agent's state to the service manager.
 #pragma once
 
 #include <chrono>
@@ -10,8 +10,8 @@
 
 namespace KilnAgent {
 
-/// Speaks the notification protocol of systemd: datagrams of VARIABLE=value lines to the socket that
-/// $NOTIFY_SOCKET names. Does nothing where there is none; a message that cannot be delivered is lost.
+/// Implements the notification protocol of systemd: datagrams of VARIABLE=value lines to the socket that
+/// $NOTIFY_SOCKET names. Does nothing if that is not set; a message that cannot be delivered is lost.
 class SdNotify {
  public:
   /// Reads the environment.
@@ -19,7 +19,7 @@ class SdNotify {
 
   /// For example "READY=1".
   void tell(std::string_view message) const;
-  /// Within what time the manager wants to hear a sign of life, from $WATCHDOG_USEC; none where it does not.
+  /// The interval within which the manager expects a message, from $WATCHDOG_USEC; none if it expects none.
   [[nodiscard]] std::optional<std::chrono::microseconds> watchdog() const { return watchdog_; }
 
  private:

@@ -25,7 +25,8 @@ namespace {
 
 constexpr std::size_t kBufferBytes = std::size_t{1} << 16U;
 
-/// One file on its way to an agent. Lines and answers pass each other, so that neither side fills up.
+/// The transfer of one file to an agent. Lines are sent while answers are received, so that neither side's
+/// buffer fills up.
 class Transfer {
  public:
   Transfer(const std::string& socket, const std::string& file, bool quiet)
@@ -61,7 +62,7 @@ class Transfer {
     if (endOfFile_ && unsent_.empty()) ::shutdown(socket_.number(), SHUT_WR);
   }
 
-  /// Counts the lines that will be answered.
+  /// Counts the lines for which an answer is expected.
   void expectAnswers(std::string_view text) {
     for (const char byte : text) {
       if (byte != '\n') {
@@ -104,8 +105,8 @@ class Transfer {
   FileDescriptor socket_;
   bool quiet_;
   std::string unsent_;
-  std::string line_;    ///< the part of the last line that was read so far
-  std::string answer_;  ///< the part of the last answer that was received so far
+  std::string line_;    ///< the part of the last line read so far
+  std::string answer_;  ///< the part of the last answer received so far
   std::uint64_t expected_ = 0;
   SendOutcome outcome_;
   bool endOfFile_ = false;

@@ -1,4 +1,4 @@
-// Sends operations to an agent that serves.
+// Sends operations to a serving agent.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,12 @@ namespace KilnAgent {
 
 struct SendOutcome {
   std::uint64_t answered = 0;  ///< lines that the agent answered
-  std::uint64_t failed = 0;    ///< among them those that were not ok
+  std::uint64_t failed = 0;    ///< answers among them that were not ok
 };
 
-/// Sends a file's lines (those of standard input for -) to the agent that listens on `socket` and writes its
-/// answers to standard output, or only those that are not ok, until each line is answered. Throws InputError
-/// where file or socket cannot be used, std::runtime_error where the agent goes before it has answered.
+/// Sends a file's lines (standard input for -) to the agent that listens on `socket` and writes its answers
+/// to standard output, or only those that are not ok, until each line is answered. Throws InputError if file
+/// or socket cannot be used, std::runtime_error if the agent closes the connection before it has answered.
 SendOutcome sendFile(const std::string& socket, const std::string& file, bool quiet);
 
 }  // namespace KilnAgent

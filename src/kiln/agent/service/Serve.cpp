@@ -27,34 +27,35 @@
 namespace KilnAgent {
 namespace {
 
-/// One slice of work, and how long slices, and the clients' lines and answers, take before the other comes.
+/// Duration of one slice, and the times after which slices, and the clients' lines and answers, yield to each
+/// other.
 constexpr std::chrono::microseconds kSliceBudget{500};
 constexpr std::chrono::milliseconds kTurnBudget{2};
 constexpr std::chrono::nanoseconds kClientsBudget = std::chrono::milliseconds(2);
-/// Of a long answer only so much is made before the client has taken it; of short ones more, so that a commit
-/// can acknowledge many.
+/// Maximum unsent size of a long answer; short answers may accumulate more, so that one commit can
+/// acknowledge many.
 constexpr std::size_t kLongAnswerAhead = std::size_t{64} << 10U;
 constexpr std::size_t kMostUncommitted = std::size_t{1} << 20U;
-/// How long a client may leave its answers unread before its connection may be given to another one.
+/// Time for which a client may leave its answers unread before its connection may be closed for another one.
 constexpr std::chrono::seconds kUnreadPatience{60};
-/// How often such clients are looked for if there are too many.
+/// Interval of the search for such clients if there are too many.
 constexpr std::chrono::milliseconds kLookForUnread{1000};
-/// How long a stopping agent tries to send its last answers.
+/// Time for which a stopping agent tries to send its last answers.
 constexpr std::chrono::seconds kFarewell{1};
 
 template <class T, class... Among>
 constexpr bool kIsAmong = (std::is_same_v<T, Among> || ...);
-/// Operations whose effect is kept in the store.
+/// Operations whose effect is stored.
 template <class T>
 constexpr bool kIsDurable =
     kIsAmong<T, PublishOperation, WithdrawOperation, WithdrawAllOperation, RemoveFeatureOperation,
              AddFeatureOperation, VlanDomainsOperation, AllotOperation, RevokeOperation, ShareOperation>;
-/// Operations whose effect is gone with the process.
+/// Operations whose effect ends with the process.
 template <class T>
 constexpr bool kIsVolatile = kIsAmong<T, TableOperation, AnswerOperation, ExternalUserOperation,
                                       AddFapOperation, RemoveFapOperation, ProfileOperation>;
 
-/// Whether the operation is executed when nothing is pending.
+/// Whether the operation is executed only when nothing is pending.
 bool needsIdleAgent(const Operation& operation) {
   return std::visit(
       []<class T>(const T& specific) {
@@ -72,7 +73,7 @@ bool isOfService(const Operation& operation) {
   return std::visit([]<class T>(const T&) { return kIsAmong<T, RunOperation, CommitOperation>; }, operation);
 }
 
-/// State that was acknowledged is never discarded, and the agent itself decides which task runs.
+/// Refuses operations that would discard acknowledged state, or choose the next task in place of the agent.
 void refuseWhatHarms(const Operation& operation) {
   if (std::holds_alternative<SliceOperation>(operation)) {
     throw InputError("a serving agent decides by itself which task runs; see \"run\"");
@@ -83,7 +84,7 @@ void refuseWhatHarms(const Operation& operation) {
       "a serving agent does not discard what it acknowledged; without \"lost\" the server restarts");
 }
 
-/// SIGTERM and SIGINT as something to be read.
+/// A descriptor that is readable after SIGTERM or SIGINT.
 FileDescriptor stopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -94,10 +95,10 @@ FileDescriptor stopSignals() {
   return FileDescriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-/// What a step of a long answer judges or withdraws.
+/// Items that one step of a long answer evaluates or withdraws.
 constexpr int kItemsPerPiece = 64;
 
-/// The report on the latest restart; one that goes on is judged in steps.
+/// The report on the latest restart; a restart in progress is evaluated in steps.
 class ReconcileSource final : public TextSource {
  public:
   explicit ReconcileSource(const EmbeddedAgent& agent) : agent_(agent) {}
@@ -139,7 +140,7 @@ class WithdrawAll final : public TextSource {
  private:
   MemoryStateStore& store_;
   KilnEmServer::FeatureType feature_;
-  Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests_;  ///< of the feature that there was at first
+  Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests_;  ///< the collection at the first step
   KilnPlatform::ScanCursor<typename Db::EntryKey> cursor_;
 };
 
@@ -216,7 +217,7 @@ int Service::patience() const {
   return patience;
 }
 
-/// Out of descriptors, the number of clients that there are is the most that there can be.
+/// Without a free descriptor, the present number of clients becomes the maximum.
 void Service::acceptClients() {
   if (!makeRoomForClient()) return;
   do {
@@ -233,7 +234,7 @@ bool Service::mayAccept() const {
   return clients_.size() < mostClients_ || std::any_of(clients_.begin(), clients_.end(), isDispensable);
 }
 
-/// A client waits: closes the connection that has been idle for longest if there are too many.
+/// A client waits: if there are too many, closes the connection that has been idle for longest.
 bool Service::makeRoomForClient() {
   if (clients_.size() < mostClients_) return true;
   auto longest = clients_.end();
@@ -266,7 +267,7 @@ bool Service::anyStep() const {
   return std::any_of(clients_.begin(), clients_.end(), hasStep);
 }
 
-/// Each client with something to do gets the same time; who took more has it deducted in later turns.
+/// Each client with work gets the same time; a client that used more has the excess deducted in later turns.
 void Service::serveClients() {
   const Clock::time_point begin = Clock::now();
   const auto active = std::count_if(clients_.begin(), clients_.end(), hasStep);
@@ -322,7 +323,7 @@ void Service::takeOperation(Client& client, std::uint64_t line, Operation operat
   client.waiting = Waiting{line, std::move(operation), end};
 }
 
-/// What is to be answered. Throws InputError where the agent's state does not allow the operation.
+/// Returns the answer. Throws InputError if the agent's state does not allow the operation.
 Json Service::execute(const Operation& operation) {
   said_.clear();
   if (!isOfService(operation)) scenario_.execute(operation);
@@ -370,7 +371,7 @@ void Service::runWaiting() {
   }
 }
 
-/// Answers leave when everything up to them is committed.
+/// Answers are sent when everything up to them is committed.
 void Service::commitIfDue() {
   const std::size_t pending = agent_.durable()->pending();
   const bool idle = agent_.scheduler().idle() && !anyStep();
@@ -432,7 +433,7 @@ void serve(const ServeOptions& options) {
     throw InputError(
         fmt::format("--reserve {}: the system does not have so much memory", options.reserved >> 20U));
   };
-  // A system that grants more than it has would end the agent when that is used.
+  // A system that overcommits memory would kill the agent when the memory is used.
   const auto pages = static_cast<std::size_t>(::sysconf(_SC_PHYS_PAGES));
   if (options.reserved / static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) > pages) refuse();
   try {

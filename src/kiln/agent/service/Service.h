@@ -1,4 +1,4 @@
-// The service around an agent: its clients, their lines, what is committed and answered when.
+// The service around an agent: its clients, their lines, and the order of commits and answers.
 #pragma once
 
 #include <chrono>
@@ -22,24 +22,23 @@
 
 namespace KilnAgent {
 
-/// An agent that serves, one turn after the other; serve() says what it answers. A turn is bounded: lines,
-/// long answers and the agent's own work get a few milliseconds each, and each client the same time for its
-/// lines and answers. Only a single operation, or a commit, can be longer.
+/// A serving agent, one turn after the other; serve() defines its answers. A turn is bounded: lines, long
+/// answers and the agent's own work get a few milliseconds each, and each client the same time for its lines
+/// and answers. Only a single operation, or a commit, can take longer.
 class Service {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t kMostClients = 128;
 
-  /// Listens, until `stop` has something to be read; it may be none. Throws InputError where the state or the
-  /// socket cannot be used.
+  /// Listens until `stop` is readable; `stop` may be none. Throws InputError if the state or the socket
+  /// cannot be used.
   Service(const ServeOptions& options, FileDescriptor stop);
 
-  /// Serves until it is to stop, and sends what is still to be sent.
+  /// Serves until it is stopped, then sends the remaining answers.
   void run();
-  /// Waits for something to do, and does some of it. False where it is to stop. Throws std::runtime_error
-  /// where a commit fails.
+  /// Waits for work and does some of it. False if it is to stop. Throws std::runtime_error if a commit fails.
   bool turn();
-  /// Another client, besides those that come through the socket.
+  /// Adds a client that did not connect through the socket.
   void clientIs(LineConnection connection) { clients_.emplace_back(std::move(connection)); }
   [[nodiscard]] std::size_t clients() const { return clients_.size(); }
   [[nodiscard]] EmbeddedAgent& agent() { return agent_; }
@@ -49,10 +48,10 @@ class Service {
   struct Waiting {
     std::uint64_t line;
     Operation operation;
-    std::uint64_t endSlice;  ///< when so many slices have run, it waits no longer
+    std::uint64_t endSlice;  ///< when so many slices have run, it no longer waits
   };
-  /// An answer that is made piece by piece, with the work that it is about; `line` and `ok` follow its
-  /// content.
+  /// An answer that is produced piece by piece, together with the work that it reports; `line` and `ok`
+  /// follow its content.
   struct LongAnswer {
     std::uint64_t line;
     std::unique_ptr<TextSource> content;
@@ -63,22 +62,22 @@ class Service {
     std::string uncommitted;  ///< answers that wait for the next commit
     std::optional<Waiting> waiting;
     std::optional<LongAnswer> longAnswer;
-    /// The time that its lines and answers may still take in this turn; negative after a long one.
+    /// The time that is left for its lines and answers in this turn; negative after a long one.
     Clock::duration credit{0};
-    Clock::time_point active = Clock::now();  ///< when bytes were received or sent last
+    Clock::time_point active = Clock::now();  ///< when bytes were last received or sent
   };
 
   void addQueries();
   void waitForEvents();
   [[nodiscard]] bool busy() const { return !agent_.scheduler().idle() || anyStep(); }
-  /// Milliseconds for which there is nothing to do; -1 for ever.
+  /// Milliseconds until there is work; -1 for no limit.
   [[nodiscard]] int patience() const;
   void acceptClients();
   [[nodiscard]] bool mayAccept() const;
   bool makeRoomForClient();
-  /// Whether the client can be closed without the loss of an answer that it waits for.
+  /// Whether the client can be closed without the loss of an answer for which it waits.
   static bool isDispensable(const Client& client);
-  /// Whether a step of the client can be made.
+  /// Whether the client has work.
   static bool hasStep(const Client& client);
   [[nodiscard]] bool anyStep() const;
   void serveClients();
@@ -102,11 +101,11 @@ class Service {
   Readiness readiness_{agent_, begin_};
   LineListener listener_;
   CapacityMonitor capacity_{agent_.capacity(), agent_.store().taskScheduler()};
-  std::string said_;  ///< what is wrong with the operation that is being executed
+  std::string said_;  ///< the error of the operation that is being executed
   Scenario scenario_{agent_, false, 1, [this](const std::string& text) { said_ = text; },
                      [this](const ScenarioCounters&) { readiness_.update(); }};
   Queries queries_;
-  std::list<Client> clients_;  ///< the one whose turn comes next first
+  std::list<Client> clients_;  ///< the next client in turn first
   std::size_t mostClients_ = kMostClients;
   CommitPace pace_;
   IdleMemory memory_;

@@ -14,14 +14,14 @@
 
 namespace KilnAgent {
 
-/// Empties entities that nobody refers to any more, an entry per item of a task of lesser priority than the
-/// stages', so that whoever let go last does not pay for their size.
+/// Empties entities without remaining references, one entry per item, on a task below the stages' priority.
+/// So the component that releases the last reference does not pay for their size.
 class Disposal {
  public:
   explicit Disposal(const KilnPlatform::Ref<KilnPlatform::TaskScheduler>& scheduler);
 
-  /// A shared entity of one collection, `contentOf(entity)`, which comes here when its last holder lets go,
-  /// or is destroyed at once where the disposal is gone.
+  /// A shared entity of one collection, `contentOf(entity)`. When its last reference is released it is moved
+  /// here, or destroyed immediately if the disposal no longer exists.
   template <class Entity, class ContentOf>
   static std::shared_ptr<Entity> share(const std::shared_ptr<Disposal>& disposal,
                                        std::unique_ptr<Entity> entity, ContentOf contentOf) {
@@ -32,9 +32,9 @@ class Disposal {
             }};
   }
 
-  /// Goes on after the scheduler forgot its tasks.
+  /// Schedules its task again after the scheduler forgot its tasks.
   void resume();
-  /// How much is left of each entity.
+  /// Describes the remaining size of each entity.
   void noteState(KilnEmServer::StateDigest& digest) const {
     for (const auto& waste : waste_) digest.add(waste->size());
   }
@@ -42,9 +42,9 @@ class Disposal {
  private:
   struct Waste {
     virtual ~Waste() = default;
-    /// Deletes one more entry; false where none is left.
+    /// Deletes one more entry; false if none is left.
     virtual bool dropNext() = 0;
-    /// How many entries are left.
+    /// Number of remaining entries.
     [[nodiscard]] virtual std::size_t size() const = 0;
   };
   template <class Entity, class ContentOf>

@@ -21,10 +21,10 @@ constexpr char kSettings = 'V';       // nothing: the VLAN-domain service's mode
 constexpr char kAbsentFeature = 'F';  // a feature that was removed: nothing
 constexpr char kRequest = 'R';        // feature, database, key: which of both it has, the request, its status
 constexpr char kShare = 'G';          // an interface: one with which it shares its VLAN domain
-constexpr char kDomainRequest = 'C';  // an interface for which a VLAN domain is asked: nothing
+constexpr char kDomainRequest = 'C';  // an interface for which a VLAN domain is requested: nothing
 constexpr char kAllotment = 'D';      // an interface: its VLAN domain
 
-/// Whether records of the kind are loaded in the order in which they came.
+/// Whether records of the kind are loaded in the order in which they were added.
 constexpr bool isOrdered(char kind) {
   return kind == kRequest || kind == kDomainRequest;
 }
@@ -41,11 +41,11 @@ std::optional<std::string> encodedIfAny(const T* value) {
   return value == nullptr ? std::nullopt : std::optional<std::string>(encoded(*value));
 }
 
-// What a record of the state store has: a request, its status, or both.
+// Content of a record of the state store: a request, its status, or both.
 constexpr std::uint8_t kHasRequest = 1;
 constexpr std::uint8_t kHasStatus = 2;
 
-/// Visits the fields of a status but for its key, which is the record's.
+/// Visits the fields of a status except its key, which is the record's.
 template <class Status, class Visitor>
 void forEachFieldButKey(Status& status, Visitor&& visitor) {
   const auto [key, reference, requestVersion, one, state, result] = Status::fields();
@@ -53,7 +53,7 @@ void forEachFieldButKey(Status& status, Visitor&& visitor) {
   visit(reference, requestVersion, one, state, result);
 }
 
-/// What stands before each record of the state store.
+/// The prefix of each record of the state store.
 struct Place {
   explicit Place(Decoder& key)
       : feature(key.take<FeatureType>()), database(key.take<EmType>()), requestKey(key.take<EmRequestKey>()) {
@@ -179,13 +179,13 @@ std::optional<std::string> DurableStore::valueOf(std::string_view key) const {
   }
 }
 
-/// What a commit writes, one record after the other, their keys and values in one piece of memory.
+/// The records of a commit, with their keys and values in one piece of memory.
 class DurableStore::Writes {
  public:
   explicit Writes(std::size_t records) { writes_.reserve(records); }
 
   /// Adds a record: `addKey(bytes)` appends its key, `addValue(bytes)` its value and returns true, or returns
-  /// false where the record is to go. Those that are not `ordered` have the order 0.
+  /// false to delete the record. Records that are not `ordered` have the order 0.
   template <class AddKey, class AddValue>
   void add(const Pending& change, bool ordered, AddKey&& addKey, AddValue&& addValue) {
     Write write;
@@ -200,7 +200,7 @@ class DurableStore::Writes {
     writes_.push_back(write);
   }
 
-  /// In the order of the file: what lies on one of its pages is written at once.
+  /// In the order of the file, so that the records of one page are written together.
   void writeTo(RecordStore::Batch& batch) {
     std::sort(writes_.begin(), writes_.end(), [this](const Write& a, const Write& b) {
       return a.head != b.head ? a.head < b.head : keyIn(a) < keyIn(b);
@@ -219,7 +219,7 @@ class DurableStore::Writes {
   }
 
  private:
-  /// The first bytes of a key, as numbers that have the keys' order; most keys differ there.
+  /// The first bytes of a key, as numbers in the keys' order; most keys differ there.
   using Head = std::array<std::uint64_t, 3>;
   struct Write {
     Head head;
@@ -228,7 +228,7 @@ class DurableStore::Writes {
     std::size_t valueAt;
     std::size_t end;
     bool stays;
-    bool mayStand;  ///< where the record stands in the file, its order stays
+    bool mayStand;  ///< keep the order of a record that the file already has
   };
 
   static Head headOf(std::string_view key) {

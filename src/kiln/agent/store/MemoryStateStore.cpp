@@ -94,7 +94,7 @@ auto rowsOf(const Collection& collection) {
   return rows;
 }
 
-/// Makes the rows the collection's content; what stands already is not touched.
+/// Makes the rows the collection's content; equal rows are not written.
 template <class Collection, class Rows>
 void contentIs(Collection& collection, const Rows& rows) {
   std::set<typename Collection::Key> wanted;

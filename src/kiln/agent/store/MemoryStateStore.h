@@ -32,18 +32,18 @@ struct StoreChange {
   KilnEmServer::EmRequestKey key;
 };
 
-/// Told of every change of the store's records, after it was made.
+/// Notified after every change of the store's records.
 class StoreObserver {
  public:
   virtual void handleStoreChange(const StoreChange& change) = 0;
-  /// A feature came, or is about to go with its records, of which no other change is told.
+  /// A feature was added, or is about to be removed with its records; no other notification reports these.
   virtual void handleFeatureChange(KilnEmServer::FeatureType /*feature*/, bool /*present*/) {}
 
  protected:
   ~StoreObserver() = default;
 };
 
-/// One of something for each feature.
+/// One element for each feature.
 template <class T>
 class ByFeature {
  public:
@@ -84,8 +84,8 @@ auto withDatabase(KilnEmServer::EmType database, Visitor&& visitor) {
   return visitor.template operator()<KilnTunnelNiLib::Lem>();
 }
 
-/// The store, in memory. It outlives the servers that work on it. The features' side writes requests only
-/// through the operations below; the server's side is the StateStore interface.
+/// The store, in memory. It outlives the servers that use it. Features write requests only through the
+/// operations below; the server uses the StateStore interface.
 class MemoryStateStore final : public KilnPlatform::StateStore {
  public:
   template <class Db>
@@ -104,12 +104,12 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   Ref<KilnTunnelNiLib::EsemSrvStatus> esemSrvStatus(KilnEmServer::FeatureType feature) override;
   Ref<KilnPlatform::TaskScheduler> taskScheduler() override { return scheduler_; }
 
-  /// Gives an absent feature new, empty collections; nothing for one that is present.
+  /// Gives an absent feature new, empty collections; does nothing for a present one.
   void addFeature(KilnEmServer::FeatureType feature);
-  /// Takes a feature's collections of all databases away; nothing for one that is absent.
+  /// Removes a feature's collections of all databases; does nothing for an absent one.
   void removeFeature(KilnEmServer::FeatureType feature);
 
-  // The features' side. Nothing is done for a feature that is absent.
+  // The features' operations. They do nothing for an absent feature.
   template <class Db>
   void requestIs(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key,
                  const Request<Db>& request) {
@@ -119,8 +119,9 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   void requestDel(KilnEmServer::FeatureType feature, const typename Db::EntryKey& key) {
     if (auto* records = recordsOf<Db>(feature)) records->config->config().del(key);
   }
-  /// Many of one feature at once, in their order: cheaper than one by one, as what they will touch is fetched
-  /// meanwhile. The list is for the collection that the feature has at its begin.
+  /// Many changes of one feature in one call, in their order: cheaper than single calls, since the data that
+  /// they will touch is prefetched. All changes apply to the collection that the feature has at the begin of
+  /// the call.
   template <class Db>
   void requestsAre(KilnEmServer::FeatureType feature,
                    std::span<const std::pair<typename Db::EntryKey, Request<Db>>> requests) {
@@ -138,19 +139,19 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   void requestDelAll(KilnEmServer::FeatureType feature) {
     if (auto* records = recordsOf<Db>(feature)) records->config->config().delAll();
   }
-  /// Takes up a status that a server before this one published.
+  /// Restores a status that an earlier server published.
   template <class Db>
   void restoreStatus(KilnEmServer::FeatureType feature,
                      const KilnTunnelNiLib::SrvStatusEntry<typename Db::EntryKey>& status) {
     if (auto* records = recordsOf<Db>(feature)) records->status->statusIs(status);
   }
-  /// A feature's requests; null where it is absent.
+  /// A feature's requests; null if it is absent.
   template <class Db>
   Ref<const KilnTunnelNiLib::SrvConfig<Db>> requests(KilnEmServer::FeatureType feature) const {
     const auto* records = recordsOf<Db>(feature);
     return records == nullptr ? nullptr : records->config;
   }
-  /// A feature's statuses; null where it is absent.
+  /// A feature's statuses; null if it is absent.
   template <class Db>
   Ref<const KilnTunnelNiLib::SrvStatus<Db>> statuses(KilnEmServer::FeatureType feature) const {
     const auto* records = recordsOf<Db>(feature);
@@ -161,20 +162,20 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   void observerIs(StoreObserver& observer) { observers_.push_back(&observer); }
   void observerDel(StoreObserver& observer) { std::erase(observers_, &observer); }
 
-  /// Notes what the store holds now.
+  /// Saves the present content for revert().
   void commit();
-  /// Goes back to what was noted last, or to what the store held at first. The observer is told of each
+  /// Restores the content of the last commit(), or the initial content. The observer is notified of each
   /// record that changes. No server may be subscribed.
   void revert();
 
   /// Forgets every subscriber but the store's own, as if the server's process had died.
   void forgetServer();
 
-  /// Describes the records, what the store would go back to, and what is left of features that went.
+  /// Describes the records, the content that revert() would restore, and the remains of removed features.
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
-  /// Passes the changes of one collection on to the observer.
+  /// Forwards the changes of one collection to the observer.
   template <class Key>
   class Watch final : public KilnPlatform::KeySubscriber<Key> {
    public:
@@ -218,7 +219,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     Records<KilnTunnelNiLib::Esem> esem;
   };
 
-  /// What one record collection held.
+  /// The saved content of one record collection.
   template <class Db>
   struct Saved {
     std::vector<std::pair<typename Db::EntryKey, Request<Db>>> requests;
@@ -246,8 +247,8 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     }
   }
 
-  /// Calls `change(requests, item)` for each item, when what stands in the feature's requests under its key
-  /// has been fetched.
+  /// Calls `change(requests, item)` for each item, after the feature's request under the item's key was
+  /// prefetched.
   template <class Db, class Item, class KeyOf, class Change>
   void eachExpected(KilnEmServer::FeatureType feature, std::span<const Item> items, KeyOf&& keyOf,
                     Change&& change) {
@@ -259,7 +260,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   }
 
   Ref<KilnPlatform::TaskScheduler> scheduler_;
-  std::shared_ptr<Disposal> disposal_;  ///< of the collections of features that went
+  std::shared_ptr<Disposal> disposal_;  ///< of the collections of removed features
   std::vector<StoreObserver*> observers_;
   std::map<KilnEmServer::FeatureType, std::unique_ptr<Feature>> records_;
   std::unique_ptr<Features> features_;

@@ -17,11 +17,11 @@
 namespace KilnAgent {
 namespace {
 
-/// Address space that is set aside; the file is as long as its content.
+/// Reserved address space; the file is only as long as its content.
 constexpr std::size_t kMapBytes = std::size_t{64} << 30U;
 constexpr std::string_view kFormatKey = "A";
 constexpr std::string_view kFormat = "KilnEmServer agent store 3";
-/// With less room than this, a disk is full.
+/// A disk with less free space than this counts as full.
 constexpr std::size_t kFullBytes = std::size_t{1} << 20U;
 /// A record's value in the file: checksum, order, value.
 constexpr std::size_t kPrefixBytes = sizeof(std::uint32_t) + sizeof(std::uint64_t);
@@ -37,7 +37,8 @@ std::uint32_t checksumOfRecord(std::string_view key, std::string_view orderAndVa
   return checksumOf(orderAndValue, checksumOf(key));
 }
 
-/// A view of one moment of the file. Short-lived: while it exists, the file can only grow.
+/// A view of one moment of the file. Must be short-lived: while it exists, freed pages of the file are not
+/// reused.
 class View {
  public:
   explicit View(MDB_env* env, unsigned table) {
@@ -52,8 +53,8 @@ class View {
   View& operator=(const View&) = delete;
   [[nodiscard]] bool valid() const { return cursor_ != nullptr; }
 
-  /// Goes to the first record whose key begins with `prefix`, or to the next one. False where there is none,
-  /// or where it cannot be read, which error() tells.
+  /// Moves to the first record whose key begins with `prefix`, or to the next one. False if there is none, or
+  /// on a read error, which error() returns.
   bool next(std::string_view prefix, bool first) {
     key_ = bytesOf(prefix);
     error_ = mdb_cursor_get(cursor_, &key_, &value_, first ? MDB_SET_RANGE : MDB_NEXT);
@@ -81,7 +82,7 @@ RecordStore::RecordStore(std::string path, Durability durability) : path_(std::m
   open(durability == Durability::process ? MDB_NOSYNC : 0);
   checkLength();
   int stale = 0;
-  mdb_reader_check(env_.get(), &stale);  // views of processes that were killed
+  mdb_reader_check(env_.get(), &stale);  // views of killed processes
   claim();
 }
 
@@ -96,7 +97,7 @@ void RecordStore::refuse(std::string_view why) const {
 void RecordStore::require(int error) const {
   if (error == 0) return;
   struct statvfs disk {};
-  // LMDB calls a write that came to its end too early an input/output error.
+  // LMDB reports a short write as an input/output error.
   const bool full =
       error == EIO && ::statvfs(path_.c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize < kFullBytes;
   throw std::runtime_error(fmt::format("{}: {}", path_, mdb_strerror(full ? ENOSPC : error)));
@@ -112,7 +113,7 @@ void RecordStore::open(unsigned flags) {
   if (error != 0) refuse(fmt::format("cannot be opened: {}", mdb_strerror(error)));
 }
 
-/// LMDB trusts its file to have the pages of which it speaks.
+/// LMDB assumes that its file contains all pages to which it refers.
 void RecordStore::checkLength() const {
   MDB_envinfo info{};
   MDB_stat pages{};
@@ -126,7 +127,7 @@ void RecordStore::checkLength() const {
   }
 }
 
-/// Finds out whose store it is; makes an empty one the agent's.
+/// Checks whose store the file is; marks an empty one as the agent's.
 void RecordStore::claim() {
   MDB_txn* transaction = nullptr;
   require(mdb_txn_begin(env_.get(), nullptr, MDB_RDONLY, &transaction));

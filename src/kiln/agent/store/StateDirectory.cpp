@@ -18,7 +18,7 @@
 namespace KilnAgent {
 namespace {
 
-/// Marks the directory as an agent's, and is what the lock is on.
+/// Marks the directory as an agent's; the lock is on this file.
 constexpr std::string_view kMarker = "kiln-state";
 constexpr std::string_view kContent = "KilnEmServer agent state 1\n";
 
@@ -35,7 +35,7 @@ StateDirectory::StateDirectory(std::string path) : path_(std::move(path)) {
   refuseEmptyStore();
 }
 
-/// The store is made before the tables' files: beside them it is never empty unless its content was lost.
+/// The store is created before the tables' files: an empty store beside them means that its content was lost.
 void StateDirectory::refuseEmptyStore() const {
   std::error_code error;
   const bool empty = std::filesystem::file_size(store(), error) == 0 && !error;
@@ -71,7 +71,7 @@ void StateDirectory::lock(const std::string& marker) {
                               : fmt::format("cannot be locked: {}", std::strerror(errno)));
 }
 
-/// A marker without content was being made when its agent was killed.
+/// An empty marker was left by an agent that was killed while creating it.
 void StateDirectory::claim() const {
   std::array<char, kContent.size() + 1> read{};
   const auto length = ::pread(marker_.number(), read.data(), read.size(), 0);
@@ -96,7 +96,7 @@ void StateDirectory::makePrivate(const std::string& path, bool directory) const 
   refuse(fmt::format("{} cannot be made private: {}", path, std::strerror(errno)));
 }
 
-/// The directory itself last: it may be reached by a symbolic link, its content may not.
+/// The directory itself is last: it may be reached by a symbolic link, its content may not.
 void StateDirectory::makeContentPrivate() const {
   makePrivate(chip(), true);
   for (const auto& table : std::filesystem::directory_iterator(chip())) makePrivate(table.path(), false);

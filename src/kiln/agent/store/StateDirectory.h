@@ -1,4 +1,4 @@
-// The directory in which an agent keeps what outlives its process.
+// The directory of the state that outlives an agent's process.
 #pragma once
 
 #include <string>
@@ -8,26 +8,26 @@
 namespace KilnAgent {
 
 /// Belongs to one agent at a time, which holds its lock as long as this object, or its process, lives. Only
-/// its owner can read it, or take the lock: what others may do with directories and files that exist already
-/// is taken from them.
+/// its owner can read it, or take the lock: the rights of others on existing directories and files are
+/// removed.
 class StateDirectory {
  public:
-  /// Opens the directory, or creates it where there is none. Throws InputError where it cannot be used, is in
-  /// use, or holds something that no agent put there; that is then left as it is.
+  /// Opens the directory, or creates it if it does not exist. Throws InputError if it cannot be used, is in
+  /// use, or holds files that no agent created; they are then not changed.
   explicit StateDirectory(std::string path);
 
   /// Path of the store's file, which is absent or a regular file.
   [[nodiscard]] std::string store() const { return path_ + "/store"; }
-  /// A directory, which exists.
+  /// Path of the directory of the tables' files, which exists.
   [[nodiscard]] std::string chip() const { return path_ + "/chip"; }
-  /// Where the agent of a directory listens unless it is told otherwise.
+  /// The default path of the agent's socket.
   static std::string socketIn(const std::string& directory) { return directory + "/socket"; }
 
  private:
   [[noreturn]] void refuse(const std::string& why) const;
   void create(const std::string& directory) const;
   void refuseForeign(const std::string& marker) const;
-  /// Leaves the rights of everyone but the owner away. Does nothing if `path` is absent.
+  /// Removes the rights of everyone but the owner. Does nothing if `path` is absent.
   void makePrivate(const std::string& path, bool directory) const;
   void makeContentPrivate() const;
   void lock(const std::string& marker);
