@@ -373,7 +373,7 @@ constexpr bool visitKeyType(EmComposerKeyUnionTag composerType, Visitor&& visito
 struct KeyTypeInfo {
   EmResolvedKeyUnionTag tag;
   EmComposerKeyUnionTag composerType;
-  std::string_view stem;  ///< by which its table goes, for example "isemMpls"
+  std::string_view stem;  ///< of its table's names, for example "isemMpls"
   EmType database;
   ResolverKeyUnionTag resolver;
   TableMemory memory;

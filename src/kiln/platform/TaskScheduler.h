@@ -23,7 +23,7 @@ class Task {
 
   /// `priority`: the greater number runs first. `patience`: number of runs of other tasks that may pass while
   /// this one is ready, before it runs in spite of its lower priority; 0 waits without limit. `instance`
-  /// tells tasks of one name apart.
+  /// distinguishes tasks of one name.
   Task(Ref<TaskScheduler> scheduler, int priority, std::string name, Run slice, void* owner,
        std::uint32_t patience = 0, std::string instance = {})
       : scheduler_(std::move(scheduler)),
