@@ -21,7 +21,7 @@ using Rows = std::map<std::tuple<std::string, std::string, std::string, std::str
 
 constexpr const char* kAgent = "SemCapacity";
 
-/// One reported table: the entries of which memory a FAP of type 3 keeps there, and one of type 4 or 5.
+/// One reported table: the memory whose entries a FAP of type 3 keeps there, and that of types 4 and 5.
 struct Table {
   std::uint16_t id;
   const char* name;
@@ -48,7 +48,7 @@ std::optional<std::uint32_t> maximum(const Hardware::Kiln::MdbStatus& mdb, Hardw
   return std::nullopt;
 }
 
-/// What external users hold of a table on a core; nothing where none has any part in it.
+/// The entries of external users in a table on a core; nothing if no external user can use the table.
 std::optional<std::uint64_t> external(const KilnAgent::EmbeddedAgent& agent, Hardware::Kiln::FapId fapId,
                                       Hardware::Kiln::LocalCoreId core, std::uint16_t tableId, bool type3) {
   std::optional<std::uint64_t> used;

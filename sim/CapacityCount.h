@@ -8,8 +8,8 @@
 
 namespace KilnSim {
 
-/// What of the capacity rows differs from the count, in words; empty where nothing does. The rows are taken
-/// from the dump, or in less time from where the server publishes them.
+/// The differences between the capacity rows and the count, as text; empty if there are none. The rows are
+/// taken from the dump or, which is faster, from the server's collection.
 std::string capacityDifference(const KilnAgent::EmbeddedAgent& agent, bool ofDump = true);
 
 }  // namespace KilnSim

@@ -28,9 +28,9 @@ namespace {
 
 using Kind = Choice::Kind;
 
-/// A slice that takes longer than this is ended with its process.
+/// A slice that takes longer than this is killed with its process.
 constexpr std::chrono::seconds kGrace{10};
-/// Steps after which a run is taken for endless.
+/// Number of steps after which a run is treated as endless.
 constexpr std::uint32_t kMostSteps = 20'000;
 
 /// Forks. The new process ends with this one.
@@ -46,7 +46,7 @@ pid_t startProcess() {
   return pid;
 }
 
-/// Does the work of a process, unless there is no room for what it finds.
+/// Runs a process's work; if shared memory is full, ends it.
 template <class Work>
 void stopAtFull(ExploredSpace::Header& header, Work&& work) {
   try {
@@ -57,7 +57,7 @@ void stopAtFull(ExploredSpace::Header& header, Work&& work) {
   }
 }
 
-/// Follows the schedules of one bound, in processes that are forked where they part.
+/// Follows the schedules of one bound, in processes that are forked where the schedules diverge.
 class Walk {
  public:
   Walk(ExploredSpace& space, const SmallScenario& scenario, const ExploreOptions& options)
@@ -72,7 +72,7 @@ class Walk {
   }
 
  private:
-  /// The run is where the schedule deviates for the last time.
+  /// The run has reached the last deviation of the schedule.
   void follow(std::uint32_t schedule) {
     if (header_.stop) return;
     schedule_ = schedule;
@@ -84,7 +84,7 @@ class Walk {
     }
   }
 
-  /// Goes on in the default order, and lets others go from where they deviate.
+  /// Continues in the default order, and starts other schedules where they deviate.
   void part(const Schedule& own) {
     if (own.parent != kNone) step(own.choice);
     for (std::uint32_t child = own.firstChild; child != kNone; child = space_.schedule(child).sibling) {
@@ -121,7 +121,7 @@ class Walk {
     }
     return free > 0;
   }
-  /// With WNOHANG only if it has ended.
+  /// With WNOHANG only if the child has ended.
   void wait(Child& child, int options) {
     int status = 0;
     if (waitpid(child.pid, &status, options) == 0) return;
@@ -134,7 +134,7 @@ class Walk {
     child.pid = 0;
   }
   void waitForAll() {
-    ++header_.freeCores;  // this process needs none
+    ++header_.freeCores;  // this process no longer needs a core
     for (Child& child : children_) wait(child, 0);
     --header_.freeCores;
   }
@@ -144,7 +144,7 @@ class Walk {
     return run_->take(Choice(choice));
   }
 
-  /// Runs to the end, or to a state from which others have gone on.
+  /// Runs to the end, or to a state that another schedule has already continued.
   void explore(const Schedule& own) {
     ++header_.followed;
     std::uint32_t* link = &space_.schedule(schedule_).target;
@@ -171,7 +171,7 @@ class Walk {
     return next == Kind::operation || next == Kind::end || (replaced && position_ == own.position + 1);
   }
 
-  /// The state. Without merging, no other schedule has it.
+  /// The state. Without merging, each schedule has states of its own.
   [[nodiscard]] StateValue here() const {
     const StateValue value = run_->digest().value();
     if (options_.merged) return value;
@@ -191,7 +191,7 @@ class Walk {
     addVariants(own.state, choice, slice);
   }
 
-  /// Those slices of the default order that change nothing are no steps of their own.
+  /// Slices of the default order that change nothing are not counted as steps.
   void defaultStep(std::uint32_t number) {
     bool more = true;
     while (more) {
@@ -206,7 +206,7 @@ class Walk {
     }
   }
 
-  /// The same slice, but cut off, or with a refused write, or both.
+  /// The same slice, but interrupted, or with a refused write, or both.
   void addVariants(std::uint32_t state, const Choice& choice, const ScheduleRun::Slice& slice) {
     if (choice.kind != Kind::task || choice.refused != Choice::kNoRefusal) return;
     Choice variant = choice;
@@ -221,11 +221,11 @@ class Walk {
     }
   }
 
-  /// A state that was seen. One in so many is continued nevertheless, by the default steps, which are a
-  /// function of the state.
+  /// A state that was seen before. One in proveEvery of them is continued nevertheless, by the default steps,
+  /// which are a function of the state.
   void merged(std::uint32_t number) {
     const bool chosen = options_.proveEvery != 0 && run_->digest().value().low % options_.proveEvery == 0;
-    // After a slice that changed nothing other steps come first.
+    // After a slice that changed nothing, other steps are tried first.
     if (!chosen || run_->unchanged()) return;
     while (!run_->failed() && !run_->ended() && space_.state(number).next != kNone) {
       do {
@@ -261,12 +261,13 @@ class Walk {
 
 // --- From one bound to the next ----------------------------------------------------------------------------
 
-/// The schedules that deviate once more than those that were followed.
+/// The schedules with one more deviation than those that were followed.
 class Frontier {
  public:
   Frontier(ExploredSpace& space, bool reduced) : space_(space), reduced_(reduced) {}
 
-  /// Adds those with up to so many deviations that are needed, as far as is known now. Returns how many.
+  /// Adds the schedules with up to `bound` deviations that are needed according to present knowledge. Returns
+  /// their number.
   std::size_t advance(unsigned bound) {
     lowerBounds();
     const std::uint32_t first = space_.schedules();
@@ -288,7 +289,7 @@ class Frontier {
     return space_.schedules() - first;
   }
 
-  /// A state may be found with fewer deviations later than with more.
+  /// A state that was found with more deviations may be found with fewer later.
   void lowerBounds() {
     for (bool more = true; more;) {
       more = false;
@@ -304,7 +305,7 @@ class Frontier {
     }
   }
 
-  /// All from `first` on are to be followed; what leads to them was.
+  /// All schedules from `first` on are to be followed; their parents were followed.
   void link(std::uint32_t first) {
     std::vector<bool> needed(space_.schedules());
     for (std::uint32_t i = 0; i < space_.schedules(); ++i) {
@@ -322,7 +323,7 @@ class Frontier {
       const Schedule& schedule = space_.schedule(at);
       return std::tuple(schedule.position, schedule.choice, at);
     };
-    // Each becomes the first child of its parent: the last positions come first here.
+    // Each becomes the first child of its parent, so the last positions are linked first.
     std::sort(all.begin(), all.end(), [&](auto a, auto b) { return order(b) < order(a); });
     for (const std::uint32_t at : all) {
       Schedule& schedule = space_.schedule(at);
@@ -354,7 +355,7 @@ class Exploration {
     if (space_.schedules() == 0) {
       space_.addSchedule({});
     } else {
-      // What was interrupted begins again; what was complete is not done again.
+      // An interrupted batch is started again; a complete one is not repeated.
       space_.revertBatch();
       Frontier(space_, options_.reduced).link(header.firstFollowed);
       found_.complete = header.bound != 0;
@@ -369,7 +370,7 @@ class Exploration {
   }
 
  private:
-  /// What must be the same for an exploration to go on.
+  /// The settings that must be equal to continue an exploration.
   static StateValue subjectOf(const std::string& file, const ExploreOptions& options) {
     const auto textOf = [](const std::string& path) {
       std::ifstream stream(path, std::ios::binary);
@@ -379,7 +380,7 @@ class Exploration {
                                               options.reduced, options.merged, options.proveEvery);
   }
 
-  /// False if the budget did not suffice.
+  /// False if the budget was exhausted.
   bool follow() {
     ExploredSpace::Header& header = space_.header();
     header.freeCores = static_cast<int>(options_.jobs) - 1;
@@ -408,8 +409,8 @@ class Exploration {
     return options_.budgetSeconds != 0 && used > std::chrono::seconds(options_.budgetSeconds) + grace;
   }
 
-  /// Goes on with what is left up to this bound, then with the next one. False if nothing is, or if no more
-  /// is wanted.
+  /// Continues with the rest of this bound, then with the next bound. False if nothing is left, or if the
+  /// limit is reached.
   bool advance() {
     ExploredSpace::Header& header = space_.header();
     space_.beginBatch();
@@ -445,7 +446,7 @@ class Exploration {
     if (space_.failures() != 0) tell();
   }
 
-  /// All schedules of one list of operations end alike, unless the scenario says why not.
+  /// All schedules of one list of operations have equal ends, unless the scenario states otherwise.
   void checkEnds() {
     if (space_.ends() < 2 || scenario_.endsDiffer) return;
     std::uint32_t last = 0;
@@ -456,9 +457,9 @@ class Exploration {
     space_.addFailure(end.schedule, end.position, "schedules end with different statuses or tables\n");
   }
 
-  /// The default steps from every state lead to an end.
+  /// The default steps from every state must lead to an end.
   void checkProgress() {
-    std::vector<std::uint8_t> seen(space_.states());  // 1: on the way from here, 2: reaches an end
+    std::vector<std::uint8_t> seen(space_.states());  // 1: on the path from here, 2: reaches an end
     std::vector<std::uint32_t> way;
     for (std::uint32_t i = 0; i < space_.states(); ++i) {
       way.clear();
@@ -475,7 +476,7 @@ class Exploration {
     }
   }
 
-  /// The schedule with the fewest steps, as a scenario.
+  /// Writes the failing schedule with the fewest steps as a scenario.
   void tell() {
     std::uint32_t least = 0;
     for (std::uint32_t i = 1; i < space_.failures(); ++i) {
@@ -498,7 +499,7 @@ class Exploration {
                                   options_.out, verdict.wrong.empty() ? ", which do not fail alone" : "");
   }
 
-  /// What a schedule does, up to this many steps or its death: it runs in a process of its own.
+  /// The operations of a schedule, up to this many steps or its death; it runs in a process of its own.
   std::vector<KilnAgent::Operation> operationsOf(std::uint32_t schedule, std::uint32_t positions) {
     int ends[2];
     if (pipe(ends) != 0) throw KilnAgent::InputError("no pipe");

@@ -28,13 +28,13 @@ constexpr std::uint32_t kMostSchedules = 1U << 25;
 constexpr std::uint32_t kMostFailures = 1U << 10;
 constexpr std::uint32_t kMostEnds = 1U << 12;
 constexpr std::uint32_t kMostTasks = NumberSet::kMost - 64;
-/// Address space; what is not touched costs nothing.
+/// Address space; untouched pages cost nothing.
 constexpr std::size_t kBytes = std::size_t{8} << 30;
 constexpr std::size_t kPage = 4096;
 
 }  // namespace
 
-/// Of all processes one at a time. It is taken from a process that died with it.
+/// Held by one process at a time. It is taken over from a process that died while it held the lock.
 class ExploredSpace::Lock {
  public:
   explicit Lock(Header& header) : header_(header) {

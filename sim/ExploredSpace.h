@@ -1,4 +1,4 @@
-// What the processes of an exploration know together: states, choices still to be followed, failures.
+// The data that the processes of an exploration share: states, choices still to be followed, failures.
 #pragma once
 
 #include <algorithm>
@@ -41,7 +41,7 @@ class NumberSet {
   std::uint64_t words_[kMost / 64] = {};
 };
 
-/// What a step did, or all slices of a task did that were made so far.
+/// The effects of a step, or of all slices of a task so far.
 struct Footprint {
   NumberSet read;     ///< parts of the state that it may have read
   NumberSet written;  ///< parts that it changed
@@ -65,7 +65,7 @@ struct State {
   std::uint32_t position = 0;      ///< steps that this one had made then
   std::uint32_t next = kNone;      ///< the state after the default step
   Choice step;                     ///< the default
-  std::uint8_t bound = 0;          ///< the fewest deviations with which it is reached, as far as is known
+  std::uint8_t bound = 0;          ///< least known number of deviations with which it is reached
   /// No task is ready and every operation is answered; or the server has just been replaced.
   bool landmark = false;
 };
@@ -74,24 +74,23 @@ struct State {
 struct Branch {
   std::uint32_t state = kNone;
   Choice choice;
-  bool taken = false;  ///< by a schedule
+  bool taken = false;  ///< whether a schedule takes it
 };
 
-/// The default order but for some deviations: the one at `position`, and those of `parent`, which come
-/// before.
+/// The default order except for some deviations: the one at `position`, and the earlier ones of `parent`.
 struct Schedule {
   std::uint32_t parent = kNone;
   std::uint32_t position = 0;
-  std::uint32_t firstChild = kNone;  ///< of those that are to be followed now, the first positions first
+  std::uint32_t firstChild = kNone;  ///< of those to be followed now, in the order of positions
   std::uint32_t sibling = kNone;
   std::uint32_t state = kNone;   ///< in which it deviates last
   std::uint32_t target = kNone;  ///< the state that follows; of the first schedule, the first one
   std::uint8_t bound = 0;        ///< number of its deviations
-  bool followed = false;         ///< otherwise it is to be followed now
+  bool followed = false;         ///< whether it was followed; otherwise it is to be followed now
   Choice choice;
 };
 
-/// What was wrong in a schedule, after so many of its steps.
+/// A failure of a schedule, after so many of its steps.
 struct Failure {
   std::uint32_t schedule = kNone;
   std::uint32_t position = 0;
@@ -114,12 +113,12 @@ struct SharedArray {
   [[nodiscard]] T& operator[](std::uint32_t at) const { return items[at]; }
 };
 
-/// Memory that all processes share which are forked from the one that created it; in a file, if one is named,
-/// where it outlives them.
+/// Memory shared by all processes that are forked from its creator. If a file is named, the memory is stored
+/// there and outlives the processes.
 class ExploredSpace final : public TaskNumbers {
  public:
-  /// `subject` tells one exploration from others. Throws InputError if the file cannot be used, is used by
-  /// another process, or is of another exploration.
+  /// `subject` identifies the exploration. Throws InputError if the file cannot be used, is used by another
+  /// process, or belongs to another exploration.
   ExploredSpace(const std::string& file, const StateValue& subject);
   ~ExploredSpace();
   ExploredSpace(const ExploredSpace&) = delete;
@@ -162,12 +161,12 @@ class ExploredSpace final : public TaskNumbers {
   void addFootprint(std::uint32_t step, const Footprint& footprint);
   /// One more than the greatest number of a step.
   [[nodiscard]] std::uint32_t steps() const { return kMostTables + kMostOperations + *tasks_.size + 1; }
-  /// The schedules from the next one on are to be followed now.
+  /// The schedules that are added from now on are to be followed in this batch.
   void beginBatch();
-  /// Forgets what was found since then.
+  /// Drops what was found since beginBatch().
   void revertBatch();
 
-  /// What the processes are at now.
+  /// The progress of the processes.
   struct Header {
     std::uint64_t magic;
     StateValue subject;  ///< the scenario, the options and this program
@@ -175,10 +174,10 @@ class ExploredSpace final : public TaskNumbers {
     std::atomic<std::uint64_t> followed;  ///< schedules that were run
     std::atomic<std::uint64_t> proved;    ///< merges that were compared
     std::atomic<bool> stop;               ///< the budget is used up
-    std::atomic<bool> full;               ///< there is no room for more
+    std::atomic<bool> full;               ///< the shared memory is full
     std::uint32_t bound;                  ///< of the schedules that are being followed
     std::uint32_t firstFollowed;          ///< of them
-    std::uint32_t statesBefore;           ///< when they were begun; so are the next ones
+    std::uint32_t statesBefore;           ///< number of states when the batch began
     std::uint32_t branchesBefore;
     std::uint64_t followedBefore;
     std::uint64_t provedBefore;

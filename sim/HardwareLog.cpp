@@ -60,8 +60,8 @@ void HardwareLog::answered(std::uint64_t number, bool settledInputs) {
   if (place == keyOf_.end()) return;
   Key& key = keys_.at(place->second);
   const Operation& operation = key.unanswered.at(number);
-  // One that a removal or write overtook counts if the key is wanted again, or no more, and its writer has
-  // not handled that yet.
+  // The answer of an overtaken removal or write counts if the key is wanted again, or no longer wanted, and
+  // its writer has not handled that yet.
   const std::uint64_t latestOfKind = operation.write ? key.latestWrite : key.latestRemoval;
   const bool mayCount = number == key.latest || (!settledInputs && number == latestOfKind);
   if (mayCount && !operation.write) key.possible.insert(std::nullopt);
@@ -109,7 +109,7 @@ void HardwareLog::settleKey(const EmResolvedKey& hwKey, Key& key,
   if (winner == winners.end()) {
     key.possible = {std::nullopt};
   } else {
-    // A removal answers an entry that the table cannot hold.
+    // An answered removal also reports an entry that the table cannot hold.
     const bool refused = key.latestOperation.refused || !key.latestOperation.write;
     key.possible = {Recorded{winner->second, refused}};
     if (!refused) key.owners = key.answeredOwners = interfacesOf({winner->second});
@@ -127,7 +127,7 @@ std::map<RequestPlace, HardwareLog::Options> HardwareLog::options(
       if (key.possible.size() == 1) options.maybeNone = false;
     }
   }
-  // Where a request wins its key and was answered there, no other key says anything of it.
+  // If a request wins its key and was answered there, its status follows from that key alone.
   for (const auto& [hwKey, winner] : winners) {
     const auto found = keys_.find(hwKey);
     if (found == keys_.end() || found->second.latest == 0) continue;
@@ -142,7 +142,7 @@ std::vector<StatusSeen> HardwareLog::allowed(const Request& request, const Optio
                                              const StatusSeen& decided, bool wins) {
   std::vector<StatusSeen> allowed;
   for (const Recorded& recorded : options.recorded) {
-    // A status for another version or entry is not published: what was published before stays.
+    // A status for another version or entry is not published: the previous one is kept.
     const Subject& subject = recorded.subject;
     if (subject.requestVersion != request.requestVersion || subject.entry != request.entry) return {};
     allowed.push_back({request.requestVersion, recorded.refused ? EmStatus::hwFail : EmStatus::hwSuccess, 1});

@@ -1,4 +1,4 @@
-// What the state of the judge consists of: all that a later verdict may depend on.
+// Describes the state of the judge: all data on which a later verdict may depend.
 #include <algorithm>
 #include <optional>
 #include <tuple>
@@ -10,8 +10,8 @@ namespace KilnSim {
 
 using KilnEmServer::StateDigest;
 
-// Verdicts depend on there being no change, one, or more. What was untouched is only looked for after one at
-// most, and all of it is forgotten when the window ends.
+// Verdicts depend on whether there was no change, one, or several. Untouched objects are checked only after
+// at most one change, and are forgotten when the window ends.
 void Watch::noteState(StateDigest& digest) const {
   digest.begin("Watch");
   digest.add(std::tie(byHand_, madeRoom_, present_, foundStatuses_, vanishedStatuses_, gone_, accepted_));
@@ -30,8 +30,8 @@ void Watch::noteState(StateDigest& digest) const {
   log_.noteState(digest);
 }
 
-// The numbers of operations are compared with those of unanswered ones. A key of which nothing is known is
-// like one that never was.
+// The numbers of operations are compared with those of unanswered ones. A key without information is
+// equivalent to no key.
 void HardwareLog::noteState(StateDigest& digest) const {
   digest.begin("HardwareLog");
   for (const auto& [hwKey, key] : keys_) {

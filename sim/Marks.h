@@ -1,4 +1,4 @@
-// Which of the paths that runs rarely take were taken: each is marked by the trace that stands there.
+// Which rarely taken paths were taken: each is marked by its trace.
 #pragma once
 
 #include <cstddef>
@@ -12,20 +12,20 @@
 
 namespace KilnSim {
 
-/// Counts messages by their text, without having them put together, and keeps those that must never come.
+/// Counts messages by their text, without formatting them, and keeps those that must never occur.
 class Marks final : public KilnPlatform::TraceSink {
  public:
   bool wants(const KilnPlatform::TraceDescriptor& descriptor) override;
   void write(const KilnPlatform::TraceRecord& record) override;
 
-  /// How often the message with this text came.
+  /// The number of messages with this text.
   [[nodiscard]] std::uint64_t count(std::string_view text) const;
-  /// What must never come and did, since this was asked last.
+  /// The forbidden messages since the last call.
   [[nodiscard]] std::string takeUnexpected();
   void clear() { counts_.clear(); }
 
-  /// The marks that a file lists, one text per line, # before comments. Throws InputError where it cannot be
-  /// read.
+  /// The marks that a file lists, one text per line, # before comments. Throws InputError if the file cannot
+  /// be read.
   static std::vector<std::string> listed(const std::string& path);
 
  private:
@@ -33,7 +33,7 @@ class Marks final : public KilnPlatform::TraceSink {
     std::string_view text;
     std::uint64_t count = 0;
   };
-  std::unordered_map<const char*, Count> counts_;  ///< by where the text stands in the program
+  std::unordered_map<const char*, Count> counts_;  ///< by the address of the text
   std::string unexpected_;
 };
 

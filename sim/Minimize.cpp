@@ -21,13 +21,13 @@ namespace {
 using KilnAgent::Operation;
 using KilnAgent::RunOperation;
 
-/// Whether the plan fails, and a scenario can say so where it could of the first failure.
+/// Whether the plan fails, and a scenario can express the failure if it could express the first one.
 bool failsLike(const Verdict& first, const Plan& plan) {
   const Verdict verdict = runApart(plan);
   return !verdict.wrong.empty() && (first.expected.empty() || !verdict.expected.empty());
 }
 
-/// Leaves out parts of this many operations, as long as the failure stays. True where any went.
+/// Leaves out parts of this many operations as long as the plan still fails. True if any was left out.
 bool leaveOut(Plan& plan, const Verdict& first, std::size_t part) {
   bool shorter = false;
   for (std::size_t end = plan.operations.size(); end > 0;) {
@@ -44,7 +44,7 @@ bool leaveOut(Plan& plan, const Verdict& first, std::size_t part) {
   return shorter;
 }
 
-/// Keeps a change of the plan where the failure stays.
+/// Keeps a change of the plan if the plan still fails.
 template <class Change>
 void tryChange(Plan& plan, const Verdict& first, Change change) {
   Plan candidate = plan;
@@ -68,7 +68,7 @@ void shortenRuns(Plan& plan, const Verdict& first) {
   }
 }
 
-/// What a process tells another one of a verdict.
+/// The form in which a process reports a verdict to another one.
 std::string textOf(const Verdict& verdict) {
   std::string text = fmt::format("{} {} {}\n", verdict.at, verdict.step, verdict.expected.size());
   for (const Operation& expected : verdict.expected) text += operationLine(expected) + "\n";
@@ -138,7 +138,7 @@ Plan minimize(Plan plan) {
 
 namespace {
 
-/// Whether the agent is quiet at some time in the operation.
+/// Whether the agent becomes quiet during the operation.
 bool settles(const Operation& operation) {
   const auto* answer = std::get_if<KilnAgent::AnswerOperation>(&operation);
   return answer != nullptr ? !answer->now : std::holds_alternative<KilnAgent::SettleOperation>(operation);
@@ -150,13 +150,13 @@ bool isUntouched(const Operation& operation) {
   return (status != nullptr && status->untouched) || (entry != nullptr && entry->untouched);
 }
 
-/// The operation before which what is touched is to be watched: from there on the judge has not compared
-/// before the failure. None where nothing is to be untouched.
+/// The operation before which the watch must begin: the judge made no comparison between it and the failure.
+/// None if nothing must be untouched.
 std::optional<std::size_t> watchedFrom(const Plan& plan, const Verdict& verdict) {
   if (std::none_of(verdict.expected.begin(), verdict.expected.end(), isUntouched)) return std::nullopt;
   std::size_t at = verdict.at;
   while (at > 0 && !settles(plan.operations[at - 1])) --at;
-  // An answer is given after it has settled: what comes of it is to be seen.
+  // An answer is delivered after settling: its effect must be observed.
   return at > 0 && std::holds_alternative<KilnAgent::AnswerOperation>(plan.operations[at - 1]) ? at - 1 : at;
 }
 
@@ -165,7 +165,7 @@ std::optional<std::size_t> watchedFrom(const Plan& plan, const Verdict& verdict)
 std::string scenarioOf(const Plan& plan, const Verdict& verdict) {
   std::string text = fmt::format("// plan: seed {} shuffled {} yield-every {}\n// {}\n", plan.seed,
                                  plan.shuffled ? 1 : 0, plan.yieldEvery, replayCommand(plan, "THIS"));
-  // Before anything else, so that what runs between two operations is said.
+  // The first operation, so that the number of tasks between operations is always explicit.
   if (plan.operations.empty() || !std::holds_alternative<RunOperation>(plan.operations[0])) {
     text += KilnAgent::operationLine(RunOperation{0}) + "\n";
   }

@@ -20,7 +20,7 @@ using namespace KilnAgent;
 using namespace KilnTunnelNiLib;
 using KilnEmServer::EmComposerKey;
 
-/// Draws operations over few keys, so that they meet.
+/// Draws operations over few keys, so that they collide.
 class Draw {
  public:
   Draw(std::uint64_t seed, std::string_view profile) : random_(seed) {
@@ -34,7 +34,7 @@ class Draw {
     plan_.yieldEvery = pick<std::uint32_t>({1, 1, 1, 2, 3, 8, 0, 0});
     domainsAutomatic_ = oneIn(5);
     plan_.operations.reserve(2 * steps + 50);
-    add(RunOperation{0});  // from here on, what runs between two operations is said
+    add(RunOperation{0});  // from here on, the number of tasks between operations is explicit
     if (oneIn(8)) add(TableOperation{table(), std::nullopt, std::uint32_t{2}, std::nullopt});
     add(domainsAutomatic_ ? scarceDomains() : manualDomains());
     drawTables();
@@ -56,7 +56,7 @@ class Draw {
 
   void add(Operation operation) { plan_.operations.push_back(std::move(operation)); }
 
-  /// Some runs spread over many keys, some press a few very hard.
+  /// Some runs use many keys, some use a few very often.
   void drawShape() {
     types_ = 1 + below(3);
     features_ = 2 + below(7);
@@ -94,7 +94,7 @@ class Draw {
             .applies = oneIn(3) ? Applies::issued : Applies::answered};
   }
 
-  /// How many tasks run before the next operation: mostly not enough to become quiet.
+  /// Number of tasks before the next operation: usually too few to become quiet.
   void between() {
     if (calm_ && !oneIn(4)) return add(SettleOperation{});
     if (storm_ ? !oneIn(6) : oneIn(2)) return;
@@ -102,7 +102,7 @@ class Draw {
     add(RunOperation{1 + below(most)});
   }
 
-  /// Then nothing may be left.
+  /// Afterwards nothing may be left.
   void withdrawEverything() {
     plan_.withdrawnFrom = plan_.operations.size();
     add(SettleOperation{});
@@ -236,12 +236,12 @@ class Draw {
     const auto domain = [&] { return pick<std::uint16_t>({1, 1, 1, 2, 2, 3, 511, 512, 2047, 2048}); };
     const AllotOperation allot{interface(), domain()};
     if (oneIn(6) && !published_.empty()) return thereAndBack(allot);
-    // There and back again, so that keys move while answers are on their way.
+    // The domain changes and changes back, so that keys move while answers are outstanding.
     if (oneIn(2)) next_ = {allot, AllotOperation{allot.interface, domain()}};
     return allot;
   }
 
-  /// These operations one after the other; the first of them is returned.
+  /// Returns the first of these operations and queues the others.
   Operation sequence(std::vector<Operation> operations) {
     std::reverse(operations.begin(), operations.end());
     Operation first = std::move(operations.back());
@@ -250,7 +250,8 @@ class Draw {
     return first;
   }
 
-  /// A key moves and moves back while the table owes answers of both places. Where it goes it may be refused.
+  /// A key moves and moves back while the table owes answers for both places. It may be refused at the new
+  /// place.
   Operation thereAndBack(AllotOperation allot) {
     const PublishOperation& moved = published_[below(published_.size())];
     const auto interfaceOfMoved = KilnSim::interfaceOf(moved.key.emComposerKey);
@@ -293,7 +294,7 @@ class Draw {
   }
 
   /// A request that the intake leaves out: in a database other than its key's, or for all chips but one core.
-  /// Mostly under the key of a request that it does not leave out.
+  /// Usually its key is also that of an admitted request.
   PublishOperation leftOut() {
     if (!published_.empty() && !oneIn(3)) {
       PublishOperation twin = published_[below(published_.size())];
@@ -315,7 +316,7 @@ class Draw {
     return publish;
   }
 
-  /// What was published before, changed in one respect.
+  /// An earlier request with one change.
   PublishOperation again() {
     PublishOperation publish = published_[below(published_.size())];
     switch (below(4)) {
@@ -377,15 +378,15 @@ class Draw {
   Operation restartOperation() {
     Operation restart = oneIn(2) ? Operation(RestartOperation{}) : Operation(CrashOperation{oneIn(4)});
     if (oneIn(3)) {
-      // Nothing but restarts between two quiet moments.
+      // Only restarts between two quiet moments.
       next_ = {SettleOperation{}, restart};
       if (oneIn(3)) next_.insert(next_.begin() + 1, CrashOperation{false});
       return SettleOperation{};
     }
-    // Out, and maybe back again, while the server comes back.
+    // Removes it, and possibly adds it again, while the server restarts.
     next_.clear();
     if (oneIn(3)) {
-      // Much of it without a task in between, at some moment of the restart.
+      // Many changes without a task in between, at some moment of the restart.
       for (std::size_t i = 2 + below(8); i != 0; --i) {
         const PublishOperation& back = published_[below(published_.size())];
         next_.push_back(back);
@@ -404,11 +405,11 @@ class Draw {
     return restart;
   }
 
-  /// A table that has answered all, and then nothing while things change.
+  /// A table that has answered everything, and then holds its answers while things change.
   Operation silence(TableTag tag) {
     next_ = {AnswerOperation{tag, SoftTable::Order::lifo, 1, oneIn(2)}, SettleOperation{}};
     if (oneIn(3)) {
-      // Everything goes, the latest of it before any table could say a word of it.
+      // Withdraws everything; the last requests before any table could answer them.
       for (std::size_t each = features_; each != 0; --each) {
         next_.push_back(
             WithdrawAllOperation{static_cast<FeatureType>(each), databaseOf(static_cast<int>(tag))});
@@ -525,7 +526,7 @@ class Draw {
   bool storm_ = false;
   bool domainsAutomatic_ = false;
   std::vector<PublishOperation> published_;
-  std::vector<Operation> next_;  ///< the last one first
+  std::vector<Operation> next_;  ///< in reverse order
 };
 
 }  // namespace
@@ -549,7 +550,7 @@ Plan readPlan(const std::string& path) {
   while (std::getline(file, line)) {
     if (line.empty() || line.starts_with("//")) continue;
     Operation operation = parseOperation(line);
-    // What is expected is the judge's affair here.
+    // Here the judge decides what is expected.
     if (std::holds_alternative<WatchOperation>(operation)) continue;
     if (std::holds_alternative<ExpectOperation>(operation)) continue;
     if (std::holds_alternative<ExpectTableOperation>(operation)) continue;

@@ -1,4 +1,5 @@
-// What a simulation does: a list of operations, and how the scheduler orders and slices the work between.
+// The plan of a simulation: a list of operations, and how the scheduler orders and slices the work in
+// between.
 #pragma once
 
 #include <array>
@@ -13,9 +14,9 @@
 
 namespace KilnSim {
 
-/// A whole run. It is a pure function of this.
+/// A whole run, which is a pure function of the plan.
 struct Plan {
-  std::uint64_t seed = 0;        ///< of the order of tasks and answers, where that is drawn
+  std::uint64_t seed = 0;        ///< of the order of tasks and answers, if it is drawn
   bool shuffled = true;          ///< whether it is drawn
   std::uint32_t yieldEvery = 0;  ///< items per slice; 0 never yields
   std::vector<KilnAgent::Operation> operations;
@@ -25,18 +26,18 @@ struct Plan {
 /// Types of tables, numbered from 1.
 constexpr int kTableTypes = KilnEmServer::kKeyTypes;
 
-/// Kinds of runs. `mixed` draws its weights; the others press one side of the server.
+/// Kinds of runs. `mixed` draws its weights; each of the others stresses one part of the server.
 constexpr std::array<std::string_view, 6> kProfiles = {"mixed",   "calm",    "storm",
                                                        "restart", "domains", "tables"};
 
-/// The plan under a seed: `steps` operations, besides those that only let tasks run, and the withdrawal of
-/// everything. An empty `profile` is drawn from the seed too.
+/// The plan of a seed: `steps` operations, in addition to those that only run tasks, and the withdrawal of
+/// everything. An empty `profile` is drawn from the seed, too.
 Plan drawPlan(std::uint64_t seed, std::size_t steps, std::string_view profile = {});
 
-/// The plan that a scenario describes which minimize() wrote. Throws InputError where it is none.
+/// The plan of a scenario that minimize() wrote. Throws InputError if it is no such scenario.
 Plan readPlan(const std::string& path);
 
-/// The options of the agent that a plan runs on: the chip of `sim/chip.json`.
+/// The options of the agent that runs a plan: the chip of `sim/chip.json`.
 KilnAgent::AgentOptions agentOptions(const Plan& plan);
 
 }  // namespace KilnSim

@@ -18,7 +18,7 @@ using KilnEmServer::EmComposerKey;
 using KilnEmServer::EmHwKey;
 using KilnEmServer::EmLogicalKey;
 
-/// One request that the server takes up, with the hardware key that it leads to.
+/// One request that the server accepts, with its hardware key.
 struct Contender {
   EmLogicalKey logicalKey;
   RequestPlace place;
@@ -47,7 +47,7 @@ std::optional<std::uint64_t> fieldOf(const T& structure, std::string_view name) 
   return value;
 }
 
-/// Whether the value fits the field, which then has it.
+/// Whether the value fits the field; if so, it is assigned.
 template <class Field>
 bool take(Field& field, std::uint64_t value) {
   if constexpr (KilnPlatform::NumberValue<Field>) {
@@ -145,7 +145,8 @@ class Judge {
     say(contender.place, contender.request, written ? EmStatus::hwSuccess : EmStatus::hwFail);
   }
 
-  /// The tables cannot hold an entry for one chip and core only; one for all of them may win the key as well.
+  /// The tables cannot hold an entry for one chip and core only; an entry for all of them may win the key as
+  /// well.
   void decideDivergent(const Contender& contender) {
     EmHwKey twin = contender.hwKey;
     twin.fapId = Hardware::Kiln::FapId(0x7FE);

@@ -18,12 +18,12 @@ bool isStep(const Choice& choice) {
   return choice.kind == Kind::task || choice.kind == Kind::answer || choice.kind == Kind::operation;
 }
 
-/// Whether it ends the server: that has to do with everything.
+/// Whether it ends the server; such a step depends on everything.
 bool isTrouble(const Choice& choice) {
   return choice.kind == Kind::restart || choice.kind == Kind::crash || choice.kind == Kind::loss;
 }
 
-/// Parts that follow from others, or that only look at them.
+/// Parts that are derived from others, or only observe them.
 bool isDerived(std::string_view part) {
   constexpr std::array<std::string_view, 4> kDerived = {"ready tasks", "schedule", "Watch", "HardwareLog"};
   return std::find(kDerived.begin(), kDerived.end(), part) != kDerived.end();
@@ -34,7 +34,7 @@ bool isReadByVlanDomains(std::string_view part) {
   return part.starts_with("vlanDomain") || part == "VlanDomainService";
 }
 
-/// Of the capacity's task, which belongs to no stage.
+/// Of the capacity's task, which is not a stage's task.
 bool isReadByCapacity(std::string_view part) {
   constexpr std::array<std::string_view, 8> kRead = {
       "SemCapacity",           "capacity",       "fap",          "profileId", "profile",
@@ -62,7 +62,7 @@ void FootprintRecorder::after(ScheduleRun& run, const Choice& choice) {
   addWritten(run.digest().parts(), footprint.written);
   if (run.digest().parts().size() != partCount_) reads_.clear();
   partCount_ = run.digest().parts().size();
-  // What an operation reads, it also writes.
+  // An operation also writes what it reads.
   footprint.read = choice.kind == Kind::operation ? footprint.written : readsOf(run, step);
   addReadsInside(run, footprint);
   for (const Choice& possible : run.choices()) {
@@ -79,7 +79,7 @@ void FootprintRecorder::addWritten(const Parts& parts, NumberSet& written) {
     auto same = old;
     while (same != before_.end() && same->name != part.name) ++same;
     if (same != before_.end()) {
-      // Those that are no more.
+      // Names that no longer exist.
       for (; old != same; ++old) {
         if (!isDerived(old->name)) written.add(numberOf(old->name));
       }
@@ -110,8 +110,8 @@ void FootprintRecorder::addReads(ScheduleRun& run, NumberSet& reads) {
   }
 }
 
-/// Stages that handle changes inside the call that makes them read in each step that changed something they
-/// read.
+/// Stages that handle changes inside the call that makes them read during each step that changed one of their
+/// collections.
 void FootprintRecorder::addReadsInside(ScheduleRun& run, Footprint& footprint) {
   for (const KilnEmServer::StageBase* stage : run.agent().server().stages()) {
     if (!stage->reactsInside()) continue;
@@ -193,7 +193,7 @@ Reduction::Steps Reduction::neededIn(std::uint32_t state) const {
 
 bool Reduction::concerns(std::uint32_t step, std::uint32_t other) const {
   const Footprint& footprint = space_.footprint(other);
-  if (footprint.read.empty() && footprint.written.empty()) return true;  // it was never made
+  if (footprint.read.empty() && footprint.written.empty()) return true;  // it was never taken
   return std::any_of(follow_[step].begin(), follow_[step].end(), [&](std::uint32_t each) {
     const Footprint& own = space_.footprint(each);
     return (own.read.empty() && own.written.empty()) || own.meets(footprint);

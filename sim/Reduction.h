@@ -1,4 +1,4 @@
-// Which orders of steps need not be tried, since the steps have nothing to do with each other.
+// Partial-order reduction: leaves out orders of independent steps.
 #pragma once
 
 #include <cstdint>
@@ -13,18 +13,18 @@
 
 namespace KilnSim {
 
-/// Finds out what the steps of a run read and write, and what they make possible.
+/// Records what the steps of a run read and write, and which steps they enable.
 ///
-/// What a step wrote is seen in the state's digest, part by part. What it may have read is what its stage
-/// declares; a task that belongs to no stage, and a stage that reads more, may have read everything. Which
-/// tasks are ready follows from the parts and is left out, and so is the judge, which looks at the same
-/// things from outside.
+/// The parts that a step wrote follow from the state's digest. The parts that it may have read are those that
+/// its stage declares; a task of no stage, and a stage that declares that it reads more, may have read
+/// everything. The ready tasks follow from the parts and are left out, and so is the judge, which only
+/// observes.
 class FootprintRecorder {
  public:
   explicit FootprintRecorder(ExploredSpace& space) : space_(space) {}
   /// A step is about to be taken.
   void before(const ScheduleRun& run);
-  /// It was taken, by this choice.
+  /// The step of this choice was taken.
   void after(ScheduleRun& run, const Choice& choice);
 
  private:
@@ -38,31 +38,31 @@ class FootprintRecorder {
 
   ExploredSpace& space_;
   Parts before_;
-  std::set<std::uint32_t> possible_;  ///< steps, before the one that is taken
+  std::set<std::uint32_t> possible_;  ///< steps that are possible before the next one
   std::map<std::string, std::size_t> numbers_;
   std::size_t partCount_ = 0;
-  std::map<std::uint32_t, NumberSet> reads_;  ///< by step, as long as there are so many parts
+  std::map<std::uint32_t, NumberSet> reads_;  ///< by step, valid for this number of parts
 };
 
-/// Compares what is known of the steps that were made so far.
+/// Compares the footprints of the steps taken so far.
 class Reduction {
  public:
   explicit Reduction(const ExploredSpace& space);
-  /// False if the step can as well be made later: no step that is possible in its state, and has to do with
-  /// the default one or the next operation, directly or through others of them, has to do with it or with
-  /// what may follow from it. True where the server may be replaced.
+  /// False if the step can be taken later with the same result. That is the case if no step that is possible
+  /// in its state, and that depends on the default step or the next operation, directly or transitively,
+  /// depends on this step or on a step that may follow from it. True if the server may be replaced.
   [[nodiscard]] bool needed(const Branch& branch) const;
 
  private:
   using Steps = std::set<std::uint32_t>;
   [[nodiscard]] Steps neededIn(std::uint32_t state) const;
-  /// Whether `step`, or one that it makes possible, sooner or later, has to do with `other`.
+  /// Whether `step`, or a step that it may enable sooner or later, depends on `other`.
   [[nodiscard]] bool concerns(std::uint32_t step, std::uint32_t other) const;
 
   const ExploredSpace& space_;
   std::map<std::uint32_t, Steps> possible_;  ///< steps other than the default, by state
   Steps troubled_;                           ///< states in which the server may be replaced
-  std::vector<Steps> follow_;                ///< the step and all that it may make possible
+  std::vector<Steps> follow_;                ///< the step and all that it may enable
   mutable std::uint32_t state_ = kNone;
   mutable Steps needed_;  ///< in this state
 };

@@ -18,22 +18,22 @@ namespace {
 using namespace KilnAgent;
 using Mode = SoftTable::AnswerMode;
 
-/// One moment in so many is also compared as the dump shows it.
+/// One in so many moments is also compared in the form of the dump.
 constexpr std::uint64_t kDumpEvery = 64;
-/// Runs of tasks in which the server becomes quiet: so many, and so many more for each request and each
-/// change since it was quiet. With slices of a single item about a sixth of it was ever needed.
+/// Runs of tasks in which the server must become quiet: a fixed number, and a number for each request and
+/// each change since it was quiet. Measured need: about a sixth of it, with slices of a single item.
 constexpr std::size_t kTasksToQuiet = 4000;
 constexpr std::size_t kTasksPerInput = 400;
 
 template <class T, class... Others>
 constexpr bool kIsOneOf = (std::is_same_v<T, Others> || ...);
 
-/// Operations that make no change of their own.
+/// Operations that are not themselves changes.
 template <class T>
 constexpr bool kChangesNothing = kIsOneOf<T, SettleOperation, RunOperation, SliceOperation, AnswerOperation,
                                           RestartOperation, CommitOperation, CrashOperation, WatchOperation>;
-/// Operations that make several, one after the other: between them others win than before and after. So does
-/// a VLAN domain, which moves several keys.
+/// Operations that make several changes, one after the other: in between, other requests may win than before
+/// and after. A VLAN domain does so as well, since it moves several keys.
 template <class T>
 constexpr bool kChangesSeveral = kIsOneOf<T, VlanDomainsOperation, ShareOperation, AllotOperation,
                                           RevokeOperation, WithdrawAllOperation, RemoveFeatureOperation>;
@@ -57,7 +57,7 @@ Run::Run(const Plan& plan, Tally& tally, Marks* marks)
   watch_.quiet({}, {}, {}, true);
 }
 
-/// False where the agent's state did not allow the operation.
+/// False if the agent's state did not allow the operation.
 bool Run::execute(const Operation& operation) {
   const bool done = std::visit([this](const auto& specific) { return executeOne(specific); }, operation);
   noteObserved();
@@ -129,7 +129,7 @@ void Run::countFault(const T& operation) {
   }
 }
 
-/// Runs until nothing is pending, and judges. That takes no longer than what is there to be done.
+/// Runs until nothing is pending, and judges. The number of runs is limited in proportion to the work.
 void Run::settle() {
   const std::size_t requests = wantedOf(agent_).requests.size();
   const std::size_t bound = kTasksToQuiet + kTasksPerInput * (requests + watch_.inputs());
@@ -169,7 +169,7 @@ bool Run::allAnswered() const {
   return answered;
 }
 
-/// What a table owes an answer for may show an earlier status, and keep a domain.
+/// A key for which a table owes an answer may show an earlier status, and keep a domain.
 void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& found) {
   if (!agent_.server().isComplete("reconcileCompleteSmStage")) {
     expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
@@ -197,7 +197,7 @@ void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& f
   }
 }
 
-/// Automatic allotment gives each request a domain as long as one is free, and nothing else.
+/// Automatic allotment gives each request a domain while one is free, and allots no other domain.
 std::string Run::domainsWronglyAllotted(const Wanted& wanted, const Outcome& found) const {
   if (agent_.vlanDomains().mode() == VlanDomainService::Mode::manual) return "";
   const VlanDomainLimits limits = agent_.vlanDomains().limits();
@@ -219,7 +219,7 @@ std::string Run::domainsWronglyAllotted(const Wanted& wanted, const Outcome& fou
   return wrong;
 }
 
-/// The stages that wait for the completion of reconciliation, directly or not, and that completion.
+/// The stages that wait for the completion of reconciliation, directly or indirectly, and that stage itself.
 std::set<std::string> Run::afterReconciliation() const {
   std::set<std::string> names = {"reconcileCompleteSmStage"};
   const auto graph = agent_.server().graph();
@@ -235,8 +235,7 @@ std::set<std::string> Run::afterReconciliation() const {
   return names;
 }
 
-/// Every stage of the graph is complete, and no other. The completion of reconciliation waits for every
-/// answer.
+/// Exactly the stages of the graph must be complete. The completion of reconciliation waits for every answer.
 std::string Run::incomplete() const {
   std::set<std::string> missing = stageNames_;
   std::string wrong;
@@ -259,7 +258,7 @@ std::string Run::leftovers() const {
   return wrong;
 }
 
-/// Notes as expectations of a scenario what statuses and tables were to hold.
+/// Records the required statuses and tables as expectations of a scenario.
 void Run::expect(const Outcome& expected, const Outcome& found) {
   for (const auto& [place, seen] : expected.statuses) {
     const auto at = found.statuses.find(place);

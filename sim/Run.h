@@ -17,42 +17,42 @@
 
 namespace KilnSim {
 
-/// What happened in runs, in numbers.
+/// Counters over runs.
 struct Tally {
-  std::uint64_t steps = 0;     ///< operations, besides those that only let tasks run
+  std::uint64_t steps = 0;     ///< operations, in addition to those that only run tasks
   std::uint64_t tasks = 0;     ///< runs of tasks
   std::uint64_t quiet = 0;     ///< moments at which everything was compared with the recompute
-  std::uint64_t restarts = 0;  ///< new servers over what another one left
+  std::uint64_t restarts = 0;  ///< new servers over the state of an earlier one
   std::uint64_t faults =
       0;  ///< writes refused, answers held or overtaken, domains withdrawn, crashes, losses
 };
 
-/// How a run ended.
+/// The result of a run.
 struct Verdict {
-  std::string wrong;     ///< what did not hold, empty where all did
-  std::size_t at = 0;    ///< the operation after which it did not
+  std::string wrong;     ///< the failed check; empty if all passed
+  std::size_t at = 0;    ///< the operation after which it failed
   std::size_t step = 0;  ///< the same, counted in steps
   std::vector<std::uint64_t>
-      digests;                    ///< of all that was seen from outside, at each quiet moment and the end
-  std::vector<std::size_t> idle;  ///< operations that the agent's state did not allow, and that did nothing
-  std::vector<KilnAgent::Operation> expected;  ///< what statuses and tables were to hold and did not
+      digests;                    ///< of everything observed from outside, at each quiet moment and the end
+  std::vector<std::size_t> idle;  ///< operations without effect, because the agent's state did not allow them
+  std::vector<KilnAgent::Operation>
+      expected;  ///< required statuses and table entries that were missing or wrong
 };
 
 /// One run: an agent of its own under the judge.
 class Run {
  public:
-  /// Counts into `tally`, and, unless `marks` is null, which traces were passed; with them everything is
-  /// traced.
+  /// Adds to `tally`. If `marks` is not null, everything is traced, and `marks` counts the traces.
   Run(const Plan& plan, Tally& tally, Marks* marks);
 
   /// False if the agent's state did not allow the operation.
   bool execute(const KilnAgent::Operation& operation);
-  /// Runs one slice of a ready task, in which the chip refuses this write, if any.
+  /// Runs one slice of a ready task; the chip refuses this write of it, if any.
   void runSlice(KilnPlatform::Task& task, KilnPlatform::YieldPolicy& policy,
                 std::optional<std::uint32_t> refused);
-  /// No task is ready: compares everything with what must hold now.
+  /// No task is ready: compares everything with the required state.
   void judge();
-  /// What was wrong, and what was seen.
+  /// Fills in the failed check and the observations.
   void finish(Verdict& verdict);
   [[nodiscard]] bool failed() const { return !wrong_.empty(); }
   [[nodiscard]] const std::string& wrong() const { return wrong_; }
@@ -87,8 +87,8 @@ class Run {
   std::vector<std::uint64_t> digests_;
 };
 
-/// Runs a plan on an agent of its own. `progress` is told each step before it is made. Counts into `tally`,
-/// and, unless `marks` is null, which traces were passed.
+/// Runs a plan on an agent of its own. `progress` is called before each step. Adds to `tally`; if `marks` is
+/// not null, everything is traced, and `marks` counts the traces.
 Verdict run(const Plan& plan, Tally& tally, Marks* marks,
             const std::function<void(std::size_t step)>& progress = {});
 

@@ -22,7 +22,7 @@ using Mode = SoftTable::AnswerMode;
 
 constexpr std::size_t kMostSetUpSteps = 100'000;
 
-/// Asks after each item, and yields after a given one.
+/// Is asked after each item, and yields after a given one.
 class CountingItems final : public KilnPlatform::YieldPolicy {
  public:
   explicit CountingItems(std::size_t limit) : limit_(limit) {}
@@ -62,7 +62,7 @@ std::uint64_t writesOf(const SoftChip& chip) {
   return writes;
 }
 
-/// The stage's name: an instance may go on with the key of an inner input.
+/// The stage's name: the name of an instance may continue with the key of an inner input.
 std::string_view stageOf(const KilnPlatform::Task& task) {
   return task.instance().substr(0, task.instance().find('['));
 }
@@ -102,7 +102,7 @@ void ScheduleRun::apply(const Operation& operation) {
   run_.execute(operation);
 }
 
-/// Runs what is there to be done in the default order.
+/// Runs the pending work in the default order.
 void ScheduleRun::settleByDefault() {
   const std::size_t operations = std::exchange(next_, scenario_.explored.size());
   std::size_t steps = 0;
@@ -144,7 +144,7 @@ void ScheduleRun::findChoices() {
   const bool quiet = choices_.size() <= idleSlices_;
   addOperation();
   if (next_ == scenario_.explored.size() && quiet) choices_.push_back({});
-  // Those before it changed nothing.
+  // The choices before it changed nothing.
   choices_.erase(choices_.begin(), choices_.begin() + static_cast<std::ptrdiff_t>(idleSlices_));
   if (exploring_) addTroubles();
 }

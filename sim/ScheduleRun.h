@@ -13,8 +13,8 @@
 
 namespace KilnSim {
 
-/// The numbers of tasks by name and instance, the same in every process of an exploration: they are given out
-/// by whoever asks first.
+/// The numbers of tasks by name and instance, the same in every process of an exploration: assigned at the
+/// first request.
 class TaskNumbers {
  public:
   virtual std::uint16_t numberOf(std::string_view name, std::string_view instance) = 0;
@@ -23,47 +23,48 @@ class TaskNumbers {
   ~TaskNumbers() = default;
 };
 
-/// Runs a scenario under given choices, the judge watching.
+/// Runs a scenario under given choices, observed by the judge.
 ///
-/// The default order is a function of the state alone. Of the ready tasks the one with the greatest priority
-/// runs first, and of these the one whose stage is the first in the stage map; then the oldest answer of the
-/// first table is given; then the next operation is applied. A task that was made to yield runs after one
-/// other choice; one whose slice changed nothing, after all others.
+/// The default order is a function of the state alone. Of the ready tasks, the one with the greatest priority
+/// runs first, and among these the one whose stage is the first in the stage map; then the oldest answer of
+/// the first table is delivered; then the next operation is applied. A task that was made to yield runs after
+/// one other choice; a task whose slice changed nothing runs after all others.
 class ScheduleRun {
  public:
-  /// `fromReady`: the start of the first server is not explored either. Each operation is written to `record`
-  /// before it is done; -1 for nowhere.
+  /// `fromReady`: the start of the first server is not explored. Each operation is written to the descriptor
+  /// `record` before it is executed; -1 for none.
   ScheduleRun(const SmallScenario& scenario, bool fromReady, TaskNumbers& numbers, int record = -1);
   ScheduleRun(const ScheduleRun&) = delete;
   ScheduleRun& operator=(const ScheduleRun&) = delete;
 
-  /// What may be done next, the default first; never empty.
+  /// The possible choices, the default first; never empty.
   [[nodiscard]] const std::vector<Choice>& choices() const { return choices_; }
-  /// The default is that nothing is left to be done.
+  /// Whether the default is that no work is left.
   [[nodiscard]] bool ended() const { return choices_.front().kind == Choice::Kind::end; }
-  /// What a slice did that could have been otherwise.
+  /// The variable aspects of a slice.
   struct Slice {
-    std::size_t items = 0;     ///< after which it was asked whether it should yield
-    std::size_t writes = 0;    ///< that a table was asked for
+    std::size_t items = 0;     ///< at which the policy was asked whether to yield
+    std::size_t writes = 0;    ///< issued to a table
     bool othersReady = false;  ///< other steps were possible when it began, or when it ended
   };
-  /// Does this, which must be one of the choices, but for the items of its slice and the refused write.
+  /// Takes this choice, which must be one of choices() except for the items of its slice and the refused
+  /// write.
   Slice take(const Choice& choice);
 
   [[nodiscard]] bool failed() const { return run_.failed(); }
   [[nodiscard]] const std::string& wrong() const { return run_.wrong(); }
-  /// Of everything on which the rest of the run depends.
+  /// Of all state on which the rest of the run depends.
   [[nodiscard]] const KilnEmServer::StateDigest& digest() const { return digest_; }
-  /// The last slice changed nothing.
+  /// Whether the last slice changed nothing.
   [[nodiscard]] bool unchanged() const { return idleSlices_ != 0; }
   /// How many more writes may be refused.
   [[nodiscard]] unsigned refusalsLeft() const { return left_.refusals; }
   /// Of the published statuses and the entries of the tables.
   [[nodiscard]] KilnEmServer::StateDigest::Value outcome();
-  /// Withdraws every request and sees whether anything is left. To be called when ended() or never.
+  /// Withdraws every request and checks that nothing is left. To be called at most once, when ended().
   void withdrawEverything();
   [[nodiscard]] KilnAgent::EmbeddedAgent& agent() { return run_.agent(); }
-  /// The stage whose task ran last, or whose operation was answered; or the name of another task.
+  /// The stage whose task ran last, or whose operation was answered; or the name of a task of no stage.
   [[nodiscard]] const std::string& lastStage() const { return lastStage_; }
 
  private:
@@ -101,11 +102,11 @@ class ScheduleRun {
   std::vector<Choice> choices_;
   KilnEmServer::StateDigest digest_;
   bool exploring_ = false;
-  std::size_t next_ = 0;  ///< of the scenario's operations
+  std::size_t next_ = 0;  ///< index into the scenario's operations
   Troubles left_;
-  std::size_t idleSlices_ = 0;  ///< that changed nothing, one after the other
+  std::size_t idleSlices_ = 0;  ///< consecutive slices that changed nothing
   std::string lastStage_;
-  std::uint16_t yielded_ = 0;  ///< number of the task that was made to yield just now; 0 for none
+  std::uint16_t yielded_ = 0;  ///< number of the task that was just made to yield; 0 for none
 };
 
 }  // namespace KilnSim

@@ -36,7 +36,7 @@ void readHeader(const std::string& line, SmallScenario& scenario) {
   }
 }
 
-/// The explorer itself decides what runs when, and which answer is given.
+/// Operations whose effect the explorer chooses itself: running tasks, and delivering answers.
 bool isChosen(const Operation& operation) {
   return std::visit(
       []<class T>(const T&) {

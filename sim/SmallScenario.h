@@ -1,4 +1,4 @@
-// A small scenario: what is explored, and under which choices.
+// A small scenario: its operations, and the choices to explore.
 #pragma once
 
 #include <cstddef>
@@ -9,18 +9,18 @@
 
 namespace KilnSim {
 
-/// How often each of these may happen in one run, at a moment of the explorer's choice.
+/// How often each of these may happen in one run, at moments that the explorer chooses.
 struct Troubles {
   unsigned refusals = 0;  ///< writes that the chip refuses
   unsigned restarts = 0;  ///< of the server
   unsigned crashes = 0;   ///< of the server
-  unsigned losses = 0;    ///< crashes with which the store loses what is not committed
+  unsigned losses = 0;    ///< crashes in which the store loses uncommitted changes
 };
 
 inline constexpr std::size_t kMostExplored = 31;
 
-/// A file of operations, of which at most kMostExplored are explored. Its first line says `// explore: KEY
-/// VALUE ...`; a line `// explored from here` ends the part that only sets the state up.
+/// A file of operations, of which at most kMostExplored are explored. Its first line is `// explore: KEY
+/// VALUE ...`; a line `// explored from here` ends the setup.
 struct SmallScenario {
   std::string file;
   Troubles troubles;
@@ -31,7 +31,7 @@ struct SmallScenario {
   std::vector<KilnAgent::Operation> explored;
 };
 
-/// Throws InputError if the file is none.
+/// Throws InputError if the file is no small scenario.
 SmallScenario readSmallScenario(const std::string& file);
 
 }  // namespace KilnSim

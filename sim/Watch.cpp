@@ -25,7 +25,7 @@ std::uint64_t hashOf(const T& value) {
   return KilnPlatform::ValueHash<T>()(value);
 }
 
-/// What a status says as its result for as long as its request stands.
+/// The result in a status while its request exists.
 std::uint8_t resultOf(RequestKind kind) {
   return kind == RequestKind::hold ? 3 : 1;
 }
@@ -117,7 +117,7 @@ void Watch::handleChange(const std::string& stage) {
     checkReconciled(stage);
     return note(1);
   }
-  // Only the status stages of a feature that went are complete no more.
+  // Only the status stages of a removed feature are no longer complete.
   if (stage.find("SrvStatusSm") == std::string::npos) say(fmt::format("{} is complete no more", stage));
 }
 
@@ -186,7 +186,7 @@ void Watch::addProgrammed(const Subject& subject, std::optional<std::uint16_t> d
 
 void Watch::handleChange(const IntfIdSystemTcamId& interface) {
   ++inputs_;
-  // A domain that comes free goes to one that waited for it: another change, which nobody made from outside.
+  // A released domain is allotted to a waiting interface: a further change, which was not made from outside.
   if (before_.domainsAsked.contains(interface)) ++changes_;
   note(hashOf(interface));
   const auto domain = agent_.vlanDomains().status()->status().get(interface);
@@ -453,7 +453,8 @@ void Watch::checkStatuses(const Wanted& wanted, const Outcome& expected, const O
   }
 }
 
-/// A removal makes room for the entry that waits longest. Room made in another way is not looked for.
+/// A removal makes room for the entry that waits longest. Room that was made in another way is not
+/// considered.
 void Watch::checkWaiting(const Outcome& expected) {
   if (agent_.chip().status()->pendingHwWrites()) return;
   std::set<TableTag> waiting;
@@ -491,15 +492,14 @@ void Watch::checkDomains(const Wanted& wanted) {
 
 void Watch::checkSizes() {
   const Sizes sizes = agent_.server().leftovers();
-  // Rows come in the same order, by name.
+  // Rows are in the same order, by name.
   for (std::size_t i = 0; i < std::min(sizes.size(), sizes_.size()); ++i) {
     if (sizes[i] == sizes_[i]) continue;
-    // What a table refuses to one server it may take from the next one, and the other way round.
+    // A table may refuse an entry to one server and accept it from the next one, and vice versa.
     const auto ofRefusals = {"refusedKeys", "writtenKeys", "emWrittenKeys"};
     const auto endsWith = [&](const char* name) { return sizes_[i].first.ends_with(name); };
     if (std::any_of(ofRefusals.begin(), ofRefusals.end(), endsWith)) continue;
-    // A domain stays acknowledged while anybody asks for it, though nothing that needs it can be composed any
-    // more.
+    // A domain is acknowledged while it is requested, even if no key that needs it can be composed any more.
     if (sizes_[i].first.ends_with("resolutionInUse") && sizes[i].second < sizes_[i].second) continue;
     return say(fmt::format("{} of {} before a restart, {} of {} after it", sizes_[i].second, sizes_[i].first,
                            sizes[i].second, sizes[i].first));
@@ -520,8 +520,8 @@ bool Watch::changedEntry(const RequestPlace& place) const {
 void Watch::checkWindow(const Outcome& expected) {
   for (const RequestPlace& place : statusChanges_) {
     const auto was = valueIn(before_.statuses, place);
-    // What a table refuses to one server it may take from the next one, and the other way round; and what it
-    // refuses at first, when another entry is requested under the same version, when it is tried again.
+    // A table may refuse an entry to one server and accept it from the next one, and vice versa. It may also
+    // accept a refused entry on retry, if another entry was requested under the same version.
     const bool mayPass = restarted_ || changedEntry(place);
     if (mayPass && wasRefused(std::get<EmRequestKey>(place))) continue;
     if (was && was == valueIn(expected.statuses, place)) {

@@ -1,5 +1,5 @@
-// What must hold at every step of a run, seen from outside the server: in the store's records, in what the
-// chip did and in what the server says is complete.
+// Invariants that hold at every step of a run, checked from outside the server: in the store's records, in
+// the chip's operations and in the stages that the server reports as complete.
 #pragma once
 
 #include <cstdint>
@@ -17,22 +17,21 @@
 
 namespace KilnSim {
 
-/// Watches one agent from quiet moment to quiet moment. Between two of them lies a window, in which
-/// operations come and servers go.
+/// Watches one agent from quiet moment to quiet moment. The window between two of them contains operations
+/// and restarts.
 ///
-/// - A status says nothing but what answers the request that stands, and `hwSuccess` only where this server's
-///   write of that entry was accepted. While a request stands its status does not vanish.
-/// - The chip is asked for nothing but entries of requests of the window, under keys that these may have had.
-/// - In a window of a single change, restarts or not, what must be the same before and after is not touched.
-/// - When no task is ready, every status is the one that follows from the operations answered so far.
-/// - The VLAN domain of an interface is not given back while a table has, or is asked for, an entry of it,
-/// and
-///   two interfaces that do not share one never have entries under the same.
-/// - What a table refused waits only while the table is full.
+/// - A status answers the present request, and is `hwSuccess` only if this server's write of that entry was
+///   accepted. The status of a request does not disappear while the request exists.
+/// - The chip gets only entries of requests of the window, under keys that these may have had.
+/// - In a window of a single change, with or without restarts, an object that must be the same before and
+///   after is not touched.
+/// - When no task is ready, every status follows from the operations answered so far.
+/// - The VLAN domain of an interface is not released while a table has an entry of it, or an operation on one
+///   is unanswered. Two interfaces that do not share a domain never have entries under the same one.
+/// - A refused entry waits only while the table is full.
 /// - Over restarts alone, every collection, group and cache of the server ends with the same size.
-/// - A stage is complete once, the reconciliation only when the hardware has it all; and what it reports to
-/// have
-///   found and deleted is what was there and went.
+/// - A stage is complete once, reconciliation only when the hardware has everything; a stage's counts of
+///   found and deleted keys are the true ones.
 class Watch final : private KilnAgent::StoreObserver,
                     private KilnAgent::TableWatcher,
                     private KilnPlatform::KeySubscriber<IntfIdSystemTcamId>,
@@ -43,42 +42,42 @@ class Watch final : private KilnAgent::StoreObserver,
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
 
-  /// The server is about to go, with what the store noted last if `reverted`.
+  /// The server is about to be destroyed; if `reverted`, the store returns to its last commit.
   void serverEnds(bool reverted);
-  /// Another server works on the same store and chip.
+  /// Another server uses the same store and chip.
   void serverBegins();
-  /// So many changes are about to be made from outside. One that has effects of its own counts as several.
+  /// So many changes are about to be made from outside. A change with indirect effects counts as several.
   void changes(std::size_t count) { changes_ += count; }
-  /// The feature's collections are about to vanish.
+  /// The feature's collections are about to be removed.
   void featureGoes(FeatureType feature);
-  /// Room may appear in the table that no removal made.
+  /// The table may get room without a removal.
   void makesRoom(TableTag table) { madeRoom_.insert(table); }
-  /// Interfaces may get the domains of others by hand.
+  /// Domains may be allotted by hand to several interfaces.
   void allotsByHand() { byHand_ = true; }
-  /// No task is ready. This is what must be published and programmed, and what is. The window ends if every
+  /// No task is ready. `expected` must be published and programmed, `found` is. The window ends if every
   /// operation is answered.
   void quiet(const Wanted& wanted, const Outcome& expected, const Outcome& found, bool answered);
 
-  /// Whether the chip's last word on this write was a refusal.
+  /// Whether the chip's latest answer to this write was a refusal.
   [[nodiscard]] bool refused(const EmResolvedKey& key, const EmEntry& entry) const;
-  /// What did not hold since this was asked last; empty where all did.
+  /// The failed checks since the last call; empty if all passed.
   [[nodiscard]] std::string takeWrong() { return std::exchange(wrong_, {}); }
-  /// What statuses and entries were to be and were not, as expectations of a scenario that watches since the
-  /// last quiet moment.
+  /// Required statuses and entries that were missing or wrong, as expectations of a scenario that watches
+  /// since the last quiet moment.
   [[nodiscard]] std::vector<KilnAgent::Operation> takeExpected() { return std::exchange(expected_, {}); }
-  /// Of all that was seen, in its order.
+  /// Of all observations, in their order.
   [[nodiscard]] std::uint64_t digest() const { return digest_; }
   /// Changes of requests and domains since the window began.
   [[nodiscard]] std::size_t inputs() const { return inputs_; }
-  /// Writes that the chip refused, ever.
+  /// Number of writes that the chip refused so far.
   [[nodiscard]] std::uint64_t refusals() const { return refusals_; }
-  /// Describes all that a later verdict may depend on, beside the agent's state. What was seen and counted is
-  /// left out.
+  /// Describes everything, in addition to the agent's state, on which a later verdict may depend.
+  /// Observations and counters are left out.
   void noteState(KilnEmServer::StateDigest& digest) const;
 
  private:
   using Sizes = std::vector<std::pair<std::string, std::size_t>>;
-  /// The write of a key that no removal has followed.
+  /// The last write of a key without a later removal.
   struct LastWrite {
     std::uint64_t number = 0;
     EmEntry entry;
@@ -109,20 +108,20 @@ class Watch final : private KilnAgent::StoreObserver,
   void mayBeProgrammed(const RequestPlace& place, const Request& request);
   void addProgrammed(const Subject& subject, std::optional<std::uint16_t> domain);
   void domainRequestChanged(const IntfIdSystemTcamId& interface);
-  /// No other interface has entries under the domain of this key, unless they share it.
+  /// Checks that no other interface has entries under the domain of this key, unless they share it.
   void checkOwner(const EmResolvedKey& key);
   void checkStatuses(const Wanted& wanted, const Outcome& expected, const Outcome& found);
   void checkWaiting(const Outcome& expected);
   void checkDomains(const Wanted& wanted);
   /// The requests of the window for this key whose entries its table cannot hold.
   [[nodiscard]] std::set<Subject> unwritable(const EmResolvedKey& hwKey) const;
-  /// A key that only moves is written where it goes before it is removed where it was.
+  /// Checks that a key that moves is written at its new place before it is removed from the old one.
   void checkMoved(const EmResolvedKey& from);
   void checkWindow(const Outcome& expected);
-  /// The window has more than one entry that was requested there.
+  /// Whether the window has more than one entry that was requested there.
   [[nodiscard]] bool changedEntry(const RequestPlace& place) const;
   void beginWindow(const Wanted& wanted, const Outcome& expected);
-  /// A status of this version or result is to stand; none where neither is given.
+  /// A status of this version or result is required; none if neither is given.
   void expectStatus(const RequestPlace& place, std::optional<std::uint32_t> requestVersion,
                     std::optional<std::uint8_t> result);
   void expectUntouched(const RequestPlace& place, const StatusSeen& was);
@@ -147,15 +146,15 @@ class Watch final : private KilnAgent::StoreObserver,
   // Of the chip.
   HardwareLog log_;
   bool byHand_ = true;           ///< whether interfaces that do not share may have one domain
-  std::set<TableTag> madeRoom_;  ///< tables in which what was refused need not be tried again
+  std::set<TableTag> madeRoom_;  ///< tables in which refused entries need not be tried again
 
   // Of the store.
-  std::set<RequestPlace> present_;  ///< requests that stand
+  std::set<RequestPlace> present_;  ///< existing requests
 
   // Of this server.
-  std::set<RequestPlace> foundStatuses_;     ///< that an earlier server had published
-  std::set<RequestPlace> vanishedStatuses_;  ///< of these, the ones that did not stay
-  std::set<FeatureType> gone_;               ///< features whose collections went meanwhile
+  std::set<RequestPlace> foundStatuses_;     ///< published by an earlier server
+  std::set<RequestPlace> vanishedStatuses_;  ///< of these, the ones that disappeared
+  std::set<FeatureType> gone_;               ///< features whose collections were removed in the meantime
   std::set<Programmed> accepted_;
   std::map<EmResolvedKey, LastWrite> lastWrite_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;
@@ -169,13 +168,13 @@ class Watch final : private KilnAgent::StoreObserver,
   std::size_t inputs_ = 0;
   Outcome before_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfWindow_;
-  std::set<EmResolvedKey> refused_;  ///< keys of which a write was refused, at the window's begin or in it
-  Sizes sizes_;                      ///< of what the server held before it went
+  std::set<EmResolvedKey> refused_;  ///< keys of which a write was refused, before or in the window
+  Sizes sizes_;                      ///< of the server's collections before the restart
   std::set<RequestPlace> contenders_;
   std::set<Subject> requested_;
   std::map<Programmed, std::set<Subject>> mayBeProgrammed_;
   std::set<RequestPlace> statusChanges_;
-  std::set<EmResolvedKey> touched_;  ///< under which the chip came to hold something else
+  std::set<EmResolvedKey> touched_;  ///< keys whose content in the chip changed
 };
 
 }  // namespace KilnSim

@@ -30,8 +30,8 @@ namespace {
 
 constexpr std::size_t kMostJobs = 64;
 constexpr std::size_t kMostMarks = 128;
-/// One seed in so many is run a second time, traced if the first run was not and not traced if it was, and
-/// must do the same; one in so many counts the marks.
+/// One in so many seeds is run a second time, traced if the first run was not and vice versa, and must do the
+/// same; one in so many counts the marks.
 constexpr std::uint64_t kTwiceEvery = 8;
 constexpr std::uint64_t kMarksEvery = 1;
 
@@ -68,7 +68,7 @@ struct Task {
   }
 };
 
-/// What processes share: how far each has come, and what they saw together.
+/// The data that processes share: the progress of each, and their common results.
 struct Shared {
   struct Worker {
     std::atomic<std::size_t> next;  ///< index of the task that is running or to be run
@@ -93,7 +93,7 @@ void tellFailure(const Task& task, std::size_t step, const std::string& wrong) {
   std::fflush(stdout);
 }
 
-/// Runs the tasks, on one process or several that are replaced where they die.
+/// Runs the tasks, in one process or in several that are replaced when they die.
 class Campaign {
  public:
   Campaign(std::vector<Task> tasks, unsigned jobs, std::vector<std::string> marks, std::uint64_t failures)
@@ -105,7 +105,7 @@ class Campaign {
     if (marks_.size() > kMostMarks) throw KilnAgent::InputError("too many marks");
   }
 
-  /// True where every task held and every mark was hit.
+  /// True if every task passed and every mark was hit.
   bool run() {
     begin_ = std::chrono::steady_clock::now();
     std::vector<pid_t> children;
@@ -141,7 +141,7 @@ class Campaign {
     const pid_t child = fork();
     if (child != 0) return child;
     work(job);
-    std::exit(0);  // so that what counts coverage or leaks in a process has its say
+    std::exit(0);  // so that coverage and leak checks of the process can finish
   }
 
   void work(unsigned job) {
@@ -174,7 +174,7 @@ class Campaign {
     shared_.faults += tally.faults;
   }
 
-  /// Tracing only observes.
+  /// Checks that tracing has no side effects.
   static void compareTraced(const Plan& plan, const Tally& tally, bool traced, Verdict& verdict) {
     Tally again;
     Marks marks;
@@ -186,7 +186,7 @@ class Campaign {
                                 first - verdict.digests.begin() + 1, verdict.digests.size());
   }
 
-  /// A worker ended by a failed assertion or a fault, about which it said what it could.
+  /// A worker died of a failed assertion or a fault, after it reported what it could.
   void died(unsigned job) {
     Shared::Worker& worker = shared_.workers[job];
     const Task& task = tasks_[worker.next];
@@ -237,7 +237,7 @@ class Campaign {
   std::vector<Task> tasks_;
   unsigned jobs_;
   std::vector<std::string> marks_;
-  std::uint64_t failures_;  ///< after which it stops
+  std::uint64_t failures_;  ///< stops after so many
   Shared& shared_;
   std::chrono::steady_clock::time_point begin_;
 };
@@ -287,7 +287,7 @@ int minimizeOne(const Arguments& arguments, const Task& task) {
   plan = minimize(std::move(plan));
   Verdict verdict = runApart(plan);
   Tally tally;
-  // A verdict that was reached here also knows what was expected.
+  // A verdict that was reached in this process also has the expectations.
   if (verdict.wrong != "the process died\n") verdict = run(plan, tally, nullptr);
   std::ofstream(arguments.out) << scenarioOf(plan, verdict);
   fmt::print("{}{} operations in {}: {}\n", verdict.wrong, plan.operations.size(), arguments.out,
@@ -295,7 +295,7 @@ int minimizeOne(const Arguments& arguments, const Task& task) {
   return 1;
 }
 
-/// Explores each of the scenarios; one line for each.
+/// Explores each of the scenarios; prints one line for each.
 int exploreAll(const Arguments& arguments) {
   bool held = true;
   for (const std::string& file : arguments.explored) {
