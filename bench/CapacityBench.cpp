@@ -1,4 +1,4 @@
-// What an update of the capacity table costs on 8 FAPs of 2 cores, with few and with many entries in the
+// The cost of an update of the capacity table on 8 FAPs of 2 cores, with few and with many entries in the
 // tables.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -26,14 +26,14 @@ AgentOptions eightFaps() {
   return options;
 }
 
-/// Another amount of external use asks for an update, which changes one row.
+/// A changed amount of external use triggers an update, which changes one row.
 void changeExternalUse(EmbeddedAgent& agent, std::uint32_t entries) {
   agent.externalUsers().user().is("bench",
                                   {{{Hardware::Kiln::FapId(3), Hardware::Kiln::LocalCoreId(1), 0, entries}}});
   agent.settle();
 }
 
-// The counters are per update, and tell without a clock what was done: slices run, and rows written.
+// The counters are per update and count the work without a clock: slices run, and rows written.
 void capacityUpdate(benchmark::State& state) {
   EmbeddedAgent agent(eightFaps());
   for (std::uint32_t n = 0; n < static_cast<std::uint32_t>(state.range(0)); ++n) {

@@ -1,6 +1,6 @@
-// What the whole server is compared with: chains of 14 stages that do as little as such a chain can do, and
-// that do it as one would at first. Each stage owns one collection, reads the one before it, and notifies
-// the next. Keys have 40 bytes, values from 8 to 96.
+// Reference designs for the whole server: chains of 14 stages, one that does the minimum work of such a chain
+// and one that is written in the obvious way. Each stage owns one collection, reads the previous one, and
+// notifies the next stage. Keys have 40 bytes, values from 8 to 96.
 #pragma once
 
 #include <array>
@@ -37,7 +37,7 @@ inline constexpr std::array<std::size_t, kStages> kValueBytes{96, 64, 8,  16, 40
 template <std::size_t stage>
 struct ChainValue {
   std::array<std::uint64_t, kValueBytes[stage] / 8> words;
-  /// Without the call of memcmp that a comparison of arrays becomes.
+  /// Avoids the call of memcmp to which a comparison of arrays compiles.
   friend bool operator==(const ChainValue& a, const ChainValue& b) {
     return [&]<std::size_t... at>(std::index_sequence<at...>) {
       return ((a.words[at] == b.words[at]) && ...);
@@ -54,11 +54,11 @@ constexpr ChainValue<0> chainRequest(std::uint32_t n, std::uint32_t version) {
   return value;
 }
 
-/// A request that was made and waits to be handed in.
+/// A request that was created and is not submitted yet.
 struct ChainRequest {
   ChainKey key;
   ChainValue<0> value;
-  bool wanted;  ///< false where it is withdrawn
+  bool wanted;  ///< false if it is withdrawn
 };
 constexpr ChainRequest chainPublication(std::uint32_t n, std::uint32_t version) {
   return {chainKey(n), chainRequest(n, version), true};
@@ -67,7 +67,7 @@ constexpr ChainRequest chainWithdrawal(std::uint32_t n) {
   return {chainKey(n), {}, false};
 }
 
-/// What a stage makes of the value of the one before it.
+/// A stage's value, computed from the value of the previous stage.
 template <std::size_t stage>
 constexpr ChainValue<stage> chainStep(const ChainValue<stage - 1>& before) {
   ChainValue<stage> value;
@@ -89,11 +89,11 @@ class Chain {
   Chain& operator=(const Chain&) = delete;
   void publish(std::uint32_t n, std::uint32_t version);
   void withdraw(std::uint32_t n);
-  /// Hands in what was published and withdrawn.
+  /// Submits the created publications and withdrawals.
   void handIn();
-  /// Works off what was handed in.
+  /// Handles everything that was submitted.
   void settle();
-  /// Entries that the last stage holds with what follows from this version.
+  /// Number of entries whose content in the last stage is derived from this version.
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
@@ -125,26 +125,26 @@ std::uint32_t Chain<Content>::settled(std::uint32_t version) const {
   return content_->settled(version);
 }
 
-/// What the last stage makes of a version of a request begins with this word.
+/// The first word of the last stage's value for a version of a request.
 constexpr std::uint64_t lastWordOf(std::uint32_t version) {
   return version + kStages * (kStages - 1) / 2;
 }
 
 /// The least that a chain can cost: keys interned once, columns by 32-bit handle in pages, lists of changed
-/// handles with a dirty bit, batches of 256 that go through all stages, memory fetched ahead. Hand-written,
-/// without a runtime: nothing can be plugged in, scanned, yielded, restarted or traced.
+/// handles with a dirty bit, batches of 256 that pass through all stages, prefetching. Hand-written, without
+/// a runtime: stages cannot be added, scanned, interrupted, restarted or traced.
 struct FloorContent;
 extern template class Chain<FloorContent>;
 using FloorChain = Chain<FloorContent>;
 
-/// The same chain as stages of the server's runtime: what remains of the floor's cheapness where stages are
-/// separate, and can be scanned, yielded, restarted and traced.
+/// The same chain as stages of the server's runtime. Shows how close to the floor separate stages are that
+/// can be scanned, interrupted, restarted and traced.
 struct StageContent;
 extern template class Chain<StageContent>;
 using StageChain = Chain<StageContent>;
 
-/// A chain as one would write it at first: a map per stage, a std::function per subscription, called at once,
-/// which reads the value by key.
+/// A chain written in the obvious way: a map per stage, and a std::function per subscription, which is called
+/// synchronously and reads the value by key.
 struct NaiveContent;
 extern template class Chain<NaiveContent>;
 using NaiveChain = Chain<NaiveContent>;

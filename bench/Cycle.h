@@ -1,4 +1,4 @@
-// The four operations, one after the other, on anything that takes requests.
+// The four operations, one after the other, on any subject that accepts requests.
 #pragma once
 
 #include <algorithm>
@@ -20,27 +20,27 @@ constexpr std::size_t indexOf(Operation operation) {
   return static_cast<std::size_t>(operation);
 }
 
-/// What an operation cost, per entry.
+/// The cost of an operation, per entry.
 struct Cost {
   double nanoseconds = 0;
   double allocations = 0;
-  /// What the heap holds after it, above what it held when nothing had been published.
+  /// Heap in use after it, above the heap in use before anything was published.
   double bytes = 0;
 };
 using CycleCost = std::array<Cost, kOperationNames.size()>;
 
-/// How a cycle is run.
+/// The settings of a cycle.
 struct CycleSetting {
   std::uint32_t entries = 0;
   bool shuffled = false;  ///< each operation in an order of its own
-  /// Requests that are handed in before the subject may work on them.
+  /// Requests that are submitted before the subject may handle them.
   std::uint32_t burst = 256;
-  /// How often new versions come, and identical ones: the last time counts, when all memory that such a
-  /// change takes is there.
+  /// Repetitions of new versions and of identical publications: the last repetition counts, when all memory
+  /// that such a change needs is allocated.
   std::uint32_t rounds = 1;
 };
 
-/// Told when an operation begins and when it is done.
+/// Notified when an operation begins and ends.
 class CycleObserver {
  public:
   virtual void begin(Operation operation) = 0;
@@ -50,19 +50,19 @@ class CycleObserver {
   ~CycleObserver() = default;
 };
 
-/// Whether a subject has something to do at a restart.
+/// Whether a subject has work to do at a restart.
 template <class Subject>
 concept Restartable = requires(Subject& subject) {
   subject.stop();
 };
 
-/// Requests that are handed in together at most.
+/// Maximum number of requests that are submitted together.
 inline constexpr std::size_t kListSize = 256;
 
-/// Runs the operations over one subject, which must be empty, and checks after each what it led to. A
-/// subject's `publish` and `withdraw` only make the requests that its `handIn` hands in: to make them is the
-/// features' own work, and takes no part in the time that is measured (in what the allocator is asked for, it
-/// does, and in what an observer sees).
+/// Runs the operations over one subject, which must be empty, and checks the result of each. A subject's
+/// `publish` and `withdraw` only create the requests that its `handIn` submits. Creating them is the
+/// features' own work and is not part of the measured time; it is part of the counted allocations and of what
+/// an observer measures.
 template <class Subject>
 class Cycle {
  public:

@@ -1,5 +1,5 @@
-// What single events cost, where many entries could make them cost more: conflicts, VLAN domains, one entry
-// among many that nobody has looked at for long.
+// The cost of single events that many entries could make more expensive: conflicts, VLAN domains, and one
+// entry among many that was not used for a long time.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
@@ -34,7 +34,7 @@ void require(benchmark::State& state, const WholeServer& server, const Request& 
   if (!found || found->status != status) state.SkipWithError("what was measured did not do its work");
 }
 
-/// Every key is wanted by three features, and the winner of each leaves.
+/// Every key is requested by three features, and the winner of each withdraws.
 void winnerLeaves(benchmark::State& state) {
   const auto keys = static_cast<std::uint32_t>(state.range(0));
   const auto asked = [](std::uint32_t n, FeatureType feature) {
@@ -80,7 +80,7 @@ Request untagged(std::uint32_t n) {
   return {KilnEmServer::EmType::isem, FeatureType::bridging, IsemUntaggedComposerKey{1000 + n, 0}};
 }
 
-/// That many interfaces share one domain, so that their requests want one hardware key.
+/// So many interfaces share one domain, so that their requests have one hardware key.
 void shareOneDomain(WholeServer& server, std::uint32_t losers) {
   server.vlanDomains().modeIs(KilnAgent::VlanDomainService::Mode::manual);
   for (std::uint32_t n = 0; n <= losers; ++n) {
@@ -91,7 +91,7 @@ void shareOneDomain(WholeServer& server, std::uint32_t losers) {
   server.settle();
 }
 
-/// One hardware key has many losers: its winner asks for another entry, then leaves and comes back.
+/// One hardware key has many losers: its winner requests another entry, then withdraws and publishes again.
 void manyLosers(benchmark::State& state) {
   const auto losers = static_cast<std::uint32_t>(state.range(0));
   WholeServer server;
@@ -127,7 +127,8 @@ BENCHMARK(manyLosers)
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 
-/// Many keys lie in one domain: the interface gets another one; then one of the keys a new version.
+/// Many keys use one domain: first the interface gets another domain, then one of the keys gets a new
+/// version.
 void domainChange(benchmark::State& state) {
   const auto keys = static_cast<std::uint32_t>(state.range(0));
   const IntfIdSystemTcamId interface { 1000, 0 };
@@ -170,7 +171,7 @@ BENCHMARK(domainChange)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-/// One request of many, drawn by chance, gets a new version, and everything is quiet before the next.
+/// One random request of many gets a new version; everything is quiet before the next.
 void coldEntry(benchmark::State& state) {
   constexpr std::uint32_t kSingles = 5'000;
   const auto entries = static_cast<std::uint32_t>(state.range(0));

@@ -12,12 +12,13 @@ namespace KilnBench {
 namespace {
 
 constexpr std::size_t kBatch = 256;
-constexpr std::size_t kAhead = 16;  ///< items between the one that is handled and the one that is fetched
+constexpr std::size_t kAhead = 16;  ///< distance between the handled and the prefetched item
 
 using Handle = std::uint32_t;
 constexpr Handle kNone = ~Handle{0};
 
-/// Fetches the lines of `bytes` bytes. Inlined by force: g++ 12 drops calls to a function that does no more.
+/// Prefetches the lines of `bytes` bytes. Always inlined: g++ 12 drops calls to a function that does nothing
+/// else.
 template <std::size_t bytes>
 [[gnu::always_inline]] inline void fetch(const void* memory) {
   const auto* begin = static_cast<const std::byte*>(memory);
@@ -26,7 +27,7 @@ template <std::size_t bytes>
   if constexpr (bytes > 8) __builtin_prefetch(begin + bytes - 8);
 }
 
-/// Elements that never move, by handle; they lie in the same kind of memory as the server's.
+/// Elements that never move, by handle, in the same kind of memory as the server's.
 template <class T>
 class Pages {
  public:
@@ -55,7 +56,7 @@ class Bits {
     if (handle / 64 == words_.size()) words_.push_back(0);
   }
   [[nodiscard]] bool test(Handle handle) const { return (words_[handle / 64] >> (handle % 64) & 1U) != 0; }
-  /// True where it was not set.
+  /// True if it was not set.
   bool set(Handle handle) {
     const std::uint64_t before = words_[handle / 64];
     words_[handle / 64] = before | std::uint64_t{1} << (handle % 64);
@@ -71,7 +72,7 @@ class Bits {
 class Index {
  public:
   [[gnu::always_inline]] inline void fetchCell(std::uint32_t hash) const { fetch<8>(&cells_[hash & mask()]); }
-  /// The handle under a hash that is the key's, in all probability.
+  /// The handle that is probably the one of the key with this hash.
   [[nodiscard]] Handle likely(std::uint32_t hash) const {
     return find(hash, [](Handle) { return true; });
   }
@@ -124,7 +125,7 @@ template <std::size_t stage>
 struct Column {
   Pages<ChainValue<stage>> values;
   Bits present;
-  Bits dirty;  ///< stands in the list of what this stage is to handle
+  Bits dirty;  ///< in the list of changes that this stage must handle
 };
 
 template <class Stages>
@@ -255,7 +256,7 @@ struct FloorContent {
       changed[stage].push_back(handle);
     }
   }
-  /// What is gone from the last stage is gone from all.
+  /// A key that was removed from the last stage was removed from all.
   void release() {
     for (const Handle handle : changed[kStages - 1]) {
       if (column<kStages - 1>().present.test(handle)) continue;
@@ -283,8 +284,8 @@ struct FloorContent {
   std::vector<Handle> free;
   Handle used = 0;
   Columns<std::make_index_sequence<kStages>>::Type columns;
-  std::array<std::vector<Handle>, kStages> changed;  ///< by the stage that changed
-  std::vector<ChainRequest> requests;                ///< that were made and are not handed in
+  std::array<std::vector<Handle>, kStages> changed;  ///< by the stage that made the change
+  std::vector<ChainRequest> requests;                ///< created and not submitted yet
   std::array<Change, kBatch> intake{};
   std::size_t waiting = 0;
 };

@@ -1,5 +1,5 @@
-// How long a single request waits for its status, and how long slices last, while others keep the server
-// busy.
+// The time from a single request to its status, and the duration of slices, while the server is busy with
+// others.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -22,12 +22,12 @@ double microsecondsSince(Clock::time_point begin) {
   return std::chrono::duration<double, std::micro>(Clock::now() - begin).count();
 }
 
-/// Runs slices and keeps how long each lasted, in microseconds of the thread's own time: what other programs
-/// take is not the slice's.
+/// Runs slices and records the duration of each, in microseconds of the thread's own time, so that other
+/// programs do not count.
 class SliceTimer {
  public:
   explicit SliceTimer(WholeServer& server) : server_(server) {}
-  /// False where nothing was ready to run.
+  /// False if no task was ready.
   bool runOne() {
     bool ran = false;
     const double nanoseconds = timed([&] { ran = server_.scheduler().runOne(); });
@@ -64,7 +64,7 @@ void load(WholeServer& server, std::uint32_t entries) {
   server.settle();
 }
 
-/// New versions of entries that are drawn by chance, without end.
+/// An endless sequence of new versions of random entries.
 class Churn {
  public:
   Churn(WholeServer& server, std::uint32_t entries) : server_(server), entries_(entries) {}
@@ -79,7 +79,7 @@ class Churn {
   std::mt19937_64 random_{1};
 };
 
-/// Publishes single requests beyond the entries that churn, one at a time.
+/// Publishes single requests of keys that do not churn, one at a time.
 class Probe {
  public:
   Probe(WholeServer& server, std::uint32_t first) : server_(server), first_(first) {}
@@ -88,7 +88,7 @@ class Probe {
     begin_ = Clock::now();
     server_.publish(current(), version_);
   }
-  /// Whether the last one's status has come; keeps its latency then.
+  /// Whether the last request has its status; records its latency then.
   bool answered() {
     const auto status = statusOf(server_.store(), requestOf(kMixed, current()));
     if (!status || status->version != version_ || status->status != KilnEmServer::EmStatus::hwSuccess) {
@@ -97,7 +97,7 @@ class Probe {
     latencies_.push_back(microsecondsSince(begin_));
     return true;
   }
-  /// Keeps how long the last one has waited without an answer.
+  /// Records how long the last request has waited without an answer.
   void giveUp() { latencies_.push_back(microsecondsSince(begin_)); }
   [[nodiscard]] std::size_t count() const { return latencies_.size(); }
   [[nodiscard]] std::vector<double> latencies() const { return latencies_; }
@@ -111,13 +111,13 @@ class Probe {
   std::vector<double> latencies_;
 };
 
-/// A rate of changes that comes by the clock, whatever the server has done meanwhile: each entry changes once
-/// a second where the rate is as large as the number of entries.
+/// A rate of changes given by the clock, independent of the server's progress: each entry changes once a
+/// second if the rate equals the number of entries.
 void latencyAtRate(benchmark::State& state) {
   const auto entries = static_cast<std::uint32_t>(state.range(0));
   const auto perSecond = static_cast<double>(state.range(1));
   constexpr std::size_t kProbes = 5'000;
-  constexpr double kAtMost = 10e6;  // microseconds: where the rate is too much for the server
+  constexpr double kAtMost = 10e6;  // microseconds: for a rate that the server cannot handle
   WholeServer server(kMixed, kSliceBudget);
   load(server, entries);
   Churn churn(server, entries);
@@ -163,7 +163,7 @@ BENCHMARK(latencyAtRate)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-/// The server is never idle: whenever it has done everything, a burst comes, and a single request with it.
+/// The server is never idle: whenever it has finished, a burst is published, with a single request.
 void latencySaturated(benchmark::State& state) {
   const auto entries = static_cast<std::uint32_t>(state.range(0));
   const auto burst = static_cast<std::uint64_t>(state.range(1));
@@ -193,8 +193,8 @@ BENCHMARK(latencySaturated)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-/// The longest slices of first inserts at once, of a restart, and of withdrawals at once: growth and decay of
-/// the whole included; with so many bytes per entry reserved before.
+/// The longest slices of one batch of first inserts, of a restart, and of one batch of withdrawals, including
+/// growing and shrinking; with so many bytes per entry reserved before.
 void worstSlices(benchmark::State& state) {
   const auto entries = static_cast<std::uint32_t>(state.range(0));
   KilnEmServer::PageArena::instance().reserve(std::size_t{entries} *

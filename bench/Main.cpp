@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-// Without a filter, what takes minutes is left out: a million entries.
+// Without a filter, the benchmarks that take minutes are left out: those with a million entries.
 int main(int argc, char** argv) {
   bool filtered = false;
   for (int i = 1; i < argc; ++i) {

@@ -9,7 +9,7 @@
 
 #include "kiln/runtime/collections/PageArena.h"
 
-// The program's own definitions of these functions take the place of the C library's, also for its libraries.
+// These definitions in the program replace the C library's, also for calls from the program's libraries.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -21,7 +21,7 @@ namespace {
 
 std::atomic<std::uint64_t> asked{0};
 
-// One thread allocates: a plain increment will do, and costs what is measured least.
+// Only one thread allocates, so a plain increment is enough, and it disturbs the measurement least.
 void count() {
   asked.store(asked.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }

@@ -1,4 +1,4 @@
-// How benchmarks measure: the thread's own CPU time, medians, and what the allocator was asked for.
+// Measurement: the thread's own CPU time, medians, and counted allocations.
 #pragma once
 
 #include <time.h>
@@ -10,8 +10,8 @@
 
 namespace KilnBench {
 
-/// CPU time of this thread in nanoseconds. Others on the machine lengthen it only by what they take of the
-/// caches and the memory.
+/// CPU time of this thread in nanoseconds. Other programs on the machine increase it only through their use
+/// of caches and memory.
 inline double threadNanoseconds() {
   timespec now{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -26,7 +26,7 @@ double timed(Work&& work) {
   return threadNanoseconds() - begin;
 }
 
-/// The value below which `share` (0 to 1) of the samples lie; there must be at least one. Reorders them.
+/// The value below which `share` (0 to 1) of the samples are; there must be at least one. Reorders them.
 inline double quantile(std::vector<double>& samples, double share) {
   const auto last = static_cast<double>(samples.size() - 1);
   const auto at = samples.begin() + static_cast<std::ptrdiff_t>(last * share);
@@ -47,9 +47,9 @@ constexpr std::uint64_t mixed(std::uint64_t number) {
 /// The numbers from 0 to count - 1; shuffled, in an order that is the same for the same `seed`.
 std::vector<std::uint32_t> numbers(std::uint32_t count, bool shuffled, std::uint64_t seed);
 
-/// How often this process asked the allocator for memory since it began.
+/// Number of this process's calls of the allocator so far.
 std::uint64_t allocations();
-/// Bytes that the allocator has given out and not got back, its own overhead included.
+/// Bytes that are allocated and not freed, including the allocator's overhead.
 std::size_t heapBytes();
 
 }  // namespace KilnBench

@@ -1,6 +1,6 @@
-// The whole server once more, on naive collections: the same sources are compiled a second time, with the
-// headers of bench/naive in the place of the runtime's and with namespaces of another name. This is where the
-// two meet, so no type of either is named here.
+// A second build of the whole server on naive collections: the same sources, compiled with the headers of
+// bench/naive instead of the runtime's and with renamed namespaces. This header is used by both builds, so it
+// names no type of either.
 #pragma once
 
 #include <cstdint>

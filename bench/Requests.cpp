@@ -18,7 +18,8 @@ using KilnEmServer::FeatureType;
 constexpr std::uint32_t kVlanIds = 4094;
 constexpr std::uint32_t kFodoIds = 1U << 18U;
 
-/// Of a hundred requests of the mix, those below `below` and not below the one before have this type.
+/// Out of a hundred requests of the mix, the numbers below `below`, and not below that of the previous row,
+/// have this type.
 struct Share {
   std::uint32_t below;
   RequestMix type;
@@ -37,7 +38,7 @@ RequestMix typeOf(RequestMix mix, std::uint32_t n) {
   const std::uint32_t draw = n * 37 % 100;
   for (const Share& share : kShares) {
     if (draw >= share.below) continue;
-    // The types with few keys leave room to others.
+    // The types with few keys leave their share to others.
     if (share.type == RequestMix::isemUntaggedEntryKey && n >= kInterfaces) {
       return RequestMix::isem1TagEntryKey;
     }

@@ -20,29 +20,29 @@ namespace KilnBench {
 using RequestMix = KilnEmServer::EmComposerKeyUnionTag;
 inline constexpr RequestMix kMixed = RequestMix::undefined_;
 
-/// "mixed", or as the type's table is called.
+/// "mixed", or the name of the type's table.
 std::string_view mixName(RequestMix mix);
-/// The most requests of a mix that all have a hardware key of their own.
+/// Maximum number of requests of a mix that have different hardware keys.
 std::uint32_t mostRequests(RequestMix mix);
 
-/// Interfaces whose requests need a VLAN domain, each with a domain of its own.
+/// Interfaces whose requests need a VLAN domain; each has its own domain.
 inline constexpr std::uint32_t kInterfaces = 480;
 
-/// A request in the terms of one database.
+/// A request with the types of one database.
 struct Request {
   KilnEmServer::EmType database;
   KilnEmServer::FeatureType feature;
   KilnEmServer::EmComposerKey key;
 };
-/// A request that was made and waits to be handed in.
+/// A request that was created and is not submitted yet.
 struct MadeRequest {
   Request request;
   KilnEmServer::EmEntry entry;
-  std::uint32_t version;  ///< 0 where it is withdrawn
+  std::uint32_t version;  ///< 0 if it is withdrawn
 };
 /// The n-th request of a mix. Different numbers have different keys.
 Request requestOf(RequestMix mix, std::uint32_t n);
-/// The entry that a version of the n-th request asks for; another one for each version.
+/// The entry that a version of the n-th request publishes; each version has another one.
 KilnEmServer::EmEntry entryOf(const KilnEmServer::EmComposerKey& key, std::uint32_t n, std::uint32_t version);
 
 MadeRequest publicationOf(RequestMix mix, std::uint32_t n, std::uint32_t version);
@@ -52,13 +52,13 @@ void publish(KilnAgent::MemoryStateStore& store, const Request& request, const K
              std::uint32_t version);
 void withdraw(KilnAgent::MemoryStateStore& store, const Request& request);
 
-/// What features hand in together: per feature and database a list of requests and one of keys to withdraw.
-/// For each key at most one of the two, and once.
+/// The requests that features submit together: per feature and database a list of requests and a list of keys
+/// to withdraw. Each key is in at most one of the two, and once.
 class RequestLists {
  public:
   RequestLists();
   void add(const MadeRequest& made);
-  /// Hands all in and empties the lists.
+  /// Submits all requests and empties the lists.
   void handIn(KilnAgent::MemoryStateStore& store);
 
  private:
@@ -88,7 +88,7 @@ class RequestLists {
              ListsByFeature<KilnTunnelNiLib::Lem>>
       lists_;
 };
-/// What a request's feature can read; null where nothing was published yet.
+/// The status that a request's feature can read; null if nothing was published yet.
 struct StatusView {
   KilnEmServer::EmStatus status;
   std::uint32_t version;

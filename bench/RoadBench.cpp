@@ -1,5 +1,5 @@
-// The whole road: what each operation costs per entry, beside the floor, the naive server, and what of it is
-// store and chip.
+// The whole path of an entry: the cost of each operation per entry, compared with the floor and the naive
+// server, and the share of store and chip.
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
@@ -20,8 +20,8 @@
 namespace KilnBench {
 namespace {
 
-/// One thing that is measured: its name, whether it has something to do at a restart, and a cycle over a new
-/// one of it.
+/// A candidate of the comparison: its name, whether it has work to do at a restart, and a cycle over a new
+/// instance.
 struct Candidate {
   std::string name;
   bool restarts;
@@ -36,8 +36,7 @@ Candidate candidate(std::string name, Arguments... arguments) {
           }};
 }
 
-/// What is compared with each other is measured in turns, so that a machine that is slow for a while is slow
-/// for all of them.
+/// Candidates are measured in turns, so that a machine that is slow for a while is slow for all of them.
 class Comparison {
  public:
   explicit Comparison(std::vector<Candidate> candidates) : candidates_(std::move(candidates)) {}
@@ -145,7 +144,7 @@ bool registerMixed() {
   return true;
 }
 
-/// All requests at once: the server sees no end of them before it begins.
+/// All requests in one batch: the server starts after the last one was submitted.
 bool registerAtOnce() {
   const auto comparison =
       std::make_shared<Comparison>(std::vector{candidate<ServerWithLists>("mixedAtOnce", kMixed)});
@@ -170,8 +169,8 @@ bool registerTypes() {
   return true;
 }
 
-/// What following the store costs: with commits that wait for the disk, and with such that do not. The time
-/// that is waited is not the thread's.
+/// The cost of following the store, with commits that wait for the disk and with commits that do not. The
+/// waiting time is not the thread's.
 bool registerDurable() {
   using KilnAgent::Durability;
   const auto comparison = std::make_shared<Comparison>(

@@ -22,7 +22,7 @@ namespace {
 
 using KilnPlatform::Ref;
 
-/// The chains' key, as keys of the server are: described, and with a memory of where it stood last.
+/// The chains' key as a key of the server's kind: described, and with a hint of its last place.
 struct StageKey {
   std::uint64_t first = 0;
   std::uint64_t second = 0;
@@ -43,7 +43,7 @@ StageKey stageKey(std::uint32_t n) {
   return {words[0], words[1], words[2], words[3], static_cast<std::uint32_t>(words[4])};
 }
 
-/// A value of the chains, whose text form is of no interest.
+/// A value of the chains; its text form is never used.
 template <std::size_t stage>
 struct Result {
   ChainValue<stage> chain;
@@ -118,7 +118,7 @@ struct StageContent {
                             });
     return count;
   }
-  /// Requests come in lists, as those of the server's features do.
+  /// Requests are submitted in lists, as the server's features submit theirs.
   void handIn() {
     auto& requests = results<0>()->result();
     KilnEmServer::forEachExpected(
@@ -146,7 +146,7 @@ struct StageContent {
   struct Change {
     StageKey key;
     Result<0> value;
-    bool wanted;  ///< false where it is withdrawn
+    bool wanted;  ///< false if it is withdrawn
   };
 
   Ref<KilnAgent::CooperativeScheduler> scheduler = std::make_shared<KilnAgent::CooperativeScheduler>();

@@ -35,7 +35,7 @@ std::uint32_t countSettled(const MemoryStateStore& store, std::uint32_t version)
   return count;
 }
 
-/// A feature's statuses as the server has them.
+/// A feature's statuses in the server's types.
 template <class Db>
 Ref<SrvStatus<Db>> statusesOf(MemoryStateStore& store, KilnEmServer::FeatureType feature) {
   if constexpr (std::is_same_v<Db, Lem>) {
@@ -55,8 +55,8 @@ void apply(MemoryStateStore& store, const MadeRequest& made) {
   }
 }
 
-/// Calls the visitor with a composer key's table, as the interface to it, and the hardware key. The VLAN
-/// domain of an interface follows from its number.
+/// Calls the visitor with a composer key's table, given as the interface to it, and the hardware key. The
+/// VLAN domain of an interface is derived from its number.
 template <class Visitor>
 void withTableKey(const KilnEmServer::EmComposerKey& key, Visitor&& visitor) {
   KilnEmServer::visitKeyType(key.tag(), [&]<class Row>() {

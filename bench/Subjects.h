@@ -1,4 +1,4 @@
-// What is measured: the whole server, and what of it is the agent's.
+// The measured subjects: the whole server, and the parts of it that are the agent's.
 #pragma once
 
 #include <chrono>
@@ -21,11 +21,11 @@ namespace KilnBench {
 
 using KilnPlatform::Ref;
 
-/// A chip whose tables hold whatever benchmarks ask for.
+/// A chip whose tables have room for all benchmarks.
 KilnAgent::ChipConfig roomyChip();
 
 /// The server over the embedded agent's chip, VLAN-domain service and in-memory store, without the agent's
-/// own watch over restarts.
+/// monitor of restarts.
 class WholeServer {
  public:
   explicit WholeServer(RequestMix mix = kMixed,
@@ -38,11 +38,11 @@ class WholeServer {
   void withdraw(std::uint32_t n);
   /// Runs until nothing is pending.
   void settle() { scheduler_->runUntilIdle(); }
-  /// Ends the server; store and chip stay.
+  /// Destroys the server; store and chip are kept.
   void stop();
   /// Creates the server. It is ready when it has settled.
   void start();
-  /// Requests whose status says that the hardware has this version.
+  /// Number of requests whose status says that the hardware has this version.
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
   [[nodiscard]] KilnAgent::CooperativeScheduler& scheduler() { return *scheduler_; }
@@ -59,7 +59,7 @@ class WholeServer {
   Ref<KilnEmServer::Server> server_;
 };
 
-/// The whole server, and features that hand in their requests in lists.
+/// The whole server, with features that submit their requests in lists.
 class ServerWithLists {
  public:
   explicit ServerWithLists(RequestMix mix = kMixed) : mix_(mix), server_(mix) {}
@@ -77,7 +77,7 @@ class ServerWithLists {
   WholeServer server_;
 };
 
-/// The whole server, and features that hand in their requests one by one.
+/// The whole server, with features that submit their requests one by one.
 class ServerOneByOne {
  public:
   void publish(std::uint32_t n, std::uint32_t version) { made_.push_back(publicationOf(kMixed, n, version)); }
@@ -111,7 +111,7 @@ class StoreAlone {
   KilnAgent::MemoryStateStore store_;
 };
 
-/// The chip alone: the table operations that a server would call for the requests, and their answers.
+/// The chip alone: the table operations that a server would issue for the requests, and their answers.
 class ChipAlone {
  public:
   ChipAlone();
@@ -122,10 +122,10 @@ class ChipAlone {
   void withdraw(std::uint32_t n) { made_.push_back(withdrawalOf(kMixed, n)); }
   void handIn();
   void settle() { scheduler_->runUntilIdle(); }
-  /// Ends what wrote the entries: all must be written again until `reconciled`.
+  /// Ends the writer of the entries: all entries must be written again until `reconciled`.
   void stop();
   void reconciled();
-  /// Entries in the tables; the version is in their content and is not looked at.
+  /// Number of entries in the tables; the version in their content is not checked.
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
@@ -135,9 +135,9 @@ class ChipAlone {
   std::uint64_t answers_ = 0;
 };
 
-/// The whole agent: without a state directory where no durability is given, else with one of its own, which
-/// goes with it. Changes are committed at the end, and before as often as a serving agent would that has no
-/// time to be idle.
+/// The whole agent: without a state directory if no durability is given, otherwise with one of its own, which
+/// is removed with it. Changes are committed at the end, and before that as often as a serving agent without
+/// idle time would do it.
 class WholeAgent {
  public:
   explicit WholeAgent(std::optional<KilnAgent::Durability> durability = std::nullopt);
@@ -148,15 +148,15 @@ class WholeAgent {
   void withdraw(std::uint32_t n) { lists_.add(withdrawalOf(kMixed, n)); }
   void handIn() { lists_.handIn(agent_->store()); }
   void settle();
-  /// Commits what is not yet, where there is something to commit to.
+  /// Commits the remaining changes, if there is a state directory.
   void finish() { agent_->commit(); }
   [[nodiscard]] std::uint32_t settled(std::uint32_t version) const;
 
  private:
-  std::string directory_;  ///< empty where there is none
+  std::string directory_;  ///< empty if there is none
   RequestLists lists_;
   std::unique_ptr<KilnAgent::EmbeddedAgent> agent_;
-  KilnAgent::CommitPace pace_;  ///< as a serving agent has it
+  KilnAgent::CommitPace pace_;  ///< as in a serving agent
 };
 
 }  // namespace KilnBench

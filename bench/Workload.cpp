@@ -1,5 +1,5 @@
-// One cycle of operations for tools that watch a process from outside: counts under valgrind's callgrind, one
-// dump per operation, and profiles of perf, which is let loose for one operation only.
+// One cycle of operations for tools that observe a process from outside: counts under valgrind's callgrind,
+// one dump per operation, and profiles of perf, which is enabled for one operation only.
 #include <fcntl.h>
 #include <unistd.h>
 #include <valgrind/callgrind.h>
@@ -17,8 +17,7 @@
 namespace KilnBench {
 namespace {
 
-/// Under callgrind each operation is a dump of its own. With perf's control FIFO, perf runs during one
-/// operation.
+/// Under callgrind each operation has its own dump. With perf's control FIFO, perf runs during one operation.
 class Watched final : public CycleObserver {
  public:
   Watched(const std::string& perfControl, std::string operation) : operation_(std::move(operation)) {

@@ -1,4 +1,4 @@
-// Keyed collections as one would write them at first: an unordered map, and a function per subscription.
+// Keyed collections written in the obvious way: an unordered map, and a function per subscription.
 #pragma once
 
 #include <algorithm>
@@ -30,7 +30,7 @@ class SubscriberList {
   void remove(KeySubscriber<K>& subscriber) {
     std::erase_if(told_, [&](const auto& told) { return told.first == &subscriber; });
   }
-  /// Nobody comes or goes meanwhile.
+  /// Subscribers are not added or removed during a notification.
   void notify(const K& key) const {
     for (const auto& [subscriber, handle] : told_) handle(key);
   }
@@ -73,7 +73,7 @@ class NaiveCollection final : public KeyedCollection<K, V> {
     subscribers_.notify(deleted);
     return true;
   }
-  /// Begins again where the order changed since, or the last key went.
+  /// Starts again if the order changed since the last call, or the last key was removed.
   const K* scanNext(ScanCursor<K>& cursor) const override {
     auto at = entries_.begin();
     if (cursor.last && cursor.index == entries_.bucket_count()) {

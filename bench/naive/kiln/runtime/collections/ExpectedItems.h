@@ -1,4 +1,4 @@
-// One item after the other.
+// One item after the other, without prefetching.
 #pragma once
 
 #include <span>

@@ -1,4 +1,4 @@
-// No handles: keys are copied and hashed wherever they stand.
+// No handles: keys are copied and hashed wherever they are stored.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ class KeySpace {
     static KeySpace space;
     return space;
   }
-  /// Nothing is fetched ahead.
+  /// Nothing is prefetched.
   [[nodiscard]] bool many() const { return false; }
   void prefetch(Handle /*handle*/) const {}
   Handle expectInIndex(const K& /*key*/) const { return 0; }

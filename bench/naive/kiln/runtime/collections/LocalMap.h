@@ -1,4 +1,4 @@
-// A map that a stage has for itself.
+// A map that one stage owns.
 #pragma once
 
 #include <cstddef>

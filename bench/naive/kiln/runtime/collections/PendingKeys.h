@@ -1,4 +1,4 @@
-// The keys that changed and were not handled yet: a queue of keys, and a set of those that stand in it.
+// The keys that changed and are not handled yet: a queue of keys, and a set of those in the queue.
 #pragma once
 
 #include <cstddef>
