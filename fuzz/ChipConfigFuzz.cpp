@@ -1,4 +1,5 @@
-// A chip file: what is taken says the same when it is written out again, and an agent runs on that chip.
+// A chip file: an accepted file has the same meaning when it is written out again, and an agent runs on that
+// chip.
 #include <sstream>
 
 #include "fuzz/Fuzz.h"

@@ -1,5 +1,5 @@
-// The file of one of the chip's tables, damaged or written by somebody else: it is refused and stays as it
-// is, or it is a table, whose entries can be read, changed and found again.
+// The file of one of the chip's tables, damaged or of another origin: either it is refused and not changed,
+// or it is a table whose entries can be read, changed and found again.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstring>
@@ -24,7 +24,7 @@ Key keyOf(std::uint32_t inLif) {
   return {KilnPlatform::U20(inLif), {}, {}, {}, {}};
 }
 
-/// A table as an agent leaves it.
+/// A table file as an agent writes it.
 const std::string& wholeFile(const std::string& path) {
   static const std::string content = [&] {
     Entries entries(path);
@@ -46,7 +46,7 @@ struct Slot {
   } versions[2];
 };
 
-/// A slot that is whole, though no agent may have written what it holds.
+/// A slot with a valid checksum, although an agent may not have written its content.
 Slot drawSlot(FuzzedDataProvider& input) {
   Slot slot;
   slot.word = input.ConsumeIntegral<std::uint64_t>();

@@ -1,5 +1,5 @@
-// What the fuzz targets share. A target gives libFuzzer one function; a property that does not hold ends the
-// process by an assertion, as does any exception that a parser may not throw.
+// Common functions of the fuzz targets. A target gives libFuzzer one function; a violated property ends the
+// process by an assertion, as does any exception that a parser must not throw.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,8 @@ inline std::string_view textIn(const std::uint8_t* data, std::size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-/// What `call` says of its input; nothing where it takes it. What is said is one line, and says something.
+/// The error of `call` for its input; nothing if the input is accepted. The error must be one line that is
+/// not empty.
 template <class Call>
 std::optional<std::string> refusalOf(Call&& call) {
   try {

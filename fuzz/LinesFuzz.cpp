@@ -1,5 +1,5 @@
-// The framing of a connection: whatever pieces the bytes come in, the lines are those of the whole, and
-// answers arrive as they were sent.
+// The framing of a connection: however the bytes are divided into pieces, the lines are those of the whole
+// text, and answers are received as they were sent.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <vector>
@@ -14,7 +14,7 @@ namespace {
 using KilnAgent::LineConnection;
 using Line = LineConnection::Line;
 
-/// The lines of `text`, split at once.
+/// The lines of `text`, split in one step.
 std::vector<Line> linesOf(const std::string& text) {
   std::vector<Line> lines;
   for (std::size_t begin = 0; begin < text.size();) {
@@ -28,7 +28,7 @@ std::vector<Line> linesOf(const std::string& text) {
   return lines;
 }
 
-/// What a client sends in one piece: bytes, now and then a run of one byte that makes lines too long.
+/// A piece that a client sends: bytes, sometimes a run of one byte that makes lines too long.
 std::string drawPiece(FuzzedDataProvider& input) {
   if (input.ConsumeIntegralInRange(0, 15) != 0) return input.ConsumeRandomLengthString(64);
   constexpr std::size_t kMost = std::size_t{3} << 19U;
@@ -48,7 +48,7 @@ void check(const std::vector<Line>& expected, const std::vector<Line>& found, co
   std::string expectedAnswers;
   for (std::size_t i = 0; i < expected.size(); ++i) {
     KILN_ASSERT(expected[i].number == found[i].number && expected[i].tooLong == found[i].tooLong);
-    // A line that is too long is told when it is known to be, before its end.
+    // A line that is too long is reported before its end.
     KILN_ASSERT(expected[i].tooLong ||
                 (expected[i].text == found[i].text && expected[i].cutOff == found[i].cutOff));
     expectedAnswers += std::to_string(expected[i].number) + "\n";

@@ -1,5 +1,5 @@
-// A scenario's line: what is an operation stands as the same one in its own line, what is none is an input
-// error.
+// A scenario's line: an operation is read again from its own line as the same operation; any other line is an
+// input error.
 #include "fuzz/Fuzz.h"
 #include "kiln/agent/scenario/Operation.h"
 

@@ -1,7 +1,7 @@
-// The records of a state store, under whatever keys and with whatever bytes: the store is refused and stays
-// as it is, or an agent takes it up, programs what it asks for, and is found again as it stood.
+// The records of a state store, under any keys and with any bytes: either the store is refused and not
+// changed, or an agent accepts it, programs the requests, and the next agent finds the same state.
 //
-// The input is records one after the other: a key and a value, each after the byte of its length.
+// The input is a sequence of records: a key and a value, each after the byte of its length.
 #include "fuzz/Fuzz.h"
 #include "fuzz/Scratch.h"
 #include "kiln/agent/host/EmbeddedAgent.h"
@@ -30,8 +30,8 @@ void fill(const std::string& path, std::string_view input) {
   batch.commit();
 }
 
-/// What differs from what the requests give. A status under a request in which the server has no part is
-/// nobody's.
+/// The differences from the outcome that the requests define. A status under a request that the server does
+/// not accept is ignored.
 std::string judged(KilnAgent::EmbeddedAgent& agent) {
   const KilnSim::Wanted wanted = KilnSim::wantedOf(agent);
   KilnSim::Outcome expected = KilnSim::recompute(wanted);
@@ -45,7 +45,7 @@ std::string judged(KilnAgent::EmbeddedAgent& agent) {
   return KilnSim::difference(expected, found);
 }
 
-/// What stands when an agent has taken the state up and is quiet.
+/// The state after an agent has taken over the store and is quiet.
 std::string outcomeOf(const KilnAgent::AgentOptions& options, bool again) {
   KilnAgent::EmbeddedAgent agent(options);
   agent.settle();
@@ -54,7 +54,7 @@ std::string outcomeOf(const KilnAgent::AgentOptions& options, bool again) {
   KILN_ASSERT(!again || (agent.durable()->pending() == 0 && agent.chip().counters().written == 0));
   agent.commit();
   std::string dump = KilnAgent::dumpText(agent);
-  const std::size_t hardware = dump.find("\"hardware\":");  // counts what this agent wrote
+  const std::size_t hardware = dump.find("\"hardware\":");  // counts the writes of this agent
   return dump.erase(hardware, dump.find('\n', hardware) - hardware);
 }
 

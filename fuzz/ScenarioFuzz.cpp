@@ -1,5 +1,5 @@
-// A scenario under the judge of the simulations: whatever operations come in whatever order, statuses and
-// tables are those that the requests give. The first byte chooses how tasks are ordered and sliced.
+// A scenario under the judge of the simulations: for any operations in any order, statuses and tables are
+// those that the requests define. The first byte chooses how tasks are ordered and sliced.
 #include <algorithm>
 
 #include "fuzz/Fuzz.h"

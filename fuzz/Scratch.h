@@ -1,4 +1,4 @@
-// Files and sockets of a target's own.
+// Files and sockets that a target owns.
 #pragma once
 
 #include <sys/socket.h>
@@ -15,7 +15,7 @@
 
 namespace KilnFuzz {
 
-/// A directory, in memory where there is such a place, that exists as long as the object does.
+/// A directory that exists as long as the object; in memory if the system has such a place.
 class ScratchDirectory {
  public:
   ScratchDirectory() {
@@ -48,7 +48,7 @@ inline std::pair<KilnAgent::FileDescriptor, KilnAgent::FileDescriptor> connectio
   return {KilnAgent::FileDescriptor(ends[0]), KilnAgent::FileDescriptor(ends[1])};
 }
 
-/// What has come at an end of a connection.
+/// The bytes received at an end of a connection.
 inline std::string received(const KilnAgent::FileDescriptor& end) {
   std::string all;
   char bytes[4096];

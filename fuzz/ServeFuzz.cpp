@@ -1,6 +1,6 @@
-// The operations of a socket: every line that is not blank is answered, in order and once, and the state that
-// was served is taken up again. The bytes are two clients' lines; those that begin with # are the second
-// one's.
+// The operations of a socket: every line that is not blank is answered, in order and once, and the state is
+// found again after a restart. The bytes are two clients' lines; those that begin with # are the second
+// client's.
 #include <algorithm>
 #include <sstream>
 
@@ -20,7 +20,7 @@ bool isOperation(const std::string& line) {
   return !refusalOf([&] { KilnAgent::parseOperation(line); });
 }
 
-/// Holds the answers against the lines that they are for.
+/// Compares the answers with their lines.
 void check(const std::string& lines, const std::string& answers) {
   std::istringstream sent(lines);
   std::istringstream said(answers);
@@ -41,7 +41,7 @@ void check(const std::string& lines, const std::string& answers) {
   KILN_ASSERT(said.peek() == std::istringstream::traits_type::eof());
 }
 
-/// One client: what it has to say, and what it was told.
+/// One client: the lines that it sends, and the answers that it received.
 struct Client {
   explicit Client(KilnAgent::Service& service) {
     auto [own, other] = connection();

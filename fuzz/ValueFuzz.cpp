@@ -1,7 +1,8 @@
-// The text form of plain values: what is read is the value that is written, what is not is a range error.
+// The text form of plain values: an accepted text is written out again as the same value, any other text is a
+// range error.
 //
-// The first byte chooses the type, among the upper-case letters; with a lower-case one the rest is the
-// value's encoding in place of its text.
+// The first byte chooses the type, by an upper-case letter; with a lower-case letter the rest is the value's
+// encoding instead of its text.
 #include <array>
 #include <optional>
 #include <stdexcept>
