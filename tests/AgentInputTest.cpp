@@ -60,7 +60,7 @@ TEST_F(AgentInput, EmptyOptionsAndTooMuchMemoryAreRefusedInOneLine) {
   }
 }
 
-TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
+TEST_F(AgentInput, FailingOutputIsReportedAndFailingInputWritesNoDump) {
   const std::string lines = write("in.jsonl", publishLine(1));
   for (const char* output : {">/dev/full", ">&-"})
     EXPECT_EQ(run("run " + lines + " " + output).code, 2) << output;
@@ -72,7 +72,7 @@ TEST_F(AgentInput, AFailingOutputIsToldAndAFailingInputLeavesNoDump) {
   EXPECT_FALSE(std::filesystem::exists(directory / "dump"));
 }
 
-TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
+TEST_F(AgentInput, UnreadableChipFilesAndDuplicateNamesAreRefused) {
   const auto chipError = [&](const std::string& text) {
     const std::string file = write("chip.json", text);
     return errorOf([&] { KilnAgent::readChipFile(file); });
@@ -91,7 +91,7 @@ TEST_F(AgentInput, ChipFilesAreReadableAndNameNothingTwice) {
             (directory / "chip.json") + ": faps.cores: the core 0 is given twice");
 }
 
-TEST(AgentLines, WhatIsWrongIsOneLineWithFileAndLine) {
+TEST(AgentLines, ErrorsAreOneLineWithFileAndLine) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   const auto errorOfLine = [&](const std::string& line) {
@@ -107,7 +107,7 @@ TEST(AgentLines, WhatIsWrongIsOneLineWithFileAndLine) {
 
 // A task of the stages' priority that is always ready: tables and VLAN-domain service have their turn all the
 // same, so that a request that needs both is programmed.
-TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
+TEST(AgentTasks, TablesAnswerUnderEndlessLoad) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.settle();
@@ -123,7 +123,7 @@ TEST(AgentTasks, TablesAnswerUnderLoadThatNeverEnds) {
   });
 }
 
-TEST(AgentWatch, MoreThanItKeepsIsSaid) {
+TEST(AgentWatch, OverflowIsReported) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.runLine(R"({"op":"watch"})");
@@ -158,7 +158,7 @@ TEST(AgentReport, ShowsTablesThatHoldMoreThanTheirCapacityAndTheSeed) {
   }
 }
 
-TEST(AgentTraces, SinksThatCanKeepNothingDisturbNobody) {
+TEST(AgentTraces, FullSinksDoNotFail) {
   const KilnPlatform::TraceRecord record{KilnPlatform::TraceDescriptor{1, "x"}, "stage", "x"};
   KilnEmServer::RingTraceSink ring(0);
   ring.write(record);

@@ -122,7 +122,7 @@ class Capacity : public testing::Test {
   std::uint32_t statusNumber = 0;
 };
 
-TEST_F(Capacity, ExternalUseBeyondTheMaximumNeitherGoesBelowNothingNorWraps) {
+TEST_F(Capacity, ExternalUseBeyondTheMaximumDoesNotWrap) {
   addFap(4, 4);
   start();
   use("b", 4, 1, 2, 5);
@@ -132,7 +132,7 @@ TEST_F(Capacity, ExternalUseBeyondTheMaximumNeitherGoesBelowNothingNorWraps) {
   EXPECT_EQ("4294967295 0 1000", row("ISEM1", "SRv6", "Fap4/1"));
 }
 
-TEST_F(Capacity, RowsOfFapsThatAreGoneAreRemovedAlsoThoseOfAnEarlierProcess) {
+TEST_F(Capacity, RowsOfRemovedFapsAreRemovedAlsoAfterARestart) {
   const TableCapacityKey foreign{"ISEM1", "", "another agent", "Fap9/0"};
   table->entry().is({"ISEM1", "", "SemCapacity", "Fap9/0"}, {1, 2, 0, 3});
   table->entry().is({"ISEM3", "", "SemCapacity", "Fap4/0"}, {1, 2, 0, 3});
@@ -155,7 +155,7 @@ TEST_F(Capacity, RowsOfFapsThatAreGoneAreRemovedAlsoThoseOfAnEarlierProcess) {
   EXPECT_EQ(1U, table->entry().size());
 }
 
-TEST_F(Capacity, RowsAreWrittenAndStampedOnlyWhereTheirNumbersChange) {
+TEST_F(Capacity, RowsAreWrittenOnlyIfTheirNumbersChange) {
   addFap(4, 4);
   start();
   const TableCapacityKey changing{"ISEM2", "", "SemCapacity", "Fap4/0"};
@@ -172,7 +172,7 @@ TEST_F(Capacity, RowsAreWrittenAndStampedOnlyWhereTheirNumbersChange) {
   EXPECT_EQ(2U, recorder.changes.size()) << "a new process wrote what stood there";
 }
 
-TEST_F(Capacity, AnUpdateCostsTheSameHoweverManyEntriesThereAre) {
+TEST_F(Capacity, UpdateCostIsIndependentOfTheNumberOfEntries) {
   for (std::uint16_t fap = 0; fap < 8; ++fap) addFap(fap, 4);
   start();
   const Recorder recorder(table->entry());
@@ -193,7 +193,7 @@ TEST_F(Capacity, AnUpdateCostsTheSameHoweverManyEntriesThereAre) {
   EXPECT_EQ(std::tuple(1U, 7U * 16, 16U, 1U), *costs.begin());
 }
 
-TEST_F(Capacity, ChangesThatNeverEndDoNotHoldAnUpdateUp) {
+TEST_F(Capacity, EndlessChangesDoNotDelayAnUpdate) {
   addFap(4, 4);
   start();
   const auto before = sm->counters().updates;
@@ -279,7 +279,7 @@ TEST_F(Monitor, InstancesShareNoState) {
   EXPECT_EQ("raised Fap0/0 95;", events());
 }
 
-TEST_F(Monitor, UsageThatMovesBetweenFeaturesIsNoCrossing) {
+TEST_F(Monitor, UsageThatMovesBetweenFeaturesRaisesNoAlarm) {
   use("Fap0/0", 90);
   use("Fap0/0", 5, "SRv6");
   EXPECT_EQ("raised Fap0/0 95;", events());
@@ -288,7 +288,7 @@ TEST_F(Monitor, UsageThatMovesBetweenFeaturesIsNoCrossing) {
   EXPECT_EQ("raised Fap0/0 95;", events());
 }
 
-TEST_F(Monitor, ATableThatGoesTakesItsAlarmAndItsHighWatermarkAlong) {
+TEST_F(Monitor, RemovedTableLosesItsAlarmAndHighWatermark) {
   use("Fap0/0", 95);
   bench.settle();
   use("Fap0/0", 10);
@@ -369,7 +369,7 @@ struct Server {
   Scenario scenario{agent, false, 1, {}};
 };
 
-TEST(CapacityOfTheServer, AProfileThatIsDescribedAnewChangesTheMaxima) {
+TEST(CapacityOfTheServer, ChangedProfileChangesTheMaxima) {
   Server server;
   server.run("");
   server.agent.chip().mdbStatus()->profile().is(1, profileOf(77));
@@ -401,7 +401,7 @@ TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
   EXPECT_EQ(0U, absent);
 }
 
-TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
+TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreReportedSeparately) {
   Server server(6);
   std::string lines = R"({"op":"table","table":"isemInnerEth","answer":"hold"})";
   for (int label = 1; label <= 5; ++label) lines += "\n" + publishLine(label);
@@ -418,7 +418,7 @@ TEST(CapacityOfTheServer, RequestsBeyondTheMaximumAreShownApart) {
   EXPECT_EQ(server.tableOf("ISEM2").at("requested"), 0);
 }
 
-TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
+TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheSmallestFap) {
   Server server(6);
   const auto innerEth = [&] { return server.agent.chip().table(ResolvedTag::isemInnerEthEntryKey).fill(); };
   server.run(publishLine(1) + "\n" + publishLine(2) + "\n" + publishLine(3));
@@ -440,7 +440,7 @@ TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheFapThatHasTheLeast) {
   EXPECT_EQ(1U, innerEth());
 }
 
-TEST(CapacityOfTheServer, AlarmsFollowTheLoadAndOutliveARestart) {
+TEST(CapacityOfTheServer, AlarmsFollowTheLoadAndSurviveARestart) {
   Server server(20);
   for (int label = 0; label < 9; ++label) server.run(publishLine(label));
   const auto raisedOnly = server.shown().at("alarms");

@@ -28,7 +28,7 @@ std::string checked(const Case& request) {
 }
 
 class CheckRequest : public testing::TestWithParam<Case> {};
-TEST_P(CheckRequest, SaysWhatIsWrong) {
+TEST_P(CheckRequest, DescribesTheProblem) {
   const auto tag = GetParam().key.tag();
   const EmType database = tag == EmComposerKeyUnionTag::undefined_ ? EmType::isem : emTypeOf(tag);
   const std::string problem = database == EmType::lem    ? checked<Lem>(GetParam())

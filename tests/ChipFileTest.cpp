@@ -80,7 +80,7 @@ Model modelAfter(std::uint32_t changes) {
   return model;
 }
 
-TEST(ChipFile, AProcessKilledAfterAnyInstructionLeavesEachEntryWhole) {
+TEST(ChipFile, EntriesAreConsistentAfterAKillAtAnyInstruction) {
   constexpr std::uint32_t kBefore = 60;
   constexpr std::uint32_t kAfter = 75;
   const TempDirectory directory;
@@ -119,7 +119,7 @@ TEST(ChipFile, AProcessKilledAfterAnyInstructionLeavesEachEntryWhole) {
   munmap(const_cast<void*>(now), seen.size());
 }
 
-TEST(ChipFile, HoldsWhatWasWrittenHoweverOftenItGrowsAndIsReopened) {
+TEST(ChipFile, KeepsEntriesWhenItGrowsAndIsReopened) {
   const TempDirectory directory;
   auto entries = std::make_unique<Entries>(directory / "table");
   Model model;
@@ -143,7 +143,7 @@ TEST(ChipFile, HoldsWhatWasWrittenHoweverOftenItGrowsAndIsReopened) {
   EXPECT_TRUE(entries->empty());
 }
 
-TEST(ChipFile, DamageAtAnyPlaceIsRefusedOrHarmlessAndTheFileStays) {
+TEST(ChipFile, DamageIsRefusedOrHarmlessAndLeavesTheFileUnchanged) {
   const TempDirectory directory;
   const std::string path = directory / "table";
   {
@@ -174,7 +174,7 @@ TEST(ChipFile, DamageAtAnyPlaceIsRefusedOrHarmlessAndTheFileStays) {
   EXPECT_GT(refused, 12U * 32) << "words, keys and current entries are covered";
 }
 
-TEST(ChipFile, FilesOfOthersAndTornOnesAreRefusedAndStay) {
+TEST(ChipFile, ForeignAndTruncatedFilesAreRefusedUnchanged) {
   const TempDirectory directory;
   const std::string path = directory / "table";
   { Entries(path).is(key(1), {1, 2, 3}); }

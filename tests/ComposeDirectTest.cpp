@@ -25,7 +25,7 @@ struct Bound {
   const char* error;  ///< null where it translates
 };
 class TranslationBounds : public testing::TestWithParam<Bound> {};
-TEST_P(TranslationBounds, AreThoseOfTheHardware) {
+TEST_P(TranslationBounds, MatchTheHardwareFields) {
   std::string error;
   try {
     const EmHwKey hwKey = translateToSwTableKey(GetParam().key);

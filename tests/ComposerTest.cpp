@@ -176,7 +176,7 @@ class ComposerTest : public testing::Test {
   DomainService service;
 };
 
-TEST_F(ComposerTest, HardwareKeysAndTheRangesOfTheirFields) {
+TEST_F(ComposerTest, ComposesHardwareKeysAndChecksFieldRanges) {
   Composing c(service);
   c.start();
   const EmLogicalKey badVlan = oneTag(kPort, 0x1000);
@@ -240,7 +240,7 @@ TEST_F(ComposerTest, ARequestHasAResolutionWhenTheCallReturns) {
   EXPECT_TRUE(c.asked(kOther));
 }
 
-TEST_F(ComposerTest, AcknowledgesOnlyWhenEveryOutcomeOfTheDomainInForceIsKnown) {
+TEST_F(ComposerTest, AcknowledgesWhenEveryOutcomeOfTheCurrentDomainIsKnown) {
   Composing c(service);
   c.start();
   const EmLogicalKey a = oneTag(kPort, 1), b = oneTag(kPort, 2);
@@ -293,7 +293,7 @@ TEST_F(ComposerTest, AcknowledgesOnlyWhenEveryOutcomeOfTheDomainInForceIsKnown) 
   EXPECT_TRUE(c.inUse(kPort));
 }
 
-TEST_F(ComposerTest, AcknowledgesNothingWhileAChangeIsStillBeingHandled) {
+TEST_F(ComposerTest, DoesNotAcknowledgeWhileADomainChangeIsHandled) {
   Composing c(service, 1);
   c.start();
   std::vector<EmLogicalKey> keys;
@@ -329,7 +329,7 @@ TEST_F(ComposerTest, AcknowledgesNothingWhileAChangeIsStillBeingHandled) {
   }
 }
 
-TEST_F(ComposerTest, AWithdrawnKeyTakesNoOutcomeThatIsHandledFirst) {
+TEST_F(ComposerTest, OutcomeHandledBeforeTheWithdrawalIsIgnored) {
   Composing c(service, 1);
   c.start();
   const EmLogicalKey key = oneTag(kPort, 1);
@@ -345,7 +345,7 @@ TEST_F(ComposerTest, AWithdrawnKeyTakesNoOutcomeThatIsHandledFirst) {
   EXPECT_EQ(c.state(key), std::nullopt);
 }
 
-TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHeldTheNewValue) {
+TEST_F(ComposerTest, AcknowledgementOfAnEarlierValueDoesNotCount) {
   Composing c(service);
   c.start();
   const EmLogicalKey ingress = untagged(kPort), egress = fodoVd(kPort, 7);
@@ -377,7 +377,7 @@ TEST_F(ComposerTest, AnAcknowledgementOfAnEarlierValueDoesNotOutliveTheOneThatHe
   EXPECT_EQ(requests->resolverRequest(vd(kPort))->requestType, ResolverRequest::RequestType::resourceInUse);
 }
 
-TEST_F(ComposerTest, GivesBackInSlicesWhatAnEarlierComposerAskedFor) {
+TEST_F(ComposerTest, ReleasesRequestsOfAnEarlierComposerInSlices) {
   Composing c(service, 1);
   c.startResolver();
   const auto asked = c.configDir->resolverConfigIs(ResolverKeyUnionTag::vd)->resolverComposerConfigIs(k1Tag);
@@ -440,7 +440,7 @@ TEST_F(ComposerTest, BaseOperationsAndProtocolViolations) {
 
 // --- The outcomes' way back --------------------------------------------------------------------------------
 
-TEST(ResolvedKeyStatusTest, SortsOutcomesByTypeAndLeavesOutThoseWithoutAHardwareKey) {
+TEST(ResolvedKeyStatusTest, DividesOutcomesByTypeAndSkipsThoseWithoutHardwareKey) {
   Bench bench;
   const auto merged = std::make_shared<EmLogicalKeyToStatus>();
   const auto out = std::make_shared<SwTableKeyStatusByComposerType>();

@@ -55,7 +55,7 @@ TEST(ConflictDeathTest, MixedChipAndCoreIsFatal) {
 
 // --- Keys without a hardware entry -------------------------------------------------------------------------
 
-TEST(Conflict, AloneTheStageGivesKeysWithoutHardwareEntryADefaultStatus) {
+TEST(Conflict, WithoutOptionalInputsAKeyWithoutHardwareEntryHasADefaultStatus) {
   ConflictSetUp set;
   set.start(false);
   const auto key = mplsKey(Feature::mpls, 1);
@@ -88,7 +88,7 @@ TEST(Conflict, ChurnCannotStarveAPendingStatus) {
   EXPECT_GT(runs, EmConflictSm::kPendingPatience / 2);
 }
 
-TEST(Conflict, TeardownWithdrawsAndForgetsWhoWaits) {
+TEST(Conflict, TeardownWithdrawsStatusesAndDropsWaitingKeys) {
   ConflictSetUp set(1);
   set.start(true);
   set.bench.settle();

@@ -87,7 +87,7 @@ bool survives(const KilnAgent::Operation& operation) {
       operation);
 }
 
-TEST_F(DurableState, RandomOperationsAreFoundAgainAndARestartTouchesNothing) {
+TEST_F(DurableState, RestartAfterRandomOperationsRestoresTheStateAndTouchesNothing) {
   for (std::uint64_t seed = 1; seed <= 6; ++seed) {
     std::mt19937 random(static_cast<std::uint32_t>(seed));
     const Plan plan = drawPlan(seed, 120);
@@ -112,7 +112,7 @@ TEST_F(DurableState, RandomOperationsAreFoundAgainAndARestartTouchesNothing) {
   }
 }
 
-TEST_F(DurableState, AKilledAgentIsFoundAsItsLastCommitLeftItAndOnlyWhatDiffersIsTouched) {
+TEST_F(DurableState, RestartAfterAKillRestoresTheLastCommitAndTouchesOnlyDifferences) {
   for (const int intfId : {1, 2, 3}) run(untagged(intfId));
   settleAndCommit();
   run(untagged(4));
@@ -127,7 +127,7 @@ TEST_F(DurableState, AKilledAgentIsFoundAsItsLastCommitLeftItAndOnlyWhatDiffersI
   EXPECT_EQ("", difference(recompute(wantedOf(*agent)), outcomeOf(*agent)));
 }
 
-TEST_F(DurableState, OrdersSettingsAndAbsencesSurvive) {
+TEST_F(DurableState, OrderSettingsAndRemovedFeaturesSurviveARestart) {
   run(R"({"op":"vlanDomains","mode":"auto","first":1,"last":2})");
   run(R"({"op":"share","intfId":9,"withIntfId":1,"systemTcamId":0})");
   run(R"({"op":"removeFeature","feature":"srv6"})");
@@ -161,7 +161,7 @@ TEST_F(DurableState, OrdersSettingsAndAbsencesSurvive) {
   EXPECT_EQ(KilnAgent::VlanDomainService::Mode::manual, agent->vlanDomains().mode());
 }
 
-TEST_F(DurableState, AFeatureThatWentAndCameBackBetweenCommitsHasOnlyItsNewRequests) {
+TEST_F(DurableState, FeatureRemovedAndAddedBetweenCommitsHasOnlyNewRequests) {
   for (int intfId = 1; intfId <= 300; ++intfId) run(untagged(intfId));
   for (const char* other : {"subinterface", "srv6"}) {
     std::string line = untagged(1000 + other[1]);
@@ -182,7 +182,7 @@ TEST_F(DurableState, AFeatureThatWentAndCameBackBetweenCommitsHasOnlyItsNewReque
             agent->store().requests<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->config().size());
 }
 
-TEST_F(DurableState, AStatusOutlivesItsRequestAndIsWithdrawnAfterARestart) {
+TEST_F(DurableState, StatusWithoutRequestIsWithdrawnAfterARestart) {
   const auto statuses = [this] {
     return agent->store().statuses<KilnTunnelNiLib::Isem>(KilnEmServer::FeatureType::mpls)->status().size();
   };
@@ -197,7 +197,7 @@ TEST_F(DurableState, AStatusOutlivesItsRequestAndIsWithdrawnAfterARestart) {
   EXPECT_EQ("-2-------", allotted());
 }
 
-TEST_F(DurableState, ARequestIsLoadedWhereItsLastPublicationPutIt) {
+TEST_F(DurableState, RequestsAreLoadedInTheOrderOfTheirLastPublication) {
   const auto loaded = [this] {
     agent->commit();
     reopen();
@@ -230,7 +230,7 @@ TEST_F(DurableState, ARequestIsLoadedWhereItsLastPublicationPutIt) {
   EXPECT_EQ("34125", loaded()) << "another version keeps the place";
 }
 
-TEST_F(DurableState, WhatIsChangedOftenBetweenCommitsIsWrittenOnce) {
+TEST_F(DurableState, RecordChangedOftenBetweenCommitsIsWrittenOnce) {
   settleAndCommit();
   const std::uint64_t before = agent->durable()->counters().records;
   for (int i = 0; i < 100; ++i) run(untagged(1, i % 2 == 0 ? "publish" : "withdraw"));
@@ -239,7 +239,7 @@ TEST_F(DurableState, WhatIsChangedOftenBetweenCommitsIsWrittenOnce) {
   EXPECT_EQ(before + 1, agent->durable()->counters().records);
 }
 
-TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
+TEST_F(DurableState, DirectoryHasOneAgentAndForeignDirectoriesAreUnchanged) {
   const auto openAt = [](const std::string& path) {
     return errorOf([&] {
       AgentOptions options;
@@ -270,7 +270,7 @@ TEST_F(DurableState, ADirectoryHasOneAgentAndOthersDirectoriesStayAsTheyAre) {
   }
 }
 
-TEST_F(DurableState, OnlyItsOwnerCanReadTheState) {
+TEST_F(DurableState, OnlyTheOwnerCanReadTheState) {
   namespace fs = std::filesystem;
   const auto others = [this](bool allow) {
     std::size_t allowed = 0;
@@ -290,7 +290,7 @@ TEST_F(DurableState, OnlyItsOwnerCanReadTheState) {
   EXPECT_EQ(0U, others(false)) << "of what an earlier agent left";
 }
 
-TEST(RecordStoreFile, TornAndForeignFilesAreRefusedAndStay) {
+TEST(RecordStoreFile, TruncatedAndForeignFilesAreRefusedUnchanged) {
   const TempDirectory directory;
   const std::string path = directory / "store";
   {
@@ -326,7 +326,7 @@ TEST(RecordStoreFile, TornAndForeignFilesAreRefusedAndStay) {
   }
 }
 
-TEST_F(DurableState, RecordsThatNoAgentWritesAreRefusedAndStay) {
+TEST_F(DurableState, InvalidRecordsAreRefusedUnchanged) {
   using KilnAgent::encoded;
   using KilnEmServer::FeatureType;
   using KilnTunnelNiLib::IsemEntryKey;
@@ -365,7 +365,7 @@ TEST_F(DurableState, RecordsThatNoAgentWritesAreRefusedAndStay) {
   }
 }
 
-TEST(RecordStoreFile, ABatchWithoutCommitLeavesNoTrace) {
+TEST(RecordStoreFile, UncommittedBatchHasNoEffect) {
   const TempDirectory directory;
   std::string seen;
   {

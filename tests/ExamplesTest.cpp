@@ -61,7 +61,7 @@ std::string runExample(const std::string& text, const std::string& name, const O
 
 class Examples : public testing::TestWithParam<std::string> {};
 
-TEST_P(Examples, HoldInEveryOrderAndEndAlike) {
+TEST_P(Examples, PassInEveryOrderWithTheSameFinalState) {
   const std::string text = readWhole(GetParam());
   std::string first;
   for (const Order& order : kOrders) {

@@ -37,7 +37,7 @@ std::string figures(Explored explored) {
   return textOf(explored) + explored.failure;
 }
 
-TEST(Exploration, FiguresDependNeitherOnProcessesNorOnInterruptions) {
+TEST(Exploration, FiguresAreIndependentOfProcessesAndInterruptions) {
   const std::string file = small("refused-first-write");
   const unsigned most = KilnTests::kSanitized ? 1 : 2;
   const Explored one = explore(file, upTo(most));
@@ -66,7 +66,7 @@ ExploreOptions whole(ExploreOptions options) {
 }
 
 /// Small enough to be explored without a bound, also without the reduction.
-TEST(Exploration, WhatIsLeftOutLeadsNowhereElse) {
+TEST(Exploration, ReductionKeepsEndsAndLandmarks) {
   if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   const ExploreOptions options = upTo(~0U);
   const Explored reduced = explore(small("same-version-other-entry"), options);
@@ -79,7 +79,7 @@ TEST(Exploration, WhatIsLeftOutLeadsNowhereElse) {
   EXPECT_EQ(reduced.landmarks, all.landmarks);
 }
 
-TEST(Exploration, WhatIsLeftOutLosesNoCrashAndNoRefusal) {
+TEST(Exploration, ReductionKeepsCrashesAndRefusals) {
   if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   for (const char* name : {"withdrawn-crash", "refused-winner"}) {
     SCOPED_TRACE(name);
@@ -91,7 +91,7 @@ TEST(Exploration, WhatIsLeftOutLosesNoCrashAndNoRefusal) {
   }
 }
 
-TEST(Exploration, MergingLosesNoLandmark) {
+TEST(Exploration, MergingKeepsEveryEnd) {
   if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
   ExploreOptions options = upTo(2);
   const Explored merged = explore(small("hold-and-add"), options);
@@ -101,7 +101,7 @@ TEST(Exploration, MergingLosesNoLandmark) {
   EXPECT_EQ(merged.ends, all.ends);
 }
 
-TEST(Exploration, StatesThatAreTheSameGoOnAlike) {
+TEST(Exploration, EqualStatesContinueEqually) {
   for (const char* name : {"withdrawn-restart", "moved-and-moved-back", "two-features-one-key"}) {
     SCOPED_TRACE(name);
     ExploreOptions options = upTo(1);
@@ -112,7 +112,7 @@ TEST(Exploration, StatesThatAreTheSameGoOnAlike) {
   }
 }
 
-TEST(Exploration, AFailureIsAScenarioThatReplays) {
+TEST(Exploration, FailureIsWrittenAsAReplayableScenario) {
   // Whoever is refused has another end.
   const std::string file = scratch("ends.jsonl");
   {
@@ -132,7 +132,7 @@ TEST(Exploration, AFailureIsAScenarioThatReplays) {
   std::filesystem::remove(options.out);
 }
 
-TEST(Exploration, RefusesWhatIsNoSmallScenario) {
+TEST(Exploration, RefusesInvalidSmallScenarios) {
   const std::string file = scratch("none.jsonl");
   for (const char* text : {"", "{\"op\":\"settle\"}\n", "// explore: refusals\n", "// explore: answers 1\n",
                            "// explore: bound 1\n{\"op\":\"run\",\"tasks\":1}\n"}) {

@@ -10,7 +10,7 @@
 namespace KilnTests {
 namespace {
 
-TEST(Graph, IsTheReviewedOne) {
+TEST(Graph, MatchesTheGoldenFile) {
   KilnAgent::EmbeddedAgent agent({});
   agent.settle();
   expectGolden("stage-graph.json", KilnAgent::graphJson(agent.server().graph()));

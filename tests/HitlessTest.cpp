@@ -137,7 +137,7 @@ void expectNothingTouched(const ReconcileReport& report) {
 }
 
 // Among many keys memory is fetched ahead, and keys that go are forgotten later.
-TEST(Hitless, ManyKeysComeStayAndGo) {
+TEST(Hitless, ManyKeysAreAddedKeptAndRemoved) {
   Restarted run({}, generated(9000));
   ASSERT_TRUE(KilnEmServer::KeySpace<KilnEmServer::EmLogicalKey>::instance().many());
   EXPECT_EQ(run.failedExpects(), 0U);
@@ -155,7 +155,7 @@ TEST(Hitless, ManyKeysComeStayAndGo) {
   EXPECT_EQ(run.agent().server().winners().config().size(), 0U);
 }
 
-TEST(Hitless, ARestartInTheMiddleOfARestartIsJudgedOverBoth) {
+TEST(Hitless, InterruptedRestartIsJudgedAcrossBothRestarts) {
   const std::string scenario = settledScenario(200);
   for (std::uint64_t seed = 0; seed < 40; ++seed) {
     SCOPED_TRACE(seed);
@@ -171,7 +171,7 @@ TEST(Hitless, ARestartInTheMiddleOfARestartIsJudgedOverBoth) {
 }
 
 // The judge itself: what it must see, and what it must leave to whoever caused it.
-TEST(Hitless, DisturbancesAreSeenUnlessARequestOrADomainCausedThem) {
+TEST(Hitless, DisturbancesAreDetectedUnlessCausedByRequestsOrDomains) {
   const std::string scenario = settledScenario(50);
   const auto flap = [&](const std::string& meanwhile,
                         const std::function<void(KilnAgent::EmbeddedAgent&)>& act) {

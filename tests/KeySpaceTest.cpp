@@ -123,13 +123,13 @@ void expectKeysFound(std::size_t count, unsigned stepsPerPhase) {
   EXPECT_EQ(space.size(), 0U);
 }
 
-TEST(KeySpace, FindsKeysWhateverTheyRemember) {
+TEST(KeySpace, FindsKeysWithStaleHints) {
   expectKeysFound(300, 2000);
   expectKeysFound(9000, 20000);
 }
 
 // A key belongs to whoever holds it: it goes with the last holder, and with nothing held the space is empty.
-TEST(KeySpace, ForgetsAKeyWithItsLastHolder) {
+TEST(KeySpace, ReleasesAKeyWithItsLastUse) {
   KeySpace<std::string>& space = KeySpace<std::string>::instance();
   const std::size_t before = space.size();
   auto first = std::make_unique<Collection<std::string, int>>();

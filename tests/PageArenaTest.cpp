@@ -28,7 +28,7 @@ struct Page {
 };
 
 // The arena is full of one size, then of many, then nearly empty, several times over.
-TEST(PageArena, PagesOfAnySizesStayApart) {
+TEST(PageArena, PagesOfAllSizesDoNotOverlap) {
   PageArena& arena = PageArena::instance();
   const std::size_t bytesBefore = arena.counters().bytes;
   std::mt19937 random(7);
@@ -57,7 +57,7 @@ TEST(PageArena, PagesOfAnySizesStayApart) {
   EXPECT_EQ(arena.counters().bytes, bytesBefore);
 }
 
-TEST(PageArena, WhatIsReservedIsTakenWithoutTheSystem) {
+TEST(PageArena, ReservedMemoryNeedsNoRequestToTheSystem) {
   PageArena& arena = PageArena::instance();
   constexpr std::size_t kPages = 1000;
   constexpr std::size_t kBytes = 8192;
@@ -81,7 +81,7 @@ TEST(PageArena, WhatIsReservedIsTakenWithoutTheSystem) {
   for (void* page : pages) arena.give(page, kBytes);
 }
 
-TEST(PageArena, IdleMemoryGoesBackToTheSystem) {
+TEST(PageArena, IdleMemoryIsGivenBackToTheSystem) {
   PageArena& arena = PageArena::instance();
   constexpr std::size_t kBytes = 14'336;
   const auto resident = [] {

@@ -60,13 +60,13 @@ class ReconcileComplete : public testing::Test {
   Ref<ReconcileCompleteSm> sm;
 };
 
-TEST_F(ReconcileComplete, WithoutAStatusAtOnceAfterTheCommit) {
+TEST_F(ReconcileComplete, CompletesImmediatelyWithoutAStatus) {
   start(nullptr);
   EXPECT_EQ(tables->calls, "reconcile commit ");
   EXPECT_TRUE(completed());
 }
 
-TEST_F(ReconcileComplete, WaitsForTheHardwareAndTellsOnce) {
+TEST_F(ReconcileComplete, WaitsForTheHardwareAndReportsOnce) {
   const auto status = std::make_shared<FakeStatus>(true);
   start(status);
   status->pendingIs(true);
@@ -82,7 +82,7 @@ TEST_F(ReconcileComplete, WaitsForTheHardwareAndTellsOnce) {
   EXPECT_EQ(tables->calls, "reconcile commit ");
 }
 
-TEST_F(ReconcileComplete, FollowsTheStatusThatIsExposed) {
+TEST_F(ReconcileComplete, FollowsTheExposedStatus) {
   const auto first = std::make_shared<FakeStatus>(true);
   const auto second = std::make_shared<FakeStatus>(true);
   start(first);

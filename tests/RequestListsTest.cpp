@@ -43,7 +43,7 @@ class Followed final : private KilnAgent::StoreObserver {
   }
 };
 
-TEST(RequestLists, AListIsTakenInAsIfItsRequestsCameOneByOne) {
+TEST(RequestLists, ListHasTheEffectOfSingleRequests) {
   constexpr FeatureType kFeature = FeatureType::mpls;
   std::mt19937 engine(7);
   const auto random = [&engine] { return static_cast<std::uint32_t>(engine()); };
@@ -70,7 +70,7 @@ TEST(RequestLists, AListIsTakenInAsIfItsRequestsCameOneByOne) {
   EXPECT_GT(listed.changes.size(), 1000U);
 }
 
-TEST(RequestLists, AnAbsentFeatureHasNone) {
+TEST(RequestLists, ListsForAnAbsentFeatureHaveNoEffect) {
   Followed followed;
   followed.store.removeFeature(FeatureType::mpls);
   const std::vector<std::pair<IsemEntryKey, MemoryStateStore::Request<Isem>>> requests = {{keyOf(1), {}}};

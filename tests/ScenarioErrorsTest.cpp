@@ -51,7 +51,7 @@ std::string mistakeName(const testing::TestParamInfo<Mistake>& info) {
 
 class MalformedLine : public testing::TestWithParam<Mistake> {};
 
-TEST_P(MalformedLine, EndsTheRunThereWithNothingOfItExecuted) {
+TEST_P(MalformedLine, EndsTheRunWithoutBeingExecuted) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   std::istringstream lines("// a comment\n" + kGood + "\n\n" + GetParam().line + "\n" +
@@ -140,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(All, MalformedLine, testing::ValuesIn(kMistakes), mista
 
 const std::string kOneTagEntry = R"({"isem1TagEntry":{"lif":1,"vsi":1,"profile":0}})";
 
-TEST_F(CommandLine, TheExitStatusSaysWhetherEveryExpectationHeld) {
+TEST_F(CommandLine, ExitStatusTellsWhetherExpectationsHeld) {
   const auto expects = [](const char* status) {
     return R"({"op":"expect","feature":"mpls","database":"isem","status":")" + std::string(status) +
            R"(","key":)" + mplsKey(R"("label":1,"labelSpace":0)") + "}\n";

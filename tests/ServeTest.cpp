@@ -113,7 +113,7 @@ class Serve : public CommandLine {
   pid_t process_ = 0;
 };
 
-TEST_F(Serve, AnswersEachOperationAndWhatItAcknowledgedOutlivesAKill) {
+TEST_F(Serve, AcknowledgedOperationsSurviveAKill) {
   start();
   {
     Client client(socketPath());
@@ -132,7 +132,7 @@ TEST_F(Serve, AnswersEachOperationAndWhatItAcknowledgedOutlivesAKill) {
   EXPECT_EQ("hwSuccess", client.ask(kShowDump)["dump"]["statuses"][0]["status"]);
 }
 
-TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
+TEST_F(Serve, InvalidLinesGetErrorsAndHaveNoEffect) {
   start();
   Client client(socketPath());
   const struct {
@@ -173,7 +173,7 @@ TEST_F(Serve, WhatIsWrongIsAnsweredAndHarmsNobody) {
   EXPECT_EQ(0, kill(SIGTERM));
 }
 
-TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
+TEST_F(Serve, VanishedAndUnresponsiveClientsDoNotBlockOthers) {
   start();
   std::string many;
   for (int label = 1; label <= 200; ++label) many += publishLine(label) + "\n";
@@ -201,7 +201,7 @@ TEST_F(Serve, ClientsThatVanishOrDoNotListenHinderNobody) {
   EXPECT_EQ(0, kill(SIGTERM)) << "though one client does not take its answers";
 }
 
-TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
+TEST_F(Serve, SecondAgentIsRefusedAndStaleSocketIsReplaced) {
   start();
   const auto expectRefused = [this](const std::string& options, const char* told = "") {
     const Result result = run("serve --state " + options);
@@ -225,7 +225,7 @@ TEST_F(Serve, ASecondAgentIsRefusedAndAStaleSocketIsNoObstacle) {
   expectRefused(fmt::format("{} --socket {}", directory / "state", std::string(200, 'x')));
 }
 
-TEST_F(Serve, StandardDescriptorsThatAreClosedOrFailCostNothing) {
+TEST_F(Serve, ClosedOrFailingStandardDescriptorsAreHarmless) {
   void (*const troubles[])() = {[] {
                                   for (int number = 0; number <= 2; ++number) close(number);
                                 },
@@ -248,7 +248,7 @@ TEST_F(Serve, StandardDescriptorsThatAreClosedOrFailCostNothing) {
   }
 }
 
-TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
+TEST_F(Serve, ServiceManagerIsNotifiedOfStartWatchdogAndStop) {
   FileDescriptor manager(::socket(AF_UNIX, SOCK_DGRAM, 0));
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -272,7 +272,7 @@ TEST_F(Serve, TheServiceManagerIsToldOfStartLifeAndEnd) {
   hear("STOPPING=1");
 }
 
-TEST_F(Serve, SendShowsTheAnswersAndTellsWhetherAllWasWell) {
+TEST_F(Serve, SendShowsAnswersAndReturnsTheirResult) {
   start();
   const auto sent = [this](const std::string& arguments) { return run("send " + arguments); };
   const std::string good =
@@ -338,7 +338,7 @@ class Turns : public testing::Test {
   std::optional<KilnAgent::Service> service;
 };
 
-TEST_F(Turns, NoClientWaitsForAnothersSettleOrRun) {
+TEST_F(Turns, SettleAndRunOfAClientDoNotBlockOthers) {
   constexpr int kRequests = 50;  // more than any machine publishes and settles in one turn
   for (const std::string& wait : {kSettle, std::string(R"({"op":"run","tasks":18446744073709551615})")}) {
     const FileDescriptor waiting = connect();
@@ -358,7 +358,7 @@ TEST_F(Turns, NoClientWaitsForAnothersSettleOrRun) {
   }
 }
 
-TEST_F(Turns, ALongAnswerIsMadeAsItIsTakenAndSaysWhetherItShowsOneMoment) {
+TEST_F(Turns, LongAnswersAreProducedOnDemandAndFlagOneMoment) {
   constexpr int kRequests = 3000;
   const FileDescriptor client = connect();
   for (int label = 1; label <= kRequests; ++label) {

@@ -22,7 +22,7 @@ namespace {
 using KilnTests::publishLine;
 using KilnTests::withdrawLine;
 
-TEST(Simulation, AWrittenPlanDoesTheSame) {
+TEST(Simulation, WrittenPlanRunsIdentically) {
   for (const std::string_view profile : kProfiles) {
     const Plan plan = drawPlan(7, 150, profile);
     Tally tally;
@@ -66,7 +66,7 @@ std::uint64_t failedExpects(const std::vector<std::string>& lines) {
   return scenario.counters().failedExpects;
 }
 
-TEST(Simulation, AWrittenPlanFailsWhereSomethingWasTouchedSinceTheLastQuietMoment) {
+TEST(Simulation, WrittenPlanDetectsObjectsTouchedSinceTheLastQuietMoment) {
   const std::string publish = publishLine(1);
   const std::string withdraw = withdrawLine(1);
   const std::string run = R"({"op":"run","tasks":500})";
@@ -78,7 +78,7 @@ TEST(Simulation, AWrittenPlanFailsWhereSomethingWasTouchedSinceTheLastQuietMomen
   }
 }
 
-TEST(Simulation, TheChangesSinceTheLastCommitAreLostInACrash) {
+TEST(Simulation, CrashLosesUncommittedChanges) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.runLine(publishLine(1));
@@ -113,7 +113,7 @@ std::string wrongAfter(EmStatus status, std::uint32_t version, bool withRequest)
   return watch.takeWrong();
 }
 
-TEST(Simulation, TheJudgeSeesStatusesThatAreNotTrue) {
+TEST(Simulation, JudgeDetectsFalseStatuses) {
   EXPECT_EQ("", wrongAfter(EmStatus::hwPending, 4, true));
   EXPECT_NE("", wrongAfter(EmStatus::hwPending, 3, true));
   EXPECT_NE("", wrongAfter(EmStatus::hwSuccess, 4, true));

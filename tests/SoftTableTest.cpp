@@ -46,7 +46,7 @@ class OrderedLayer : public testing::Test, public Asic::ChangeSubscriber {
   int flagChanges = 0;
 };
 
-TEST_F(OrderedLayer, ForwardsWithTheOldEntriesAndTouchesOnlyWhatDiffers) {
+TEST_F(OrderedLayer, RestartKeepsEntriesAndTouchesOnlyDifferences) {
   leaveThree();
   ASSERT_EQ(3U, table().size());
   EXPECT_EQ(2U, find(2)->lif);
@@ -105,7 +105,7 @@ TEST_F(OrderedLayer, AnOperationIsPendingUntilItsAnswerHasBeenDelivered) {
   EXPECT_FALSE(chip.status()->pendingHwWrites()) << "held answers are dropped";
 }
 
-TEST_F(OrderedLayer, OperationsThatApplyWhenAnsweredKeepTheirOrderOnAKey) {
+TEST_F(OrderedLayer, LateOperationsKeepTheirOrderPerKey) {
   using Order = KilnAgent::SoftTable::Order;
   auto& soft = chip.table(kTag);
   soft.appliesIs(KilnAgent::SoftTable::Applies::answered);
@@ -130,7 +130,7 @@ TEST_F(OrderedLayer, OperationsThatApplyWhenAnsweredKeepTheirOrderOnAKey) {
   EXPECT_NE(nullptr, find(2)) << "there was room when it was applied, not when it was issued";
 }
 
-TEST_F(OrderedLayer, AnUnappliedOperationKeepsTheEntryOfItsKeyFromBeingDropped) {
+TEST_F(OrderedLayer, EntryWithUnappliedOperationIsNotDropped) {
   leaveThree();
   auto& soft = chip.table(kTag);
   soft.appliesIs(KilnAgent::SoftTable::Applies::answered);
@@ -145,7 +145,7 @@ TEST_F(OrderedLayer, AnUnappliedOperationKeepsTheEntryOfItsKeyFromBeingDropped) 
   EXPECT_EQ(before.written + 1, chip.counters().written);
 }
 
-TEST_F(OrderedLayer, ARestartWithinARestartClaimsEverythingAnew) {
+TEST_F(OrderedLayer, RestartDuringARestartUnclaimsEverything) {
   leaveThree();
   write(1, 1);
   chip.serverDied();
@@ -160,7 +160,7 @@ TEST_F(OrderedLayer, ARestartWithinARestartClaimsEverythingAnew) {
   EXPECT_NE(nullptr, find(3));
 }
 
-TEST_F(OrderedLayer, ARefusedOrUnfittingRewriteClaimsNothing) {
+TEST_F(OrderedLayer, RefusedOrUnfittingRewriteClaimsNothing) {
   leaveThree();
   auto& soft = chip.table(kTag);
   soft.answerModeIs(KilnAgent::SoftTable::AnswerMode::refuse);

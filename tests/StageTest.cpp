@@ -96,7 +96,7 @@ TEST(Stage, AScanThatYieldsAfterEveryItemMissesNoChange) {
   EXPECT_EQ(traces.count(7, "Line 9: from( this.ready ): ready=true"), 1u);
 }
 
-TEST(Stage, ASynchronousStageIsReadyAtOnce) {
+TEST(Stage, SynchronousStageIsReadyImmediately) {
   CopySetUp set(1);
   for (int key = 1; key <= 10; ++key) set.source->itemIs(key, key);
   for (int key = 11; key <= 20; ++key) set.sink->resultIs(key, key);
@@ -105,7 +105,7 @@ TEST(Stage, ASynchronousStageIsReadyAtOnce) {
   EXPECT_EQ(contentOf(set.sink->result()), contentOf(set.source->item()));
 }
 
-TEST(Stage, AScanThatEndsInsideInitializationIsLookedAtAgain) {
+TEST(Stage, ScanThatEndsDuringInitializationIsCheckedAgain) {
   CopySetUp set;
   set.source->itemIs(1, 1);
   const auto stage = set.start();
@@ -162,7 +162,7 @@ TEST_P(Reconciliation, DeletesOnlyWhatIsStale) {
   EXPECT_FALSE(set.sink->resultHas(1));
 }
 
-TEST(Stage, KeysThatAreToStayAsTheyAreSurviveTheDeletionScanAndAreAwaited) {
+TEST(Stage, AwaitedKeysSurviveTheDeletionScan) {
   CopySetUp set;
   for (int key = 1; key <= 4; ++key) set.source->itemIs(key, kKeep);
   for (int key = 1; key <= 5; ++key) set.sink->resultIs(key, 8);
@@ -184,7 +184,7 @@ TEST(Stage, KeysThatAreToStayAsTheyAreSurviveTheDeletionScanAndAreAwaited) {
   EXPECT_EQ(counts.rewritten, 1u);
 }
 
-TEST(Stage, TasksBearTheNamesOfWhatTheyDo) {
+TEST(Stage, TasksAreNamedAfterTheirWork) {
   CopySetUp set(1);
   for (int key = 1; key <= 3; ++key) set.source->itemIs(key, key);
   set.sink->resultIs(50, 1);
@@ -205,7 +205,7 @@ TEST(Stage, TasksBearTheNamesOfWhatTheyDo) {
   EXPECT_TRUE(deletion.names.contains("CopyStage-sinkResultOutputTask"));
 }
 
-TEST(Stage, ARangeErrorIsTheAffairOfOneItem) {
+TEST(Stage, RangeErrorAffectsOneItemOnly) {
   CopySetUp set(1);
   set.source->itemIs(1, 1);
   set.source->itemIs(2, kBroken);
@@ -224,7 +224,7 @@ TEST(Stage, ARangeErrorIsTheAffairOfOneItem) {
   EXPECT_EQ(traces.count(0, "key 4 left out"), 1u);
 }
 
-TEST(Stage, TeardownWithdrawsWhatDestructionLeaves) {
+TEST(Stage, TeardownWithdrawsButDestructionDoesNot) {
   CopySetUp set(1);
   for (int key = 1; key <= 10; ++key) set.source->itemIs(key, key);
   {
@@ -304,7 +304,7 @@ class LogStage final : public Stage {
 class EventOrder : public testing::TestWithParam<std::uint32_t> {};
 INSTANTIATE_TEST_SUITE_P(YieldEvery, EventOrder, testing::Values(0, 1, 2));
 
-TEST_P(EventOrder, IsThatOfArrivalAcrossInputs) {
+TEST_P(EventOrder, FollowsArrivalAcrossInputs) {
   const Bench bench(GetParam());
   std::vector<Ref<Source>> sources;
   for (int i = 0; i < 4; ++i) sources.push_back(std::make_shared<Source>());
@@ -381,7 +381,7 @@ class NestedInputs : public testing::TestWithParam<std::uint32_t> {
 };
 INSTANTIATE_TEST_SUITE_P(YieldEvery, NestedInputs, testing::Values(0, 1, 3));
 
-TEST_P(NestedInputs, AnOuterEntryGoesWithAllItsKeys) {
+TEST_P(NestedInputs, RemovedOuterEntryRemovesAllItsKeys) {
   const auto one = room({{1, 1}, {2, 2}, {3, 3}});
   rooms->roomIs(1, one);
   rooms->roomIs(2, room({{1, 1}}));
@@ -502,7 +502,7 @@ class KeyedStage final : public Stage {
   Output<KeyedSink::entryAttr, "sink", "key", mismatch> sink_;
 };
 
-TEST(StageDeathTest, AValueUnderAnotherKeyThanItsOwn) {
+TEST(StageDeathTest, ValueUnderAForeignKeyIsReportedOrFatal) {
   const Bench bench;
   const auto source = std::make_shared<Source>();
   const auto sink = std::make_shared<KeyedSink>();

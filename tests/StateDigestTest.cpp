@@ -117,7 +117,7 @@ std::string difference(const SmallScenario& scenario, const Pair& pair, std::uin
   return one.size() == other.size() ? "" : "one ends before the other";
 }
 
-TEST(StateDigest, StatesOfOneDigestGoOnAlike) {
+TEST(StateDigest, StatesWithEqualDigestsContinueEqually) {
   for (const char* name : {"moved-and-moved-back", "feature-removed-and-added", "domain-passes-on"}) {
     auto scenario = readSmallScenario(fmt::format("{}/sim/small/{}.jsonl", KILN_SOURCE_DIR, name));
     scenario.troubles = {.refusals = 0, .restarts = 1, .crashes = 1, .losses = 0};
@@ -172,7 +172,7 @@ const std::string kRestart = R"({"op":"restart"})";
 const std::string kCommit = R"({"op":"commit"})";
 const std::string kManual = R"({"op":"vlanDomains","mode":"manual"})";
 
-TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
+TEST(StateDigest, DependsOnTheStateAndNotOnItsHistory) {
   const std::vector<std::string> direct = {kSettle, publish(1), kSettle, publishUntagged(1),
                                            kSettle, publish(2), kSettle};
   const std::vector<std::string> roundabout = {
@@ -198,7 +198,7 @@ TEST(StateDigest, IsThatOfTheStateAndNotOfTheWayThere) {
   EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(fresh.digest(), emptied.digest()), ", ")));
 }
 
-TEST(StateDigest, EachDifferenceChangesIt) {
+TEST(StateDigest, EachDifferenceChangesTheDigest) {
   using Lines = std::vector<std::string>;
   const Lines held = {kSettle, table(R"("answer":"hold")"), publish(1), kSettle, publish(1, 2), kSettle};
   const Lines full = {publish(1), kSettle, table(R"("answer":"hold","capacity":0)"), withdrawLine(1)};

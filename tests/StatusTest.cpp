@@ -20,7 +20,7 @@ EmRequestStatus tableStatus(const EmLogicalKey& key, const EmHwKey& hwKey,
 
 // --- Software-table status ---------------------------------------------------------------------------------
 
-TEST(SwTableStatus, TheLatestAnswerIsPublishedInWhateverOrderChangesAreHandled) {
+TEST(SwTableStatus, LatestAnswerIsPublishedInAnyHandlingOrder) {
   const Bench bench;
   const auto input = std::make_shared<EmSwTableStatus>();
   const auto output = std::make_shared<EmLogicalKeyToStatus>();
@@ -53,7 +53,7 @@ using KilnTunnelNiLib::RequestKind;
 const auto kRequestKey = requestKeyAs<RequestKey>(kA);
 
 // Features are told apart by channels; a feature that has no name has a channel, too.
-TEST(FeatureStatus, EveryNumberOfAFeatureIsServedAndAnUnknownKindFails) {
+TEST(FeatureStatus, UnnamedFeaturesAreServedAndUnknownKindsFail) {
   for (const int number : {0, 1, 8, 9, 16, 17, 255}) {
     const Bench bench(1);
     const auto emStatus = std::make_shared<EmLogicalKeyToStatus>();
@@ -108,7 +108,7 @@ struct Resources {
 };
 
 // A new stage counts everything before it judges the rows that an earlier one left.
-TEST(ResourceTables, RowsThatAreStillTrueStandThroughARestart) {
+TEST(ResourceTables, UnchangedRowsSurviveARestart) {
   for (const std::uint32_t yieldEvery : {0U, 1U}) {
     Resources r(yieldEvery);
     auto stage = r.start();
@@ -132,7 +132,7 @@ TEST(ResourceTables, RowsThatAreStillTrueStandThroughARestart) {
 }
 
 // Rows are published in the order in which their counts changed, however often one of them changes.
-TEST(ResourceTables, ARowThatChangesAllTheTimeKeepsNoOtherBack) {
+TEST(ResourceTables, BusyRowDoesNotDelayOtherRows) {
   Resources r(1);
   const auto stage = r.start();
   r.request(kA);

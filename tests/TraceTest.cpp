@@ -30,7 +30,7 @@ struct fmt::formatter<KilnTest::Formatted> : fmt::formatter<int> {
 namespace KilnTest {
 namespace {
 
-TEST(Trace, LevelsDecideAndNothingElseIsFormatted) {
+TEST(Trace, OnlyEnabledLevelsAreFormatted) {
   int times = 0;
   const Tracer tracer("stageA");
   tracer.trace<0>("no sink {}", Formatted{&times});
@@ -47,7 +47,7 @@ TEST(Trace, LevelsDecideAndNothingElseIsFormatted) {
   EXPECT_EQ(message.stage, "stageA");
 }
 
-TEST(Trace, TheLastFilterThatNamesAStageDecides) {
+TEST(Trace, LastMatchingFilterDecides) {
   TraceCapture capture(0);
   const Tracer conflict("emConflictSmStage");
   const Tracer merge("emKeyMergeSmStage");

@@ -43,7 +43,7 @@ const std::vector<EmResolvedKey>& resolvedKeys() {
   return keys;
 }
 
-TEST(Value, EachUnionAlternativeIsOnlyItself) {
+TEST(Value, UnionAlternativesAreDistinct) {
   std::set<EmResolvedKey> ordered;
   std::set<std::size_t> hashes;
   int tag = 0;
@@ -62,7 +62,7 @@ TEST(Value, EachUnionAlternativeIsOnlyItself) {
 }
 
 // What lies between the fields of an alternative is whatever its place in memory held before.
-TEST(Value, AUnionIsItsFieldsAndNothingBetweenThem) {
+TEST(Value, UnionIgnoresPadding) {
   const auto built = [](unsigned char before) {
     alignas(IsemMplsComposerKey) unsigned char place[sizeof(IsemMplsComposerKey)];
     std::memset(place, before, sizeof(place));
@@ -76,7 +76,7 @@ TEST(Value, AUnionIsItsFieldsAndNothingBetweenThem) {
   EXPECT_EQ(*built(0xFF).getIf<IsemMplsComposerKey>(), (IsemMplsComposerKey{7, 1}));
 }
 
-TEST(Value, EveryFieldOfAKeyTellsKeysApart) {
+TEST(Value, EveryFieldOfAKeyIsCompared) {
   const EmLogicalKey key = mplsKey(FeatureType::mpls, 7);
   std::vector<EmLogicalKey> variants = {key, key, key, key, key};
   variants[1].featureType = FeatureType::evpn;
@@ -143,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "262144))",
                 "U18::value < 0 or > 0x0003ffff not allowed"}));
 
-TEST(Value, ResolverKeyTextIsRejectedInItsOwnName) {
+TEST(Value, ResolverKeyErrorsNameTheResolverKey) {
   const auto parse = [](const char* text) { KilnPlatform::valueFromText<ResolverKey>(text); };
   EXPECT_EQ(rangeErrorOf([&] { parse("vd"); }), "Invalid string rep for ResolverKey");
   EXPECT_EQ(rangeErrorOf([&] { parse("KilnEmServer::ResolverKey(lag: 1)"); }),

@@ -32,7 +32,7 @@ class VlanDomains : public testing::Test {
   VlanDomainService service{scheduler, {1, 3}};
 };
 
-TEST_F(VlanDomains, SystemTcamsHaveOnePoolUnlessToldOtherwise) {
+TEST_F(VlanDomains, SystemTcamsShareAPoolByDefault) {
   ask(1, 0);
   ask(1, 1);
   EXPECT_EQ(1, domainOf(1, 0));
@@ -51,7 +51,7 @@ TEST_F(VlanDomains, SystemTcamsHaveOnePoolUnlessToldOtherwise) {
   EXPECT_EQ(1, domainOf(4, 1));
 }
 
-TEST_F(VlanDomains, RequestsInsideTheCallAreServedThere) {
+TEST_F(VlanDomains, RequestsCanBeServedInsideTheCall) {
   service.insideCallIs(true);
   for (const std::uint64_t intfId : {1U, 2U, 3U, 4U}) ask(intfId);
   EXPECT_EQ(3, service.status()->status().get({3, 0}).value_or(0));
@@ -60,7 +60,7 @@ TEST_F(VlanDomains, RequestsInsideTheCallAreServedThere) {
   EXPECT_EQ(2, service.status()->status().get({4, 0}).value_or(0));
 }
 
-TEST_F(VlanDomains, GroupsThatJoinHaveTheDomainOfTheSideThatIsJoined) {
+TEST_F(VlanDomains, JoinedGroupsGetTheDomainOfTheJoinedSide) {
   ask(1);
   ask(2);
   ask(3);
@@ -78,7 +78,7 @@ TEST_F(VlanDomains, GroupsThatJoinHaveTheDomainOfTheSideThatIsJoined) {
   EXPECT_EQ(service.sharesWith({1, 0}), service.sharesWith({5, 0}));
 }
 
-TEST_F(VlanDomains, JoiningOneByOneMovesNoMoreThanTheOneThatJoins) {
+TEST_F(VlanDomains, JoiningMovesOnlyTheNewMember) {
   struct Counter final : KilnAgent::VlanDomainObserver {
     void handleDomainChange(const KilnAgent::VlanDomainChange& /*change*/) override { ++changes; }
     std::uint64_t changes = 0;

@@ -49,7 +49,7 @@ class WriterTest : public testing::Test {
   Ref<IsemMplsSwTableWriter> writer;
 };
 
-TEST_F(WriterTest, AnswersAfterTheWriterIsGoneReachNobody) {
+TEST_F(WriterTest, AnswersAfterTheWriterIsDestroyedAreIgnored) {
   want(kH1, wanted(1));
   want(mplsHwKey(2), wanted(2));
   drop(mplsHwKey(2));
@@ -126,7 +126,7 @@ TEST_F(RetryTest, EachAnsweredRemovalRetriesTheKeyThatWaitsLongest) {
   EXPECT_EQ(localEntries(*writer), 0u);
 }
 
-TEST_F(RetryTest, WhenReconciliationHasCompletedEachRefusedKeyIsRetriedOnce) {
+TEST_F(RetryTest, CompletedReconciliationRetriesEachRefusedKeyOnce) {
   using Labels = std::vector<int>;
   for (std::uint32_t key = 1; key <= 3; ++key) want(mplsHwKey(key), wanted(key));
   answer(0, TableState::noResource_);
@@ -151,7 +151,7 @@ TEST_F(RetryTest, AKeyWithoutATableIsNotRetried) {
 
 // The walk over a shared collection leaves out the keys of other tables by whole pages, and still ends its
 // slices in time, at the same places whatever is traced.
-TEST_F(WriterTest, AWalkPastManyKeysOfOtherTablesIsDoneInSlices) {
+TEST_F(WriterTest, WalkPastManyKeysOfOtherTablesYields) {
   writer.reset();
   for (std::uint32_t fodo = 0; fodo < 20'000; ++fodo) {
     const EmHwKey other{FapId::allFap(), LocalCoreId::all(),
@@ -179,7 +179,7 @@ TEST_F(WriterTest, AnOperationOfADivergentKeyIsFatal) {
                "Assertion failed: emHwKey.fapId\\(\\) == Hardware::Kiln::FapId::allFap\\(\\)");
 }
 
-TEST_F(WriterTest, WhatReachesNoTableFailsOnWriteAndSucceedsOnDelete) {
+TEST_F(WriterTest, MissingTableFailsWritesAndAcceptsDeletes) {
   auto wrongEntry = wanted(1);
   wrongEntry.emEntry.emEntry = KilnTunnelNiLib::EsemFodoEntry{1, 1};
   const TraceCapture traces(0);

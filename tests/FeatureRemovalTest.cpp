@@ -13,9 +13,9 @@ using KilnTunnelNiLib::IsemEntryKey;
 constexpr FeatureType kFeature = FeatureType::mpls;
 constexpr std::uint32_t kRequests = 40;
 
-class FeatureGoesTest : public testing::Test {
+class FeatureRemovalTest : public testing::Test {
  protected:
-  FeatureGoesTest() { publish(kRequests); }
+  FeatureRemovalTest() { publish(kRequests); }
 
   void publish(std::uint32_t labels) {
     for (std::uint32_t label = 0; label < labels; ++label) {
@@ -44,7 +44,7 @@ class FeatureGoesTest : public testing::Test {
   }
 };
 
-TEST_F(FeatureGoesTest, ItsStatusesAreWithdrawnInSlices) {
+TEST_F(FeatureRemovalTest, WithdrawsStatusesInSlices) {
   const auto left = statuses();
   ASSERT_EQ(left->status().size(), kRequests);
   agent.store().removeFeature(kFeature);
@@ -55,7 +55,7 @@ TEST_F(FeatureGoesTest, ItsStatusesAreWithdrawnInSlices) {
 }
 
 // Keys are in use as long as a collection holds them: so that shows when collections are destroyed.
-TEST_F(FeatureGoesTest, ItsCollectionsAreDestroyedInSlices) {
+TEST_F(FeatureRemovalTest, DestroysCollectionsInSlices) {
   const auto keys = [] { return KeySpace<IsemEntryKey>::instance().size(); };
   const std::size_t before = keys();
   agent.store().removeFeature(kFeature);
@@ -64,7 +64,7 @@ TEST_F(FeatureGoesTest, ItsCollectionsAreDestroyedInSlices) {
   EXPECT_EQ(keys(), before - kRequests);
 }
 
-TEST_F(FeatureGoesTest, StartUpWaitsUntilItsStatusesAreWithdrawn) {
+TEST_F(FeatureRemovalTest, StartUpWaitsForTheWithdrawalOfStatuses) {
   const auto started = [&](const char* stage) {
     return agent.server().isComplete(stage);
   };
