@@ -1,4 +1,4 @@
-// What the agent is given that it cannot use: numbers, chip files and outputs of the command line.
+// Invalid input of the agent: numbers, chip files and outputs of the command line.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -105,8 +105,8 @@ TEST(AgentLines, ErrorsAreOneLineWithFileAndLine) {
   EXPECT_LE(cut.size(), 310U);
 }
 
-// A task of the stages' priority that is always ready: tables and VLAN-domain service have their turn all the
-// same, so that a request that needs both is programmed.
+// A task of the stages' priority that is always ready: tables and VLAN-domain service still get their turn,
+// so that a request that needs both is programmed.
 TEST(AgentTasks, TablesAnswerUnderEndlessLoad) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});

@@ -1,4 +1,4 @@
-// Capacity rows against what tables, FAPs, profiles and external users say, and the alarms made of them.
+// Capacity rows, computed from tables, FAPs, profiles and external users, and the alarms derived from them.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ class ManualClock final : public Clock {
   std::chrono::nanoseconds time{1};
 };
 
-/// A writer that holds as many entries as the test says, and counts how often it is asked.
+/// A writer that reports as many entries as the test sets, and counts the calls.
 class CountingWriter final : public EmSwTableWriterSm {
  public:
   CountingWriter(ResolvedTag tag, const Ref<EmSwTableConfig>& config, const Ref<EmSwTableStatus>& status,
@@ -83,7 +83,7 @@ class Capacity : public testing::Test {
     sm->handleInitialized();
     bench.settle();
   }
-  /// Used, free and maximum as text; "none" where there is no row.
+  /// Used, free and maximum as text; "none" if there is no row.
   std::string row(const char* tableName, const char* feature, const char* chip) const {
     const auto entry = table->entry().get({tableName, feature, "SemCapacity", chip});
     return entry ? fmt::format("{} {} {}", entry->used, entry->free, entry->maxLimit) : "none";
@@ -189,7 +189,7 @@ TEST_F(Capacity, UpdateCostIsIndependentOfTheNumberOfEntries) {
                   bench.scheduler->counters().slices - slices});
   }
   ASSERT_EQ(1U, costs.size()) << "the number of entries matters";
-  // One update in one slice: seven writers asked and one row changed for each of 16 cores.
+  // One update in one slice: seven writers were read and one row was written for each of 16 cores.
   EXPECT_EQ(std::tuple(1U, 7U * 16, 16U, 1U), *costs.begin());
 }
 
@@ -339,7 +339,7 @@ std::string innerEthLine(const char* op) {
 const std::string kInnerEth = innerEthLine("publish");
 const std::string kInnerEthAgain = innerEthLine("withdraw") + "\n{\"op\":\"settle\"}\n" + kInnerEth;
 
-/// An agent with FAPs of all types, and what runs scenarios on it.
+/// An agent with FAPs of all types that runs scenarios.
 struct Server {
   explicit Server(std::uint32_t max = 40) : agent(optionsOf(max)) {}
   static KilnAgent::AgentOptions optionsOf(std::uint32_t max) {
@@ -387,7 +387,7 @@ TEST(CapacityOfTheServer, AFapKeepsItsRowsWhileItChangesItsProfile) {
   Server server;
   server.agent.chip().mdbStatus()->profile().is(9, profileOf(50));
   server.run("");
-  // Updates are done at their deadline, between whatever other tasks there are.
+  // Updates are done at their deadline, whatever other tasks are ready.
   const EndlessLoad churn(server.agent.store().taskScheduler(), 0, [&](std::uint32_t slice) {
     server.agent.externalUsers().user().is("churn", {{{FapId(1), LocalCoreId(0), 0, slice % 2}}});
   });
@@ -427,7 +427,7 @@ TEST(CapacityOfTheServer, KeyTypesShareTheRoomOfTheSmallestFap) {
   server.run(withdrawLine(3));
   server.run(kInnerEthAgain);
   EXPECT_EQ(1U, innerEth());
-  // A FAP whose profile is smaller than the others' leaves what is there, and takes nothing more.
+  // A FAP whose profile is smaller than the others' keeps the stored entries, and accepts no more.
   server.run(R"({"op":"profile","fapId":2,"profile":2})");
   server.run(withdrawLine(1));
   EXPECT_EQ(1U, innerEth());

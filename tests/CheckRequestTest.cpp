@@ -1,4 +1,4 @@
-// The check at the door: what is refused, and in which words.
+// The request check of the agent's store: which requests are refused, and with which text.
 #include "kiln/server/CheckRequest.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ using namespace KilnTunnelNiLib;
 struct Case {
   EmComposerKey key;
   EmEntry entry;
-  const char* problem;  ///< null where the request is sound
+  const char* problem;  ///< null if the request is valid
   RequestKind kind = RequestKind::add;
   std::uint16_t fap = 0x7FE;
   std::uint8_t core = 5;

@@ -1,4 +1,4 @@
-// The files in which the chip's tables live: what a killed process leaves, damage, files of others.
+// The files of the chip's tables: files of a killed process, damaged files, foreign files.
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -46,7 +46,7 @@ Model contentOf(const Entries& entries) {
   return content;
 }
 
-/// What opening the file says, or nothing where it can be opened.
+/// The error on opening the file; empty if it can be opened.
 template <class Collection = Entries>
 std::string refusalOf(const std::string& path) {
   try {
@@ -193,7 +193,7 @@ TEST(ChipFile, ForeignAndTruncatedFilesAreRefusedUnchanged) {
       {whole.substr(0, whole.size() - 1), "is cut short"},
       {whole + std::string(64, 'x'), "something foreign was appended"},
       {whole.substr(0, 64) + "\xFF\xFF\xFF\xFF" + std::string(4, '\0') + whole.substr(72, 4096 - 72),
-       "its number of slots is damaged"},  // none, which could not grow
+       "its number of slots is damaged"},  // no slots: the file could not grow
   };
   for (const auto& wrong : cases) {
     writeFile(path, wrong.content);

@@ -1,4 +1,4 @@
-// All implementations of the keyed collections hold the same promises.
+// Guarantees that all implementations of the keyed collections give.
 #include "kiln/runtime/collections/Collection.h"
 
 #include <gtest/gtest.h>
@@ -29,12 +29,12 @@ TYPED_TEST(CollectionTest, DelAllNotifiesEachKeyOfAConsistentCollection) {
   Recorder recorder(this->collection);
   this->collection.delAll();
   EXPECT_TRUE(this->collection.empty());
-  const auto deletions = recorder.deletions();  // a key still present at its notification is not counted
+  const auto deletions = recorder.deletions();  // a notified key that is still present is not counted
   EXPECT_EQ(std::set<int>(deletions.begin(), deletions.end()).size(), 20u);
   EXPECT_EQ(deletions.size(), 20u);
 }
 
-/// Implements only what must be implemented, and counts the walks over it that begin.
+/// Implements only the required functions, and counts the walks that are started.
 class CountedWalks final : public KeyedCollection<int, int> {
  public:
   [[nodiscard]] const int* find(const int& key) const override { return content_.find(key); }
@@ -53,7 +53,7 @@ class CountedWalks final : public KeyedCollection<int, int> {
   ColumnCollection<int, int> content_;
 };
 
-// A walk that begins anew passes by all places that are empty by then.
+// A walk that is restarted would pass over all places that are already empty.
 TEST(CollectionWalks, DelAllWalksOnce) {
   CountedWalks collection;
   for (int key = 0; key < 100; ++key) collection.is(key, key);
@@ -66,8 +66,7 @@ TEST(CollectionWalks, DelAllWalksOnce) {
   EXPECT_TRUE(agents->empty());
 }
 
-// A value or key that lives in the collection itself is a usual argument: copies of what was found are
-// avoided.
+// An argument is often a value or key that is stored in the collection itself, since callers avoid copies.
 TYPED_TEST(CollectionTest, TakesItsOwnValuesAsArguments) {
   this->collection.is(0, std::string(100, 'x'));
   for (int key = 1; key < 100; ++key) this->collection.is(key, *this->collection.find(0));
@@ -104,8 +103,8 @@ TYPED_TEST(CollectionTest, AgreesWithAModelUnderRandomOperations) {
   EXPECT_EQ(recorder.changes.size(), changes);
 }
 
-// Between two steps of a walk anything may be inserted and deleted. Keys that were there throughout are
-// visited, and the walk ends although keys come as fast as it goes.
+// Between two steps of a walk, keys are inserted and deleted. Keys that were present throughout are visited,
+// and the walk ends although keys are inserted as fast as it proceeds.
 TYPED_TEST(CollectionTest, AWalkSurvivesMutation) {
   for (unsigned seed = 0; seed < 300; ++seed) {
     std::mt19937 random(seed);
@@ -141,7 +140,7 @@ TYPED_TEST(CollectionTest, AWalkSurvivesMutation) {
 TYPED_TEST(CollectionTest, TheOrderOfAWalkFollowsFromTheOperations) {
   const auto build = [](unsigned spare) {
     TypeParam walked;
-    std::vector<std::unique_ptr<int>> elsewhere(spare);  // another layout of memory
+    std::vector<std::unique_ptr<int>> elsewhere(spare);  // another memory layout
     std::mt19937 random(3);
     for (int step = 0; step < 500; ++step) {
       const int key = static_cast<int>(random() % 80);
@@ -156,7 +155,7 @@ TYPED_TEST(CollectionTest, TheOrderOfAWalkFollowsFromTheOperations) {
   EXPECT_EQ(build(1000), first);
 }
 
-/// Leaves, and takes another subscriber along, when it is notified for the first time.
+/// Removes itself and another subscriber when it is notified for the first time.
 struct Leaver final : KeySubscriber<int> {
   explicit Leaver(const KeyedCollection<int, std::string>& c) : collection(c) { c.subscribe(*this); }
   void handleChange(const int& /*key*/) override {
@@ -195,7 +194,7 @@ TYPED_TEST(CollectionTest, SubscribersComeAndGoWhileTheyAreNotified) {
   this->collection.unsubscribe(newcomer);
 }
 
-/// Changes the collection from within a notification: what the immediate reactions do.
+/// Changes the collection from within a notification, as immediate reactions do.
 struct Nester final : KeySubscriber<int> {
   explicit Nester(KeyedCollection<int, std::string>& c) : collection(c) { c.subscribe(*this); }
   ~Nester() { collection.unsubscribe(*this); }

@@ -21,14 +21,14 @@ class CommandLine : public testing::Test {
     std::string out;
     std::string err;
   };
-  /// Redirections among the arguments take the place of those to `out` and `err`.
+  /// Redirections among the arguments replace those to `out` and `err`.
   Result run(const std::string& arguments) const {
     const std::string redirected = " >" + (directory / "out") + " 2>" + (directory / "told") + " ";
     const int status = std::system((binary() + redirected + arguments).c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readWhole(directory / "out"),
             readWhole(directory / "told")};
   }
-  /// The agent that was built with the tests.
+  /// The agent that is built with the tests.
   static std::string binary() {
     std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe");
     std::string name = path.filename();

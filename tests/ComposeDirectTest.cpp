@@ -1,4 +1,4 @@
-// Translation of the keys that need no resolution, and what the merge of composed keys refuses.
+// Translation of the keys that need no resolution, and broken invariants of the merge of composed keys.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -22,7 +22,7 @@ EmLogicalKey vpwsKey(std::uint32_t inLif, std::uint16_t outer, std::uint16_t inn
 
 struct Bound {
   EmLogicalKey key;
-  const char* error;  ///< null where it translates
+  const char* error;  ///< null if it is translated
 };
 class TranslationBounds : public testing::TestWithParam<Bound> {};
 TEST_P(TranslationBounds, MatchTheHardwareFields) {

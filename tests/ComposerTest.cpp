@@ -1,4 +1,4 @@
-// Composers and the VLAN-domain resolver, wired to each other as the server wires them.
+// Composers and the VLAN-domain resolver, connected as in the server.
 #include "kiln/compose/ComposerSm.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ ResolverKey vd(const Interface& interface) {
   return VdResolverKey{interface};
 }
 
-/// What outlives a server: the VLAN-domain service's two collections.
+/// The state that outlives a server: the VLAN-domain service's two collections.
 struct DomainService {
   Ref<KilnVlanDomain::VlanDomainConfig> config =
       std::make_shared<KilnVlanDomain::VlanDomainConfig>(KilnAgent::makeCollection<Interface, Unit>());
@@ -100,7 +100,7 @@ class Composing {
     const auto state = sideOf(key).composer->emLogicalKeyState(key);
     return state ? std::optional(state->state) : std::nullopt;
   }
-  /// The hardware's outcome for the key as it is composed now.
+  /// Sets the hardware's outcome for the key's present hardware key.
   void outcome(const EmLogicalKey& key, HwState state = HwState::hwSuccess) {
     sideOf(key).status->resolvedKeyStatusIs({key, composed(key).value(), state});
   }
@@ -115,7 +115,7 @@ class Composing {
     return resolver->resolverStatus().status().get(vd(interface));
   }
 
-  /// Everything that is kept on the way, in the stages and between them.
+  /// The number of all entries that are kept in the stages and between them.
   std::size_t leftOver() const {
     std::size_t entries = localEntries(*resolver) + resolver->resolverStatus().status().size() +
                           service_.config->config().size();
@@ -195,7 +195,7 @@ TEST_F(ComposerTest, ComposesHardwareKeysAndChecksFieldRanges) {
   EXPECT_EQ(c.composed(good[3]), hwKeyOf(EsemFodoVdEntryKey{U18(0x3ffff), U11(0x1ff)}));
   EXPECT_EQ(c.failure(badFodo), "U18::value < 0 or > 0x0003ffff not allowed");
 
-  // A wider domain: the fields of the request are complained of first, and the egress key still composes.
+  // A wider domain: errors in the request's fields are reported first, and the egress key still composes.
   c.allot(kPort, 0x200);
   c.bench.settle();
   for (int i = 0; i < 3; ++i) {
@@ -211,7 +211,7 @@ TEST_F(ComposerTest, ComposesHardwareKeysAndChecksFieldRanges) {
   c.allot(kPort, 0x800);
   c.bench.settle();
   EXPECT_EQ(c.failure(good[3]), "U11::value < 0 or > 0x07ff not allowed");
-  // A key that waits is not one that cannot be composed.
+  // A key that waits has no compose failure.
   c.revoke(kPort);
   c.bench.settle();
   EXPECT_EQ(c.failure(good[3]), std::nullopt);
@@ -258,7 +258,7 @@ TEST_F(ComposerTest, AcknowledgesWhenEveryOutcomeOfTheCurrentDomainIsKnown) {
   EXPECT_EQ(c.state(b), KeyState::hwFail);
   EXPECT_TRUE(c.inUse(kPort));
 
-  // Another domain: outcomes that name the old hardware keys count for nothing, nor do they release.
+  // Another domain: outcomes for the old hardware keys do not count, and do not release.
   c.allot(kPort, 11);
   c.bench.settle();
   EXPECT_FALSE(c.inUse(kPort));
@@ -278,12 +278,12 @@ TEST_F(ComposerTest, AcknowledgesWhenEveryOutcomeOfTheCurrentDomainIsKnown) {
   c.outcome(a);
   c.bench.settle();
   EXPECT_FALSE(c.inUse(kPort));
-  // The last one whose outcome is missing is withdrawn.
+  // The last key without an outcome is withdrawn.
   c.withdraw(b);
   c.bench.settle();
   EXPECT_TRUE(c.inUse(kPort));
   EXPECT_TRUE(c.asked(kPort));
-  // The same domain again is a new epoch, to be acknowledged anew by outcomes that still stand.
+  // The same domain again is a new epoch. It is acknowledged again by the outcomes that still exist.
   c.revoke(kPort);
   c.bench.settle();
   EXPECT_FALSE(c.inUse(kPort));
@@ -308,8 +308,8 @@ TEST_F(ComposerTest, DoesNotAcknowledgeWhileADomainChangeIsHandled) {
   };
   c.allot(kPort, 10);
   c.bench.settle();
-  // One key after the other has its outcome under the coming domain before it moves there; the outcomes of
-  // the others are known, but under the domain that goes.
+  // One key after the other has its outcome under the new domain before it moves there; the outcomes of the
+  // others are known, but under the old domain.
   for (std::uint16_t early = 0; early < keys.size(); ++early) {
     const auto domain = static_cast<std::uint16_t>(11 + early);
     for (const auto& key : keys) c.outcome(key);
@@ -368,7 +368,7 @@ TEST_F(ComposerTest, AcknowledgementOfAnEarlierValueDoesNotCount) {
   c.outcome(egress);
   c.bench.settle();
   EXPECT_TRUE(c.inUse(kPort));
-  // A composer that joins a resolution which stands acknowledges it too.
+  // A composer that joins an existing resolution acknowledges it, too.
   c.request(ingress);
   c.bench.settle();
   c.outcome(ingress);
@@ -461,7 +461,7 @@ TEST(ResolvedKeyStatusTest, DividesOutcomesByTypeAndSkipsThoseWithoutHardwareKey
     const auto content = contentOf(outcomesOf(key.emComposerKey.tag()));
     EXPECT_EQ(content, (decltype(content){{key, {key, hwKey, HwState::hwKeyConflict}}}));
   }
-  // The table no longer holds the key, which waits again: its outcome goes though its status does not.
+  // The table no longer holds the key, which waits again: its outcome is removed although its status is not.
   merged->statusIs({keys[1], {}, {}, EmStatus::hwPending});
   merged->statusDel(keys[2]);
   bench.settle();

@@ -1,5 +1,5 @@
-// The conflict stage where the whole server does not reach: ties, missing inputs, moments and the end of the
-// stage.
+// Cases of the conflict stage that tests of the whole server do not reach: ties, missing inputs, timing and
+// the end of the stage.
 #include <gtest/gtest.h>
 
 #include "kiln/program/EmConflictSm.h"
@@ -10,7 +10,7 @@ namespace {
 
 using Feature = FeatureType;
 
-/// The conflict stage, with or without the inputs that tell it about keys without a hardware entry.
+/// The conflict stage, with or without the optional inputs about keys without a hardware entry.
 struct ConflictSetUp {
   explicit ConflictSetUp(std::uint32_t yieldEvery = 0) : bench(yieldEvery) {}
   void start(bool withRequests) {
@@ -95,7 +95,7 @@ TEST(Conflict, TeardownWithdrawsStatusesAndDropsWaitingKeys) {
   set.place(mplsKey(Feature::mpls, 1), kH1);
   set.place(mplsKey(Feature::bridging, 1), kH1);
   set.requests->emLogicalKeyToEntryIs(mplsKey(Feature::mpls, 7), mplsEntry(1));
-  set.bench.scheduler->run(3);  // the events are handled; one key waits to be told
+  set.bench.scheduler->run(3);  // the events are handled; one key waits for its status
   ASSERT_FALSE(set.bench.scheduler->idle());
   set.stage->doDeleteAll();
   set.bench.settle();

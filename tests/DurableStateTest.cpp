@@ -1,4 +1,4 @@
-// State that outlives the process: what a new agent over the same directory finds, and what it refuses.
+// State that outlives the process: what a new agent finds in the directory, and what it refuses.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -33,12 +33,12 @@ using KilnAgent::InputError;
 using KilnAgent::RecordStore;
 using KilnAgent::Scenario;
 
-/// An agent over a directory, which can be ended as if its process had been killed.
+/// An agent over a directory; its end can simulate a killed process.
 class DurableState : public testing::Test {
  protected:
   DurableState() { open(); }
 
-  /// What was not committed is lost.
+  /// Uncommitted changes are lost.
   void reopen() {
     scenario.reset();
     agent.reset();
@@ -73,7 +73,7 @@ class DurableState : public testing::Test {
   std::unique_ptr<Scenario> scenario;
 };
 
-/// Whether what the operation does outlives the process.
+/// Whether the effect of the operation survives the process.
 bool survives(const KilnAgent::Operation& operation) {
   return std::visit(
       []<class T>(const T& /*operation*/) {
@@ -135,7 +135,7 @@ TEST_F(DurableState, OrderSettingsAndRemovedFeaturesSurviveARestart) {
   settleAndCommit();
   run(untagged(8, "withdraw"));
   agent->settle();
-  run(untagged(8));  // is asked for anew, and so comes after the others
+  run(untagged(8));  // is requested again, and so is after the others
   settleAndCommit();
   ASSERT_EQ("21------2", allotted());
   reopen();
@@ -218,7 +218,7 @@ TEST_F(DurableState, RequestsAreLoadedInTheOrderOfTheirLastPublication) {
   EXPECT_EQ("123", loaded()) << "it came back before it was committed that it had gone";
   agent->settle();
   run(untagged(1, "withdraw"));
-  agent->commit();  // leaves its status in the file
+  agent->commit();  // its status is in the file
   run(untagged(4));
   run(untagged(1));
   EXPECT_EQ("2341", loaded());

@@ -1,4 +1,4 @@
-// Every example holds what it promises, however its tasks are ordered and sliced.
+// Every example meets its expectations, whatever the order and the length of its slices.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -34,8 +34,8 @@ std::vector<std::string> examples() {
   return paths;
 }
 
-/// Whether the final state is a function of the operations alone. Which requests find room, are refused or
-/// get which domain depends on the order in which they arrive.
+/// Whether the final state is a function of the operations alone. It is not if room, refusals or domains
+/// depend on the order in which requests arrive.
 bool independentOfOrder(const std::string& text) {
   const auto has = [&](const char* word) { return text.find(word) != std::string::npos; };
   if (has("\"refuse\"") || has("\"capacity\"") || has("\"auto\"")) return false;

@@ -1,4 +1,4 @@
-// The explorer itself: its figures do not depend on how it is run, and what it leaves out is not missed.
+// The explorer itself: its figures do not depend on how it is run, and the reduction loses no result.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -31,7 +31,7 @@ ExploreOptions upTo(unsigned deviations) {
   return options;
 }
 
-/// Everything but the time.
+/// All figures but the time.
 std::string figures(Explored explored) {
   explored.seconds = 0;
   return textOf(explored) + explored.failure;
@@ -53,7 +53,7 @@ TEST(Exploration, FiguresAreIndependentOfProcessesAndInterruptions) {
   resumed.deviations = most;
   EXPECT_EQ(figures(explore(file, resumed)), figures(one));
   EXPECT_THROW(explore(small("hold-and-add"), resumed), KilnAgent::InputError);
-  resumed.frontier = file;  // not one
+  resumed.frontier = file;  // no frontier file
   EXPECT_THROW(explore(file, resumed), KilnAgent::InputError);
   EXPECT_LT(std::filesystem::file_size(file), 100'000U);
   resumed.frontier = scratch("frontier");
@@ -113,7 +113,7 @@ TEST(Exploration, EqualStatesContinueEqually) {
 }
 
 TEST(Exploration, FailureIsWrittenAsAReplayableScenario) {
-  // Whoever is refused has another end.
+  // Each request that is refused leads to another end.
   const std::string file = scratch("ends.jsonl");
   {
     std::ifstream lines(small("refused-first-write"));

@@ -1,4 +1,5 @@
-// Features that go and come back, on the embedded agent: in slices, however much they leave behind.
+// Features that are removed and added again, on the embedded agent: in slices, whatever the number of their
+// requests.
 #include <gtest/gtest.h>
 
 #include "kiln/agent/host/EmbeddedAgent.h"
@@ -54,7 +55,7 @@ TEST_F(FeatureRemovalTest, WithdrawsStatusesInSlices) {
   EXPECT_EQ(leftovers(), 0u);
 }
 
-// Keys are in use as long as a collection holds them: so that shows when collections are destroyed.
+// A key is in use as long as a collection holds it, which shows when collections are destroyed.
 TEST_F(FeatureRemovalTest, DestroysCollectionsInSlices) {
   const auto keys = [] { return KeySpace<IsemEntryKey>::instance().size(); };
   const std::size_t before = keys();

@@ -1,4 +1,4 @@
-// Files under tests/golden that hold what is expected, and the dump as it is compared.
+// Files under tests/golden with expected output, and the comparable form of the dump.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +20,7 @@ inline std::string readWhole(const std::string& path) {
   return text.str();
 }
 
-/// Compares `actual` with a golden file. With KILN_UPDATE_GOLDEN set in the environment it is written
+/// Compares `actual` with a golden file. With KILN_UPDATE_GOLDEN set in the environment the file is written
 /// instead.
 inline void expectGolden(const std::string& name, const std::string& actual) {
   const std::string path = std::string(KILN_SOURCE_DIR) + "/tests/golden/" + name;
@@ -32,7 +32,7 @@ inline void expectGolden(const std::string& name, const std::string& actual) {
                                      << " anew by running this test with KILN_UPDATE_GOLDEN=1 and commit it.";
 }
 
-/// The dump without the row that tells how often the hardware was written.
+/// The dump without the row with the number of writes to the hardware.
 inline std::string dumpWithoutHardware(const KilnAgent::EmbeddedAgent& agent) {
   std::istringstream lines(KilnAgent::dumpText(agent));
   std::string dump;

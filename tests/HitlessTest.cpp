@@ -1,5 +1,5 @@
-// Restarts of the whole agent, judged entry by entry: from the changes that features see, and from the calls
-// at the tables.
+// Restarts of the whole agent, checked entry by entry: by the changes that features see, and by the
+// operations at the tables.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ namespace {
 
 using KilnAgent::ReconcileReport;
 
-/// How a restart is met.
+/// The settings of a restart.
 struct Setting {
   std::uint32_t yieldEvery = 0;
   std::optional<std::uint64_t> seed = std::nullopt;
@@ -48,7 +48,7 @@ std::string withdrawMpls(const char* feature, int label) {
   return mplsLine("withdraw", feature, label, 0, 0, 77) + "\n";
 }
 
-/// Requests of all types among which some conflict, are refused by a table, wait for a domain, or do not fit.
+/// Requests of all types; some of them conflict, are refused by a table, wait for a domain, or do not fit.
 std::string settledScenario(std::uint64_t requests) {
   std::string text = generated(requests);
   const auto add = [&](const std::string& line) { text += line + "\n"; };
@@ -117,7 +117,7 @@ std::uint64_t sumOf(const ReconcileReport& report,
   return sum;
 }
 
-/// Nothing was touched, and each stage and table found again what it had.
+/// Nothing was touched, and each stage and table found its earlier content.
 void expectNothingTouched(const ReconcileReport& report) {
   EXPECT_EQ(report.state, ReconcileReport::State::complete);
   EXPECT_EQ(report.statusesChanged, 0U);
@@ -136,13 +136,13 @@ void expectNothingTouched(const ReconcileReport& report) {
   }
 }
 
-// Among many keys memory is fetched ahead, and keys that go are forgotten later.
+// With many keys memory is prefetched, and released keys are freed later.
 TEST(Hitless, ManyKeysAreAddedKeptAndRemoved) {
   Restarted run({}, generated(9000));
   ASSERT_TRUE(KilnEmServer::KeySpace<KilnEmServer::EmLogicalKey>::instance().many());
   EXPECT_EQ(run.failedExpects(), 0U);
-  run.run(publishMpls("evpn", 5000, 1) + R"({"op":"settle"})");  // alone among many
-  const std::size_t programmed = run.agent().server().winners().config().size();
+  run.run(publishMpls("evpn", 5000, 1) + R"({"op":"settle"})");  // a single event among many keys
+  const std::size_t programmed = run.agent().server().emSwTableConfig()->config().size();
   const ReconcileReport report = run.restart();
   expectNothingTouched(report);
   EXPECT_GT(report.statusesFound, 8000U);
@@ -170,7 +170,7 @@ TEST(Hitless, InterruptedRestartIsJudgedAcrossBothRestarts) {
   }
 }
 
-// The judge itself: what it must see, and what it must leave to whoever caused it.
+// The monitor itself: it must report disturbances, but not the effects of requests and domains.
 TEST(Hitless, DisturbancesAreDetectedUnlessCausedByRequestsOrDomains) {
   const std::string scenario = settledScenario(50);
   const auto flap = [&](const std::string& meanwhile,

@@ -1,4 +1,4 @@
-// Requests that the intake leaves out, and what it never merges.
+// Requests that the intake leaves out, and the broken invariant of the merge.
 #include <gtest/gtest.h>
 
 #include <map>

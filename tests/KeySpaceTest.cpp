@@ -28,8 +28,8 @@ using KilnEmServer::KeySpace;
 using KilnEmServer::PendingKeys;
 using KilnEmServer::SparseCollection;
 
-// Hashes that collide, lie beside each other and wrap around the table's end, while the number of entries
-// goes up and down, so that most changes fall into a migration.
+// Hashes that collide, are adjacent and wrap around the table's end, while the number of entries rises and
+// falls, so that most changes happen during a migration.
 TEST(HandleIndex, AgreesWithAModelWhileItIsResized) {
   for (unsigned seed = 0; seed < 12; ++seed) {
     std::mt19937 random(seed);
@@ -61,7 +61,7 @@ TEST(HandleIndex, AgreesWithAModelWhileItIsResized) {
   }
 }
 
-// Moments begin anew when their numbers are used up, and are told apart all the same.
+// The counter of moments wraps around, and comparisons are still correct.
 TEST(ArrivalQueue, AgreesWithAModelOverManyPages) {
   std::mt19937_64 random(1);
   ArrivalQueue queue;
@@ -85,8 +85,8 @@ TEST(ArrivalQueue, AgreesWithAModelOverManyPages) {
   }
 }
 
-// Key objects that outlive their handles: what they remember may name a handle that is free, that another key
-// has by now, or one of a page that is gone, and finds the right key all the same.
+// Key objects that outlive their handles: their hint may name a handle that is free, that another key has, or
+// whose page was freed. The right key is found in each case.
 void expectKeysFound(std::size_t count, unsigned stepsPerPhase) {
   KeySpace<EmHwKey>& space = KeySpace<EmHwKey>::instance();
   ASSERT_EQ(space.size(), 0U);
@@ -100,7 +100,7 @@ void expectKeysFound(std::size_t count, unsigned stepsPerPhase) {
   std::mt19937 random(1);
   for (unsigned step = 0; step < 10 * stepsPerPhase; ++step) {
     const std::size_t i = random() % count;
-    // From time to time a key remembers what another one does.
+    // From time to time a key takes over the hint of another one.
     if (random() % 4 == 0) hintOf(keys[i]).handleIs(hintOf(keys[random() % count]).handle());
     const bool draining = step / stepsPerPhase % 2 == 1;
     if (const auto at = held.find(i); at == held.end()) {
@@ -128,7 +128,7 @@ TEST(KeySpace, FindsKeysWithStaleHints) {
   expectKeysFound(9000, 20000);
 }
 
-// A key belongs to whoever holds it: it goes with the last holder, and with nothing held the space is empty.
+// A key is released with its last use, and without any use the space is empty.
 TEST(KeySpace, ReleasesAKeyWithItsLastUse) {
   KeySpace<std::string>& space = KeySpace<std::string>::instance();
   const std::size_t before = space.size();
@@ -171,7 +171,7 @@ TEST(KeySpace, ReleasesAKeyWithItsLastUse) {
     held.insert(inSecond.begin(), inSecond.end());
     held.insert(waiting.begin(), waiting.end());
 #ifdef KILN_ORDERED_COLLECTIONS
-    held = waiting;  // the other implementation keeps its keys itself
+    held = waiting;  // the other implementation stores its keys itself
 #endif
     ASSERT_EQ(space.size(), before + held.size());
   }

@@ -1,4 +1,4 @@
-// Lines that publish and withdraw, and what is said of input that is refused.
+// Lines that publish and withdraw, and the errors of refused input.
 #pragma once
 
 #include <fmt/format.h>
@@ -38,7 +38,7 @@ inline std::string withdrawLine(int label) {
   return mplsLine("withdraw", "mpls", label);
 }
 
-/// What `call` says of its input.
+/// The error of `call` for its input.
 template <class Call>
 std::string errorOf(Call call) {
   try {

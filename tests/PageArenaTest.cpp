@@ -1,4 +1,5 @@
-// Memory for pages: no two share a byte, whatever sizes come and go, and what was given back is used again.
+// Memory for pages: no two pages share a byte, whatever sizes are taken and released, and released memory is
+// used again.
 #include "kiln/runtime/collections/PageArena.h"
 
 #include <gtest/gtest.h>
@@ -16,7 +17,7 @@ namespace {
 
 using KilnEmServer::PageArena;
 
-/// A page whose bytes all say whose it is.
+/// A page whose bytes all identify it.
 struct Page {
   void* memory;
   std::size_t bytes;
@@ -27,7 +28,7 @@ struct Page {
   }
 };
 
-// The arena is full of one size, then of many, then nearly empty, several times over.
+// The arena is filled with pages of one size, then with many, then nearly emptied, several times.
 TEST(PageArena, PagesOfAllSizesDoNotOverlap) {
   PageArena& arena = PageArena::instance();
   const std::size_t bytesBefore = arena.counters().bytes;
@@ -76,7 +77,7 @@ TEST(PageArena, ReservedMemoryNeedsNoRequestToTheSystem) {
   };
   takeAndFill(kPages);
   arena.giveTable(table, kTable);
-  takeAndFill(kTable / kBytes * 7 / 8);  // where the table was
+  takeAndFill(kTable / kBytes * 7 / 8);  // in place of the table
   EXPECT_EQ(arena.counters().mappings, mappings);
   for (void* page : pages) arena.give(page, kBytes);
 }

@@ -1,4 +1,4 @@
-// Completion of restart reconciliation: told once, when the hardware is done.
+// Completion of restart reconciliation: reported once, when the hardware is done.
 #include "kiln/server/ReconcileCompleteSm.h"
 
 #include <gtest/gtest.h>
@@ -91,7 +91,7 @@ TEST_F(ReconcileComplete, FollowsTheExposedStatus) {
   EXPECT_FALSE(completed());
   EXPECT_TRUE(first->subscribers.empty());
   const auto third = std::make_shared<FakeStatus>(false);
-  tables->expose(third);  // looked at without a change of its flag
+  tables->expose(third);  // read without a change of its flag
   EXPECT_TRUE(completed());
   sm.reset();
   EXPECT_TRUE(third->subscribers.empty() && tables->subscribers.empty());

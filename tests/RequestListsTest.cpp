@@ -1,4 +1,4 @@
-// Requests that features hand in as lists.
+// Requests that features submit as lists.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -25,7 +25,7 @@ IsemEntryKey keyOf(std::uint32_t label) {
   return {Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), IsemMplsComposerKey{label, 0}};
 }
 
-/// A store, and every change of it in its order, with what stood then.
+/// A store, and every change of it in order, with the value at that time.
 class Followed final : private KilnAgent::StoreObserver {
  public:
   Followed() { store.observerIs(*this); }
@@ -52,7 +52,7 @@ TEST(RequestLists, ListHasTheEffectOfSingleRequests) {
   for (int round = 0; round < 40; ++round) {
     std::vector<std::pair<IsemEntryKey, MemoryStateStore::Request<Isem>>> requests;
     std::vector<IsemEntryKey> withdrawn;
-    // Longer than what is fetched together, and with keys that come twice, stand already or never stood.
+    // Longer than a prefetched batch, and with keys that occur twice, exist already or never existed.
     for (std::size_t length = random() % 200; length != 0; --length) {
       requests.push_back({keyOf(random() % 300), {{IsemMplsEntry{random() % 3, 1}}, 1}});
       withdrawn.push_back(keyOf(random() % 300));

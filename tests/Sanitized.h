@@ -1,4 +1,4 @@
-// Whether the tests run under the address sanitizer, where a fork takes many times as long.
+// Whether the tests run under the address sanitizer, which makes a fork many times slower.
 #pragma once
 
 namespace KilnTests {

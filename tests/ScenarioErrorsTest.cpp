@@ -1,4 +1,4 @@
-// What a scenario's author is told of mistakes, and what of such a scenario takes effect.
+// Errors in scenarios: their texts, and the part of such a scenario that takes effect.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using namespace KilnSim;
 
 const std::string kGood = publishLine(1);
 
-/// A publish of which some part is given.
+/// A publish line with some parts given.
 std::string publish(const std::string& key, const std::string& rest = "", const char* database = "isem",
                     const std::string& entry = R"({"isemMplsEntry":{"lif":7,"vsi":3}})") {
   return fmt::format(
@@ -38,7 +38,7 @@ std::string oneTagKey(const char* vlanId) {
 struct Mistake {
   const char* name;
   std::string line;
-  const char* told;  ///< part of what is said of it
+  const char* told;  ///< part of the error
 };
 
 std::ostream& operator<<(std::ostream& out, const Mistake& mistake) {
@@ -149,7 +149,7 @@ TEST_F(CommandLine, ExitStatusTellsWhetherExpectationsHeld) {
   const struct {
     std::string lines;
     int code;
-    const char* told;  ///< how what is said begins, after the file's name
+    const char* told;  ///< begin of the error, after the file's name
   } cases[] = {
       {good + expects("hwSuccess"), 0, ""},
       {good + expects("hwFail") + expects("hwSuccess"), 1, ":2: expected "},

@@ -1,4 +1,4 @@
-// The agent as a service: its answers, its clients' misbehaviour, its start and its end.
+// The agent as a service: its answers, misbehaving clients, its start and its end.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ const std::string kSettle = R"({"op":"settle"})";
 const std::string kShowAgent = R"({"op":"show","what":"agent"})";
 const std::string kShowDump = R"({"op":"show","what":"dump"})";
 
-/// A client whose lines and answers are texts.
+/// A client that sends and receives text.
 class Client {
  public:
   explicit Client(const std::string& path) : socket_(KilnAgent::connectTo(path)) {}
@@ -48,7 +48,7 @@ class Client {
       sent += static_cast<std::size_t>(count);
     }
   }
-  /// The next answer; null where the connection ended.
+  /// The next answer; null if the connection ended.
   Json answer() {
     std::size_t end = 0;
     while ((end = received_.find('\n')) == std::string::npos) {
@@ -79,7 +79,7 @@ class Serve : public CommandLine {
     if (process_ > 0) kill(SIGKILL);
   }
 
-  /// Starts the agent, once `prepare` was called in its process, and waits until it listens.
+  /// Starts the agent, after calling `prepare` in its process, and waits until it listens.
   void start(
       const std::vector<std::string>& environment = {}, void (*prepare)() = [] {}) {
     process_ = fork();
@@ -177,7 +177,7 @@ TEST_F(Serve, VanishedAndUnresponsiveClientsDoNotBlockOthers) {
   start();
   std::string many;
   for (int label = 1; label <= 200; ++label) many += publishLine(label) + "\n";
-  for (int round = 0; round < 10; ++round) Client(socketPath()).send(many);  // and is gone before any answer
+  for (int round = 0; round < 10; ++round) Client(socketPath()).send(many);  // and closes before any answer
   Client active(socketPath());
   std::list<Client> idle;
   for (std::size_t count = 0; count <= KilnAgent::Service::kMostClients; ++count) {
@@ -290,7 +290,7 @@ TEST_F(Serve, SendShowsAnswersAndReturnsTheirResult) {
   EXPECT_EQ(2, sent(good).code);
 }
 
-/// A service of the test's process: nothing happens but in its turns, which never wait.
+/// A service in the test's process: it runs only in turns, which never wait.
 class Turns : public testing::Test {
  protected:
   Turns() {
@@ -324,7 +324,7 @@ class Turns : public testing::Test {
     text.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return text;
   }
-  /// The next answer; to be called if there is nothing else to be received.
+  /// The next answer; to be called if nothing else is to be received.
   Json answer(const FileDescriptor& client) {
     std::string text;
     while (!text.ends_with('\n')) {

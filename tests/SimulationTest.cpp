@@ -1,4 +1,5 @@
-// What the simulation relies on besides its judge: plans that survive being written, and a judge that sees.
+// Properties on which the simulation depends: plans that can be written and read, and a judge that detects
+// faults.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -34,7 +35,7 @@ TEST(Simulation, WrittenPlanRunsIdentically) {
     Tally again;
     EXPECT_EQ(verdict.digests, run(read, again, nullptr).digests) << profile;
     EXPECT_EQ(tally.tasks, again.tasks) << profile;
-    // An agent that only executes the scenario goes the same way.
+    // An agent that only executes the scenario ends in the same state.
     KilnAgent::EmbeddedAgent agent(agentOptions(read));
     KilnAgent::Scenario scenario(agent, true, 1, {});
     std::ifstream lines(path);
@@ -43,8 +44,8 @@ TEST(Simulation, WrittenPlanRunsIdentically) {
   }
 }
 
-/// How many expectations fail in an agent that only executes the scenario of a plan whose last operation
-/// showed that a status and an entry did not stay untouched.
+/// Number of failed expectations in an agent that only executes the scenario of a plan; the plan's last
+/// operation showed that a status and an entry were touched.
 std::uint64_t failedExpects(const std::vector<std::string>& lines) {
   using namespace KilnTunnelNiLib;
   Plan plan;
@@ -96,7 +97,7 @@ TEST(Simulation, CrashLosesUncommittedChanges) {
   EXPECT_EQ("", difference(recompute(wanted), outcomeOf(agent)));
 }
 
-/// Publishes a status that the server would not, behind its back.
+/// Publishes, in place of the server, a status that the server would not publish.
 std::string wrongAfter(EmStatus status, std::uint32_t version, bool withRequest) {
   using Isem = KilnTunnelNiLib::Isem;
   KilnAgent::EmbeddedAgent agent({});

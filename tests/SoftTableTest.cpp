@@ -1,4 +1,4 @@
-// The ordered-table layer over the software tables: what a restart leaves, what it matches, what it drops.
+// The ordered-table layer over the software tables: what a restart keeps, claims and drops.
 
 #include <gtest/gtest.h>
 
@@ -33,7 +33,7 @@ class OrderedLayer : public testing::Test, public Asic::ChangeSubscriber {
     table().entryRemoveWithResponseHandler({label, 0}, nullptr, [](const auto&) {});
   }
   const IsemMplsEntry* find(std::uint32_t label) { return table().entrys().find({label, 0}); }
-  /// Three entries of a server that ended.
+  /// Three entries of an earlier server.
   void leaveThree() {
     for (const std::uint32_t label : {1U, 2U, 3U}) write(label, label);
     scheduler->runUntilIdle();

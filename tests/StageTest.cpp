@@ -1,4 +1,4 @@
-// The stage runtime, on stages small enough to see through.
+// The stage runtime, on very small stages.
 #include "kiln/runtime/stage/Stage.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ class Rooms {
   KILN_REFERENCE_COLLECTION(Rooms, room, int, const Source)
 };
 
-constexpr int kKeep = 0;     ///< the copying stage keeps what stands under the key
+constexpr int kKeep = 0;     ///< the copying stage keeps the value under the key
 constexpr int kBroken = 13;  ///< the copying stage cannot handle this value
 
 /// Copies its source into its sink.
@@ -151,7 +151,7 @@ TEST_P(Reconciliation, DeletesOnlyWhatIsStale) {
                            "into( sink.result[ key ] ): deleting k1={}"}) {
     EXPECT_GE(traces.countOfText(text), 1u) << text;
   }
-  if (GetParam() == 1) {  // a paused scan goes on counting
+  if (GetParam() == 1) {  // a paused scan continues its counts
     EXPECT_EQ(traces.count(7, "after processing 13 items, including 10 deletions ."), 1u);
   }
   EXPECT_EQ(traces.count(9, "already ready, not reconciling."), 0u);
@@ -166,7 +166,7 @@ TEST(Stage, AwaitedKeysSurviveTheDeletionScan) {
   CopySetUp set;
   for (int key = 1; key <= 4; ++key) set.source->itemIs(key, kKeep);
   for (int key = 1; key <= 5; ++key) set.sink->resultIs(key, 8);
-  set.sink->resultDel(4);  // nothing stands there to stay
+  set.sink->resultDel(4);  // there is no value to keep
   const auto stage = set.start();
   set.bench.settle();
   EXPECT_EQ(contentOf(set.sink->result()), (std::map<int, int>{{1, 8}, {2, 8}, {3, 8}}));
@@ -178,7 +178,7 @@ TEST(Stage, AwaitedKeysSurviveTheDeletionScan) {
   set.source->itemDel(3);
   set.bench.settle();
   EXPECT_EQ(counts, (OutputBase::ReconciliationCounts{.found = 4, .kept = 1, .rewritten = 1, .deleted = 2}));
-  set.source->itemIs(1, 9);  // no longer a matter of the restart
+  set.source->itemIs(1, 9);  // no longer part of the restart
   set.bench.settle();
   EXPECT_EQ(counts.waiting(), 0u);
   EXPECT_EQ(counts.rewritten, 1u);
@@ -248,7 +248,7 @@ TEST(Stage, TeardownWithdrawsButDestructionDoesNot) {
   }
   const auto stage = set.start();
   set.bench.settle();
-  set.source->itemIs(1, 5);  // waits to be handled
+  set.source->itemIs(1, 5);  // is pending
   stage->beginDeleteAll();
   for (std::size_t left = 10; left != 0; --left) {
     EXPECT_EQ(stage->keysInOutputs(), left);
@@ -277,7 +277,7 @@ TEST(StageDeathTest, NullArgumentsAreNamed) {
 
 // --- Two inputs --------------------------------------------------------------------------------------------
 
-/// Logs its events; `c` is read at once, `d` in the initial scan only.
+/// Logs its events; `c` is read synchronously, `d` in the initial scan only.
 class LogStage final : public Stage {
  public:
   LogStage(const std::vector<Ref<Source>>& sources, Ref<DependencyStatus> status, StageControl control)
@@ -333,7 +333,7 @@ TEST_P(EventOrder, FollowsArrivalAcrossInputs) {
 
 // --- Nested inputs -----------------------------------------------------------------------------------------
 
-/// Flattens rooms into one sink, under 100 times the room's number plus the item's.
+/// Merges the items of rooms into one sink, under 100 times the room's number plus the item's.
 class RoomStage final : public Stage {
  public:
   RoomStage(Ref<const Rooms> rooms, Ref<Sink> sink, Ref<DependencyStatus> status, StageControl control)
@@ -388,7 +388,7 @@ TEST_P(NestedInputs, RemovedOuterEntryRemovesAllItsKeys) {
   const auto stage = start();
   EXPECT_EQ(contentOf(sink->result()), expected());
   const TraceCapture traces(7);
-  one->itemDelAll();  // emptied just before, so that no walk over it finds a key
+  one->itemDelAll();  // emptied just before, so that a walk over it finds no key
   rooms->roomDel(1);
   one->itemIs(7, 7);  // too late
   bench.settle();
@@ -534,7 +534,8 @@ class SetsStage final : public Stage {
                                       PlacedKeys<int>(places)};
 };
 
-// Sets that share their places agree with a model; a walk of one visits what is there throughout.
+// Sets that share their position column agree with a model; a walk of one visits the keys that are present
+// throughout.
 TEST(PlacedKeys, AgreeWithAModelWhileTheyAreWalked) {
   const Bench bench;
   const std::size_t heldBefore = KeySpace<int>::instance().size();
@@ -544,7 +545,7 @@ TEST(PlacedKeys, AgreeWithAModelWhileTheyAreWalked) {
     std::array<std::set<int>, 3> model;
     const auto change = [&] {
       const int key = static_cast<int>(random() % 200);
-      const auto own = static_cast<std::size_t>(key % 3);  // the one set that may have the key
+      const auto own = static_cast<std::size_t>(key % 3);  // the one set that may hold the key
       if (random() % 2 == 0) {
         stage->sets[own].add(key);
         model[own].insert(key);

@@ -1,5 +1,5 @@
-// The digest of an agent and its judge: states with the same digest go on alike, and what makes a difference
-// changes it.
+// The digest of an agent and its judge: states with the same digest behave the same, and every relevant
+// difference changes it.
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -40,18 +40,19 @@ class Numbers final : public TaskNumbers {
   std::map<std::pair<std::string, std::string>, std::uint16_t> numbers_;
 };
 
-/// One schedule of a small scenario, choice by choice. In the same state the same choice means the same.
+/// One schedule of a small scenario, choice by choice. In the same state the same choice has the same
+/// meaning.
 class Walk {
  public:
   explicit Walk(const SmallScenario& scenario) : run_(scenario, true, numbers()) {}
 
-  /// Does one of the things that can be done now; false if there is none.
+  /// Takes one of the possible choices; false if there is none.
   bool step(std::uint32_t choice) {
     if (over()) return false;
     Choice next = run_.choices()[choice % run_.choices().size()];
     if (next.kind == Choice::Kind::task) next.items = static_cast<std::uint16_t>(choice >> 16U & 1U);
     run_.take(next);
-    // Slices that change nothing are no steps of their own.
+    // Slices that change nothing are not counted as steps.
     while (run_.unchanged() && !over()) run_.take(Choice(run_.choices().front()));
     return true;
   }
@@ -70,7 +71,7 @@ class Walk {
 using Choices = std::vector<std::uint32_t>;
 
 /// The digests of a walk that makes these choices and then some more. Keys have the same handles only if no
-/// other agent exists.
+/// other agent exists at the same time.
 std::vector<StateDigest> digestsAfter(const SmallScenario& scenario, const Choices& choices,
                                       std::uint32_t seed) {
   Walk walk(scenario);
@@ -87,7 +88,7 @@ struct Pair {
   Choices other;
 };
 
-/// Draws walks, and finds states that two of them reached in different ways.
+/// Draws walks, and finds states that two of them reach in different ways.
 std::vector<Pair> findPairs(const SmallScenario& scenario, std::size_t walks) {
   std::map<StateDigest::Value, Choices> known;
   std::mt19937 random(1);
@@ -95,7 +96,7 @@ std::vector<Pair> findPairs(const SmallScenario& scenario, std::size_t walks) {
   for (; walks != 0; --walks) {
     Walk walk(scenario);
     Choices choices;
-    bool wasNew = true;  // what follows a merge is a merge again
+    bool wasNew = true;  // states after a merged one are merged again
     do {
       const auto [at, isNew] = known.try_emplace(walk.digest().value(), choices);
       if (!isNew && wasNew && at->second != choices) pairs.push_back({at->second, choices});
@@ -106,7 +107,7 @@ std::vector<Pair> findPairs(const SmallScenario& scenario, std::size_t walks) {
   return pairs;
 }
 
-/// The parts that differ first when two states of one digest go on; empty if none does.
+/// The first parts that differ when two states of one digest are continued; empty if there are none.
 std::string difference(const SmallScenario& scenario, const Pair& pair, std::uint32_t seed) {
   const auto one = digestsAfter(scenario, pair.one, seed);
   const auto other = digestsAfter(scenario, pair.other, seed);

@@ -1,4 +1,4 @@
-// Stages of statuses and counts where the whole server does not reach.
+// Cases of the status and count stages that tests of the whole server do not reach.
 #include <gtest/gtest.h>
 
 #include "kiln/program/EmSwTableStatusSm.h"
@@ -33,13 +33,13 @@ TEST(SwTableStatus, LatestAnswerIsPublishedInAnyHandlingOrder) {
   bench.settle();
   answered(kH1, HwState::hwFail, 2);
   answered(kH2, HwState::hwSuccess, 3);
-  answered(kH1, HwState::hwSuccess, 4);  // its change waits already, before that of the other
+  answered(kH1, HwState::hwSuccess, 4);  // its change is pending before that of the other
   bench.settle();
   EXPECT_EQ(output->status(kA), tableStatus(kA, kH1));
   answered(kH2, HwState::hwFail, 5);
   bench.settle();
   EXPECT_EQ(output->status(kA), tableStatus(kA, kH2, EmStatus::hwFail));
-  answered(kH1, HwState::hwSuccess, 6);  // as it was
+  answered(kH1, HwState::hwSuccess, 6);  // as before
   bench.settle();
   EXPECT_EQ(output->status(kA), tableStatus(kA, kH1));
 }
@@ -52,7 +52,7 @@ using Answer = KilnTunnelNiLib::IsemSrvStatusEntry;
 using KilnTunnelNiLib::RequestKind;
 const auto kRequestKey = requestKeyAs<RequestKey>(kA);
 
-// Features are told apart by channels; a feature that has no name has a channel, too.
+// Features select partitions; features without a name share one.
 TEST(FeatureStatus, UnnamedFeaturesAreServedAndUnknownKindsFail) {
   for (const int number : {0, 1, 8, 9, 16, 17, 255}) {
     const Bench bench(1);
@@ -107,7 +107,7 @@ struct Resources {
   Ref<ResourceTable> lem = std::make_shared<ResourceTable>();
 };
 
-// A new stage counts everything before it judges the rows that an earlier one left.
+// A new stage counts everything before it checks the rows of an earlier one.
 TEST(ResourceTables, UnchangedRowsSurviveARestart) {
   for (const std::uint32_t yieldEvery : {0U, 1U}) {
     Resources r(yieldEvery);

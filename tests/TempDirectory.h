@@ -1,4 +1,4 @@
-// A directory of a test's own.
+// A directory for one test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 
 namespace KilnTests {
 
-/// Exists as long as the object does.
+/// Exists as long as the object.
 class TempDirectory {
  public:
   TempDirectory() : path_(testing::TempDir() + "kiln-XXXXXX") {

@@ -1,5 +1,5 @@
-// What the tests of single stages share: a scheduler to run them on, builders of keys and entries, recorders
-// of what became of an output, and tables whose answers the test gives.
+// Common tools of the tests of single stages: a scheduler, builders of keys and entries, recorders of the
+// changes of a collection, and tables whose answers the test gives.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,7 @@
 
 namespace KilnEmServer {
 
-/// Values print as their text form where a test fails.
+/// Failed comparisons print values in their text form.
 template <KilnPlatform::Described T>
 void PrintTo(const T& value, std::ostream* out) {
   *out << KilnPlatform::textOf(value);
@@ -41,7 +41,7 @@ using KilnPlatform::KeySubscriber;
 using KilnPlatform::Task;
 using KilnPlatform::Unit;
 
-/// A scheduler with the record that stages report to. `yieldEvery` items a slice ends; 0 never ends one.
+/// A scheduler with the record to which stages report. A slice ends after `yieldEvery` items; 0 is no limit.
 class Bench {
  public:
   explicit Bench(std::uint32_t yieldEvery = 0)
@@ -77,7 +77,7 @@ class Bench {
   Ref<DependencyStatusRecord> status = std::make_shared<DependencyStatusRecord>();
 };
 
-/// A load that never ends: a task that does `work`, with the number of its slice, and is ready again.
+/// An endless load: a task that does `work`, with the number of its slice, and becomes ready again.
 template <class Work>
 class EndlessLoad {
  public:
@@ -100,7 +100,7 @@ class EndlessLoad {
   Task task_;
 };
 
-/// Runs slices until none is ready; by how much `count()` changed most in one of them.
+/// Runs slices until none is ready; returns the largest change of `count()` in one of them.
 template <class Count>
 std::size_t mostPerSlice(KilnAgent::CooperativeScheduler& scheduler, Count count) {
   std::size_t most = 0;
@@ -112,7 +112,7 @@ std::size_t mostPerSlice(KilnAgent::CooperativeScheduler& scheduler, Count count
   return most;
 }
 
-/// Captures traces while it lives.
+/// Captures traces during its lifetime.
 class TraceCapture {
  public:
   explicit TraceCapture(int level) {
@@ -147,7 +147,7 @@ class TraceCapture {
   Ref<RingTraceSink> ring_ = std::make_shared<RingTraceSink>(100000);
 };
 
-/// Records every change of a collection, with the value that followed.
+/// Records every change of a collection, with the new value.
 template <class K, class V>
 class Recorder final : public KeySubscriber<K> {
  public:
@@ -196,7 +196,7 @@ auto contentOf(const C& collection) {
   return content;
 }
 
-/// The sizes of a stage's groups, caches and records, added up.
+/// The sum of the sizes of a stage's groups, caches and records.
 inline std::size_t localEntries(const Stage& stage) {
   std::size_t entries = 0;
   for (const LocalState* state : stage.localStates()) entries += state->size();
@@ -254,7 +254,7 @@ class FakeTable final : public Base {
   }
   [[nodiscard]] const typename Base::Entrys& entrys() const override { return entries_; }
 
-  /// Answers the operation that stands at `index` of those that wait.
+  /// Answers the operation at `index` among those that wait.
   void answer(std::size_t index, State state = State::success_) {
     Operation operation = std::move(waiting[index]);
     waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(index));

@@ -1,4 +1,4 @@
-// The trace facility: what passes, what it costs when it does not, and where it goes.
+// The trace facility: which messages pass, the cost of disabled ones, and the sinks.
 #include "kiln/runtime/trace/Trace.h"
 
 #include <gtest/gtest.h>

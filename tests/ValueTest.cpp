@@ -16,7 +16,7 @@ namespace {
 
 using namespace KilnTunnelNiLib;
 
-/// The message of the range error that `work` throws; empty where it throws none.
+/// The message of the range error that `work` throws; empty if it throws none.
 template <class Work>
 std::string rangeErrorOf(Work work) {
   try {
@@ -61,7 +61,7 @@ TEST(Value, UnionAlternativesAreDistinct) {
   EXPECT_EQ(EmResolvedKey{}, EmResolvedKey{});
 }
 
-// What lies between the fields of an alternative is whatever its place in memory held before.
+// Padding between the fields of an alternative has any earlier content of the memory.
 TEST(Value, UnionIgnoresPadding) {
   const auto built = [](unsigned char before) {
     alignas(IsemMplsComposerKey) unsigned char place[sizeof(IsemMplsComposerKey)];
@@ -92,7 +92,7 @@ TEST(Value, EveryFieldOfAKeyIsCompared) {
   EXPECT_EQ(hashed.size(), 5u);
   EXPECT_EQ(hashes.size(), 5u);
   EXPECT_NE(KilnPlatform::hashValue(key, 1), KilnPlatform::hashValue(key, 2));
-  // The order is that of the fields as they are declared.
+  // The order is that of the declaration of the fields.
   EXPECT_LT(mplsKey(FeatureType::mpls, 9, FapId(1)), mplsKey(FeatureType::mpls, 1, FapId(2)));
   EXPECT_LT(mplsKey(FeatureType::mpls, 9), mplsKey(FeatureType::evpn, 1));
 }

@@ -1,4 +1,4 @@
-// The VLAN-domain service: which domains it allots to whom, and what the report says of their requests.
+// The VLAN-domain service: which domains it allots, and how the report shows the requests.
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// Table writers: what reaches the table, and which of its answers count.
+// Table writers: which operations reach the table, and which answers count.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -57,7 +57,7 @@ TEST_F(WriterTest, AnswersAfterTheWriterIsDestroyedAreIgnored) {
   EXPECT_EQ(writer->deleteVersion(), 1u);
   const std::weak_ptr<IsemMplsSwTableWriter> gone = writer;
   writer.reset();
-  EXPECT_TRUE(gone.expired());  // what waits at the table does not keep the writer alive
+  EXPECT_TRUE(gone.expired());  // the outstanding operation does not keep the writer alive
   table->answerAll();
   EXPECT_TRUE(status->status().empty());
   start();
@@ -79,7 +79,7 @@ class RetryTest : public WriterTest {
     table->answer(place, state);
     bench.settle();
   }
-  /// The labels of the operations that wait for an answer, removals below 0.
+  /// The labels of the unanswered operations, removals below 0.
   std::vector<int> waiting() const {
     std::vector<int> labels;
     for (const auto& operation : table->waiting) {
@@ -100,12 +100,12 @@ TEST_F(RetryTest, EachAnsweredRemovalRetriesTheKeyThatWaitsLongest) {
     EXPECT_EQ(HwState::hwFail, status->status(mplsHwKey(key))->status);
   }
   EXPECT_EQ(waiting(), Labels{}) << "without room nothing is tried again";
-  drop(mplsHwKey(2));  // its refusal is of no account any more
+  drop(mplsHwKey(2));  // its refusal no longer counts
   drop(mplsHwKey(1));
   EXPECT_EQ(waiting(), (Labels{-2, -1}));
   answer(0);
   EXPECT_EQ(waiting(), (Labels{-1, 3}));
-  answer(1, TableState::noResource_);  // it waits behind the fourth from now on
+  answer(1, TableState::noResource_);  // from now on it waits behind the fourth
   EXPECT_EQ(waiting(), Labels{-1});
   answer(0);
   EXPECT_EQ(waiting(), Labels{4});
@@ -149,8 +149,8 @@ TEST_F(RetryTest, AKeyWithoutATableIsNotRetried) {
   EXPECT_TRUE(table->waiting.empty());
 }
 
-// The walk over a shared collection leaves out the keys of other tables by whole pages, and still ends its
-// slices in time, at the same places whatever is traced.
+// The walk over a shared collection skips whole pages with keys of other tables, and still ends its slices in
+// time, at the same places at every trace level.
 TEST_F(WriterTest, WalkPastManyKeysOfOtherTablesYields) {
   writer.reset();
   for (std::uint32_t fodo = 0; fodo < 20'000; ++fodo) {
@@ -167,7 +167,7 @@ TEST_F(WriterTest, WalkPastManyKeysOfOtherTablesYields) {
     return done;
   };
   const std::uint64_t untraced = slices();
-#ifndef KILN_ORDERED_COLLECTIONS  // which know no pages
+#ifndef KILN_ORDERED_COLLECTIONS  // collections without pages
   EXPECT_GE(untraced, 20'000U / 4096U);
 #endif
   const TraceCapture traces(9);
@@ -184,7 +184,7 @@ TEST_F(WriterTest, MissingTableFailsWritesAndAcceptsDeletes) {
   wrongEntry.emEntry.emEntry = KilnTunnelNiLib::EsemFodoEntry{1, 1};
   const TraceCapture traces(0);
   want(kH1, wrongEntry);
-  table->answerAll();  // of the removal of what an earlier write may have left
+  table->answerAll();  // the removal of an entry that an earlier write may have left
   EXPECT_EQ(status->status(kH1), (EmSwTableStatusEntry{wrongEntry, HwState::hwFail}));
   EXPECT_EQ(traces.count(0, "reached no table"), 1u);
   EXPECT_EQ(table->writes, 0u);

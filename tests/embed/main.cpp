@@ -1,5 +1,5 @@
-// Asks the library whether two requests are sound. Parameters that are not used and names that hide others are what the
-// library's own flags refuse.
+// Checks two requests with the library. Unused parameters and shadowed names would be refused by the
+// library's own flags.
 #include <cstdlib>
 #include <iostream>
 #include <string>

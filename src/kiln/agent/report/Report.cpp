@@ -87,7 +87,7 @@ void addConflicts(Lines out, const EmbeddedAgent& agent, std::size_t rowLimit) {
       losers[status.emSwTableKeyFapCore].push_back(&status);
     }
   }
-  const auto winners = agent.server().emSwTableConfig();
+  const auto& winners = agent.server().winners().config();
   // Interfaces with the same VLAN domain conflict with each other, whatever their features.
   const auto betweenInterfaces = [&](const auto& conflict) {
     const auto* winner = winners.find(conflict.first);
