@@ -10,6 +10,8 @@
 
 namespace KilnEmServer {
 
+using KilnPlatform::Ref;
+
 class ComposerOutputMergeSm;
 class ComposerSelectorSm;
 class ComposerSm;
