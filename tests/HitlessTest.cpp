@@ -142,7 +142,7 @@ TEST(Hitless, ManyKeysAreAddedKeptAndRemoved) {
   ASSERT_TRUE(KilnEmServer::KeySpace<KilnEmServer::EmLogicalKey>::instance().many());
   EXPECT_EQ(run.failedExpects(), 0U);
   run.run(publishMpls("evpn", 5000, 1) + R"({"op":"settle"})");  // a single event among many keys
-  const std::size_t programmed = run.agent().server().emSwTableConfig()->config().size();
+  const std::size_t programmed = run.agent().server().winners().config().size();
   const ReconcileReport report = run.restart();
   expectNothingTouched(report);
   EXPECT_GT(report.statusesFound, 8000U);

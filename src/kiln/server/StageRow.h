@@ -203,7 +203,7 @@ struct OptionalArgument {
 };
 template <class Argument>
 OptionalArgument<Argument> onlyIf(bool present, Argument argument) {
-  return {present, argument};
+  return {present, std::move(argument)};
 }
 
 namespace detail {
