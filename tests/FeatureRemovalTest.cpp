@@ -26,9 +26,7 @@ class FeatureRemovalTest : public testing::Test {
     agent.settle();
   }
   [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kFeature); }
-  [[nodiscard]] bool complete() const {
-    return agent.server().isComplete("isemSrvStatusSmStage-mpls");
-  }
+  [[nodiscard]] bool complete() const { return agent.server().isComplete("isemSrvStatusSmStage-mpls"); }
   [[nodiscard]] std::size_t leftovers() const {
     std::size_t sum = 0;
     for (const auto& [name, size] : agent.server().leftovers()) sum += size;
@@ -66,9 +64,7 @@ TEST_F(FeatureRemovalTest, DestroysCollectionsInSlices) {
 }
 
 TEST_F(FeatureRemovalTest, StartUpWaitsForTheWithdrawalOfStatuses) {
-  const auto started = [&](const char* stage) {
-    return agent.server().isComplete(stage);
-  };
+  const auto started = [&](const char* stage) { return agent.server().isComplete(stage); };
   const auto left = statuses();
   agent.restart();
   while (!started("emStatusSmStage")) agent.scheduler().runOne();
