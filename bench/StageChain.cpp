@@ -11,7 +11,7 @@
 #include "kiln/agent/platform/CooperativeScheduler.h"
 #include "kiln/platform/Value.h"
 #include "kiln/runtime/collections/Entity.h"
-#include "kiln/runtime/collections/ExpectedItems.h"
+#include "kiln/runtime/collections/PrefetchedItems.h"
 #include "kiln/runtime/stage/DependencyStatus.h"
 #include "kiln/runtime/stage/Input.h"
 #include "kiln/runtime/stage/Output.h"
@@ -121,7 +121,7 @@ struct StageContent {
   /// Requests are submitted in lists, as the server's features submit theirs.
   void handIn() {
     auto& requests = results<0>()->result();
-    KilnEmServer::forEachExpected(
+    KilnEmServer::forEachPrefetched(
         requests, std::span<const Change>(waiting),
         [](const Change& change) -> const StageKey& { return change.key; },
         [&](const Change& change) {

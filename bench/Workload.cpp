@@ -85,8 +85,8 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   if (warm) {
-    Watched nobody({}, {});
-    (void)run(subject, setting, nobody);
+    Watched unobserved({}, {});
+    (void)run(subject, setting, unobserved);
   }
   Watched observer(perfControl, operation);
   const CycleCost costs = run(subject, setting, observer);

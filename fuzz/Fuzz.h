@@ -27,9 +27,9 @@ std::optional<std::string> refusalOf(Call&& call) {
     call();
     return std::nullopt;
   } catch (const KilnAgent::InputError& error) {
-    const std::string told = error.what();
-    KILN_ASSERT(!told.empty() && told.find_first_of("\r\n") == std::string::npos);
-    return told;
+    const std::string message = error.what();
+    KILN_ASSERT(!message.empty() && message.find_first_of("\r\n") == std::string::npos);
+    return message;
   }
 }
 

@@ -34,8 +34,8 @@ std::optional<T> fromText(std::string_view text) {
   try {
     return valueFromText<T>(text);
   } catch (const std::range_error& error) {
-    const std::string_view told = error.what();
-    KILN_ASSERT(told.starts_with("Invalid string rep for ") || told.ends_with(" not allowed"));
+    const std::string_view message = error.what();
+    KILN_ASSERT(message.starts_with("Invalid string rep for ") || message.ends_with(" not allowed"));
     return std::nullopt;
   }
 }

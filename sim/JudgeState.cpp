@@ -14,7 +14,8 @@ using KilnEmServer::StateDigest;
 // at most one change, and are forgotten when the window ends.
 void Watch::noteState(StateDigest& digest) const {
   digest.begin("Watch");
-  digest.add(std::tie(byHand_, madeRoom_, present_, foundStatuses_, vanishedStatuses_, gone_, accepted_));
+  digest.add(
+      std::tie(byHand_, madeRoom_, present_, foundStatuses_, vanishedStatuses_, removedFeatures_, accepted_));
   for (const auto& [key, write] : lastWrite_) digest.add(std::tie(key, write.entry, write.refused));
   digest.add(std::tie(domainsOfServer_, domainsOfWindow_, contenders_, requested_, mayBeProgrammed_));
   digest.add(std::min<std::size_t>(changes_, 2));

@@ -353,8 +353,8 @@ class Draw {
       case kAgain:
         return again();
       case kWithdraw: {
-        const PublishOperation& gone = published_[below(published_.size())];
-        return WithdrawOperation{gone.feature, gone.database, gone.key};
+        const PublishOperation& withdrawn = published_[below(published_.size())];
+        return WithdrawOperation{withdrawn.feature, withdrawn.database, withdrawn.key};
       }
       case kDomain:
         return domainOperation();
@@ -430,8 +430,8 @@ class Draw {
       return AllotOperation{interface(), static_cast<std::uint16_t>(1 + below(3))};
     }
     if (oneIn(3) && !domainsAutomatic_) return RevokeOperation{interface()};
-    const PublishOperation& gone = published_[below(published_.size())];
-    return WithdrawOperation{gone.feature, gone.database, gone.key};
+    const PublishOperation& withdrawn = published_[below(published_.size())];
+    return WithdrawOperation{withdrawn.feature, withdrawn.database, withdrawn.key};
   }
 
   Operation tableOperation() {

@@ -13,7 +13,7 @@ namespace {
 using KilnAgent::StoreChange;
 using KilnTunnelNiLib::RequestKind;
 
-constexpr std::size_t kMostTold = 2000;
+constexpr std::size_t kMostReported = 2000;
 
 std::string textOf(const RequestPlace& place) {
   const auto& [feature, database, key] = place;
@@ -61,7 +61,7 @@ Watch::~Watch() {
 }
 
 void Watch::say(std::string text) {
-  if (wrong_.size() < kMostTold) wrong_ += std::move(text) + "\n";
+  if (wrong_.size() < kMostReported) wrong_ += std::move(text) + "\n";
 }
 
 // --- Servers come and go -----------------------------------------------------------------------------------
@@ -100,7 +100,7 @@ void Watch::serverBegins() {
 }
 
 void Watch::noteFound() {
-  gone_.clear();
+  removedFeatures_.clear();
   foundStatuses_.clear();
   vanishedStatuses_.clear();
   for (const auto& [place, status] : outcomeOf(agent_).statuses) foundStatuses_.insert(place);
@@ -108,7 +108,7 @@ void Watch::noteFound() {
 
 void Watch::featureGoes(FeatureType feature) {
   ++inputs_;
-  gone_.insert(feature);
+  removedFeatures_.insert(feature);
   std::erase_if(present_, [&](const RequestPlace& place) { return std::get<0>(place) == feature; });
 }
 
@@ -127,20 +127,22 @@ void Watch::checkReconciled(const std::string& stage) {
   }
   if (stage.find("SrvStatusSm") == std::string::npos) return;
   std::size_t found = 0;
-  std::size_t gone = 0;
+  std::size_t removed = 0;
   for (const RequestPlace& place : foundStatuses_) {
     const auto& [feature, database, key] = place;
-    if (gone_.contains(feature) || stage != fmt::format("{}SrvStatusSmStage-{}", database, feature)) continue;
+    if (removedFeatures_.contains(feature) ||
+        stage != fmt::format("{}SrvStatusSmStage-{}", database, feature))
+      continue;
     ++found;
-    if (vanishedStatuses_.contains(place)) ++gone;
+    if (vanishedStatuses_.contains(place)) ++removed;
   }
   if (found == 0) return;
   for (const KilnEmServer::StageBase* created : agent_.server().stages()) {
     if (created->name() != stage) continue;
     const auto& counts = created->outputs().at(0)->reconciliationCounts();
-    if (counts.found == found && counts.deleted == gone) continue;
+    if (counts.found == found && counts.deleted == removed) continue;
     say(fmt::format("{} says that it found {} and deleted {}, not {} and {}", stage, counts.found,
-                    counts.deleted, found, gone));
+                    counts.deleted, found, removed));
   }
 }
 

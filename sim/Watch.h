@@ -154,7 +154,7 @@ class Watch final : private KilnAgent::StoreObserver,
   // Of this server.
   std::set<RequestPlace> foundStatuses_;     ///< published by an earlier server
   std::set<RequestPlace> vanishedStatuses_;  ///< of these, the ones that disappeared
-  std::set<FeatureType> gone_;               ///< features whose collections were removed in the meantime
+  std::set<FeatureType> removedFeatures_;    ///< features whose collections were removed in the meantime
   std::set<Programmed> accepted_;
   std::map<EmResolvedKey, LastWrite> lastWrite_;
   std::map<IntfIdSystemTcamId, std::set<std::uint16_t>> domainsOfServer_;

@@ -19,7 +19,7 @@
 #include "tests/Lines.h"
 #include "tests/TestSupport.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using KilnAgent::InputError;
@@ -111,7 +111,7 @@ TEST(AgentTasks, TablesAnswerUnderEndlessLoad) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   scenario.settle();
-  const KilnTest::EndlessLoad load(agent.store().taskScheduler(), 10, [](std::uint32_t /*slice*/) {});
+  const EndlessLoad load(agent.store().taskScheduler(), 10, [](std::uint32_t /*slice*/) {});
   scenario.runLine(untaggedLine("publish", "subinterface", 1));
   agent.scheduler().run(100 * std::size_t{KilnAgent::kAgentPatience});
   EXPECT_EQ(agent.chip().table(KilnEmServer::EmResolvedKeyUnionTag::isemUntaggedEntryKey).fill(), 1U);
@@ -171,4 +171,4 @@ TEST(AgentTraces, FullSinksDoNotFail) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

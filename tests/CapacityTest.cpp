@@ -317,8 +317,6 @@ TEST_F(Monitor, ATableWithoutRoomIsFullAsSoonAsItIsUsed) {
 
 using KilnAgent::EmbeddedAgent;
 using KilnAgent::Scenario;
-using KilnTests::publishLine;
-using KilnTests::withdrawLine;
 
 /// FAPs of the three types, and a second profile that lacks tables.
 KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
@@ -334,7 +332,7 @@ KilnAgent::ChipConfig threeTypes(std::uint32_t max = 40) {
 }
 
 std::string innerEthLine(const char* op) {
-  return KilnTests::isemLine(op, "vpws", "isemInnerEth", R"("vsi":1,"profile":0)", R"("lif":1,"vsi":1)");
+  return isemLine(op, "vpws", "isemInnerEth", R"("vsi":1,"profile":0)", R"("lif":1,"vsi":1)");
 }
 const std::string kInnerEth = innerEthLine("publish");
 const std::string kInnerEthAgain = innerEthLine("withdraw") + "\n{\"op\":\"settle\"}\n" + kInnerEth;

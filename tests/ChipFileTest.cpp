@@ -24,7 +24,7 @@
 #include "tests/Golden.h"
 #include "tests/TempDirectory.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using KilnAgent::FileDescriptor;
@@ -37,7 +37,7 @@ Key key(std::uint32_t n) {
   return {KilnPlatform::U20(n), {}, {}, {}, {}};
 }
 
-Model contentOf(const Entries& entries) {
+Model entriesOf(const Entries& entries) {
   Model content;
   KilnPlatform::forEachIn(entries, [&](const Key& k, const Entry& entry) {
     EXPECT_TRUE(content.emplace(k, entry).second) << "met twice";
@@ -110,7 +110,7 @@ TEST(ChipFile, EntriesAreConsistentAfterAKillAtAnyInstruction) {
     ++states;
     seen.assign(static_cast<const char*>(now), seen.size());
     writeFile(copy, seen);
-    const Model found = contentOf(Entries(copy));
+    const Model found = entriesOf(Entries(copy));
     if (found == modelAfter(reached)) continue;
     ASSERT_EQ(modelAfter(++reached), found);
   }
@@ -137,7 +137,7 @@ TEST(ChipFile, KeepsEntriesWhenItGrowsAndIsReopened) {
     if (step % 1999 != 0) continue;
     entries.reset();
     entries = std::make_unique<Entries>(directory / "table");
-    ASSERT_EQ(model, contentOf(*entries));
+    ASSERT_EQ(model, entriesOf(*entries));
   }
   entries->delAll();
   EXPECT_TRUE(entries->empty());
@@ -151,7 +151,7 @@ TEST(ChipFile, DamageIsRefusedOrHarmlessAndLeavesTheFileUnchanged) {
     for (std::uint32_t n = 0; n < 40; ++n) Change(n).applyTo(entries);
   }
   const std::string whole = readWhole(path);
-  const Model model = contentOf(Entries(path));
+  const Model model = entriesOf(Entries(path));
   std::size_t refused = 0;
   std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
   const auto put = [&](std::size_t at, char byte) {
@@ -162,7 +162,7 @@ TEST(ChipFile, DamageIsRefusedOrHarmlessAndLeavesTheFileUnchanged) {
     const auto damaged = static_cast<char>(whole[at] ^ (1U << at % 8));
     put(at, damaged);
     if (refusalOf(path).empty()) {
-      ASSERT_EQ(model, contentOf(Entries(path))) << "byte " << at;
+      ASSERT_EQ(model, entriesOf(Entries(path))) << "byte " << at;
       ASSERT_GE(at, 4096U) << "damage of the header goes unnoticed";
     } else {
       refused += at >= 4096 ? 1 : 0;
@@ -183,7 +183,7 @@ TEST(ChipFile, ForeignAndTruncatedFilesAreRefusedUnchanged) {
   twice.replace(4096 + 64, 64, whole, 4096, 64);
   const struct {
     std::string content;
-    const char* told;
+    const char* message;
   } cases[] = {
       {twice, "the key in slot"},
       {"", "is not a table of the software chip"},
@@ -197,7 +197,7 @@ TEST(ChipFile, ForeignAndTruncatedFilesAreRefusedUnchanged) {
   };
   for (const auto& wrong : cases) {
     writeFile(path, wrong.content);
-    EXPECT_NE(std::string::npos, refusalOf(path).find(wrong.told)) << refusalOf(path);
+    EXPECT_NE(std::string::npos, refusalOf(path).find(wrong.message)) << refusalOf(path);
     EXPECT_EQ(wrong.content, readWhole(path));
   }
   writeFile(path, whole + std::string(64, '\0'));
@@ -210,4 +210,4 @@ TEST(ChipFile, ForeignAndTruncatedFilesAreRefusedUnchanged) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

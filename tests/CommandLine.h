@@ -11,7 +11,7 @@
 #include "tests/Golden.h"
 #include "tests/TempDirectory.h"
 
-namespace KilnTests {
+namespace KilnTest {
 
 /// A test with a directory of its own, which runs kiln-agent.
 class CommandLine : public testing::Test {
@@ -43,4 +43,4 @@ class CommandLine : public testing::Test {
   TempDirectory directory;
 };
 
-}  // namespace KilnTests
+}  // namespace KilnTest

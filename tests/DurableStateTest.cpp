@@ -22,7 +22,7 @@
 #include "tests/Lines.h"
 #include "tests/TempDirectory.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using namespace KilnSim;
@@ -392,4 +392,4 @@ TEST(RecordStoreFile, UncommittedBatchHasNoEffect) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -15,7 +15,7 @@
 #include "sim/CapacityCount.h"
 #include "tests/Golden.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 struct Order {
@@ -84,4 +84,4 @@ std::string exampleName(const testing::TestParamInfo<std::string>& info) {
 INSTANTIATE_TEST_SUITE_P(All, Examples, testing::ValuesIn(examples()), exampleName);
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

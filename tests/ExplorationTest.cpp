@@ -13,8 +13,10 @@
 #include "sim/Plan.h"
 #include "tests/Sanitized.h"
 
-namespace KilnSim {
+namespace KilnTest {
 namespace {
+
+using namespace KilnSim;
 
 std::string small(const std::string& name) {
   return std::string(KILN_SOURCE_DIR "/sim/small/") + name + ".jsonl";
@@ -39,7 +41,7 @@ std::string figures(Explored explored) {
 
 TEST(Exploration, FiguresAreIndependentOfProcessesAndInterruptions) {
   const std::string file = small("refused-first-write");
-  const unsigned most = KilnTests::kSanitized ? 1 : 2;
+  const unsigned most = kSanitized ? 1 : 2;
   const Explored one = explore(file, upTo(most));
   EXPECT_EQ(one.failure, "");
   EXPECT_GT(one.schedules, 20U);
@@ -67,7 +69,7 @@ ExploreOptions whole(ExploreOptions options) {
 
 /// Small enough to be explored without a bound, also without the reduction.
 TEST(Exploration, ReductionKeepsEndsAndLandmarks) {
-  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
+  if (kSanitized) GTEST_SKIP() << "takes too long";
   const ExploreOptions options = upTo(~0U);
   const Explored reduced = explore(small("same-version-other-entry"), options);
   const Explored all = explore(small("same-version-other-entry"), whole(options));
@@ -80,7 +82,7 @@ TEST(Exploration, ReductionKeepsEndsAndLandmarks) {
 }
 
 TEST(Exploration, ReductionKeepsCrashesAndRefusals) {
-  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
+  if (kSanitized) GTEST_SKIP() << "takes too long";
   for (const char* name : {"withdrawn-crash", "refused-winner"}) {
     SCOPED_TRACE(name);
     const Explored reduced = explore(small(name), upTo(2));
@@ -92,7 +94,7 @@ TEST(Exploration, ReductionKeepsCrashesAndRefusals) {
 }
 
 TEST(Exploration, MergingKeepsEveryEnd) {
-  if (KilnTests::kSanitized) GTEST_SKIP() << "takes too long";
+  if (kSanitized) GTEST_SKIP() << "takes too long";
   ExploreOptions options = upTo(2);
   const Explored merged = explore(small("hold-and-add"), options);
   options.merged = false;
@@ -105,10 +107,10 @@ TEST(Exploration, EqualStatesContinueEqually) {
   for (const char* name : {"withdrawn-restart", "moved-and-moved-back", "two-features-one-key"}) {
     SCOPED_TRACE(name);
     ExploreOptions options = upTo(1);
-    options.proveEvery = KilnTests::kSanitized ? 4 : 1;
+    options.proveEvery = kSanitized ? 4 : 1;
     const Explored explored = explore(small(name), options);
     EXPECT_EQ(explored.failure, "");
-    EXPECT_GT(explored.proved, KilnTests::kSanitized ? 2U : 20U);
+    EXPECT_GT(explored.proved, kSanitized ? 2U : 20U);
   }
 }
 
@@ -143,4 +145,4 @@ TEST(Exploration, RefusesInvalidSmallScenarios) {
 }
 
 }  // namespace
-}  // namespace KilnSim
+}  // namespace KilnTest

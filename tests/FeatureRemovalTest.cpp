@@ -11,22 +11,25 @@ namespace {
 
 using Isem = KilnTunnelNiLib::Isem;
 using KilnTunnelNiLib::IsemEntryKey;
-constexpr FeatureType kFeature = FeatureType::mpls;
-constexpr std::uint32_t kRequests = 40;
+constexpr FeatureType kRemovedFeature = FeatureType::mpls;
+constexpr std::uint32_t kFeatureRequests = 40;
 
 class FeatureRemovalTest : public testing::Test {
  protected:
-  FeatureRemovalTest() { publish(kRequests); }
+  FeatureRemovalTest() { publish(kFeatureRequests); }
 
   void publish(std::uint32_t labels) {
     for (std::uint32_t label = 0; label < labels; ++label) {
-      agent.store().requestIs<Isem>(kFeature, requestKeyAs<IsemEntryKey>(mplsKey(kFeature, label)),
+      agent.store().requestIs<Isem>(kRemovedFeature,
+                                    requestKeyAs<IsemEntryKey>(mplsKey(kRemovedFeature, label)),
                                     {{KilnTunnelNiLib::IsemMplsEntry{label, 0}}, 1, {}});
     }
     agent.settle();
   }
-  [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kFeature); }
-  [[nodiscard]] bool complete() const { return agent.server().isComplete("isemSrvStatusSmStage-mpls"); }
+  [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kRemovedFeature); }
+  [[nodiscard]] bool complete() const {
+    return agent.server().dependencyStatus().completedHas("isemSrvStatusSmStage-mpls");
+  }
   [[nodiscard]] std::size_t leftovers() const {
     std::size_t sum = 0;
     for (const auto& [name, size] : agent.server().leftovers()) sum += size;
@@ -45,8 +48,8 @@ class FeatureRemovalTest : public testing::Test {
 
 TEST_F(FeatureRemovalTest, WithdrawsStatusesInSlices) {
   const auto left = statuses();
-  ASSERT_EQ(left->status().size(), kRequests);
-  agent.store().removeFeature(kFeature);
+  ASSERT_EQ(left->status().size(), kFeatureRequests);
+  agent.store().removeFeature(kRemovedFeature);
   EXPECT_EQ(mostPerSlice(agent.scheduler(), [&] { return left->status().size(); }), 1u);
   EXPECT_TRUE(left->status().empty());
   EXPECT_TRUE(complete());
@@ -57,10 +60,10 @@ TEST_F(FeatureRemovalTest, WithdrawsStatusesInSlices) {
 TEST_F(FeatureRemovalTest, DestroysCollectionsInSlices) {
   const auto keys = [] { return KeySpace<IsemEntryKey>::instance().size(); };
   const std::size_t before = keys();
-  agent.store().removeFeature(kFeature);
+  agent.store().removeFeature(kRemovedFeature);
   EXPECT_EQ(keys(), before) << "the server holds them still";
   EXPECT_EQ(mostPerSlice(agent.scheduler(), keys), 1u);
-  EXPECT_EQ(keys(), before - kRequests);
+  EXPECT_EQ(keys(), before - kFeatureRequests);
 }
 
 TEST_F(FeatureRemovalTest, StartUpWaitsForTheWithdrawalOfStatuses) {
@@ -68,9 +71,9 @@ TEST_F(FeatureRemovalTest, StartUpWaitsForTheWithdrawalOfStatuses) {
   const auto left = statuses();
   agent.restart();
   while (!started("emStatusSmStage")) agent.scheduler().runOne();
-  agent.scheduler().run(kRequests / 2);
+  agent.scheduler().run(kFeatureRequests / 2);
   ASSERT_FALSE(complete());
-  agent.store().removeFeature(kFeature);
+  agent.store().removeFeature(kRemovedFeature);
   while (!left->status().empty()) {
     EXPECT_FALSE(complete() || started("finalizeStartupStage"));
     ASSERT_TRUE(agent.scheduler().runOne());

@@ -11,7 +11,7 @@
 #include "kiln/agent/host/EmbeddedAgent.h"
 #include "kiln/agent/report/Dump.h"
 
-namespace KilnTests {
+namespace KilnTest {
 
 inline std::string readWhole(const std::string& path) {
   const std::ifstream file(path);
@@ -42,4 +42,4 @@ inline std::string dumpWithoutHardware(const KilnAgent::EmbeddedAgent& agent) {
   return dump;
 }
 
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -7,7 +7,7 @@
 #include "kiln/server/KilnEmServer.h"
 #include "tests/Golden.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 TEST(Graph, MatchesTheGoldenFile) {
@@ -17,4 +17,4 @@ TEST(Graph, MatchesTheGoldenFile) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -105,7 +105,7 @@ void expectKeysFound(std::size_t count, unsigned stepsPerPhase) {
     const bool draining = step / stepsPerPhase % 2 == 1;
     if (const auto at = held.find(i); at == held.end()) {
       const auto left = space.find(keys[i]);
-      ASSERT_TRUE(left == KeySpace<EmHwKey>::kNone || (space.many() && space.key(left) == keys[i]));
+      ASSERT_TRUE(left == KeySpace<EmHwKey>::kNone || (space.exceedsCache() && space.key(left) == keys[i]));
       if (draining && random() % 8 != 0) continue;
       const auto handle = space.acquire(keys[i]);
       ASSERT_EQ(hintOf(keys[i]).handle(), handle);
@@ -117,7 +117,7 @@ void expectKeysFound(std::size_t count, unsigned stepsPerPhase) {
       held.erase(at);
     }
     ASSERT_GE(space.size(), held.size());
-    ASSERT_LE(space.size(), held.size() + (space.many() ? 8 : 0));
+    ASSERT_LE(space.size(), held.size() + (space.exceedsCache() ? 8 : 0));
   }
   for (const auto& [i, key] : held) space.release(space.find(key));
   EXPECT_EQ(space.size(), 0U);

@@ -8,7 +8,7 @@
 
 #include "kiln/agent/io/InputError.h"
 
-namespace KilnTests {
+namespace KilnTest {
 
 /// A line that publishes or withdraws a request of an isem table. `key` and `entry` are the fields, in JSON.
 inline std::string isemLine(std::string_view op, std::string_view feature, std::string_view table,
@@ -49,4 +49,4 @@ std::string errorOf(Call call) {
   return "no error";
 }
 
-}  // namespace KilnTests
+}  // namespace KilnTest

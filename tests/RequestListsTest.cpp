@@ -10,7 +10,7 @@
 #include "kiln/agent/platform/CooperativeScheduler.h"
 #include "kiln/agent/store/MemoryStateStore.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using KilnAgent::MemoryStateStore;
@@ -80,4 +80,4 @@ TEST(RequestLists, ListsForAnAbsentFeatureHaveNoEffect) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

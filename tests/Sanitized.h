@@ -1,7 +1,7 @@
 // Whether the tests run under the address sanitizer, which makes a fork many times slower.
 #pragma once
 
-namespace KilnTests {
+namespace KilnTest {
 
 #if defined(__SANITIZE_ADDRESS__)
 inline constexpr bool kSanitized = true;
@@ -11,4 +11,4 @@ inline constexpr bool kSanitized = __has_feature(address_sanitizer);
 inline constexpr bool kSanitized = false;
 #endif
 
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -14,7 +14,7 @@
 #include "tests/CommandLine.h"
 #include "tests/Lines.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using namespace KilnSim;
@@ -28,7 +28,7 @@ std::string publish(const std::string& key, const std::string& rest = "", const 
       R"({{"op":"publish","feature":"mpls","database":"{}","key":{},"entry":{},"requestVersion":1{}}})",
       database, key, entry, rest);
 }
-std::string mplsKey(const std::string& fields) {
+std::string mplsKeyJson(const std::string& fields) {
   return R"({"isemMplsEntryKey":{)" + fields + "}}";
 }
 std::string oneTagKey(const char* vlanId) {
@@ -55,7 +55,7 @@ TEST_P(MalformedLine, EndsTheRunWithoutBeingExecuted) {
   KilnAgent::EmbeddedAgent agent({});
   KilnAgent::Scenario scenario(agent, false, 1, {});
   std::istringstream lines("// a comment\n" + kGood + "\n\n" + GetParam().line + "\n" +
-                           publish(mplsKey(R"("label":2,"labelSpace":0)")) + "\n");
+                           publish(mplsKeyJson(R"("label":2,"labelSpace":0)")) + "\n");
   std::string told;
   try {
     scenario.run(lines, "some.jsonl");
@@ -93,25 +93,25 @@ const Mistake kMistakes[] = {
     {"unknownTable", R"({"op":"table","table":"isem3Tag","answer":"hold"})", "unknown table \"isem3Tag\""},
     {"unknownAnswer", R"({"op":"table","table":"isemMpls","answer":"later"})", "later"},
     {"unknownField", R"({"op":"table","table":"isemMpls","answer":"hold","quick":true})", "quick"},
-    {"unknownKeyField", publish(mplsKey(R"("label":2,"labelSpace":0,"ttl":1)")), "ttl"},
-    {"unknownKind", publish(mplsKey(R"("label":2,"labelSpace":0)"), R"(,"requestKind":"drop")"), "drop"},
-    {"missingKeyField", publish(mplsKey(R"("label":2)")), "labelSpace"},
+    {"unknownKeyField", publish(mplsKeyJson(R"("label":2,"labelSpace":0,"ttl":1)")), "ttl"},
+    {"unknownKind", publish(mplsKeyJson(R"("label":2,"labelSpace":0)"), R"(,"requestKind":"drop")"), "drop"},
+    {"missingKeyField", publish(mplsKeyJson(R"("label":2)")), "labelSpace"},
     {"missingEntry",
      R"({"op":"publish","feature":"mpls","database":"isem","requestVersion":1,"key":)" +
-         mplsKey(R"("label":2,"labelSpace":0)") + "}",
+         mplsKeyJson(R"("label":2,"labelSpace":0)") + "}",
      "entry"},
     {"fieldTwice", R"({"op":"table","table":"isemMpls","answer":"hold","answer":"refuse"})", "given twice"},
     {"wideVlan",
      publish(oneTagKey("70000"), "", "isem", R"({"isem1TagEntry":{"lif":1,"vsi":1,"profile":0}})"), "vlanId"},
-    {"wideLabel", publish(mplsKey(R"("label":4294967296,"labelSpace":0)")), "label"},
-    {"wideLabelSpace", publish(mplsKey(R"("label":2,"labelSpace":256)")), "labelSpace"},
-    {"negativeLabel", publish(mplsKey(R"("label":-1,"labelSpace":0)")), "label"},
-    {"fractionalLabel", publish(mplsKey(R"("label":1.5,"labelSpace":0)")), "label: a fraction"},
-    {"exponent", publish(mplsKey(R"("label":1e3,"labelSpace":0)")), "an exponent"},
-    {"negativeZero", publish(mplsKey(R"("label":-0,"labelSpace":0)")), "-0 is out of range"},
-    {"nul", publish(mplsKey(R"("label":2,"labelSpace":0)")) + '\0' + "x", "NUL"},
+    {"wideLabel", publish(mplsKeyJson(R"("label":4294967296,"labelSpace":0)")), "label"},
+    {"wideLabelSpace", publish(mplsKeyJson(R"("label":2,"labelSpace":256)")), "labelSpace"},
+    {"negativeLabel", publish(mplsKeyJson(R"("label":-1,"labelSpace":0)")), "label"},
+    {"fractionalLabel", publish(mplsKeyJson(R"("label":1.5,"labelSpace":0)")), "label: a fraction"},
+    {"exponent", publish(mplsKeyJson(R"("label":1e3,"labelSpace":0)")), "an exponent"},
+    {"negativeZero", publish(mplsKeyJson(R"("label":-0,"labelSpace":0)")), "-0 is out of range"},
+    {"nul", publish(mplsKeyJson(R"("label":2,"labelSpace":0)")) + '\0' + "x", "NUL"},
     {"endless", std::string(1'100'000, ' '), "more than 1048576 bytes"},
-    {"labelInQuotes", publish(mplsKey(R"("label":"2","labelSpace":0)")), "label"},
+    {"labelInQuotes", publish(mplsKeyJson(R"("label":"2","labelSpace":0)")), "label"},
     {"wideFapId", publish(R"({"fapId":65536,"localCoreId":0,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
      "fapId"},
     {"wideCore", publish(R"({"fapId":0,"localCoreId":7,"isemMplsEntryKey":{"label":2,"labelSpace":0}})"),
@@ -120,19 +120,19 @@ const Mistake kMistakes[] = {
     {"allotWhileAutomatic", R"({"op":"allot","intfId":1,"systemTcamId":0,"vlanDomain":5})", "manual"},
     {"unknownStatus",
      R"({"op":"expect","feature":"mpls","database":"isem","status":"fine","key":)" +
-         mplsKey(R"("label":1,"labelSpace":0)") + "}",
+         mplsKeyJson(R"("label":1,"labelSpace":0)") + "}",
      "fine"},
     {"expectsNothing",
-     R"({"op":"expect","feature":"mpls","database":"isem","key":)" + mplsKey(R"("label":1,"labelSpace":0)") +
-         "}",
+     R"({"op":"expect","feature":"mpls","database":"isem","key":)" +
+         mplsKeyJson(R"("label":1,"labelSpace":0)") + "}",
      "absent"},
     {"untouchedWithoutWatch",
      R"({"op":"expect","feature":"mpls","database":"isem","result":1,"untouched":true,"key":)" +
-         mplsKey(R"("label":1,"labelSpace":0)") + "}",
+         mplsKeyJson(R"("label":1,"labelSpace":0)") + "}",
      R"({"op":"watch"} must come first)"},
     {"keyOfAnotherTable",
      R"({"op":"expectTable","table":"esemFodo","absent":true,"key":)" +
-         mplsKey(R"("label":1,"labelSpace":0)") + "}",
+         mplsKeyJson(R"("label":1,"labelSpace":0)") + "}",
      "not a key of the table"},
 };
 
@@ -143,7 +143,7 @@ const std::string kOneTagEntry = R"({"isem1TagEntry":{"lif":1,"vsi":1,"profile":
 TEST_F(CommandLine, ExitStatusTellsWhetherExpectationsHeld) {
   const auto expects = [](const char* status) {
     return R"({"op":"expect","feature":"mpls","database":"isem","status":")" + std::string(status) +
-           R"(","key":)" + mplsKey(R"("label":1,"labelSpace":0)") + "}\n";
+           R"(","key":)" + mplsKeyJson(R"("label":1,"labelSpace":0)") + "}\n";
   };
   const std::string good = kGood + "\n";
   const struct {
@@ -170,4 +170,4 @@ TEST_F(CommandLine, ExitStatusTellsWhetherExpectationsHeld) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -26,7 +26,7 @@
 #include "tests/CommandLine.h"
 #include "tests/Lines.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using Json = nlohmann::json;
@@ -186,10 +186,10 @@ TEST_F(Serve, VanishedAndUnresponsiveClientsDoNotBlockOthers) {
     EXPECT_EQ(true, active.ask(kShowAgent)["ok"]);
   }
   EXPECT_EQ(nullptr, idle.front().answer()) << "who was idle for longest makes room";
-  Client deaf(socketPath());
+  Client unresponsive(socketPath());
   std::string questions;
   for (int i = 0; i < 2000; ++i) questions += kShowDump + "\n";
-  deaf.send(questions);
+  unresponsive.send(questions);
   Client client(socketPath());
   Json dump;
   do {
@@ -404,4 +404,4 @@ TEST_F(Turns, LongAnswersAreProducedOnDemandAndFlagOneMoment) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

@@ -17,11 +17,10 @@
 #include "sim/Watch.h"
 #include "tests/Lines.h"
 
-namespace KilnSim {
+namespace KilnTest {
 namespace {
 
-using KilnTests::publishLine;
-using KilnTests::withdrawLine;
+using namespace KilnSim;
 
 TEST(Simulation, WrittenPlanRunsIdentically) {
   for (const std::string_view profile : kProfiles) {
@@ -99,7 +98,7 @@ TEST(Simulation, CrashLosesUncommittedChanges) {
 
 /// Publishes, in place of the server, a status that the server would not publish.
 std::string wrongAfter(EmStatus status, std::uint32_t version, bool withRequest) {
-  using Isem = KilnTunnelNiLib::Isem;
+  using KilnTunnelNiLib::Isem;
   KilnAgent::EmbeddedAgent agent({});
   agent.settle();
   Watch watch(agent);
@@ -122,4 +121,4 @@ TEST(Simulation, JudgeDetectsFalseStatuses) {
 }
 
 }  // namespace
-}  // namespace KilnSim
+}  // namespace KilnTest

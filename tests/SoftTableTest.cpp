@@ -7,7 +7,7 @@
 #include "kiln/agent/chip/SoftChip.h"
 #include "kiln/agent/platform/CooperativeScheduler.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using KilnAgent::SoftChip;
@@ -175,4 +175,4 @@ TEST_F(OrderedLayer, RefusedOrUnfittingRewriteClaimsNothing) {
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

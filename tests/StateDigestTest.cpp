@@ -21,12 +21,12 @@
 #include "tests/Lines.h"
 #include "tests/Sanitized.h"
 
-namespace KilnSim {
+namespace KilnTest {
 namespace {
 
+using namespace KilnSim;
 using KilnEmServer::differingParts;
 using KilnEmServer::StateDigest;
-using KilnTests::withdrawLine;
 
 /// The numbers of tasks, the same in all walks.
 class Numbers final : public TaskNumbers {
@@ -122,8 +122,8 @@ TEST(StateDigest, StatesWithEqualDigestsContinueEqually) {
   for (const char* name : {"moved-and-moved-back", "feature-removed-and-added", "domain-passes-on"}) {
     auto scenario = readSmallScenario(fmt::format("{}/sim/small/{}.jsonl", KILN_SOURCE_DIR, name));
     scenario.troubles = {.refusals = 0, .restarts = 1, .crashes = 1, .losses = 0};
-    const auto pairs = findPairs(scenario, KilnTests::kSanitized ? 6 : 20);
-    ASSERT_LT(KilnTests::kSanitized ? 0U : 10U, pairs.size()) << name;
+    const auto pairs = findPairs(scenario, kSanitized ? 6 : 20);
+    ASSERT_LT(kSanitized ? 0U : 10U, pairs.size()) << name;
     for (std::uint32_t at = 0; at < pairs.size(); ++at) {
       EXPECT_EQ("", difference(scenario, pairs[at], at)) << name;
     }
@@ -151,10 +151,10 @@ class Agent {
 };
 
 std::string publish(int label, int lif = 1) {
-  return KilnTests::mplsLine("publish", "mpls", label, lif, lif);
+  return mplsLine("publish", "mpls", label, lif, lif);
 }
 std::string publishUntagged(int interface) {
-  return KilnTests::untaggedLine("publish", "bridging", interface);
+  return untaggedLine("publish", "bridging", interface);
 }
 std::string table(const char* what) {
   return fmt::format(R"({{"op":"table","table":"isemMpls",{}}})", what);
@@ -168,17 +168,17 @@ std::string allot(int domain) {
 std::string run(int tasks) {
   return fmt::format(R"({{"op":"run","tasks":{}}})", tasks);
 }
-const std::string kSettle = R"({"op":"settle"})";
+const std::string kSettleOperation = R"({"op":"settle"})";
 const std::string kRestart = R"({"op":"restart"})";
 const std::string kCommit = R"({"op":"commit"})";
 const std::string kManual = R"({"op":"vlanDomains","mode":"manual"})";
 
 TEST(StateDigest, DependsOnTheStateAndNotOnItsHistory) {
-  const std::vector<std::string> direct = {kSettle, publish(1), kSettle, publishUntagged(1),
-                                           kSettle, publish(2), kSettle};
+  const std::vector<std::string> direct = {kSettleOperation, publish(1), kSettleOperation, publishUntagged(1),
+                                           kSettleOperation, publish(2), kSettleOperation};
   const std::vector<std::string> roundabout = {
-      kSettle, publish(2),      publish(3), kSettle,    publishUntagged(1),
-      kSettle, withdrawLine(3), kSettle,    publish(1), kSettle};
+      kSettleOperation, publish(2),      publish(3),       kSettleOperation, publishUntagged(1),
+      kSettleOperation, withdrawLine(3), kSettleOperation, publish(1),       kSettleOperation};
   const auto walksOf = [](const std::vector<std::string>& lines) {
     return Agent(lines).digest(StateDigest::Walks::noted).value();
   };
@@ -191,47 +191,52 @@ TEST(StateDigest, DependsOnTheStateAndNotOnItsHistory) {
   const Agent other(roundabout);
   EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(one.digest(), other.digest()), ", ")));
   EXPECT_EQ(one.digest().value(), other.digest().value());
-  const Agent fresh({kSettle});
-  const Agent emptied(
-      {kSettle, publish(1), publish(1, 2), publishUntagged(1), kSettle, table(R"("answer":"refuse")"),
-       publish(2), kSettle, table(R"("answer":"success")"), withdrawLine(1), withdrawLine(2),
-       R"({"op":"withdrawAll","feature":"bridging","database":"isem"})", kSettle, kRestart, kSettle});
+  const Agent fresh({kSettleOperation});
+  const Agent emptied({kSettleOperation, publish(1), publish(1, 2), publishUntagged(1), kSettleOperation,
+                       table(R"("answer":"refuse")"), publish(2), kSettleOperation,
+                       table(R"("answer":"success")"), withdrawLine(1), withdrawLine(2),
+                       R"({"op":"withdrawAll","feature":"bridging","database":"isem"})", kSettleOperation,
+                       kRestart, kSettleOperation});
   EXPECT_EQ("", fmt::format("{}", fmt::join(differingParts(fresh.digest(), emptied.digest()), ", ")));
 }
 
 TEST(StateDigest, EachDifferenceChangesTheDigest) {
   using Lines = std::vector<std::string>;
-  const Lines held = {kSettle, table(R"("answer":"hold")"), publish(1), kSettle, publish(1, 2), kSettle};
-  const Lines full = {publish(1), kSettle, table(R"("answer":"hold","capacity":0)"), withdrawLine(1)};
+  const Lines held = {kSettleOperation, table(R"("answer":"hold")"),
+                      publish(1),       kSettleOperation,
+                      publish(1, 2),    kSettleOperation};
+  const Lines full = {publish(1), kSettleOperation, table(R"("answer":"hold","capacity":0)"),
+                      withdrawLine(1)};
   const auto with = [](Lines lines, const Lines& more) {
     lines.insert(lines.end(), more.begin(), more.end());
     return lines;
   };
   const auto refused = [](int first, int second) {
-    return Lines{table(R"("answer":"refuse")"), publish(first), kSettle, publish(second), kSettle,
-                 table(R"("answer":"success")")};
+    return Lines{
+        table(R"("answer":"refuse")"), publish(first), kSettleOperation, publish(second), kSettleOperation,
+        table(R"("answer":"success")")};
   };
   const std::vector<std::tuple<const char*, Lines, Lines>> cases = {
       {"an entry", {publish(1, 1)}, {publish(1, 2)}},
-      {"a key that waits", {kSettle, publish(1), run(1)}, {kSettle, publish(1), run(2)}},
+      {"a key that waits", {kSettleOperation, publish(1), run(1)}, {kSettleOperation, publish(1), run(2)}},
       {"the order of two keys that wait",
-       {kSettle, publish(1), publish(2)},
-       {kSettle, publish(2), publish(1)}},
-      {"an operation that is answered", held, with(held, {answer("fifo"), kSettle})},
-      {"which operation is answered", with(held, {answer("fifo"), kSettle}),
-       with(held, {answer("lifo"), kSettle})},
-      {"a refused write", {publish(1), kSettle}, refused(1, 1)},
+       {kSettleOperation, publish(1), publish(2)},
+       {kSettleOperation, publish(2), publish(1)}},
+      {"an operation that is answered", held, with(held, {answer("fifo"), kSettleOperation})},
+      {"which operation is answered", with(held, {answer("fifo"), kSettleOperation}),
+       with(held, {answer("lifo"), kSettleOperation})},
+      {"a refused write", {publish(1), kSettleOperation}, refused(1, 1)},
       {"the order of refusals", refused(1, 2), refused(2, 1)},
       {"whether room was made since a write that is unanswered",
-       with(full, {kSettle, answer("fifo"), kSettle, publish(2), kSettle}),
-       with(full, {publish(2), kSettle, answer("fifo"), kSettle})},
+       with(full, {kSettleOperation, answer("fifo"), kSettleOperation, publish(2), kSettleOperation}),
+       with(full, {publish(2), kSettleOperation, answer("fifo"), kSettleOperation})},
       {"a domain",
-       {kManual, publishUntagged(1), allot(5), kSettle},
-       {kManual, publishUntagged(1), allot(6), kSettle}},
+       {kManual, publishUntagged(1), allot(5), kSettleOperation},
+       {kManual, publishUntagged(1), allot(6), kSettleOperation}},
       {"how far a restart is",
-       {publish(1), kSettle, kRestart, run(5)},
-       {publish(1), kSettle, kRestart, run(6)}},
-      {"what a loss would leave", {publish(1), kSettle}, {publish(1), kSettle, kCommit}},
+       {publish(1), kSettleOperation, kRestart, run(5)},
+       {publish(1), kSettleOperation, kRestart, run(6)}},
+      {"what a loss would leave", {publish(1), kSettleOperation}, {publish(1), kSettleOperation, kCommit}},
   };
   for (const auto& [name, one, other] : cases) {
     EXPECT_FALSE(differingParts(Agent(one).digest(), Agent(other).digest()).empty()) << name;
@@ -240,4 +245,4 @@ TEST(StateDigest, EachDifferenceChangesTheDigest) {
 }
 
 }  // namespace
-}  // namespace KilnSim
+}  // namespace KilnTest

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-namespace KilnTests {
+namespace KilnTest {
 
 /// Exists as long as the object.
 class TempDirectory {
@@ -32,4 +32,4 @@ inline void writeFile(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-}  // namespace KilnTests
+}  // namespace KilnTest

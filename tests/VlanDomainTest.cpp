@@ -9,7 +9,7 @@
 #include "kiln/agent/scenario/Scenario.h"
 #include "tests/Lines.h"
 
-namespace KilnTests {
+namespace KilnTest {
 namespace {
 
 using KilnAgent::VlanDomainService;
@@ -111,4 +111,4 @@ TEST(VlanDomainReport, CountsRequestsWithoutADomainAndConflictsBetweenInterfaces
 }
 
 }  // namespace
-}  // namespace KilnTests
+}  // namespace KilnTest

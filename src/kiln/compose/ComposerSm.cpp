@@ -12,7 +12,7 @@ using KilnPlatform::forEachIn;
 // --- ResourceWalk ------------------------------------------------------------------------------------------
 
 ComposerSm::ResourceWalk::ResourceWalk(ComposerSm& composer)
-    : OwnWork(composer, "resourceWalk"), composer_(composer) {}
+    : WorkQueue(composer, "resourceWalk"), composer_(composer) {}
 
 void ComposerSm::ResourceWalk::add(const ResolverKey& resolverKey) {
   if (waiting_.add(resolverKey, stage_.arrivals())) stage_.noteArrival(*this, true);
@@ -52,59 +52,61 @@ void ComposerSm::ResourceWalk::notePending(PendingDigests& pending) const {
   });
 }
 
-// --- AskedResources ----------------------------------------------------------------------------------------
+// --- RequestedResources ------------------------------------------------------------------------------------
 
-ComposerSm::AskedResources::AskedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir)
+ComposerSm::RequestedResources::RequestedResources(ComposerSm& composer,
+                                                   Ref<ResolverConfigDir> resolverConfigDir)
     : OutputBase(composer, "resolverConfigDirResolverRequestOutput"),
       composer_(composer),
       resolverConfigDir_(std::move(resolverConfigDir)) {
   composer.writtenEntityIs(resolverConfigDir_.get());
 }
 
-void ComposerSm::AskedResources::checkArgument() const {
+void ComposerSm::RequestedResources::checkArgument() const {
   if (resolverConfigDir_ == nullptr) detail::nullArgument("resolverConfigDir", __FILE__, __LINE__);
 }
 
-const std::vector<ResolverKeyUnionTag>& ComposerSm::AskedResources::resolverTypes() const {
+const std::vector<ResolverKeyUnionTag>& ComposerSm::RequestedResources::resolverTypes() const {
   return typesOf(std::as_const(*resolverConfigDir_).resolverConfig(), resolverTypes_);
 }
 
-const ResolverComposerConfig* ComposerSm::AskedResources::of(ResolverKeyUnionTag resolverType) const {
+const ResolverComposerConfig* ComposerSm::RequestedResources::of(ResolverKeyUnionTag resolverType) const {
   const auto* resolverConfig = resolverConfigDir_->resolverConfig().find(resolverType);
   if (resolverConfig == nullptr) return nullptr;
   const auto* composerConfig = (*resolverConfig)->resolverComposerConfig().find(composer_.composerType_);
   return composerConfig == nullptr ? nullptr : composerConfig->get();
 }
 
-ResolverComposerConfig& ComposerSm::AskedResources::obtain(ResolverKeyUnionTag resolverType) {
+ResolverComposerConfig& ComposerSm::RequestedResources::obtain(ResolverKeyUnionTag resolverType) {
   return *resolverConfigDir_->resolverConfigIs(resolverType)
               ->resolverComposerConfigIs(composer_.composerType_);
 }
 
-void ComposerSm::AskedResources::request(const ResolverKey& resolverKey) {
+void ComposerSm::RequestedResources::request(const ResolverKey& resolverKey) {
   ResolverComposerConfig& asked = obtain(resolverKey.tag());
   if (asked.resolverRequestHas(resolverKey)) return;
   asked.resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceRequest, 0, 0});
 }
 
-void ComposerSm::AskedResources::acknowledge(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType,
-                                             std::uint64_t value, std::uint64_t epoch) {
+void ComposerSm::RequestedResources::acknowledge(const ResolverKey& resolverKey,
+                                                 ResolverKeyUnionTag resolverType, std::uint64_t value,
+                                                 std::uint64_t epoch) {
   obtain(resolverType)
       .resolverRequestIs({resolverKey, ResolverRequest::RequestType::resourceInUse, value, epoch});
 }
 
-bool ComposerSm::AskedResources::giveBack(const ResolverKey& resolverKey) {
+bool ComposerSm::RequestedResources::release(const ResolverKey& resolverKey) {
   return of(resolverKey.tag()) != nullptr && obtain(resolverKey.tag()).resolverRequest().del(resolverKey);
 }
 
-void ComposerSm::AskedResources::addReads(std::vector<const void*>& collections) const {
+void ComposerSm::RequestedResources::addReads(std::vector<const void*>& collections) const {
   for (const ResolverKeyUnionTag type : resolverTypes()) {
     const ResolverComposerConfig* asked = of(type);
     if (asked != nullptr) collections.push_back(KilnPlatform::addressOf(asked->resolverRequest()));
   }
 }
 
-std::optional<ResolverKey> ComposerSm::AskedResources::next() {
+std::optional<ResolverKey> ComposerSm::RequestedResources::next() {
   const auto& types = resolverTypes();
   for (; type_ < types.size(); ++type_, cursor_ = {}) {
     const ResolverComposerConfig* asked = of(types[type_]);
@@ -114,18 +116,18 @@ std::optional<ResolverKey> ComposerSm::AskedResources::next() {
   return std::nullopt;
 }
 
-void ComposerSm::AskedResources::rewind() {
+void ComposerSm::RequestedResources::rewind() {
   type_ = 0;
   cursor_ = {};
 }
 
-bool ComposerSm::AskedResources::deletionScanItem(bool& deleted) {
+bool ComposerSm::RequestedResources::deletionScanItem(bool& deleted) {
   const auto key = next();
   if (key) deleted = composer_.releaseUnused(*key);
   return key.has_value();
 }
 
-std::size_t ComposerSm::AskedResources::size() const {
+std::size_t ComposerSm::RequestedResources::size() const {
   std::size_t resources = 0;
   for (const ResolverKeyUnionTag type : resolverTypes()) {
     const ResolverComposerConfig* asked = of(type);
@@ -134,7 +136,7 @@ std::size_t ComposerSm::AskedResources::size() const {
   return resources;
 }
 
-void ComposerSm::AskedResources::noteState(StateDigest& digest) const {
+void ComposerSm::RequestedResources::noteState(StateDigest& digest) const {
   OutputBase::noteState(digest);
   if (!reconciling()) return;
   const auto& types = resolverTypes();
@@ -145,13 +147,13 @@ void ComposerSm::AskedResources::noteState(StateDigest& digest) const {
   }
 }
 
-bool ComposerSm::AskedResources::deleteNext() {
+bool ComposerSm::RequestedResources::deleteNext() {
   auto key = next();
   if (!key) {  // the deletion scan may have moved the cursor past other resources
     rewind();
     key = next();
   }
-  if (key) giveBack(*key);
+  if (key) release(*key);
   return key.has_value();
 }
 
@@ -177,7 +179,7 @@ ComposerSm::ComposerSm(EmComposerKeyUnionTag composerType, EmResolvedKeyUnionTag
       resolvedKeyStatus_(*this, std::move(resolvedKeyStatus)),
       resolverStatuses_(*this, resolverStatusDir_),
       resourceWalk_(*this),
-      askedResources_(*this, std::move(resolverConfigDir)),
+      requestedResources_(*this, std::move(resolverConfigDir)),
       swTableKeyConfig_(*this, std::move(swTableKeyConfig)),
       emComposeFailure_(*this, std::move(emComposeFailure)) {
   if (departures_.emWrittenKeys() != nullptr) emWrittenKeys_.emplace(*this, departures_.emWrittenKeys());
@@ -201,7 +203,7 @@ void ComposerSm::handleInitialized() {
   departures_.start();
   KILN_ASSERT_MESSAGE(composerType_ != EmComposerKeyUnionTag::undefined_,
                       "emComposerKeyType() != EmComposerKeyUnionTag::undefined_");
-  for (const ResolverKeyUnionTag resolverType : askedResources_.resolverTypes()) {
+  for (const ResolverKeyUnionTag resolverType : requestedResources_.resolverTypes()) {
     KILN_ASSERT_MESSAGE(isSupportedResolverType(resolverType),
                         "isSupportedResolverType( resolverConfigIter->resolverType() )");
     (void)placesOf(resolverType);  // created here, so that it is listed with all local state from the start
@@ -243,7 +245,7 @@ const std::vector<ResolverKeyUnionTag>& ComposerSm::typesOf(const Directory& dir
 
 template <class Visitor>
 void ComposerSm::forEachResolverKey(const EmLogicalKey& emKey, Visitor&& visit) const {
-  for (const ResolverKeyUnionTag resolverType : askedResources_.resolverTypes()) {
+  for (const ResolverKeyUnionTag resolverType : requestedResources_.resolverTypes()) {
     visit(getResolverKey(resolverType, emKey));
   }
 }
@@ -260,7 +262,7 @@ void ComposerSm::handleRequest(const EmLogicalKey& emLogicalKey) {
   forEachResolverKey(emLogicalKey, [&](const ResolverKey& resolverKey) {
     const bool asked = resolverKeyToEmLogicalKey_.has(resolverKey);
     updateResolverToEmKeyColl(resolverKey, emLogicalKey, true);
-    if (!asked) askedResources_.request(resolverKey);
+    if (!asked) requestedResources_.request(resolverKey);
   });
   maybeComposeKey(emLogicalKey);
 }
@@ -287,7 +289,7 @@ void ComposerSm::countLeaving(const EmLogicalKey& emKey, bool more) {
   });
 }
 
-void ComposerSm::handleGone(const EmLogicalKey& emKey) {
+void ComposerSm::handleDeparted(const EmLogicalKey& emKey) {
   countLeaving(emKey, false);
   forEachResolverKey(emKey, [&](const ResolverKey& resolverKey) { releaseUnused(resolverKey); });
 }
@@ -320,7 +322,7 @@ KeyPlaces<EmLogicalKey>& ComposerSm::placesOf(ResolverKeyUnionTag resolverType) 
 
 bool ComposerSm::releaseUnused(const ResolverKey& resolverKey) {
   if (resolverKeyToEmLogicalKey_.has(resolverKey) || leavingCount_.has(resolverKey)) return false;
-  return askedResources_.giveBack(resolverKey);
+  return requestedResources_.release(resolverKey);
 }
 
 // --- Composition -------------------------------------------------------------------------------------------
@@ -425,7 +427,7 @@ void ComposerSm::maybeAckInUse(const ResolverKey& resolverKey, ResolverKeyUnionT
   if (state == nullptr || state->state != ResolutionState::resolutionSuccess_) return;
   // Until every key was handled with this resolution, outcomes may still belong to the previous one.
   if ((*coll)->handled != *state) return;
-  askedResources_.acknowledge(resolverKey, resolverType, state->val, inUseVer_);
+  requestedResources_.acknowledge(resolverKey, resolverType, state->val, inUseVer_);
   (*coll)->inUseSince = inUseVer_;
 }
 
@@ -513,8 +515,8 @@ void ComposerSm::noteState(StateDigest& digest) const {
       item(resolverKey, coll->inUseSince == inUseVer_);
     });
   });
-  for (const ResolverKeyUnionTag type : askedResources_.resolverTypes()) {
-    const ResolverComposerConfig* asked = askedResources_.of(type);
+  for (const ResolverKeyUnionTag type : requestedResources_.resolverTypes()) {
+    const ResolverComposerConfig* asked = requestedResources_.of(type);
     if (asked == nullptr) continue;
     digest.unordered([&](auto&& item) {
       forEachIn(asked->resolverRequest(),

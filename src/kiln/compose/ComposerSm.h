@@ -124,7 +124,7 @@ class ComposerSm : public Stage, private Departures::Composer {
 
   /// The resolver keys whose change is being handled. One of them is walked at a time, with one logical key
   /// per item. The walk stays valid when its own handlers change the set.
-  class ResourceWalk final : public OwnWork {
+  class ResourceWalk final : public WorkQueue {
    public:
     explicit ResourceWalk(ComposerSm& composer);
     /// Queues another walk over the resolver key's logical keys. A change of a resolution is handled after
@@ -153,9 +153,9 @@ class ComposerSm : public Stage, private Departures::Composer {
   /// requested and is no longer needed. Nothing is counted, since the server creates composers over new
   /// requests. No deletion is held back: until the sweep the resolver releases nothing, so a resource that is
   /// requested again still exists.
-  class AskedResources final : public OutputBase {
+  class RequestedResources final : public OutputBase {
    public:
-    AskedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir);
+    RequestedResources(ComposerSm& composer, Ref<ResolverConfigDir> resolverConfigDir);
 
     /// The types of the resolvers that exist.
     [[nodiscard]] const std::vector<ResolverKeyUnionTag>& resolverTypes() const;
@@ -167,7 +167,7 @@ class ComposerSm : public Stage, private Departures::Composer {
     void acknowledge(const ResolverKey& resolverKey, ResolverKeyUnionTag resolverType, std::uint64_t value,
                      std::uint64_t epoch);
     /// Releases the resource. True if it was requested.
-    bool giveBack(const ResolverKey& resolverKey);
+    bool release(const ResolverKey& resolverKey);
 
     void checkArgument() const override;
     bool deleteNext() override;
@@ -213,7 +213,7 @@ class ComposerSm : public Stage, private Departures::Composer {
   [[nodiscard]] bool hasHwStatus(const EmLogicalKey& emKey) const override {
     return resolvedKeyStatus_.find(emKey) != nullptr;
   }
-  void handleGone(const EmLogicalKey& emKey) override;
+  void handleDeparted(const EmLogicalKey& emKey) override;
   /// The hardware key that was composed for a requested key, or null.
   [[nodiscard]] const EmHwKey* composedKey(const EmLogicalKey& emKey) const;
   [[nodiscard]] const ResolutionState* resolution(const ResolverKey& resolverKey) const;
@@ -267,7 +267,7 @@ class ComposerSm : public Stage, private Departures::Composer {
               "from( resolverStatusDir.resolverStatus[].status[] ): resolverType={} resolverKey={} state={}">
       resolverStatuses_;
   ResourceWalk resourceWalk_;
-  AskedResources askedResources_;
+  RequestedResources requestedResources_;
   Output<SwTableKeyConfig::emLogicalKeyToResolvedKeyAttr, "swTableKeyConfig", "emLogicalKey">
       swTableKeyConfig_;
   Output<EmComposeFailure::failureAttr, "emComposeFailure", "emLogicalKey"> emComposeFailure_;

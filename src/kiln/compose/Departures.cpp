@@ -75,7 +75,7 @@ void Departures::look(const EmLogicalKey& emKey) {
   const bool written = traces_.emWrittenKeys != nullptr && traces_.emWrittenKeys->writtenHas(emKey);
   if (written || composer_.hasHwStatus(emKey)) return;  // checked again when that ends
   leaving_.del(emKey);
-  composer_.handleGone(emKey);
+  composer_.handleDeparted(emKey);
 }
 
 bool Departures::onItsWay(const EmLogicalKey& emKey) const {

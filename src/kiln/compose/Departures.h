@@ -34,7 +34,7 @@ class Departures final : public LocalState {
    public:
     [[nodiscard]] virtual bool requested(const EmLogicalKey& emKey) const = 0;
     [[nodiscard]] virtual bool hasHwStatus(const EmLogicalKey& emKey) const = 0;
-    virtual void handleGone(const EmLogicalKey& emKey) = 0;
+    virtual void handleDeparted(const EmLogicalKey& emKey) = 0;
 
    protected:
     ~Composer() = default;

@@ -95,7 +95,7 @@ void ResolverBase::deleteRequestComposer(const ResolverKey& resolverKey, EmCompo
   tracer().trace<8>("deleteRequestComposer {} {}", resolverKey, composerType);
   resolutionInUse_.del(resolverKey);
   if (!requested(resolverKey)) {
-    if (givesBack_) deleteRequest(resolverKey);
+    if (sweepBegun_) deleteRequest(resolverKey);
     return;
   }
   const ResolutionState* status = resolverStatus().status().find(resolverKey);
@@ -153,7 +153,7 @@ void ResolverBase::deleteResolutionState(const ResolverKey& resolverKey) {
 }
 
 void ResolverBase::sweep(std::string reportAs) {
-  givesBack_ = true;
+  sweepBegun_ = true;
   sweepReport_ = std::move(reportAs);
   sweepTask_ = std::make_unique<Task>(
       control().scheduler, control().priority, fmt::format("{}-SweepTask", className()),
@@ -185,7 +185,7 @@ void ResolverBase::sweepNext() {
 
 void ResolverBase::noteState(StateDigest& digest) const {
   Stage::noteState(digest);
-  digest.add(givesBack_);
+  digest.add(sweepBegun_);
   digest.add(sweeping_);
   if (sweeping_) digest.addLeft(resolverStatus().status(), sweepCursor_);
 }

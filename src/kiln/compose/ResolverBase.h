@@ -75,7 +75,7 @@ class ResolverBase : public Stage {
   ResolverKeyUnionTag resolverType_;
   Ref<const ResolverConfig> resolverConfig_;
   DirectOutput<ResolverStatus::statusAttr, "resolverStatus"> resolverStatus_;
-  bool givesBack_ = false;  ///< true once the sweep has begun
+  bool sweepBegun_ = false;  ///< true once the sweep has begun
   bool sweeping_ = false;
   KilnPlatform::ScanCursor<ResolverKey> sweepCursor_;
   std::string sweepReport_;

@@ -47,8 +47,8 @@ class SrvConfigSm : public Stage {
               int priority);
 
   /// Prefetches the keys that the handler looks up in addition to its own.
-  void expect(const FeatureType& feature, const RequestKey& key) const {
-    expectKey(logicalKeyOf(feature, key));
+  void prefetchFor(const FeatureType& feature, const RequestKey& key) const {
+    prefetchKey(logicalKeyOf(feature, key));
   }
 
  private:
@@ -78,8 +78,8 @@ template <class Db>
 void SrvConfigSm<Db>::handleConfig0(const FeatureType& feature, const RequestKey& key,
                                     const Request* entryOpt) {
   const EmLogicalKey logicalKey = logicalKeyOf(feature, key);
-  expectFurtherOn(logicalKey);
-  expectFurtherOn(key);
+  prefetchDownstream(logicalKey);
+  prefetchDownstream(key);
   const Admission admission =
       entryOpt == nullptr ? Admission::admitted : admissionOf<Db>(key, entryOpt->requestKind);
   if (entryOpt != nullptr && admission == Admission::admitted) {

@@ -54,21 +54,21 @@ struct ScanCursor {
 };
 
 /// Can prefetch what it stores under a key that will be looked up soon.
-class FetchedAhead {
+class Prefetchable {
  public:
   /// The key with this handle in the thread's key space will be looked up: a collection that stores values by
   /// handle may prefetch the value.
   virtual void prefetch(std::uint32_t /*handle*/) const {}
 
  protected:
-  ~FetchedAhead() = default;
+  ~Prefetchable() = default;
 };
 
 /// A collection of key to value. Every real change (insert, replace by another value, delete) notifies every
 /// subscriber with the key. `is` with an equal value and `del` of an absent key change nothing and notify no
 /// subscriber. One thread only.
 template <class K, class V>
-class KeyedCollection : public FetchedAhead {
+class KeyedCollection : public Prefetchable {
  public:
   using Key = K;
   using Value = V;

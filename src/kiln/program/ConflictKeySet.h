@@ -86,7 +86,7 @@ class ConflictKeyToLogicalKeySet {
 /// The index over all hardware keys. No empty level survives a removal.
 class ConflictKeySet final : public LocalState {
  public:
-  explicit ConflictKeySet(Stage& stage) : LocalState(stage, "conflictKeySet") { stage.companionIs(sets_); }
+  explicit ConflictKeySet(Stage& stage) : LocalState(stage, "conflictKeySet") { stage.prefetchSetAdd(sets_); }
 
   /// The contenders for a hardware key, or null.
   [[nodiscard]] const ConflictKeyToLogicalKeySet* hwKeyToLogicalKeySet(const EmHwKey& hwKey) const {

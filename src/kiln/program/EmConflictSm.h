@@ -41,11 +41,11 @@ class EmConflictSm final : public Stage {
   ~EmConflictSm() override;
 
   /// Prefetches the keys that the handler looks up in addition to its own.
-  void expect(const EmLogicalKey& emLogicalKey) const {
+  void prefetchFor(const EmLogicalKey& emLogicalKey) const {
     if (const EmHwKey* hwKey = cacheAttr0_.peek(emLogicalKey)) {
-      expectKey(*hwKey);
+      prefetchKey(*hwKey);
     } else if (const EmHwEntry* hwEntry = emMergedEntry_.find(emLogicalKey)) {
-      expectKey(hwEntry->emHwKey);
+      prefetchKey(hwEntry->emHwKey);
     }
   }
 

@@ -15,7 +15,7 @@ EmKeyMergeSm::EmKeyMergeSm(Ref<const ResolvedKeyColl> resolvedKeyColl,
       emMergedEntry_(*this, std::move(emMergedEntry)) {}
 
 void EmKeyMergeSm::handleInitialized() {
-  emLogicalKeyToEntry_.changesLookInto(resolvedKeyColl_.collection());
+  emLogicalKeyToEntry_.readSynchronously(resolvedKeyColl_.collection());
 }
 
 void EmKeyMergeSm::eventToVok_stream0(const EmLogicalKey& emKey, const EmHwKey* /*hwKeyOpt*/) {
@@ -31,7 +31,7 @@ void EmKeyMergeSm::eventToVok_pipeline0(const EmLogicalKey& emKey) {
   const EmHwKey* hwKey = resolvedKeyColl_.find(emKey);
   const EmConfigEntry* entry = emLogicalKeyToEntry_.find(emKey);
   if (hwKey != nullptr && entry != nullptr) {
-    expectHwKey(emKey, *hwKey);
+    prefetchHwKey(emKey, *hwKey);
     emMergedEntry_.insert(emKey, {*entry, *hwKey});
   } else {
     emMergedEntry_.erase(emKey);
@@ -39,10 +39,10 @@ void EmKeyMergeSm::eventToVok_pipeline0(const EmLogicalKey& emKey) {
 }
 
 // The merged copy of the key remembers its place, unlike the composed one.
-void EmKeyMergeSm::expectHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const {
-  if (!changeIsLone()) return;
+void EmKeyMergeSm::prefetchHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const {
+  if (!isSingleEvent()) return;
   const EmHwEntry* before = emMergedEntry_.find(emKey);
-  expectFurtherOn(before != nullptr && before->emHwKey == hwKey ? before->emHwKey : hwKey);
+  prefetchDownstream(before != nullptr && before->emHwKey == hwKey ? before->emHwKey : hwKey);
 }
 
 Ref<EmKeyMergeSm> emKeyMergeSmFactory(Ref<const ResolvedKeyColl> resolvedKeyColl,

@@ -28,7 +28,7 @@ class EmKeyMergeSm final : public Stage {
   void eventToVok_stream0(const EmLogicalKey& emKey, const EmHwKey* hwKeyOpt);
   void eventToVok_stream1(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt);
   void eventToVok_pipeline0(const EmLogicalKey& emKey);
-  void expectHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const;
+  void prefetchHwKey(const EmLogicalKey& emKey, const EmHwKey& hwKey) const;
 
   Input<ResolvedKeyColl::emLogicalKeyToResolvedKeyAttr, "resolvedKeyColl", &EmKeyMergeSm::eventToVok_stream0,
         "Line 26: from( resolvedKeyColl.emLogicalKeyToResolvedKey[] ): emKey={}">

@@ -23,8 +23,8 @@ class EmSwTableStatusSm final : public Stage {
                     Ref<DependencyStatus> dependencyStatus, StageControl control);
 
   /// Prefetches the keys that the handler looks up in addition to its own.
-  void expect(const EmHwKey& swTableKey) const {
-    if (const EmLogicalKey* owner = cacheAttr0_.peek(swTableKey)) expectKey(*owner);
+  void prefetchFor(const EmHwKey& swTableKey) const {
+    if (const EmLogicalKey* owner = cacheAttr0_.peek(swTableKey)) prefetchKey(*owner);
   }
 
  private:

@@ -73,8 +73,8 @@ class EmSwTableWriterSm : public Stage,
     std::erase(operationSubscribers_, &subscriber);
   }
   /// Hint: a request for the key will be handled soon. Prefetches what its table has under the key.
-  void expect(const EmHwKey& hwKey) const { expectTableKey(hwKey, false); }
-  void expectNow(const EmHwKey& hwKey) const final { expectTableKey(hwKey, true); }
+  void prefetchFor(const EmHwKey& hwKey) const { prefetchTableKey(hwKey, false); }
+  void prefetchNow(const EmHwKey& hwKey) const final { prefetchTableKey(hwKey, true); }
 
   /// Describes the effect of an answer that a table owes: adds it to `digest`, with the state of the writer
   /// that it is for. False if the handler is not a writer's.
@@ -90,7 +90,7 @@ class EmSwTableWriterSm : public Stage,
 
   void handleInitialized() override;
   /// Announces the key to the table, if it is one of this writer's.
-  virtual void expectTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
+  virtual void prefetchTableKey(const EmHwKey& /*hwKey*/, bool /*next*/) const {}
 
  private:
   /// One operation issued to the table.
@@ -155,7 +155,7 @@ class EmSwTableWriterSm : public Stage,
   /// The latest issued version per hardware key, of one kind of request; 0 for a key without one.
   class Versions final : public LocalState {
    public:
-    Versions(Stage& stage, std::string_view name) : LocalState(stage, name) { stage.companionIs(latest_); }
+    Versions(Stage& stage, std::string_view name) : LocalState(stage, name) { stage.prefetchSetAdd(latest_); }
     void is(const EmHwKey& hwKey, std::uint32_t version) { latest_.obtain(hwKey) = version; }
     [[nodiscard]] std::uint32_t latest(const EmHwKey& hwKey) const;
     void del(const EmHwKey& hwKey) { latest_.del(hwKey); }

@@ -5,7 +5,7 @@
 namespace KilnEmServer {
 
 RefusedKeys::RefusedKeys(Stage& stage, Retrying& owner, Ref<TableRoom> room)
-    : OwnWork(stage, "refusedKeys"), owner_(owner), room_(std::move(room)), waiting_(stage) {
+    : WorkQueue(stage, "refusedKeys"), owner_(owner), room_(std::move(room)), waiting_(stage) {
   room_->waitingIs(*this);
 }
 

@@ -16,7 +16,7 @@ namespace KilnEmServer {
 /// Keeps, in the order of refusal, the hardware keys whose latest write was refused and is still wanted. The
 /// first of them is due again each time that an entry left the physical table, and each of them once when
 /// reconciliation has completed. They are written on the stage's task, not inside the answer.
-class RefusedKeys final : public OwnWork, private TableRoom::Waiting {
+class RefusedKeys final : public WorkQueue, private TableRoom::Waiting {
  public:
   /// Callback to write one key again.
   class Retrying {

@@ -103,7 +103,7 @@ class SwTableWriter : public EmSwTableWriterSm {
     return table == nullptr ? 0 : static_cast<std::uint32_t>(table->entrys().size());
   }
 
-  void expectTableKey(const EmHwKey& hwKey, bool next) const override {
+  void prefetchTableKey(const EmHwKey& hwKey, bool next) const override {
     const auto* tableKey = hwKey.emResolvedKey.template getIf<typename Table::Key>();
     Table* table = tableKey == nullptr ? nullptr : holder_.table(Asic::UnitId::allFap());
     if (table != nullptr) table->entryExpected(*tableKey, next);

@@ -26,7 +26,7 @@ class WrittenKeys final : public LocalState {
   template <class Writer>
   WrittenKeys(Writer& writer, Ref<EmWrittenKeys> emWrittenKeys) : LocalState(writer, "writtenKeys") {
     if (emWrittenKeys == nullptr) return;
-    writer.companionIs(owners_);
+    writer.prefetchSetAdd(owners_);
     emWrittenKeys_.emplace(writer, std::move(emWrittenKeys));
   }
 

@@ -47,7 +47,7 @@ void CapacityHelper::update() {
   const bool usageIsSame = usageUnchanged();
   if (std::exchange(settingChanged_, false)) {
     ++generation_;
-    removeRowsOfGoneFaps();
+    removeRowsOfRemovedFaps();
     updateCapacityTable();
     removeRowsLeftOut();
   } else if (!usageIsSame) {
@@ -63,16 +63,16 @@ void CapacityHelper::noteState(StateDigest& digest) const {
   for (const auto& [key, generation] : rows_) digest.add(key);
 }
 
-void CapacityHelper::removeRowsOfGoneFaps() {
+void CapacityHelper::removeRowsOfRemovedFaps() {
   std::set<std::string_view> present;
   KilnPlatform::forEachIn(hardwareStatus_->fap(),
                           [&](const auto&, const auto& info) { present.insert(info.name); });
-  std::set<std::string> gone;
+  std::set<std::string> removed;
   for (const auto& [key, generation] : rows_) {
     const std::string_view fapName = fapNameAndCoreOf(key.chip).first;
-    if (!present.contains(fapName)) gone.emplace(fapName);
+    if (!present.contains(fapName)) removed.emplace(fapName);
   }
-  for (const std::string& fapName : gone) handleFapRemoved(fapName);
+  for (const std::string& fapName : removed) handleFapRemoved(fapName);
 }
 
 void CapacityHelper::handleFapRemoved(const std::string& fapName) {
@@ -88,10 +88,10 @@ void CapacityHelper::removeRowsLeftOut() {
   });
 }
 
-template <class Gone>
-void CapacityHelper::removeRowsIf(Gone gone) {
+template <class Predicate>
+void CapacityHelper::removeRowsIf(Predicate isObsolete) {
   for (auto at = rows_.begin(); at != rows_.end();) {
-    if (gone(at->first, at->second)) {
+    if (isObsolete(at->first, at->second)) {
       tableCapacity_.erase(at->first);
       ++counters_.rowsRemoved;
       at = rows_.erase(at);

@@ -119,11 +119,11 @@ class CapacityHelper : public StageBase {
 
  private:
   void update();
-  void removeRowsOfGoneFaps();
+  void removeRowsOfRemovedFaps();
   void removeRowsLeftOut();
-  /// Removes the rows for which `gone(key, generation)` is true.
-  template <class Gone>
-  void removeRowsIf(Gone gone);
+  /// Removes the rows for which `isObsolete(key, generation)` is true.
+  template <class Predicate>
+  void removeRowsIf(Predicate isObsolete);
 
   DirectOutput<KilnPlatform::TableCapacity::entryAttr, "tableCapacity"> tableCapacity_;
   Ref<const Clock> clock_;

@@ -48,8 +48,8 @@ ResourceTableSm::ResourceTableSm(Ref<const EmLogicalKeyToEntry> emLogicalKeyToEn
       lem_(*this, std::move(lemResourceTable)) {}
 
 void ResourceTableSm::handleInitialized() {
-  emLogicalKeyToEntry_.changesLookInto(counted_.map());
-  emStatusMerged_.changesLookInto(counted_.map());
+  emLogicalKeyToEntry_.readSynchronously(counted_.map());
+  emStatusMerged_.readSynchronously(counted_.map());
 }
 
 void ResourceTableSm::handleEntry(const EmLogicalKey& emKey, const EmConfigEntry* entryOpt) {

@@ -33,9 +33,9 @@ class ResourceTableSm final : public Stage {
 
  private:
   /// The tables whose counters changed since they were published, in the order of their first change.
-  class ChangedTables final : public OwnWork {
+  class ChangedTables final : public WorkQueue {
    public:
-    explicit ChangedTables(ResourceTableSm& owner) : OwnWork(owner, "changedTables"), owner_(owner) {}
+    explicit ChangedTables(ResourceTableSm& owner) : WorkQueue(owner, "changedTables"), owner_(owner) {}
     void add(EmComposerKeyUnionTag type);
 
     [[nodiscard]] std::size_t pendingCount() const override { return count_; }

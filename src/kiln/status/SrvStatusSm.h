@@ -35,8 +35,10 @@ class SrvStatusSm : public Stage {
     return Stage::changeWaits(logicalKeyOf(featureType_, entryKey));
   }
   // Prefetches the keys that the handlers look up in addition to their own.
-  void expect(const EmLogicalKey& emLogicalKey) const { expectKey(requestKeyAs<RequestKey>(emLogicalKey)); }
-  void expect(const RequestKey& entryKey) const { expectKey(logicalKeyOf(featureType_, entryKey)); }
+  void prefetchFor(const EmLogicalKey& emLogicalKey) const {
+    prefetchKey(requestKeyAs<RequestKey>(emLogicalKey));
+  }
+  void prefetchFor(const RequestKey& entryKey) const { prefetchKey(logicalKeyOf(featureType_, entryKey)); }
 
  private:
   [[nodiscard]] KilnPlatform::PartitionSet<EmLogicalKey> ownKeys() const {

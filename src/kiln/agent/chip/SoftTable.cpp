@@ -15,8 +15,8 @@ void ChangeSubscribers::remove(Asic::ChangeSubscriber& subscriber) {
 }
 
 void ChangeSubscribers::notify() {
-  const std::vector<Asic::ChangeSubscriber*> told = subscribers_;
-  for (Asic::ChangeSubscriber* subscriber : told) {
+  const std::vector<Asic::ChangeSubscriber*> notified = subscribers_;
+  for (Asic::ChangeSubscriber* subscriber : notified) {
     if (std::find(subscribers_.begin(), subscribers_.end(), subscriber) != subscribers_.end()) {
       subscriber->handleChange();
     }

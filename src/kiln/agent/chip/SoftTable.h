@@ -24,7 +24,7 @@
 #include "kiln/platform/EmKeys.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/platform/TaskScheduler.h"
-#include "kiln/runtime/collections/ExpectedItems.h"
+#include "kiln/runtime/collections/PrefetchedItems.h"
 #include "kiln/runtime/stage/StateDigest.h"
 
 namespace KilnAgent {
@@ -218,8 +218,8 @@ class SoftTable {
 
  private:
   struct Answer {
-    Answer(std::uint64_t of, EntryState with, ResponseHandler&& told)
-        : number(of), outcome(with), handler(std::move(told)) {}
+    Answer(std::uint64_t of, EntryState with, ResponseHandler&& response)
+        : number(of), outcome(with), handler(std::move(response)) {}
     std::uint64_t number;
     EntryState outcome;
     ResponseHandler handler;
@@ -289,7 +289,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
     latest_.clear();
   }
   void entryExpected(const Key& key, bool next) override {
-    if (mapped_ == nullptr) expected_.expect(*entrys_, key, next);
+    if (mapped_ == nullptr) prefetcher_.prefetch(*entrys_, key, next);
   }
   [[nodiscard]] const typename SwTable::Entrys& entrys() const override { return *entrys_; }
 
@@ -449,7 +449,7 @@ class SoftSwTable final : public SwTable, public SoftTable {
 
   std::unique_ptr<typename SwTable::Entrys> entrys_;
   MappedCollection<Key, TableEntry>* mapped_ = nullptr;  ///< the same object if it is stored in a file
-  KilnEmServer::ExpectedKeys<typename SwTable::Entrys> expected_;
+  KilnEmServer::KeyPrefetcher<typename SwTable::Entrys> prefetcher_;
   std::map<std::uint64_t, Late> late_;  ///< unanswered, by number
   boost::unordered_flat_map<Key, std::uint64_t, KilnPlatform::ValueHash<Key>>
       latest_;                ///< per key, the last operation that has not taken effect yet

@@ -53,7 +53,7 @@ void CapacityMonitor::handleChange(const KilnPlatform::TableCapacityKey& key) {
 void CapacityMonitor::judgeChanged() {
   for (const TableInstance& instance : std::exchange(changed_, {})) {
     if (rows_.at(instance).empty()) {
-      judgeGone(instance);
+      evaluateRemoved(instance);
     } else {
       judge(instance);
     }
@@ -81,12 +81,12 @@ void CapacityMonitor::judge(const TableInstance& instance) {
   }
 }
 
-void CapacityMonitor::judgeGone(const TableInstance& instance) {
+void CapacityMonitor::evaluateRemoved(const TableInstance& instance) {
   rows_.erase(instance);
   const auto at = instances_.find(instance);
   if (at == instances_.end()) return;
   if (at->second.exceeded) {
-    addAlarm(Event::tableGone, instance, at->second.usage);
+    addAlarm(Event::tableRemoved, instance, at->second.usage);
   }
   instances_.erase(at);
 }

@@ -56,7 +56,7 @@ class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::
   static constexpr std::size_t kMostAlarms = 256;
   using Rows = std::map<KilnPlatform::TableCapacityKey, KilnPlatform::TableCapacityEntry>;
 
-  enum class Event : std::uint8_t { raised, cleared, tableGone };
+  enum class Event : std::uint8_t { raised, cleared, tableRemoved };
   struct Alarm {
     Event event;
     TableInstance instance;
@@ -88,7 +88,7 @@ class CapacityMonitor final : private KilnPlatform::KeySubscriber<KilnPlatform::
   void handleChange(const KilnPlatform::TableCapacityKey& key) override;
   void judgeChanged();
   void judge(const TableInstance& instance);
-  void judgeGone(const TableInstance& instance);
+  void evaluateRemoved(const TableInstance& instance);
   void addAlarm(Event event, const TableInstance& instance, const TableUsage& usage);
 
   const KilnPlatform::TableCapacity& capacity_;

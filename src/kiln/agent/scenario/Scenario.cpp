@@ -128,8 +128,8 @@ void Scenario::execute(const Operation& operation) {
 
 void Scenario::tellReconciled() {
   const ReconcileMonitor& monitor = agent_.reconcileMonitor();
-  if (monitor.endedCount() == reconciledTold_) return;
-  reconciledTold_ = monitor.endedCount();
+  if (monitor.endedCount() == reconciledReported_) return;
+  reconciledReported_ = monitor.endedCount();
   if (reconciled_) reconciled_(*monitor.ended());
 }
 

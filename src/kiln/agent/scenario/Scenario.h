@@ -98,7 +98,7 @@ class Scenario {
   Progress progress_;
   Reconciled reconciled_;
   std::optional<TouchRecord> touched_;  ///< since the last WatchOperation
-  std::uint64_t reconciledTold_ = 0;
+  std::uint64_t reconciledReported_ = 0;
   ScenarioCounters counters_;
   std::string name_;  ///< of the current file; empty for none
   std::uint64_t lineNumber_ = 0;

@@ -387,12 +387,12 @@ void Service::sendAnswers() {
   for (Client& client : clients_) {
     if (client.connection.flush()) client.active = Clock::now();
   }
-  const std::size_t gone = std::erase_if(clients_, [](const Client& client) {
+  const std::size_t removed = std::erase_if(clients_, [](const Client& client) {
     const LineConnection& connection = client.connection;
     return connection.exhausted() && !client.waiting && !client.longAnswer && client.uncommitted.empty() &&
            !connection.hasUnsent();
   });
-  if (gone != 0) mostClients_ = kMostClients;
+  if (removed != 0) mostClients_ = kMostClients;
 }
 
 void Service::stop() {

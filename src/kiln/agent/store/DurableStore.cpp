@@ -190,7 +190,7 @@ class DurableStore::Writes {
   void add(const Pending& change, bool ordered, AddKey&& addKey, AddValue&& addValue) {
     Write write;
     write.order = ordered ? change.order : 0;
-    write.mayStand = ordered && !change.fresh;
+    write.keepsOrder = ordered && !change.fresh;
     write.keyAt = bytes_.size();
     addKey(bytes_);
     write.valueAt = bytes_.size();
@@ -210,7 +210,7 @@ class DurableStore::Writes {
       const std::string_view value = view(write.valueAt, write.end);
       if (!write.stays) {
         batch.del(key);
-      } else if (write.mayStand) {
+      } else if (write.keepsOrder) {
         batch.putInPlace(key, write.order, value);
       } else {
         batch.put(key, write.order, value);
@@ -228,7 +228,7 @@ class DurableStore::Writes {
     std::size_t valueAt;
     std::size_t end;
     bool stays;
-    bool mayStand;  ///< keep the order of a record that the file already has
+    bool keepsOrder;  ///< keep the order of a record that the file already has
   };
 
   static Head headOf(std::string_view key) {

@@ -15,7 +15,7 @@
 #include "kiln/agent/platform/Collections.h"
 #include "kiln/agent/store/Disposal.h"
 #include "kiln/platform/StateStore.h"
-#include "kiln/runtime/collections/ExpectedItems.h"
+#include "kiln/runtime/collections/PrefetchedItems.h"
 #include "kiln/runtime/model/EmTypes.h"
 #include "kiln/runtime/stage/StateDigest.h"
 
@@ -255,8 +255,8 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
     const auto* records = recordsOf<Db>(feature);
     if (records == nullptr) return;
     const auto config = records->config;
-    KilnEmServer::forEachExpected(config->config(), items, keyOf,
-                                  [&](const Item& item) { change(config->config(), item); });
+    KilnEmServer::forEachPrefetched(config->config(), items, keyOf,
+                                    [&](const Item& item) { change(config->config(), item); });
   }
 
   Ref<KilnPlatform::TaskScheduler> scheduler_;

@@ -35,23 +35,23 @@ class SubscriberList {
  public:
   ~SubscriberList() {
     if (lists_ == nullptr) return;
-    for (const auto* subscriber : lists_->told[kAll]) KILN_ASSERT(subscriber == nullptr);
+    for (const auto* subscriber : lists_->notified[kAll]) KILN_ASSERT(subscriber == nullptr);
   }
 
   void add(KeySubscriber<K>& subscriber) {
     if (lists_ == nullptr) lists_ = std::make_unique<Lists>();
     const KilnPlatform::PartitionSet<K> selected = subscriber.partitions();
     for (std::size_t partition = 0; partition < kAll; ++partition) {
-      if (selected[partition]) lists_->told[partition].push_back(&subscriber);
+      if (selected[partition]) lists_->notified[partition].push_back(&subscriber);
     }
-    lists_->told[kAll].push_back(&subscriber);
+    lists_->notified[kAll].push_back(&subscriber);
   }
   void remove(KeySubscriber<K>& subscriber) {
     if (lists_ == nullptr) return;
-    for (List& list : lists_->told) {
+    for (List& list : lists_->notified) {
       std::replace(list.begin(), list.end(), &subscriber, static_cast<KeySubscriber<K>*>(nullptr));
     }
-    eraseGone(*lists_);
+    eraseRemoved(*lists_);
   }
   /// `key` outlives the call, whatever the subscribers do.
   void notify(const K& key) {
@@ -66,8 +66,8 @@ class SubscriberList {
   /// Whether a subscriber has a pending change of the key.
   [[nodiscard]] bool changeWaits(const K& key) const {
     if (lists_ == nullptr) return false;
-    const List& told = lists_->told[KeyPartition<K>::of(key)];
-    return std::any_of(told.begin(), told.end(), [&](const KeySubscriber<K>* subscriber) {
+    const List& notified = lists_->notified[KeyPartition<K>::of(key)];
+    return std::any_of(notified.begin(), notified.end(), [&](const KeySubscriber<K>* subscriber) {
       return subscriber != nullptr && subscriber->changeWaits(key);
     });
   }
@@ -79,42 +79,42 @@ class SubscriberList {
   using List = std::vector<KeySubscriber<K>*>;
   /// Created with the first subscriber: most collections are small and have none.
   struct Lists {
-    std::array<List, kAll + 1> told;
+    std::array<List, kAll + 1> notified;
     int depth = 0;
-    bool gone = false;  ///< whether a subscriber was removed during a notification
+    bool removed = false;  ///< whether a subscriber was removed during a notification
   };
 
   static void notifyOf(Lists& lists, const K& key) {
-    List& told = lists.told[KeyPartition<K>::of(key)];
+    List& notified = lists.notified[KeyPartition<K>::of(key)];
     if (TraceFacility::detailed()) [[unlikely]]
-      traceUnselected(lists, told, key);
-    if (told.size() == 1) {  // the usual case: no list is read after the call
-      if (told.front() != nullptr) told.front()->handleChange(key);
-    } else if (!told.empty()) {
-      notifyAll(lists, told, key);
+      traceUnselected(lists, notified, key);
+    if (notified.size() == 1) {  // the usual case: no list is read after the call
+      if (notified.front() != nullptr) notified.front()->handleChange(key);
+    } else if (!notified.empty()) {
+      notifyAll(lists, notified, key);
     }
   }
-  [[gnu::cold]] [[gnu::noinline]] static void traceUnselected(const Lists& lists, const List& told,
+  [[gnu::cold]] [[gnu::noinline]] static void traceUnselected(const Lists& lists, const List& notified,
                                                               const K& key) {
-    for (const KeySubscriber<K>* subscriber : lists.told[kAll]) {
-      const bool selected = std::find(told.begin(), told.end(), subscriber) != told.end();
+    for (const KeySubscriber<K>* subscriber : lists.notified[kAll]) {
+      const bool selected = std::find(notified.begin(), notified.end(), subscriber) != notified.end();
       if (subscriber != nullptr && !selected) subscriber->traceUnselected(key);
     }
   }
-  [[gnu::noinline]] static void notifyAll(Lists& lists, const List& told, const K& key) {
+  [[gnu::noinline]] static void notifyAll(Lists& lists, const List& notified, const K& key) {
     ++lists.depth;
-    const std::size_t count = told.size();
+    const std::size_t count = notified.size();
     for (std::size_t i = 0; i < count; ++i) {
-      if (told[i] != nullptr) told[i]->handleChange(key);
+      if (notified[i] != nullptr) notified[i]->handleChange(key);
     }
     --lists.depth;
-    if (lists.gone) [[unlikely]]
-      eraseGone(lists);
+    if (lists.removed) [[unlikely]]
+      eraseRemoved(lists);
   }
-  [[gnu::noinline]] static void eraseGone(Lists& lists) {
-    lists.gone = lists.depth != 0;
-    if (lists.gone) return;
-    for (List& list : lists.told) std::erase(list, nullptr);
+  [[gnu::noinline]] static void eraseRemoved(Lists& lists) {
+    lists.removed = lists.depth != 0;
+    if (lists.removed) return;
+    for (List& list : lists.notified) std::erase(list, nullptr);
   }
 
   std::unique_ptr<Lists> lists_;
@@ -181,14 +181,14 @@ class ColumnCollection final : public KeyedCollection<K, V> {
     }
     if (handle == Values::kNone) return nullptr;
     cursor.index = handle + std::size_t{1};
-    keys_.expect(handle);
+    keys_.setLast(handle);
     return &keys_.key(handle);
   }
 
   void prefetch(typename KeySpace<K>::Handle handle) const override { values_.prefetch(handle); }
   [[nodiscard]] const ColumnPlaces& places() const { return values_; }
-  /// The columns that subscribers read synchronously on each write; see Input::changesLookInto.
-  [[nodiscard]] ColumnList& lookedIntoOnChange() const { return lookedIntoOnChange_; }
+  /// The columns that subscribers read synchronously on each write; see Input::readSynchronously.
+  [[nodiscard]] ColumnList& readOnWrite() const { return readOnWrite_; }
 
   void subscribe(KeySubscriber<K>& subscriber) const override { subscribers_.add(subscriber); }
   void unsubscribe(KeySubscriber<K>& subscriber) const override { subscribers_.remove(subscriber); }
@@ -204,7 +204,7 @@ class ColumnCollection final : public KeyedCollection<K, V> {
   std::size_t group_;
   Values values_;
   mutable SubscriberList<K> subscribers_;
-  mutable ColumnList lookedIntoOnChange_;
+  mutable ColumnList readOnWrite_;
 };
 
 /// A collection whose entries are stored in one array and found by the key's handle. Use it if the collection
@@ -269,7 +269,7 @@ class DenseCollection final : public KeyedCollection<K, V> {
     if (cursor.index > entries_.size()) cursor.index = entries_.size();
     if (cursor.index == 0) return nullptr;
     const std::uint32_t handle = entries_[--cursor.index].handle;
-    keys_.expect(handle);
+    keys_.setLast(handle);
     return &keys_.key(handle);
   }
 

@@ -29,9 +29,9 @@ class ColumnPlaces {
     if (!has(handle)) return;
     const auto* value =
         static_cast<const std::byte*>(pages_[handle / kPerPage]) + handle % kPerPage * stride_;
-    fetchAhead(value);
-    if (last_ > kLine) fetchAhead(value + kLine);
-    fetchAhead(value + last_);
+    prefetchLine(value);
+    if (last_ > kLine) prefetchLine(value + kLine);
+    prefetchLine(value + last_);
   }
 
   /// Whether the handle has a value.

@@ -4,7 +4,7 @@
 namespace KilnEmServer {
 
 /// Prefetches the cache line of the address; any address is allowed.
-inline void fetchAhead(const void* address) {
+inline void prefetchLine(const void* address) {
   __builtin_prefetch(address);
   // Without it g++ treats a function that only prefetches as one without effect, and removes its calls.
   asm volatile("");

@@ -63,7 +63,7 @@ class HandleIndex {
       return kNone;
     }
     void prefetch(std::uint32_t hash) const {
-      if (cells != nullptr) fetchAhead(&cells[home(hash)]);
+      if (cells != nullptr) prefetchLine(&cells[home(hash)]);
     }
     void allocate(std::size_t capacity);
     void insert(Cell cell);

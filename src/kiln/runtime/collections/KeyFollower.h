@@ -8,7 +8,7 @@ template <class K>
 class KeyFollower {
  public:
   /// A change of this key is about to be handled: the data under the key may be prefetched now.
-  virtual void expectNow(const K& key) const = 0;
+  virtual void prefetchNow(const K& key) const = 0;
 
  protected:
   ~KeyFollower() = default;

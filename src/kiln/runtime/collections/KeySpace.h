@@ -45,14 +45,14 @@ class KeySpace {
   }
 
   /// The handle of a key, or kNone if the key is not in use. If the keys exceed the cache, a recently
-  /// released key may still have a handle, under which no collection has a value. `expectAt(handle)` is
+  /// released key may still have a handle, under which no collection has a value. `prefetchAt(handle)` is
   /// called with each candidate handle before its key is compared.
-  template <class ExpectAt>
-  [[nodiscard]] Handle find(const K& key, ExpectAt expectAt) const {
+  template <class PrefetchAt>
+  [[nodiscard]] Handle find(const K& key, PrefetchAt prefetchAt) const {
     // Usually it is the object that was looked up last.
     if (&key == &lastSlot_->key) [[likely]]
       return last_;
-    return findOther(key, expectAt);
+    return findOther(key, prefetchAt);
   }
   [[nodiscard]] Handle find(const K& key) const {
     return find(key, [](Handle) {});
@@ -65,10 +65,10 @@ class KeySpace {
     return last_;
   }
   /// The same without an additional use: if the key was not in use, the caller must take a use immediately.
-  template <class ExpectAt>
-  Handle obtain(const K& key, std::size_t group, ExpectAt expectAt) {
+  template <class PrefetchAt>
+  Handle obtain(const K& key, std::size_t group, PrefetchAt prefetchAt) {
     if (&key != &lastSlot_->key) [[unlikely]]
-      findOrAdd(key, group, expectAt);
+      findOrAdd(key, group, prefetchAt);
     return last_;
   }
   /// One more use of the handle that was last looked up and found, or added.
@@ -78,21 +78,21 @@ class KeySpace {
   /// The key of a handle that is in use; its address is stable as long as it is in use.
   [[nodiscard]] const K& key(Handle handle) const { return slot(handle).key; }
   /// Hint: the key is about to be looked up in several collections.
-  void expect(Handle handle) const { expect(slot(handle), handle); }
+  void setLast(Handle handle) const { setLast(slot(handle), handle); }
   /// Hint: a key that no component holds yet will be looked up. Prefetches its place in the index and returns
-  /// the hash, which expectFound takes once that place is in the cache.
-  [[nodiscard]] std::uint32_t expectInIndex(const K& key) const {
+  /// the hash, which prefetchFound takes once that place is in the cache.
+  [[nodiscard]] std::uint32_t prefetchIndex(const K& key) const {
     const std::uint32_t hash = hashOf(key);
     index_.prefetch(hash);
     return hash;
   }
   /// Prefetches the key's likely slot. Returns the likely handle, or kNone if the key is not in use.
-  Handle expectFound(std::uint32_t hash, const K& key) const {
-    const Handle likely = expectFound(hash);
+  Handle prefetchFound(std::uint32_t hash, const K& key) const {
+    const Handle likely = prefetchFound(hash);
     if (likely != kNone) hintAt(key, likely);
     return likely;
   }
-  Handle expectFound(std::uint32_t hash) const {
+  Handle prefetchFound(std::uint32_t hash) const {
     const Handle likely = index_.find(hash, [](Handle) { return true; });
     if (likely != kNone) prefetch(likely);
     return likely;
@@ -103,9 +103,9 @@ class KeySpace {
   }
   /// The same for a handle that is in use.
   KILN_ALWAYS_INLINE void prefetchUsed(Handle handle) const {
-    const Slot& expected = slot(handle);
-    fetchAhead(&expected);
-    fetchAhead(&expected.uses);
+    const Slot& prefetched = slot(handle);
+    prefetchLine(&prefetched);
+    prefetchLine(&prefetched.uses);
   }
   /// Prefetches the data of followers under the key, and of every column if the key remembers its place.
   void prefetchEverywhere(const K& key) const {
@@ -114,7 +114,7 @@ class KeySpace {
       prefetch(handle);
       columns_.prefetch(handle);
     }
-    for (const KeyFollower<K>* follower : followers_) follower->expectNow(key);
+    for (const KeyFollower<K>* follower : followers_) follower->prefetchNow(key);
   }
   /// Registers a column by handles of this space for prefetchEverywhere.
   void columnIs(const ColumnPlaces& column) { columns_.add(column); }
@@ -131,7 +131,7 @@ class KeySpace {
   /// Keys in use. If they exceed the cache, a few recently released keys are included.
   [[nodiscard]] std::size_t size() const { return index_.size(); }
   /// Whether the keys and their data are too large for the cache.
-  [[nodiscard]] bool many() const { return index_.size() >= kMany; }
+  [[nodiscard]] bool exceedsCache() const { return index_.size() >= kExceedsCache; }
 
  private:
   struct Slot {
@@ -166,7 +166,7 @@ class KeySpace {
     void give(std::uint32_t handle) { handles[handle / 64] &= ~(std::uint64_t{1} << (handle % 64)); }
   };
 
-  static constexpr std::size_t kMany = 4096;
+  static constexpr std::size_t kExceedsCache = 4096;
   /// Flag in the uses of a handle that is in `retired_`.
   static constexpr std::uint32_t kRetired = std::uint32_t{1} << 31U;
   /// Whether keys remember where they were found.
@@ -181,9 +181,9 @@ class KeySpace {
     if (--released.uses == 0) [[unlikely]]
       retire(handle);
   }
-  void expect(Slot& expected, Handle handle) const {
+  void setLast(Slot& last, Handle handle) const {
     last_ = handle;
-    lastSlot_ = &expected;
+    lastSlot_ = &last;
   }
   static std::uint32_t hashOf(const K& key) {
     return static_cast<std::uint32_t>(KilnPlatform::hashValue(key));
@@ -193,17 +193,17 @@ class KeySpace {
   [[nodiscard]] bool mayBeInUse(Handle handle) const {
     return handle / kPerPage < pages_.size() && pages_[handle / kPerPage] != nullptr;
   }
-  template <class ExpectAt>
-  [[gnu::noinline]] Handle findOther(const K& key, ExpectAt expectAt) const {
+  template <class PrefetchAt>
+  [[gnu::noinline]] Handle findOther(const K& key, PrefetchAt prefetchAt) const {
     if (isWhereHinted(key) || isLast(key)) return last_;
-    return lookUp(hashOf(key), key, expectAt);
+    return lookUp(hashOf(key), key, prefetchAt);
   }
   /// Afterwards the key is the one that was looked up last.
-  template <class ExpectAt>
-  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, ExpectAt expectAt) {
+  template <class PrefetchAt>
+  [[gnu::noinline]] void findOrAdd(const K& key, std::size_t group, PrefetchAt prefetchAt) {
     if (isWhereHinted(key) || isLast(key)) return;
     const std::uint32_t hash = hashOf(key);
-    if (lookUp(hash, key, expectAt) == kNone) add(hash, key, group);
+    if (lookUp(hash, key, prefetchAt) == kNone) add(hash, key, group);
   }
   [[nodiscard]] bool isLast(const K& key) const {
     if (last_ == kNone || !(lastSlot_->key == key)) return false;
@@ -217,7 +217,7 @@ class KeySpace {
       if (!mayBeInUse(handle)) return false;
       Slot& hinted = slot(handle);
       if (hinted.uses == 0 || (&hinted.key != &key && !(hinted.key == key))) return false;
-      expect(hinted, handle);
+      setLast(hinted, handle);
       return true;
     } else {
       return false;
@@ -226,15 +226,15 @@ class KeySpace {
   static void hintAt(const K& key, Handle handle) {
     if constexpr (kHinted) hintOf(key).handleIs(handle);
   }
-  template <class ExpectAt>
-  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, ExpectAt expectAt) const {
+  template <class PrefetchAt>
+  [[nodiscard]] Handle lookUp(std::uint32_t hash, const K& key, PrefetchAt prefetchAt) const {
     const Handle found = index_.find(hash, [&](Handle handle) {
-      expectAt(handle);
+      prefetchAt(handle);
       return slot(handle).key == key;
     });
     if (found == kNone) return kNone;
     hintAt(key, found);
-    expect(found);
+    setLast(found);
     return found;
   }
 
@@ -243,7 +243,7 @@ class KeySpace {
     hintAt(key, handle);
     slot(handle) = {key, hash, 0};
     index_.insert(hash, handle);
-    expect(handle);
+    setLast(handle);
   }
   static std::size_t groupOf(const K& key, std::size_t group) {
     using Partition = KilnPlatform::KeyPartition<K>;
@@ -272,7 +272,7 @@ class KeySpace {
   /// The handle has no use left. If the keys exceed the cache, it is freed only after some more were retired,
   /// when its place in the index has been prefetched; until then its key may come into use again.
   [[gnu::noinline]] void retire(Handle handle) {
-    if (!many()) {
+    if (!exceedsCache()) {
       free(handle);
       return;
     }
@@ -281,7 +281,7 @@ class KeySpace {
     retired.uses = kRetired;
     freeRetired(std::exchange(retired_[nextRetired_], handle));
     nextRetired_ = (nextRetired_ + 1) % retired_.size();
-    if (many()) return;
+    if (exceedsCache()) return;
     for (Handle& before : retired_) freeRetired(std::exchange(before, kNone));
   }
   void freeRetired(Handle handle) {
@@ -317,7 +317,7 @@ class KeySpace {
   }
   void forgetLast() {
     last_ = kNone;
-    lastSlot_ = &nobody_;
+    lastSlot_ = &noSlot_;
   }
 
   std::vector<PagePtr<Slots>> pages_;  ///< null if no handle of the page is in use
@@ -330,8 +330,8 @@ class KeySpace {
   std::vector<const KeyFollower<K>*> followers_;
   // The key that was looked up last is looked up again more often than not.
   mutable Handle last_ = kNone;
-  mutable Slot* lastSlot_ = &nobody_;  ///< never null
-  Slot nobody_;                        ///< a slot that holds no key; marks that no key was looked up
+  mutable Slot* lastSlot_ = &noSlot_;  ///< never null
+  Slot noSlot_;                        ///< a slot that holds no key; marks that no key was looked up
 };
 
 /// Keeps a key in use for its own lifetime. Looking up key() is cheap in every collection.
@@ -342,7 +342,7 @@ class KeyUse {
   /// Takes ownership of one use of the handle.
   KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Handle handle)
       : keys_(keys), slot_(keys.slot(handle)), handle_(handle) {
-    keys_.expect(slot_, handle_);
+    keys_.setLast(slot_, handle_);
   }
   /// An additional use of a handle that is in use.
   static KeyUse another(KeySpace<K>& keys, typename KeySpace<K>::Handle handle) {
@@ -357,7 +357,7 @@ class KeyUse {
   KeyUse(KeySpace<K>& keys, typename KeySpace<K>::Slot& slot, typename KeySpace<K>::Handle handle)
       : keys_(keys), slot_(slot), handle_(handle) {
     ++slot.uses;
-    keys_.expect(slot_, handle_);
+    keys_.setLast(slot_, handle_);
   }
 
   KeySpace<K>& keys_;

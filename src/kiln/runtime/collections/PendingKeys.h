@@ -123,7 +123,7 @@ class PendingKeys {
   /// True if added.
   KILN_ALWAYS_INLINE bool add(const K& key, Arrival arrival) {
     const Handle handle = keys_.obtain(key, 0, [](Handle) {});
-    if (!standing_.set(handle)) return false;
+    if (!queued_.set(handle)) return false;
     keys_.useLast();
     queue_.push(handle, arrival);
     return true;
@@ -131,7 +131,7 @@ class PendingKeys {
   [[nodiscard]] bool empty() const { return queue_.empty(); }
   [[nodiscard]] std::size_t size() const { return queue_.size(); }
   [[nodiscard]] bool has(const K& key) const {
-    return !empty() && standing_.has(keys_.find(key, [](Handle) {}));
+    return !empty() && queued_.has(keys_.find(key, [](Handle) {}));
   }
   /// Arrival of the first key; the queue must not be empty.
   [[nodiscard]] Arrival headArrival() const { return queue_.firstArrival(); }
@@ -145,7 +145,7 @@ class PendingKeys {
   /// Removes and returns the first key. A later change adds it again.
   [[nodiscard]] KILN_ALWAYS_INLINE KeyUse<K> take() {
     const Handle handle = queue_.pop();
-    standing_.reset(handle);
+    queued_.reset(handle);
     ++taken_;
     return KeyUse<K>(keys_, handle);
   }
@@ -153,17 +153,17 @@ class PendingKeys {
   K pop() { return K(take().key()); }
   /// Calls `fetch` with the handle of each key that will be handled some time later, once per key.
   template <class Fetch>
-  KILN_ALWAYS_INLINE void expectFar(Fetch&& fetch) {
-    expectUntil(far_, kFar, [&](Handle later) {
+  KILN_ALWAYS_INLINE void prefetchFar(Fetch&& fetch) {
+    prefetchUntil(far_, kFar, [&](Handle later) {
       keys_.prefetchUsed(later);
       fetch(later);
     });
   }
-  /// The same for keys that will be handled soon, and for which expectFar was done before; `fetch` gets the
+  /// The same for keys that will be handled soon, and for which prefetchFar was done before; `fetch` gets the
   /// key.
   template <class Fetch>
-  KILN_ALWAYS_INLINE void expectNear(Fetch&& fetch) {
-    expectUntil(near_, kNear, [&](Handle soon) { fetch(keys_.key(soon)); });
+  KILN_ALWAYS_INLINE void prefetchNear(Fetch&& fetch) {
+    prefetchUntil(near_, kNear, [&](Handle soon) { fetch(keys_.key(soon)); });
   }
 
   void clear() {
@@ -199,20 +199,21 @@ class PendingKeys {
     std::vector<std::uint64_t> words_;
   };
 
-  /// Calls `fetch` for those of the first `ahead` keys that were not announced yet; `told` counts the
+  /// Calls `fetch` for those of the first `ahead` keys that were not announced yet; `announced` counts the
   /// announced ones.
   template <class Fetch>
-  KILN_ALWAYS_INLINE void expectUntil(std::size_t& told, std::size_t ahead, Fetch&& fetch) {
-    if (told < taken_) told = taken_;
-    for (const std::size_t end = taken_ + std::min(queue_.size(), ahead); told < end; ++told) {
-      fetch(queue_.numberAhead(told - taken_));
+  KILN_ALWAYS_INLINE void prefetchUntil(std::size_t& announced, std::size_t ahead, Fetch&& fetch) {
+    if (announced < taken_) announced = taken_;
+    for (const std::size_t end = taken_ + std::min(queue_.size(), ahead); announced < end; ++announced) {
+      fetch(queue_.numberAhead(announced - taken_));
     }
   }
 
   KeySpace<K>& keys_ = KeySpace<K>::instance();
   ArrivalQueue queue_;
-  Bits standing_;
-  // Counts over the queue's lifetime: keys taken, and keys that expectFar and expectNear announced or missed.
+  Bits queued_;
+  // Counts over the queue's lifetime: keys taken, and keys that prefetchFar and prefetchNear announced or
+  // missed.
   std::size_t taken_ = 0;
   std::size_t far_ = 0;
   std::size_t near_ = 0;

@@ -80,7 +80,7 @@ std::string inline childNameOf(std::string_view argument, int number) {
 
 /// What a stage gives itself to do: there is no collection to subscribe to or to walk. It is no part of the
 /// initial scan, unless scanItem does it.
-class OwnWork : public InputBase {
+class WorkQueue : public InputBase {
  public:
   void checkArgument() const final {}
   [[nodiscard]] bool hasPending() const final { return pendingCount() != 0; }
@@ -93,7 +93,7 @@ class OwnWork : public InputBase {
   /// Does the first of what is pending.
   virtual void handleNext() = 0;
   /// `name` is that of the work, as of an argument.
-  OwnWork(Stage& stage, std::string_view name)
+  WorkQueue(Stage& stage, std::string_view name)
       : InputBase(stage, detail::childNameOf(name, stage.takeChildNumber()), stage.takePipelineNumber(),
                   name) {}
 
@@ -116,12 +116,12 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   [[nodiscard]] Arrival headArrival() const final { return pending_.headArrival(); }
 
   std::size_t drain(Arrival limit, bool& yielded) final {
-    const bool far = KeySpace<K>::instance().many();
+    const bool far = KeySpace<K>::instance().exceedsCache();
     const bool ahead = far && pending_.size() > 1;
-    stage_.loneChangeIs(far && !ahead);
+    stage_.setSingleEvent(far && !ahead);
     const auto arrived = [&] { return !pending_.empty() && isBefore(pending_.headArrival(), limit); };
     const auto handleFirst = [&]() KILN_ALWAYS_INLINE_LAMBDA {
-      if (ahead) expectSoon();
+      if (ahead) prefetchUpcoming();
       const auto taken = pending_.take();
       detail::runItem(stage_, taken.key(), [&] { self().handlePendingKey(taken.key()); });
     };
@@ -165,7 +165,7 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
 
  protected:
   KeyedInput(Stage& stage, std::string childName, int pipeline, std::string_view streamName)
-      : InputBase(stage, std::move(childName), pipeline, streamName), companions_(stage.companions<K>()) {}
+      : InputBase(stage, std::move(childName), pipeline, streamName), prefetchSet_(stage.prefetchSet<K>()) {}
 
   /// Keys of partitions that are not selected are no items if a whole group of them is left out; but a run of
   /// them counts as one after some pages of handles, so that its slice ends in time, in collections that are
@@ -176,7 +176,7 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
     cursor_.skipped = skipped_;
     cursor_.skippedBelow = (cursor_.index / kPerPage + kPagesPerItem) * kPerPage;
     if (traced()) [[unlikely]]
-      tracePassedOver(cursor_);
+      traceSkipped(cursor_);
     while (const K* key = self().collection().scanNext(cursor_)) {
       const KeyUse<K> held(*key);
       if (!isSelected(held.key())) {
@@ -223,30 +223,30 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
  private:
   /// What was written just now under so few changed keys is still in a core's own cache: an entry has about a
   /// kilobyte in all stages, such caches half a megabyte and more.
-  static constexpr std::size_t kAtHand = 512;
+  static constexpr std::size_t kInCoreCache = 512;
 
   /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
   /// itself, later, when that is there, what the stage knows to lie elsewhere.
-  void expectSoon() {
-    pending_.expectFar([&](auto handle) {
+  void prefetchUpcoming() {
+    pending_.prefetchFar([&](auto handle) {
       const auto& collection = self().collection();
       if constexpr (requires { collection.places(); }) {
-        companions_.prefetch(handle, &collection.places());
-        if (pending_.size() > kAtHand) collection.prefetch(handle);
+        prefetchSet_.prefetch(handle, &collection.places());
+        if (pending_.size() > kInCoreCache) collection.prefetch(handle);
       } else {
-        companions_.prefetch(handle);
+        prefetchSet_.prefetch(handle);
         if constexpr (requires { Self::kInner; }) collection.prefetch(handle);
       }
     });
-    if constexpr (requires(const K& key) { self().expect(key); }) {
-      pending_.expectNear([&](const K& key) { self().expect(key); });
+    if constexpr (requires(const K& key) { self().prefetchFor(key); }) {
+      pending_.prefetchNear([&](const K& key) { self().prefetchFor(key); });
     }
   }
 
   /// Whether what the stage did not select is traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
   /// Traces the keys that the walk's next step will pass over without looking at them.
-  [[gnu::cold]] void tracePassedOver(KilnPlatform::ScanCursor<K> ahead) {
+  [[gnu::cold]] void traceSkipped(KilnPlatform::ScanCursor<K> ahead) {
     if constexpr (requires { self().collection().places(); }) {
       ahead.skipped.reset();
       while (const K* key = self().collection().scanNext(ahead)) {
@@ -265,7 +265,7 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   KilnPlatform::PartitionSet<K> selected_;   ///< once it has subscribed
   std::bitset<Partition::kGroups> skipped_;  ///< groups without a selected partition
   PendingKeys<K> pending_;
-  const Companions& companions_;
+  const PrefetchSet& prefetchSet_;
 };
 
 /// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
@@ -274,8 +274,8 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
 /// once, when the input subscribes. `Needed`, a function of the stage from the key alone, tells what a
 /// partition cannot say: keys for which it is false never join the pending list; a walk handles every key of
 /// the partitions. `Filter` is the trace of a key of another partition, without which it has none. A stage
-/// that has a public `expect(key)` is told which key comes soon, and names with `expectKey` those that its
-/// handler will look up beside it.
+/// that has a public `prefetchFor(key)` is told which key comes soon, and names with `prefetchKey` those that
+/// its handler will look up beside it.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued, auto Select = nullptr, auto Needed = nullptr,
           FixedString Filter = "">
@@ -294,11 +294,11 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
         owner_(stage),
         entity_(std::move(entity)) {
     stage.readEntityIs(entity_.get());
-    if (entity_ != nullptr) stage.companionIs(collection());
+    if (entity_ != nullptr) stage.prefetchSetAdd(collection());
   }
   ~Input() override {
     this->stop();
-    if (column_ != nullptr) lookedInto([this](ColumnList& columns) { columns.remove(*column_); });
+    if (column_ != nullptr) withReadOnWrite([this](ColumnList& columns) { columns.remove(*column_); });
   }
 
   void checkArgument() const override {
@@ -306,10 +306,10 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   }
   /// Inside each change the stage looks its key up in its `map`: who makes the change is to fetch it ahead.
   template <class Map>
-  void changesLookInto(const Map& map) {
+  void readSynchronously(const Map& map) {
     if constexpr (requires { map.places(); }) {
       column_ = &map.places();
-      lookedInto([this](ColumnList& columns) { columns.add(*column_); });
+      withReadOnWrite([this](ColumnList& columns) { columns.add(*column_); });
     }
   }
   [[nodiscard]] const auto& collection() const { return Attr::of(*entity_); }
@@ -317,8 +317,10 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   void addReads(std::vector<const void*>& collections) const override {
     if (entity_ != nullptr) collections.push_back(KilnPlatform::addressOf(collection()));
   }
-  void expect(const Key& key) const requires requires(const StageClass& stage) { stage.expect(key); }
-  { owner_.expect(key); }
+  void prefetchFor(const Key& key) const requires requires(const StageClass& stage) {
+    stage.prefetchFor(key);
+  }
+  { owner_.prefetchFor(key); }
 
   void handleKey(const Key& key) {
     const Value* value = find(key);
@@ -350,22 +352,22 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
                                             OptionalText<Value>{value});
   }
   template <class Use>
-  void lookedInto(Use&& use) {
-    if constexpr (requires { collection().lookedIntoOnChange(); }) {
-      if (entity_ != nullptr) use(collection().lookedIntoOnChange());
+  void withReadOnWrite(Use&& use) {
+    if constexpr (requires { collection().readOnWrite(); }) {
+      if (entity_ != nullptr) use(collection().readOnWrite());
     }
   }
 
   StageClass& owner_;
   EntityRef entity_;
-  const ColumnPlaces* column_ = nullptr;  ///< of changesLookInto
+  const ColumnPlaces* column_ = nullptr;  ///< of readSynchronously
 };
 
 /// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
 /// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers
 /// to another entity, every key of the old one is looked at again, and handled as absent where no other has
 /// it. With immediate reactions both an outer entry's coming and an inner key's change are handled inside the
-/// call that makes them. A stage that has a public `expect(outerKey, key)` is told which inner key comes
+/// call that makes them. A stage that has a public `prefetchFor(outerKey, key)` is told which inner key comes
 /// soon.
 template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued>
@@ -400,10 +402,11 @@ class NestedInput final
       parent_.handleInnerKey(outerKey_, key,
                              retiring_ ? parent_.find(outerKey_, key) : collection().find(key));
     }
-    void expect(const Key& key) const requires requires(const StageClass& stage, const OuterKey& outerKey) {
-      stage.expect(outerKey, key);
+    void prefetchFor(const Key& key) const requires
+        requires(const StageClass& stage, const OuterKey& outerKey) {
+      stage.prefetchFor(outerKey, key);
     }
-    { parent_.owner_.expect(outerKey_, key); }
+    { parent_.owner_.prefetchFor(outerKey_, key); }
     void handlePendingKey(const Key& key) {
       if (retiring_) {
         static constexpr auto kMissed = "We missed notifications that happened to " + InnerAttr::kName +

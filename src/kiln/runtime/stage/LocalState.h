@@ -22,7 +22,7 @@ template <class K, class V>
 class LocalCollection final : public LocalState {
  public:
   LocalCollection(Stage& stage, std::string_view name) : LocalState(stage, name) {
-    stage.companionIs(values_);
+    stage.prefetchSetAdd(values_);
   }
 
   /// The value under `key`, or null; valid until it is deleted.
@@ -32,7 +32,7 @@ class LocalCollection final : public LocalState {
   void del(const K& key) { values_.del(key); }
   [[nodiscard]] std::size_t size() const override { return values_.size(); }
   void clear() override { values_.clear(); }
-  /// The map itself, for Input::changesLookInto.
+  /// The map itself, for Input::readSynchronously.
   [[nodiscard]] const LocalMap<K, V>& map() const { return values_; }
   void noteState(StateDigest& digest) const override {
     digest.unordered([&](auto&& item) { values_.forEach(item); });
@@ -47,7 +47,7 @@ template <class K, class V>
 class Cache final : public LocalState {
  public:
   Cache(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {
-    stage.companionIs(values_);
+    stage.prefetchSetAdd(values_);
   }
 
   /// The remembered value, or null; valid until the cache's next change.
@@ -107,7 +107,7 @@ class GroupBy final : public LocalState {
   };
 
   GroupBy(Stage& stage, std::string_view name) : LocalState(stage, name), tracer_(stage.tracer()) {
-    stage.companionIs(groups_);
+    stage.prefetchSetAdd(groups_);
   }
 
   /// Sets or, where `value` is null, removes a member, and returns the group that is left, or null.

@@ -54,7 +54,7 @@ class PlacedKeys {
     handles_.pop_back();
     if (last != removed) {
       handles_[place] = last;
-      keys_.expect(last);
+      keys_.setLast(last);
       places_.is(keys_.key(last), {place});
     }
     keys_.release(removed);
@@ -69,7 +69,7 @@ class PlacedKeys {
     if (cursor.index > handles_.size()) cursor.index = handles_.size();
     if (cursor.index == 0) return nullptr;
     const auto handle = handles_[--cursor.index];
-    keys_.expect(handle);
+    keys_.setLast(handle);
     return &keys_.key(handle);
   }
 

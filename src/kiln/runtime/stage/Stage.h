@@ -78,12 +78,12 @@ struct StageControl {
 
 /// The collections, of one type of keys, into which the handlers of a stage look: the server's own and
 /// others.
-class Companions {
+class PrefetchSet {
  public:
   void add(const ColumnPlaces& column) { columns_.add(column); }
   /// A collection that they write.
   void addWritten(const ColumnPlaces& column) { written_.add(column); }
-  void add(const KilnPlatform::FetchedAhead& collection) { addTo(others_, collection); }
+  void add(const KilnPlatform::Prefetchable& collection) { addTo(others_, collection); }
   /// What others look into at each change that the stage makes.
   void addFollowing(const ColumnList& columns) {
     addTo(following_, columns);
@@ -96,7 +96,7 @@ class Companions {
     if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
       gather();
     const bool goes = input != nullptr && !input->has(handle);
-    const ColumnPlaces* const* const end = all_.data() + (goes ? lookedInto_ : all_.size());
+    const ColumnPlaces* const* const end = all_.data() + (goes ? readCount_ : all_.size());
     for (const ColumnPlaces* const* column = all_.data(); column != end; ++column) {
       if (*column != input) (*column)->prefetch(handle);
     }
@@ -109,7 +109,7 @@ class Companions {
     all_.clear();
     gather(columns_);
     for (const ColumnList* columns : following_) gather(*columns);
-    lookedInto_ = all_.size();
+    readCount_ = all_.size();
     gather(written_);
     gatheredAt_ = ColumnList::changes();
   }
@@ -127,13 +127,13 @@ class Companions {
 
   ColumnList columns_;
   ColumnList written_;
-  List<KilnPlatform::FetchedAhead> others_;
+  List<KilnPlatform::Prefetchable> others_;
   List<ColumnList> following_;
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
   /// The columns, those that follow and those that are written, each once, as they were when `gatheredAt_`
   /// changes had been made.
   mutable std::vector<const ColumnPlaces*> all_;
-  mutable std::size_t lookedInto_ = 0;  ///< how many of them, the first ones, are looked into
+  mutable std::size_t readCount_ = 0;  ///< how many of them, the first ones, are looked into
   mutable std::uint64_t gatheredAt_ = kNever;
 };
 
@@ -490,31 +490,32 @@ class Stage : public StageBase {
   }
   /// What the stage's handlers look into by keys of type K.
   template <class K>
-  [[nodiscard]] Companions& companions() {
+  [[nodiscard]] PrefetchSet& prefetchSet() {
     const void* const keys = &KeySpace<K>::instance();
-    Companions* known = companionsOf(keys);
-    if (known == nullptr) known = companions_.emplace_back(keys, std::make_unique<Companions>()).second.get();
+    PrefetchSet* known = prefetchSetOf(keys);
+    if (known == nullptr)
+      known = prefetchSets_.emplace_back(keys, std::make_unique<PrefetchSet>()).second.get();
     return *known;
   }
   /// The handlers look into this collection; where it files by handle, that is made cheaper.
   template <class Collection>
-  void companionIs(const Collection& collection) {
+  void prefetchSetAdd(const Collection& collection) {
     if constexpr (requires { collection.places(); }) {
-      companions<typename Collection::Key>().add(collection.places());
+      prefetchSet<typename Collection::Key>().add(collection.places());
     } else if constexpr (std::is_abstract_v<Collection>) {
-      companions<typename Collection::Key>().add(collection);
+      prefetchSet<typename Collection::Key>().add(collection);
     }
   }
   /// The handlers write this collection.
   template <class Collection>
   void writtenIs(const Collection& collection) {
     if constexpr (requires { collection.places(); }) {
-      companions<typename Collection::Key>().addWritten(collection.places());
+      prefetchSet<typename Collection::Key>().addWritten(collection.places());
     } else {
-      companionIs(collection);
+      prefetchSetAdd(collection);
     }
-    if constexpr (requires { collection.lookedIntoOnChange(); }) {
-      companions<typename Collection::Key>().addFollowing(collection.lookedIntoOnChange());
+    if constexpr (requires { collection.readOnWrite(); }) {
+      prefetchSet<typename Collection::Key>().addFollowing(collection.readOnWrite());
     }
   }
   /// The number of the next input child, and of the next pipeline, in the order of declaration.
@@ -528,7 +529,7 @@ class Stage : public StageBase {
     if (first) noteWaiting(input);
   }
   /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
-  void loneChangeIs(bool lone) { loneChange_ = lone; }
+  void setSingleEvent(bool single) { singleEvent_ = single; }
   /// A key changed again before it was handled.
   void noteCoalesced() { ++coalescedChanges_; }
   void handleScanComplete();
@@ -555,23 +556,24 @@ class Stage : public StageBase {
 
   /// A handler whose turn comes soon will look this key up, beside the one for which it is called.
   template <class K>
-  void expectKey(const K& key) const {
+  void prefetchKey(const K& key) const {
     const std::uint32_t handle = hintOf(key).handle();
     if (handle == KilnPlatform::KeyHint::kNone) {  // it is new, in all probability
-      (void)KeySpace<K>::instance().expectInIndex(key);
+      (void)KeySpace<K>::instance().prefetchIndex(key);
       return;
     }
     KeySpace<K>::instance().prefetch(handle);
-    if (const Companions* companions = companionsOf(&KeySpace<K>::instance())) companions->prefetch(handle);
+    if (const PrefetchSet* prefetchSet = prefetchSetOf(&KeySpace<K>::instance()))
+      prefetchSet->prefetch(handle);
   }
 
   /// Whether the change that is being handled came alone, among many keys.
-  [[nodiscard]] bool changeIsLone() const { return loneChange_; }
+  [[nodiscard]] bool isSingleEvent() const { return singleEvent_; }
   /// The change that is being handled goes on under this key: where it came alone, what any stage has under
   /// the key is fetched now, all at once, and not by each stage in its turn.
   template <class K>
-  void expectFurtherOn(const K& key) const {
-    if (loneChange_) [[unlikely]]
+  void prefetchDownstream(const K& key) const {
+    if (singleEvent_) [[unlikely]]
       KeySpace<K>::instance().prefetchEverywhere(key);
   }
 
@@ -589,9 +591,9 @@ class Stage : public StageBase {
   void runEvents();
   void handleInitialScanDone();
   void readyIs(bool ready);
-  [[nodiscard]] Companions* companionsOf(const void* keys) const {
-    for (const auto& [space, companions] : companions_) {
-      if (space == keys) return companions.get();
+  [[nodiscard]] PrefetchSet* prefetchSetOf(const void* keys) const {
+    for (const auto& [space, prefetchSet] : prefetchSets_) {
+      if (space == keys) return prefetchSet.get();
     }
     return nullptr;
   }
@@ -611,9 +613,9 @@ class Stage : public StageBase {
   Arrival arrivals_ = kFirstArrival;
   std::uint64_t coalescedChanges_ = 0;
   std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
-  bool loneChange_ = false;
+  bool singleEvent_ = false;
   /// By the keys' space; few.
-  std::vector<std::pair<const void*, std::unique_ptr<Companions>>> companions_;
+  std::vector<std::pair<const void*, std::unique_ptr<PrefetchSet>>> prefetchSets_;
   std::unique_ptr<InputBase> readyMachine_;
   std::unique_ptr<Task> eventTask_;
 };

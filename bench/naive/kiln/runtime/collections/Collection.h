@@ -25,23 +25,23 @@ template <class K>
 class SubscriberList {
  public:
   void add(KeySubscriber<K>& subscriber) {
-    told_.emplace_back(&subscriber, [&subscriber](const K& key) { subscriber.handleChange(key); });
+    notified_.emplace_back(&subscriber, [&subscriber](const K& key) { subscriber.handleChange(key); });
   }
   void remove(KeySubscriber<K>& subscriber) {
-    std::erase_if(told_, [&](const auto& told) { return told.first == &subscriber; });
+    std::erase_if(notified_, [&](const auto& notified) { return notified.first == &subscriber; });
   }
   /// Subscribers are not added or removed during a notification.
   void notify(const K& key) const {
-    for (const auto& [subscriber, handle] : told_) handle(key);
+    for (const auto& [subscriber, handle] : notified_) handle(key);
   }
   [[nodiscard]] bool changeWaits(const K& key) const {
-    return std::any_of(told_.begin(), told_.end(),
-                       [&](const auto& told) { return told.first->changeWaits(key); });
+    return std::any_of(notified_.begin(), notified_.end(),
+                       [&](const auto& notified) { return notified.first->changeWaits(key); });
   }
-  void forgetAll() { told_.clear(); }
+  void forgetAll() { notified_.clear(); }
 
  private:
-  std::vector<std::pair<KeySubscriber<K>*, std::function<void(const K&)>>> told_;
+  std::vector<std::pair<KeySubscriber<K>*, std::function<void(const K&)>>> notified_;
 };
 
 template <class K, class V>

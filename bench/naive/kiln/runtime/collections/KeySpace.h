@@ -18,9 +18,9 @@ class KeySpace {
     return space;
   }
   /// Nothing is prefetched.
-  [[nodiscard]] bool many() const { return false; }
+  [[nodiscard]] bool exceedsCache() const { return false; }
   void prefetch(Handle /*handle*/) const {}
-  Handle expectInIndex(const K& /*key*/) const { return 0; }
+  Handle prefetchIndex(const K& /*key*/) const { return 0; }
   void prefetchEverywhere(const K& /*key*/) const {}
   void followerIs(const KeyFollower<K>& /*follower*/) {}
   void followerDel(const KeyFollower<K>& /*follower*/) {}

@@ -42,9 +42,9 @@ class PendingKeys {
     return key;
   }
   template <class Fetch>
-  void expectFar(Fetch&& /*fetch*/) const {}
+  void prefetchFar(Fetch&& /*fetch*/) const {}
   template <class Fetch>
-  void expectNear(Fetch&& /*fetch*/) const {}
+  void prefetchNear(Fetch&& /*fetch*/) const {}
   void clear() {
     queue_.clear();
     standing_.clear();

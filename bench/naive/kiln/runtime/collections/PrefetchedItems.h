@@ -6,14 +6,15 @@
 namespace KilnEmServer {
 
 template <class C, class Item, class KeyOf, class Visit>
-void forEachExpected(const C& /*collection*/, std::span<const Item> items, KeyOf&& /*keyOf*/, Visit&& visit) {
+void forEachPrefetched(const C& /*collection*/, std::span<const Item> items, KeyOf&& /*keyOf*/,
+                       Visit&& visit) {
   for (const Item& item : items) visit(item);
 }
 
 template <class C>
-class ExpectedKeys {
+class KeyPrefetcher {
  public:
-  void expect(const C& /*collection*/, const typename C::Key& /*key*/, bool /*next*/) {}
+  void prefetch(const C& /*collection*/, const typename C::Key& /*key*/, bool /*next*/) {}
 };
 
 }  // namespace KilnEmServer
