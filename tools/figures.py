@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The table of the whole road, as Markdown, from what kiln-bench wrote.
+"""The table of the whole road, as Markdown, from the output of kiln-bench.
 
     kiln-bench --benchmark_filter='^mixed/.*/shuffled/(10000|100000|1000000)/' \\
         --benchmark_out=figures.json --benchmark_out_format=json

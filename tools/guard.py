@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Holds what an entry costs against what is recorded, without a clock.
+"""Compares the cost of an entry with its record, without a clock.
 
-    tools/guard.py build/release/bin/kiln-workload            # 1 where a figure is above its record plus room
-    tools/guard.py build/release/bin/kiln-workload --record   # writes the record anew
+    tools/guard.py build/release/bin/kiln-workload            # 1 if a figure is above its record plus tolerance
+    tools/guard.py build/release/bin/kiln-workload --record   # writes a new record
 
 Per operation: instructions (counted by valgrind's callgrind), calls of the allocator, and bytes of the server alone,
-each per entry. The figures are of one compiler and one C library: record where CI runs.
+each per entry. The figures are of one compiler and one C library: make the record on the machine that runs CI.
 """
 
 import argparse
@@ -17,10 +17,10 @@ import sys
 import tempfile
 
 RECORD = pathlib.Path(__file__).parent.parent / "bench" / "guard.json"
-# So many that memory is fetched ahead, as it is in use.
+# Enough entries for prefetching, as in production.
 ENTRIES = 8000
 ROOM = 1.04
-# Below this much a figure is as good as none: a table that grows once, a page more.
+# Differences below this are noise: a table that grows once, one more page.
 SLACK = {"instructions": 10, "allocations": 0.005, "bytes": 8}
 
 
@@ -30,7 +30,7 @@ def run_workload(binary, subject):
 
 
 def count_instructions(binary, subject):
-    """Instructions per entry and operation; of an operation that is repeated, the last time counts."""
+    """Instructions per entry and operation; of a repeated operation, the last repetition counts."""
     with tempfile.TemporaryDirectory() as directory:
         subprocess.run(
             ["valgrind", "--tool=callgrind", f"--callgrind-out-file={directory}/out", "--quiet",

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Kills a serving agent again and again, at random moments and under load, and checks what it left.
+"""Kills a serving agent again and again, at random moments and under load, and checks the remaining state.
 
 The load publishes and withdraws requests, allots and revokes VLAN domains, and removes and adds features. After each
 kill the agent is started again over the same state. Checked are:
-- nothing that was acknowledged as durable is lost, and what is found is what the operations gave up to some
-  moment after the last acknowledgement: never a later operation without an earlier one;
-- the tables of requests that were left alone see no write and no removal, whatever was killed when; none of
-  the tables does where the agent was quiet when it was killed; and by the agent's own report no entry or status that
-  was settled before and the same after was touched;
-- statuses, tables, VLAN domains and the rest equal what an agent makes of the same requests at once.
+- nothing that was acknowledged as durable is lost, and the state is the result of all operations up to some moment
+  after the last acknowledgement: never of a later operation without an earlier one;
+- the tables of requests that do not change get no write and no removal, whenever the agent is killed; if it was quiet
+  when it was killed, no table does; and by the agent's own report no entry or status that was settled before and the
+  same after was touched;
+- statuses, tables, VLAN domains and the rest equal the state of a new agent with the same requests.
 One kill in four hits an agent in the middle of its reconciliation.
 """
 
@@ -31,7 +31,7 @@ INTERFACES = 12
 
 
 class Lost(Exception):
-    """What the agent left is not what it should be."""
+    """The remaining state is not the required one."""
 
 
 def request(op, feature, database, table, key, **rest):
@@ -69,7 +69,7 @@ def busy_operation(rng, version):
 
 
 class Model:
-    """What the operations so far ask for."""
+    """The state that the operations so far request."""
 
     def __init__(self):
         self.requests = {}
@@ -128,7 +128,7 @@ class Agent:
         raise Lost("the agent does not listen")
 
     def answers(self):
-        """The answers that have come, waiting for the first; none at the end of the connection."""
+        """The received answers; waits for the first. None at the end of the connection."""
         try:
             data = self.socket.recv(1 << 20)
         except OSError:
@@ -181,7 +181,7 @@ def load(agent, rng, version, seconds):
 
 
 def comparable(dump):
-    """What of a dump depends on the requests alone. A serving agent does not sort its rows."""
+    """The part of a dump that depends on the requests alone. A serving agent does not sort its rows."""
     def in_order(part):
         return sorted(part, key=lambda row: json.dumps(row, sort_keys=True)) if isinstance(part, list) else part
     parts = {name: in_order(part) for name, part in dump.items() if name not in ("hardware", "oneMoment")}
@@ -212,7 +212,7 @@ def check_hitless(agent, quiet_before):
 
 
 def take_up(agent, model, unacknowledged, quiet_before):
-    """Finds out which of the operations that were not acknowledged stand, and checks all else."""
+    """Finds out which of the operations without acknowledgement took effect, and checks everything else."""
     agent.connect()
     agent.wait_ready()
     check_hitless(agent, quiet_before)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks formatting and runs clang-tidy over the sources; needs clang-format and clang-tidy (Debian's packages).
-# Arguments: the files to check; all sources where there are none.
+# Arguments: the files to check; all sources if there are none.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mapfile -t all < <(git ls-files '*.h' '*.cpp')

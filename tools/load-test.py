@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Measures a serving agent while one client asks for many dumps.
 
-Another client publishes one request after the other; measured are how long each answer takes, the longest time
-between two signs of life for the service manager's watchdog, and how much the agent's memory grows. Exits with 1
-if one of them is above its limit, or if an answer is not what it must be.
+Another client publishes one request after the other; measured are the time for each answer, the longest time
+between two watchdog messages to the service manager, and the growth of the agent's memory. Exits with 1 if one of
+them is above its limit, or if an answer is wrong.
 """
 
 import argparse
@@ -57,7 +57,7 @@ class Client:
 
 
 class Watch:
-    """Samples what the agent tells its service manager, and its memory, until it is stopped."""
+    """Samples the agent's messages to its service manager, and its memory, until it is stopped."""
 
     def __init__(self, directory):
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)

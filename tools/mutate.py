@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Plants the faults of sim/mutations.json one at a time and shows what catches each.
+"""Plants the faults of sim/mutations.json one at a time and shows what detects each.
 
 All faults go into one scratch copy of the tracked files, each behind a test of the environment variable KILN_MUTANT, so
-that one build serves them all. Prints a table: planted, seen by the simulation at which seed, and by which test; and of
-how many operations the minimized scenario is, and whether kiln-agent run fails on it. With --explore also: seen by the
-exploration of which small scenario, after how many deviations, and of how many operations the shortest schedule is. The
-scenarios that a fault names as "small" are explored first.
-Exit 1 if all that was run misses one.
+that one build serves them all. Prints a table: the fault, the seed at which the simulation detects it, the first test
+that fails, the number of operations of the minimized scenario, and whether kiln-agent run fails on it. With --explore
+also: the small scenario whose exploration detects it, after how many deviations, and the number of operations of the
+shortest schedule. The scenarios that a fault names as "small" are explored first.
+Exit 1 if a fault is not detected.
 """
 import argparse
 import json
@@ -30,7 +30,7 @@ inline bool kilnMutant(int number) {
 
 
 def copy_tree(root, scratch, texts):
-    """Writes only what differs, so that only that is built again."""
+    """Writes only files that differ, so that only those are built again."""
     files = subprocess.run(["git", "ls-files"], cwd=root, check=True, capture_output=True, text=True).stdout.split()
     for name in files:
         if not (root / name).is_file():
@@ -43,8 +43,8 @@ def copy_tree(root, scratch, texts):
 
 
 def plant(root, number, mutation, texts):
-    """A statement, which ends with ; or }, becomes if/else; anything else is an expression. Where the new text says
-    PLANTED, it replaces the old one as it is."""
+    """A statement, which ends with ; or }, becomes if/else; anything else is an expression. If the new text contains
+    PLANTED, it replaces the old one unchanged."""
     path, old, new = mutation["file"], mutation["old"], mutation["new"]
     text = texts.setdefault(path, (root / path).read_text())
     if text.count(old) != mutation.get("times", 1):
@@ -59,7 +59,7 @@ def plant(root, number, mutation, texts):
 
 
 def run(command, number, timeout):
-    """In a session of its own, so that what it forked ends with it."""
+    """In a session of its own, so that its child processes end with it."""
     environment = dict(os.environ, KILN_MUTANT=str(number))
     started = subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
                                errors="replace", start_new_session=True)
@@ -77,7 +77,7 @@ def ended(code):
 
 
 def judge_by_tests(binaries, number, options):
-    """The first test that fails; empty where none does."""
+    """The first test that fails; empty if none does."""
     code, told = run([binaries / "kiln-tests", "--gtest_brief=1", "--gtest_fail_fast",
                       "--gtest_filter=-Simulation.*"], number,
                      options.timeout)
@@ -94,7 +94,7 @@ def brief(text):
 
 
 def judge(binaries, number, options):
-    """By what the simulation catches the fault, and after how many seeds; both empty where it does not."""
+    """The check of the simulation that detects the fault, and the number of seeds; both empty if none does."""
     code, told = run([binaries / "kiln-sim", "--seeds", f"1..{options.seeds}", "--steps", str(options.steps),
                       "--failures", "1", "--jobs", str(options.jobs)], number, options.timeout)
     if code == 0:
@@ -104,7 +104,7 @@ def judge(binaries, number, options):
 
 
 def judge_minimized(binaries, number, seed, options):
-    """How long the minimized scenario is, and whether an agent that only executes it fails."""
+    """The length of the minimized scenario, and whether an agent that only executes it fails."""
     out = pathlib.Path(options.scratch) / "minimized.jsonl"
     code, told = run([binaries / "kiln-sim", "--seed", seed, "--steps", str(options.steps), "--minimize", "--out", out],
                      number, options.timeout)
@@ -128,7 +128,7 @@ def explorations(mutation, deviations):
 
 
 def explore(binaries, number, name, bound, options):
-    """What the exploration says is wrong, after how many deviations, of how many operations; None if all holds."""
+    """The failure that the exploration finds, its deviations and its operations; None if there is none."""
     out = pathlib.Path(options.schedules) / f"{number}-{name}.jsonl"
     code, told = run([binaries / "kiln-sim", "--explore", f"sim/small/{name}.jsonl", "--from-ready", "--deviations",
                       str(bound), "--budget", str(options.budget), "--out", out], number, 3 * options.budget)
@@ -145,7 +145,7 @@ def explore(binaries, number, name, bound, options):
 
 
 def judge_by_exploration(binaries, number, mutation, options):
-    """Four cells: scenario, deviations, operations, and what is wrong."""
+    """Four cells: scenario, deviations, operations, and the failure."""
     end = time.monotonic() + options.timeout
     for name, bound in explorations(mutation, options.explore):
         if time.monotonic() > end:
@@ -160,7 +160,7 @@ def print_row(*cells):
 
 
 def judge_all(binaries, mutations, options):
-    """Prints the table; returns how many faults nothing saw."""
+    """Prints the table; returns the number of undetected faults."""
     seeded, survivors = options.seeds != 0, 0
     heads = ["", "Planted"] + ["Simulation, at seed", "Tests", "Minimized"] * seeded
     heads += ["Small scenario", "Deviations", "Operations", "What is wrong"] * bool(options.explore)

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Where the time of each operation goes, per stage and per function, as tables in Markdown.
+"""The time of each operation, per stage and per function, as tables in Markdown.
 
     tools/profile.py build/release/bin/kiln-workload [--entries 100000] [--operations newVersion,withdraw]
 
 perf samples the thread's own clock during one operation of the whole server, on mixed requests in shuffled order.
-A sample counts for the stage in whose code it lies, what it calls included; the noting of
-changes counts for the stages that read them. What stages call in chip and store counts for these.
+A sample counts for the stage whose code was running, including the functions that it calls; recording a change
+counts for the stages that read it. Calls of stages into chip and store count for these.
 """
 
 import argparse
@@ -17,7 +17,7 @@ import subprocess
 import tempfile
 
 OPERATIONS = ["firstInsert", "newVersion", "republish", "restart", "withdraw"]
-# By the class of the innermost frame that says whose code it is; the first match counts.
+# By the class of the innermost frame that identifies an owner; the first match counts.
 OWNERS = [
     (re.compile(r"^KilnAgent::(Soft\w+|MdbRoom|PendingHwWrites)\b"), lambda match: "chip"),
     (re.compile(r"^KilnAgent::(AgentCollection|MemoryStateStore)\b"), lambda match: "store"),
@@ -26,7 +26,7 @@ OWNERS = [
     (re.compile(r"^KilnEmServer::(?:Vd|Untagged|Isem\dTag|EsemFodoVd)?ComposerSm\b"), lambda match: "ComposerSm"),
     (re.compile(r"^KilnEmServer::Resolver(?:Vd|Base)\b"), lambda match: "ResolverVd"),
     (re.compile(r"^KilnEmServer::(\w+Sm)\b"), lambda match: match[1]),
-    # An input's list of changes counts for its reader, of which a handler stands in the input's type.
+    # An input's list of changes counts for its reader; the input's type names one of the reader's handlers.
     (re.compile(r"^(?:non-virtual thunk to )?KilnEmServer::\w*Input<.*?&KilnEmServer::(?:\w*?)(ComposerSm|\w+Sm)\b"),
      lambda match: match[1]),
     (re.compile(r"^KilnBench::(publish|withdraw)\b"), lambda match: "store"),
