@@ -34,9 +34,9 @@ using KilnPlatform::ScanCursor;
 
 /// When a change of an input is handled.
 enum class Reaction : std::uint8_t {
-  queued,     ///< on the stage's task, once however often the key changed meanwhile
+  queued,     ///< on the stage's task, once however often the key changed in the meantime
   immediate,  ///< inside the call that made the change
-  none,       ///< not at all: only the initial scan looks at the collection
+  none,       ///< not at all: only the initial scan reads the collection
 };
 
 namespace detail {
@@ -52,8 +52,8 @@ struct HandlerClass<void (S::*)(Args...)> {
 template <auto Handler>
 using StageOf = typename HandlerClass<decltype(Handler)>::type;
 
-/// Runs one item of a stage's work. A range error that escapes is that item's affair: it is reported, and the
-/// stage goes on with the next.
+/// Runs one item of a stage's work. A range error that escapes affects that item only: it is reported, and
+/// the stage continues with the next.
 template <class Key, class Work>
 void runItem(Stage& stage, const Key& key, Work&& work) {
   try {
@@ -78,8 +78,8 @@ std::string inline childNameOf(std::string_view argument, int number) {
 
 }  // namespace detail
 
-/// What a stage gives itself to do: there is no collection to subscribe to or to walk. It is no part of the
-/// initial scan, unless scanItem does it.
+/// Work that a stage creates for itself: there is no collection to subscribe to or to walk. It is not part of
+/// the initial scan, unless scanItem does it.
 class WorkQueue : public InputBase {
  public:
   void checkArgument() const final {}
@@ -90,7 +90,7 @@ class WorkQueue : public InputBase {
   }
 
  protected:
-  /// Does the first of what is pending.
+  /// Does the first pending work.
   virtual void handleNext() = 0;
   /// `name` is that of the work, as of an argument.
   WorkQueue(Stage& stage, std::string_view name)
@@ -105,7 +105,7 @@ class WorkQueue : public InputBase {
 };
 
 /// The half of an input that knows its key: the pending list and the walk. `Self::handleKey(key)` handles one
-/// key; `Self::collection()` is what is walked.
+/// key; `Self::collection()` is the walked collection.
 template <class Self, class K, Reaction reaction>
 class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   using Partition = KilnPlatform::KeyPartition<K>;
@@ -214,19 +214,19 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   [[nodiscard]] bool isSelected(const K& key) const {
     return Partition::kCount == 1 || selected_[Partition::of(key)];
   }
-  /// Walks the collection once more, from its first key.
+  /// Restarts the walk over the collection at its first key.
   void restartScan() {
     cursor_ = {};
     InputBase::restartScan();
   }
 
  private:
-  /// What was written just now under so few changed keys is still in a core's own cache: an entry has about a
-  /// kilobyte in all stages, such caches half a megabyte and more.
+  /// With at most so many pending keys, recently written data is still in the core's own cache: an entry has
+  /// about a kilobyte in all stages, such caches have half a megabyte or more.
   static constexpr std::size_t kInCoreCache = 512;
 
-  /// Fetches what will be touched when it is the turn of keys that come soon: first what lies under the key
-  /// itself, later, when that is there, what the stage knows to lie elsewhere.
+  /// Prefetches the data of keys that will be handled soon: first the values under the key itself; later,
+  /// when those are in the cache, the data that the stage itself names.
   void prefetchUpcoming() {
     pending_.prefetchFar([&](auto handle) {
       const auto& collection = self().collection();
@@ -243,9 +243,9 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
     }
   }
 
-  /// Whether what the stage did not select is traced.
+  /// Whether changes that the stage did not select are traced.
   [[nodiscard]] bool traced() const { return stage_.tracer().enabled(6); }
-  /// Traces the keys that the walk's next step will pass over without looking at them.
+  /// Traces the keys that the walk's next step will skip.
   [[gnu::cold]] void traceSkipped(KilnPlatform::ScanCursor<K> ahead) {
     if constexpr (requires { self().collection().places(); }) {
       ahead.skipped.reset();
@@ -268,14 +268,14 @@ class KeyedInput : public InputBase, public KilnPlatform::KeySubscriber<K> {
   const PrefetchSet& prefetchSet_;
 };
 
-/// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value where the key is
-/// absent. `From` is the declaration's trace, with placeholders for the key and, where it names one, the
-/// value. `Select`, a function of the stage, gives the partitions whose keys the stage wants; it is called
-/// once, when the input subscribes. `Needed`, a function of the stage from the key alone, tells what a
-/// partition cannot say: keys for which it is false never join the pending list; a walk handles every key of
-/// the partitions. `Filter` is the trace of a key of another partition, without which it has none. A stage
-/// that has a public `prefetchFor(key)` is told which key comes soon, and names with `prefetchKey` those that
-/// its handler will look up beside it.
+/// from( argument.attribute[] ): calls `Handler(key, value)` for each key, with a null value if the key is
+/// absent. `From` is the declaration's trace, with placeholders for the key and, if it names one, the value.
+/// `Select`, a function of the stage, returns the partitions that the stage selects; it is called once, when
+/// the input subscribes. `Needed`, a function of the stage from the key alone, selects what a partition
+/// cannot express: keys for which it is false never join the pending list; a walk handles every key of the
+/// partitions. `Filter` is the trace of a key of another partition; without it such a key is not traced. If
+/// the stage has a public `prefetchFor(key)`, it is called for a key that will be handled soon; it calls
+/// `prefetchKey` for the keys that the handler will look up in addition.
 template <class Attr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued, auto Select = nullptr, auto Needed = nullptr,
           FixedString Filter = "">
@@ -304,7 +304,7 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
   void checkArgument() const override {
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
   }
-  /// Inside each change the stage looks its key up in its `map`: who makes the change is to fetch it ahead.
+  /// Inside each change the stage looks its key up in its `map`: the writer prefetches it.
   template <class Map>
   void readSynchronously(const Map& map) {
     if constexpr (requires { map.places(); }) {
@@ -364,11 +364,11 @@ class Input final : public KeyedInput<Input<Attr, Argument, Handler, From, react
 };
 
 /// from( argument.outer[].inner[] ): the outer collection holds references to entities, each with an inner
-/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry goes, or refers
-/// to another entity, every key of the old one is looked at again, and handled as absent where no other has
-/// it. With immediate reactions both an outer entry's coming and an inner key's change are handled inside the
-/// call that makes them. A stage that has a public `prefetchFor(outerKey, key)` is told which inner key comes
-/// soon.
+/// collection. Calls `Handler(outerKey, key, value)` for each inner key. When an outer entry is removed, or
+/// refers to another entity, every key of the old one is checked again, and handled as absent if no other
+/// entity has it. With immediate reactions both a new outer entry and a change of an inner key are handled
+/// inside the call that makes them. If the stage has a public `prefetchFor(outerKey, key)`, it is called for
+/// an inner key that will be handled soon.
 template <class OuterAttr, class InnerAttr, FixedString Argument, auto Handler, FixedString From,
           Reaction reaction = Reaction::queued>
 class NestedInput final
@@ -382,13 +382,13 @@ class NestedInput final
   using EntityRef = Ref<const typename OuterAttr::Entity>;
   using InnerRef = Ref<const typename InnerAttr::Entity>;
 
-  /// The input of one inner collection. While it retires, its walk and its pending keys only ask what became
-  /// of the keys that it had.
+  /// The input of one inner collection. While it retires, its walk and its pending keys only decide whether
+  /// the keys that it had still exist elsewhere.
   class Inner final : public KeyedInput<Inner, Key, reaction> {
     using InnerBase = KeyedInput<Inner, Key, reaction>;
 
    public:
-    static constexpr bool kInner = true;  ///< its collection is not the stage's for good
+    static constexpr bool kInner = true;  ///< the stage has its collection only temporarily
     Inner(NestedInput& parent, const OuterKey& outerKey, InnerRef entity)
         : InnerBase(parent.stage_, parent.innerName_, parent.pipeline(), parent.streamName()),
           parent_(parent),
@@ -490,7 +490,7 @@ class NestedInput final
     return !retiring_.empty();
   }
 
-  /// The outer entry under `outerKey` is new, gone or another one.
+  /// The outer entry under `outerKey` was added, removed or replaced.
   void handleKey(const OuterKey& outerKey) {
     const auto* current = collection().find(outerKey);
     if (current != nullptr) {
@@ -505,7 +505,8 @@ class NestedInput final
       inners_.erase(at);
     }
     if (current != nullptr) inners_[outerKey] = std::make_unique<Inner>(*this, outerKey, *current);
-    // The old one looks its keys up in the new one, so that a key that both have is never withdrawn between.
+    // The old one looks its keys up in the new one, so that a key that both have is never withdrawn in
+    // between.
     if (old != nullptr) {
       retiring_.push_back(std::move(old));
       retiring_.back()->retire();

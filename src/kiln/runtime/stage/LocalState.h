@@ -1,4 +1,4 @@
-// Collections of a stage's own: caches and group-bys.
+// Collections that a stage owns: caches and group-bys.
 #pragma once
 
 #include <algorithm>
@@ -42,7 +42,7 @@ class LocalCollection final : public LocalState {
   LocalMap<K, V> values_;
 };
 
-/// Remembers, per key, the value that an earlier event had.
+/// Stores, per key, the value of an earlier event.
 template <class K, class V>
 class Cache final : public LocalState {
  public:
@@ -50,19 +50,19 @@ class Cache final : public LocalState {
     stage.prefetchSetAdd(values_);
   }
 
-  /// The remembered value, or null; valid until the cache's next change.
+  /// The stored value, or null; valid until the cache's next change.
   [[nodiscard]] const V* find(const K& key) const {
     const V* value = values_.find(key);
     if (value != nullptr) tracer_.trace<7>("Got value {} with key {} from cache", *value, key);
     return value;
   }
-  /// The same for one who does not use it yet.
+  /// The same for a lookup ahead of time.
   [[nodiscard]] const V* peek(const K& key) const { return values_.find(key); }
-  /// Returns the remembered value, which stays where it is until the key is deleted.
+  /// Returns the stored value, which does not move until the key is deleted.
   const V& is(const K& key, const V& value) {
     tracer_.trace<7>("Inserting value {} with key {} into cache", value, key);
     V& remembered = values_.obtain(key);
-    // An equal one may be a key that is remembered with the place where it stands.
+    // An equal value may contain a key that is stored with its hint; that one is kept.
     if (!(remembered == value)) remembered = value;
     return remembered;
   }
@@ -81,12 +81,12 @@ class Cache final : public LocalState {
   LocalMap<K, V> values_;
 };
 
-/// Collects the events that share a group key; a group holds at most `Limit` members, which is asserted with
-/// the declaration's name for the members, `CollName`. An emptied group is removed.
+/// Groups the events that share a group key. A group holds at most `Limit` members, which is asserted with
+/// the declaration's name for the members, `CollName`. An empty group is removed.
 template <class GroupKey, class MemberKey, class V, std::size_t Limit, KilnPlatform::FixedString CollName>
 class GroupBy final : public LocalState {
  public:
-  /// What a group holds, in the order in which it came.
+  /// The members of a group, in the order in which they were added.
   class Members {
    public:
     [[nodiscard]] std::size_t size() const { return size_; }
@@ -99,7 +99,7 @@ class GroupBy final : public LocalState {
 
    private:
     friend GroupBy;
-    // Side by side in arrays there are no gaps: groups are many.
+    // Separate arrays have no padding; groups are many.
     std::array<V, Limit> values_;
     std::array<MemberKey, Limit> keys_;
     std::uint8_t size_ = 0;
@@ -110,7 +110,7 @@ class GroupBy final : public LocalState {
     stage.prefetchSetAdd(groups_);
   }
 
-  /// Sets or, where `value` is null, removes a member, and returns the group that is left, or null.
+  /// Sets or, if `value` is null, removes a member, and returns the remaining group, or null.
   const Members* update(const GroupKey& group, const MemberKey& member, const V* value) {
     if (value != nullptr) {
       tracer_.trace<7>("Inserting value {} with key {} into groupby collection with key {}", *value, member,
@@ -134,7 +134,7 @@ class GroupBy final : public LocalState {
   }
 
  private:
-  /// The member's place, or size() where the group does not have it.
+  /// The member's place, or size() if the group does not have it.
   static std::size_t placeOf(const Members& members, const MemberKey& member) {
     const auto end = members.keys_.begin() + members.size_;
     return static_cast<std::size_t>(std::find(members.keys_.begin(), end, member) - members.keys_.begin());

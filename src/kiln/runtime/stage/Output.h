@@ -1,4 +1,4 @@
-// Outputs of a stage: where its pipelines' into() statements write.
+// Outputs of a stage: the collections that the into() statements of its pipelines write.
 #pragma once
 
 #include <cstddef>
@@ -19,9 +19,9 @@ namespace KilnEmServer {
 /// What happens when a value is written under another key than its own.
 enum class KeyMismatch : std::uint8_t { report, fatal };
 
-/// An output whose owner decides alone what it holds: it is not reconciled, and its writes are not traced. If
-/// several stages write one collection, each has a public `owns(key)` that tells which keys are its own:
-/// those are withdrawn with it.
+/// An output whose content its owner alone decides: it is not reconciled, and its writes are not traced. If
+/// several stages write one collection, each has a public `owns(key)` for its own keys: those are withdrawn
+/// with it.
 template <class Attr, FixedString Argument>
 class DirectOutput final : public DeclaredOutput {
   using Key = typename Attr::Key;
@@ -42,7 +42,7 @@ class DirectOutput final : public DeclaredOutput {
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
   }
   bool insert(const Key& key, const Value& value) { return writable().is(key, value); }
-  /// Notifies also if an equal value is stored.
+  /// Notifies even if an equal value is stored.
   void insertAgain(const Key& key, const Value& value) { writable().isAgain(key, value); }
   bool erase(const Key& key) { return writable().del(key); }
   [[nodiscard]] const Value* find(const Key& key) const { return collection().find(key); }
@@ -85,19 +85,19 @@ class DirectOutput final : public DeclaredOutput {
 /// into( argument.attribute[ keyName ] ). A stage with several into statements for one output writes each
 /// under its own name for the key: `insert<"logicalKey">`, `erase<"logicalKey">`.
 ///
-/// While the output is being reconciled it notes which keys are written, and holds deletions back: a key that
-/// is withdrawn before the deletion scan goes with that scan. An output that was empty at start has nothing
-/// to compare, so nothing is noted for it.
+/// During reconciliation the output records which keys are written, and holds deletions back: a key that is
+/// withdrawn before the deletion scan is deleted by that scan. An output that was empty at start has nothing
+/// to compare, so it records nothing.
 ///
 /// What a stage has per output, under names that begin with the output's, is a member of each output here:
 /// `<output>Ready` is ready(), `<output>Reconciling` is reconciling(), `<output>ReconciliationState` is
 /// reconciliationState(), `<output>SeenIs` is seenIs(), `handle<Output>InputReady` is handleInputReady(), and
 /// `<Output>KeyType` is Key.
 ///
-/// The deletion scan leaves a key alone that the stage will still decide, since a change of the same key
-/// waits in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have keys
-/// of another type has a public `decidesLater(key)`, which says so of a key of the output. One without it is
-/// to have nothing downstream before it is complete.
+/// The deletion scan does not delete a key that the stage will still decide, since a change of the same key
+/// is pending in one of its inputs; it waits for that, a bounded number of slices. A stage whose inputs have
+/// keys of another type has a public `decidesLater(key)` for keys of the output. A stage without it must have
+/// no readers before it is complete.
 template <class Attr, FixedString Argument, FixedString KeyName, KeyMismatch mismatch = KeyMismatch::fatal>
 class Output final : public OutputBase {
   using EntityRef = Ref<typename Attr::Entity>;
@@ -125,7 +125,7 @@ class Output final : public OutputBase {
     if (entity_ == nullptr) detail::nullArgument(Argument.view(), __FILE__, __LINE__);
   }
 
-  /// Writes the value, replacing an earlier one.
+  /// Writes the value and replaces an earlier one.
   template <FixedString Name = KeyName>
   void insert(const Key& key, const Value& value) {
     if constexpr (requires { Attr::keyOf(value); }) checkOwnKey<Name>(key, Attr::keyOf(value));
@@ -143,7 +143,7 @@ class Output final : public OutputBase {
     }
   }
 
-  /// Deletes the key; later, where reconciliation holds deletions back.
+  /// Deletes the key, or records the deletion if reconciliation holds deletions back.
   template <FixedString Name = KeyName>
   void erase(const Key& key) {
     traceDeletion<Name>(key);
@@ -156,7 +156,7 @@ class Output final : public OutputBase {
     }
   }
 
-  /// Writes the value, or deletes the key where it is null.
+  /// Writes the value, or deletes the key if it is null.
   void write(const Key& key, const Value* value) {
     if (value != nullptr) {
       insert(key, *value);
@@ -165,8 +165,8 @@ class Output final : public OutputBase {
     }
   }
 
-  /// The key is seen: it is to stay as it is, though nothing was written under it yet. An earlier deletion
-  /// that is held back is forgotten. Writing a key marks it as seen, too.
+  /// Marks the key as seen: it is kept as it is, although nothing was written under it yet. A deletion that
+  /// is held back is dropped. Writing a key marks it as seen, too.
   void seenIs(const Key& key) {
     if (!reconciling()) return;
     if (markOf(key) == Mark::none && collection().has(key)) noteMark(key, Mark::awaited);
@@ -237,7 +237,7 @@ class Output final : public OutputBase {
     stage_.tracer().template trace<7>(TraceMessage<7, Key>(kText.data), key);
   }
   [[nodiscard]] auto& collection() { return Attr::of(*entity_); }
-  /// Deletes the key at the cursor. At the end the cursor stands before the first key, of any collection.
+  /// Deletes the key at the cursor. At the end the cursor is before the first key of any collection.
   template <class Keys>
   bool deleteNextOf(Keys& keys) {
     const Key* key = keys.scanNext(cursor_);
@@ -280,13 +280,13 @@ class Output final : public OutputBase {
     }
   }
 
-  /// Whether the stage decided what is stored under the key, rather than found it.
+  /// Whether the stage decided the stored value, rather than found it.
   [[nodiscard]] bool wrote(const Key& key) const {
     if (awaited_ != nullptr && awaited_->has(key)) return false;
     return !reconciling() || marks_->seen.has(key) || marks_->heldBack.has(key);
   }
 
-  /// What became of a key so far; after reconciliation only keys that are awaited have a mark.
+  /// The outcome for a key so far; after reconciliation only awaited keys have a mark.
   [[nodiscard]] Mark markOf(const Key& key) const {
     if (!noteSeen_) return Mark::inserted;
     if (awaited_->has(key)) return Mark::awaited;
@@ -349,7 +349,7 @@ class Output final : public OutputBase {
     return true;
   }
 
-  /// A key that the stage will still decide is judged at the end of the scan. True where it was deleted.
+  /// A key that the stage will still decide is checked at the end of the scan. True if it was deleted.
   bool deleteUnlessDecidedLater(const Key& key) {
     if (decidedLater(key)) {
       stage_.tracer().template trace<9>("into( {} ): k1={} will be decided later", kPath.view(), key);
@@ -371,7 +371,7 @@ class Output final : public OutputBase {
       return nullptr;
     }
   }
-  /// Whether the stage has yet to handle a change that decides the key.
+  /// Whether a change that decides the key is pending in the stage.
   [[nodiscard]] bool decidedLater(const Key& key) const {
     return stage_.changeWaits(key) || (decidesLater_ != nullptr && decidesLater_(stage_, key));
   }
@@ -397,10 +397,10 @@ class Output final : public OutputBase {
   bool noteSeen_ = false;
   bool marking_ = false;  ///< whether writes are marked: while reconciling, and while keys are awaited
   bool withdrawing_ = false;
-  bool keepsFound_ = false;  ///< whether a withdrawal leaves what the stage found and did not write
+  bool keepsFound_ = false;  ///< whether a withdrawal keeps keys that the stage found and did not write
   ScanCursor<Key> cursor_;
-  std::unique_ptr<Marks> marks_;  ///< null once they are forgotten
-  /// Keys that stay as they stood until something is known of them; null where there are none.
+  std::unique_ptr<Marks> marks_;  ///< null after reconciliation
+  /// Keys that are kept unchanged until their value is known; null if there are none.
   std::unique_ptr<Collection<Key, KilnPlatform::Unit>> awaited_;
 };
 

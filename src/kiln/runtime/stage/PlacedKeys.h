@@ -1,4 +1,4 @@
-// Sets of keys of which a key stands in one at most.
+// Disjoint key sets that share one position column.
 #pragma once
 
 #include <cstddef>
@@ -11,17 +11,19 @@
 
 namespace KilnEmServer {
 
-/// The place of a key in the array of its set. It is no state: the sets say which keys they have.
+/// The position of a key in the array of its set. It is not part of the state: the sets define which keys
+/// they have.
 struct KeyPlace {
   std::uint32_t at = 0;
   void noteState(StateDigest& /*digest*/) const {}
 };
-/// The places of the keys of several sets, each in its own; a local state of the stage that has the sets.
+/// The positions of the keys of several sets; a local state of the stage that has the sets.
 template <class K>
 using KeyPlaces = LocalCollection<K, KeyPlace>;
 
 /// One of the sets that share their `KeyPlaces`: an array of keys, in which a removal moves the last one into
-/// the hole. With the places in a column a set needs no index of its own, whose cells would lie anywhere.
+/// the hole. With the shared column a set needs no index of its own, whose cells would be scattered in
+/// memory.
 template <class K>
 class PlacedKeys {
  public:
@@ -36,14 +38,14 @@ class PlacedKeys {
   [[nodiscard]] bool empty() const { return handles_.empty(); }
   [[nodiscard]] std::size_t size() const { return handles_.size(); }
 
-  /// Adds a key that stands in none of the other sets, unless it stands in this one.
+  /// Adds a key that is in none of the other sets, unless it is in this one.
   void add(const K& key) {
     if (places_.has(key)) return;
     const auto handle = keys_.acquire(key);
     places_.is(key, {static_cast<std::uint32_t>(handles_.size())});
     handles_.emplace_back(handle);
   }
-  /// Removes a key, where it stands in this set; it stands in none of the others.
+  /// Removes a key if it is in this set; it must be in none of the others.
   void remove(const K& key) {
     const KeyPlace* found = places_.find(key);
     if (found == nullptr) return;
@@ -59,8 +61,8 @@ class PlacedKeys {
     }
     keys_.release(removed);
   }
-  /// The next key of a walk from the end of the array to its begin, or null: what was not visited yet stays
-  /// ahead of the cursor, whatever is added and removed.
+  /// The next key of a walk from the end of the array to its begin, or null: keys that were not visited yet
+  /// stay ahead of the cursor, whatever is added and removed.
   const K* scanNext(KilnPlatform::ScanCursor<K>& cursor) const {
     if (!cursor.started) {
       cursor.started = true;

@@ -238,8 +238,8 @@ bool OutputBase::deletionScan() {
   return true;
 }
 
-// How often the scan waited is left out: it ends after more waits than any scan needs. The counts are looked
-// at when the output becomes ready.
+// The number of waits of the scan is left out: it ends after more waits than any scan needs. The counts are
+// read when the output becomes ready.
 void OutputBase::noteState(StateDigest& digest) const {
   digest.add(ready_);
   digest.add(reconciling_);
@@ -389,7 +389,8 @@ bool Stage::addReads(std::vector<const void*>& collections) const {
 
 bool Stage::deleteNext() {
   const KilnPlatform::RunningStageScope scope(name());
-  // What an output holds may tell what of those before it is the stage's own: the last one is emptied first.
+  // An earlier output may decide which keys of a later one are the stage's own, so the last one is emptied
+  // first.
   const bool more = std::any_of(declaredOutputs().rbegin(), declaredOutputs().rend(),
                                 [](DeclaredOutput* output) { return output->deleteNext(); });
   if (!more) dependencyStatus_->completedDel(name());
@@ -452,7 +453,7 @@ void Stage::noteState(StateDigest& digest) const {
   digest.add(outputState_.dependencyStatusCompletedOutputReady);
   digest.add(reapRequested_);
   digest.add(eventTask_ != nullptr);
-  // Inputs of inner collections are created in the order in which these came.
+  // Inputs of inner collections are created in the order in which the collections were added.
   digest.unordered([&](auto&& item) {
     for (const InputBase* input : inputs()) item(*input);
   });
@@ -490,7 +491,7 @@ void Stage::reapInputs() {
 
 InputBase* Stage::nextInput(Arrival& limit) {
   limit = arrivals_;
-  if (waiting_.size() == 1) {  // as most of the time: there is no order to find out
+  if (waiting_.size() == 1) {  // the usual case: there is no order to determine
     InputBase* const only = waiting_.front();
     if (only->hasPending()) return only;
     only->waiting_ = false;

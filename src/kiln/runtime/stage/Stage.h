@@ -1,5 +1,5 @@
-// The stage runtime: how a stage starts, scans its inputs in slices, brings its outputs back in line after a
-// restart, reports that it is ready, and goes away.
+// The stage runtime: how a stage starts, scans its inputs in slices, reconciles its outputs after a restart,
+// reports that it is ready, and ends.
 //
 // A stage is a class derived from Stage whose members declare its dataflow: inputs
 // (kiln/runtime/stage/Input.h), outputs (kiln/runtime/stage/Output.h), groups and caches
@@ -40,17 +40,17 @@ using KilnPlatform::TaskScheduler;
 class Stage;
 class StageBase;
 
-/// How a stage is run.
+/// The settings under which a stage runs.
 struct StageControl {
   Ref<TaskScheduler> scheduler;
   int priority = 0;
   /// Scans never yield.
   bool synchronous = false;
 
-  /// To be asked after each item of work: whether the running slice has used its share.
+  /// To be called after each item of work: whether the running slice has used up its time.
   [[nodiscard]] bool shouldYield() const { return !synchronous && scheduler->taskShouldYield(); }
-  /// Calls `handleNext()` as long as `hasNext()` and the running slice has a share left, which is looked at
-  /// after each item; sets `yielded` where it was used up. Returns the number of items.
+  /// Calls `handleNext()` as long as `hasNext()` is true and the running slice has time left, which is
+  /// checked after each item; sets `yielded` if the time was used up. Returns the number of items.
   template <class HasNext, class HandleNext>
   std::size_t drainWhile(HasNext&& hasNext, HandleNext&& handleNext, bool& yielded) const {
     std::size_t items = 0;
@@ -64,8 +64,8 @@ struct StageControl {
     }
     return items;
   }
-  /// The same for a task of its own, which is told of the work done, and scheduled again where work is left:
-  /// `left()` items, or as many things of several items.
+  /// The same for a task of its own. The scheduler is notified of the work done, and the task is scheduled
+  /// again if work is left: `left()` items, or units of several items.
   template <class HasNext, class HandleNext, class Left>
   void runSlice(Task& task, HasNext&& hasNext, HandleNext&& handleNext, Left&& left) const {
     bool yielded = false;
@@ -76,22 +76,22 @@ struct StageControl {
   }
 };
 
-/// The collections, of one type of keys, into which the handlers of a stage look: the server's own and
+/// The collections, of one type of keys, that the handlers of a stage read and write: the server's own and
 /// others.
 class PrefetchSet {
  public:
   void add(const ColumnPlaces& column) { columns_.add(column); }
-  /// A collection that they write.
+  /// A collection that the handlers write.
   void addWritten(const ColumnPlaces& column) { written_.add(column); }
   void add(const KilnPlatform::Prefetchable& collection) { addTo(others_, collection); }
-  /// What others look into at each change that the stage makes.
+  /// The columns that subscribers read synchronously on each write of the stage.
   void addFollowing(const ColumnList& columns) {
     addTo(following_, columns);
     gatheredAt_ = kNever;
   }
-  /// A handler is about to look up the key of this handle, which changed in the column `input`. That one is
-  /// left out; and where it has the key no more, so is what the handlers write: most likely it will be
-  /// erased.
+  /// Prefetches for a handler that is about to look up the key of this handle, which changed in the column
+  /// `input`. That column is left out; if it no longer has the key, so are the collections that the handlers
+  /// write: most likely the key will be erased there.
   void prefetch(std::uint32_t handle, const ColumnPlaces* input = nullptr) const {
     if (gatheredAt_ != ColumnList::changes()) [[unlikely]]
       gather();
@@ -104,7 +104,7 @@ class PrefetchSet {
   }
 
  private:
-  /// The lists that follow change when stages come and go, which is seldom.
+  /// The lists change only when stages are created and destroyed, which is rare.
   [[gnu::noinline]] void gather() const {
     all_.clear();
     gather(columns_);
@@ -130,21 +130,20 @@ class PrefetchSet {
   List<KilnPlatform::Prefetchable> others_;
   List<ColumnList> following_;
   static constexpr std::uint64_t kNever = ~std::uint64_t{0};
-  /// The columns, those that follow and those that are written, each once, as they were when `gatheredAt_`
-  /// changes had been made.
+  /// All columns, the synchronously read and the written ones, each once, as of `gatheredAt_` changes.
   mutable std::vector<const ColumnPlaces*> all_;
-  mutable std::size_t readCount_ = 0;  ///< how many of them, the first ones, are looked into
+  mutable std::size_t readCount_ = 0;  ///< the first so many are read
   mutable std::uint64_t gatheredAt_ = kNever;
 };
 
-/// Something that waits in an input of a stage, for a digest in the order of arrival.
+/// A pending item in an input of a stage, for a digest in the order of arrival.
 struct PendingDigest {
   Arrival arrival;
   StateDigest::Value what;
 };
 using PendingDigests = std::vector<PendingDigest>;
 
-/// What all inputs of a stage share: the scan's state and its slices.
+/// The common part of all inputs of a stage: the scan's state and its slices.
 class InputBase {
  public:
   enum class ScanState : std::uint8_t {
@@ -177,26 +176,26 @@ class InputBase {
   [[nodiscard]] virtual bool reactsInside() const { return false; }
   /// Adds the address of each collection that is read, as a StateDigest has it.
   virtual void addReads(std::vector<const void*>& /*collections*/) const {}
-  /// Whether a change of this key of this key space waits.
+  /// Whether a change of this key of this key space is pending.
   [[nodiscard]] virtual bool changeWaits(const void* /*space*/, const void* /*key*/) const { return false; }
-  /// Whether changed keys wait, how many, and the arrival of the first of them.
+  /// Whether changed keys are pending, their number, and the arrival of the first of them.
   [[nodiscard]] virtual bool hasPending() const = 0;
   [[nodiscard]] virtual std::size_t pendingCount() const = 0;
   [[nodiscard]] virtual Arrival headArrival() const = 0;
-  /// Handles waiting keys that arrived before `limit`, until none is left or the slice has used its share,
-  /// which sets `yielded`. Returns how many it handled.
+  /// Handles pending keys that arrived before `limit`, until none is left or the slice has used up its time,
+  /// which sets `yielded`. Returns the number of handled keys.
   virtual std::size_t drain(Arrival limit, bool& yielded) = 0;
-  /// Destroys what was put aside because it might have been running; asked for by Stage::reapRequested. True
-  /// where something is still to be destroyed later.
+  /// Destroys objects that were kept because they might have been running; requested by Stage::reapRequested.
+  /// True if something must still be destroyed later.
   virtual bool reap() { return false; }
 
-  /// Describes what the input does next, beside what its collection holds and what waits.
+  /// Describes what the input does next, except for its collection's content and the pending keys.
   virtual void noteState(StateDigest& digest) const;
-  /// Adds what waits, each with the input's identity.
+  /// Adds the pending keys, each with the input's identity.
   virtual void notePending(PendingDigests& pending) const = 0;
 
  protected:
-  /// The same for an input of every stage of this class that has the same part in it.
+  /// The same for the corresponding input of every stage of this class.
   [[nodiscard]] virtual StateDigest::Value identity() const { return StateDigest::valueOf(pipeline_); }
   InputBase(Stage& stage, std::string childName, int pipeline, std::string_view streamName);
 
@@ -210,10 +209,9 @@ class InputBase {
   /// Whether the scan of the enclosing collection is complete as well; only an inner input has one.
   [[nodiscard]] virtual bool parentScanComplete() const { return false; }
   [[nodiscard]] virtual bool isChild() const { return false; }
-  /// Tells the scan task from those of other inputs with the same name.
+  /// Distinguishes the scan task from those of other inputs with the same name.
   [[nodiscard]] virtual std::string taskInstance() const;
-  /// Whether the scan may pause. One whose changes are handled at once may not: who makes a change counts on
-  /// it.
+  /// Whether the scan may pause. Synchronous inputs must finish the scan; writers rely on it.
   [[nodiscard]] virtual bool mayPause() const { return true; }
   void restartScan();
 
@@ -230,15 +228,15 @@ class InputBase {
   ScanState scanState_ = ScanState::notStarted;
   bool subscribed_ = false;
   friend Stage;
-  bool waiting_ = false;  ///< whether it stands in the stage's list
+  bool waiting_ = false;  ///< whether it is in the stage's list
   std::size_t totalItems_ = 0;
   std::size_t sizeAtPause_ = 0;
   std::unique_ptr<Task> task_;
 };
 
-/// What a stage deletes from its outputs at its end.
+/// The keys that a stage deletes from its outputs at its end.
 enum class Withdrawal : std::uint8_t {
-  written,     ///< what it wrote; what it found and did not write again stays
+  written,     ///< keys that it wrote; keys that it found and did not write again are kept
   everything,  ///< also what an earlier stage left
 };
 
@@ -251,10 +249,10 @@ class DeclaredOutput {
 
   /// Checks the argument that the output writes: a null one is a fatal assertion that names it.
   virtual void checkArgument() const = 0;
-  /// Begins a withdrawal, after which nothing but that is done.
+  /// Begins a withdrawal; afterwards only deleteNext() may be called.
   virtual void beginDeleteAll(Withdrawal /*withdrawal*/) {}
-  /// Looks at one more key of the output and deletes it if the withdrawal is about it, or forgets what was
-  /// noted of one; false if none is left.
+  /// Checks one more key of the output and deletes it if the withdrawal includes it, or drops one mark; false
+  /// if none is left.
   virtual bool deleteNext() = 0;
   /// How many keys the collection holds.
   [[nodiscard]] virtual std::size_t size() const = 0;
@@ -265,7 +263,7 @@ class DeclaredOutput {
   explicit DeclaredOutput(StageBase& stage);
 };
 
-/// What the outputs of a stage share that are reconciled against what they held before a restart.
+/// The common part of the outputs that are reconciled with their content from before a restart.
 class OutputBase : public DeclaredOutput {
  public:
   enum class ReconciliationState : std::uint8_t { skipDeletions, skipNothing };
@@ -274,7 +272,7 @@ class OutputBase : public DeclaredOutput {
 
   ~OutputBase() override;
 
-  /// The output, which may hold keys from before a restart, is to be reconciled.
+  /// Starts the reconciliation of the output, which may hold keys from before a restart.
   void startReconciling();
   /// The input scans are complete: runs a slice of the deletion scan, then becomes ready.
   void handleInputReady();
@@ -287,48 +285,48 @@ class OutputBase : public DeclaredOutput {
   [[nodiscard]] ReconciliationState reconciliationState() const { return reconciliationState_; }
   [[nodiscard]] const ReconciliationCounts& reconciliationCounts() const { return counts_; }
 
-  /// Describes how far reconciliation is and what it noted.
+  /// Describes the progress and the marks of reconciliation.
   virtual void noteState(StateDigest& digest) const;
-  /// Describes what the output holds.
+  /// Describes the output's content.
   virtual void noteContent(StateDigest& digest) const = 0;
 
  protected:
   OutputBase(Stage& stage, std::string name);
 
-  /// What became of one key so far.
+  /// The outcome for one key so far.
   enum class Mark : std::uint8_t { none, awaited, kept, rewritten, inserted, deleted };
   /// The mark after a write, given the one before it.
   static Mark markOfWrite(Mark before, bool present, bool changed);
   void countMark(Mark before, Mark after);
   void countFound(std::size_t entries) { counts_.found = entries; }
-  /// Begins to note which keys are written.
+  /// Starts to record which keys are written.
   virtual void beginSeen() = 0;
-  /// Judges the deletion scan's next key; false at the end. Sets `deleted` where it deleted the key.
+  /// Checks the deletion scan's next key; false at the end. Sets `deleted` if it deleted the key.
   virtual bool deletionScanItem(bool& deleted) = 0;
-  /// To be called where the next key cannot be judged before the stage has handled a change. True where the
-  /// scan then waits for that; not for ever, since a key may change all the time.
+  /// To be called if the next key cannot be checked before the stage has handled a change. True if the scan
+  /// then waits for that; the number of waits is limited, since a key may change all the time.
   bool mayWait();
   /// How many keys are noted as written.
   [[nodiscard]] virtual std::size_t seenCount() const = 0;
-  /// Forgets one of them.
+  /// Drops one of these marks.
   virtual void forgetNextSeen() = 0;
-  /// All are forgotten.
+  /// Drops all of them.
   virtual void endSeen() = 0;
 
   Stage& stage_;
 
  private:
-  /// Slices of the deletion scan that end because a key's change waits, at most.
+  /// Maximum number of slices of the deletion scan that end because of a pending change.
   static constexpr std::uint32_t kMostWaits = 10'000;
 
-  /// What a paused deletion scan has done in all its runs; the output knows at which key it resumes.
+  /// The work of a paused deletion scan in all its runs; the output stores the key at which it resumes.
   struct Bookmark {
     std::size_t items = 0;
     std::size_t deletions = 0;
   };
 
   [[nodiscard]] bool deletionScan();
-  /// Runs a slice of forgetting which keys were written: nobody waits for that.
+  /// Runs a slice that drops the marks of written keys; no component waits for that.
   void forgetSeen();
   void reconciliationStateIs(ReconciliationState state);
 
@@ -344,7 +342,7 @@ class OutputBase : public DeclaredOutput {
   std::unique_ptr<Task> reconciliationTask_;
 };
 
-/// A collection of a stage's own: a group-by or a cache.
+/// A collection that a stage owns: a group-by or a cache.
 class LocalState {
  public:
   LocalState(Stage& stage, std::string_view name);
@@ -361,8 +359,8 @@ class LocalState {
   std::string_view name_;
 };
 
-/// What every stage has: a name, and the entities that it declares to read and to write. A stage that follows
-/// a few changes by hand is derived from it directly.
+/// The base of every stage: a name, and the entities that it declares to read and to write. A stage that
+/// follows a few changes without inputs is derived from it directly.
 class StageBase {
  public:
   /// Entities by their addresses, in the order of declaration.
@@ -382,11 +380,11 @@ class StageBase {
   [[nodiscard]] const std::vector<OutputBase*>& outputs() const { return outputs_; }
   /// Groups and caches, with their sizes, for the check that nothing is left over.
   [[nodiscard]] const std::vector<LocalState*>& localStates() const { return localStates_; }
-  /// Number of changed keys that wait to be handled.
+  /// Number of pending keys.
   [[nodiscard]] std::size_t pendingCount() const;
   /// Whether some changes are handled inside the call that makes them.
   [[nodiscard]] virtual bool reactsInside() const;
-  /// What the stage waits for before it is complete: its own scans.
+  /// The conditions for which the stage waits before it is complete: its own scans.
   [[nodiscard]] virtual std::vector<std::string> waitsFor() const;
   /// Adds the address of each collection that the handlers may read, as a StateDigest has it. False if they
   /// may read others, too.
@@ -435,15 +433,15 @@ class Stage : public StageBase {
 
   /// Starts the stage: to be called once, by its factory.
   void initialize();
-  /// Deletes the stage's inputs' reactions and tasks, and from its outputs what the withdrawal is about; the
-  /// stage is then dead. Destruction alone leaves the outputs as they are.
+  /// Stops the stage's inputs and tasks, and deletes from its outputs the keys of the withdrawal; the stage
+  /// then does nothing more. Destruction alone keeps the outputs as they are.
   void doDeleteAll(Withdrawal withdrawal = Withdrawal::written);
-  /// The same in parts, for slices: after beginDeleteAll() the stage is dead, and each call of deleteNext()
-  /// handles one key of an output, until it returns false. Only then is the stage's name removed from the
-  /// dependency status.
+  /// The same in parts, for slices: after beginDeleteAll() the stage does nothing else, and each call of
+  /// deleteNext() handles one key of an output, until it returns false. Only then is the stage's name removed
+  /// from the dependency status.
   void beginDeleteAll(Withdrawal withdrawal = Withdrawal::written);
   bool deleteNext();
-  /// How many keys stand in the outputs.
+  /// Number of keys in the outputs.
   [[nodiscard]] std::size_t keysInOutputs() const;
 
   [[nodiscard]] std::string_view className() const { return className_; }
@@ -453,32 +451,32 @@ class Stage : public StageBase {
   [[nodiscard]] bool initialScanDone() const { return initialScanDone_; }
   [[nodiscard]] bool ready() const { return outputState_.ready; }
 
-  /// How far the initial scans are.
+  /// The progress of the initial scans.
   struct InputSmScanState {
     bool idle = false;           ///< whether all are complete, so that only changes are handled
     std::vector<bool> scanning;  ///< whether the scan of a pipeline, by its number, has not finished
   };
   [[nodiscard]] const InputSmScanState& inputSmScanState() const { return inputSmScanState_; }
-  /// How far the outputs are. The flag of each is OutputBase::ready().
+  /// The progress of the outputs. The flag of each is OutputBase::ready().
   struct OutputState {
     bool ready = false;                                 ///< whether all outputs are
     bool dependencyStatusCompletedOutputReady = false;  ///< whether the stage's name was recorded
   };
   [[nodiscard]] const OutputState& outputState() const { return outputState_; }
   [[nodiscard]] bool addReads(std::vector<const void*>& collections) const override;
-  /// Whether a change of the key waits in one of the inputs.
+  /// Whether a change of the key is pending in one of the inputs.
   template <class K>
   [[nodiscard]] bool changeWaits(const K& key) const {
     const void* const space = &KeySpace<K>::instance();
     return std::any_of(waiting_.begin(), waiting_.end(),
                        [&](const InputBase* input) { return input->changeWaits(space, &key); });
   }
-  /// Whether there are any.
+  /// Whether any key is pending.
   [[nodiscard]] bool hasPending() const {
     return std::any_of(waiting_.begin(), waiting_.end(),
                        [](const InputBase* input) { return input->hasPending(); });
   }
-  /// How many changes found their key waiting already, since the stage exists.
+  /// Number of changes of keys that were pending already, since the stage was created.
   [[nodiscard]] std::uint64_t coalescedChanges() const { return coalescedChanges_; }
   /// A stage with more state than inputs, outputs and local states adds it.
   void noteState(StateDigest& digest) const override;
@@ -488,7 +486,7 @@ class Stage : public StageBase {
     inputRemoved(input);
     std::erase(waiting_, &input);
   }
-  /// What the stage's handlers look into by keys of type K.
+  /// The collections that the stage's handlers use by keys of type K.
   template <class K>
   [[nodiscard]] PrefetchSet& prefetchSet() {
     const void* const keys = &KeySpace<K>::instance();
@@ -497,7 +495,7 @@ class Stage : public StageBase {
       known = prefetchSets_.emplace_back(keys, std::make_unique<PrefetchSet>()).second.get();
     return *known;
   }
-  /// The handlers look into this collection; where it files by handle, that is made cheaper.
+  /// Registers a collection that the handlers read, for prefetching if it stores values by handle.
   template <class Collection>
   void prefetchSetAdd(const Collection& collection) {
     if constexpr (requires { collection.places(); }) {
@@ -506,7 +504,7 @@ class Stage : public StageBase {
       prefetchSet<typename Collection::Key>().add(collection);
     }
   }
-  /// The handlers write this collection.
+  /// Registers a collection that the handlers write.
   template <class Collection>
   void writtenIs(const Collection& collection) {
     if constexpr (requires { collection.places(); }) {
@@ -523,24 +521,24 @@ class Stage : public StageBase {
   int takePipelineNumber() { return pipelineNumber_++; }
   /// The arrival number of the next key that joins a pending list.
   [[nodiscard]] Arrival arrivals() const { return arrivals_; }
-  /// A key joined the pending list of an input; where it is the `first`, sees to it that the list is drained.
+  /// A key joined the pending list of an input; if it is the `first`, schedules the handling of the list.
   void noteArrival(InputBase& input, bool first) {
     ++arrivals_;
     if (first) noteWaiting(input);
   }
-  /// Whether the change that is about to be handled came alone, and what its key has may lie far away.
+  /// Whether the change that is about to be handled is a single event whose data may not be in the cache.
   void setSingleEvent(bool single) { singleEvent_ = single; }
   /// A key changed again before it was handled.
   void noteCoalesced() { ++coalescedChanges_; }
   void handleScanComplete();
   /// An output became ready: with the last one, so does the stage.
   void handleDependencyStatusCompletedOutputInputReady();
-  /// An input has something to destroy once it can no longer be running.
+  /// An input has objects to destroy once they can no longer be running.
   void reapRequested() { reapRequested_ = true; }
   void reapInputs();
   [[nodiscard]] bool shouldYield() const { return control_.shouldYield(); }
 
-  /// Passes `passed` on; a filter that fails is traced with its expression.
+  /// Returns `passed`; a filter that fails is traced with its expression.
   template <KilnPlatform::FixedString expression>
   bool filter(bool passed) const {
     static constexpr auto kFailed = expression + " failed, terminating pipeline";
@@ -554,11 +552,11 @@ class Stage : public StageBase {
   Stage(std::string_view className, std::string name, Ref<DependencyStatus> dependencyStatus,
         StageControl control, std::string_view readyText);
 
-  /// A handler whose turn comes soon will look this key up, beside the one for which it is called.
+  /// Hint: a handler will soon look this key up, in addition to the one for which it is called.
   template <class K>
   void prefetchKey(const K& key) const {
     const std::uint32_t handle = hintOf(key).handle();
-    if (handle == KilnPlatform::KeyHint::kNone) {  // it is new, in all probability
+    if (handle == KilnPlatform::KeyHint::kNone) {  // probably a new key
       (void)KeySpace<K>::instance().prefetchIndex(key);
       return;
     }
@@ -567,10 +565,10 @@ class Stage : public StageBase {
       prefetchSet->prefetch(handle);
   }
 
-  /// Whether the change that is being handled came alone, among many keys.
+  /// Whether the change that is being handled is a single event, and the keys exceed the cache.
   [[nodiscard]] bool isSingleEvent() const { return singleEvent_; }
-  /// The change that is being handled goes on under this key: where it came alone, what any stage has under
-  /// the key is fetched now, all at once, and not by each stage in its turn.
+  /// The change that is being handled continues under this key: if it is a single event, the data of all
+  /// stages under the key is prefetched now, and not by each stage in its turn.
   template <class K>
   void prefetchDownstream(const K& key) const {
     if (singleEvent_) [[unlikely]]
@@ -580,9 +578,9 @@ class Stage : public StageBase {
   [[nodiscard]] DependencyStatus& dependencyStatus() const { return *dependencyStatus_; }
   /// Checks arguments that are neither inputs nor outputs: a null one is a fatal assertion that names it.
   virtual void checkArguments() const {}
-  /// For what a stage does besides its pipelines, once it is initialized and before its first scan.
+  /// For the additional work of a stage, once it is initialized and before its first scan.
   virtual void handleInitialized() {}
-  /// Part of the withdrawal, at its begin: ends what the stage does besides its pipelines.
+  /// The begin of the withdrawal: ends the stage's additional work.
   virtual void handleDeleteAll() {}
 
  private:
@@ -612,7 +610,7 @@ class Stage : public StageBase {
   bool reapRequested_ = false;
   Arrival arrivals_ = kFirstArrival;
   std::uint64_t coalescedChanges_ = 0;
-  std::vector<InputBase*> waiting_;  ///< inputs with changed keys, and some that had
+  std::vector<InputBase*> waiting_;  ///< inputs with pending keys, and some without
   bool singleEvent_ = false;
   /// By the keys' space; few.
   std::vector<std::pair<const void*, std::unique_ptr<PrefetchSet>>> prefetchSets_;

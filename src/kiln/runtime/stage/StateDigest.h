@@ -17,13 +17,13 @@
 
 namespace KilnEmServer {
 
-/// Collects what a state consists of, part by part: a collection, a stage, a table. Two states with the same
-/// value behave the same from then on, as far as they were described: whoever has a state describes it with
+/// Collects the content of a state, part by part: a collection, a stage, a table. Two states with the same
+/// value behave the same afterwards, as far as they were described. The owner of a state describes it with
 /// `noteState(StateDigest&)`, a walk that changes nothing.
 ///
-/// Not described are addresses, handles and counters that only grow. What is compared with such a counter is
-/// described by its rank among those that can still be compared. Nor are counts that no decision depends on,
-/// times, and what was fetched ahead.
+/// Addresses, handles and counters that only grow are not described. A number that is compared with such a
+/// counter is described by its rank among those that can still be compared. Counts on which no decision
+/// depends, times, and prefetching are not described either.
 class StateDigest {
  public:
   /// 128 bits.
@@ -38,12 +38,12 @@ class StateDigest {
     Value value;
   };
   /// Whether the orders of walks over collections belong to the state. They follow from the order in which
-  /// keys came and went; the order of the changes that a walk makes follows from them.
+  /// keys were added and removed; the order of the changes that a walk makes follows from them.
   enum class Walks : std::uint8_t { ignored, noted };
 
   explicit StateDigest(Walks walks = Walks::ignored) : walks_(walks) { parts_.reserve(256); }
 
-  /// What is added from here on belongs to this part.
+  /// Starts a part; subsequent content belongs to it.
   void begin(std::string name, const void* collection = nullptr);
 
   void add(const Value& value) {
@@ -62,8 +62,8 @@ class StateDigest {
   template <class T>
   void add(const T& value);
 
-  /// Calls `each(item)`, which is to call `item(parts...)` for each of some items, in whatever order: the
-  /// state is the same in any.
+  /// Calls `each(item)`, which must call `item(parts...)` for each of some items, in any order: the state is
+  /// the same in any.
   template <class Each>
   void unordered(Each&& each) {
     addItems(false, std::forward<Each>(each));

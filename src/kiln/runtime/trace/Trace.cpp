@@ -32,7 +32,7 @@ Tracer::~Tracer() {
   std::erase(TraceFacility::instance().tracers_, this);
 }
 
-// The texts are few: there is one per name that a message has as its part.
+// The texts are few: one per name that is part of a message.
 std::string_view Tracer::withParts(std::string_view format, std::span<const TextPart* const> parts) {
   static std::unordered_set<std::string> texts;
   std::string text;

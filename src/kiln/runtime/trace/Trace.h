@@ -40,7 +40,7 @@ struct TextPart {
   std::string_view text;
 };
 
-/// One component's way into the trace facility. A message above the component's threshold costs one
+/// One component's access to the trace facility. A message above the component's threshold costs one
 /// comparison; nothing is formatted.
 class Tracer {
  public:
@@ -130,7 +130,7 @@ class StreamTraceSink final : public TraceSink {
 /// Writes lines to a file of its own.
 class FileTraceSink final : public TraceSink {
  public:
-  /// Creates or empties the file; throws std::runtime_error where that fails.
+  /// Creates or empties the file; throws std::runtime_error on failure.
   explicit FileTraceSink(const std::string& path);
   ~FileTraceSink() override;
   void write(const TraceRecord& record) override;
