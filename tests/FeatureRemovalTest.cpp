@@ -27,9 +27,7 @@ class FeatureRemovalTest : public testing::Test {
     agent.settle();
   }
   [[nodiscard]] auto statuses() { return agent.store().statuses<Isem>(kRemovedFeature); }
-  [[nodiscard]] bool complete() const {
-    return agent.server().dependencyStatus().completedHas("isemSrvStatusSmStage-mpls");
-  }
+  [[nodiscard]] bool complete() const { return agent.server().isComplete("isemSrvStatusSmStage-mpls"); }
   [[nodiscard]] std::size_t leftovers() const {
     std::size_t sum = 0;
     for (const auto& [name, size] : agent.server().leftovers()) sum += size;
