@@ -35,7 +35,7 @@ class Draw {
     domainsAutomatic_ = oneIn(5);
     plan_.operations.reserve(2 * steps + 50);
     add(RunOperation{0});  // from here on, the number of tasks between operations is explicit
-    if (oneIn(8)) add(TableOperation{table(), std::nullopt, std::uint32_t{2}, std::nullopt});
+    if (oneIn(8)) add(TableOperation{type(), std::nullopt, std::uint32_t{2}, std::nullopt});
     add(domainsAutomatic_ ? scarceDomains() : manualDomains());
     drawTables();
     for (std::size_t step = 0; step < steps; ++step) {
@@ -59,11 +59,11 @@ class Draw {
   /// Some runs use many keys, some use a few very often.
   void drawShape() {
     types_ = 1 + below(3);
-    features_ = 2 + below(7);
+    features_ = 2 + below(KilnPlatform::allEnumValues<FeatureType>().size() - 1);
     interfaces_ = 1 + below(3);
     systemTcams_ = 1 + below(2);
     otherTypes_ = pick<std::size_t>({8, 50});
-    for (auto& type : pool_) type = static_cast<int>(1 + below(kTableTypes));
+    for (TableTag& type : pool_) type = anyType();
   }
 
   void drawWeights(std::string_view profile) {
@@ -81,8 +81,8 @@ class Draw {
   /// Some tables apply operations when they answer, or answer inside the call.
   void drawTables() {
     if (!oneIn(3)) return;
-    for (int type = 1; type <= kTableTypes; ++type) {
-      if (oneIn(2)) add(appliesOperation(static_cast<TableTag>(type)));
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      if (oneIn(2)) add(appliesOperation(type.tag));
     }
   }
   TableOperation appliesOperation(TableTag tag) {
@@ -106,8 +106,8 @@ class Draw {
   void withdrawEverything() {
     plan_.withdrawnFrom = plan_.operations.size();
     add(SettleOperation{});
-    for (int type = 1; type <= kTableTypes; ++type) {
-      add(TableOperation{static_cast<TableTag>(type), SoftTable::AnswerMode::success, {}, {}});
+    for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+      add(TableOperation{type.tag, SoftTable::AnswerMode::success, {}, {}});
     }
     KilnPlatform::forEachEnumValue<FeatureType>([&](FeatureType feature) {
       KilnPlatform::forEachEnumValue<EmType>([&](EmType database) {
@@ -118,48 +118,49 @@ class Draw {
   }
 
   FeatureType feature() {
-    return static_cast<FeatureType>(1 + below(oneIn(3) ? features_ : std::min<std::size_t>(features_, 3)));
+    return KilnPlatform::allEnumValues<FeatureType>()[below(oneIn(3) ? features_
+                                                                     : std::min<std::size_t>(features_, 3))];
   }
   IntfIdSystemTcamId interface() {
     return {1 + below(interfaces_), static_cast<std::uint16_t>(below(systemTcams_))};
   }
-  int type() { return oneIn(otherTypes_) ? static_cast<int>(1 + below(kTableTypes)) : pool_[below(types_)]; }
-  TableTag table() { return static_cast<TableTag>(type()); }
+  TableTag anyType() { return (KilnEmServer::kKeyTypeInfo.begin() + below(KilnEmServer::kKeyTypes))->tag; }
+  TableTag type() { return oneIn(otherTypes_) ? anyType() : pool_[below(types_)]; }
 
   template <class T>
   T small(std::size_t bound, std::initializer_list<T> rare) {
     return oneIn(24) ? pick(rare) : static_cast<T>(below(bound));
   }
 
-  EmComposerKey composerKey(int type) {
+  EmComposerKey composerKey(TableTag type) {
     const IntfIdSystemTcamId at = interface();
     const auto vlan = [&] { return small<std::uint16_t>(2, {4095, 4096}); };
     switch (type) {
-      case 1:
+      case TableTag::isemUntaggedEntryKey:
         return IsemUntaggedComposerKey{at.intfId, at.systemTcamId};
-      case 2:
+      case TableTag::isem1TagEntryKey:
         return Isem1TagComposerKey{at.intfId, at.systemTcamId, vlan()};
-      case 3: {
+      case TableTag::isem2TagEntryKey: {
         const auto outer = vlan();
         return Isem2TagComposerKey{at.intfId, at.systemTcamId, outer, vlan()};
       }
-      case 4:
+      case TableTag::isemInnerEthEntryKey:
         return IsemInnerEthComposerKey{static_cast<std::uint16_t>(below(3)),
                                        static_cast<std::uint8_t>(below(2))};
-      case 5:
+      case TableTag::isemMplsEntryKey:
         return IsemMplsComposerKey{static_cast<std::uint32_t>(below(3)), static_cast<std::uint8_t>(below(2))};
-      case 6:
+      case TableTag::esemFodoVdEntryKey:
         return EsemFodoVdComposerKey{at.intfId, at.systemTcamId, small<std::uint32_t>(2, {0x3ffff, 0x40000})};
-      case 7:
+      case TableTag::esemFodoEntryKey:
         return EsemFodoComposerKey{small<std::uint32_t>(4, {0x3ffff, 0x40000})};
-      case 8: {
+      case TableTag::lemVpwsAcEntryKey: {
         const auto inLif = small<std::uint32_t>(3, {0xfffff, 0x100000});
         const auto outer = vlan();
         const auto inner = vlan();
         return LemVpwsAcComposerKey{inLif, outer, inner, small<std::uint8_t>(1, {7, 8}), 0};
       }
       default:
-        return anyKey(static_cast<TableTag>(type), at);
+        return anyKey(type, at);
     }
   }
 
@@ -176,15 +177,15 @@ class Draw {
     return drawn;
   }
 
-  EmEntry entry(int type) {
-    return EmEntry::make(static_cast<KilnEmServer::EmEntryUnionTag>(type), [&](auto& entry) {
+  EmEntry entry(TableTag type) {
+    return EmEntry::make(KilnEmServer::entryTypeOf(type), [&](auto& entry) {
       if constexpr (requires { entry.lif; }) entry.lif = static_cast<std::uint32_t>(below(3));
       if constexpr (requires { entry.vsi; }) entry.vsi = static_cast<std::uint16_t>(below(2));
       if constexpr (requires { entry.outLif; }) entry.outLif = static_cast<std::uint32_t>(below(4));
     });
   }
 
-  EmRequestKey requestKey(int type) {
+  EmRequestKey requestKey(TableTag type) {
     EmRequestKey key{Hardware::Kiln::FapId::allFap(), Hardware::Kiln::LocalCoreId::all(), composerKey(type)};
     if (oneIn(8)) {
       key.fapId = Hardware::Kiln::FapId(below(2));
@@ -193,16 +194,14 @@ class Draw {
     return key;
   }
 
-  static EmType databaseOf(int type) {
-    return type == 8 ? EmType::lem : type == 6 || type == 7 ? EmType::esem : EmType::isem;
-  }
+  static EmType databaseOf(TableTag type) { return KilnEmServer::kKeyTypeInfo[type].database; }
 
   PublishOperation publish() {
-    const int number = type();
+    const TableTag tag = type();
     PublishOperation publish{feature(),
-                             databaseOf(number),
-                             requestKey(number),
-                             entry(oneIn(40) ? 1 + static_cast<int>(below(8)) : number),
+                             databaseOf(tag),
+                             requestKey(tag),
+                             entry(oneIn(40) ? anyType() : tag),
                              static_cast<std::uint32_t>(below(4)),
                              RequestKind::add,
                              oneIn(3)};
@@ -256,7 +255,7 @@ class Draw {
     const PublishOperation& moved = published_[below(published_.size())];
     const auto interfaceOfMoved = KilnSim::interfaceOf(moved.key.emComposerKey);
     if (interfaceOfMoved) allot.interface = *interfaceOfMoved;
-    const TableTag tag = interfaceOfMoved ? tagOf(moved) : table();
+    const TableTag tag = interfaceOfMoved ? tagOf(moved) : type();
     const bool refused = oneIn(2);
     const auto capacity = [&](std::uint32_t entries) {
       return TableOperation{tag, {}, refused ? entries : 1000, {}};
@@ -282,7 +281,7 @@ class Draw {
   }
 
   static TableTag tagOf(const PublishOperation& publish) {
-    return static_cast<TableTag>(static_cast<int>(publish.key.emComposerKey.tag()));
+    return KilnEmServer::tableTypeOf(publish.key.emComposerKey.tag());
   }
 
   EmType otherDatabase(EmType database) {
@@ -311,7 +310,8 @@ class Draw {
       key.localCoreId = Hardware::Kiln::LocalCoreId(below(2));
       database = EmType::isem;
     }
-    PublishOperation publish{feature(), database, key, entry(5), 1, RequestKind::add, true};
+    PublishOperation publish{feature(), database,         key, entry(TableTag::isemMplsEntryKey),
+                             1,         RequestKind::add, true};
     published_.push_back(publish);
     return publish;
   }
@@ -321,7 +321,7 @@ class Draw {
     PublishOperation publish = published_[below(published_.size())];
     switch (below(4)) {
       case 0:
-        publish.entry = entry(static_cast<int>(publish.entry.tag()));
+        publish.entry = entry(KilnEmServer::tableTypeOf(publish.entry.tag()));
         break;
       case 1:
         publish.requestKind = oneIn(2) ? RequestKind::hold : RequestKind::add;
@@ -412,7 +412,7 @@ class Draw {
       // Withdraws everything; the last requests before any table could answer them.
       for (std::size_t each = features_; each != 0; --each) {
         next_.push_back(
-            WithdrawAllOperation{static_cast<FeatureType>(each), databaseOf(static_cast<int>(tag))});
+            WithdrawAllOperation{KilnPlatform::allEnumValues<FeatureType>()[each - 1], databaseOf(tag)});
       }
       next_.push_back(RunOperation{1 + below(100)});
       for (std::size_t fresh = 1 + below(3); fresh != 0; --fresh) next_.push_back(publish());
@@ -436,7 +436,7 @@ class Draw {
 
   Operation tableOperation() {
     using Mode = SoftTable::AnswerMode;
-    const TableTag tag = table();
+    const TableTag tag = type();
     switch (below(10)) {
       case 0:
       case 1:
@@ -515,7 +515,7 @@ class Draw {
 
   Plan plan_;
   std::mt19937_64 random_;
-  std::array<int, 3> pool_{};
+  std::array<TableTag, 3> pool_{};
   std::size_t types_;
   std::size_t features_;
   std::size_t interfaces_;

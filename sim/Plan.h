@@ -23,9 +23,6 @@ struct Plan {
   std::size_t withdrawnFrom = 0;  ///< index of the first operation that is part of withdrawing everything
 };
 
-/// Types of tables, numbered from 1.
-constexpr int kTableTypes = KilnEmServer::kKeyTypes;
-
 /// Kinds of runs. `mixed` draws its weights; each of the others stresses one part of the server.
 constexpr std::array<std::string_view, 6> kProfiles = {"mixed",   "calm",    "storm",
                                                        "restart", "domains", "tables"};

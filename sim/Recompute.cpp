@@ -29,7 +29,7 @@ struct Contender {
 enum class Composed { yes, waits, fails };
 
 TableTag typeOf(const EmRequestKey& key) {
-  return static_cast<TableTag>(static_cast<int>(key.emComposerKey.tag()));
+  return KilnEmServer::tableTypeOf(key.emComposerKey.tag());
 }
 
 EmType databaseOf(TableTag type) {

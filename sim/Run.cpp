@@ -174,12 +174,12 @@ void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& f
   if (!agent_.server().isComplete("reconcileCompleteSmStage")) {
     expected.domainsAsked.insert(found.domainsAsked.begin(), found.domainsAsked.end());
   }
-  for (int type = 1; type <= kTableTypes; ++type) {
-    if (tableOf(type).held() == 0) continue;
+  for (const KilnEmServer::KeyTypeInfo& type : KilnEmServer::kKeyTypeInfo) {
+    const TableTag tag = type.tag;
+    if (tableOf(tag).held() == 0) continue;
     ++tally_.faults;
-    const auto tag = static_cast<TableTag>(type);
     const auto ofType = [&](const auto& row) {
-      return static_cast<int>(std::get<2>(row.first).emComposerKey.tag()) == type;
+      return std::get<2>(row.first).emComposerKey.tag() == type.composerType;
     };
     for (const auto& row : found.statuses) {
       if (ofType(row) && !wanted.requests.contains(row.first)) note("a status without a request\n");
@@ -187,7 +187,7 @@ void Run::setAsideUnanswered(const Wanted& wanted, Outcome& expected, Outcome& f
     std::erase_if(expected.statuses, ofType);
     std::erase_if(found.statuses, ofType);
     const auto inTable = [&](const auto& row) { return row.first.tag() == tag; };
-    if (tableOf(type).hasUnapplied()) {
+    if (tableOf(tag).hasUnapplied()) {
       std::erase_if(expected.tables, inTable);
       std::erase_if(found.tables, inTable);
     }

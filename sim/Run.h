@@ -64,7 +64,7 @@ class Run {
   bool executeOne(const T& operation);
   template <class T>
   void countFault(const T& operation);
-  KilnAgent::SoftTable& tableOf(int type) { return agent_.chip().table(static_cast<TableTag>(type)); }
+  KilnAgent::SoftTable& tableOf(TableTag type) { return agent_.chip().table(type); }
   void note(const std::string& wrong) { wrong_ += wrong; }
   void noteObserved();
   void settle();

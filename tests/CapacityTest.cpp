@@ -63,9 +63,9 @@ class Capacity : public testing::Test {
   static constexpr std::uint32_t kMax = 1000;
 
   Capacity() {
-    for (int i = 1; i <= 7; ++i) {
-      const auto tag = static_cast<ResolvedTag>(i);
-      writers[tag] = std::make_shared<CountingWriter>(tag, config, status, bench);
+    for (const KeyTypeInfo& type : kKeyTypeInfo) {
+      if (type.memory == TableMemory::none) continue;
+      writers[type.tag] = std::make_shared<CountingWriter>(type.tag, config, status, bench);
     }
     profiles->profileCapabilitiesIs(1, profileOf(kMax));
   }

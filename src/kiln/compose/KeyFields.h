@@ -72,10 +72,14 @@ typename Row::EntryKey entryKeyOf(const typename Row::ComposerKey& key, std::uin
   typename Row::EntryKey hwKey;
   forEachCommonField<Row>([&](const auto& field, const auto& hwField) {
     using Width = std::remove_reference_t<decltype(hwKey.*(hwField.member))>;
-    static_assert(sizeof(Width) <= sizeof(key.*(field.member)));
+    using Logical = std::remove_cvref_t<decltype(key.*(field.member))>;
+    static_assert(KilnPlatform::NumberValue<Width> || sizeof(Width) >= sizeof(Logical),
+                  "a narrower field of the hardware key is to check its range: use a bounded integer");
     hwKey.*(hwField.member) = Width(key.*(field.member));
   });
-  if constexpr (requires { hwKey.vlanDomain; }) hwKey.vlanDomain = decltype(hwKey.vlanDomain)(vlanDomain);
+  if constexpr (Row::kResolver == ResolverKeyUnionTag::vd) {
+    hwKey.vlanDomain = decltype(hwKey.vlanDomain)(vlanDomain);
+  }
   return hwKey;
 }
 

@@ -329,6 +329,12 @@ inline constexpr std::size_t kKeyTypes = KilnPlatform::EnumNames<EmResolvedKeyUn
 constexpr EmResolvedKeyUnionTag tableTypeOf(EmComposerKeyUnionTag composerType) {
   return static_cast<EmResolvedKeyUnionTag>(composerType);
 }
+constexpr EmResolvedKeyUnionTag tableTypeOf(EmEntryUnionTag entryType) {
+  return static_cast<EmResolvedKeyUnionTag>(entryType);
+}
+constexpr EmEntryUnionTag entryTypeOf(EmResolvedKeyUnionTag table) {
+  return static_cast<EmEntryUnionTag>(table);
+}
 constexpr EmComposerKeyUnionTag composerTypeOf(EmResolvedKeyUnionTag table) {
   return static_cast<EmComposerKeyUnionTag>(table);
 }

@@ -7,9 +7,9 @@
 namespace KilnPlatform {
 
 /// One message of the program: its level, 0 (unexpected data) to 9 (scan and reconciliation progress), and
-/// its text with `{}` placeholders, by which a sink can recognise it whatever its arguments. Names that are
-/// fixed for a stage, such as those of its outputs, are part of the text. Its address stays valid,
-/// and that of this text, until the program ends.
+/// its text with `{}` placeholders, by which a sink can recognise it whatever its arguments. The path of an
+/// output is part of the text; a name that a stage is given when it is created is an argument. Its address
+/// stays valid, and that of this text, until the program ends.
 struct TraceDescriptor {
   std::uint8_t level;
   std::string_view text;

@@ -183,6 +183,15 @@ constexpr void forEachEnumValue(Visitor&& visitor) {
   }
 }
 
+/// The values of the enumeration, in numeric order.
+template <NamedEnum E>
+constexpr auto allEnumValues() {
+  std::array<E, EnumNames<E>::kNames.size()> values{};
+  std::size_t at = 0;
+  forEachEnumValue<E>([&](E value) { values[at++] = value; });
+  return values;
+}
+
 // --- Bounded integers --------------------------------------------------------------------------------------
 
 /// An unsigned integer of `Bits` bits, stored in the smallest standard type that holds it.

@@ -82,6 +82,7 @@ void KilnEmServerSm::setupStages() {
   partStatus_ = std::make_shared<DependencyStatusRecord>();
   wiring_ = std::make_unique<Wiring>(dependencyStatus_, partStatus_, control);
   wireStages();
+  checkEachIsWired();
   dependencyManagerSm_ = std::make_unique<DependencyManagerSm>(
       "KilnEmServerDependencyManagerSm", scheduler_, kStagePriority, dependencyStatus_,
       [this](const std::string& name) { return entityExists(name); });

@@ -3,7 +3,9 @@
 
 #include <map>
 #include <utility>
+#include <vector>
 
+#include "kiln/platform/Assert.h"
 #include "kiln/platform/EmKeys.h"
 #include "kiln/platform/Ref.h"
 #include "kiln/runtime/model/EmTypes.h"
@@ -44,9 +46,16 @@ class StageOf {
   [[nodiscard]] const Ref<S>& operator()() const { return stage_; }
   void is(Ref<S> stage) { stage_ = std::move(stage); }
   void del() { stage_.reset(); }
+  /// A row creates the stage; only one may.
+  void beWired() {
+    KILN_ASSERT_MESSAGE(!wired_, "two rows create one stage");
+    wired_ = true;
+  }
+  [[nodiscard]] bool wired() const { return wired_; }
 
  private:
   Ref<S> stage_;
+  bool wired_ = false;
 };
 
 /// Where the server keeps the stages of one kind, by key.
@@ -60,6 +69,8 @@ class StagesOf {
     const auto found = stages_.find(key);
     return found == stages_.end() ? nullptr : found->second();
   }
+  /// Whether a row creates any of them.
+  [[nodiscard]] bool wired() const { return !stages_.empty(); }
   /// Calls `visitor(key, stage)` with each stage that exists, in the order of keys.
   template <class Visitor>
   void forEach(Visitor&& visitor) const {
@@ -73,17 +84,19 @@ class StagesOf {
 };
 
 /// A stage of the server, with its creator and its remover; `name()` is the reference to it.
-#define KILN_SERVER_STAGE(Class, name) \
-  StageOf<Class> name;                 \
-  void name##Is(Ref<Class> stage) {    \
-    name.is(std::move(stage));         \
-  }                                    \
-  void name##Del() {                   \
-    name.del();                        \
+#define KILN_SERVER_STAGE(Class, name)          \
+  StageOf<Class> name;                          \
+  PlaceCheck name##Check{checks_, #name, name}; \
+  void name##Is(Ref<Class> stage) {             \
+    name.is(std::move(stage));                  \
+  }                                             \
+  void name##Del() {                            \
+    name.del();                                 \
   }
 /// The same for stages by key.
 #define KILN_SERVER_STAGES(Key, Class, name)        \
   StagesOf<Key, Class> name;                        \
+  PlaceCheck name##Check{checks_, #name, name};     \
   void name##Is(const Key& key, Ref<Class> stage) { \
     name.at(key).is(std::move(stage));              \
   }                                                 \
@@ -92,6 +105,28 @@ class StagesOf {
   }
 
 class ServerStages {
+ private:
+  /// Finds out whether a row uses the place of a stage.
+  class PlaceCheck {
+   public:
+    template <class Place>
+    PlaceCheck(std::vector<const PlaceCheck*>& all, const char* name, const Place& place)
+        : name_(name),
+          place_(&place),
+          wired_([](const void* each) { return static_cast<const Place*>(each)->wired(); }) {
+      all.push_back(this);
+    }
+    PlaceCheck(const PlaceCheck&) = delete;
+    PlaceCheck& operator=(const PlaceCheck&) = delete;
+    void check() const { KILN_ASSERT_MESSAGE(wired_(place_), "no row of the wiring creates {}", name_); }
+
+   private:
+    const char* name_;
+    const void* place_;
+    bool (*wired_)(const void*);
+  };
+  std::vector<const PlaceCheck*> checks_;
+
  public:
   KILN_SERVER_STAGE(ResourceTableSm, resourceTableSm)
   KILN_SERVER_STAGE(IsemSrvConfigSm, isemSrvConfigSm)
@@ -120,6 +155,10 @@ class ServerStages {
  protected:
   ServerStages() = default;
   ~ServerStages() = default;
+  /// To be called when the rows exist: a stage that none of them creates is a failed assertion.
+  void checkEachIsWired() const {
+    for (const PlaceCheck* each : checks_) each->check();
+  }
 };
 
 #undef KILN_SERVER_STAGES

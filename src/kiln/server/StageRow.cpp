@@ -67,7 +67,12 @@ Wiring::~Wiring() {
 }
 
 StageRow& Wiring::wire(std::string stage) {
-  return *rows_.emplace_back(std::make_unique<StageRow>(std::move(stage)));
+  return add(std::move(stage), false);
+}
+
+StageRow& Wiring::add(std::string stage, bool keyed) {
+  KILN_ASSERT_MESSAGE(find(stage) == nullptr, "two rows have the name {}", stage);
+  return *rows_.emplace_back(std::make_unique<StageRow>(std::move(stage), keyed));
 }
 
 const StageRow* Wiring::find(const std::string& stage) const {

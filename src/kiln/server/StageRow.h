@@ -438,6 +438,7 @@ class StageRow {
   }
   template <class S, class Factory, class... Args>
   StageRow& addStage(std::string name, StageOf<S>& place, Factory factory, std::tuple<Args...> arguments) {
+    place.beWired();
     detail::allDeclared(arguments, uses_);
     parts_.push_back(std::make_unique<StagePart<S, Factory, Args...>>(
         std::move(name), place, std::move(factory), std::move(arguments)));
@@ -470,7 +471,7 @@ class Wiring final : private KilnPlatform::KeySubscriber<std::string> {
   /// Adds a row that differs from others in a key.
   template <class Key>
   StageRow& wire(std::string_view stage, const Key& key) {
-    return *rows_.emplace_back(std::make_unique<StageRow>(fmt::format("{}-{}", stage, key), true));
+    return add(fmt::format("{}-{}", stage, key), true);
   }
   [[nodiscard]] const std::vector<std::unique_ptr<StageRow>>& rows() const { return rows_; }
   [[nodiscard]] const StageRow* find(const std::string& stage) const;
@@ -484,6 +485,7 @@ class Wiring final : private KilnPlatform::KeySubscriber<std::string> {
   [[nodiscard]] std::vector<const StageBase*> stages() const;
 
  private:
+  StageRow& add(std::string stage, bool keyed);
   using Names = std::vector<std::string>;
 
   void handleChange(const std::string& part) override;

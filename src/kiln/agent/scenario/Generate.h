@@ -9,7 +9,7 @@ namespace KilnAgent {
 
 /// The kinds of requests in a generated scenario.
 enum class ScenarioMix : std::uint8_t {
-  metro,   ///< a metro edge: all eight key types, VLAN domains allotted by hand
+  metro,   ///< a metro edge: all key types, VLAN domains allotted by hand
   direct,  ///< only the key types that need no VLAN domain
   vlan,    ///< only the key types that need one
 };

@@ -91,7 +91,7 @@ class MemoryStateStore final : public KilnPlatform::StateStore {
   template <class Db>
   using Request = KilnTunnelNiLib::SrvConfigEntry<typename Db::ClientData>;
 
-  /// All eight features are present at first.
+  /// Every feature is present at first.
   explicit MemoryStateStore(Ref<KilnPlatform::TaskScheduler> scheduler);
   ~MemoryStateStore() override;
 

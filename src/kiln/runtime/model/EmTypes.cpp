@@ -29,14 +29,14 @@ KilnPlatform::PartitionSet<EmHwKey> partitionsOf(EmResolvedKeyUnionTag table) {
 }
 
 EmComposerKeyUnionTag emComposerTypeFromUnion(const EmComposerKey& key) {
-  const auto number = static_cast<std::size_t>(key.tag());
-  KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);
+  KILN_ASSERT_MESSAGE(visitKeyType(key.tag(), []<class Row>() {}), "Unrecognized union alternative {}",
+                      static_cast<int>(key.tag()));
   return key.tag();
 }
 
 EmResolvedKeyUnionTag emResolvedKeyEnumFromUnion(const EmResolvedKey& key) {
-  const auto number = static_cast<std::size_t>(key.tag());
-  KILN_ASSERT_MESSAGE(number >= 1 && number <= kKeyTypes, "Unrecognized union alternative {}", number);
+  KILN_ASSERT_MESSAGE(visitKeyType(key.tag(), []<class Row>() {}), "Unrecognized union alternative {}",
+                      static_cast<int>(key.tag()));
   return key.tag();
 }
 

@@ -231,6 +231,11 @@ class Output final : public OutputBase {
   template <FixedString Name>
   static constexpr auto kInto = "into( " + kPathOf<Name> + " ): ";
 
+  template <FixedString Note>
+  void traceNote(const Key& key) const {
+    static constexpr auto kText = kInto<KeyName> + Note;
+    stage_.tracer().template trace<9>(TraceMessage<9, Key>(kText.data), key);
+  }
   template <FixedString Name = KeyName>
   void traceDeletion(const Key& key) const {
     static constexpr auto kText = kInto<Name> + "deleting k1={}";
@@ -271,7 +276,7 @@ class Output final : public OutputBase {
     const bool present = collection().has(key);
     const bool changed = collection().is(key, value);
     if (before == Mark::awaited) {
-      stage_.tracer().template trace<9>("into( {} ): k1={} was awaited", kPath.view(), key);
+      traceNote<"k1={} was awaited">(key);
     }
     if (reconciling() ? noteSeen_ : before == Mark::awaited) {
       noteMark(key, markOfWrite(before, present, changed));
@@ -342,7 +347,7 @@ class Output final : public OutputBase {
     }
     const Key key = *heldBack;
     if (decidedLater(key) && mayWait()) return true;
-    stage_.tracer().template trace<9>("into( {} ): deletion of k1={} was held back", kPath.view(), key);
+    traceNote<"deletion of k1={} was held back">(key);
     deleted = collection().has(key);
     if (deleted) deleteStale(key);
     marks_->heldBack.del(key);
@@ -352,7 +357,7 @@ class Output final : public OutputBase {
   /// A key that the stage will still decide is checked at the end of the scan. True if it was deleted.
   bool deleteUnlessDecidedLater(const Key& key) {
     if (decidedLater(key)) {
-      stage_.tracer().template trace<9>("into( {} ): k1={} will be decided later", kPath.view(), key);
+      traceNote<"k1={} will be decided later">(key);
       marks_->heldBack.is(key, {});
       return false;
     }
