@@ -21,9 +21,11 @@ void Marks::write(const KilnPlatform::TraceRecord& record) {
 }
 
 std::uint64_t Marks::count(std::string_view text) const {
+  const bool isEnd = text.starts_with("...");
+  if (isEnd) text.remove_prefix(3);
   std::uint64_t sum = 0;
   for (const auto& [place, count] : counts_) {
-    if (count.text == text) sum += count.count;
+    if (isEnd ? count.text.ends_with(text) : count.text == text) sum += count.count;
   }
   return sum;
 }

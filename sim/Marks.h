@@ -18,7 +18,7 @@ class Marks final : public KilnPlatform::TraceSink {
   bool wants(const KilnPlatform::TraceDescriptor& descriptor) override;
   void write(const KilnPlatform::TraceRecord& record) override;
 
-  /// The number of messages with this text.
+  /// The number of messages with this text; after "..." with texts that end in it.
   [[nodiscard]] std::uint64_t count(std::string_view text) const;
   /// The forbidden messages since the last call.
   [[nodiscard]] std::string takeUnexpected();
