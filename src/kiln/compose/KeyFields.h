@@ -12,9 +12,6 @@
 
 namespace KilnEmServer {
 
-/// The hardware key's field that is not in the logical key: the resolver's value.
-inline constexpr std::string_view kVlanDomainField = "vlanDomain";
-
 namespace detail {
 /// Whether a field of one structure and a field of another, by their places, have the same name.
 template <class A, std::size_t a, class B, std::size_t b>

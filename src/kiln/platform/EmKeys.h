@@ -306,7 +306,6 @@ struct KeyType;
   struct KeyType<EmResolvedKeyUnionTag::stem##EntryKey> {                                         \
     static constexpr EmResolvedKeyUnionTag kTag = EmResolvedKeyUnionTag::stem##EntryKey;          \
     static constexpr EmComposerKeyUnionTag kComposerType = EmComposerKeyUnionTag::stem##EntryKey; \
-    static constexpr EmEntryUnionTag kEntryTag = EmEntryUnionTag::stem##Entry;                    \
     static constexpr KilnPlatform::FixedString kStem{#stem};                                      \
     static constexpr EmType kDatabase = EmType::database;                                         \
     static constexpr ResolverKeyUnionTag kResolver = ResolverKeyUnionTag::resolver;               \

@@ -62,7 +62,7 @@ class StageOf {
 template <class Key, class S>
 class StagesOf {
  public:
-  /// The place of a key's stage, which stays where it is.
+  /// The place of a key's stage; its address does not change.
   [[nodiscard]] StageOf<S>& at(const Key& key) { return stages_[key]; }
   /// Null if the key has none.
   [[nodiscard]] Ref<S> operator()(const Key& key) const {

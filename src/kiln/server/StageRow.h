@@ -460,7 +460,7 @@ class StageRow {
 /// All rows, in the order of the road of an entry, and what is computed from them.
 class Wiring final : private KilnPlatform::KeySubscriber<std::string> {
  public:
-  /// `dependencyStatus` is told of rows, `partStatus` of the parts of those that have several.
+  /// Completed rows are recorded in `dependencyStatus`, the parts of rows with several in `partStatus`.
   Wiring(Ref<DependencyStatus> dependencyStatus, Ref<DependencyStatus> partStatus, StageControl control);
   ~Wiring();
   Wiring(const Wiring&) = delete;
